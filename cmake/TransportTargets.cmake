@@ -1,0 +1,91 @@
+# The rules every target of the project is built by.
+
+include(GNUInstallDirs)
+
+if(CMAKE_SOURCE_DIR STREQUAL PROJECT_SOURCE_DIR)
+    find_program(CCACHE_PROGRAM ccache)
+    if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+        # The sloppiness that ccache needs to cache with a precompiled header.
+        set(CMAKE_CXX_COMPILER_LAUNCHER
+            ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${CCACHE_PROGRAM})
+    endif()
+endif()
+
+set(transport_compile_options -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual)
+set(transport_link_options "")
+if(TRANSPORT_WARNINGS_AS_ERRORS)
+    list(APPEND transport_compile_options -Werror)
+endif()
+if(TRANSPORT_SANITIZER)
+    list(APPEND transport_compile_options -fsanitize=${TRANSPORT_SANITIZER} -fno-omit-frame-pointer)
+    list(APPEND transport_link_options -fsanitize=${TRANSPORT_SANITIZER})
+    if(TRANSPORT_SANITIZER MATCHES "undefined")
+        list(APPEND transport_compile_options -fno-sanitize-recover=undefined)
+        # Type information of the host's classes lives in another object.
+        list(APPEND transport_compile_options -fno-sanitize=vptr)
+    endif()
+endif()
+if(TRANSPORT_COVERAGE)
+    list(APPEND transport_compile_options --coverage)
+    list(APPEND transport_link_options --coverage)
+endif()
+if(TRANSPORT_FUZZING)
+    list(APPEND transport_compile_options -fsanitize=fuzzer-no-link)
+endif()
+
+# transport_target(<target>): warnings, sanitizers, hidden symbols, includes
+# written from the root of the project.
+function(transport_target target)
+    target_compile_options(${target} PRIVATE ${transport_compile_options})
+    target_link_options(${target} PRIVATE ${transport_link_options})
+    set_target_properties(${target} PROPERTIES
+        CXX_VISIBILITY_PRESET hidden
+        C_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON
+        POSITION_INDEPENDENT_CODE ON)
+    get_target_property(target_type ${target} TYPE)
+    if(target_type STREQUAL "EXECUTABLE" OR target_type MATCHES "MODULE|SHARED")
+        target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+    else()
+        target_include_directories(${target} PUBLIC
+            $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/transportCom>)
+    endif()
+endfunction()
+
+# transport_library(<name> SOURCES <file>... LINKS <library>...): a static library.
+function(transport_library name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_link_libraries(${name} PUBLIC ${ARG_LINKS})
+    transport_target(${name})
+endfunction()
+
+# transport_program(<name> SOURCES <file>... LINKS <library>...)
+function(transport_program name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE ${ARG_LINKS})
+    transport_target(${name})
+endfunction()
+
+# transport_test(<name> [TIMEOUT <s>] [LABELS <label>...] SOURCES <file>... LINKS <library>...)
+# A GoogleTest program of which CTest runs every test in a process of its own,
+# each in a fresh installation root (see tests/support/testmain.cpp).
+function(transport_test name)
+    cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 120)
+    endif()
+    transport_program(${name} SOURCES ${ARG_SOURCES} LINKS ${ARG_LINKS} testsupport)
+    target_precompile_headers(${name} PRIVATE <QtCore> <gtest/gtest.h>)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
+    set(properties TIMEOUT ${ARG_TIMEOUT})
+    if(ARG_LABELS)
+        list(APPEND properties LABELS "${ARG_LABELS}")
+    endif()
+    if(ARG_SERIAL)
+        list(APPEND properties RUN_SERIAL ON)
+    endif()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+endfunction()

@@ -1,0 +1,3 @@
+#include "plugin/cabstractchannelsstate.h"
+
+CAbstractChannelsState::~CAbstractChannelsState() = default;

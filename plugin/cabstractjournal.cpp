@@ -1,0 +1,3 @@
+#include "plugin/cabstractjournal.h"
+
+CAbstractJournal::~CAbstractJournal() = default;

@@ -1,0 +1,15 @@
+#include "plugin/cabstractprotocol.h"
+
+CAbstractProtocol::~CAbstractProtocol()
+{
+    delete channel;
+}
+
+void CAbstractProtocol::start()
+{
+    wasUseful = false;
+}
+
+void CAbstractProtocol::stop()
+{
+}

@@ -1,0 +1,3 @@
+#include "plugin/cabstractprotocolfactory.h"
+
+CAbstractProtocolFactory::~CAbstractProtocolFactory() = default;

@@ -1,0 +1,3 @@
+#include "plugin/cchannel.h"
+
+CChannel::~CChannel() = default;

@@ -1,0 +1,3 @@
+#include "plugin/cchannelplugin.h"
+
+CChannelPlugin::~CChannelPlugin() = default;

@@ -1,0 +1,7 @@
+// Marks the interface classes that host and plug-in share: they stay visible
+// outside the library, so that both see one copy of their type information.
+#pragma once
+
+#include <QtGlobal>
+
+#define CHANNELAPI_EXPORT Q_DECL_EXPORT

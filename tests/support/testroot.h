@@ -1,0 +1,16 @@
+// The fresh installation that every test process runs in: the test program stands in
+// root/bin/, so that settings and data of the code under test go to root/settings/ and
+// root/data/. The root is removed when the process ends.
+#pragma once
+
+#include <QString>
+
+namespace testsupport {
+
+// The installation root of this process, without a trailing slash.
+QString installRoot();
+
+// The seed of this run: TEST_SEED from the environment, else drawn; printed when a test fails.
+unsigned seed();
+
+} // namespace testsupport
