@@ -1,0 +1,59 @@
+# shellcheck shell=bash
+# Shared by the scripts: finds the tree, installs what is missing, builds.
+# Source it; it defines functions and the variable "tree" only.
+
+tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+
+# What building, testing and demonstrating need beyond a bare Debian 12.
+packages_build=(g++ cmake ninja-build ccache qtbase5-dev libqt5serialport5-dev libgtest-dev libgmock-dev python3 binutils)
+
+say() { printf '%s\n' "$*" >&2; }
+fail() { say "error: $*"; exit 1; }
+
+missing_packages() {
+    local package
+    for package in "$@"; do
+        dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || printf '%s\n' "$package"
+    done
+}
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        fail "packages are missing and neither root nor sudo is at hand; as root, run: apt-get install ${missing[*]}"
+    fi
+}
+
+# install_missing PACKAGE...: nothing to do, and no network, when all are there.
+install_missing() {
+    command -v dpkg-query >/dev/null || fail "this script sets up Debian 12 machines; elsewhere install CMake 3.21, Ninja, a C++17 compiler, Qt 5.15 (Core, SerialPort) and GoogleTest by hand and see README.md"
+    mapfile -t missing < <(missing_packages "$@")
+    [ "${#missing[@]}" -eq 0 ] && return
+    say "installing: ${missing[*]}"
+    local log
+    log=$(mktemp)
+    if ! { as_root apt-get update && as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+        tail -n 20 "$log" >&2
+        fail "the packages could not be installed; the whole output is in $log"
+    fi
+    rm -f "$log"
+}
+
+# build_preset PRESET [TARGET...]: configures when needed and builds.
+build_preset() {
+    local preset=$1
+    shift
+    local targets=()
+    [ $# -gt 0 ] && targets=(--target "$@")
+    local log=$tree/build/configure-$preset.log
+    mkdir -p "$tree/build"
+    say "building ($preset) in build/$preset"
+    (cd "$tree" && cmake --preset "$preset") >"$log" 2>&1 || {
+        cat "$log" >&2
+        fail "configuring failed"
+    }
+    (cd "$tree" && cmake --build --preset "$preset" "${targets[@]}") >&2 || fail "building failed"
+}
