@@ -1,0 +1,98 @@
+#include "com/ccompacket.h"
+
+#include <cstring>
+
+#include <QDebug>
+#include <QtEndian>
+
+#include "com/crc.h"
+
+namespace {
+
+bool isHeader(const char* position)
+{
+    return crc16(position, CComPacket::headerCheckOffset)
+        == qFromLittleEndian<quint16>(position + CComPacket::headerCheckOffset);
+}
+
+// The first start symbol at or after from whose header check holds; end if there is none
+// before it.
+const char* findHeader(const char* from, const char* end)
+{
+    while (from < end) {
+        from = static_cast<const char*>(
+            std::memchr(from, CComPacket::startSymbol, static_cast<std::size_t>(end - from)));
+        if (!from)
+            return end;
+        if (isHeader(from))
+            return from;
+        ++from;
+    }
+    return from;
+}
+
+} // namespace
+
+void CComPacket::makePacket()
+{
+    char header[headerSize] = {startSymbol, static_cast<char>(type), static_cast<char>(number)};
+    qToLittleEndian(static_cast<quint16>(data.size()), header + lengthOffset);
+    qToLittleEndian(crc16(header, headerCheckOffset), header + headerCheckOffset);
+
+    bytes.clear();
+    bytes.reserve(headerSize + data.size() + (data.isEmpty() ? 0 : payloadCheckSize));
+    bytes.append(header, headerSize);
+    if (data.isEmpty())
+        return;
+    bytes.append(data);
+    char check[payloadCheckSize];
+    qToLittleEndian(crc32(bytes.constData(), bytes.size()), check);
+    bytes.append(check, payloadCheckSize);
+}
+
+bool CComPacket::readPacket(QByteArray* buffer)
+{
+    int taken = 0;
+    const bool found = readPacket(buffer->constData(), buffer->size(), &taken);
+    if (taken > 0)
+        buffer->remove(0, taken);
+    return found;
+}
+
+bool CComPacket::readPacket(const char* buffer, int size, int* taken)
+{
+    *taken = 0;
+    if (size < headerSize)
+        return false;
+
+    const char* const scanEnd = buffer + size - headerSize + 1; // no header fits from here on
+    const char* header = findHeader(buffer, scanEnd);
+    while (header < scanEnd) {
+        type = static_cast<quint8>(header[typeOffset]);
+        number = static_cast<quint8>(header[numberOffset]);
+        data.clear(); // an empty packet must not carry the payload of one read before
+        const int length = qFromLittleEndian<quint16>(header + lengthOffset);
+        if (length == 0) {
+            bytes = QByteArray(header, headerSize);
+            *taken = static_cast<int>(header - buffer) + headerSize;
+            return true;
+        }
+
+        const int wireSize = length + maxOverhead;
+        if (wireSize > buffer + size - header)
+            return false; // not complete: nothing is taken, not even what stands in front
+        const quint32 check = crc32(header, headerSize + length);
+        if (check == qFromLittleEndian<quint32>(header + headerSize + length)) {
+            data = QByteArray(header + headerSize, length);
+            bytes = QByteArray(header, wireSize);
+            *taken = static_cast<int>(header - buffer) + wireSize;
+            return true;
+        }
+        qDebug() << "Packet header received, but data is corrupted" << int(type) << int(number) << length;
+        // Peers go on one byte behind the header, and so must we: the payload may hold
+        // the next packet. This can lead beyond scanEnd.
+        header = findHeader(header + headerSize + 1, scanEnd);
+    }
+    *taken = static_cast<int>(header - buffer);
+    return false;
+}

@@ -1,0 +1,46 @@
+// The unit that two link channels exchange: a numbered slice of a host's stream, or a
+// list of the numbers that have arrived. docs/link-protocol.md draws the bytes.
+#pragma once
+
+#include <QByteArray>
+
+enum PacketType : quint8
+{
+    DataPacket = 0,
+    ConfirmationPacket = 1,
+};
+
+// A value; operations on different packets may run in different threads.
+class CComPacket
+{
+public:
+    // The wire image, in bytes; numbers of more than one byte are little-endian.
+    static constexpr char startSymbol = 0x7C;
+    static constexpr int typeOffset = 1;
+    static constexpr int numberOffset = 2;
+    static constexpr int lengthOffset = 3;                     // 2 bytes: the payload's
+    static constexpr int headerCheckOffset = lengthOffset + 2; // 2 bytes: crc16 of what stands before it
+    static constexpr int headerSize = headerCheckOffset + 2;
+    static constexpr int payloadCheckSize = 4; // crc32 of header and payload, if there is a payload
+    static constexpr int maxOverhead = headerSize + payloadCheckSize;
+
+    // Fills bytes from type, number and data. The length field holds the low 16 bits of
+    // the payload's size, so a payload of more than 65535 bytes cannot be read back.
+    void makePacket();
+
+    // Takes one packet from the front of buffer: true if a whole one was there, which is
+    // then in this object and gone from buffer together with what stood in front of it.
+    // False otherwise; what can no longer become a packet may be gone from buffer all the
+    // same, and this object may have changed.
+    bool readPacket(QByteArray* buffer);
+
+    // The same over bytes that stay where they are: *taken becomes the number of bytes
+    // that readPacket would have removed from their front.
+    bool readPacket(const char* buffer, int size, int* taken);
+
+    quint8 type = DataPacket; // a PacketType; other values travel, and are ignored
+    quint8 number = 0;        // of a data packet: 255 is followed by 0
+    QByteArray data;          // payload: a slice of the stream, or one confirmed number a byte
+    QByteArray bytes;         // the wire image
+    qint64 sentTime = 0;      // last written, ms since the epoch; 0: never. Not on the wire
+};
