@@ -1,0 +1,313 @@
+#include "sim/ptyendpoint.h"
+
+#include "sim/linetable.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+// Not <termios.h>: only the kernel's own record holds the speed as a number.
+#include <asm/termbits.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <QFile>
+
+namespace sim {
+
+namespace {
+
+// A program killed between claiming room and writing leaves a claim behind; a claim that
+// stays this long with nothing to read is such a one.
+constexpr std::int64_t lostReservationMs = 200;
+
+struct LinePair {
+    int line;
+    unsigned tiocm;
+};
+
+constexpr LinePair modemPairs[] = {{LineDsr, TIOCM_DSR}, {LineDcd, TIOCM_CAR}, {LineRi, TIOCM_RNG}, {LineCts, TIOCM_CTS}};
+constexpr LinePair programPairs[] = {{LineDtr, TIOCM_DTR}, {LineRts, TIOCM_RTS}};
+
+std::int64_t nowMs()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+bool makeRaw(int fd)
+{
+    termios2 settings;
+    if (ioctl(fd, TCGETS2, &settings) != 0)
+        return false;
+    settings.c_iflag = 0;
+    settings.c_oflag = 0;
+    settings.c_lflag = 0;
+    settings.c_cflag = (settings.c_cflag & ~static_cast<tcflag_t>(CSIZE | PARENB)) | CS8 | CREAD | CLOCAL;
+    settings.c_cc[VMIN] = 1;
+    settings.c_cc[VTIME] = 0;
+    return ioctl(fd, TCSETS2, &settings) == 0;
+}
+
+} // namespace
+
+PtyEndpoint::PtyEndpoint(const QString& linkPath) : m_linkPath(linkPath)
+{
+    plugIn();
+}
+
+PtyEndpoint::~PtyEndpoint()
+{
+    unplug();
+}
+
+QString PtyEndpoint::portPath() const
+{
+    return m_linkPath.isEmpty() ? m_slavePath : m_linkPath;
+}
+
+void PtyEndpoint::setModemLines(int lines)
+{
+    if (!m_row)
+        return;
+    unsigned bits = 0;
+    for (const LinePair& pair : modemPairs)
+        bits |= lines & pair.line ? pair.tiocm : 0;
+    m_row->modemLines.store(bits);
+}
+
+int PtyEndpoint::modemLines() const
+{
+    int lines = 0;
+    for (const LinePair& pair : modemPairs)
+        lines |= m_row && (m_row->modemLines.load() & pair.tiocm) ? pair.line : 0;
+    return lines;
+}
+
+int PtyEndpoint::programLines() const
+{
+    int lines = 0;
+    for (const LinePair& pair : programPairs)
+        lines |= m_row && (m_row->programLines.load() & pair.tiocm) ? pair.line : 0;
+    return lines;
+}
+
+bool PtyEndpoint::programSetsLines() const
+{
+    return m_row && m_row->programSets.load() != 0;
+}
+
+unsigned PtyEndpoint::dtrDrops() const
+{
+    return m_row ? m_row->dtrDrops.load() : 0;
+}
+
+int PtyEndpoint::baudRate() const
+{
+    termios2 settings;
+    if (m_slave < 0 || ioctl(m_slave, TCGETS2, &settings) != 0)
+        return 0;
+    return static_cast<int>(settings.c_ospeed);
+}
+
+QByteArray PtyEndpoint::read(qint64 maxBytes)
+{
+    constexpr qint64 chunk = 4096;
+    QByteArray data;
+    if (!isOpen())
+        return data;
+    dropDiscarded();
+    while (maxBytes < 0 || data.size() < maxBytes) {
+        const int before = data.size();
+        const qint64 wanted = maxBytes < 0 ? chunk : std::min(chunk, maxBytes - before);
+        data.resize(before + static_cast<int>(wanted));
+        const qint64 got = readMaster(data.data() + before, wanted);
+        data.resize(before + static_cast<int>(std::max<qint64>(got, 0)));
+        if (got <= 0)
+            break;
+    }
+    if (data.isEmpty() && maxBytes != 0)
+        forgetLostReservation();
+    else
+        m_idleSinceMs = -1;
+    return data;
+}
+
+qint64 PtyEndpoint::write(const QByteArray& data)
+{
+    if (!isOpen())
+        return -1;
+    qint64 sent = 0;
+    while (sent < data.size()) {
+        const ssize_t done = ::write(m_master, data.constData() + sent, static_cast<size_t>(data.size() - sent));
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done <= 0)
+            break;
+        sent += done;
+    }
+    return sent;
+}
+
+void PtyEndpoint::setDepth(int bytes)
+{
+    m_depth = bytes;
+    if (m_row)
+        m_row->depth.store(bytes);
+}
+
+qint64 PtyEndpoint::bytesFromProgram() const
+{
+    return m_row ? static_cast<qint64>(m_row->outstanding()) : 0;
+}
+
+void PtyEndpoint::unplug()
+{
+    if (!isOpen())
+        return;
+    // The link goes first, so that nobody finds the dying port; not when another took it over.
+    if (!m_linkPath.isEmpty() && QFile::symLinkTarget(m_linkPath) == m_slavePath)
+        QFile::remove(m_linkPath);
+    closePty();
+}
+
+bool PtyEndpoint::plugIn()
+{
+    if (isOpen())
+        return true;
+    m_errorString.clear();
+    return openPty() && claimRow() && makeLink();
+}
+
+bool PtyEndpoint::fail(const QString& what)
+{
+    m_errorString = QStringLiteral("%1: %2").arg(what, QString::fromLocal8Bit(strerror(errno)));
+    closePty();
+    return false;
+}
+
+bool PtyEndpoint::openPty()
+{
+    m_master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    if (m_master < 0)
+        return fail(QStringLiteral("cannot open a pseudo-terminal"));
+    char path[128];
+    if (grantpt(m_master) != 0 || unlockpt(m_master) != 0 || ptsname_r(m_master, path, sizeof(path)) != 0)
+        return fail(QStringLiteral("cannot unlock the pseudo-terminal"));
+    m_slavePath = QString::fromLocal8Bit(path);
+    m_slave = ::open(path, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (m_slave < 0 || !makeRaw(m_slave))
+        return fail(QStringLiteral("cannot set up %1").arg(m_slavePath));
+    return true;
+}
+
+bool PtyEndpoint::claimRow()
+{
+    int number = -1;
+    if (ioctl(m_master, TIOCGPTN, &number) != 0)
+        return fail(QStringLiteral("cannot learn the number of %1").arg(m_slavePath));
+    LineTable* table = makeLineTable();
+    if (!table)
+        return fail(QStringLiteral("cannot use the table of modem lines %1")
+                        .arg(QString::fromLocal8Bit(qgetenv(lineTableVariable))));
+    LineRow* row = lineRow(table, number);
+    if (!row) {
+        errno = ERANGE;
+        return fail(QStringLiteral("no room in the table of modem lines for %1").arg(m_slavePath));
+    }
+    row->modemLines.store(0);
+    row->programLines.store(0);
+    row->programSets.store(0);
+    row->dtrDrops.store(0);
+    row->depth.store(m_depth);
+    row->written.store(0);
+    row->taken.store(0);
+    row->discardedUpTo.store(0);
+    row->owner.store(getpid());
+    m_row = row;
+    m_idleSinceMs = -1;
+    return true;
+}
+
+bool PtyEndpoint::makeLink()
+{
+    if (m_linkPath.isEmpty())
+        return true;
+    // Under a name of its own first, so that the link is never missing nor half made.
+    const QByteArray link = QFile::encodeName(m_linkPath);
+    const QByteArray fresh = link + '.' + QByteArray::number(getpid());
+    ::unlink(fresh.constData());
+    if (::symlink(QFile::encodeName(m_slavePath).constData(), fresh.constData()) != 0
+        || ::rename(fresh.constData(), link.constData()) != 0) {
+        const int error = errno;
+        ::unlink(fresh.constData());
+        errno = error;
+        return fail(QStringLiteral("cannot make the link %1").arg(m_linkPath));
+    }
+    return true;
+}
+
+void PtyEndpoint::closePty()
+{
+    if (m_row) {
+        m_row->modemLines.store(0);
+        m_row->owner.store(0);
+        m_row = nullptr;
+    }
+    if (m_slave >= 0)
+        ::close(m_slave);
+    if (m_master >= 0)
+        ::close(m_master);
+    m_slave = -1;
+    m_master = -1;
+}
+
+qint64 PtyEndpoint::readMaster(char* data, qint64 maxBytes)
+{
+    ssize_t got;
+    do {
+        got = ::read(m_master, data, static_cast<size_t>(maxBytes));
+    } while (got < 0 && errno == EINTR);
+    if (got > 0)
+        countTaken(got);
+    return got;
+}
+
+// Never beyond what was written: bytes from a program without the ptylines object are not
+// counted there.
+void PtyEndpoint::countTaken(qint64 bytes)
+{
+    const std::uint64_t taken = m_row->taken.load() + static_cast<std::uint64_t>(bytes);
+    m_row->taken.store(std::min(taken, m_row->written.load()));
+}
+
+void PtyEndpoint::dropDiscarded()
+{
+    char sink[4096];
+    for (;;) {
+        const std::uint64_t upTo = m_row->discardedUpTo.load();
+        const std::uint64_t taken = m_row->taken.load();
+        if (taken >= upTo || readMaster(sink, static_cast<qint64>(std::min<std::uint64_t>(sizeof(sink), upTo - taken))) <= 0)
+            return;
+    }
+}
+
+void PtyEndpoint::forgetLostReservation()
+{
+    const std::uint64_t written = m_row->written.load();
+    if (written == m_row->taken.load()) {
+        m_idleSinceMs = -1;
+    } else if (m_idleSinceMs < 0 || m_idleWritten != written) {
+        m_idleWritten = written;
+        m_idleSinceMs = nowMs();
+    } else if (nowMs() - m_idleSinceMs > lostReservationMs) {
+        m_row->taken.store(written);
+        m_idleSinceMs = -1;
+    }
+}
+
+} // namespace sim

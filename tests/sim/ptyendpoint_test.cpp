@@ -1,0 +1,529 @@
+// Modem lines, bounded depth and unplugging of a pty, as QSerialPort and plain system
+// calls see them through the ptylines object.
+#include "sim/ptyendpoint.h"
+
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
+
+#include <cerrno>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/uio.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QSerialPort>
+
+#include <gtest/gtest.h>
+
+using sim::PtyEndpoint;
+using testsupport::waitFor;
+
+namespace {
+
+class PtyEndpointTest : public testing::Test
+{
+protected:
+    bool open(QSerialPort& port, const PtyEndpoint& endpoint)
+    {
+        port.setPortName(endpoint.portPath());
+        return port.open(QIODevice::ReadWrite);
+    }
+
+    // A slave opened with plain calls.
+    int openFd(const PtyEndpoint& endpoint, int flags = O_NONBLOCK)
+    {
+        m_fd = ::open(QFile::encodeName(endpoint.portPath()).constData(), O_RDWR | O_NOCTTY | O_CLOEXEC | flags);
+        return m_fd;
+    }
+
+    void TearDown() override
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+
+    QString linkPath() const { return testsupport::installRoot() + QStringLiteral("/modem1"); }
+
+    int m_fd = -1;
+};
+
+int outQueue(int fd)
+{
+    int bytes = -1;
+    return ioctl(fd, TIOCOUTQ, &bytes) == 0 ? bytes : -1;
+}
+
+short pollFor(int fd, short events, int timeoutMs)
+{
+    pollfd entry{fd, events, 0};
+    return poll(&entry, 1, timeoutMs) > 0 ? entry.revents : 0;
+}
+
+TEST_F(PtyEndpointTest, OpensAndNamesASlave)
+{
+    PtyEndpoint endpoint;
+    ASSERT_TRUE(endpoint.isOpen()) << endpoint.errorString().toStdString();
+    EXPECT_TRUE(endpoint.portPath().startsWith(QStringLiteral("/dev/pts/")));
+    EXPECT_TRUE(QFile::exists(endpoint.portPath()));
+    EXPECT_GE(endpoint.masterFd(), 0);
+}
+
+TEST_F(PtyEndpointTest, ModemLinesAreSeenByTheProgramAtOnce)
+{
+    PtyEndpoint endpoint;
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint)) << port.errorString().toStdString();
+    const struct {
+        int line;
+        QSerialPort::PinoutSignal pin;
+    } pairs[] = {{sim::LineDsr, QSerialPort::DataSetReadySignal},
+                 {sim::LineDcd, QSerialPort::DataCarrierDetectSignal},
+                 {sim::LineRi, QSerialPort::RingIndicatorSignal},
+                 {sim::LineCts, QSerialPort::ClearToSendSignal}};
+    for (const auto& pair : pairs) {
+        endpoint.setModemLines(pair.line);
+        EXPECT_EQ(endpoint.modemLines(), pair.line);
+        EXPECT_EQ(port.pinoutSignals(), QSerialPort::PinoutSignals(pair.pin));
+    }
+    endpoint.setModemLines(sim::LineDsr | sim::LineCts);
+    EXPECT_EQ(port.pinoutSignals(),
+              QSerialPort::PinoutSignals(QSerialPort::DataSetReadySignal | QSerialPort::ClearToSendSignal));
+    endpoint.setModemLines(0);
+    EXPECT_EQ(port.pinoutSignals(), QSerialPort::PinoutSignals(QSerialPort::NoSignal));
+    EXPECT_EQ(port.error(), QSerialPort::NoError);
+}
+
+TEST_F(PtyEndpointTest, ProgramLinesAreSeenByTheModemAtOnce)
+{
+    PtyEndpoint endpoint;
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint));
+    EXPECT_FALSE(endpoint.programLines() & sim::LineDtr);
+    ASSERT_TRUE(port.setDataTerminalReady(true)) << port.errorString().toStdString();
+    EXPECT_TRUE(endpoint.programLines() & sim::LineDtr);
+    EXPECT_TRUE(endpoint.programSetsLines());
+    ASSERT_TRUE(port.setRequestToSend(true));
+    EXPECT_EQ(endpoint.programLines(), sim::LineDtr | sim::LineRts);
+    EXPECT_EQ(port.pinoutSignals(),
+              QSerialPort::PinoutSignals(QSerialPort::DataTerminalReadySignal | QSerialPort::RequestToSendSignal));
+    ASSERT_TRUE(port.setDataTerminalReady(false));
+    EXPECT_EQ(endpoint.programLines(), sim::LineRts);
+    EXPECT_EQ(endpoint.dtrDrops(), 1u);
+    ASSERT_TRUE(port.setRequestToSend(false));
+    EXPECT_EQ(endpoint.programLines(), 0);
+}
+
+TEST_F(PtyEndpointTest, AShortDropOfDtrIsCounted)
+{
+    PtyEndpoint endpoint;
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint));
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(port.setDataTerminalReady(true));
+        ASSERT_TRUE(port.setDataTerminalReady(false));
+    }
+    ASSERT_TRUE(port.setDataTerminalReady(false));
+    EXPECT_EQ(endpoint.dtrDrops(), 3u);
+}
+
+TEST_F(PtyEndpointTest, SetReplacesBothLinesAndNothingElse)
+{
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint);
+    endpoint.setModemLines(sim::LineDsr);
+    int lines = TIOCM_RTS | TIOCM_CAR;
+    ASSERT_EQ(ioctl(fd, TIOCMSET, &lines), 0);
+    EXPECT_EQ(endpoint.programLines(), sim::LineRts);
+    EXPECT_EQ(endpoint.modemLines(), sim::LineDsr);
+    lines = TIOCM_DTR;
+    ASSERT_EQ(ioctl(fd, TIOCMSET, &lines), 0);
+    EXPECT_EQ(endpoint.programLines(), sim::LineDtr);
+}
+
+TEST_F(PtyEndpointTest, LinesOfOnePtyAreNotThoseOfAnother)
+{
+    PtyEndpoint first;
+    PtyEndpoint second;
+    QSerialPort port;
+    ASSERT_TRUE(open(port, second));
+    first.setModemLines(sim::LineDsr | sim::LineDcd);
+    EXPECT_EQ(port.pinoutSignals(), QSerialPort::PinoutSignals(QSerialPort::NoSignal));
+    ASSERT_TRUE(port.setDataTerminalReady(true));
+    EXPECT_EQ(first.programLines(), 0);
+}
+
+TEST_F(PtyEndpointTest, APtyWithoutAnEndpointHasNoLines)
+{
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    m_fd = ::open(ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(m_fd, 0);
+    int lines = 0;
+    EXPECT_EQ(ioctl(m_fd, TIOCMGET, &lines), -1);
+    ::close(master);
+}
+
+TEST_F(PtyEndpointTest, BytesPassBothWaysUnchanged)
+{
+    PtyEndpoint endpoint;
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint));
+    QByteArray all;
+    for (int i = 0; i < 256; ++i)
+        all.append(static_cast<char>(i));
+    ASSERT_EQ(port.write(all), all.size());
+    QByteArray seen;
+    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= all.size(); }));
+    EXPECT_EQ(seen, all);
+    ASSERT_EQ(endpoint.write(all), all.size());
+    seen.clear();
+    ASSERT_TRUE(waitFor([&] { seen += port.readAll(); return seen.size() >= all.size(); }));
+    EXPECT_EQ(seen, all);
+}
+
+TEST_F(PtyEndpointTest, BytesWrittenBeforeThePortIsConfiguredAreNeitherEchoedNorCooked)
+{
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint);
+    ASSERT_EQ(::write(fd, "AT\r\n\x03", 5), 5);
+    QByteArray seen;
+    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 5; }));
+    EXPECT_EQ(seen, QByteArray("AT\r\n\x03"));
+    ASSERT_EQ(endpoint.write("\r\nOK\r\n"), 6);
+    ASSERT_EQ(pollFor(fd, POLLIN, testsupport::defaultDeadlineMs), POLLIN);
+    char buffer[64];
+    EXPECT_EQ(::read(fd, buffer, sizeof(buffer)), 6);
+    EXPECT_EQ(QByteArray(buffer, 6), QByteArray("\r\nOK\r\n"));
+    EXPECT_EQ(endpoint.read(), QByteArray());
+}
+
+TEST_F(PtyEndpointTest, TheMasterSurvivesTheProgramsCloseAndReopen)
+{
+    PtyEndpoint endpoint;
+    for (int i = 0; i < 3; ++i) {
+        QSerialPort port;
+        ASSERT_TRUE(open(port, endpoint));
+        ASSERT_EQ(port.write("AT\r"), 3);
+        QByteArray seen;
+        ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 3; }));
+        EXPECT_EQ(seen, QByteArray("AT\r"));
+        port.close();
+    }
+    EXPECT_TRUE(endpoint.isOpen());
+}
+
+TEST_F(PtyEndpointTest, TheProgramsSpeedIsSeen)
+{
+    PtyEndpoint endpoint;
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint));
+    for (int rate : {1200, 9600, 57600, 115200, 921600, 33600}) {
+        ASSERT_TRUE(port.setBaudRate(rate)) << rate;
+        EXPECT_EQ(endpoint.baudRate(), rate);
+    }
+}
+
+TEST_F(PtyEndpointTest, WriteStopsAtTheDepth)
+{
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint);
+    const QByteArray block(10000, 'x');
+    EXPECT_EQ(::write(fd, block.constData(), 10000), 4096);
+    EXPECT_EQ(outQueue(fd), 4096);
+    EXPECT_EQ(endpoint.bytesFromProgram(), 4096);
+    errno = 0;
+    EXPECT_EQ(::write(fd, "y", 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(pollFor(fd, POLLOUT, 0), 0);
+
+    QByteArray seen;
+    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(100 - seen.size()); return seen.size() == 100; }));
+    EXPECT_EQ(outQueue(fd), 3996);
+    EXPECT_EQ(pollFor(fd, POLLOUT, 0), POLLOUT);
+    EXPECT_EQ(::write(fd, block.constData(), 10000), 100);
+    EXPECT_EQ(outQueue(fd), 4096);
+}
+
+TEST_F(PtyEndpointTest, TheDepthCanBeSet)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(16);
+    const int fd = openFd(endpoint);
+    EXPECT_EQ(::write(fd, "0123456789abcdefXYZ", 19), 16);
+    endpoint.setDepth(20);
+    EXPECT_EQ(::write(fd, "0123456789abcdefXYZ", 19), 4);
+    EXPECT_EQ(outQueue(fd), 20);
+}
+
+TEST_F(PtyEndpointTest, WritevStopsAtTheDepth)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(6);
+    const int fd = openFd(endpoint);
+    char first[] = "abcd";
+    char second[] = "efgh";
+    const iovec parts[] = {{first, 4}, {second, 4}};
+    EXPECT_EQ(::writev(fd, parts, 2), 6);
+    EXPECT_EQ(::writev(fd, parts, 2), -1);
+    QByteArray seen;
+    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 6; }));
+    EXPECT_EQ(seen, QByteArray("abcdef"));
+}
+
+TEST_F(PtyEndpointTest, APollerWakesSoonAfterRoomOpens)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(64);
+    const int fd = openFd(endpoint);
+    ASSERT_EQ(::write(fd, QByteArray(64, 'x').constData(), 64), 64);
+    // Its own time-out is kept.
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(pollFor(fd, POLLOUT, 30), 0);
+    EXPECT_GE(timer.elapsed(), 29);
+
+    std::atomic<bool> woken{false};
+    std::thread poller([&] { woken = pollFor(fd, POLLOUT, -1) == POLLOUT; });
+    ASSERT_TRUE(waitFor([&] { return !endpoint.read(1).isEmpty(); }));
+    EXPECT_TRUE(waitFor([&] { return woken.load(); }));
+    poller.join();
+}
+
+TEST_F(PtyEndpointTest, PpollAndSelectWaitForRoomToo)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(8);
+    const int fd = openFd(endpoint);
+    ASSERT_EQ(::write(fd, "12345678", 8), 8);
+    const timespec shortWait{0, 5000000};
+    pollfd entry{fd, POLLOUT, 0};
+    EXPECT_EQ(ppoll(&entry, 1, &shortWait, nullptr), 0);
+    fd_set writable;
+    FD_ZERO(&writable);
+    FD_SET(fd, &writable);
+    timeval wait{0, 5000};
+    EXPECT_EQ(select(fd + 1, nullptr, &writable, nullptr, &wait), 0);
+    EXPECT_FALSE(FD_ISSET(fd, &writable));
+
+    ASSERT_TRUE(waitFor([&] { return !endpoint.read(1).isEmpty(); }));
+    EXPECT_EQ(ppoll(&entry, 1, &shortWait, nullptr), 1);
+    FD_SET(fd, &writable);
+    wait = {0, 5000};
+    EXPECT_EQ(select(fd + 1, nullptr, &writable, nullptr, &wait), 1);
+    EXPECT_TRUE(FD_ISSET(fd, &writable));
+}
+
+TEST_F(PtyEndpointTest, AFullSlaveStillReportsInput)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(8);
+    const int fd = openFd(endpoint);
+    ASSERT_EQ(::write(fd, "12345678", 8), 8);
+    ASSERT_EQ(endpoint.write("in"), 2);
+    EXPECT_EQ(pollFor(fd, POLLIN | POLLOUT, testsupport::defaultDeadlineMs), POLLIN);
+}
+
+TEST_F(PtyEndpointTest, ABlockingWriterWaitsForRoom)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(100);
+    const int fd = openFd(endpoint, 0);
+    QByteArray block;
+    for (int i = 0; i < 5000; ++i)
+        block.append(static_cast<char>(i * 7));
+    std::atomic<ssize_t> result{-2};
+    std::thread writer([&] { result = ::write(fd, block.constData(), static_cast<size_t>(block.size())); });
+    QByteArray seen;
+    qint64 most = 0;
+    EXPECT_TRUE(waitFor([&] {
+        most = qMax(most, endpoint.bytesFromProgram());
+        seen += endpoint.read(50);
+        return seen.size() >= block.size();
+    }));
+    writer.join();
+    EXPECT_EQ(result, block.size());
+    EXPECT_EQ(seen, block);
+    EXPECT_LE(most, 100);
+}
+
+TEST_F(PtyEndpointTest, QSerialPortKeepsTheRestForLater)
+{
+    PtyEndpoint endpoint;
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint));
+    const QByteArray block(10000, 'q');
+    ASSERT_EQ(port.write(block), 10000);
+    ASSERT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 4096; }));
+    EXPECT_EQ(port.bytesToWrite(), 10000 - 4096);
+    // Still the same after its events had every chance to write more.
+    for (int i = 0; i < 20; ++i)
+        QCoreApplication::processEvents();
+    EXPECT_EQ(endpoint.bytesFromProgram(), 4096);
+    QByteArray seen;
+    EXPECT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 10000; }));
+    EXPECT_EQ(seen, block);
+    EXPECT_EQ(port.bytesToWrite(), 0);
+    EXPECT_EQ(port.error(), QSerialPort::NoError);
+}
+
+TEST_F(PtyEndpointTest, WaitForBytesWrittenWaitsForRoom)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(10);
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint));
+    ASSERT_EQ(port.write("0123456789"), 10);
+    ASSERT_TRUE(port.waitForBytesWritten(testsupport::defaultDeadlineMs));
+    ASSERT_EQ(port.write("abc"), 3);
+    EXPECT_FALSE(port.waitForBytesWritten(20));
+    std::thread modem([&] { waitFor([&] { return !endpoint.read(4).isEmpty(); }); });
+    EXPECT_TRUE(port.waitForBytesWritten(testsupport::defaultDeadlineMs));
+    modem.join();
+}
+
+TEST_F(PtyEndpointTest, FlushedOutputIsNeverSent)
+{
+    PtyEndpoint endpoint;
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint));
+    ASSERT_EQ(port.write(QByteArray(3000, 'o')), 3000);
+    ASSERT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 3000; }));
+    ASSERT_TRUE(port.clear());
+    EXPECT_EQ(endpoint.bytesFromProgram(), 0);
+    ASSERT_EQ(port.write("AT\r"), 3);
+    QByteArray seen;
+    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 3; }));
+    EXPECT_EQ(seen, QByteArray("AT\r"));
+    EXPECT_EQ(endpoint.bytesFromProgram(), 0);
+}
+
+TEST_F(PtyEndpointTest, FlushedInputIsNotRead)
+{
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint);
+    ASSERT_EQ(endpoint.write("old"), 3);
+    ASSERT_EQ(pollFor(fd, POLLIN, testsupport::defaultDeadlineMs), POLLIN);
+    ASSERT_EQ(tcflush(fd, TCIOFLUSH), 0);
+    EXPECT_EQ(pollFor(fd, POLLIN, 0), 0);
+}
+
+TEST_F(PtyEndpointTest, DrainWaitsUntilTheModemHasTakenAll)
+{
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint);
+    ASSERT_EQ(::write(fd, "0123456789", 10), 10);
+    std::atomic<int> takenSoFar{0};
+    int takenAtDrain = -1;
+    std::thread program([&] {
+        if (tcdrain(fd) == 0)
+            takenAtDrain = takenSoFar;
+    });
+    while (takenSoFar < 9) {
+        if (!endpoint.read(1).isEmpty())
+            ++takenSoFar;
+    }
+    // Nine are gone; the drain must still wait for the tenth.
+    ++takenSoFar;
+    ASSERT_TRUE(waitFor([&] { return !endpoint.read(1).isEmpty(); }));
+    program.join();
+    EXPECT_EQ(takenAtDrain, 10);
+}
+
+TEST_F(PtyEndpointTest, AnUnpluggedPortFailsAndComesBackUnderTheSameLink)
+{
+    PtyEndpoint endpoint(linkPath());
+    ASSERT_TRUE(endpoint.isOpen()) << endpoint.errorString().toStdString();
+    EXPECT_EQ(endpoint.portPath(), linkPath());
+    EXPECT_TRUE(QFileInfo(linkPath()).isSymLink());
+    endpoint.setDepth(77);
+    QSerialPort port;
+    ASSERT_TRUE(open(port, endpoint)) << port.errorString().toStdString();
+    ASSERT_TRUE(port.setDataTerminalReady(true));
+    endpoint.setModemLines(sim::LineDsr);
+
+    endpoint.unplug();
+    EXPECT_FALSE(endpoint.isOpen());
+    EXPECT_FALSE(QFileInfo(linkPath()).isSymLink());
+    EXPECT_FALSE(QFile::exists(linkPath()));
+    EXPECT_EQ(endpoint.write("x"), -1);
+    EXPECT_EQ(endpoint.read(), QByteArray());
+    EXPECT_EQ(port.pinoutSignals(), QSerialPort::PinoutSignals(QSerialPort::NoSignal));
+    EXPECT_NE(port.error(), QSerialPort::NoError);
+    QSerialPort again;
+    EXPECT_FALSE(open(again, endpoint));
+
+    ASSERT_TRUE(endpoint.plugIn()) << endpoint.errorString().toStdString();
+    EXPECT_EQ(endpoint.portPath(), linkPath());
+    EXPECT_EQ(endpoint.programLines(), 0);
+    EXPECT_EQ(endpoint.modemLines(), 0);
+    port.close();
+    QSerialPort fresh;
+    ASSERT_TRUE(open(fresh, endpoint)) << fresh.errorString().toStdString();
+    endpoint.setModemLines(sim::LineDsr);
+    EXPECT_EQ(fresh.pinoutSignals(), QSerialPort::PinoutSignals(QSerialPort::DataSetReadySignal));
+    ASSERT_EQ(fresh.write(QByteArray(100, 'z')), 100);
+    EXPECT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 77; }));
+}
+
+TEST_F(PtyEndpointTest, AnUnpluggedBlockingWriterIsReleased)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(4);
+    const int fd = openFd(endpoint, 0);
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        char block[100] = {};
+        if (::write(fd, block, sizeof(block)) < 100)
+            done = true;
+    });
+    ASSERT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 4; }));
+    endpoint.unplug();
+    EXPECT_TRUE(waitFor([&] { return done.load(); }));
+    writer.join();
+}
+
+TEST_F(PtyEndpointTest, ALinkThatCannotBeMadeIsReported)
+{
+    PtyEndpoint endpoint(testsupport::installRoot() + QStringLiteral("/no/such/place"));
+    EXPECT_FALSE(endpoint.isOpen());
+    EXPECT_TRUE(endpoint.errorString().contains(QStringLiteral("cannot make the link")))
+        << endpoint.errorString().toStdString();
+}
+
+TEST_F(PtyEndpointTest, AStaleLinkIsReplacedAndTheLinkOfAnotherIsLeft)
+{
+    ASSERT_TRUE(QFile::link(QStringLiteral("/dev/pts/99999"), linkPath()));
+    {
+        PtyEndpoint first(linkPath());
+        ASSERT_TRUE(first.isOpen());
+        PtyEndpoint second(linkPath());
+        ASSERT_TRUE(second.isOpen());
+        first.unplug();
+        EXPECT_TRUE(QFile::exists(linkPath()));
+    }
+    EXPECT_FALSE(QFileInfo(linkPath()).isSymLink());
+}
+
+TEST_F(PtyEndpointTest, BytesOfAProgramThatIsNotCountedDoNotOpenMoreRoom)
+{
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint);
+    // A write that goes round the object, as a foreign program's does.
+    ASSERT_EQ(std::system(("printf hello > " + endpoint.portPath().toStdString()).c_str()), 0);
+    QByteArray seen;
+    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 5; }));
+    EXPECT_EQ(::write(fd, QByteArray(9000, 'x').constData(), 9000), 4096);
+}
+
+} // namespace
