@@ -1,0 +1,184 @@
+#include "common/csettings.h"
+
+#include <atomic>
+#include <memory>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QEvent>
+#include <QFile>
+#include <QMutex>
+#include <QMutexLocker>
+
+#include "common/cancelguard.h"
+#include "common/global.h"
+#include "common/qtmessages.h"
+
+namespace {
+
+// Of the settings file and its directory; not from the permission keys, which live in this very file.
+constexpr auto settingsDirPermissions = QFileDevice::Permissions(0x7777);
+constexpr auto settingsFilePermissions = QFileDevice::Permissions(0x6666);
+
+// The shared object of settings.ini, made on first use and never freed.
+std::atomic<SettingsPointer*> gCSettingsSettings{nullptr};
+
+// Guards every SettingsPointer. Has no destructor, so that it serves to the end of the process.
+QBasicMutex settingsMutex;
+
+// What every operation holds, in this order: no cancellation, messages kept back until the
+// lock is free again (a message handler may read settings), the lock.
+struct Operation
+{
+    CancelGuard cancelGuard;
+    MessageHold messageHold;
+    QMutexLocker locker{&settingsMutex};
+};
+
+SettingsPointer* sharedSettings()
+{
+    if (SettingsPointer* settings = gCSettingsSettings.load(std::memory_order_acquire))
+        return settings;
+    // Made without the lock, since the constructor tests directories and may warn. Of several
+    // threads that come first at once one wins.
+    auto settings = std::make_unique<SettingsPointer>(Global::internalSettingsFilePath());
+    SettingsPointer* nothing = nullptr;
+    if (gCSettingsSettings.compare_exchange_strong(nothing, settings.get()))
+        return settings.release();
+    return nothing;
+}
+
+} // namespace
+
+SettingsPointer::SettingsPointer(const QString& fileName)
+    : QSettings(fileName, QSettings::IniFormat), fileInfo(fileName), writable(Global::checkSecrecy(0))
+{
+}
+
+void SettingsPointer::sync()
+{
+    Operation operation;
+    syncLocked();
+}
+
+bool SettingsPointer::event(QEvent* event)
+{
+    if (event->type() == QEvent::UpdateRequest)
+        return true;
+    return QSettings::event(event);
+}
+
+void SettingsPointer::syncLocked()
+{
+    fileInfo.refresh();
+    if (!changed && fileInfo.lastModified() == lastModified)
+        return;
+    // Asked afresh, since fileInfo keeps what it saw.
+    if (QFile::exists(fileName())) {
+        QSettings::sync();
+    } else {
+        createDirectory();
+        QSettings::sync();
+        giveFilePermissions();
+    }
+    if (changed) {
+        // One delayed write-back is posted for each change; nothing is left for it to do.
+        QCoreApplication::removePostedEvents(this, QEvent::UpdateRequest);
+        fileInfo.refresh();
+    }
+    lastModified = fileInfo.lastModified();
+    changed = false;
+}
+
+void SettingsPointer::createDirectory() const
+{
+    const QString path = fileInfo.absolutePath();
+    if (QFile::exists(path))
+        return;
+    QDir().mkpath(path);
+    QFile directory(path);
+    if (!directory.setPermissions(settingsDirPermissions)) {
+        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа каталога с настройками", path, directory.errorString());
+    }
+}
+
+void SettingsPointer::giveFilePermissions() const
+{
+    // With nothing to write no file comes into being.
+    QFile file(fileName());
+    if (file.exists() && !file.setPermissions(settingsFilePermissions))
+        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа файла настроек", file.fileName(), file.errorString());
+}
+
+CSettings::CSettings()
+{
+    CancelGuard cancelGuard;
+    m_settings = sharedSettings();
+    m_settings->sync();
+}
+
+CSettings::~CSettings()
+{
+    m_settings->sync();
+}
+
+void CSettings::write(const QString& key, const QVariant& value)
+{
+    Operation operation;
+    writeLocked(key, value);
+}
+
+void CSettings::writeLocked(const QString& key, const QVariant& value)
+{
+    if (!m_settings->writable)
+        return;
+    m_settings->setValue(key, value);
+    m_settings->changed = true;
+}
+
+bool CSettings::debugCategory(int level)
+{
+    if (level < 1 || level > lastDebugCategory)
+        return true;
+    return boolean(Setting(level));
+}
+
+bool CSettings::boolean(Setting setting)
+{
+    const SettingKey& declared = settingKey(setting);
+    const QString key = declared.key();
+    const bool defaultValue = declared.defaultNumber != 0;
+    Operation operation;
+    if (!m_settings->contains(key)) {
+        writeLocked(key, defaultValue);
+        return defaultValue;
+    }
+    return m_settings->value(key, defaultValue).toBool();
+}
+
+int CSettings::integer(Setting setting)
+{
+    const SettingKey& declared = settingKey(setting);
+    const QString key = declared.key();
+    Operation operation;
+    bool isInteger = false;
+    // By the text: QVariant cuts a large number down to one that may lie in the range.
+    const int value = m_settings->value(key).toString().toInt(&isInteger);
+    if (isInteger && value >= declared.minimum && value <= declared.maximum)
+        return value;
+    writeLocked(key, declared.defaultNumber);
+    return declared.defaultNumber;
+}
+
+QString CSettings::text(Setting setting)
+{
+    const SettingKey& declared = settingKey(setting);
+    const QString key = declared.key();
+    const QString defaultValue = QString::fromLatin1(declared.defaultText);
+    Operation operation;
+    if (!m_settings->contains(key)) {
+        writeLocked(key, defaultValue);
+        return defaultValue;
+    }
+    return m_settings->value(key, defaultValue).toString();
+}

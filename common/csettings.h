@@ -1,0 +1,109 @@
+// Typed access to the installation's tuning values in settings.ini.
+#pragma once
+
+#include <QDateTime>
+#include <QFileInfo>
+#include <QSettings>
+#include <QString>
+#include <QVariant>
+
+#include "common/settingskeys.h"
+
+// A settings file in INI format that notices edits by other processes and that is created with
+// fixed permissions. Objects are shared by all threads: this file's private lock guards every
+// operation of SettingsPointer::sync() and of CSettings; other operations inherited from
+// QSettings are not for use outside of it.
+class SettingsPointer : public QSettings
+{
+public:
+    // Finds out whether the installation's data directory of level 0 can be written to.
+    explicit SettingsPointer(const QString& fileName);
+
+    // Brings the object and the file together if either changed. Hides QSettings::sync(), which
+    // is not virtual: call it through this class.
+    void sync();
+
+    QFileInfo fileInfo;
+    QDateTime lastModified; // of the file, as last seen; null at first
+    bool changed = false;   // written to since the last sync()
+    const bool writable;
+
+protected:
+    // Swallows the delayed write-back of QSettings, which would run beside the lock and create
+    // the file without its permissions.
+    bool event(QEvent* event) override;
+
+private:
+    friend class CSettings;
+    void syncLocked();
+    void createDirectory() const;
+    void giveFilePermissions() const;
+};
+
+// A handle on settings.ini, made for one or a few look-ups. Making it reads edits of the file,
+// destroying it brings what was written to the disk. A getter that finds its key missing or its
+// value unusable returns the default and writes it into the file, so that the file comes to
+// list every key that is consulted. Any thread; a thread that is terminated ends only between
+// operations. Nothing is written when the data directory of level 0 cannot be.
+class CSettings
+{
+public:
+    CSettings();
+    ~CSettings();
+    CSettings(const CSettings&) = delete;
+    CSettings& operator=(const CSettings&) = delete;
+
+    void write(const QString& key, const QVariant& value);
+
+    // Whether the category of a debug level is switched on: true for levels without a key.
+    bool debugCategory(int level);
+
+    bool debugAll() { return boolean(Setting::DebugAll); }
+    bool debugIpcData() { return boolean(Setting::DebugIpcData); }
+    bool debugIpcExtra() { return boolean(Setting::DebugIpcExtra); }
+    bool debugIpcSecurityDaemon() { return boolean(Setting::DebugIpcSecurityDaemon); }
+    bool debugIpcTransport() { return boolean(Setting::DebugIpcTransport); }
+    bool debugTransportAbonents() { return boolean(Setting::DebugTransportAbonents); }
+    bool debugTransportTransit() { return boolean(Setting::DebugTransportTransit); }
+    bool debugTransportConnects() { return boolean(Setting::DebugTransportConnects); }
+    bool debugTransportDataLifetime() { return boolean(Setting::DebugTransportDataLifetime); }
+    bool debugTransportBaseProtocol() { return boolean(Setting::DebugTransportBaseProtocol); }
+    bool debugTransportProtocol() { return boolean(Setting::DebugTransportProtocol); }
+    bool debugTransportProtocolAttaches() { return boolean(Setting::DebugTransportProtocolAttaches); }
+    bool debugTransportIpSocketError() { return boolean(Setting::DebugTransportIpSocketError); }
+    bool debugTransportComPortError() { return boolean(Setting::DebugTransportComPortError); }
+    bool debugTransportComAtCommands() { return boolean(Setting::DebugTransportComAtCommands); }
+    bool debugTransportComPackets() { return boolean(Setting::DebugTransportComPackets); }
+    bool debugTransportComData() { return boolean(Setting::DebugTransportComData); }
+    bool debugTransportTasks() { return boolean(Setting::DebugTransportTasks); }
+    bool debugJournals() { return boolean(Setting::DebugJournals); }
+    bool debugMessagesAutodelete() { return boolean(Setting::DebugMessagesAutodelete); }
+    bool debugMessagesLock() { return boolean(Setting::DebugMessagesLock); }
+
+    // Sets of QFileDevice::Permission.
+    int dirPermissions() { return integer(Setting::DirPermissions); }
+    int filePermissions() { return integer(Setting::FilePermissions); }
+
+    // Milliseconds, but for the two of bytes.
+    int detailsMaxWritingTime() { return integer(Setting::DetailsMaxWritingTime); }
+    int detailsTransportServerThreadStopTimeout() { return integer(Setting::DetailsTransportServerThreadStopTimeout); }
+    int detailsTransportComAtOkTimeout() { return integer(Setting::DetailsTransportComAtOkTimeout); }
+    int detailsTransportComAtReadyCheckTimeout() { return integer(Setting::DetailsTransportComAtReadyCheckTimeout); }
+    int detailsTransportComDsrCheckInterval() { return integer(Setting::DetailsTransportComDsrCheckInterval); }
+    int detailsTransportComOpenInterval() { return integer(Setting::DetailsTransportComOpenInterval); }
+    int detailsTransportComConnectTimeout() { return integer(Setting::DetailsTransportComConnectTimeout); }
+    int detailsTransportComResetTimeout() { return integer(Setting::DetailsTransportComResetTimeout); }
+    int detailsTransportComMaxBytesToWrite() { return integer(Setting::DetailsTransportComMaxBytesToWrite); }
+    int detailsTransportComMaxBytesInQueue() { return integer(Setting::DetailsTransportComMaxBytesInQueue); }
+    int detailsTransportComResendInterval() { return integer(Setting::DetailsTransportComResendInterval); }
+    int detailsTransportComConfirmationInterval() { return integer(Setting::DetailsTransportComConfirmationInterval); }
+    QString detailsTransportComControlSymbol() { return text(Setting::DetailsTransportComControlSymbol); }
+
+private:
+    bool boolean(Setting setting);
+    int integer(Setting setting);
+    QString text(Setting setting);
+    void writeLocked(const QString& key, const QVariant& value);
+
+    SettingsPointer* m_settings; // not owned: the process-wide object, never freed
+};

@@ -1,0 +1,36 @@
+// Which file is logged to, and writing to it.
+#pragma once
+
+#include <QDir>
+#include <QFile>
+#include <QString>
+
+// The directory and file that a process logs to: found once, kept across midnight, found again
+// after a failure.
+class LogTarget
+{
+public:
+    // Finds the current secrecy level, today's file and its directory, unless they are known.
+    void find();
+    void forget() { m_secrecy = -1; }
+
+    const QDir& directory() const { return m_directory; }
+    const QString& filePath() const { return m_filePath; }
+
+private:
+    int m_secrecy = -1; // the level for which the paths were computed; -1: unknown
+    QDir m_directory;
+    QString m_filePath;
+};
+
+// Opens the log for appending, unbuffered (a buffered file reports success on a full disk).
+// Reports a failure.
+bool openLog(QFile& file);
+
+// Creates the directory with its parents. Reports a failure.
+bool createLogDirectory(const QDir& directory);
+
+// "hh:mm:ss.zzz"
+QString logTimeStamp();
+
+void reportLogWriteError(const QFile& file);

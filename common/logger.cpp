@@ -1,0 +1,245 @@
+#include "common/logger.h"
+
+#include <atomic>
+#include <memory>
+
+#include <QDebug>
+#include <QMutexLocker>
+#include <QStringList>
+#include <QThread>
+
+#include "common/cancelguard.h"
+#include "common/csettings.h"
+#include "common/csysteminfo.h"
+#include "common/functiondebug.h"
+#include "common/logfile.h"
+#include "common/qtmessages.h"
+
+static_assert(int(DebugMessagesLock) == lastDebugCategory && int(DebugIpcData) == int(Setting::DebugIpcData)
+                  && int(DebugTransportComPackets) == int(Setting::DebugTransportComPackets),
+              "the levels are those of the settings' categories");
+
+namespace {
+
+constexpr int labelWidth = 25;
+constexpr int timeWidth = 12;
+constexpr int tabWidth = 4;
+constexpr int moreWriteAttempts = 10;
+
+std::atomic<DebugData*> gDebugData{nullptr}; // never freed: the host may hold it
+
+DebugData* currentRecord()
+{
+    if (DebugData* data = gDebugData.load(std::memory_order_acquire))
+        return data;
+    auto data = std::make_unique<DebugData>();
+    DebugData* nothing = nullptr;
+    if (gDebugData.compare_exchange_strong(nothing, data.get()))
+        return data.release();
+    return nothing;
+}
+
+bool isSwitchedOn(DebugLevel level)
+{
+    // Full tracing switches every category on.
+    return level == DebugAlways || gFunctionsDebuging.load(std::memory_order_relaxed) > 0 || CSettings().debugCategory(level);
+}
+
+QString fittedLabel(const QString& label)
+{
+    const QString ellipsis = QStringLiteral("...");
+    if (label.length() > labelWidth)
+        return label.left(labelWidth - ellipsis.length()) + ellipsis;
+    return label.rightJustified(labelWidth);
+}
+
+// One after another, so that only the text, which comes last, is safe from markers in it: the
+// layout for labels that hold markers is known to be odd, and meant.
+QString formattedLine(const QString& time, const QString& label, const QString& indentation, const QString& part)
+{
+    return QStringLiteral("%1 %2%3%4\n").arg(time).arg(label).arg(indentation).arg(part);
+}
+
+QStringList formattedParts(const QString& label, const QString& text, int column)
+{
+    const QString indentation(column * tabWidth, QLatin1Char(' '));
+    QStringList parts = text.split(QLatin1Char('\n'));
+    bool isStamped = false;
+    for (QString& part : parts) {
+        if (part.isEmpty())
+            continue;
+        if (isStamped) {
+            part = formattedLine(QString(timeWidth, QLatin1Char(' ')), QString(labelWidth, QLatin1Char(' ')), indentation, part);
+        } else {
+            part = formattedLine(logTimeStamp(), fittedLabel(label), indentation, part);
+            isStamped = true;
+        }
+    }
+    return parts;
+}
+
+int tabLevel(DebugData& data)
+{
+    QThread* const thread = QThread::currentThread();
+    QMutexLocker locker(&data.mutex);
+    for (const Tabulation& row : qAsConst(data.tabs)) {
+        if (row.thread == thread)
+            return row.level;
+    }
+    for (Tabulation& row : data.tabs) {
+        if (!row.thread) {
+            row.thread = thread;
+            return row.level;
+        }
+    }
+    data.tabs.append({thread, data.tabs.size() + 1});
+    return data.tabs.size();
+}
+
+// The writing part of debug(). Every member is used under the record's mutex only.
+class LogWriter
+{
+public:
+    void write(const QStringList& parts);
+
+private:
+    bool makeDirectory();
+    void beginFile(QFile& file);
+    bool writeAll(QFile& file, const QByteArray& bytes);
+    QFileDevice::Permissions dirPermissions();
+    QFileDevice::Permissions filePermissions();
+
+    LogTarget m_target;
+    // Read when first needed, once per process; 0: not yet.
+    int m_dirPermissions = 0;
+    int m_filePermissions = 0;
+};
+
+LogWriter& logWriter()
+{
+    // Never freed: logging goes on while statics are destroyed.
+    static LogWriter* const writer = new LogWriter;
+    return *writer;
+}
+
+void LogWriter::write(const QStringList& parts)
+{
+    m_target.find();
+    if (!makeDirectory()) {
+        m_target.forget();
+        return;
+    }
+    QFile file(m_target.filePath());
+    const bool isNew = !file.exists();
+    if (!openLog(file)) {
+        m_target.forget();
+        return;
+    }
+    if (isNew)
+        beginFile(file);
+    for (const QString& part : parts) {
+        if (!writeAll(file, part.isEmpty() ? QByteArrayLiteral("\n") : part.toUtf8()))
+            m_target.forget();
+    }
+}
+
+bool LogWriter::makeDirectory()
+{
+    const QDir& directory = m_target.directory();
+    if (directory.exists())
+        return true;
+    if (!createLogDirectory(directory))
+        return false;
+    QFile entry(directory.absolutePath());
+    if (!entry.setPermissions(dirPermissions())) {
+        sendQtMessageItems(QtDebugMsg, "Не удалось изменить права доступа для каталога", entry.fileName(), entry.errorString());
+    }
+    return true;
+}
+
+void LogWriter::beginFile(QFile& file)
+{
+    if (!writeAll(file, CSystemInfo::summaryInfo().toUtf8()))
+        m_target.forget();
+    if (!file.setPermissions(filePermissions()))
+        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа для файла:", file.fileName(), file.errorString());
+}
+
+// False when the file refused the bytes; what a file still has not taken after some attempts is
+// dropped without a word.
+bool LogWriter::writeAll(QFile& file, const QByteArray& bytes)
+{
+    qint64 written = file.write(bytes);
+    if (written < 0) {
+        reportLogWriteError(file);
+        return false;
+    }
+    for (int attempt = 0; attempt < moreWriteAttempts && written < bytes.size(); ++attempt) {
+        const qint64 more = file.write(bytes.constData() + written, bytes.size() - written);
+        if (more > 0)
+            written += more;
+    }
+    return true;
+}
+
+QFileDevice::Permissions LogWriter::dirPermissions()
+{
+    if (m_dirPermissions == 0)
+        m_dirPermissions = CSettings().dirPermissions();
+    return QFileDevice::Permissions(m_dirPermissions);
+}
+
+QFileDevice::Permissions LogWriter::filePermissions()
+{
+    if (m_filePermissions == 0)
+        m_filePermissions = CSettings().filePermissions();
+    return QFileDevice::Permissions(m_filePermissions);
+}
+
+} // namespace
+
+void LoggerData::initDebug(DebugData* data)
+{
+    gDebugData.store(data ? data : new DebugData, std::memory_order_release);
+}
+
+DebugData* LoggerData::debugData()
+{
+    return gDebugData.load(std::memory_order_acquire);
+}
+
+void debug(QString label, const QString& text, DebugLevel level, DebugFlag flag)
+{
+    CancelGuard cancelGuard;
+    DebugData& data = *currentRecord();
+    if (!isSwitchedOn(level))
+        return;
+    if (!(flag & DebugFlagFileOnly))
+        qDebug() << label << text;
+    const QStringList parts = formattedParts(label, text, tabLevel(data));
+    // A message handler may log: nothing is sent to it before the mutex is free again.
+    MessageHold messageHold;
+    QMutexLocker locker(&data.mutex);
+    logWriter().write(parts);
+}
+
+int currentTabLevel()
+{
+    CancelGuard cancelGuard;
+    return tabLevel(*currentRecord());
+}
+
+void deleteThreadTabLevel(QThread* thread)
+{
+    CancelGuard cancelGuard;
+    DebugData* const data = LoggerData::debugData();
+    if (!data)
+        return;
+    QMutexLocker locker(&data->mutex);
+    for (Tabulation& row : data->tabs) {
+        if (row.thread == thread) {
+            row.thread = nullptr;
+            return;
+        }
+    }
+}

@@ -1,0 +1,48 @@
+// Messages of this library to the Qt message streams, and holding them back under a lock.
+#pragma once
+
+#include <QDebug>
+#include <QString>
+#include <QVector>
+
+// The library's own troubles go to the Qt streams, never through debug(), which depends on
+// the code that has them. The program's message handler may itself log and read settings,
+// so no message may leave while a lock of this library is held: a MessageHold made before
+// the lock is taken collects the calling thread's messages and sends them when it is
+// destroyed, after the lock. Of nested holds only the outermost one collects.
+class MessageHold
+{
+public:
+    MessageHold();
+    ~MessageHold();
+    MessageHold(const MessageHold&) = delete;
+    MessageHold& operator=(const MessageHold&) = delete;
+
+private:
+    friend void sendQtMessage(QtMsgType type, const QString& text);
+    struct Message
+    {
+        QtMsgType type;
+        QString text;
+    };
+    QVector<Message> m_messages;
+};
+
+// Sends a finished text to the stream of type (debug, warning or critical), category
+// "default", or hands it to the calling thread's MessageHold.
+void sendQtMessage(QtMsgType type, const QString& text);
+
+// The same for items, formatted as the Qt debug stream formats them.
+template<typename... Items>
+void sendQtMessageItems(QtMsgType type, const Items&... items)
+{
+    QString text;
+    {
+        QDebug stream(&text);
+        (stream << ... << items);
+    }
+    // The stream leaves a blank behind the last item.
+    if (text.endsWith(QLatin1Char(' ')))
+        text.chop(1);
+    sendQtMessage(type, text);
+}
