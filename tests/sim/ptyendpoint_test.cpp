@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <atomic>
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include <fcntl.h>
@@ -61,6 +62,12 @@ int outQueue(int fd)
 {
     int bytes = -1;
     return ioctl(fd, TIOCOUTQ, &bytes) == 0 ? bytes : -1;
+}
+
+ssize_t writeFill(int fd, size_t count)
+{
+    const std::string fill(count, 'x');
+    return ::write(fd, fill.data(), fill.size());
 }
 
 short pollFor(int fd, short events, int timeoutMs)
@@ -238,8 +245,7 @@ TEST_F(PtyEndpointTest, WriteStopsAtTheDepth)
 {
     PtyEndpoint endpoint;
     const int fd = openFd(endpoint);
-    const QByteArray block(10000, 'x');
-    EXPECT_EQ(::write(fd, block.constData(), 10000), 4096);
+    EXPECT_EQ(writeFill(fd, 10000), 4096);
     EXPECT_EQ(outQueue(fd), 4096);
     EXPECT_EQ(endpoint.bytesFromProgram(), 4096);
     errno = 0;
@@ -251,7 +257,7 @@ TEST_F(PtyEndpointTest, WriteStopsAtTheDepth)
     ASSERT_TRUE(waitFor([&] { seen += endpoint.read(100 - seen.size()); return seen.size() == 100; }));
     EXPECT_EQ(outQueue(fd), 3996);
     EXPECT_EQ(pollFor(fd, POLLOUT, 0), POLLOUT);
-    EXPECT_EQ(::write(fd, block.constData(), 10000), 100);
+    EXPECT_EQ(writeFill(fd, 10000), 100);
     EXPECT_EQ(outQueue(fd), 4096);
 }
 
@@ -286,7 +292,7 @@ TEST_F(PtyEndpointTest, APollerWakesSoonAfterRoomOpens)
     PtyEndpoint endpoint;
     endpoint.setDepth(64);
     const int fd = openFd(endpoint);
-    ASSERT_EQ(::write(fd, QByteArray(64, 'x').constData(), 64), 64);
+    ASSERT_EQ(writeFill(fd, 64), 64);
     // Its own time-out is kept.
     QElapsedTimer timer;
     timer.start();
@@ -523,7 +529,7 @@ TEST_F(PtyEndpointTest, BytesOfAProgramThatIsNotCountedDoNotOpenMoreRoom)
     ASSERT_EQ(std::system(("printf hello > " + endpoint.portPath().toStdString()).c_str()), 0);
     QByteArray seen;
     ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 5; }));
-    EXPECT_EQ(::write(fd, QByteArray(9000, 'x').constData(), 9000), 4096);
+    EXPECT_EQ(writeFill(fd, 9000), 4096);
 }
 
 } // namespace
