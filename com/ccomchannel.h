@@ -45,6 +45,7 @@ public:
 
 private:
     void readPort();
+    void computePackets();
     void computePacket(const CComPacket& packet);
     void computeData(const CComPacket& packet);
     void computeConfirmation(const CComPacket& packet);
@@ -54,6 +55,8 @@ private:
     void resending();
     void sendQueue();
     void sendConfirmation();
+
+    void discardInput();
     bool waitForOk(int timeoutMs);
 
     QSerialPort* m_port;                     // not owned

@@ -1,0 +1,301 @@
+#include "com/ccomchannel.h"
+
+#include <algorithm>
+#include <bitset>
+#include <utility>
+
+#include <QDateTime>
+#include <QSerialPort>
+#include <QThread>
+
+#include "com/ccomsettings.h"
+#include "com/linkrules.h"
+#include "com/portwait.h"
+#include "common/csettings.h"
+#include "common/functiondebug.h"
+#include "common/logger.h"
+#include "plugin/cabstractchannelsstate.h"
+
+namespace {
+
+constexpr int readWaitMs = 10;
+constexpr int writtenWaitMs = 10;       // after each packet
+constexpr int newPacketRoomWaitMs = 50; // no room for a packet
+constexpr int repeatRoomWaitMs = 100;
+
+constexpr int guardTimeMs = 1000; // silence that a modem wants in front of "+++"
+constexpr int commandWaitMs = 500;
+
+constexpr int loggedCheckBytes = 4;
+
+QString label()
+{
+    return QStringLiteral("CComChannel");
+}
+
+QString hex(const QByteArray& bytes)
+{
+    return QString::fromLatin1(bytes.toHex());
+}
+
+void logWritten(const QByteArray& bytes)
+{
+    if (CSettings().debugTransportComData())
+        debug(label(), QStringLiteral("Запись: %1").arg(hex(bytes)), DebugAlways, DebugFlagNone);
+}
+
+void logSent(const CComPacket& packet, bool isRepeat)
+{
+    const QString number = QString::number(packet.number);
+    const QString size = QString::number(packet.data.size());
+    if (isRepeat) {
+        debug(label(), QStringLiteral("Запись пакета с данными (повтор) - номер %1, размер %2.").arg(number, size),
+              DebugTransportComPackets, DebugFlagNone);
+    } else {
+        debug(label(),
+              QStringLiteral("Запись пакета с данными - номер %1, размер %2, crc %3")
+                  .arg(number, size, hex(packet.bytes.right(loggedCheckBytes))),
+              DebugTransportComPackets, DebugFlagNone);
+    }
+    logWritten(packet.bytes);
+}
+
+} // namespace
+
+CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex)
+    : m_port(port), m_channelsState(state), m_channelIndex(channelIndex)
+{
+    type = channelType;
+    m_confirmationTimer.start();
+}
+
+void CComChannel::disconnectFromAbonent()
+{
+    _CFunctionDebug functionDebug(Q_FUNC_INFO);
+    static const int resetTimeoutMs = CSettings().detailsTransportComResetTimeout();
+
+    QThread::msleep(guardTimeMs);
+    discardInput();
+
+    // The label is that of the worker, whose dialogue with the modem this belongs to.
+    debug(QStringLiteral("CComThread"), QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands,
+          DebugFlagNone);
+    m_port->write("+++");
+    waitForWritten(*m_port, commandWaitMs);
+    if (!waitForOk(resetTimeoutMs)) {
+        debug(label(), QStringLiteral("Не удалось разорвать соединение вовремя"), DebugTransportComAtCommands,
+              DebugFlagNone);
+    }
+    m_port->write("ATH\r\n"); // CR LF, whatever control symbol is set for other commands
+    waitForWritten(*m_port, commandWaitMs);
+    m_connected = false;
+}
+
+bool CComChannel::isConnected()
+{
+    return m_connected && m_port->isOpen() && (m_port->pinoutSignals() & QSerialPort::DataCarrierDetectSignal);
+}
+
+void CComChannel::write(const QByteArray& data)
+{
+    static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
+    const int blockSize = linkrules::blockSize(currentPacketSize(), maxBytesToWrite);
+    for (int offset = 0; offset < data.size(); offset += blockSize) {
+        CComPacket packet;
+        packet.type = DataPacket;
+        packet.number = m_nextNumber++;
+        packet.data = data.mid(offset, blockSize);
+        packet.makePacket();
+        m_queuedBytes += packet.data.size();
+        m_sendQueue.append(packet);
+    }
+}
+
+QByteArray CComChannel::read(int maxSize)
+{
+    // After hanging up the line belongs to the worker's dialogue with the modem.
+    if (m_connected) {
+        readPort();
+        computePackets();
+        resending();
+    }
+    return takeReceived(maxSize);
+}
+
+int CComChannel::idealBlockSize()
+{
+    static const int maxBytesInQueue = CSettings().detailsTransportComMaxBytesInQueue();
+    const quint8 first = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
+    if (!linkrules::mayQueueMore(m_sendQueue.size(), m_queuedBytes, maxBytesInQueue, m_nextNumber, first))
+        return 0;
+    return currentPacketSize();
+}
+
+void CComChannel::readPort()
+{
+    waitForWritten(*m_port, readWaitMs);
+    if (m_port->bytesAvailable() == 0)
+        waitForInput(*m_port, readWaitMs);
+    const QByteArray bytes = m_port->readAll();
+    const bool logsData = CSettings().debugTransportComData();
+    if (logsData && !bytes.isEmpty())
+        debug(label(), QStringLiteral("Чтение: %1").arg(hex(bytes)), DebugAlways, DebugFlagNone);
+    m_receiveBuffer.append(bytes);
+}
+
+void CComChannel::computePackets()
+{
+    int taken = 0;
+    for (bool found = true; found;) {
+        CComPacket packet;
+        int packetEnd = 0;
+        found = packet.readPacket(m_receiveBuffer.constData() + taken, m_receiveBuffer.size() - taken, &packetEnd);
+        taken += packetEnd;
+        if (found)
+            computePacket(packet);
+    }
+    m_receiveBuffer.remove(0, taken);
+}
+
+void CComChannel::computePacket(const CComPacket& packet)
+{
+    if (packet.type == DataPacket)
+        computeData(packet);
+    else if (packet.type == ConfirmationPacket)
+        computeConfirmation(packet);
+}
+
+void CComChannel::computeData(const CComPacket& packet)
+{
+    debug(label(),
+          QStringLiteral("Прочитан пакет с данными - номер %1, размер %2, crc %3")
+              .arg(QString::number(packet.number), QString::number(packet.data.size()),
+                   hex(packet.bytes.right(loggedCheckBytes))),
+          DebugTransportComPackets, DebugFlagNone);
+
+    linkrules::dropOvertaken(m_held, m_expectedNumber, packet.number);
+    if (packet.number == m_expectedNumber) {
+        // Held packets move on only with the next packet that arrives ahead.
+        deliver(packet);
+    } else if (linkrules::numberLessThen(m_expectedNumber, packet.number)) {
+        linkrules::hold(m_held, packet);
+        while (!m_held.isEmpty() && m_held.first().number == m_expectedNumber)
+            deliver(m_held.takeFirst());
+    }
+    // Dropped ones too: a repeat of what was delivered must be confirmed again.
+    m_toConfirm.insert(packet.number);
+}
+
+void CComChannel::computeConfirmation(const CComPacket& packet)
+{
+    if (CSettings().debugTransportComPackets()) {
+        debug(label(),
+              QStringLiteral("Прочитан пакет с подтверждениями - номера %1").arg(linkrules::numbersText(packet.data)),
+              DebugAlways, DebugFlagNone);
+    }
+    std::bitset<256> confirmed;
+    for (const char number : packet.data)
+        confirmed.set(static_cast<quint8>(number));
+    for (auto queued = m_sendQueue.begin(); queued != m_sendQueue.end();) {
+        if (!confirmed.test(queued->number)) {
+            ++queued;
+            continue;
+        }
+        m_channelsState->addSentBytes(m_channelIndex, queued->data.size());
+        m_queuedBytes -= queued->data.size();
+        queued = m_sendQueue.erase(queued);
+    }
+}
+
+void CComChannel::deliver(const CComPacket& packet)
+{
+    m_channelsState->addReceivedBytes(m_channelIndex, packet.data.size());
+    m_received.append(packet.data);
+    ++m_expectedNumber;
+}
+
+QByteArray CComChannel::takeReceived(int maxSize)
+{
+    if (maxSize >= m_received.size())
+        return std::exchange(m_received, QByteArray());
+    const QByteArray taken = m_received.left(std::max(0, maxSize));
+    m_received.remove(0, taken.size());
+    return taken;
+}
+
+void CComChannel::resending()
+{
+    sendQueue();
+    sendConfirmation(); // also when the walk over the queue has stopped
+}
+
+void CComChannel::sendQueue()
+{
+    static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
+    static const int resendIntervalMs = CSettings().detailsTransportComResendInterval();
+    const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
+    linkrules::NewPacketGate gate(m_sendQueue);
+    for (CComPacket& packet : m_sendQueue) {
+        const bool isRepeat = packet.sentTime != 0;
+        const bool mayGoOut = gate.opensFor(packet.number);
+        if (isRepeat ? !linkrules::isRepeatDue(nowMs, packet.sentTime, resendIntervalMs) : !mayGoOut)
+            continue;
+        if (!linkrules::hasRoom(maxBytesToWrite, m_port->bytesToWrite(), packet.bytes.size())) {
+            waitForWritten(*m_port, isRepeat ? repeatRoomWaitMs : newPacketRoomWaitMs);
+            return;
+        }
+        packet.sentTime = nowMs;
+        m_port->write(packet.bytes);
+        waitForWritten(*m_port, writtenWaitMs);
+        logSent(packet, isRepeat);
+    }
+}
+
+void CComChannel::sendConfirmation()
+{
+    static const int confirmationIntervalMs = CSettings().detailsTransportComConfirmationInterval();
+    if (!linkrules::isConfirmationDue(m_confirmationTimer.elapsed(), m_toConfirm.size(), confirmationIntervalMs))
+        return;
+    CComPacket packet;
+    packet.type = ConfirmationPacket;
+    packet.data = linkrules::confirmationPayload(m_toConfirm);
+    packet.makePacket();
+    m_port->write(packet.bytes);
+    m_port->flush();
+    waitForWritten(*m_port, writtenWaitMs);
+    if (CSettings().debugTransportComPackets()) {
+        debug(label(),
+              QStringLiteral("Запись пакета с подтверждением - номера %1").arg(linkrules::numbersText(packet.data)),
+              DebugAlways, DebugFlagNone);
+    }
+    logWritten(packet.bytes);
+    m_toConfirm.clear();
+    m_confirmationTimer.restart();
+}
+
+void CComChannel::discardInput()
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < readWaitMs && waitForInput(*m_port, readWaitMs - static_cast<int>(timer.elapsed())))
+        m_port->readAll();
+    m_port->readAll();
+}
+
+bool CComChannel::waitForOk(int timeoutMs)
+{
+    QByteArray input;
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < timeoutMs) {
+        waitForInput(*m_port, readWaitMs);
+        input.append(m_port->readAll());
+        for (int end = input.indexOf('\n'); end >= 0; end = input.indexOf('\n')) {
+            const QByteArray line = input.left(end + 1).replace('\r', QByteArray()).toUpper();
+            if (line == "OK\n")
+                return true;
+            input.remove(0, end + 1);
+        }
+    }
+    return false;
+}
