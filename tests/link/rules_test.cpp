@@ -1,6 +1,8 @@
 // The link's rules: order of numbers, limits, what is due.
 #include <QByteArray>
 
+#include <climits>
+
 #include <gtest/gtest.h>
 
 #include "com/linkrules.h"
@@ -17,7 +19,7 @@ CComPacket numbered(int number)
     return packet;
 }
 
-QList<CComPacket> numbered(const QList<int>& numbers)
+QList<CComPacket> packetsOf(const QList<int>& numbers)
 {
     QList<CComPacket> packets;
     for (const int number : numbers)
@@ -55,8 +57,8 @@ TEST(NumberLessThen, HasAWindowOf119Or120)
         for (int b = 0; b < 256; ++b) {
             const bool less = numberLessThen(static_cast<quint8>(a), static_cast<quint8>(b));
             ahead += less ? 1 : 0;
-            if (less)
-                EXPECT_FALSE(numberLessThen(static_cast<quint8>(b), static_cast<quint8>(a))) << a << ' ' << b;
+            const bool backLess = numberLessThen(static_cast<quint8>(b), static_cast<quint8>(a));
+            EXPECT_FALSE(less && backLess) << a << ' ' << b;
         }
         EXPECT_EQ(ahead, a <= 135 ? 119 : 120) << a;
     }
@@ -154,11 +156,11 @@ TEST(NumbersText, IsDecimalInThePayloadsOrder)
 TEST(HasGap, SeesAMissingNumberInTheQueue)
 {
     EXPECT_FALSE(hasGap({}));
-    EXPECT_FALSE(hasGap(numbered({7})));
-    EXPECT_FALSE(hasGap(numbered({7, 8, 9})));
-    EXPECT_FALSE(hasGap(numbered({254, 255, 0, 1})));
-    EXPECT_TRUE(hasGap(numbered({7, 9})));
-    EXPECT_TRUE(hasGap(numbered({254, 255, 1})));
+    EXPECT_FALSE(hasGap(packetsOf({7})));
+    EXPECT_FALSE(hasGap(packetsOf({7, 8, 9})));
+    EXPECT_FALSE(hasGap(packetsOf({254, 255, 0, 1})));
+    EXPECT_TRUE(hasGap(packetsOf({7, 9})));
+    EXPECT_TRUE(hasGap(packetsOf({254, 255, 1})));
 }
 
 TEST(HasGap, IsNotMisledByAQueueLongerThanTheNumbers)
@@ -166,7 +168,7 @@ TEST(HasGap, IsNotMisledByAQueueLongerThanTheNumbers)
     QList<int> numbers;
     for (int i = 0; i < 300; ++i)
         numbers.append(i % 256);
-    EXPECT_FALSE(hasGap(numbered(numbers)));
+    EXPECT_FALSE(hasGap(packetsOf(numbers)));
 }
 
 TEST(NewPacketGate, IsOpenWithoutAGap)
@@ -174,7 +176,7 @@ TEST(NewPacketGate, IsOpenWithoutAGap)
     QList<int> numbers;
     for (int i = 1; i <= 112; ++i)
         numbers.append(i);
-    NewPacketGate gate(numbered(numbers));
+    NewPacketGate gate(packetsOf(numbers));
     for (const int number : numbers)
         EXPECT_TRUE(gate.opensFor(static_cast<quint8>(number))) << number;
 }
@@ -184,7 +186,7 @@ TEST(NewPacketGate, ClosesMoreThan60BeyondTheOldestWithAGap)
     QList<int> numbers{200};
     for (int i = 202; i <= 280; ++i)
         numbers.append(i % 256);
-    NewPacketGate gate(numbered(numbers));
+    NewPacketGate gate(packetsOf(numbers));
     for (const int number : numbers)
         EXPECT_EQ(gate.opensFor(static_cast<quint8>(number)), stepsFrom(200, static_cast<quint8>(number)) <= 60) << number;
 }
@@ -194,27 +196,27 @@ TEST(NewPacketGate, StaysClosedForTheRestOfALongQueue)
     QList<int> numbers{0};
     for (int i = 2; i <= 300; ++i)
         numbers.append(i % 256);
-    NewPacketGate gate(numbered(numbers));
+    NewPacketGate gate(packetsOf(numbers));
     for (int i = 0; i < numbers.size(); ++i)
         EXPECT_EQ(gate.opensFor(static_cast<quint8>(numbers[i])), i < 60) << i;
 }
 
 TEST(DropOvertaken, LeavesWhatIsExpectedOrAhead)
 {
-    QList<CComPacket> held = numbered({5, 6, 120});
+    QList<CComPacket> held = packetsOf({5, 6, 120});
     dropOvertaken(held, 5, 100);
     EXPECT_EQ(numbersOf(held), (QList<int>{5, 6, 120}));
 }
 
 TEST(DropOvertaken, GivesAnOvertakenPacketEightNumbersOfGrace)
 {
-    QList<CComPacket> held = numbered({5, 20});
+    QList<CComPacket> held = packetsOf({5, 20});
     dropOvertaken(held, 13, 13);
     EXPECT_EQ(numbersOf(held), (QList<int>{5, 20}));
     dropOvertaken(held, 14, 14);
     EXPECT_EQ(numbersOf(held), QList<int>{20});
 
-    held = numbered({252});
+    held = packetsOf({252});
     dropOvertaken(held, 4, 4);
     EXPECT_EQ(numbersOf(held), QList<int>{252});
     dropOvertaken(held, 5, 5);
@@ -223,7 +225,7 @@ TEST(DropOvertaken, GivesAnOvertakenPacketEightNumbersOfGrace)
 
 TEST(DropOvertaken, FreesAStreamThatStandsStill)
 {
-    QList<CComPacket> held = numbered({5, 20});
+    QList<CComPacket> held = packetsOf({5, 20});
     dropOvertaken(held, 6, 14); // 8 ahead
     EXPECT_EQ(numbersOf(held), (QList<int>{5, 20}));
     dropOvertaken(held, 6, 5); // behind, however far
@@ -231,14 +233,14 @@ TEST(DropOvertaken, FreesAStreamThatStandsStill)
     dropOvertaken(held, 6, 15);
     EXPECT_EQ(numbersOf(held), QList<int>{20});
 
-    held = numbered({250, 20});
+    held = packetsOf({250, 20});
     dropOvertaken(held, 251, 4); // 9 ahead, around the wrap
     EXPECT_EQ(numbersOf(held), QList<int>{20});
 }
 
 TEST(DropOvertaken, DropsWhatIsNeitherAheadNorBehind)
 {
-    QList<CComPacket> held = numbered({130});
+    QList<CComPacket> held = packetsOf({130});
     dropOvertaken(held, 1, 1); // 129 ahead is 127 behind
     EXPECT_TRUE(held.isEmpty());
 }
