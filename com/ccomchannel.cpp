@@ -71,7 +71,7 @@ CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int c
 
 void CComChannel::disconnectFromAbonent()
 {
-    _CFunctionDebug functionDebug(Q_FUNC_INFO);
+    _CFunctionDebug trace(Q_FUNC_INFO);
     static const int resetTimeoutMs = CSettings().detailsTransportComResetTimeout();
 
     QThread::msleep(guardTimeMs);

