@@ -89,8 +89,14 @@ private:
     struct PortError {
         QSerialPort::SerialPortError code;
         QString text;
-        bool forcesReset; // raised by a port in use, not by one being opened
-        int opening;      // which opening of the port raised it
+        int state;   // a port that is being opened is not reset
+        int opening; // which opening of the port raised it
+    };
+
+    enum class SessionStart {
+        Running,
+        Refused,   // the host made no protocol
+        CalledOff, // a stop or a forced reset came first
     };
 
     // The states' handlers; each is called only in its state.
@@ -107,22 +113,26 @@ private:
     void leaveFreeOnDsrLoss(PortSession& session);
 
     void configurePort(QSerialPort& port);
+    void sendInitString(QSerialPort& port);
+    bool closeVanishedPort(QSerialPort& port);
     void startCheck(PortSession& session);
     void checkUnanswered(PortSession& session);
+    void readCheckAnswer(PortSession& session);
     void answerCall(PortSession& session);
     void connectFailed(PortSession& session, const QString& text);
     void runConnection(PortSession& session);
-    CAbstractProtocol* startProtocol(PortSession& session, const QString& calledName);
-    void reportLostConnection(const CAbstractProtocol& protocol, const QString& calledName);
+    SessionStart startSession(QSerialPort& port, QString* calledName);
     void waitForHandledNames();
+    void reportConnectionEnd(const QString& calledName);
     void deleteProtocol();
     void hangUpOnExit(PortSession& session);
-    void shutPort(PortSession& session);
+    void shutPort(QSerialPort& port);
 
-    void rememberError(const QSerialPort& port, QSerialPort::SerialPortError code);
+    void portErrorOccurred(const QSerialPort& port, QSerialPort::SerialPortError code);
     PortError takeError(QSerialPort::SerialPortError code);
 
     bool moveState(State from, State to);
+    bool stopRequested() const { return m_stopRequested.load(); }
     void setAbonentName(const QString& name);
     void setProtocol(CAbstractProtocol* protocol);
     void setStatus(const QString& text);
@@ -155,6 +165,8 @@ private:
     QList<PortError> m_errors; // on their way to comPortError()
     unsigned m_awaitedErrors = 0; // codes (as bits) whose reset is still to come; the worker's thread only
     std::atomic<int> m_opening{0}; // counts the openings of the port
+
+    std::atomic<bool> m_sessionFinished{false}; // the current protocol has emitted finished()
 
     // Names that the protocols have told, and those that the server's thread has passed on.
     std::atomic<int> m_toldNames{0};

@@ -3,6 +3,7 @@
 #include <QIODevice>
 #include <QSerialPort>
 
+#include "com/portwait.h"
 #include "common/csettings.h"
 #include "common/logger.h"
 
@@ -79,7 +80,7 @@ ModemReading readModemLine(QIODevice& input)
 
 ModemResponse readModemResponse(QSerialPort& port, QString& lastAnswer)
 {
-    port.waitForReadyRead(1);
+    waitForInput(port, 1);
     const ModemReading reading = readModemLine(port);
     if (!reading.isBlank) {
         lastAnswer = reading.text;
@@ -93,12 +94,6 @@ void dropEndlessInput(QIODevice& input)
 {
     if (input.bytesAvailable() > maxEndlessInputBytes && !input.canReadLine())
         input.readAll();
-}
-
-void waitForWritten(QSerialPort& port, int waitMs)
-{
-    if (port.bytesToWrite() > 0)
-        port.waitForBytesWritten(waitMs);
 }
 
 void writeCommand(QSerialPort& port, const QByteArray& command, int waitMs)

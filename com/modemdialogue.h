@@ -49,11 +49,7 @@ ModemResponse readModemResponse(QSerialPort& port, QString& lastAnswer);
 // that babbles cannot eat the memory.
 void dropEndlessInput(QIODevice& input);
 
-// Waits up to waitMs for some of the pending output to be written; with nothing pending it
-// returns at once (the port's own wait would last its whole time and raise an error).
-void waitForWritten(QSerialPort& port, int waitMs);
-
-// Writes the bytes and waits as waitForWritten() does.
+// Writes the bytes and waits up to waitMs for them to go out. The port's own thread.
 void writeCommand(QSerialPort& port, const QByteArray& command, int waitMs);
 
 // The commands. Each that ends in the control symbol reads it from the settings anew, so

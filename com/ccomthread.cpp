@@ -1,0 +1,760 @@
+#include "com/ccomthread.h"
+
+#include <sys/stat.h>
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QMutexLocker>
+
+#include "com/ccomchannel.h"
+#include "com/ccomserver.h"
+#include "com/modemdialogue.h"
+#include "com/portwait.h"
+#include "common/csettings.h"
+#include "common/functiondebug.h"
+#include "common/global.h"
+#include "common/logger.h"
+#include "plugin/cabstractchannelsstate.h"
+#include "plugin/cabstractjournal.h"
+#include "plugin/cabstractprotocol.h"
+#include "plugin/cabstractprotocolfactory.h"
+
+// What the state handlers share during one run().
+struct PortSession {
+    QSerialPort& port;
+    QElapsedTimer timer;               // of the state; not valid while it is not running
+    QString lastAnswer;                // the last line from the modem that was not blank
+    QSerialPort::PinoutSignals lines;  // the modem's lines when they were last looked at
+};
+
+namespace {
+
+constexpr int passPauseMs = 10;
+constexpr int pauseStepMs = 10;
+constexpr int writeWaitMs = 500;
+constexpr int hangUpWriteWaitMs = 100;
+constexpr int wrongAnswerPauseMs = 1000;
+constexpr int afterHangUpPauseMs = 500;
+constexpr int maxNoAnswerPauseS = 30;
+constexpr int handledNamesWaitMs = 500;
+
+constexpr int eventRecord = 0;
+constexpr int errorRecord = 1;
+
+// Seconds that a silent modem is left alone before it is asked again. Grows with every
+// silence of any port of the process, and any answer brings it back.
+constexpr int initialNoAnswerPauseS = 1;
+std::atomic<int> noAnswerPauseS{initialNoAnswerPauseS};
+
+int lengthenNoAnswerPause()
+{
+    int seconds = noAnswerPauseS.load();
+    while (seconds < maxNoAnswerPauseS && !noAnswerPauseS.compare_exchange_weak(seconds, seconds + 1)) {
+    }
+    return qMin(seconds + 1, maxNoAnswerPauseS);
+}
+
+// Leaves the host's table when run() ends, in whatever way.
+class ChannelEntry
+{
+public:
+    ChannelEntry(CAbstractChannelsState* channelsState, int index) : m_channelsState(channelsState), m_index(index) {}
+    ~ChannelEntry() { m_channelsState->removeChannel(m_index); }
+    Q_DISABLE_COPY(ChannelEntry)
+
+private:
+    CAbstractChannelsState* m_channelsState; // not owned
+    int m_index;
+};
+
+// The first is no error; the time-outs and the lost device come in every pass of an idle
+// or an unplugged port and show themselves by silence and by the lines.
+bool isIgnored(QSerialPort::SerialPortError code)
+{
+    return code == QSerialPort::NoError || code == QSerialPort::DeviceNotFoundError
+        || code == QSerialPort::ResourceError || code == QSerialPort::TimeoutError;
+}
+
+unsigned errorBit(QSerialPort::SerialPortError code)
+{
+    return 1u << (static_cast<unsigned>(code) % 32u);
+}
+
+// An invalid QElapsedTimer counts as expired for Qt, but not here.
+bool runsLongerThan(const QElapsedTimer& timer, int timeoutMs)
+{
+    return timer.isValid() && timer.elapsed() > timeoutMs;
+}
+
+QSerialPort::PinoutSignals modemLines(QSerialPort& port)
+{
+    // A closed port would raise an error.
+    return port.isOpen() ? port.pinoutSignals() : QSerialPort::PinoutSignals(QSerialPort::NoSignal);
+}
+
+// Where QSerialPort looks for a port of this name.
+QString deviceFilePath(const QString& portName)
+{
+    const bool isPath = portName.startsWith(QLatin1Char('/')) || portName.startsWith(QLatin1String("./"))
+        || portName.startsWith(QLatin1String("../"));
+    return isPath ? portName : QStringLiteral("/dev/") + portName;
+}
+
+// Whether the port's device file is gone, or is another device by now: one that came back
+// while its link stayed the same.
+bool deviceHasVanished(const QSerialPort& port, const QString& portName)
+{
+    struct stat opened {};
+    struct stat named {};
+    if (::fstat(port.handle(), &opened) != 0)
+        return false;
+    if (::stat(QFile::encodeName(deviceFilePath(portName)).constData(), &named) != 0)
+        return true;
+    return opened.st_dev != named.st_dev || opened.st_ino != named.st_ino || opened.st_rdev != named.st_rdev;
+}
+
+void log(const QString& text, DebugLevel level)
+{
+    debug(QStringLiteral("CComThread"), text, level, DebugFlagNone);
+}
+
+} // namespace
+
+CComThread::CComThread(const ComPortSettings& settings, CComServer* server) : m_settings(settings), m_server(server)
+{
+}
+
+CComThread::~CComThread() = default;
+
+QString CComThread::abonentName() const
+{
+    QMutexLocker locker(&m_lifeMutex);
+    return m_abonentName;
+}
+
+bool CComThread::tryConnect(const QString& abonentName, const QString& number)
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QMutexLocker locker(&m_mutex);
+    if (state() != LineFree)
+        return false;
+    setAbonentName(abonentName);
+    m_number = number;
+    m_state = CallRequested;
+    return true;
+}
+
+void CComThread::disconnectFromAbonent()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QMutexLocker locker(&m_mutex);
+    if (m_protocol)
+        m_protocol->stop();
+}
+
+void CComThread::stop()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QMutexLocker locker(&m_mutex);
+    m_stopRequested = true;
+    if (m_protocol)
+        m_protocol->stop();
+}
+
+void CComThread::keepAlive()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QMutexLocker locker(&m_lifeMutex);
+    // The protocol reads it in its own thread.
+    if (m_protocol)
+        __atomic_store_n(&m_protocol->keepAlive, true, __ATOMIC_RELAXED);
+}
+
+void CComThread::run()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QSerialPort port;
+    connect(&port, &QSerialPort::errorOccurred,
+            [this, &port](QSerialPort::SerialPortError code) { portErrorOccurred(port, code); });
+    port.setPortName(m_settings.portName);
+    CAbstractChannelsState* const channelsState = m_server->channelsState;
+    m_index = channelsState->addChannel(CComChannel::channelType, m_settings.portName, QStringLiteral("Инициализация"));
+    ChannelEntry entry(channelsState, m_index);
+    setStatus(QStringLiteral("Открытие COM порта"));
+
+    PortSession session{port, {}, {}, {}};
+    for (;;) {
+        msleep(passPauseMs);
+        if (stopRequested())
+            break;
+        // Not a switch: a state that one handler sets is handled in the same pass.
+        if (state() == PortClosed)
+            openPort(session);
+        if (state() == WaitingForDevice)
+            waitForDevice(session);
+        if (state() == CheckingDevice)
+            checkDevice(session);
+        if (state() == LineFree)
+            serveFreeLine(session);
+        if (state() == CallRequested)
+            dial(session);
+        if (state() == WaitingForConnect)
+            awaitConnect(session);
+        if (state() == ResettingModem)
+            resetModem(session);
+        reopenClosedPort(session);
+        resetOnCarrier(session);
+        leaveFreeOnDsrLoss(session);
+    }
+    hangUpOnExit(session);
+    // From here on destructors do input and output; being cancelled in one would abort the host.
+    setTerminationEnabled(false);
+    if (port.isOpen())
+        shutPort(port);
+}
+
+// --- the states -------------------------------------------------------------------------
+
+void CComThread::openPort(PortSession& session)
+{
+    static const int openIntervalMs = CSettings().detailsTransportComOpenInterval();
+    QSerialPort& port = session.port;
+    if (!port.open(QIODevice::ReadWrite)) {
+        const QString text = QStringLiteral("Ошибка открытия COM порта. %1").arg(port.errorString());
+        log(text, DebugAlways);
+        report(text);
+        pause(openIntervalMs);
+        return;
+    }
+    log(QStringLiteral("COM порт открыт"), DebugAlways);
+    report(QStringLiteral("COM порт открыт"));
+    configurePort(port);
+    sendInitString(port);
+    session.lines = modemLines(port);
+    moveState(PortClosed,
+              session.lines.testFlag(QSerialPort::DataCarrierDetectSignal) ? ResettingModem : WaitingForDevice);
+    session.timer.invalidate();
+}
+
+// A parameter that the port refuses is reported, and the rest is set all the same.
+void CComThread::configurePort(QSerialPort& port)
+{
+    const auto check = [this, &port](bool isSet, const QString& failure) {
+        if (isSet)
+            return;
+        const QString text = failure.arg(port.errorString());
+        log(text, DebugAlways);
+        addError(text);
+    };
+    check(port.setDataTerminalReady(true), QStringLiteral("Не удалось установить сигнал DTR для COM порта. %1"));
+    check(port.setBaudRate(m_settings.baudRate), QStringLiteral("Не удалось изменить скорость COM порта. %1"));
+    check(port.setFlowControl(static_cast<QSerialPort::FlowControl>(m_settings.flowControl)),
+          QStringLiteral("Не удалось изменить управление потоком COM порта. %1"));
+    check(port.setDataBits(static_cast<QSerialPort::DataBits>(m_settings.dataBits)),
+          QStringLiteral("Не удалось изменить биты данных COM порта. %1"));
+    check(port.setParity(static_cast<QSerialPort::Parity>(m_settings.parity)),
+          QStringLiteral("Не удалось изменить четность COM порта. %1"));
+    check(port.setStopBits(static_cast<QSerialPort::StopBits>(m_settings.stopBits)),
+          QStringLiteral("Не удалось изменить стоповые биты COM порта. %1"));
+}
+
+void CComThread::sendInitString(QSerialPort& port)
+{
+    const QString& initString = m_settings.initString;
+    if (initString.isEmpty())
+        return;
+    addEvent(QStringLiteral("Отправка строки инициализации: %1").arg(initString));
+    log(QStringLiteral("Запись команды: %1").arg(initString), DebugTransportComAtCommands);
+    writeCommand(port, initCommand(initString), writeWaitMs);
+}
+
+void CComThread::waitForDevice(PortSession& session)
+{
+    static const int dsrCheckIntervalMs = CSettings().detailsTransportComDsrCheckInterval();
+    session.lines = modemLines(session.port);
+    if (session.lines.testFlag(QSerialPort::DataSetReadySignal)) {
+        log(QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(m_settings.portName),
+            DebugTransportComAtCommands);
+        report(QStringLiteral("Устройство включено"));
+        moveState(WaitingForDevice, CheckingDevice);
+    } else if (!closeVanishedPort(session.port)) {
+        pause(dsrCheckIntervalMs);
+    }
+}
+
+// An unplugged device leaves its port open with all lines down, and while it is held the
+// kernel gives the returning device another number. Closed, it is opened again and again
+// until the device is back.
+bool CComThread::closeVanishedPort(QSerialPort& port)
+{
+    if (!port.isOpen() || !deviceHasVanished(port, m_settings.portName))
+        return false;
+    port.close();
+    return true;
+}
+
+void CComThread::checkDevice(PortSession& session)
+{
+    static const int okTimeoutMs = CSettings().detailsTransportComAtOkTimeout();
+    if (closeVanishedPort(session.port))
+        return;
+    if (!session.timer.isValid())
+        startCheck(session);
+    if (runsLongerThan(session.timer, okTimeoutMs))
+        checkUnanswered(session);
+    else
+        readCheckAnswer(session);
+}
+
+void CComThread::startCheck(PortSession& session)
+{
+    session.port.readAll();
+    session.timer.start();
+    log(QStringLiteral("Запись команды: AT"), DebugTransportComAtCommands);
+    addEvent(QStringLiteral("Запись команды 'AT'"));
+    writeCommand(session.port, checkCommand(), writeWaitMs);
+}
+
+void CComThread::checkUnanswered(PortSession& session)
+{
+    log(QStringLiteral("Нет ответа на команду 'AT'"), DebugTransportComAtCommands);
+    report(QStringLiteral("Нет ответа на команду 'AT'"));
+    session.timer.invalidate();
+    pause(lengthenNoAnswerPause() * 1000);
+}
+
+void CComThread::readCheckAnswer(PortSession& session)
+{
+    waitForWritten(session.port, 100);
+    waitForInput(session.port, 100);
+    switch (readModemResponse(session.port, session.lastAnswer)) {
+    case ResponseOk:
+        setStatus(QStringLiteral("Свободен"));
+        log(QStringLiteral("Получен ответ 'OK' на команду AT"), DebugTransportComAtCommands);
+        addEvent(QStringLiteral("Получен ответ 'OK' на команду 'AT'"));
+        moveState(CheckingDevice, LineFree);
+        session.timer.invalidate();
+        noAnswerPauseS = initialNoAnswerPauseS;
+        break;
+    case ResponseNone:
+    case ResponseAtEcho:
+        dropEndlessInput(session.port);
+        break;
+    case ResponseUnknown:
+    case ResponseError:
+    case ResponseBusy:
+    case ResponseRing:
+    case ResponseConnect:
+    case ResponseNoCarrier:
+    case ResponseNoDialtone:
+    case ResponseNoAnswer:
+    case ResponseDialEcho:
+    case ResponseAnswerEcho: {
+        const QString text = QStringLiteral("Неверный ответ на команду 'AT': %1").arg(session.lastAnswer);
+        log(text, DebugTransportComAtCommands);
+        report(text);
+        session.timer.invalidate();
+        pause(wrongAnswerPauseMs);
+        noAnswerPauseS = initialNoAnswerPauseS;
+        break;
+    }
+    }
+}
+
+void CComThread::serveFreeLine(PortSession& session)
+{
+    static const int readyCheckTimeoutMs = CSettings().detailsTransportComAtReadyCheckTimeout();
+    QMutexLocker locker(&m_mutex);
+    if (state() != LineFree)
+        return;
+    // This look serves the test for the loss of DSR at the end of the pass as well.
+    session.lines = modemLines(session.port);
+    if (session.lines.testFlag(QSerialPort::RingIndicatorSignal)
+        || readModemResponse(session.port, session.lastAnswer) == ResponseRing) {
+        answerCall(session);
+        return;
+    }
+    dropEndlessInput(session.port);
+    if (!session.timer.isValid())
+        session.timer.start();
+    if (runsLongerThan(session.timer, readyCheckTimeoutMs)) {
+        m_state = CheckingDevice;
+        session.timer.invalidate();
+    }
+}
+
+// Called under m_mutex.
+void CComThread::answerCall(PortSession& session)
+{
+    setStatus(QStringLiteral("Входящий вызов"));
+    log(QStringLiteral("Запись команды: ATA"), DebugTransportComAtCommands);
+    addEvent(QStringLiteral("Входящий вызов. Запись команды: ATA"));
+    writeCommand(session.port, answerCommand(), writeWaitMs);
+    setAbonentName(QString());
+    m_state = WaitingForConnect;
+    session.timer.start();
+}
+
+void CComThread::dial(PortSession& session)
+{
+    const QString name = abonentName();
+    setStatus(QStringLiteral("Вызов '%1' (%2)").arg(name, m_number));
+    log(QStringLiteral("Запись команды: ATD%1").arg(m_number), DebugTransportComAtCommands);
+    addEvent(QStringLiteral("Вызов '%1' (%2). Запись команды: ATD%2").arg(name, m_number));
+    writeCommand(session.port, dialCommand(m_number), writeWaitMs);
+    moveState(CallRequested, WaitingForConnect);
+    session.timer.start();
+}
+
+void CComThread::awaitConnect(PortSession& session)
+{
+    static const int connectTimeoutMs = CSettings().detailsTransportComConnectTimeout();
+    const bool isOutgoing = !abonentName().isEmpty();
+    bool hasFailed = false;
+    switch (readModemResponse(session.port, session.lastAnswer)) {
+    case ResponseConnect:
+        runConnection(session);
+        return;
+    case ResponseNone:
+    case ResponseUnknown:
+        break;
+    case ResponseDialEcho:
+        hasFailed = !isOutgoing;
+        break;
+    case ResponseAnswerEcho:
+        hasFailed = isOutgoing;
+        break;
+    case ResponseError:
+    case ResponseOk:
+    case ResponseBusy:
+    case ResponseRing:
+    case ResponseNoCarrier:
+    case ResponseNoDialtone:
+    case ResponseNoAnswer:
+    case ResponseAtEcho:
+        hasFailed = true;
+        break;
+    }
+    if (hasFailed)
+        connectFailed(session, QStringLiteral("Не удалось установить соединение: %1").arg(session.lastAnswer));
+    else if (runsLongerThan(session.timer, connectTimeoutMs))
+        connectFailed(session, QStringLiteral("Не удалось установить соединение: превышено время ожидания"));
+}
+
+void CComThread::connectFailed(PortSession& session, const QString& text)
+{
+    report(text);
+    const QString name = abonentName();
+    if (!name.isEmpty())
+        emit m_server->notConnected(name);
+    moveState(WaitingForConnect, ResettingModem);
+    session.timer.invalidate();
+}
+
+void CComThread::resetModem(PortSession& session)
+{
+    static const int resetTimeoutMs = CSettings().detailsTransportComResetTimeout();
+    QSerialPort& port = session.port;
+    if (!port.isOpen())
+        return;
+    // A timer that runs already (an error, or carrier during the check) leaves out the escape.
+    if (!session.timer.isValid()) {
+        log(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
+        port.readAll();
+        writeCommand(port, escapeCommand(), writeWaitMs);
+        waitForInput(port, 200);
+        session.timer.start();
+        return;
+    }
+    const bool isEscaped = readModemResponse(port, session.lastAnswer) == ResponseOk;
+    if (!isEscaped && !runsLongerThan(session.timer, resetTimeoutMs))
+        return;
+    writeCommand(port, resetHangUpCommand(), hangUpWriteWaitMs);
+    pause(afterHangUpPauseMs);
+    port.readAll();
+    shutPort(port);
+    m_state = PortClosed;
+    session.timer.invalidate();
+}
+
+// --- in any state -----------------------------------------------------------------------
+
+void CComThread::reopenClosedPort(PortSession& session)
+{
+    if (session.port.isOpen())
+        return;
+    setStatus(QStringLiteral("Открытие COM порта"));
+    QMutexLocker locker(&m_mutex);
+    m_state = PortClosed;
+    // Whatever reset was still to come has been made.
+    ++m_opening;
+    m_awaitedErrors = 0;
+}
+
+void CComThread::resetOnCarrier(PortSession& session)
+{
+    if (state() != CheckingDevice)
+        return;
+    session.lines = modemLines(session.port);
+    // The modem is still in a call.
+    if (session.lines.testFlag(QSerialPort::DataCarrierDetectSignal))
+        moveState(CheckingDevice, ResettingModem);
+}
+
+void CComThread::leaveFreeOnDsrLoss(PortSession& session)
+{
+    if (state() != LineFree || session.lines.testFlag(QSerialPort::DataSetReadySignal))
+        return;
+    QMutexLocker locker(&m_mutex);
+    // A call may have been taken meanwhile.
+    if (state() != LineFree)
+        return;
+    log(QStringLiteral("Устройство на COM порту '%1' выключено").arg(m_settings.portName), DebugTransportComAtCommands);
+    report(QStringLiteral("COM порт открыт"));
+    m_state = WaitingForDevice;
+}
+
+// --- a connection -----------------------------------------------------------------------
+
+void CComThread::runConnection(PortSession& session)
+{
+    session.timer.invalidate();
+    const QString text = QStringLiteral("Соединение установлено: %1").arg(session.lastAnswer);
+    log(text, DebugAlways);
+    report(text);
+
+    QString calledName;
+    switch (startSession(session.port, &calledName)) {
+    case SessionStart::Running:
+        // A thread remembers a quit() from before the loop: only the protocol's word counts.
+        do {
+            exec();
+        } while (!m_sessionFinished);
+        waitForHandledNames();
+        reportConnectionEnd(calledName);
+        deleteProtocol();
+        break;
+    case SessionStart::Refused:
+        if (!calledName.isEmpty())
+            emit m_server->notConnected(calledName);
+        break;
+    case SessionStart::CalledOff:
+        break;
+    }
+    QMutexLocker locker(&m_mutex);
+    m_state = ResettingModem;
+}
+
+// calledName becomes the name of the called party, empty for an incoming call: kept apart,
+// since the name that the peer tells takes the place of m_abonentName.
+CComThread::SessionStart CComThread::startSession(QSerialPort& port, QString* calledName)
+{
+    QMutexLocker locker(&m_mutex);
+    // Nobody would stop a session made now.
+    if (stopRequested() || state() != WaitingForConnect)
+        return SessionStart::CalledOff;
+    *calledName = abonentName();
+    auto* const channel = new CComChannel(&port, m_server->channelsState, m_index);
+    CAbstractProtocol* const protocol = m_server->protocolFactory->createProtocol(channel);
+    if (!protocol) {
+        delete channel;
+        return SessionStart::Refused;
+    }
+    m_sessionFinished = false;
+    // Directly: the server's thread may be asleep in its own stop(). The order matters.
+    connect(protocol, &CAbstractProtocol::finished, [this] { m_sessionFinished = true; });
+    connect(protocol, &CAbstractProtocol::finished, this, &QThread::quit, Qt::DirectConnection);
+    connect(protocol, &CAbstractProtocol::remoteAbonentNameChanged, [this] { ++m_toldNames; });
+    connect(protocol, &CAbstractProtocol::remoteAbonentNameChanged, this, &CComThread::remoteAbonentNameChanged);
+    if (!calledName->isEmpty()) {
+        protocol->remoteAbonentName = *calledName;
+        protocol->remoteAbonentNameFiltered = Global::filterName(*calledName);
+    }
+    protocol->channelName = m_settings.portName;
+    setProtocol(protocol);
+    protocol->start();
+    return SessionStart::Running;
+}
+
+// The host shall see connected() before disconnected().
+void CComThread::waitForHandledNames()
+{
+    for (int waitedMs = 0; waitedMs < handledNamesWaitMs; waitedMs += pauseStepMs) {
+        if (stopRequested() || m_handledNames == m_toldNames)
+            return;
+        msleep(pauseStepMs);
+    }
+}
+
+void CComThread::reportConnectionEnd(const QString& calledName)
+{
+    // This thread alone sets and deletes the protocol.
+    const QString remoteName = m_protocol->remoteAbonentName;
+    const QString text = QStringLiteral("Потеряно соединение с абонентом '%1'").arg(remoteName);
+    log(text, DebugTransportConnects);
+    addEvent(text);
+    if (!calledName.isEmpty() && !remoteName.isEmpty()
+        && Global::filterName(remoteName) != Global::filterName(calledName)) {
+        emit m_server->notConnected(calledName);
+        addEvent(QStringLiteral("Не удалось установить соединение с '%1'").arg(calledName));
+    }
+    const QString endedName = remoteName.isEmpty() ? abonentName() : remoteName;
+    if (!endedName.isEmpty())
+        emit m_server->disconnected(endedName, m_connectionId, m_protocol->wasUseful);
+}
+
+void CComThread::deleteProtocol()
+{
+    QMutexLocker locker(&m_mutex);
+    CAbstractProtocol* const protocol = m_protocol;
+    setProtocol(nullptr);
+    // Being cancelled in a destructor would abort the host.
+    setTerminationEnabled(false);
+    delete protocol;
+    setTerminationEnabled(true);
+}
+
+void CComThread::remoteAbonentNameChanged(QString name)
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    setAbonentName(name);
+    emit m_server->connected(name, m_connectionId);
+    report(QStringLiteral("Установлено соединение с '%1'").arg(name));
+    ++m_handledNames;
+}
+
+// --- errors of the port -----------------------------------------------------------------
+
+// Runs in the worker's thread, within the port's own call: what the error is about is
+// noted here, since by the time the server's thread learns of it the port tells another.
+void CComThread::portErrorOccurred(const QSerialPort& port, QSerialPort::SerialPortError code)
+{
+    if (isIgnored(code) || (m_awaitedErrors & errorBit(code)) != 0)
+        return;
+    const int stateNow = state();
+    // A port that has lost its device raises the same error hundreds of thousands of
+    // times a second; one is enough until the reset that it asks for has been made.
+    if (stateNow != PortClosed)
+        m_awaitedErrors |= errorBit(code);
+    {
+        QMutexLocker locker(&m_errorsMutex);
+        m_errors.append({code, port.errorString(), stateNow, m_opening});
+    }
+    QMetaObject::invokeMethod(this, [this, code] { comPortError(code); }, Qt::QueuedConnection);
+}
+
+CComThread::PortError CComThread::takeError(QSerialPort::SerialPortError code)
+{
+    {
+        QMutexLocker locker(&m_errorsMutex);
+        for (int i = 0; i < m_errors.size(); ++i) {
+            if (m_errors.at(i).code == code)
+                return m_errors.takeAt(i);
+        }
+    }
+    const auto* const port = qobject_cast<QSerialPort*>(sender());
+    return {code, port ? port->errorString() : QString(), state(), m_opening};
+}
+
+void CComThread::comPortError(QSerialPort::SerialPortError error)
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    if (isIgnored(error))
+        return;
+    const PortError raised = takeError(error);
+    const QString text = QStringLiteral("COM port error: %1").arg(static_cast<int>(error))
+        + QStringLiteral(". %1").arg(raised.text);
+    log(text, DebugTransportComPortError);
+    addError(text);
+
+    QMutexLocker locker(&m_mutex);
+    // A parameter that the port refuses while it is being opened must not send it round
+    // for ever, nor an error whose port has been opened anew since.
+    if (raised.state == PortClosed || raised.opening != m_opening)
+        return;
+    if (m_protocol)
+        m_protocol->stop();
+    if (state() != PortClosed)
+        m_state = ResettingModem;
+}
+
+// --- the end of run() -------------------------------------------------------------------
+
+void CComThread::hangUpOnExit(PortSession& session)
+{
+    // run() leaves its loop only with the flag set, so that this returns here: a stop does
+    // not wait for the modem. Kept for a loop that ends for another reason.
+    if (stopRequested())
+        return;
+    QSerialPort& port = session.port;
+    if (!modemLines(port).testFlag(QSerialPort::DataCarrierDetectSignal))
+        return;
+    log(QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands);
+    writeCommand(port, escapeCommand(), hangUpWriteWaitMs);
+    session.timer.start();
+    do {
+        waitForInput(port, 100);
+    } while (readModemResponse(port, session.lastAnswer) != ResponseOk && session.timer.elapsed() < 999);
+    writeCommand(port, exitHangUpCommand(), hangUpWriteWaitMs);
+    pause(100);
+    port.readAll();
+}
+
+void CComThread::shutPort(QSerialPort& port)
+{
+    port.setDataTerminalReady(false);
+    port.clear(QSerialPort::AllDirections);
+    port.close();
+}
+
+// --- small tools ------------------------------------------------------------------------
+
+// A transition made without m_mutex: false, and nothing is changed, when a call was taken
+// or a reset forced meanwhile.
+bool CComThread::moveState(State from, State to)
+{
+    int expected = from;
+    return m_state.compare_exchange_strong(expected, to);
+}
+
+void CComThread::setAbonentName(const QString& name)
+{
+    QMutexLocker locker(&m_lifeMutex);
+    m_abonentName = name;
+}
+
+void CComThread::setProtocol(CAbstractProtocol* protocol)
+{
+    QMutexLocker locker(&m_lifeMutex);
+    m_protocol = protocol;
+}
+
+void CComThread::setStatus(const QString& text)
+{
+    m_server->channelsState->setState(m_index, text);
+}
+
+void CComThread::addEvent(const QString& text)
+{
+    m_server->journal->addRecord(eventRecord, m_settings.portName, text);
+}
+
+void CComThread::addError(const QString& text)
+{
+    m_server->journal->addRecord(errorRecord, m_settings.portName, text);
+}
+
+void CComThread::report(const QString& text)
+{
+    setStatus(text);
+    addEvent(text);
+}
+
+void CComThread::pause(int pauseMs) const
+{
+    for (int step = 0; step < pauseMs / pauseStepMs; ++step) {
+        if (stopRequested())
+            return;
+        msleep(pauseStepMs);
+    }
+}
