@@ -9,6 +9,7 @@
 #include "com/ccomchannel.h"
 #include "com/ccomserver.h"
 #include "com/modemdialogue.h"
+#include "com/noanswerpause.h"
 #include "com/portwait.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
@@ -35,24 +36,13 @@ constexpr int writeWaitMs = 500;
 constexpr int hangUpWriteWaitMs = 100;
 constexpr int wrongAnswerPauseMs = 1000;
 constexpr int afterHangUpPauseMs = 500;
-constexpr int maxNoAnswerPauseS = 30;
 constexpr int handledNamesWaitMs = 500;
 
 constexpr int eventRecord = 0;
 constexpr int errorRecord = 1;
 
-// Seconds that a silent modem is left alone before it is asked again. Grows with every
-// silence of any port of the process, and any answer brings it back.
-constexpr int initialNoAnswerPauseS = 1;
-std::atomic<int> noAnswerPauseS{initialNoAnswerPauseS};
-
-int lengthenNoAnswerPause()
-{
-    int seconds = noAnswerPauseS.load();
-    while (seconds < maxNoAnswerPauseS && !noAnswerPauseS.compare_exchange_weak(seconds, seconds + 1)) {
-    }
-    return qMin(seconds + 1, maxNoAnswerPauseS);
-}
+// Shared by all ports: with several silent modems each is asked the less often.
+NoAnswerPause noAnswerPause;
 
 // Leaves the host's table when run() ends, in whatever way.
 class ChannelEntry
@@ -320,7 +310,7 @@ void CComThread::checkUnanswered(PortSession& session)
     log(QStringLiteral("Нет ответа на команду 'AT'"), DebugTransportComAtCommands);
     report(QStringLiteral("Нет ответа на команду 'AT'"));
     session.timer.invalidate();
-    pause(lengthenNoAnswerPause() * 1000);
+    pause(noAnswerPause.lengthen() * 1000);
 }
 
 void CComThread::readCheckAnswer(PortSession& session)
@@ -334,7 +324,7 @@ void CComThread::readCheckAnswer(PortSession& session)
         addEvent(QStringLiteral("Получен ответ 'OK' на команду 'AT'"));
         moveState(CheckingDevice, LineFree);
         session.timer.invalidate();
-        noAnswerPauseS = initialNoAnswerPauseS;
+        noAnswerPause.reset();
         break;
     case ResponseNone:
     case ResponseAtEcho:
@@ -355,7 +345,7 @@ void CComThread::readCheckAnswer(PortSession& session)
         report(text);
         session.timer.invalidate();
         pause(wrongAnswerPauseMs);
-        noAnswerPauseS = initialNoAnswerPauseS;
+        noAnswerPause.reset();
         break;
     }
     }

@@ -1,0 +1,51 @@
+#include "tests/worker/modemscript.h"
+
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
+
+using testsupport::waitFor;
+
+ModemScript::ModemScript(const QString& name) : m_endpoint(testsupport::installRoot() + QLatin1Char('/') + name)
+{
+    EXPECT_TRUE(m_endpoint.isOpen()) << m_endpoint.errorString().toStdString();
+}
+
+testing::AssertionResult ModemScript::expectWritten(const QByteArray& expected)
+{
+    waitFor([&] { return written().size() >= expected.size(); });
+    const QByteArray found = m_written.left(expected.size());
+    m_written.remove(0, expected.size());
+    if (found == expected)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "written: \"" << found.toPercentEncoding(" +").constData() << "\", expected: \""
+                                       << expected.toPercentEncoding(" +").constData() << '"';
+}
+
+QByteArray ModemScript::written()
+{
+    m_written += m_endpoint.read();
+    return m_written;
+}
+
+void ModemScript::reply(const QByteArray& bytes)
+{
+    EXPECT_EQ(m_endpoint.write(bytes), bytes.size());
+}
+
+bool ModemScript::flood(const QByteArray& bytes)
+{
+    int done = 0;
+    while (done < bytes.size()) {
+        qint64 count = 0;
+        const bool isTaken = waitFor([&] { return (count = m_endpoint.write(bytes.mid(done, 4096))) > 0; });
+        if (!isTaken)
+            return false;
+        done += static_cast<int>(count);
+    }
+    return true;
+}
+
+void ModemScript::setLine(sim::ModemLine line, bool on)
+{
+    m_endpoint.setModemLines(on ? m_endpoint.modemLines() | line : m_endpoint.modemLines() & ~line);
+}
