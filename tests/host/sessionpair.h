@@ -1,0 +1,74 @@
+// Two sessions over a line in memory: bytes arrive in pieces of random size, the clock is
+// a number, the line breaks after any number of bytes.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include <QByteArray>
+
+#include "host/session.h"
+#include "tests/host/memorystore.h"
+
+namespace hosttest {
+
+struct LineOptions
+{
+    int pieceBytes = 1014;      // what one write takes
+    int queueBytes = 10240;     // what the channel holds at most
+    int bytesPerStep = 1 << 20; // delivered in one step each way
+    int stepMs = 10;
+    qint64 cutAfterBytes = -1;  // of both directions together; -1: never
+};
+
+class SessionPair
+{
+public:
+    explicit SessionPair(unsigned seed, const LineOptions& options = {});
+
+    // New sessions over the same stores, on a whole line. The clock goes on.
+    void connect(const LineOptions& options);
+    void connect() { connect(m_options); }
+
+    void step();
+    // Steps until both sessions ended; false when they had not after limitMs of the clock.
+    bool runToEnd(qint64 limitMs = 3600 * 1000);
+    bool runUntil(const std::function<bool()>& condition, qint64 limitMs = 600 * 1000);
+
+    struct Side
+    {
+        MemoryStore store;
+        host::SessionSettings settings;
+        std::unique_ptr<host::Session> session;
+        QByteArray wire; // on its way to this side
+        qint64 receivedBytes = 0;
+        std::vector<host::SessionEvent> events;
+        bool silent = false; // its bytes are lost
+        // What a test does to the bytes on their way to this side.
+        std::function<QByteArray(const QByteArray&)> tamper;
+
+        int count(host::SessionEvent::Kind kind) const;
+        const host::SessionEvent* last(host::SessionEvent::Kind kind) const;
+    };
+
+    Side a;
+    Side b;
+    qint64 nowMs = 1000;
+    qint64 carriedBytes = 0; // both directions, on this connection
+    bool isCut() const { return m_isCut; }
+
+private:
+    void deliver(Side& side);
+    void pump(Side& from, Side& to);
+
+    LineOptions m_options;
+    std::mt19937 m_random;
+    bool m_isCut = false;
+};
+
+// Bytes that look like nothing in particular, the same for the same seed.
+QByteArray randomBytes(int size, unsigned seed);
+
+} // namespace hosttest
