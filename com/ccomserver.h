@@ -67,7 +67,7 @@ private slots:
 
 private:
     QList<CComThread*> workers() const;
-    void terminateRunning();
+    void terminateRunning(qint64 waitMs);
 
     QList<CComThread*> threads; // owned; in the order of the enabled ports
 
