@@ -1,0 +1,54 @@
+# What is installed, in two components:
+#   runtime      bin/channelPlugins/: the plug-in, where hosts in bin/ look for it
+#   development  headers, the two static libraries that hosts share with the plug-in, and
+#                the CMake package transportCom (find_package(transportCom))
+
+include(CMakePackageConfigHelpers)
+
+install(TARGETS transportCom
+    LIBRARY
+        DESTINATION ${CMAKE_INSTALL_BINDIR}/channelPlugins
+        COMPONENT runtime
+        NAMELINK_SKIP)
+
+install(TARGETS channelapi common
+    EXPORT transportComTargets
+    ARCHIVE
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        COMPONENT development)
+
+install(FILES
+        plugin/cabstractchannelsstate.h
+        plugin/cabstractjournal.h
+        plugin/cabstractprotocol.h
+        plugin/cabstractprotocolfactory.h
+        plugin/cchannel.h
+        plugin/cchannelplugin.h
+        plugin/cchannelserver.h
+        plugin/channelapi_export.h
+        plugin/entrypoints.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/transportCom/plugin
+    COMPONENT development)
+install(DIRECTORY common/
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/transportCom/common
+    COMPONENT development
+    FILES_MATCHING PATTERN "*.h")
+
+set(transport_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/transportCom)
+install(EXPORT transportComTargets
+    NAMESPACE transportCom::
+    DESTINATION ${transport_package_dir}
+    COMPONENT development)
+configure_package_config_file(
+    ${PROJECT_SOURCE_DIR}/cmake/transportComConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/transportComConfig.cmake
+    INSTALL_DESTINATION ${transport_package_dir}
+    PATH_VARS CMAKE_INSTALL_BINDIR)
+write_basic_package_version_file(
+    ${PROJECT_BINARY_DIR}/transportComConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+        ${PROJECT_BINARY_DIR}/transportComConfig.cmake
+        ${PROJECT_BINARY_DIR}/transportComConfigVersion.cmake
+    DESTINATION ${transport_package_dir}
+    COMPONENT development)
