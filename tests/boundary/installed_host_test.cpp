@@ -1,0 +1,137 @@
+// A host author's way from an installed tree to a running host: install what was built,
+// build a small host against it and nothing else, run it.
+#include "tests/support/testroot.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QProcessEnvironment>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr int stepDeadlineMs = 240000;
+
+struct Outcome {
+    int exitCode = -1;
+    QString output; // both streams
+};
+
+Outcome runProgram(const QString& program, const QStringList& arguments)
+{
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    // A build started from a build that hands job slots down must not wait for them.
+    environment.remove(QStringLiteral("MAKEFLAGS"));
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    if (!process.waitForFinished(stepDeadlineMs)) {
+        process.kill();
+        process.waitForFinished();
+        return {-1, program + QStringLiteral(": ") + process.errorString()};
+    }
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAll())};
+}
+
+Outcome runCMake(const QStringList& arguments)
+{
+    return runProgram(QStringLiteral(BUILD_CMAKE), arguments);
+}
+
+QStringList filesBelow(const QString& directory)
+{
+    QStringList found = QDir(directory).entryList(QDir::Files, QDir::Name);
+    return found;
+}
+
+class InstalledHost : public testing::Test
+{
+protected:
+    const QString prefix = testsupport::installRoot() + QStringLiteral("/prefix");
+    const QString hostBuild = testsupport::installRoot() + QStringLiteral("/host-build");
+
+    void install(const QString& component)
+    {
+        const Outcome installed = runCMake({QStringLiteral("--install"), QStringLiteral(BUILD_DIR),
+                                            QStringLiteral("--prefix"), prefix, QStringLiteral("--component"),
+                                            component});
+        ASSERT_EQ(installed.exitCode, 0) << installed.output.toStdString();
+    }
+};
+
+} // namespace
+
+TEST_F(InstalledHost, RuntimeIsTheLibraryAlone)
+{
+    ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("runtime")));
+    EXPECT_EQ(filesBelow(prefix + QStringLiteral("/bin/channelPlugins")),
+              (QStringList{QStringLiteral("libtransportCom.so.1"), QStringLiteral("libtransportCom.so.1.0.0")}));
+    EXPECT_EQ(QFile::symLinkTarget(prefix + QStringLiteral("/bin/channelPlugins/libtransportCom.so.1")),
+              prefix + QStringLiteral("/bin/channelPlugins/libtransportCom.so.1.0.0"));
+    EXPECT_EQ(QDir(prefix).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList{QStringLiteral("bin")});
+}
+
+TEST_F(InstalledHost, DevelopmentHasEveryHeaderOfBothRooms)
+{
+    ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
+    for (const QString& room : {QStringLiteral("plugin"), QStringLiteral("common")}) {
+        QStringList headers = QDir(QStringLiteral(SOURCE_DIR "/") + room)
+                                  .entryList({QStringLiteral("*.h")}, QDir::Files, QDir::Name);
+        headers.removeOne(QStringLiteral("ccomplugin.h")); // the plug-in's own
+        EXPECT_EQ(filesBelow(prefix + QStringLiteral("/include/transportCom/") + room), headers);
+        EXPECT_FALSE(headers.isEmpty());
+    }
+}
+
+TEST_F(InstalledHost, BuildsAndRunsAgainstTheInstalledTree)
+{
+    ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("runtime")));
+    ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
+
+    const Outcome configured =
+        runCMake({QStringLiteral("-S"), QStringLiteral(SOURCE_DIR "/tests/boundary/installed_host"),
+                  QStringLiteral("-B"), hostBuild, QStringLiteral("-G"), QStringLiteral(BUILD_GENERATOR),
+                  QStringLiteral("-DCMAKE_MAKE_PROGRAM=" BUILD_MAKE_PROGRAM),
+                  QStringLiteral("-DCMAKE_CXX_COMPILER=" BUILD_CXX_COMPILER),
+                  QStringLiteral("-DCMAKE_CXX_FLAGS=" BUILD_CXX_FLAGS),
+                  QStringLiteral("-DCMAKE_PREFIX_PATH=") + prefix});
+    ASSERT_EQ(configured.exitCode, 0) << configured.output.toStdString();
+    const Outcome built = runCMake({QStringLiteral("--build"), hostBuild});
+    ASSERT_EQ(built.exitCode, 0) << built.output.toStdString();
+    const Outcome placed = runCMake({QStringLiteral("--install"), hostBuild, QStringLiteral("--prefix"), prefix});
+    ASSERT_EQ(placed.exitCode, 0) << placed.output.toStdString();
+
+    // One enabled port whose device does not exist; all other fields of a new record.
+    ASSERT_TRUE(QDir().mkpath(prefix + QStringLiteral("/settings")));
+    QFile settings(prefix + QStringLiteral("/settings/channelCom.conf"));
+    ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
+    settings.write(QByteArray::fromHex("00000003" "00000001" "00000400" "01"
+                                       "00000008" "006E006F006E0065" // "none"
+                                       "FFFFFFFF" "FFFFFFFF" "FFFFFFFF" "FFFFFFFF" "FFFFFFFF" "FFFFFFFF"));
+    settings.close();
+
+    const Outcome ran = runProgram(prefix + QStringLiteral("/bin/installed-host"), {});
+    EXPECT_EQ(ran.exitCode, 0) << ran.output.toStdString();
+    const QStringList lines = ran.output.split(QLatin1Char('\n'));
+    // In this order; what the port reports of itself stands between.
+    const QStringList expected{QStringLiteral("version 16"),
+                               QStringLiteral("channel 2 Коммутируемый канал"),
+                               QStringLiteral("journal 0 Коммутируемый канал: Запуск"),
+                               QStringLiteral("state 7 Работает"),
+                               QStringLiteral("journal 0 Коммутируемый канал: Остановка"),
+                               QStringLiteral("state 7 Выключение"),
+                               QStringLiteral("state 7 Выключен"),
+                               QStringLiteral("done")};
+    int at = 0;
+    for (const QString& line : lines) {
+        if (at < expected.size() && line == expected[at])
+            ++at;
+    }
+    EXPECT_EQ(at, expected.size()) << ran.output.toStdString();
+    EXPECT_TRUE(lines.contains(QStringLiteral("port none Инициализация"))) << ran.output.toStdString();
+    EXPECT_TRUE(lines.contains(QStringLiteral("removed 100"))) << ran.output.toStdString();
+}

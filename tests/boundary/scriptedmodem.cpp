@@ -1,0 +1,92 @@
+#include "tests/boundary/scriptedmodem.h"
+
+#include "tests/support/testroot.h"
+
+#include <poll.h>
+
+#include <QMutexLocker>
+
+namespace {
+
+constexpr int pollIntervalMs = 5;
+
+} // namespace
+
+ScriptedModem::ScriptedModem(const QString& name, int lines)
+    : m_endpoint(testsupport::installRoot() + QLatin1Char('/') + name),
+      m_answers{{"AT", "OK"}, {"+++", "OK"}, {"ATH", "OK"}, {"ATD", ""}, {"ATA", ""}},
+      m_lines(lines)
+{
+    m_endpoint.setModemLines(lines);
+    m_thread = std::thread([this] { run(); });
+}
+
+ScriptedModem::~ScriptedModem()
+{
+    m_stop = true;
+    m_thread.join();
+}
+
+void ScriptedModem::setAnswer(const QByteArray& prefix, const QByteArray& answer)
+{
+    QMutexLocker locker(&m_mutex);
+    m_answers.insert(prefix, answer);
+}
+
+void ScriptedModem::setLines(int lines)
+{
+    QMutexLocker locker(&m_mutex);
+    m_lines = lines;
+    m_endpoint.setModemLines(lines);
+}
+
+void ScriptedModem::say(const QByteArray& line)
+{
+    QMutexLocker locker(&m_mutex);
+    m_endpoint.write("\r\n" + line + "\r\n");
+}
+
+QStringList ScriptedModem::commands() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_commands;
+}
+
+void ScriptedModem::run()
+{
+    while (!m_stop) {
+        pollfd entry{m_endpoint.masterFd(), POLLIN, 0};
+        poll(&entry, 1, pollIntervalMs);
+        QMutexLocker locker(&m_mutex);
+        m_input += m_endpoint.read();
+        // The escape sequence has no line end.
+        if (m_input.endsWith("+++")) {
+            m_input.clear();
+            hear("+++");
+        }
+        for (int end; (end = m_input.indexOf('\r')) >= 0;) {
+            const QByteArray command = m_input.left(end);
+            m_input.remove(0, end + 1);
+            if (!command.isEmpty())
+                hear(command);
+        }
+    }
+}
+
+void ScriptedModem::hear(const QByteArray& command)
+{
+    m_commands.append(QString::fromLatin1(command));
+    QByteArray bestPrefix;
+    for (auto it = m_answers.cbegin(); it != m_answers.cend(); ++it) {
+        if (command.startsWith(it.key()) && it.key().size() > bestPrefix.size())
+            bestPrefix = it.key();
+    }
+    if (bestPrefix == "ATH")
+        m_lines &= ~sim::LineDcd;
+    const QByteArray answer = m_answers.value(bestPrefix);
+    if (answer.startsWith("CONNECT"))
+        m_lines |= sim::LineDcd;
+    m_endpoint.setModemLines(m_lines);
+    if (!answer.isEmpty())
+        m_endpoint.write("\r\n" + answer + "\r\n");
+}
