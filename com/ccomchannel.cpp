@@ -65,6 +65,7 @@ void logSent(const CComPacket& packet, bool isRepeat)
 CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex)
     : m_port(port), m_channelsState(state), m_channelIndex(channelIndex)
 {
+    _CFunctionDebug trace(Q_FUNC_INFO);
     type = channelType;
     m_confirmationTimer.start();
 }
@@ -98,6 +99,7 @@ bool CComChannel::isConnected()
 
 void CComChannel::write(const QByteArray& data)
 {
+    _CFunctionDebug trace(Q_FUNC_INFO);
     static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
     const int blockSize = linkrules::blockSize(currentPacketSize(), maxBytesToWrite);
     for (int offset = 0; offset < data.size(); offset += blockSize) {

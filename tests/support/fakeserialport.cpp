@@ -28,6 +28,8 @@ bool FakeSerialPort::waitForReadyRead(int msecs)
 {
     m_readWaits.append(msecs);
     m_arrived += std::exchange(m_arrivingOnWait, QByteArray());
+    if (m_arrived.isEmpty())
+        QThread::msleep(static_cast<unsigned long>(msecs));
     return !m_arrived.isEmpty();
 }
 
@@ -47,6 +49,8 @@ qint64 FakeSerialPort::readData(char* data, qint64 maxSize)
     const int size = static_cast<int>(std::min<qint64>(maxSize, m_arrived.size()));
     std::memcpy(data, m_arrived.constData(), static_cast<std::size_t>(size));
     m_arrived.remove(0, size);
+    if (size > 0 && m_afterRead)
+        m_afterRead();
     return size;
 }
 

@@ -1,5 +1,5 @@
 // A serial port in memory: what a test injects can be read from it, what the code under
-// test writes is kept for the test. Always open; nothing blocks.
+// test writes is kept for the test. Always open. A wait for what does not happen sleeps.
 #pragma once
 
 #include <functional>
@@ -22,8 +22,8 @@ public:
     // Bytes that arrive while the code under test next waits for input.
     void injectOnWait(const QByteArray& bytes) { m_arrivingOnWait += bytes; }
 
-    // How many more bytes the line takes; what goes beyond stays pending and blocks each
-    // wait for its whole time. Negative (the start): no limit.
+    // How many more bytes the line takes; what goes beyond stays pending. Negative (the
+    // start): no limit.
     void setRoom(int bytes);
 
     // What has gone to the line since the last call.
@@ -34,6 +34,9 @@ public:
 
     // Called with each chunk that goes to the line, instead of keeping it.
     void setLine(std::function<void(const QByteArray&)> line) { m_line = std::move(line); }
+
+    // Called each time after bytes were read.
+    void setAfterRead(std::function<void()> afterRead) { m_afterRead = std::move(afterRead); }
 
     // Every wait that was asked for, in ms, in order.
     QList<int> takeReadWaits() { return std::exchange(m_readWaits, {}); }
@@ -60,6 +63,7 @@ private:
     QByteArray m_written; // taken by the line
     int m_room = -1;
     std::function<void(const QByteArray&)> m_line;
+    std::function<void()> m_afterRead;
     QList<int> m_readWaits;
     QList<int> m_writeWaits;
 };
