@@ -61,12 +61,15 @@ public slots:
     void disconnectFromAbonent(const QString& abonentName, int connectionId) override;
     void keepAliveConnection(int connectionId) override;
 
+protected:
+    // For the server's thread; they live until the next clear().
+    QList<CComThread*> workers() const;
+
 private slots:
     // Queued by stop() when another thread calls it.
     void internalStopSlot();
 
 private:
-    QList<CComThread*> workers() const;
     void terminateRunning(qint64 waitMs);
 
     QList<CComThread*> threads; // owned; in the order of the enabled ports

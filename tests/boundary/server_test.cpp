@@ -140,6 +140,12 @@ TEST_F(ServerAlone, OneWorkerForEachEnabledPort)
     EXPECT_EQ(addedNames(), (QStringList{QStringLiteral("noneA"), QStringLiteral("noneC")}));
     EXPECT_FALSE(server->hasFreeChannel());
     EXPECT_FALSE(server->isHardwareOn());
+    const QList<CComThread*> workers = server->workers();
+    ASSERT_EQ(workers.size(), 2);
+    EXPECT_EQ(workers[0]->connectionId(), 1);
+    EXPECT_EQ(workers[0]->portName(), QStringLiteral("noneA"));
+    EXPECT_EQ(workers[1]->connectionId(), 2);
+    EXPECT_EQ(workers[1]->portName(), QStringLiteral("noneC"));
     // Numbers 1 and 2 are there, 3 is not.
     server->disconnectFromAbonent(QStringLiteral("X"), 1);
     server->disconnectFromAbonent(QStringLiteral("X"), 2);
@@ -171,11 +177,12 @@ TEST_F(ServerAlone, WorkersAreAllMadeBeforeTheFirstStarts)
 
 TEST_F(ServerAlone, WorkersLiveInTheServersThread)
 {
-    // Wherever start() was called from: the port's retries need no loop of that thread.
+    // Wherever start() was called from.
     moveServerToThread();
     writeSettings({TestPort{QStringLiteral("none")}});
     server->start();
     ASSERT_TRUE(waitForPorts(1));
+    EXPECT_EQ(server->workers().first()->thread(), thread.get());
     inServerThread([this] { server->stop(); });
     EXPECT_EQ(log.entriesWith(QStringLiteral("remove ")).size(), 1);
 }

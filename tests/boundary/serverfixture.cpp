@@ -46,6 +46,12 @@ QByteArray abonentBytes(const QString& number, const QStringList& allowedPorts)
     return bytes;
 }
 
+SessionFactory::~SessionFactory()
+{
+    static auto* const left = new QList<CAbstractProtocol*>;
+    left->append(m_sessions);
+}
+
 CAbstractProtocol* SessionFactory::createProtocol(CChannel* channel)
 {
     return new Session(channel, this);
@@ -147,7 +153,7 @@ void ServerTest::SetUp()
     setCurrentComSettings(ChannelComSettings());
     QFile::remove(settingsPath());
     ASSERT_TRUE(QDir().mkpath(testsupport::installRoot() + QStringLiteral("/settings")));
-    server = std::make_unique<CComServer>();
+    server = std::make_unique<TestedServer>();
     server->stateId = serverStateId;
     server->channelsState = &channelsState;
     server->journal = &journal;

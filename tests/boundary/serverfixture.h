@@ -40,6 +40,9 @@ QByteArray abonentBytes(const QString& number, const QStringList& allowedPorts =
 class SessionFactory : public CAbstractProtocolFactory
 {
 public:
+    // Keeps sessions of terminated workers reachable: nobody may delete them.
+    ~SessionFactory() override;
+
     CAbstractProtocol* createProtocol(CChannel* channel) override;
 
     // The name that every peer tells at once; none tells any when it is empty.
@@ -86,6 +89,13 @@ public:
     std::function<void(int, const QString&)> whenSetting; // after it has been recorded
 };
 
+// Shows its workers.
+class TestedServer : public CComServer
+{
+public:
+    using CComServer::workers;
+};
+
 class ServerTest : public testing::Test
 {
 protected:
@@ -116,7 +126,7 @@ protected:
     NotingChannelsState channelsState{&log};
     testsupport::RecordingJournal journal{&log};
     SessionFactory* factory = nullptr; // owned by the server
-    std::unique_ptr<CComServer> server;
+    std::unique_ptr<TestedServer> server;
     std::unique_ptr<QThread> thread;
     // Signals of the server, as "connected <name> <id>", in the order of emission.
     testsupport::CallLog emitted;

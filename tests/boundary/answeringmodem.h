@@ -13,12 +13,12 @@
 
 #include "sim/ptyendpoint.h"
 
-class ScriptedModem
+class AnsweringModem
 {
 public:
     // name: the link's name in the test's root; lines: an or of sim::ModemLine.
-    explicit ScriptedModem(const QString& name, int lines = sim::LineDsr | sim::LineCts);
-    ~ScriptedModem();
+    explicit AnsweringModem(const QString& name, int lines = sim::LineDsr | sim::LineCts);
+    ~AnsweringModem();
 
     // What a program is told to open.
     QString portPath() const { return m_endpoint.portPath(); }

@@ -1,4 +1,4 @@
-#include "tests/boundary/scriptedmodem.h"
+#include "tests/boundary/answeringmodem.h"
 
 #include "tests/support/testroot.h"
 
@@ -12,7 +12,7 @@ constexpr int pollIntervalMs = 5;
 
 } // namespace
 
-ScriptedModem::ScriptedModem(const QString& name, int lines)
+AnsweringModem::AnsweringModem(const QString& name, int lines)
     : m_endpoint(testsupport::installRoot() + QLatin1Char('/') + name),
       m_answers{{"AT", "OK"}, {"+++", "OK"}, {"ATH", "OK"}, {"ATD", ""}, {"ATA", ""}},
       m_lines(lines)
@@ -21,38 +21,38 @@ ScriptedModem::ScriptedModem(const QString& name, int lines)
     m_thread = std::thread([this] { run(); });
 }
 
-ScriptedModem::~ScriptedModem()
+AnsweringModem::~AnsweringModem()
 {
     m_stop = true;
     m_thread.join();
 }
 
-void ScriptedModem::setAnswer(const QByteArray& prefix, const QByteArray& answer)
+void AnsweringModem::setAnswer(const QByteArray& prefix, const QByteArray& answer)
 {
     QMutexLocker locker(&m_mutex);
     m_answers.insert(prefix, answer);
 }
 
-void ScriptedModem::setLines(int lines)
+void AnsweringModem::setLines(int lines)
 {
     QMutexLocker locker(&m_mutex);
     m_lines = lines;
     m_endpoint.setModemLines(lines);
 }
 
-void ScriptedModem::say(const QByteArray& line)
+void AnsweringModem::say(const QByteArray& line)
 {
     QMutexLocker locker(&m_mutex);
     m_endpoint.write("\r\n" + line + "\r\n");
 }
 
-QStringList ScriptedModem::commands() const
+QStringList AnsweringModem::commands() const
 {
     QMutexLocker locker(&m_mutex);
     return m_commands;
 }
 
-void ScriptedModem::run()
+void AnsweringModem::run()
 {
     while (!m_stop) {
         pollfd entry{m_endpoint.masterFd(), POLLIN, 0};
@@ -73,7 +73,7 @@ void ScriptedModem::run()
     }
 }
 
-void ScriptedModem::hear(const QByteArray& command)
+void AnsweringModem::hear(const QByteArray& command)
 {
     m_commands.append(QString::fromLatin1(command));
     QByteArray bestPrefix;
