@@ -1,0 +1,402 @@
+// What goes wrong: port errors, unplugged devices, garbage, and stops at any moment.
+#include "tests/worker/workertest.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include <QElapsedTimer>
+#include <QFile>
+
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
+
+using testsupport::waitFor;
+
+namespace {
+
+class WorkerFault : public WorkerTest
+{
+};
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int allowedGrowthKiB = 65536; // the sanitizers keep what was freed
+#else
+constexpr int allowedGrowthKiB = 2048;
+#endif
+
+int residentKiB()
+{
+    QFile file(QStringLiteral("/proc/self/statm"));
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    return file.readAll().split(' ').value(1).toInt() * static_cast<int>(sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// Where a test lets something happen.
+enum class Moment { Closed, DeviceOff, Check, Free, Requested, Dialling, Answering, Session, Reset };
+
+const Moment allMoments[] = {Moment::Closed,   Moment::DeviceOff, Moment::Check,   Moment::Free, Moment::Requested,
+                             Moment::Dialling, Moment::Answering, Moment::Session, Moment::Reset};
+
+std::string nameOf(const testing::TestParamInfo<Moment>& info)
+{
+    switch (info.param) {
+    case Moment::Closed: return "Closed";
+    case Moment::DeviceOff: return "DeviceOff";
+    case Moment::Check: return "Check";
+    case Moment::Free: return "Free";
+    case Moment::Requested: return "Requested";
+    case Moment::Dialling: return "Dialling";
+    case Moment::Answering: return "Answering";
+    case Moment::Session: return "Session";
+    case Moment::Reset: return "Reset";
+    }
+    return {};
+}
+
+class AtMoment : public WorkerTest, public testing::WithParamInterface<Moment>
+{
+protected:
+    void reach(Moment moment)
+    {
+        switch (moment) {
+        case Moment::Closed:
+            modem.endpoint().unplug();
+            start();
+            ASSERT_TRUE(waitForEvent(QStringLiteral("journal Ошибка открытия COM порта. No such file or directory")));
+            break;
+        case Moment::DeviceOff:
+            start();
+            ASSERT_TRUE(waitForState(CComThread::WaitingForDevice));
+            break;
+        case Moment::Check:
+            modem.setDsr(true);
+            start();
+            ASSERT_TRUE(modem.expectWritten("AT\r"));
+            break;
+        case Moment::Free:
+            startFree();
+            break;
+        case Moment::Requested:
+            startFree();
+            ASSERT_TRUE(worker->tryConnect(QStringLiteral("A"), QStringLiteral("123")));
+            break;
+        case Moment::Dialling:
+            startOutgoing();
+            break;
+        case Moment::Answering:
+            startIncoming();
+            break;
+        case Moment::Session:
+            startOutgoingSession();
+            break;
+        case Moment::Reset:
+            startOutgoing();
+            modem.reply("BUSY\r\n");
+            ASSERT_TRUE(modem.expectWritten("+++"));
+            break;
+        }
+    }
+};
+
+} // namespace
+
+// --- errors of the port -----------------------------------------------------------------
+
+TEST_F(WorkerFault, IgnoredErrors)
+{
+    startFree();
+    const QList<int> ignored = {0, 1, 9, 12};
+    for (int code : ignored)
+        raiseError(static_cast<QSerialPort::SerialPortError>(code));
+    expectEvents({});
+    EXPECT_EQ(worker->state(), CComThread::LineFree);
+}
+
+TEST_F(WorkerFault, EveryOtherErrorResetsTheModem)
+{
+    for (int code : {2, 3, 4, 5, 6, 7, 8, 10, 11, 13}) {
+        startFree();
+        raiseError(static_cast<QSerialPort::SerialPortError>(code));
+        EXPECT_EQ(worker->state(), CComThread::ResettingModem) << code;
+        const QString text = QStringLiteral("COM port error: %1. ").arg(code);
+        expectEvents({QStringLiteral("error ") + text});
+        EXPECT_EQ(logTexts().count(text.trimmed()), 1);
+        ASSERT_TRUE(stopAndWait());
+        modem.endpoint().read();
+    }
+}
+
+TEST_F(WorkerFault, ErrorWhileFreeRunsTheResetWithoutTheEscape)
+{
+    startFree();
+    // The timer of the free line runs already.
+    raiseError(QSerialPort::ReadError);
+    modem.setDsr(false);
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(modem.expectWritten("\rATH\r"));
+    ASSERT_TRUE(waitForState(CComThread::WaitingForDevice));
+    expectEvents(QStringList{QStringLiteral("error COM port error: 8. ")} + eventsOfReopening());
+}
+
+TEST_F(WorkerFault, ErrorWhileDiallingIsNoFailedCall)
+{
+    startOutgoing();
+    forgetEvents();
+    raiseError(QSerialPort::WriteError);
+    modem.setDsr(false);
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(modem.expectWritten("\rATH\r"));
+    ASSERT_TRUE(waitForState(CComThread::WaitingForDevice));
+    expectEvents(QStringList{QStringLiteral("error COM port error: 7. ")} + eventsOfReopening());
+}
+
+TEST_F(WorkerFault, ErrorDuringASessionStopsIt)
+{
+    startOutgoingSession();
+    raiseError(QSerialPort::ReadError);
+    EXPECT_EQ(worker->state(), CComThread::ResettingModem);
+    completeReset();
+    // The protocol is stopped before its thread can go on.
+    expectEvents(QStringList{QStringLiteral("error COM port error: 8. "), QStringLiteral("protocol stop"),
+                             QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
+                             QStringLiteral("disconnected A 7 0"), QStringLiteral("protocol deleted keepAlive=0")}
+                 + eventsOfReopening());
+}
+
+TEST_F(WorkerFault, ErrorAtTheMomentOfConnectingMakesNoSession)
+{
+    journal.onRecord = [this](const QString& text) {
+        if (text.startsWith(QStringLiteral("Соединение установлено")))
+            raiseError(QSerialPort::ReadError);
+    };
+    startOutgoing();
+    modem.reply("CONNECT 9600\r\n");
+    completeReset();
+    EXPECT_EQ(factory->created(), 0);
+    EXPECT_TRUE(events().filter(QStringLiteral("onnected")).isEmpty());
+}
+
+TEST_F(WorkerFault, ErrorWhileClosedForcesNothing)
+{
+    ComPortSettings settings = usualSettings();
+    settings.portName = testsupport::installRoot() + QStringLiteral("/nothing");
+    start(settings);
+    ASSERT_TRUE(waitForEvent(QStringLiteral("journal Ошибка открытия COM порта. No such file or directory")));
+    forgetEvents();
+    raiseError(QSerialPort::ReadError);
+    EXPECT_EQ(worker->state(), CComThread::PortClosed);
+    expectEvents({QStringLiteral("error COM port error: 8. ")});
+}
+
+// A terminal without modem lines refuses every look at them. Each round of the port tells
+// that once for the opening and once while waiting for the device, with the port's own text.
+TEST_F(WorkerFault, PortWithoutModemLinesDoesNotFloodTheHost)
+{
+    writeDetails({QStringLiteral("transportComDsrCheckInterval=10"), QStringLiteral("transportComResetTimeout=1100")});
+    const QString bare = testsupport::installRoot() + QStringLiteral("/bare");
+    ASSERT_TRUE(QFile::link(QStringLiteral("/dev/null"), bare));
+    ComPortSettings settings = usualSettings();
+    settings.portName = bare;
+    start(settings);
+    ASSERT_TRUE(waitForEvent(QStringLiteral("state COM порт открыт"), 3));
+    ASSERT_TRUE(stopAndWait());
+    QCoreApplication::processEvents();
+    const int errors = events().filter(QStringLiteral("error COM port error")).size();
+    EXPECT_GE(errors, 2);
+    EXPECT_LE(errors, 40) << joined(events());
+}
+
+// --- stops ------------------------------------------------------------------------------
+
+class StopAt : public AtMoment
+{
+};
+
+TEST_P(StopAt, FromTheServersThread)
+{
+    reach(GetParam());
+    QElapsedTimer timer;
+    timer.start();
+    ASSERT_TRUE(stopAndWait());
+    EXPECT_LT(timer.elapsed(), 5000);
+    EXPECT_EQ(events().last(), QStringLiteral("remove"));
+    EXPECT_EQ(events().count(QStringLiteral("remove")), 1);
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(events().filter(QStringLiteral("error ")).isEmpty()) << joined(events());
+    if (GetParam() != Moment::Closed) {
+        EXPECT_EQ(modem.endpoint().programLines() & sim::LineDtr, 0);
+    }
+}
+
+TEST_P(StopAt, FromAnotherThread)
+{
+    reach(GetParam());
+    std::thread([this] { worker->stop(); }).join();
+    ASSERT_TRUE(waitFor([&] { return worker->isFinished(); }, 10000));
+    EXPECT_EQ(events().last(), QStringLiteral("remove"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Moments, StopAt, testing::ValuesIn(allMoments), nameOf);
+
+TEST_F(WorkerFault, StopWithCarrierDoesNotHangUp)
+{
+    startFree();
+    modem.setDcd(true);
+    ASSERT_TRUE(stopAndWait());
+    EXPECT_EQ(modem.written(), QByteArray());
+}
+
+// --- unplugged devices ------------------------------------------------------------------
+
+class UnplugAt : public AtMoment
+{
+protected:
+    // Ends what the session's protocol would end itself.
+    void endSession()
+    {
+        if (GetParam() == Moment::Session)
+            factory->protocol()->finish(false);
+    }
+    void expectBack()
+    {
+        modem.setDsr(true);
+        ASSERT_TRUE(waitFor([&] { return modem.written().endsWith("AT\r"); }));
+        modem.expectWritten(modem.written());
+        modem.reply("OK\r\n");
+        ASSERT_TRUE(waitForState(CComThread::LineFree));
+        EXPECT_TRUE(worker->tryConnect(QStringLiteral("A"), QStringLiteral("123")));
+        ASSERT_TRUE(modem.expectWritten("ATD123\r"));
+    }
+    void SetUp() override
+    {
+        writeDetails({QStringLiteral("transportComOpenInterval=500"), QStringLiteral("transportComDsrCheckInterval=50"),
+                      QStringLiteral("transportComConnectTimeout=500"), QStringLiteral("transportComResetTimeout=1100")});
+    }
+};
+
+TEST_P(UnplugAt, ComesBackByItself)
+{
+    reach(GetParam());
+    const int memoryBefore = residentKiB();
+    const int linesBefore = logTexts().size();
+    modem.endpoint().unplug();
+    endSession();
+    forgetEvents();
+    ASSERT_TRUE(waitForEvent(QStringLiteral("journal Ошибка открытия COM порта. No such file or directory")));
+    EXPECT_LT(logTexts().size() - linesBefore, 10) << joined(logTexts().mid(linesBefore));
+    EXPECT_LT(residentKiB() - memoryBefore, allowedGrowthKiB);
+    ASSERT_TRUE(modem.endpoint().plugIn());
+    expectBack();
+}
+
+// The name may never be missing when the worker looks: the device behind it is another.
+TEST_P(UnplugAt, ComesBackWhenItWasAwayForAMoment)
+{
+    if (GetParam() == Moment::Closed) {
+        start();
+    } else {
+        reach(GetParam());
+    }
+    modem.endpoint().unplug();
+    ASSERT_TRUE(modem.endpoint().plugIn());
+    endSession();
+    expectBack();
+}
+
+INSTANTIATE_TEST_SUITE_P(Moments, UnplugAt, testing::ValuesIn(allMoments), nameOf);
+
+// --- garbage ----------------------------------------------------------------------------
+
+TEST_F(WorkerFault, GarbageWithoutLineEndsIsDropped)
+{
+    startFree();
+    const int memoryBefore = residentKiB();
+    ASSERT_TRUE(modem.flood(QByteArray(1024 * 1024, 'x')));
+    EXPECT_LT(residentKiB() - memoryBefore, allowedGrowthKiB);
+    EXPECT_EQ(worker->state(), CComThread::LineFree);
+    ASSERT_TRUE(modem.flood("\nRING\r\n"));
+    ASSERT_TRUE(modem.expectWritten("ATA\r"));
+    // At most some 64 KiB of it were left to be cut into pieces.
+    EXPECT_LE(logTexts().filter(QStringLiteral("Чтение команды: x")).size(), 80);
+}
+
+TEST_F(WorkerFault, GarbageWithLineEndsIsReadThrough)
+{
+    startFree();
+    QByteArray garbage;
+    for (int i = 0; i < 150; ++i)
+        garbage += QByteArray(900, 'x') + "\r\n";
+    ASSERT_TRUE(modem.flood(garbage));
+    EXPECT_EQ(worker->state(), CComThread::LineFree);
+    ASSERT_TRUE(modem.flood("RING\r\n"));
+    ASSERT_TRUE(modem.expectWritten("ATA\r"));
+    EXPECT_EQ(logTexts().filter(QStringLiteral("Чтение команды: x")).size(), 150);
+}
+
+TEST_F(WorkerFault, GarbageBeforeTheCheckIsDiscarded)
+{
+    writeDetails({QStringLiteral("transportComDsrCheckInterval=20")});
+    start();
+    ASSERT_TRUE(waitForState(CComThread::WaitingForDevice));
+    modem.reply("garbage\r\nmore");
+    modem.setDsr(true);
+    // Some of it may reach the worker only after the discarding; then it asks again.
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("\r\nOK\r\n");
+    ASSERT_TRUE(waitFor([&] {
+        if (modem.written() == "AT\r") {
+            modem.expectWritten("AT\r");
+            modem.reply("\r\nOK\r\n");
+        }
+        return worker->state() == CComThread::LineFree;
+    }));
+}
+
+TEST_F(WorkerFault, GarbageInsteadOfAnAnswerToTheCheck)
+{
+    modem.setDsr(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    ASSERT_TRUE(modem.flood(QByteArray(200 * 1024, '\xff')));
+    ASSERT_TRUE(waitForEvent(QStringLiteral("journal Нет ответа на команду 'AT'")));
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+}
+
+// --- calls into the worker from all sides -------------------------------------------------
+
+TEST_F(WorkerFault, OperationsFromAnotherThreadWhileCallsComeAndGo)
+{
+    factory->onStart = [](ScriptedProtocol* protocol) {
+        protocol->tellName(QStringLiteral("B"));
+        protocol->finish(true);
+    };
+    startFree();
+    std::atomic<bool> isOver{false};
+    std::thread caller([&] {
+        while (!isOver) {
+            worker->keepAlive();
+            worker->disconnectFromAbonent();
+            worker->tryConnect(QStringLiteral("A"), QStringLiteral("1"));
+            if (worker->abonentName().size() > 1 || worker->state() < 0)
+                break;
+            QThread::usleep(200);
+        }
+    });
+    for (int call = 0; call < 3; ++call) {
+        ASSERT_TRUE(modem.expectWritten("ATD1\r"));
+        modem.reply("CONNECT 9600\r\n");
+        ASSERT_TRUE(modem.expectWritten("+++"));
+        modem.reply("OK\r\n");
+        ASSERT_TRUE(modem.expectWritten("\rATH\rAT\r"));
+        modem.reply("OK\r\n");
+    }
+    isOver = true;
+    caller.join();
+    EXPECT_EQ(events().count(QStringLiteral("disconnected B 7 1")), 3);
+}

@@ -1,0 +1,407 @@
+// From the thread's start to the free line, and back to the start.
+#include "tests/worker/workertest.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+
+#include "common/csettings.h"
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
+
+using testsupport::waitFor;
+
+namespace {
+
+class WorkerStart : public WorkerTest
+{
+};
+
+QStringList withoutPortErrors(QStringList events)
+{
+    events.erase(std::remove_if(events.begin(), events.end(),
+                                [](const QString& event) { return event.startsWith(QStringLiteral("error COM port error")); }),
+                 events.end());
+    return events;
+}
+
+// The lines of the log that read text.
+QList<LogLine> logLinesWith(const QString& text)
+{
+    QList<LogLine> found;
+    for (const LogLine& line : logLines()) {
+        if (line.text == text)
+            found.append(line);
+    }
+    return found;
+}
+
+const QString unanswered = QStringLiteral("Нет ответа на команду 'AT'");
+const QString askedInLog = QStringLiteral("Запись команды: AT");
+const QString unansweredEvent = QStringLiteral("journal Нет ответа на команду 'AT'");
+
+} // namespace
+
+TEST_F(WorkerStart, ModemThatAnswersBecomesFree)
+{
+    modem.setDsr(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("\r\nOK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+    expectEvents(eventsOfStart());
+    const QString ready = QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(modem.portPath());
+    EXPECT_EQ(joined(logTexts()), joined({QStringLiteral("COM порт открыт"), ready, askedInLog,
+                                          QStringLiteral("Чтение команды: OK"),
+                                          QStringLiteral("Получен ответ 'OK' на команду AT")}));
+    EXPECT_EQ(modem.endpoint().programLines() & sim::LineDtr, sim::LineDtr);
+    EXPECT_EQ(modem.endpoint().baudRate(), 9600);
+    EXPECT_EQ(worker->portName(), modem.portPath());
+    EXPECT_EQ(worker->connectionId(), connectionId);
+    EXPECT_EQ(worker->abonentName(), QString());
+}
+
+TEST_F(WorkerStart, InitStringIsSentRaw)
+{
+    modem.setDsr(true);
+    ComPortSettings settings = usualSettings();
+    settings.initString = QStringLiteral("ATZ");
+    start(settings);
+    ASSERT_TRUE(modem.expectWritten("ATZAT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+    QStringList expected = eventsOfStart();
+    expected.insert(4, QStringLiteral("journal Отправка строки инициализации: ATZ"));
+    expectEvents(expected);
+    EXPECT_EQ(joined(logTexts().mid(0, 2)), "COM порт открыт\nЗапись команды: ATZ");
+}
+
+TEST_F(WorkerStart, DeviceThatIsSwitchedOnLater)
+{
+    writeDetails({QStringLiteral("transportComDsrCheckInterval=20")});
+    start();
+    expectEvents(eventsOfStart().mid(0, 4));
+    EXPECT_EQ(worker->state(), CComThread::WaitingForDevice);
+    EXPECT_EQ(modem.written(), QByteArray());
+    modem.setDsr(true);
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+    expectEvents(eventsOfStart());
+}
+
+TEST_F(WorkerStart, EchoOfTheCheckIsNothing)
+{
+    modem.setDsr(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("AT\r\r\nOK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+    expectEvents(eventsOfStart());
+}
+
+TEST_F(WorkerStart, WrongAnswersAreAskedAgain)
+{
+    modem.setDsr(true);
+    start();
+    QStringList expected = eventsOfStart().mid(0, 7);
+    for (const char* answer : {"RING", "Hello"}) {
+        ASSERT_TRUE(modem.expectWritten("AT\r"));
+        modem.reply(QByteArray(answer) + "\r\n");
+        const QString text = QStringLiteral("Неверный ответ на команду 'AT': ") + QLatin1String(answer);
+        expected << QStringLiteral("state ") + text << QStringLiteral("journal ") + text
+                 << QStringLiteral("journal Запись команды 'AT'");
+    }
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+    expectEvents(expected + eventsOfStart().mid(7));
+
+    const QList<LogLine> wrong = logLinesWith(QStringLiteral("Неверный ответ на команду 'AT': RING"));
+    ASSERT_EQ(wrong.size(), 1);
+    EXPECT_GE(logTimeBetween(wrong.first(), logLinesWith(askedInLog).at(1)), 1000);
+}
+
+TEST_F(WorkerStart, SilentModemIsAskedAfterGrowingPausesSharedByAllPorts)
+{
+    writeDetails({QStringLiteral("transportComAtOkTimeout=50")});
+    modem.setDsr(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    ASSERT_TRUE(waitForEvent(unansweredEvent));
+    QStringList expected = eventsOfStart().mid(0, 7);
+    expected << QStringLiteral("state ") + unanswered << unansweredEvent;
+    expectEvents(expected);
+
+    // A second silent port goes on from where the first one's pauses have got to.
+    ModemScript second(QStringLiteral("second"));
+    second.setDsr(true);
+    ComPortSettings settings = usualSettings();
+    settings.portName = second.portPath();
+    testsupport::CallLog secondLog;
+    testsupport::RecordingChannelsState secondState(&secondLog);
+    testsupport::RecordingJournal secondJournal(&secondLog);
+    CComServer secondServer;
+    secondServer.channelsState = &secondState;
+    secondServer.journal = &secondJournal;
+    CComThread secondWorker(settings, &secondServer);
+    secondWorker.start();
+    ASSERT_TRUE(second.expectWritten("AT\r"));
+    ASSERT_TRUE(secondLog.waitForEntry(QStringLiteral("journal 0 %1 ").arg(second.portPath()) + unanswered));
+    QElapsedTimer secondPause;
+    secondPause.start();
+    ASSERT_TRUE(second.expectWritten("AT\r"));
+    EXPECT_GE(secondPause.elapsed(), 2500); // 3 s, less what it took to see that it began
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    secondWorker.stop();
+    ASSERT_TRUE(secondWorker.wait(10000));
+}
+
+TEST_F(WorkerStart, AnswerBringsThePauseBackToTwoSeconds)
+{
+    writeDetails({QStringLiteral("transportComAtOkTimeout=150"), QStringLiteral("transportComAtReadyCheckTimeout=20")});
+    modem.setDsr(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    ASSERT_TRUE(waitForEvent(unansweredEvent, 1));
+    // Asked again and again until one answer is in time; the free line asks once more.
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    ASSERT_TRUE(waitForEvent(QStringLiteral("state Свободен")));
+    ASSERT_TRUE(waitForEvent(unansweredEvent, 2));
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+
+    const QList<LogLine> silences = logLinesWith(unanswered);
+    const QList<LogLine> asked = logLinesWith(askedInLog);
+    ASSERT_EQ(silences.size(), 2);
+    ASSERT_EQ(asked.size(), 4);
+    EXPECT_GE(logTimeBetween(silences.at(0), asked.at(1)), 2000);
+    EXPECT_GE(logTimeBetween(silences.at(1), asked.at(3)), 2000);
+    EXPECT_LT(logTimeBetween(silences.at(1), asked.at(3)), 3000);
+}
+
+TEST_F(WorkerStart, AnswerThatStandsBehindTheTimeoutIsNoAnswer)
+{
+    writeDetails({QStringLiteral("transportComAtOkTimeout=5")});
+    modem.setDsr(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    // The blank line takes the pass that is in time.
+    modem.reply("\r\nOK\r\n");
+    ASSERT_TRUE(waitForEvent(unansweredEvent));
+    EXPECT_EQ(worker->state(), CComThread::CheckingDevice);
+    EXPECT_EQ(events().count(QStringLiteral("state Свободен")), 0);
+}
+
+TEST_F(WorkerStart, NegativeTimeoutCountsAsItStands)
+{
+    writeDetails({QStringLiteral("transportComAtReadyCheckTimeout=-1")});
+    startFree();
+    // Any time is longer: the modem is asked again at once.
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+}
+
+TEST_F(WorkerStart, FreeLineIsAskedAgainAfterThePeriod)
+{
+    writeDetails({QStringLiteral("transportComAtReadyCheckTimeout=100")});
+    startFree();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(waitForEvent(QStringLiteral("journal Получен ответ 'OK' на команду 'AT'")));
+    expectEvents({QStringLiteral("journal Запись команды 'AT'"), QStringLiteral("state Свободен"),
+                  QStringLiteral("journal Получен ответ 'OK' на команду 'AT'")});
+    const QList<LogLine> answered = logLinesWith(QStringLiteral("Получен ответ 'OK' на команду AT"));
+    EXPECT_GE(logTimeBetween(answered.first(), logLinesWith(askedInLog).at(1)), 100);
+}
+
+TEST_F(WorkerStart, ControlSymbolIsReadForEachCheck)
+{
+    writeDetails({QStringLiteral("transportComAtReadyCheckTimeout=100")});
+    startFree();
+    CSettings().write(QStringLiteral("Details/transportComControlSymbol"), QStringLiteral("\r\n"));
+    // One may have been on its way.
+    ASSERT_TRUE(waitFor([&] { return modem.written().contains('\r'); }));
+    if (!modem.written().startsWith("AT\r\n")) {
+        ASSERT_TRUE(modem.expectWritten("AT\r"));
+        modem.reply("OK\r\n");
+    }
+    ASSERT_TRUE(modem.expectWritten("AT\r\n"));
+}
+
+TEST_F(WorkerStart, CarrierAtOpeningIsResetBeforeTheCheck)
+{
+    writeDetails({QStringLiteral("transportComDsrCheckInterval=20"), QStringLiteral("transportComOpenInterval=600000")});
+    modem.setDsr(true);
+    modem.setDcd(true);
+    ComPortSettings settings = usualSettings();
+    settings.initString = QStringLiteral("ATZ");
+    start(settings);
+    ASSERT_TRUE(modem.expectWritten("ATZ+++"));
+    EXPECT_EQ(worker->state(), CComThread::ResettingModem);
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(modem.expectWritten("\rATH\r"));
+    modem.setDcd(false);
+    // The port is opened again without the pause for a port that cannot be.
+    ASSERT_TRUE(modem.expectWritten("ATZAT\r"));
+    EXPECT_EQ(modem.endpoint().dtrDrops(), 1u);
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+
+    const QString init = QStringLiteral("journal Отправка строки инициализации: ATZ");
+    QStringList expected = eventsOfStart().mid(0, 4);
+    expected << init << eventsOfReopening() << init << eventsOfStart().mid(4);
+    expectEvents(expected);
+    EXPECT_EQ(joined(logTexts().mid(0, 5)),
+              "COM порт открыт\nЗапись команды: ATZ\nЗапись команды: +++, ATH. Reseting.\nЧтение команды: OK\nCOM порт открыт");
+}
+
+TEST_F(WorkerStart, ModemThatDoesNotEscapeIsHungUpAllTheSame)
+{
+    writeDetails({QStringLiteral("transportComResetTimeout=1100")});
+    modem.setDcd(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("+++"));
+    QElapsedTimer timer;
+    timer.start();
+    ASSERT_TRUE(modem.expectWritten("\rATH\r"));
+    EXPECT_GE(timer.elapsed(), 1000); // 1100, less what it took to see the escape
+}
+
+TEST_F(WorkerStart, CarrierDuringTheCheckIsHungUpWithoutTheEscape)
+{
+    writeDetails({QStringLiteral("transportComResetTimeout=1100")});
+    modem.setDsr(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.setDcd(true);
+    ASSERT_TRUE(waitForState(CComThread::ResettingModem));
+    ASSERT_TRUE(modem.expectWritten("\rATH\r"));
+    // Carrier is still there when the port is opened again.
+    ASSERT_TRUE(modem.expectWritten("+++"));
+    QStringList expected = eventsOfStart().mid(0, 7);
+    expectEvents(expected + eventsOfReopening());
+    EXPECT_EQ(logLinesWith(QStringLiteral("Запись команды: +++, ATH. Reseting.")).size(), 1);
+}
+
+TEST_F(WorkerStart, DeviceSwitchedOffWhileFree)
+{
+    writeDetails({QStringLiteral("transportComDsrCheckInterval=20")});
+    startFree();
+    modem.setDsr(false);
+    ASSERT_TRUE(waitForState(CComThread::WaitingForDevice));
+    EXPECT_TRUE(logTexts().contains(QStringLiteral("Устройство на COM порту '%1' выключено").arg(modem.portPath())));
+    EXPECT_FALSE(worker->tryConnect(QStringLiteral("A"), QStringLiteral("1")));
+    modem.setDsr(true);
+    // The timer of the free line goes on, so that the check begins with its end.
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    expectEvents({QStringLiteral("state COM порт открыт"), QStringLiteral("journal COM порт открыт"),
+                  QStringLiteral("state Устройство включено"), QStringLiteral("journal Устройство включено"),
+                  QStringLiteral("state Нет ответа на команду 'AT'"), unansweredEvent,
+                  QStringLiteral("journal Запись команды 'AT'")});
+}
+
+TEST_F(WorkerStart, FreeLineDropsWhatIsNoRing)
+{
+    startFree();
+    modem.reply("CONNECT 9600\r\nNO CARRIER\r\nBUSY\r\nERROR\r\nATA\r\n");
+    ASSERT_TRUE(waitFor([&] { return logTexts().contains(QStringLiteral("Чтение команды: ATA")); }));
+    EXPECT_EQ(worker->state(), CComThread::LineFree);
+    EXPECT_EQ(modem.written(), QByteArray());
+    expectEvents({});
+}
+
+TEST_F(WorkerStart, PortThatCannotBeOpened)
+{
+    writeDetails({QStringLiteral("transportComOpenInterval=30")});
+    ComPortSettings settings = usualSettings();
+    settings.portName = testsupport::installRoot() + QStringLiteral("/nothing");
+    start(settings);
+    const QString text = QStringLiteral("Ошибка открытия COM порта. No such file or directory");
+    ASSERT_TRUE(waitForEvent(QStringLiteral("journal ") + text, 2));
+    EXPECT_EQ(joined(events().mid(0, 7)),
+              joined({QStringLiteral("add Инициализация"), QStringLiteral("state Открытие COM порта"),
+                      QStringLiteral("state ") + text, QStringLiteral("journal ") + text,
+                      QStringLiteral("state Открытие COM порта"), QStringLiteral("state ") + text,
+                      QStringLiteral("journal ") + text}));
+    EXPECT_EQ(worker->state(), CComThread::PortClosed);
+    ASSERT_GE(logLinesWith(text).size(), 2);
+    EXPECT_GE(logTimeBetween(logLinesWith(text).at(0), logLinesWith(text).at(1)), 30);
+    ASSERT_TRUE(stopAndWait());
+    QCoreApplication::processEvents();
+    EXPECT_EQ(events().last(), QStringLiteral("remove"));
+    EXPECT_TRUE(events().filter(QStringLiteral("error ")).isEmpty());
+}
+
+TEST_F(WorkerStart, RecordThatWasNeverFilledFailsInTheSpeedAlone)
+{
+    modem.setDsr(true);
+    ComPortSettings settings;
+    settings.portName = modem.portPath();
+    start(settings);
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+    ASSERT_TRUE(waitForEvent(QStringLiteral("error COM port error: 10. Invalid baud rate value")));
+    const QString failure = QStringLiteral("Не удалось изменить скорость COM порта. Invalid baud rate value");
+    QStringList expected = eventsOfStart();
+    expected.insert(4, QStringLiteral("error ") + failure);
+    // The error, raised while opening, is told and forces no reset.
+    EXPECT_EQ(joined(withoutPortErrors(events())), joined(expected));
+    EXPECT_EQ(logTexts().count(failure), 1);
+    EXPECT_EQ(logTexts().count(QStringLiteral("COM port error: 10. Invalid baud rate value")), 1);
+    EXPECT_EQ(worker->state(), CComThread::LineFree);
+}
+
+TEST_F(WorkerStart, EveryParameterIsSetAndEveryFailureTold)
+{
+    ComPortSettings settings = usualSettings();
+    settings.baudRate = 0;
+    settings.dataBits = 7;
+    settings.parity = 2;
+    settings.stopBits = 2;
+    start(settings);
+    ASSERT_TRUE(waitForState(CComThread::WaitingForDevice));
+    EXPECT_EQ(events().filter(QStringLiteral("error Не удалось")).size(), 1);
+    EXPECT_EQ(events().at(4), QStringLiteral("error Не удалось изменить скорость COM порта. Invalid baud rate value"));
+}
+
+TEST_F(WorkerStart, StopBeforeTheThreadRuns)
+{
+    worker = std::make_unique<CComThread>(usualSettings(), &server);
+    worker->stop();
+    worker->start();
+    ASSERT_TRUE(worker->wait(10000));
+    expectEvents({QStringLiteral("add Инициализация"), QStringLiteral("state Открытие COM порта"), QStringLiteral("remove")});
+}
+
+TEST_F(WorkerStart, StopEndsALongPause)
+{
+    writeDetails({QStringLiteral("transportComOpenInterval=60000")});
+    ComPortSettings settings = usualSettings();
+    settings.portName = testsupport::installRoot() + QStringLiteral("/nothing");
+    start(settings);
+    ASSERT_TRUE(waitForEvent(QStringLiteral("journal Ошибка открытия COM порта. No such file or directory")));
+    QElapsedTimer timer;
+    timer.start();
+    ASSERT_TRUE(stopAndWait());
+    EXPECT_LT(timer.elapsed(), 5000);
+}
+
+TEST_F(WorkerStart, SettingsListTheirKeys)
+{
+    startFree();
+    modem.reply("RING\r\n");
+    ASSERT_TRUE(modem.expectWritten("ATA\r"));
+    modem.reply("BUSY\r\n");
+    ASSERT_TRUE(modem.expectWritten("+++"));
+    QFile file(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    ASSERT_TRUE(waitFor([&] { return file.isOpen() || file.open(QIODevice::ReadOnly); }));
+    const QByteArray text = file.readAll();
+    for (const char* line : {"transportComAtOkTimeout=1000", "transportComAtReadyCheckTimeout=60000",
+                             "transportComDsrCheckInterval=1000", "transportComOpenInterval=3000",
+                             "transportComConnectTimeout=30000", "transportComResetTimeout=2000",
+                             "transportComControlSymbol=\\r"})
+        EXPECT_TRUE(text.contains(QByteArray(line) + '\n')) << line;
+}
