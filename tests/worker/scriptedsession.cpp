@@ -2,8 +2,8 @@
 
 #include <QMetaObject>
 
-ScriptedProtocol::ScriptedProtocol(CChannel* channel, testsupport::CallLog* log, bool endsOnStop)
-    : CAbstractProtocol(channel), m_log(log), m_endsOnStop(endsOnStop)
+ScriptedProtocol::ScriptedProtocol(CChannel* ownedChannel, testsupport::CallLog* log, bool endsOnStop)
+    : CAbstractProtocol(ownedChannel), m_log(log), m_endsOnStop(endsOnStop)
 {
 }
 

@@ -17,7 +17,7 @@
 class ScriptedProtocol : public CAbstractProtocol
 {
 public:
-    ScriptedProtocol(CChannel* channel, testsupport::CallLog* log, bool endsOnStop);
+    ScriptedProtocol(CChannel* ownedChannel, testsupport::CallLog* log, bool endsOnStop);
     ~ScriptedProtocol() override;
 
     void start() override;

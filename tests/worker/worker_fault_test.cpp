@@ -144,11 +144,12 @@ TEST_F(WorkerFault, ErrorWhileFreeRunsTheResetWithoutTheEscape)
 
 TEST_F(WorkerFault, ErrorWhileDiallingIsNoFailedCall)
 {
+    writeDetails({QStringLiteral("transportComResetTimeout=1100")});
     startOutgoing();
+    ASSERT_TRUE(waitForState(CComThread::WaitingForConnect));
     forgetEvents();
     raiseError(QSerialPort::WriteError);
     modem.setDsr(false);
-    modem.reply("OK\r\n");
     ASSERT_TRUE(modem.expectWritten("\rATH\r"));
     ASSERT_TRUE(waitForState(CComThread::WaitingForDevice));
     expectEvents(QStringList{QStringLiteral("error COM port error: 7. ")} + eventsOfReopening());
@@ -197,10 +198,11 @@ TEST_F(WorkerFault, ErrorWhileClosedForcesNothing)
 TEST_F(WorkerFault, PortWithoutModemLinesDoesNotFloodTheHost)
 {
     writeDetails({QStringLiteral("transportComDsrCheckInterval=10"), QStringLiteral("transportComResetTimeout=1100")});
-    const QString bare = testsupport::installRoot() + QStringLiteral("/bare");
-    ASSERT_TRUE(QFile::link(QStringLiteral("/dev/null"), bare));
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master) | unlockpt(master), 0);
     ComPortSettings settings = usualSettings();
-    settings.portName = bare;
+    settings.portName = QString::fromLocal8Bit(ptsname(master));
     start(settings);
     ASSERT_TRUE(waitForEvent(QStringLiteral("state COM порт открыт"), 3));
     ASSERT_TRUE(stopAndWait());
@@ -208,6 +210,7 @@ TEST_F(WorkerFault, PortWithoutModemLinesDoesNotFloodTheHost)
     const int errors = events().filter(QStringLiteral("error COM port error")).size();
     EXPECT_GE(errors, 2);
     EXPECT_LE(errors, 40) << joined(events());
+    close(master);
 }
 
 // --- stops ------------------------------------------------------------------------------
@@ -398,5 +401,7 @@ TEST_F(WorkerFault, OperationsFromAnotherThreadWhileCallsComeAndGo)
     }
     isOver = true;
     caller.join();
-    EXPECT_EQ(events().count(QStringLiteral("disconnected B 7 1")), 3);
+    // Whether it was useful depends on who came first.
+    ASSERT_TRUE(waitFor([&] { return log.entriesWith(QStringLiteral("disconnected B 7")).size() >= 3; }));
+    EXPECT_EQ(log.entriesWith(QStringLiteral("disconnected B 7")).size(), 3);
 }
