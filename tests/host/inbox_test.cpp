@@ -1,0 +1,383 @@
+#include "host/inbox.h"
+#include "host/session.h"
+#include "tests/host/sessionpair.h"
+#include "tests/host/storetools.h"
+
+#include <csignal>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QCryptographicHash>
+#include <QJsonDocument>
+
+#include <gtest/gtest.h>
+
+using namespace host;
+using namespace hosttest;
+
+class InboxTest : public testing::Test
+{
+protected:
+    InboxTest()
+    {
+        useUtf8Names();
+        paths = pathsIn(QStringLiteral("i"));
+    }
+
+    std::unique_ptr<MessageStore> open(const InboxLimits& limits = {})
+    {
+        auto store = std::make_unique<MessageStore>(paths, limits);
+        QString error;
+        notes = store->open(&error);
+        EXPECT_EQ(error, QString());
+        return store;
+    }
+
+    QStringList partNames() const { return paths.incomplete.entryList(QDir::Dirs | QDir::NoDotAndDotDot); }
+
+    StorePaths paths;
+    QStringList notes;
+    const QString bob = QStringLiteral("Боб");
+};
+
+TEST_F(InboxTest, AWholeMessageAppearsWithItsRecord)
+{
+    const auto store = open();
+    const OfferFrame offer = offerOf(7, QStringLiteral("Отчёт за май.txt"), "content");
+    const QString place = receiveWhole(store.get(), bob, offer, "content");
+    EXPECT_EQ(place, paths.input.absoluteFilePath(QStringLiteral("00000001/Отчёт за май.txt")));
+    EXPECT_EQ(readAll(place), QByteArray("content"));
+    EXPECT_EQ(QFileInfo(place).lastModified().toSecsSinceEpoch(), 1000000000);
+    EXPECT_EQ(partNames(), QStringList());
+    EXPECT_TRUE(store->isStored(7, offer.sha256));
+    EXPECT_FALSE(store->isStored(7, QByteArray(32, 'x')));
+    EXPECT_FALSE(store->isStored(8, offer.sha256));
+    EXPECT_EQ(store->unsettled(QStringLiteral("БОБ")), (QVector<quint64>{7}));
+    EXPECT_EQ(store->unsettled(QStringLiteral("Carol")), QVector<quint64>());
+    const QVector<ReceivedMessage> messages = store->inbox().messages();
+    ASSERT_EQ(messages.size(), 1);
+    EXPECT_EQ(messages.first().abonent, bob);
+    EXPECT_EQ(messages.first().fileName, offer.fileName);
+    EXPECT_EQ(messages.first().path, place);
+    EXPECT_EQ(messages.first().size, 7);
+    EXPECT_EQ(messages.first().sha256, offer.sha256);
+}
+
+TEST_F(InboxTest, NothingIsInTheInboxBeforeItIsWhole)
+{
+    const auto store = open();
+    RefusedFrame refused;
+    const auto file = store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), "content"), &refused);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->append("cont"), QString());
+    EXPECT_EQ(store->inbox().messages().size(), 0);
+    EXPECT_EQ(paths.input.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
+    EXPECT_EQ(readAll(paths.incomplete.absoluteFilePath(QStringLiteral("00000001/f"))), QByteArray("cont"));
+}
+
+TEST_F(InboxTest, HostileNamesStayInside)
+{
+    const auto store = open();
+    quint64 id = 1;
+    for (const QString& name : {QStringLiteral("../../../evil"), QStringLiteral(".message"), QStringLiteral("/etc/passwd"),
+                                QStringLiteral(".."), QString(2000, QChar(0x0416)).left(500), QString(), QStringLiteral("a\nb")}) {
+        const QString place = receiveWhole(store.get(), bob, offerOf(id, name, "x"), "x");
+        EXPECT_EQ(QFileInfo(place).absolutePath(), paths.input.absoluteFilePath(QString::number(id).rightJustified(8, QLatin1Char('0'))))
+            << qPrintable(place);
+        EXPECT_EQ(readAll(place), QByteArray("x"));
+        ++id;
+    }
+    EXPECT_FALSE(QFile::exists(testsupport::installRoot() + QStringLiteral("/evil")));
+    EXPECT_EQ(store->inbox().messages().at(1).fileName, QStringLiteral(".message")) << "the original name is kept for show";
+}
+
+TEST_F(InboxTest, PartsAreTakenUpAfterARestart)
+{
+    const OfferFrame offer = offerOf(7, QStringLiteral("f"), "0123456789");
+    {
+        const auto store = open();
+        RefusedFrame refused;
+        EXPECT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
+    }
+    const auto store = open();
+    EXPECT_EQ(notes, QStringList());
+    EXPECT_TRUE(store->parts(QStringLiteral("Carol")).empty());
+    auto parts = store->parts(bob);
+    ASSERT_EQ(parts.size(), 1u);
+    EXPECT_EQ(parts[0]->messageId(), 7u);
+    EXPECT_EQ(parts[0]->length(), 6);
+    QString error;
+    EXPECT_EQ(parts[0]->readBack(4, &error), QByteArray("0123"));
+    EXPECT_EQ(parts[0]->readBack(4, &error), QByteArray("45"));
+    EXPECT_EQ(parts[0]->readBack(4, &error), QByteArray());
+    EXPECT_EQ(parts[0]->resume(6), QString());
+    EXPECT_EQ(parts[0]->append("6789"), QString());
+    QString place;
+    EXPECT_EQ(parts[0]->store(offer, &place), QString());
+    EXPECT_EQ(readAll(place), QByteArray("0123456789"));
+}
+
+TEST_F(InboxTest, TheNewerCallTakesAPartOver)
+{
+    const auto store = open();
+    const OfferFrame offer = offerOf(7, QStringLiteral("f"), "0123456789");
+    RefusedFrame refused;
+    const auto earlier = store->beginIncoming(bob, offer, &refused);
+    EXPECT_EQ(earlier->append("0123"), QString());
+    auto parts = store->parts(bob);
+    ASSERT_EQ(parts.size(), 1u);
+    EXPECT_EQ(earlier->append("4"), QString()) << "not taken over until resumed";
+    QString error;
+    EXPECT_EQ(parts[0]->readBack(100, &error), QByteArray("0123")) << "as it stood";
+    EXPECT_EQ(parts[0]->resume(4), QString());
+    EXPECT_EQ(earlier->append("X"), QStringLiteral("another call has taken the message over"));
+    QString place;
+    EXPECT_EQ(earlier->store(offer, &place), QStringLiteral("another call has taken the message over"));
+    earlier->discard();
+    EXPECT_EQ(parts[0]->append("456789"), QString());
+    EXPECT_EQ(parts[0]->store(offer, &place), QString());
+    EXPECT_EQ(readAll(place), QByteArray("0123456789"));
+}
+
+TEST_F(InboxTest, AnotherMessageUnderTheSameIdReplacesThePart)
+{
+    const auto store = open();
+    RefusedFrame refused;
+    EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("old"), "old content"), &refused)->append("old"), QString());
+    const QString place = receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("new"), "new"), "new");
+    EXPECT_TRUE(place.endsWith(QStringLiteral("/new")));
+    EXPECT_EQ(partNames(), QStringList());
+}
+
+TEST_F(InboxTest, LimitsRefuse)
+{
+    InboxLimits limits;
+    limits.maxMessageBytes = 10;
+    const auto store = open(limits);
+    RefusedFrame refused;
+    EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), QByteArray(11, 'x')), &refused), nullptr);
+    EXPECT_EQ(refused.code, RefusalCode::NotAllowed);
+    EXPECT_EQ(refused.reason, QStringLiteral("it has 11 bytes, more than the 10 that are allowed here"));
+}
+
+TEST_F(InboxTest, AFullDiskRefuses)
+{
+    const auto store = open();
+    RefusedFrame refused;
+    OfferFrame offer = offerOf(7, QStringLiteral("f"), "x");
+    offer.size = Q_INT64_C(1) << 50;
+    EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
+    EXPECT_EQ(refused.code, RefusalCode::NoRoom);
+    EXPECT_TRUE(refused.reason.startsWith(QStringLiteral("the disk is full: 1125899906842624 bytes are needed, ")));
+    EXPECT_EQ(partNames(), QStringList());
+}
+
+TEST_F(InboxTest, BeginningsDoNotFillTheDisk)
+{
+    InboxLimits limits;
+    limits.maxPartsOfAbonent = 3;
+    const auto store = open(limits);
+    for (quint64 id = 1; id <= 10; ++id) {
+        RefusedFrame refused;
+        ASSERT_TRUE(store->beginIncoming(bob, offerOf(id, QStringLiteral("f"), "xx"), &refused));
+    }
+    EXPECT_EQ(partNames().size(), 3);
+    EXPECT_EQ(store->parts(bob).size(), 3u);
+}
+
+// Each state that a crash between the steps of receiving leaves behind.
+TEST_F(InboxTest, ACrashAfterTheRecordIsCompleted)
+{
+    const OfferFrame offer = offerOf(7, QStringLiteral("f"), "content");
+    for (const bool wasListed : {false, true}) {
+        SCOPED_TRACE(wasListed);
+        const quint64 id = wasListed ? 8 : 7;
+        const QString dir = paths.incomplete.absoluteFilePath(QStringLiteral("00000001"));
+        writeFile(dir + QStringLiteral("/f"), "content");
+        writeFile(dir + QStringLiteral("/.message"),
+                  "{\"id\":\"000000000000000" + QByteArray::number(id) + "\",\"from\":\"Боб\",\"name\":\"f\",\"file\":\"f\",\"size\":7,"
+                  "\"sha256\":\"" + offer.sha256.toHex() + "\",\"verified\":true}");
+        if (wasListed) {
+            writeFile(paths.receivedList, readAll(paths.receivedList) + "+ 0000000000000008 " + offer.sha256.toHex() + " %D0%B1%D0%BE%D0%B1\n");
+        }
+        const auto store = open();
+        EXPECT_EQ(notes.size(), 1);
+        EXPECT_EQ(partNames(), QStringList());
+        EXPECT_TRUE(store->isStored(id, offer.sha256));
+        EXPECT_TRUE(store->unsettled(bob).contains(id)) << "the sender may not know";
+    }
+    const auto store = open();
+    EXPECT_EQ(store->inbox().messages().size(), 2);
+}
+
+TEST_F(InboxTest, UselessPartsAreRemoved)
+{
+    writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("00000001/f")), "no record");
+    writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("00000002/.message")), "{torn");
+    writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("00000003/.message")),
+              "{\"id\":\"0000000000000009\",\"from\":\"B\",\"name\":\"f\",\"file\":\"../../x\",\"size\":7,\"sha256\":\"00\",\"verified\":true}");
+    const auto store = open();
+    EXPECT_EQ(notes.size(), 3);
+    EXPECT_EQ(partNames(), QStringList());
+    EXPECT_TRUE(store->parts(bob).empty());
+}
+
+TEST_F(InboxTest, WhatCannotBeMovedIsNotReceived)
+{
+    const auto store = open();
+    const OfferFrame offer = offerOf(7, QStringLiteral("f"), "content");
+    RefusedFrame refused;
+    auto file = store->beginIncoming(bob, offer, &refused);
+    EXPECT_EQ(file->append("content"), QString());
+    // The input directory gives way to a file: no rename into it can succeed.
+    ASSERT_TRUE(QDir().rmdir(paths.input.absolutePath()));
+    writeFile(paths.input.absolutePath(), "in the way");
+    QString place;
+    EXPECT_TRUE(file->store(offer, &place).startsWith(QStringLiteral("cannot move ")));
+    EXPECT_FALSE(store->isStored(7, offer.sha256));
+    file.reset();
+    ASSERT_TRUE(QFile::remove(paths.input.absolutePath()));
+    const auto again = open();
+    EXPECT_EQ(notes, QStringList());
+    EXPECT_FALSE(again->isStored(7, offer.sha256));
+    auto parts = again->parts(bob);
+    ASSERT_EQ(parts.size(), 1u);
+    EXPECT_EQ(parts[0]->resume(7), QString());
+    EXPECT_EQ(parts[0]->store(offer, &place), QString());
+    EXPECT_EQ(readAll(place), QByteArray("content"));
+}
+
+TEST_F(InboxTest, TheListSurvivesTornLinesAndSettling)
+{
+    {
+        const auto store = open();
+        for (quint64 id = 1; id <= 3; ++id)
+            receiveWhole(store.get(), bob, offerOf(id, QStringLiteral("f"), "x"), "x");
+        store->settle({2, 99});
+        EXPECT_EQ(store->unsettled(bob), (QVector<quint64>{1, 3}));
+        EXPECT_TRUE(store->isStored(2, sha256("x"))) << "settled is not forgotten";
+    }
+    QFile list(paths.receivedList);
+    ASSERT_TRUE(list.open(QIODevice::Append));
+    list.write("s 000000000000000");
+    list.close();
+    {
+        const auto store = open();
+        EXPECT_EQ(store->unsettled(bob), (QVector<quint64>{1, 3}));
+        receiveWhole(store.get(), bob, offerOf(4, QStringLiteral("f"), "x"), "x");
+    }
+    const auto store = open();
+    EXPECT_EQ(store->unsettled(bob), (QVector<quint64>{1, 3, 4}));
+}
+
+TEST_F(InboxTest, OldSettledEntriesGo)
+{
+    QByteArray lines;
+    for (int id = 1; id <= 1500; ++id) {
+        const QByteArray text = idText(static_cast<quint64>(id)).toLatin1();
+        lines += "+ " + text + ' ' + QByteArray(64, 'a') + " bob\ns " + text + '\n';
+    }
+    writeFile(paths.receivedList, lines);
+    const auto store = open();
+    const QByteArray hash = QByteArray::fromHex(QByteArray(64, 'a'));
+    EXPECT_FALSE(store->isStored(500, hash));
+    EXPECT_TRUE(store->isStored(501, hash));
+    EXPECT_EQ(readAll(paths.receivedList).count('+'), 1000);
+}
+
+// Killed at any moment while receiving: what was acknowledged is there once and whole, and
+// nothing else than whole messages is there.
+TEST_F(InboxTest, KilledWhileReceiving)
+{
+    quint64 nextId = 1;
+    for (int round = 0; round < 15; ++round) {
+        int acknowledged[2];
+        ASSERT_EQ(pipe(acknowledged), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            MessageStore store(paths);
+            QString error;
+            store.open(&error);
+            for (quint64 id = nextId;; ++id) {
+                const QByteArray content = randomBytes(5000, static_cast<unsigned>(id));
+                const OfferFrame offer = offerOf(id, QStringLiteral("f"), content);
+                if (!store.isStored(id, offer.sha256) && !receiveWhole(&store, QStringLiteral("Bob"), offer, content).endsWith(QStringLiteral("/f")))
+                    _exit(1);
+                if (write(acknowledged[1], &id, sizeof id) != sizeof id)
+                    _exit(2);
+            }
+        }
+        close(acknowledged[1]);
+        usleep(static_cast<useconds_t>(3000 + 2000 * round));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        QVector<quint64> ids;
+        for (quint64 id = 0; read(acknowledged[0], &id, sizeof id) == sizeof id;)
+            ids.append(id);
+        close(acknowledged[0]);
+        const auto store = open();
+        QHash<quint64, int> found;
+        for (const ReceivedMessage& message : store->inbox().messages()) {
+            ++found[message.id];
+            EXPECT_EQ(sha256(readAll(message.path)), message.sha256);
+            EXPECT_TRUE(store->isStored(message.id, message.sha256));
+        }
+        for (const quint64 id : ids)
+            EXPECT_EQ(found.value(id), 1) << id;
+        for (const int count : found)
+            EXPECT_EQ(count, 1);
+        if (!ids.isEmpty())
+            nextId = ids.last(); // offered again: must be known
+        if (HasFailure())
+            return;
+    }
+}
+
+// Two real stores, one session pair, cut and killed in the middle.
+TEST_F(InboxTest, SessionsOverDisks)
+{
+    const QString big = writeFile(testsupport::installRoot() + QStringLiteral("/big"), randomBytes(300000, 1));
+    const QString empty = writeFile(testsupport::installRoot() + QStringLiteral("/пусто"), QByteArray());
+    const StorePaths alicePaths = pathsIn(QStringLiteral("alice"));
+    SessionSettings alice;
+    alice.abonentName = QStringLiteral("Alice");
+    alice.installationId = QByteArray(16, 'a');
+    SessionSettings bobs;
+    bobs.abonentName = bob;
+    bobs.installationId = QByteArray(16, 'b');
+    {
+        OutgoingQueue queue(alicePaths.output, alicePaths.tasks);
+        ASSERT_EQ(queue.enqueue(bob, big), QString());
+        ASSERT_EQ(queue.enqueue(bob, empty), QString());
+    }
+    qint64 now = 0;
+    for (const qint64 cut : {100000, 90000, 1000000}) {
+        QString error;
+        MessageStore from(alicePaths);
+        from.open(&error);
+        const auto to = open();
+        Session a(alice, &from, [](const SessionEvent&) {}, now);
+        Session b(bobs, to.get(), [](const SessionEvent&) {}, now);
+        qint64 carried = 0;
+        while (!a.isFinished() && !b.isFinished() && carried < cut) {
+            now += 10;
+            const QByteArray toB = a.takeOutput(1000, now);
+            b.receive(toB, now);
+            a.receive(b.takeOutput(1000, now), now);
+            a.advance(now);
+            b.advance(now);
+            carried += toB.size();
+        }
+        if (cut == 1000000) {
+            EXPECT_LT(carried, 300000 - 190000 + 40000) << "taken up where it stopped";
+            ASSERT_EQ(to->inbox().messages().size(), 2);
+            EXPECT_TRUE(readAll(to->inbox().messages().at(0).path) == readAll(big));
+            EXPECT_EQ(to->inbox().messages().at(1).fileName, QStringLiteral("пусто"));
+            EXPECT_EQ(readAll(to->inbox().messages().at(1).path), QByteArray());
+            EXPECT_EQ(from.queue().messages().size(), 0);
+        }
+    }
+}
