@@ -11,6 +11,7 @@
 // Not <termios.h>: only the kernel's own record holds the speed as a number.
 #include <asm/termbits.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -163,6 +164,12 @@ void PtyEndpoint::setDepth(int bytes)
 qint64 PtyEndpoint::bytesFromProgram() const
 {
     return m_row ? static_cast<qint64>(m_row->outstanding()) : 0;
+}
+
+bool PtyEndpoint::hasInput() const
+{
+    pollfd entry{m_master, POLLIN, 0};
+    return isOpen() && poll(&entry, 1, 0) > 0 && (entry.revents & POLLIN);
 }
 
 void PtyEndpoint::unplug()

@@ -60,6 +60,8 @@ public:
     void setDepth(int bytes);
     // Bytes that the program has written and read() has not yet taken.
     qint64 bytesFromProgram() const;
+    // Whether read() would give something; also for a program whose bytes are not counted.
+    bool hasInput() const;
 
     // The device vanishes: the link is removed, a program's open port fails.
     void unplug();

@@ -1,0 +1,354 @@
+// The line as a value and in virtual time: pace, delay, noise, drops.
+#include "sim/line.h"
+
+#include "tests/support/testroot.h"
+
+#include <cmath>
+#include <random>
+
+#include <gtest/gtest.h>
+
+using namespace sim;
+
+namespace {
+
+constexpr qint64 msNs = 1000000;
+constexpr qint64 secondNs = 1000 * msNs;
+
+LineSettings settingsOf(const char* text)
+{
+    LineSettings settings;
+    QString error;
+    EXPECT_TRUE(settings.change(QString::fromLatin1(text), &error)) << error.toStdString();
+    return settings;
+}
+
+// Carries bytes for as long as duration, from a sender that always has more, in steps.
+qint64 carriedIn(LineDirection& direction, qint64 from, qint64 duration, qint64 stepNs)
+{
+    qint64 carried = 0;
+    direction.wake(from);
+    for (qint64 now = from; now <= from + duration; now += stepNs) {
+        const qint64 room = direction.room(now);
+        direction.carry(QByteArray(static_cast<int>(room), 'U'), true, now);
+        direction.deliver(now);
+        carried += room;
+    }
+    return carried;
+}
+
+class PaceTest : public testing::TestWithParam<int>
+{
+protected:
+    // Long enough for a slow line, short enough for the work of a fast one.
+    const qint64 durationNs = (GetParam() > 115200 ? 2 : 20) * secondNs;
+};
+
+TEST_P(PaceTest, HoldsToWithinOnePercent)
+{
+    LineDirection direction(LineSettings(), GetParam(), 1);
+    const double durationS = static_cast<double>(durationNs) / 1e9;
+    const double expected = durationS * GetParam() / 10;
+    EXPECT_NEAR(static_cast<double>(carriedIn(direction, 12345, durationNs, msNs)), expected, qMax(expected * 0.01, 1.0));
+    EXPECT_NEAR(static_cast<double>(direction.statistics().busyNs), durationS * 1e9, durationS * 1e7 + 1e10 / GetParam());
+}
+
+TEST_P(PaceTest, HoldsWhenTheLoopIsLateNowAndThen)
+{
+    LineDirection direction(LineSettings(), GetParam(), 1);
+    std::mt19937 random(testsupport::seed());
+    qint64 carried = 0;
+    qint64 now = 0;
+    direction.wake(now);
+    while (now < durationNs) {
+        now += std::uniform_int_distribution<qint64>(msNs, random() % 50 == 0 ? 40 * msNs : 2 * msNs)(random);
+        const qint64 room = direction.room(now);
+        direction.carry(QByteArray(static_cast<int>(room), 'U'), true, now);
+        direction.deliver(now);
+        carried += room;
+    }
+    const double expected = static_cast<double>(now) / 1e9 * GetParam() / 10;
+    EXPECT_NEAR(static_cast<double>(carried), expected, qMax(expected * 0.01, 1.0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Rates, PaceTest, testing::Values(300, 1200, 2400, 9600, 33600, 57600, 115200, 921600, 10000000));
+
+TEST(LineTest, NoByteIsThroughBeforeItsTime)
+{
+    LineDirection direction(LineSettings(), 1000, 1); // a byte in 10 ms
+    direction.wake(0);
+    EXPECT_EQ(direction.room(0), 0);
+    EXPECT_EQ(direction.nextRoomNs(), 10 * msNs);
+    EXPECT_EQ(direction.room(10 * msNs - 1), 0);
+    EXPECT_EQ(direction.room(10 * msNs), 1);
+    EXPECT_EQ(direction.room(25 * msNs), 2);
+    direction.carry("ab", true, 25 * msNs);
+    EXPECT_EQ(direction.room(25 * msNs), 0);
+    EXPECT_EQ(direction.nextRoomNs(), 30 * msNs);
+    EXPECT_EQ(direction.deliver(25 * msNs), QByteArray("ab"));
+    EXPECT_EQ(direction.nextDeliveryNs(), -1);
+}
+
+TEST(LineTest, AnIdleLineSavesNoTime)
+{
+    LineDirection direction(LineSettings(), 10000, 1);
+    direction.wake(0);
+    qint64 now = 0;
+    while (!direction.isIdle()) {
+        now += msNs;
+        ASSERT_LE(now, msNs + LineDirection::graceNs);
+        direction.carry({}, false, now);
+    }
+    EXPECT_EQ(direction.room(now + secondNs), 0);
+    direction.wake(now + secondNs);
+    EXPECT_EQ(direction.room(now + secondNs), 0);
+    EXPECT_EQ(direction.room(now + secondNs + msNs), 1);
+}
+
+TEST(LineTest, ASenderThatWaitsKeepsTheLineBusy)
+{
+    LineDirection direction(LineSettings(), 10000, 1);
+    direction.wake(0);
+    for (qint64 now = msNs; now < 100 * msNs; now += msNs)
+        direction.carry({}, true, now);
+    EXPECT_FALSE(direction.isIdle());
+    direction.rest();
+    EXPECT_TRUE(direction.isIdle());
+}
+
+TEST(LineTest, DelaysBothWays)
+{
+    const LineSettings settings = settingsOf("rate=8000/4000,delay=150");
+    Line line(settings, 1, true, 0);
+    line.forward.wake(0);
+    line.forward.carry("a", true, line.forward.nextRoomNs());
+    EXPECT_EQ(line.forward.nextDeliveryNs(), 1250000 + 150 * msNs);
+    EXPECT_EQ(line.forward.deliver(1250000 + 150 * msNs - 1), QByteArray());
+    EXPECT_EQ(line.forward.finalStatistics().bytesLost, 1);
+    EXPECT_EQ(line.forward.deliver(1250000 + 150 * msNs), QByteArray("a"));
+    EXPECT_EQ(line.forward.finalStatistics().bytesLost, 0);
+    line.backward.wake(0);
+    line.backward.carry("b", true, line.backward.nextRoomNs());
+    EXPECT_EQ(line.backward.nextDeliveryNs(), 2500000 + 150 * msNs);
+}
+
+TEST(LineTest, ACleanLineChangesNothing)
+{
+    LineDirection direction(LineSettings(), 1000000, 9);
+    QByteArray sent;
+    for (int i = 0; i < 100000; ++i)
+        sent += static_cast<char>(i * 31);
+    direction.wake(0);
+    direction.carry(sent, true, secondNs);
+    EXPECT_EQ(direction.deliver(2 * secondNs), sent);
+    EXPECT_EQ(direction.statistics().bitsFlipped, 0);
+    EXPECT_EQ(direction.statistics().bytesCarried, 100000);
+    EXPECT_EQ(direction.statistics().bytesDelivered, 100000);
+}
+
+int bitsSet(char byte)
+{
+    int count = 0;
+    for (int bit = 0; bit < 8; ++bit)
+        count += (static_cast<unsigned char>(byte) >> bit) & 1;
+    return count;
+}
+
+qint64 bitsSet(const QByteArray& bytes)
+{
+    qint64 count = 0;
+    for (const char byte : bytes)
+        count += bitsSet(byte);
+    return count;
+}
+
+class BitErrorTest : public testing::TestWithParam<double>
+{
+};
+
+TEST_P(BitErrorTest, FlipsAsManyAsItSays)
+{
+    constexpr int size = 1000000;
+    Noise noise(GetParam(), {}, 33600, testsupport::seed());
+    QByteArray bytes(size, '\0');
+    const qint64 flipped = noise.apply(bytes);
+    EXPECT_EQ(flipped, bitsSet(bytes));
+    const double expected = 8.0 * size * GetParam();
+    const double sigma = std::sqrt(expected * (1 - GetParam()));
+    EXPECT_NEAR(static_cast<double>(flipped), expected, 6 * sigma + 1e-9);
+    // Every place in a byte is hit alike.
+    for (int bit = 0; bit < 8; ++bit) {
+        double hits = 0;
+        for (const char byte : bytes)
+            hits += (static_cast<unsigned char>(byte) >> bit) & 1;
+        EXPECT_NEAR(hits, expected / 8, 6 * sigma / std::sqrt(8.0) + 1e-9) << bit;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rates, BitErrorTest, testing::Values(0.0, 1e-4, 1e-3, 1e-2, 0.3, 1.0));
+
+TEST(NoiseTest, DependsOnTheSeedAndNotOnThePieces)
+{
+    const BurstSettings burst{0.1, 60, 0.5};
+    QByteArray whole(20000, 'x');
+    Noise(1e-3, burst, 33600, 7).apply(whole);
+    Noise pieces(1e-3, burst, 33600, 7);
+    std::mt19937 random(testsupport::seed());
+    QByteArray joined;
+    while (joined.size() < 20000) {
+        QByteArray piece(qMin<int>(1 + static_cast<int>(random() % 300), 20000 - joined.size()), 'x');
+        pieces.apply(piece);
+        joined += piece;
+    }
+    EXPECT_EQ(joined, whole);
+    QByteArray other(20000, 'x');
+    Noise(1e-3, burst, 33600, 8).apply(other);
+    EXPECT_NE(other, whole);
+}
+
+TEST(NoiseTest, BurstsAreAsLongAndAsFarApartAsTheySay)
+{
+    // One second at 10000 bit/s between bursts of 200 bits, in which every bit is hit.
+    constexpr int size = 2000000;
+    QByteArray bytes(size, '\0');
+    Noise noise(0, {1.0, 200, 1.0}, 10000, testsupport::seed());
+    const qint64 flipped = noise.apply(bytes);
+    int bursts = 0;
+    int longest = 0;
+    int length = 0;
+    for (const char byte : bytes) {
+        if (byte == 0) {
+            bursts += length > 0;
+            length = 0;
+        } else {
+            ++length;
+            longest = qMax(longest, length);
+        }
+    }
+    const double expected = size * 10.0 / (10000 + 200);
+    EXPECT_NEAR(bursts, expected, 6 * std::sqrt(expected));
+    EXPECT_GE(longest, 20);
+    // Of the 200 bits of each, eight in ten are data.
+    EXPECT_NEAR(static_cast<double>(flipped) / bursts, 160, 8);
+}
+
+TEST(NoiseTest, BurstsHitTheShareTheySay)
+{
+    QByteArray bytes(1000000, '\0');
+    Noise noise(0, {0.5, 1000, 0.25}, 20000, testsupport::seed());
+    const double flipped = static_cast<double>(noise.apply(bytes));
+    const double expected = 1e7 / (10000 + 1000) * 1000 * 0.25 * 0.8;
+    EXPECT_NEAR(flipped, expected, expected * 0.2);
+}
+
+TEST(LineTest, EachCallAndDirectionHasItsOwnNoise)
+{
+    const LineSettings settings = settingsOf("ber=0.01,seed=5");
+    const auto spoiled = [](LineDirection& direction) {
+        direction.wake(0);
+        direction.carry(QByteArray(5000, 'x'), true, 0);
+        return direction.deliver(100 * secondNs);
+    };
+    Line first(settings, 1, true, 0);
+    Line again(settings, 1, true, 0);
+    Line second(settings, 2, true, 0);
+    const QByteArray forward = spoiled(first.forward);
+    EXPECT_EQ(forward, spoiled(again.forward));
+    EXPECT_NE(forward, spoiled(first.backward));
+    EXPECT_NE(forward, spoiled(second.forward));
+}
+
+TEST(LineTest, CountsWhatItSpoils)
+{
+    Line line(settingsOf("ber=0.01"), 1, true, 0);
+    const QByteArray sent(10000, 'x');
+    line.forward.wake(0);
+    line.forward.carry(sent, true, 0);
+    const QByteArray received = line.forward.deliver(100 * secondNs);
+    ASSERT_EQ(received.size(), sent.size());
+    qint64 bytes = 0;
+    qint64 bits = 0;
+    for (int i = 0; i < sent.size(); ++i) {
+        bytes += sent.at(i) != received.at(i);
+        bits += bitsSet(static_cast<char>(sent.at(i) ^ received.at(i)));
+    }
+    EXPECT_GT(bytes, 0);
+    EXPECT_EQ(line.forward.statistics().bytesSpoiled, bytes);
+    EXPECT_EQ(line.forward.statistics().bitsFlipped, bits);
+}
+
+TEST(LineTest, NoiseGoesOffAndOn)
+{
+    Line line(settingsOf("ber=0.5"), 1, true, 0);
+    line.setNoisy(false);
+    line.forward.wake(0);
+    line.forward.carry(QByteArray(1000, 'x'), true, 0);
+    EXPECT_EQ(line.forward.deliver(100 * secondNs), QByteArray(1000, 'x'));
+    line.setNoisy(true);
+    line.forward.carry(QByteArray(1000, 'x'), true, 0);
+    EXPECT_NE(line.forward.deliver(100 * secondNs), QByteArray(1000, 'x'));
+}
+
+TEST(LineTest, DropsAfterATime)
+{
+    const LineSettings settings = settingsOf("drop-after-seconds=2.5");
+    Line line(settings, 1, true, secondNs);
+    EXPECT_EQ(line.dropNs(), 3500 * msNs);
+    EXPECT_FALSE(line.hasDropped(3500 * msNs - 1));
+    EXPECT_TRUE(line.hasDropped(3500 * msNs));
+    Line kept(settings, 2, false, secondNs);
+    EXPECT_EQ(kept.dropNs(), -1);
+    EXPECT_FALSE(kept.hasDropped(100 * secondNs));
+}
+
+TEST(LineTest, DropsAfterExactlySoManyBytesOfBothWays)
+{
+    Line line(settingsOf("drop-after-bytes=10,rate=10000"), 1, true, 0);
+    line.forward.wake(0);
+    line.backward.wake(0);
+    line.forward.carry("abcdef", true, 10 * msNs);
+    EXPECT_EQ(line.forward.deliver(secondNs, line.bytesBeforeDrop()), QByteArray("abcdef"));
+    EXPECT_EQ(line.bytesBeforeDrop(), 4);
+    EXPECT_FALSE(line.hasDropped(secondNs));
+    line.backward.carry("123456", true, 10 * msNs);
+    EXPECT_EQ(line.backward.deliver(secondNs, line.bytesBeforeDrop()), QByteArray("1234"));
+    EXPECT_TRUE(line.hasDropped(secondNs));
+    EXPECT_EQ(line.backward.deliver(secondNs, line.bytesBeforeDrop()), QByteArray());
+    EXPECT_EQ(line.backward.finalStatistics().bytesLost, 2);
+    Line kept(line.settings(), 2, false, 0);
+    EXPECT_EQ(kept.bytesBeforeDrop(), -1);
+}
+
+TEST(LineSettingsTest, TakesAllKeysAndSaysThemAgain)
+{
+    const LineSettings settings = settingsOf(
+        "rate=2400/1200,delay=120,ber=1e-05,burst=5/200/0.25,drop-after-seconds=12.5,drop-after-bytes=20000,drop-times=3,seed=42");
+    EXPECT_EQ(settings.rateForward, 2400);
+    EXPECT_EQ(settings.rateBackward, 1200);
+    EXPECT_EQ(settings.delayMs, 120);
+    EXPECT_DOUBLE_EQ(settings.bitErrorRate, 1e-5);
+    EXPECT_EQ(settings.burst, (BurstSettings{5, 200, 0.25}));
+    EXPECT_DOUBLE_EQ(settings.dropAfterSeconds, 12.5);
+    EXPECT_EQ(settings.dropAfterBytes, 20000);
+    EXPECT_EQ(settings.dropTimes, 3);
+    EXPECT_EQ(settings.seed, 42u);
+    EXPECT_EQ(settingsOf(settings.toString().toLatin1().constData()), settings);
+    EXPECT_EQ(settingsOf(LineSettings().toString().toLatin1().constData()), LineSettings());
+    EXPECT_EQ(settingsOf("burst=5/200,burst=off").burst, BurstSettings());
+    EXPECT_EQ(settingsOf("rate=57600").rateBackward, 57600);
+}
+
+TEST(LineSettingsTest, BadValuesChangeNothingAndSayWhatToWrite)
+{
+    for (const char* text : {"rate=9", "rate=10000001", "rate=1/2/3", "rate=", "rate", "delay=-1", "delay=60001", "ber=2", "ber=nan",
+                             "ber=-1", "burst=5", "burst=0/10", "burst=5/0", "burst=5/10/2", "drop-after-seconds=-1",
+                             "drop-after-bytes=x", "drop-times=-1", "seed=-1", "color=red", "", "rate=9600,delay=x"}) {
+        LineSettings settings;
+        QString error;
+        EXPECT_FALSE(settings.change(QString::fromLatin1(text), &error)) << text;
+        EXPECT_EQ(settings, LineSettings()) << text;
+        EXPECT_TRUE(error.contains(QStringLiteral("; give ")) || error.contains(QStringLiteral("; write "))) << error.toStdString();
+    }
+}
+
+} // namespace
