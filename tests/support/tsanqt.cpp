@@ -47,6 +47,9 @@ bool eventIsDelivered(void**)
 
 const bool registered = QInternal::registerCallback(QInternal::EventNotifyCallback, eventIsDelivered);
 
+// The sanitizer ends the program when a library named in its suppressions is unloaded.
+void* const keptLoaded = dlopen("libQt5SerialPort.so.5", RTLD_LAZY);
+
 void released(void* mutex)
 {
     __tsan_release(mutex);
@@ -136,6 +139,14 @@ INTERPOSED void _ZN7QObject11deleteLaterEv(QObject* object)
 }
 
 // Threads
+
+INTERPOSED void _ZN7QThread5startENS_8PriorityE(QThread* thread, QThread::Priority priority)
+{
+    static auto* real = next<void(QThread*, QThread::Priority)>("_ZN7QThread5startENS_8PriorityE");
+    // Emitted by the thread itself as the last that it does.
+    QObject::connect(thread, &QThread::finished, publish);
+    real(thread, priority);
+}
 
 INTERPOSED int _ZN7QThread4execEv(QThread* thread)
 {
