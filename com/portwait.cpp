@@ -1,8 +1,25 @@
 #include "com/portwait.h"
 
+#include <poll.h>
+
 #include <QElapsedTimer>
 #include <QSerialPort>
 #include <QThread>
+
+namespace {
+
+// Whether nothing came in timeoutMs, found out past the port: its own wait, when it times
+// out, raises an error with a translated text, a hundred times a second on an idle port.
+// Not with output pending, which the port's own wait sends meanwhile.
+bool staysSilent(QSerialPort& port, int timeoutMs)
+{
+    if (port.handle() < 0 || port.bytesToWrite() > 0)
+        return false;
+    pollfd input{port.handle(), POLLIN, 0};
+    return ::poll(&input, 1, timeoutMs) == 0;
+}
+
+} // namespace
 
 bool waitForWritten(QSerialPort& port, int timeoutMs)
 {
@@ -11,6 +28,8 @@ bool waitForWritten(QSerialPort& port, int timeoutMs)
 
 bool waitForInput(QSerialPort& port, int timeoutMs)
 {
+    if (staysSilent(port, timeoutMs))
+        return false;
     QElapsedTimer timer;
     timer.start();
     if (port.waitForReadyRead(timeoutMs))
