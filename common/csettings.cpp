@@ -85,6 +85,8 @@ void SettingsPointer::syncLocked()
         // One delayed write-back is posted for each change; nothing is left for it to do.
         QCoreApplication::removePostedEvents(this, QEvent::UpdateRequest);
         fileInfo.refresh();
+        // Another process may have written since; its edit must not pass for seen unread.
+        QSettings::sync();
     }
     lastModified = fileInfo.lastModified();
     changed = false;

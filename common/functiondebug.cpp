@@ -27,9 +27,11 @@ QList<QString>& gStack()
 
 bool isTracing()
 {
-    // Threads that come first at the same moment read and set the same value.
-    if (gFunctionsDebuging.load(std::memory_order_relaxed) == -1) {
-        gFunctionsDebuging.store(CSettings().debugAll() ? 1 : 0, std::memory_order_relaxed);
+    int unread = -1;
+    if (gFunctionsDebuging.load(std::memory_order_relaxed) == unread) {
+        // Of threads that come first at the same moment one sets the value, which then stays.
+        const int value = CSettings().debugAll() ? 1 : 0;
+        gFunctionsDebuging.compare_exchange_strong(unread, value, std::memory_order_relaxed);
         QMutexLocker locker(&gStackMutex);
         gStack().reserve(_CFunctionDebug::historyLength);
     }

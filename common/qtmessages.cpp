@@ -1,13 +1,23 @@
 #include "common/qtmessages.h"
 
+#include <cstdio>
+
 #include <QMessageLogger>
+#include <QScopedValueRollback>
 
 namespace {
 
 thread_local MessageHold* currentHold = nullptr; // not owned
+thread_local bool isSending = false;
 
 void sendNow(QtMsgType type, const QString& text)
 {
+    // A message handler that logs into a broken log would be sent the same trouble for ever.
+    if (isSending) {
+        std::fprintf(stderr, "%s\n", qPrintable(text));
+        return;
+    }
+    const QScopedValueRollback<bool> sending(isSending, true);
     const QMessageLogger logger;
     switch (type) {
     case QtDebugMsg:

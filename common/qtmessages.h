@@ -9,7 +9,8 @@
 // the code that has them. The program's message handler may itself log and read settings,
 // so no message may leave while a lock of this library is held: a MessageHold made before
 // the lock is taken collects the calling thread's messages and sends them when it is
-// destroyed, after the lock. Of nested holds only the outermost one collects.
+// destroyed, after the lock. Of nested holds only the outermost one collects. Troubles met
+// while the handler deals with such a message go to the standard error output instead.
 class MessageHold
 {
 public:
