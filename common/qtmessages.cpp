@@ -18,7 +18,7 @@ void sendNow(QtMsgType type, const QString& text)
         return;
     }
     const QScopedValueRollback<bool> sending(isSending, true);
-    const QMessageLogger logger;
+    const QMessageLogger logger(nullptr, 0, nullptr); // without a place, of the category "default"
     switch (type) {
     case QtDebugMsg:
         logger.debug().noquote() << text;
