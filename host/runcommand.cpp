@@ -1,0 +1,216 @@
+#include "host/runcommand.h"
+
+#include "host/terminalview.h"
+#include "host/transporthost.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QSocketNotifier>
+
+namespace host {
+
+namespace {
+
+int signalPipe[2] = {-1, -1};
+
+// A second signal ends the process at once.
+void onSignal(int number)
+{
+    const int savedErrno = errno;
+    const char byte = static_cast<char>(number);
+    if (write(signalPipe[1], &byte, 1) != 1)
+        _exit(128 + number);
+    signal(number, SIG_DFL);
+    errno = savedErrno;
+}
+
+bool catchSignals()
+{
+    if (pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return false;
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action = {};
+        action.sa_handler = onSignal;
+        action.sa_flags = SA_RESTART;
+        sigaction(number, &action, nullptr);
+    }
+    signal(SIGPIPE, SIG_IGN);
+    return true;
+}
+
+TerminalView* messageView = nullptr; // not owned; set while the host runs
+
+// The log's echo on the Qt debug stream stays out of the picture: it is in the log.
+void onQtMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
+{
+    if (type == QtDebugMsg || type == QtInfoMsg)
+        return;
+    if (messageView)
+        QMetaObject::invokeMethod(messageView, [text] { messageView->showTrouble(text); }, Qt::QueuedConnection);
+    else
+        std::fprintf(stderr, "%s\n", text.toUtf8().constData());
+    if (type == QtFatalMsg)
+        std::fprintf(stderr, "%s\n", text.toUtf8().constData());
+}
+
+// An option that is a number of at least min; false when it is not.
+bool numberOption(const QCommandLineParser& parser, const QString& name, double min, double* value)
+{
+    if (!parser.isSet(name))
+        return true;
+    bool ok = false;
+    const double number = parser.value(name).toDouble(&ok);
+    if (!ok || number < min || number > 1e9)
+        return false;
+    *value = number;
+    return true;
+}
+
+void addOptions(QCommandLineParser* parser)
+{
+    parser->addOption({QStringLiteral("exit-when-sent"), QStringLiteral("End when nothing is left in the queue.")});
+    parser->addOption({QStringLiteral("exit-when-received"), QStringLiteral("End when N messages were received."), QStringLiteral("N")});
+    parser->addOption({QStringLiteral("timeout"), QStringLiteral("End after S seconds; with status 3 when something that was waited for is not done by then."), QStringLiteral("S")});
+    parser->addOption({QStringLiteral("retry-seconds"), QStringLiteral("The unit of the pauses between calls (default 1): with 1, a first call that failed is repeated after half a minute to three minutes."), QStringLiteral("S")});
+    parser->addOption({QStringLiteral("silence-seconds"), QStringLiteral("A connection on which nothing comes for so long is dead (default 30)."), QStringLiteral("S")});
+    parser->addOption({QStringLiteral("max-size"), QStringLiteral("Refuse messages of more than N bytes."), QStringLiteral("N")});
+    parser->addOption({QStringLiteral("known-only"), QStringLiteral("Exchange messages only with abonents that were added.")});
+    parser->addOption({QStringLiteral("keep-connected"), QStringLiteral("Keep connections although nothing is left to send.")});
+    parser->addOption({QStringLiteral("no-calls"), QStringLiteral("Only answer calls.")});
+    parser->addOption({QStringLiteral("events"), QStringLiteral("Append machine-readable progress to FILE, one JSON object a line."), QStringLiteral("FILE")});
+    parser->addOption({QStringLiteral("plain"), QStringLiteral("Print plain lines, as is done where the output is no terminal.")});
+    parser->addOption({QStringLiteral("quiet"), QStringLiteral("Print nothing but errors.")});
+}
+
+// Null and *wrong set to the option that is wrong.
+std::optional<HostOptions> readOptions(const QCommandLineParser& parser, QString* wrong)
+{
+    HostOptions options;
+    double received = -1;
+    double timeout = -1;
+    double retry = 1;
+    double silence = 30;
+    double maxSize = -1;
+    struct
+    {
+        const char* name;
+        double min;
+        double* value;
+    } const numbers[] = {{"exit-when-received", 0, &received}, {"timeout", 0, &timeout}, {"retry-seconds", 0.001, &retry},
+                         {"silence-seconds", 3, &silence}, {"max-size", 0, &maxSize}};
+    for (const auto& number : numbers) {
+        if (!numberOption(parser, QString::fromLatin1(number.name), number.min, number.value)) {
+            *wrong = QStringLiteral("--%1 needs a number of at least %2").arg(QString::fromLatin1(number.name), QString::number(number.min));
+            return std::nullopt;
+        }
+    }
+    options.exitWhenSent = parser.isSet(QStringLiteral("exit-when-sent"));
+    options.exitWhenReceived = static_cast<int>(received);
+    options.timeoutMs = timeout < 0 ? -1 : static_cast<qint64>(timeout * 1000);
+    options.retryUnitMs = static_cast<qint64>(retry * 1000);
+    options.silenceMs = static_cast<int>(qMin(silence, 2e6) * 1000);
+    if (maxSize >= 0)
+        options.limits.maxMessageBytes = static_cast<qint64>(maxSize);
+    options.knownAbonentsOnly = parser.isSet(QStringLiteral("known-only"));
+    options.keepConnections = parser.isSet(QStringLiteral("keep-connected"));
+    options.placeCalls = !parser.isSet(QStringLiteral("no-calls"));
+    options.eventsPath = parser.value(QStringLiteral("events"));
+    return options;
+}
+
+} // namespace
+
+CommandLine::CommandLine(const QString& command, const QString& description) : m_command(command)
+{
+    parser.setApplicationDescription(description);
+    parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help.")});
+    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
+}
+
+std::optional<int> CommandLine::parse(const QStringList& arguments, CommandStreams& io, int minArguments, int maxArguments)
+{
+    if (!parser.parse(QStringList{QStringLiteral("transport-host ") + m_command} + arguments))
+        return usage(io, parser.errorText());
+    if (parser.isSet(QStringLiteral("help"))) {
+        // The parser writes the program's path, not the command.
+        QString text = parser.helpText();
+        const int options = text.indexOf(QStringLiteral(" [options]"));
+        if (options >= 0)
+            text.replace(0, options, QStringLiteral("Usage: transport-host ") + m_command);
+        io.out << text;
+        io.out.flush();
+        return static_cast<int>(HostEnd::Done);
+    }
+    const int count = parser.positionalArguments().size();
+    if (count < minArguments)
+        return usage(io, QStringLiteral("an argument is missing"));
+    if (maxArguments >= 0 && count > maxArguments)
+        return usage(io, QStringLiteral("there is an argument too many"));
+    return std::nullopt;
+}
+
+int CommandLine::usage(CommandStreams& io, const QString& text) const
+{
+    io.err << "transport-host: " << text << "\n\"transport-host " << m_command << " --help\" tells more" << Qt::endl;
+    return static_cast<int>(HostEnd::Usage);
+}
+
+int runHostCommand(const QStringList& arguments, CommandStreams& io)
+{
+    CommandLine line(QStringLiteral("run"), QStringLiteral("Serves the ports until it is stopped (Ctrl+C): answers calls, and calls those for whom messages wait."));
+    addOptions(&line.parser);
+    if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
+        return *status;
+    QString wrong;
+    const std::optional<HostOptions> options = readOptions(line.parser, &wrong);
+    if (!options)
+        return line.usage(io, wrong);
+
+    TransportHost host(*options);
+    const bool isTerminal = isatty(fileno(stdout)) != 0 && !line.parser.isSet(QStringLiteral("plain"));
+    TerminalView view(&host, line.parser.isSet(QStringLiteral("quiet")) ? ViewKind::Quiet : isTerminal ? ViewKind::Live : ViewKind::Plain);
+    messageView = &view;
+    qInstallMessageHandler(onQtMessage);
+    if (!catchSignals()) {
+        io.err << "transport-host: cannot catch signals" << Qt::endl;
+        return static_cast<int>(HostEnd::Failed);
+    }
+    QSocketNotifier notifier(signalPipe[0], QSocketNotifier::Read);
+    QObject::connect(&notifier, &QSocketNotifier::activated, &host, [&host, &notifier] {
+        notifier.setEnabled(false);
+        host.stop(HostEnd::Done);
+    });
+    HostEnd end = HostEnd::Done;
+    QObject::connect(&host, &TransportHost::ended, &host, [&end](HostEnd how) {
+        end = how;
+        QCoreApplication::quit();
+    });
+    const QString error = host.start(&end);
+    if (!error.isEmpty()) {
+        QCoreApplication::processEvents();
+        qInstallMessageHandler(nullptr);
+        io.err << "transport-host: " << error << Qt::endl;
+        return static_cast<int>(end);
+    }
+    QCoreApplication::exec();
+    // Journal records of the last moments.
+    QCoreApplication::processEvents();
+    qInstallMessageHandler(nullptr);
+    view.finish();
+    if (end == HostEnd::TimedOut)
+        io.err << "transport-host: the time ran out: " << host.queue().size() << " queued, " << host.receivedCount() << " received" << Qt::endl;
+    if (host.isStuck()) {
+        io.err << "transport-host: the channel's server did not stop in time" << Qt::endl;
+        std::_Exit(static_cast<int>(HostEnd::Failed));
+    }
+    return static_cast<int>(end);
+}
+
+} // namespace host

@@ -1,0 +1,84 @@
+// The session on a channel: the protocol that a port worker runs, and the factory that
+// makes it.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+
+#include <QElapsedTimer>
+#include <QTimer>
+
+#include "host/session.h"
+#include "plugin/cabstractprotocol.h"
+#include "plugin/cabstractprotocolfactory.h"
+
+namespace host {
+
+// What a session tells the host, in the port worker's thread.
+struct SessionReport
+{
+    enum class Kind { Begun, Event, Ended };
+
+    Kind kind = Kind::Event;
+    quint64 call = 0; // counts the sessions of the process
+    QString channelName;
+    QString peer; // empty until it is known
+    SessionEvent event;  // Event
+    bool endedWell = false; // Ended: by agreement of both sides
+    bool wasUseful = false;
+    QString reason;
+};
+
+// What all sessions of a host share. Read only once sessions run.
+struct SessionContext
+{
+    SessionSettings settings;
+    SessionStore* store = nullptr; // not owned
+    std::function<void(const SessionReport&)> report; // called from several threads at once
+    int maxBlockBytes = 1024; // what the link takes as one packet, together with its own bytes
+};
+
+class SessionProtocol : public CAbstractProtocol
+{
+    Q_OBJECT
+
+public:
+    SessionProtocol(CChannel* channel, std::shared_ptr<const SessionContext> context);
+    ~SessionProtocol() override;
+
+    // Called by the port worker.
+    void start() override;
+
+    // Any thread; the session ends soon after.
+    void stop() override;
+
+private:
+    void tick();
+    void readAll();
+    void writeAll();
+    void onEvent(const SessionEvent& event);
+    void report(SessionReport::Kind kind, const SessionEvent& event = {});
+    void end();
+
+    const std::shared_ptr<const SessionContext> m_context;
+    const quint64 m_call;
+    std::unique_ptr<Session> m_session;
+    QElapsedTimer m_clock;
+    QTimer m_timer;
+    std::atomic<bool> m_stopRequested{false}; // set from the server's thread
+    bool m_ended = false;
+};
+
+class SessionProtocolFactory : public CAbstractProtocolFactory
+{
+public:
+    explicit SessionProtocolFactory(std::shared_ptr<const SessionContext> context) : m_context(std::move(context)) {}
+
+    CAbstractProtocol* createProtocol(CChannel* channel) override { return new SessionProtocol(channel, m_context); }
+
+private:
+    const std::shared_ptr<const SessionContext> m_context;
+};
+
+} // namespace host

@@ -1,0 +1,174 @@
+// A running host: loads the plug-in, serves its channel, calls abonents for whom messages
+// wait, and keeps the books that the views show.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <tuple>
+
+#include <QElapsedTimer>
+#include <QHash>
+#include <QLockFile>
+#include <QObject>
+#include <QThread>
+#include <QTimer>
+
+#include "host/callscheduler.h"
+#include "host/channelstable.h"
+#include "host/eventlog.h"
+#include "host/hostjournal.h"
+#include "host/hostsettings.h"
+#include "host/messagestore.h"
+#include "host/pluginloader.h"
+#include "host/sessionprotocol.h"
+#include "plugin/cchannelserver.h"
+
+namespace host {
+
+struct HostOptions
+{
+    bool exitWhenSent = false;      // ends when nothing is left in the queue
+    int exitWhenReceived = -1;      // ends when so many messages were received; -1: does not matter
+    qint64 timeoutMs = -1;          // gives up after so long; -1: never
+    qint64 retryUnitMs = 1000;      // the unit in which the plug-in's rules count the pauses between calls
+    int silenceMs = 30000;          // a connection on which nothing comes for so long is dead
+    bool keepConnections = false;   // connections stay when nothing is left to send
+    bool knownAbonentsOnly = false; // others may not exchange messages
+    bool placeCalls = true;
+    InboxLimits limits;
+    QString eventsPath; // empty: none
+};
+
+// How a run ended; the program's exit status.
+enum class HostEnd {
+    Done = 0,     // stopped, or everything that was waited for is done
+    Failed = 1,   // could not run
+    Usage = 2,    // (of the command line)
+    TimedOut = 3, // the time ran out first
+    Busy = 4,     // another host serves this installation
+};
+
+// A file on its way, for the views.
+struct FileProgress
+{
+    bool outgoing = false;
+    QString peer;
+    QString channelName;
+    QString fileName;
+    qint64 size = 0;
+    qint64 done = 0;
+    qint64 resumedFrom = 0;
+    qint64 beganMs = 0;
+    qint64 changedMs = 0;
+    enum class State { Moving, Waiting, Whole, Failed } state = State::Moving; // Waiting: for the peer's word
+    QString text;
+};
+
+class TransportHost : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit TransportHost(const HostOptions& options);
+    ~TransportHost() override;
+
+    // Makes everything ready and starts the server; ended() follows later. An error text with
+    // *end set when it cannot run.
+    QString start(HostEnd* end);
+
+    // Asks the server to stop; ended() follows. A second call changes nothing.
+    void stop(HostEnd end);
+
+    [[nodiscard]] Identity identity() const { return m_identity; }
+    [[nodiscard]] QVector<ChannelRow> channels() const { return m_channels->rows(); }
+    [[nodiscard]] QVector<FileProgress> files() const;
+    [[nodiscard]] QVector<QueuedMessage> queue() const;
+    [[nodiscard]] int receivedCount() const { return m_receivedCount; }
+    [[nodiscard]] int deliveredCount() const { return m_deliveredCount; }
+    // The server's thread hangs: the object cannot be deleted, the process can only exit.
+    [[nodiscard]] bool isStuck() const { return m_isStuck; }
+    [[nodiscard]] qint64 nowMs() const { return m_clock.elapsed(); }
+
+    // The file that tells other programs about the running host.
+    [[nodiscard]] static QString stateFilePath();
+    [[nodiscard]] static QString lockFilePath();
+    [[nodiscard]] static QString journalPath();
+
+signals:
+    void ended(host::HostEnd end);
+    void journalRecord(const host::JournalRecord& record);
+    void stateChanged(const host::ChannelRow& row);
+    void fileChanged(const host::FileProgress& file);
+
+    // To the server, in its thread.
+    void connectRequested(const QString& abonentName, const QByteArray& abonentsData);
+    void keepAliveRequested(int connectionId);
+    void settingsChanged();
+
+private:
+    struct FileKey
+    {
+        quint64 call;
+        bool outgoing;
+        quint64 id;
+        bool operator<(const FileKey& other) const
+        {
+            return std::tie(call, outgoing, id) < std::tie(other.call, other.outgoing, other.id);
+        }
+    };
+
+    QString openStore();
+    QString loadSettings();
+    QString startServer();
+    void reloadSettings();
+    void onReport(const SessionReport& report);
+    void onSessionEvent(const SessionReport& report);
+    void onConnected(const QString& abonent, int connectionId);
+    void onNotConnected(const QString& abonent);
+    void onDisconnected(const QString& abonent, int connectionId, bool wasUseful);
+    void onServerFinished();
+    void poll();
+    void pollQueue();
+    void placeCalls();
+    void explainWaiting();
+    void checkEnd();
+    void writeState();
+    void journal(bool isError, const QString& text);
+    [[nodiscard]] std::optional<QString> whyWaiting(const QString& abonent) const;
+
+    const HostOptions m_options;
+    QElapsedTimer m_clock;
+    Identity m_identity;
+    QVector<Abonent> m_abonents;
+    std::unique_ptr<QLockFile> m_lock;
+    EventLog m_events;
+
+    // The host objects outlive the server, whose workers call them.
+    std::unique_ptr<HostJournal> m_journal;
+    std::unique_ptr<ChannelsTable> m_channels;
+    std::unique_ptr<MessageStore> m_store;
+    std::shared_ptr<SessionContext> m_context;
+    std::unique_ptr<LoadedPlugin> m_plugin;
+    std::unique_ptr<CallScheduler> m_scheduler;
+    QThread m_serverThread;
+    std::unique_ptr<CChannelServer> m_server;
+
+    QTimer m_pollTimer;
+    QTimer m_stopTimer;
+    std::map<FileKey, FileProgress> m_files;
+    QHash<quint64, qint64> m_callBeganMs;
+    QByteArray m_settingsStamp;
+    qint64 m_lastQueuePollMs = -1000000;
+    qint64 m_lastStateMs = -1000000;
+    qint64 m_deadlineMs = -1;
+    int m_receivedCount = 0;
+    int m_deliveredCount = 0;
+    int m_sessions = 0;
+    bool m_isStopping = false;
+    bool m_hasEnded = false;
+    bool m_isStuck = false;
+    HostEnd m_end = HostEnd::Done;
+};
+
+} // namespace host
