@@ -2,6 +2,8 @@
 // to requests that it cannot serve, starting, restarting and stopping.
 #include "tests/boundary/serverfixture.h"
 
+#include <atomic>
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QMetaMethod>
@@ -378,7 +380,7 @@ TEST_F(ServerAlone, StopFreesTheWorkersLogColumns)
     EXPECT_EQ(tabs[0].thread, QThread::currentThread());
     EXPECT_EQ(tabs[1].thread, nullptr);
     EXPECT_EQ(tabs[2].thread, nullptr);
-    int column = 0;
+    std::atomic<int> column{0};
     const std::unique_ptr<QThread> next(QThread::create([&] { column = currentTabLevel(); }));
     next->start();
     next->wait();
