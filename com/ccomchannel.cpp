@@ -203,6 +203,8 @@ void CComChannel::computeConfirmation(const CComPacket& packet)
             ++queued;
             continue;
         }
+        if (queued->sentTime != 0)
+            m_sendWindow.noteConfirmed(queued->number);
         m_channelsState->addSentBytes(m_channelIndex, queued->data.size());
         m_queuedBytes -= queued->data.size();
         queued = m_sendQueue.erase(queued);
@@ -236,16 +238,24 @@ void CComChannel::sendQueue()
     static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
     static const int resendIntervalMs = CSettings().detailsTransportComResendInterval();
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
-    linkrules::NewPacketGate gate(m_sendQueue);
+    const int newPacketsLimit = m_sendWindow.newPacketsLimit(m_sendQueue);
+    const quint8 oldest = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
+    quint8 previous = oldest;
+    int ahead = 0; // of the oldest; does not wrap, however long the queue
     for (CComPacket& packet : m_sendQueue) {
+        ahead += linkrules::stepsFrom(previous, packet.number);
+        previous = packet.number;
         const bool isRepeat = packet.sentTime != 0;
-        const bool mayGoOut = gate.opensFor(packet.number);
-        if (isRepeat ? !linkrules::isRepeatDue(nowMs, packet.sentTime, resendIntervalMs) : !mayGoOut)
+        if (isRepeat ? !linkrules::isRepeatDue(nowMs, packet.sentTime, resendIntervalMs) : ahead > newPacketsLimit)
             continue;
         if (!linkrules::hasRoom(maxBytesToWrite, m_port->bytesToWrite(), packet.bytes.size())) {
             waitForWritten(*m_port, isRepeat ? repeatRoomWaitMs : newPacketRoomWaitMs);
             return;
         }
+        if (isRepeat)
+            m_sendWindow.noteRepeated(packet.number, oldest);
+        else
+            m_sendWindow.noteSent(packet.number, oldest);
         packet.sentTime = nowMs;
         m_port->write(packet.bytes);
         waitForWritten(*m_port, writtenWaitMs);

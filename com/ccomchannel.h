@@ -8,6 +8,7 @@
 #include <QSet>
 
 #include "com/ccompacket.h"
+#include "com/sendwindow.h"
 #include "plugin/cchannel.h"
 
 class CAbstractChannelsState;
@@ -72,4 +73,5 @@ private:
     int m_queuedBytes = 0;         // payload bytes in the send queue
     QSet<quint8> m_toConfirm;      // received and not yet confirmed
     QElapsedTimer m_confirmationTimer; // since the last confirmation, at first since construction
+    SendWindow m_sendWindow;
 };

@@ -30,9 +30,6 @@ constexpr int confirmAtOnceCount = 61;
 // numbers past it, or stands still behind it by more than this many.
 constexpr int overtakenGrace = 8;
 
-// While the peer has a gap, no new packet is sent more than this far beyond it.
-constexpr int maxAheadOfGap = 60;
-
 // Whether a stands before b in the stream. The distance around the wrap is counted in
 // 255s, not 256s, and peers do the same.
 bool numberLessThen(quint8 a, quint8 b);
@@ -66,32 +63,6 @@ QString numbersText(const QByteArray& confirmationPayload);
 // Whether the peer has confirmed something beyond the oldest packet that it has not:
 // then numbers are missing within the queue.
 bool hasGap(const QList<CComPacket>& queue);
-
-// Walks the queue from its front and tells which of the packets never sent may go out.
-// The peer confirms and throws away what lies too far ahead of the number it expects,
-// and after a loss it expects less than it has; so while it has a gap, new packets stay
-// close behind the oldest unconfirmed one.
-class NewPacketGate
-{
-public:
-    explicit NewPacketGate(const QList<CComPacket>& queue)
-        : m_hasGap(hasGap(queue)), m_last(queue.isEmpty() ? 0 : queue.first().number)
-    {
-    }
-
-    // Call it for each packet of the queue in order.
-    bool opensFor(quint8 number)
-    {
-        m_ahead += stepsFrom(m_last, number);
-        m_last = number;
-        return !m_hasGap || m_ahead <= maxAheadOfGap;
-    }
-
-private:
-    bool m_hasGap;
-    quint8 m_last;
-    int m_ahead = 0; // of the oldest packet; does not wrap, however long the queue
-};
 
 // Drops held packets that the stream has passed by and that can do harm: they would
 // block those behind them, and come up as new data when their number comes round again.

@@ -563,6 +563,26 @@ TEST_F(ChannelTest, PacketsAlreadySentAreRepeatedBeyondTheGapLimit)
     EXPECT_EQ(writtenNumbers(), Numbers{1} + range(61, 100));
 }
 
+TEST_F(ChannelTest, NewPacketsWaitWhileThePeerMayExpectLessThanItHas)
+{
+    for (int i = 1; i <= 111; ++i)
+        m_channel.write("x");
+    read();
+    receive(confirmationWire(numberRange(2, 111)));
+    m_clock.advanceMs(2001);
+    for (int i = 112; i <= 125; ++i)
+        m_channel.write("x");
+    m_port.takeWritten();
+    read();
+    EXPECT_EQ(writtenNumbers(), Numbers{1});
+    // The peer has delivered 1 and may still expect 2: 122 would be too far ahead of that.
+    receive(confirmationWire(fromHex("01")));
+    EXPECT_EQ(writtenNumbers(), Numbers{112});
+    // 112 has arrived behind everything else, so the peer has moved on.
+    receive(confirmationWire(fromHex("70")));
+    EXPECT_EQ(writtenNumbers(), range(113, 125));
+}
+
 // Confirming
 
 TEST_F(ChannelTest, AConfirmationWaitsForMoreThanTheInterval)

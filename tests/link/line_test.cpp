@@ -3,6 +3,8 @@
 #include "tests/link/channelfixture.h"
 #include "tests/link/linesimulator.h"
 
+#include <set>
+
 using namespace linktest;
 
 namespace {
@@ -97,4 +99,46 @@ TEST_F(BadLine, CarriesFullPacketsToo)
     faults.damagedPercent = 5;
     faults.maxDelayMs = 50;
     expectDelivered(faults, {60000, 1024}, 3);
+}
+
+// One way only, in single bytes, over a line that loses the first sending of some packets.
+class LineThatLosesOnce : public testing::Test
+{
+protected:
+    // False if what arrives is wrong, or does not arrive.
+    bool isDelivered(std::set<int> lost, int length)
+    {
+        m_sender.port().setLine([&](const QByteArray& chunk) {
+            for (const CComPacket& packet : cutPackets(chunk)) {
+                if (packet.type != DataPacket || lost.erase(packet.number) == 0)
+                    m_receiver.port().inject(packet.bytes);
+            }
+        });
+        m_receiver.port().setLine([&](const QByteArray& chunk) { m_sender.port().inject(chunk); });
+        while (m_receiver.received() < length) {
+            m_sender.send(length, 1, m_clock.nowMs());
+            if (m_clock.nowMs() > limitMs || !m_sender.receive(receiverSeed) || !m_receiver.receive(senderSeed))
+                return false;
+        }
+        return lost.empty();
+    }
+
+    static constexpr unsigned senderSeed = 1;
+    static constexpr unsigned receiverSeed = 2;
+    testsupport::VirtualClock m_clock;
+    Party m_sender{senderSeed};
+    Party m_receiver{receiverSeed};
+};
+
+TEST_F(LineThatLosesOnce, DeliversBehindASingleLoss)
+{
+    EXPECT_TRUE(isDelivered({1}, 400));
+}
+
+TEST_F(LineThatLosesOnce, DeliversBehindAnOutageThatFollowsAFilledGap)
+{
+    std::set<int> lost{1};
+    for (int number = 112; number <= 121; ++number)
+        lost.insert(number);
+    EXPECT_TRUE(isDelivered(lost, 400));
 }

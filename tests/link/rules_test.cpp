@@ -171,36 +171,6 @@ TEST(HasGap, IsNotMisledByAQueueLongerThanTheNumbers)
     EXPECT_FALSE(hasGap(packetsOf(numbers)));
 }
 
-TEST(NewPacketGate, IsOpenWithoutAGap)
-{
-    QList<int> numbers;
-    for (int i = 1; i <= 112; ++i)
-        numbers.append(i);
-    NewPacketGate gate(packetsOf(numbers));
-    for (const int number : numbers)
-        EXPECT_TRUE(gate.opensFor(static_cast<quint8>(number))) << number;
-}
-
-TEST(NewPacketGate, ClosesMoreThan60BeyondTheOldestWithAGap)
-{
-    QList<int> numbers{200};
-    for (int i = 202; i <= 280; ++i)
-        numbers.append(i % 256);
-    NewPacketGate gate(packetsOf(numbers));
-    for (const int number : numbers)
-        EXPECT_EQ(gate.opensFor(static_cast<quint8>(number)), stepsFrom(200, static_cast<quint8>(number)) <= 60) << number;
-}
-
-TEST(NewPacketGate, StaysClosedForTheRestOfALongQueue)
-{
-    QList<int> numbers{0};
-    for (int i = 2; i <= 300; ++i)
-        numbers.append(i % 256);
-    NewPacketGate gate(packetsOf(numbers));
-    for (int i = 0; i < numbers.size(); ++i)
-        EXPECT_EQ(gate.opensFor(static_cast<quint8>(numbers[i])), i < 60) << i;
-}
-
 TEST(DropOvertaken, LeavesWhatIsExpectedOrAhead)
 {
     QList<CComPacket> held = packetsOf({5, 6, 120});

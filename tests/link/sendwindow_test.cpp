@@ -1,0 +1,114 @@
+// How far ahead new packets may be sent.
+#include <climits>
+
+#include <gtest/gtest.h>
+
+#include "com/sendwindow.h"
+
+namespace {
+
+QList<CComPacket> queueOf(const QList<int>& numbers)
+{
+    QList<CComPacket> queue;
+    for (const int number : numbers) {
+        CComPacket packet;
+        packet.number = static_cast<quint8>(number);
+        queue.append(packet);
+    }
+    return queue;
+}
+
+constexpr int unlimited = INT_MAX;
+
+} // namespace
+
+TEST(SendWindow, IsUnlimitedWithoutGapAndRepeats)
+{
+    SendWindow window;
+    EXPECT_EQ(window.newPacketsLimit({}), unlimited);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({254, 255, 0, 1})), unlimited);
+    for (int number = 1; number <= 100; ++number)
+        window.noteSent(static_cast<quint8>(number), 1);
+    window.noteConfirmed(1);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({2, 3, 4})), unlimited);
+}
+
+TEST(SendWindow, Ends60BeyondAGap)
+{
+    SendWindow window;
+    EXPECT_EQ(window.newPacketsLimit(queueOf({1, 3})), 60);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({254, 255, 1})), 60);
+}
+
+TEST(SendWindow, Ends111BeyondTheLeastThatThePeerMayExpectAfterARepeat)
+{
+    SendWindow window;
+    window.noteSent(1, 1);
+    window.noteRepeated(1, 1);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({1, 2, 3})), 111);
+    window.noteConfirmed(1);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({50, 51})), 62);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({112})), 0); // the oldest itself may go
+    EXPECT_EQ(window.newPacketsLimit(queueOf({120})), 0);
+    EXPECT_EQ(window.newPacketsLimit({}), unlimited);
+}
+
+TEST(SendWindow, IsTheSmallerOfBoth)
+{
+    SendWindow window;
+    window.noteRepeated(1, 1);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({1, 3})), 60);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({101, 103})), 11);
+}
+
+TEST(SendWindow, MovesOnWithWhatConfirmationsProve)
+{
+    SendWindow window;
+    for (int number = 1; number <= 40; ++number)
+        window.noteSent(static_cast<quint8>(number), static_cast<quint8>(number <= 20 ? 1 : 15));
+    window.noteRepeated(1, 1);
+    window.noteRepeated(20, 15);
+    window.noteConfirmed(10); // was sent when 1 was the oldest: proves nothing new
+    EXPECT_EQ(window.newPacketsLimit(queueOf({15, 16})), 97);
+    window.noteConfirmed(30); // was sent when all before 15 had arrived
+    EXPECT_EQ(window.newPacketsLimit(queueOf({15, 16})), 111);
+}
+
+TEST(SendWindow, IsUnlimitedAgainWhenAPacketSentBehindAllRepeatedOnesHasArrived)
+{
+    SendWindow window;
+    window.noteSent(1, 1);
+    window.noteRepeated(1, 1);
+    window.noteSent(2, 1);
+    window.noteConfirmed(1);
+    window.noteConfirmed(2);
+    EXPECT_NE(window.newPacketsLimit(queueOf({3})), unlimited);
+    window.noteSent(3, 3);
+    window.noteConfirmed(3);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({4})), unlimited);
+}
+
+TEST(SendWindow, CountsRepeatsOfLaterPacketsToo)
+{
+    SendWindow window;
+    window.noteSent(1, 1);
+    window.noteSent(5, 2);
+    window.noteRepeated(1, 1);
+    window.noteRepeated(4, 1);
+    window.noteRepeated(2, 1);
+    window.noteConfirmed(5); // behind 1, but not behind 4
+    EXPECT_NE(window.newPacketsLimit(queueOf({6})), unlimited);
+    window.noteSent(6, 6);
+    window.noteConfirmed(6);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({7})), unlimited);
+}
+
+TEST(SendWindow, GoesAroundTheWrap)
+{
+    SendWindow window;
+    window.noteRepeated(250, 250);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({4, 5})), 101);
+    window.noteSent(3, 255);
+    window.noteConfirmed(3);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({4, 5})), unlimited);
+}
