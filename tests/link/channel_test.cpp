@@ -788,6 +788,11 @@ struct KeyValue
     int inFileAfterwards;
 };
 
+void PrintTo(const KeyValue& row, std::ostream* stream)
+{
+    *stream << row.name << '=' << row.value;
+}
+
 class KeyRange : public ChannelTest, public testing::WithParamInterface<KeyValue>
 {
 };
