@@ -26,13 +26,23 @@ std::atomic<SettingsPointer*> gCSettingsSettings{nullptr};
 // Guards every SettingsPointer. Has no destructor, so that it serves to the end of the process.
 QBasicMutex settingsMutex;
 
+thread_local bool isOperating = false; // this thread holds the lock
+
 // What every operation holds, in this order: no cancellation, messages kept back until the
-// lock is free again (a message handler may read settings), the lock.
+// lock is free again (a message handler may read settings), the lock. Qt's own messages cannot
+// be kept back: an operation from a handler of one of these finds itself nested, without a lock
+// of its own, and must leave the store alone.
 struct Operation
 {
+    Operation() { isOperating = true; }
+    ~Operation() { isOperating = isNested; }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+
     CancelGuard cancelGuard;
     MessageHold messageHold;
-    QMutexLocker locker{&settingsMutex};
+    const bool isNested = isOperating;
+    QMutexLocker locker{isNested ? nullptr : &settingsMutex};
 };
 
 SettingsPointer* sharedSettings()
@@ -57,8 +67,9 @@ SettingsPointer::SettingsPointer(const QString& fileName)
 
 void SettingsPointer::sync()
 {
-    Operation operation;
-    syncLocked();
+    const Operation operation;
+    if (!operation.isNested)
+        syncLocked();
 }
 
 bool SettingsPointer::event(QEvent* event)
@@ -126,8 +137,9 @@ CSettings::~CSettings()
 
 void CSettings::write(const QString& key, const QVariant& value)
 {
-    Operation operation;
-    writeLocked(key, value);
+    const Operation operation;
+    if (!operation.isNested)
+        writeLocked(key, value);
 }
 
 void CSettings::writeLocked(const QString& key, const QVariant& value)
@@ -150,7 +162,9 @@ bool CSettings::boolean(Setting setting)
     const SettingKey& declared = settingKey(setting);
     const QString key = declared.key();
     const bool defaultValue = declared.defaultNumber != 0;
-    Operation operation;
+    const Operation operation;
+    if (operation.isNested)
+        return defaultValue;
     if (!m_settings->contains(key)) {
         writeLocked(key, defaultValue);
         return defaultValue;
@@ -162,7 +176,9 @@ int CSettings::integer(Setting setting)
 {
     const SettingKey& declared = settingKey(setting);
     const QString key = declared.key();
-    Operation operation;
+    const Operation operation;
+    if (operation.isNested)
+        return declared.defaultNumber;
     bool isInteger = false;
     // By the text: QVariant cuts a large number down to one that may lie in the range.
     const int value = m_settings->value(key).toString().toInt(&isInteger);
@@ -177,7 +193,9 @@ QString CSettings::text(Setting setting)
     const SettingKey& declared = settingKey(setting);
     const QString key = declared.key();
     const QString defaultValue = QString::fromLatin1(declared.defaultText);
-    Operation operation;
+    const Operation operation;
+    if (operation.isNested)
+        return defaultValue;
     if (!m_settings->contains(key)) {
         writeLocked(key, defaultValue);
         return defaultValue;

@@ -44,7 +44,8 @@ private:
 // destroying it brings what was written to the disk. A getter that finds its key missing or its
 // value unusable returns the default and writes it into the file, so that the file comes to
 // list every key that is consulted. Any thread; a thread that is terminated ends only between
-// operations. Nothing is written when the data directory of level 0 cannot be.
+// operations. Nothing is written when the data directory of level 0 cannot be. Used by a message
+// handler during one of this thread's own operations, getters return defaults.
 class CSettings
 {
 public:

@@ -5,6 +5,7 @@
 
 #include <QDebug>
 #include <QMutexLocker>
+#include <QScopedValueRollback>
 #include <QStringList>
 #include <QThread>
 
@@ -27,6 +28,8 @@ constexpr int tabWidth = 4;
 constexpr int moreWriteAttempts = 10;
 
 std::atomic<DebugData*> gDebugData{nullptr}; // never freed: the host may hold it
+
+thread_local bool isWriting = false; // this thread holds the record's mutex to write
 
 DebugData* currentRecord()
 {
@@ -211,6 +214,11 @@ DebugData* LoggerData::debugData()
 void debug(QString label, const QString& text, DebugLevel level, DebugFlag flag)
 {
     CancelGuard cancelGuard;
+    // Qt itself may warn about a file while the mutex is held, and the message handler log that.
+    if (isWriting) {
+        writeToStandardError(label + QLatin1Char(' ') + text);
+        return;
+    }
     DebugData& data = *currentRecord();
     if (!isSwitchedOn(level))
         return;
@@ -220,6 +228,7 @@ void debug(QString label, const QString& text, DebugLevel level, DebugFlag flag)
     // A message handler may log: nothing is sent to it before the mutex is free again.
     MessageHold messageHold;
     QMutexLocker locker(&data.mutex);
+    const QScopedValueRollback<bool> writing(isWriting, true);
     logWriter().write(parts);
 }
 

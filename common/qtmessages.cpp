@@ -3,21 +3,13 @@
 #include <cstdio>
 
 #include <QMessageLogger>
-#include <QScopedValueRollback>
 
 namespace {
 
 thread_local MessageHold* currentHold = nullptr; // not owned
-thread_local bool isSending = false;
 
 void sendNow(QtMsgType type, const QString& text)
 {
-    // A message handler that logs into a broken log would be sent the same trouble for ever.
-    if (isSending) {
-        std::fprintf(stderr, "%s\n", qPrintable(text));
-        return;
-    }
-    const QScopedValueRollback<bool> sending(isSending, true);
     const QMessageLogger logger(nullptr, 0, nullptr); // without a place, of the category "default"
     switch (type) {
     case QtDebugMsg:
@@ -59,4 +51,9 @@ void sendQtMessage(QtMsgType type, const QString& text)
         currentHold->m_messages.append({type, text});
     else
         sendNow(type, text);
+}
+
+void writeToStandardError(const QString& text)
+{
+    std::fprintf(stderr, "%s\n", qPrintable(text));
 }

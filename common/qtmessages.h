@@ -9,8 +9,8 @@
 // the code that has them. The program's message handler may itself log and read settings,
 // so no message may leave while a lock of this library is held: a MessageHold made before
 // the lock is taken collects the calling thread's messages and sends them when it is
-// destroyed, after the lock. Of nested holds only the outermost one collects. Troubles met
-// while the handler deals with such a message go to the standard error output instead.
+// destroyed, after the lock. Of nested holds only the outermost one collects. A handler that
+// logs into a broken log comes to an end, since Qt gives a handler no messages of its own making.
 class MessageHold
 {
 public:
@@ -33,7 +33,11 @@ private:
 // "default", or hands it to the calling thread's MessageHold.
 void sendQtMessage(QtMsgType type, const QString& text);
 
-// The same for items, formatted as the Qt debug stream formats them.
+// The way out where neither the log nor the Qt streams can take a text, since the calling thread is
+// in the middle of writing to them.
+void writeToStandardError(const QString& text);
+
+// The same as sendQtMessage() for items, formatted as the Qt debug stream formats them.
 template<typename... Items>
 void sendQtMessageItems(QtMsgType type, const Items&... items)
 {
