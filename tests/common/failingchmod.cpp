@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,6 +12,15 @@
 namespace {
 
 std::atomic<bool> refuses{false};
+std::function<void()> called;
+
+int refusal()
+{
+    if (called)
+        called();
+    errno = EPERM;
+    return -1;
+}
 
 } // namespace
 
@@ -19,33 +29,31 @@ extern "C" {
 
 __attribute__((visibility("default"))) int chmod(const char* path, mode_t mode) noexcept
 {
-    if (refuses) {
-        errno = EPERM;
-        return -1;
-    }
+    if (refuses)
+        return refusal();
     return static_cast<int>(syscall(SYS_fchmodat, AT_FDCWD, path, mode));
 }
 
 __attribute__((visibility("default"))) int fchmod(int file, mode_t mode) noexcept
 {
-    if (refuses) {
-        errno = EPERM;
-        return -1;
-    }
+    if (refuses)
+        return refusal();
     return static_cast<int>(syscall(SYS_fchmod, file, mode));
 }
 }
 
 namespace testsupport {
 
-FailingChmod::FailingChmod()
+FailingChmod::FailingChmod(std::function<void()> onCall)
 {
+    called = std::move(onCall);
     refuses = true;
 }
 
 FailingChmod::~FailingChmod()
 {
     refuses = false;
+    called = nullptr;
 }
 
 } // namespace testsupport

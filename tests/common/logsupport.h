@@ -21,6 +21,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "tests/common/printing.h"
 #include "tests/support/testroot.h"
 
 namespace logtest {
@@ -108,7 +109,14 @@ inline QString logDirPath(int level = 0)
     return rootPath(QStringLiteral("data/%1/log").arg(level));
 }
 
-inline QString logPath(const QDate& date = QDate::currentDate(), int level = 0)
+// The day on which this was first asked: what a test means by today.
+inline QDate firstDay()
+{
+    static const QDate day = QDate::currentDate();
+    return day;
+}
+
+inline QString logPath(const QDate& date = firstDay(), int level = 0)
 {
     return logDirPath(level) + QStringLiteral("/test_operator_") + date.toString(QStringLiteral("yyyy.MM.dd"))
            + QStringLiteral(".log");

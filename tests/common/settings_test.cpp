@@ -599,6 +599,30 @@ TEST(SettingsTroubles, AMessageHandlerMayReadSettings)
     EXPECT_GE(handled, 2);
 }
 
+TEST(SettingsTroubles, AHandlerOfQtsOwnMessagesGetsDefaults)
+{
+    MessageRecorder recorder;
+    std::atomic<int> handled{0};
+    recorder.setHandler([&](const Message& message) {
+        if (message.text == QStringLiteral("from within")) {
+            ++handled;
+            EXPECT_TRUE(CSettings().debugTransportConnects());
+            EXPECT_EQ(CSettings().detailsMaxWritingTime(), 5000);
+            EXPECT_EQ(CSettings().detailsTransportComControlSymbol(), QStringLiteral("\r"));
+            CSettings().write(QStringLiteral("Own/key"), 1);
+        }
+    });
+    {
+        const testsupport::FailingChmod failing([] { qWarning("from within"); });
+        EXPECT_FALSE(CSettings().debugAll());
+    }
+    EXPECT_GE(handled, 2);
+    EXPECT_EQ(settingsOnDisk().keys(), QStringList{QStringLiteral("Debug/all")});
+    // And all is as ever afterwards.
+    EXPECT_EQ(CSettings().detailsMaxWritingTime(), 5000);
+    EXPECT_EQ(settingsOnDisk().size(), 2);
+}
+
 TEST(SettingsTroubles, AMessageHandlerMayReadSettingsWhileTheStoreIsMade)
 {
     blockData();
