@@ -1,0 +1,481 @@
+// The program itself, over the socket plug-in: commands, exit codes, whole transfers,
+// breaks and kills.
+#include "host/names.h"
+#include "tests/host/sessionpair.h"
+#include "tests/host/storetools.h"
+#include "tests/support/deadline.h"
+
+#include <csignal>
+#include <cstdlib>
+
+#include <unistd.h>
+
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+
+#include <gtest/gtest.h>
+
+using namespace hosttest;
+using testsupport::waitFor;
+
+namespace {
+
+// Paths of local sockets must be short; the tests' roots are not.
+QString shortDir()
+{
+    static const QString dir = [] {
+        char pattern[] = "/tmp/hXXXXXX";
+        return QString::fromLatin1(mkdtemp(pattern));
+    }();
+    return dir;
+}
+
+struct Result
+{
+    int status = -1;
+    QString out;
+    QString err;
+};
+
+// One installation: <root>/<name>/bin/transport-host with its plug-ins.
+class Installation
+{
+public:
+    explicit Installation(const QString& folder, bool withPlugin = true)
+        : root(testsupport::installRoot() + QLatin1Char('/') + folder), socket(shortDir() + QLatin1Char('/') + folder)
+    {
+        QDir().mkpath(root + QStringLiteral("/bin/channelPlugins"));
+        const QString program = QStringLiteral(TRANSPORT_HOST);
+        if (link(QFile::encodeName(program).constData(), QFile::encodeName(root + QStringLiteral("/bin/transport-host")).constData()) != 0)
+            QFile::copy(program, root + QStringLiteral("/bin/transport-host"));
+        if (withPlugin)
+            QFile::link(QStringLiteral(TEST_PLUGINS_DIR "/libsocketplugin.so"), root + QStringLiteral("/bin/channelPlugins/libsocketplugin.so"));
+    }
+
+    ~Installation()
+    {
+        if (process && process->state() != QProcess::NotRunning) {
+            process->kill();
+            process->waitForFinished();
+        }
+        QFile::remove(socket);
+        QDir().rmdir(shortDir());
+    }
+
+    void setUp(const QString& name)
+    {
+        EXPECT_EQ(call({QStringLiteral("name"), name}).status, 0);
+        EXPECT_EQ(call({QStringLiteral("port"), QStringLiteral("add"), socket}).status, 0);
+    }
+    void knows(const QString& name, const Installation& other)
+    {
+        const Result result = call({QStringLiteral("abonent"), QStringLiteral("add"), name, QStringLiteral("--number"), other.socket});
+        EXPECT_EQ(result.status, 0) << qPrintable(result.err);
+    }
+
+    Result call(const QStringList& arguments) const
+    {
+        QProcess child;
+        child.start(program(), arguments);
+        child.waitForFinished(60000);
+        return {child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -1, QString::fromUtf8(child.readAllStandardOutput()),
+                QString::fromUtf8(child.readAllStandardError())};
+    }
+
+    void run(const QStringList& options = {}, const QStringList& environment = {})
+    {
+        process = std::make_unique<QProcess>();
+        process->setStandardOutputFile(root + QStringLiteral("/out.txt"), QIODevice::Append);
+        process->setStandardErrorFile(root + QStringLiteral("/err.txt"), QIODevice::Append);
+        process->setEnvironment(QProcess::systemEnvironment() + environment);
+        process->start(program(), QStringList{QStringLiteral("run"), QStringLiteral("--retry-seconds"), QStringLiteral("0.05"),
+                                              QStringLiteral("--events"), root + QStringLiteral("/events.txt")} + options);
+        EXPECT_TRUE(process->waitForStarted());
+    }
+
+    int waitForEnd()
+    {
+        EXPECT_TRUE(process->waitForFinished(60000)) << output().constData();
+        return process->exitStatus() == QProcess::NormalExit ? process->exitCode() : -1;
+    }
+    QByteArray output() const { return readAll(root + QStringLiteral("/out.txt")) + readAll(root + QStringLiteral("/err.txt")); }
+
+    QJsonObject status() const
+    {
+        return QJsonDocument::fromJson(call({QStringLiteral("status"), QStringLiteral("--json")}).out.toUtf8()).object();
+    }
+    QJsonArray inbox() const { return status()[QStringLiteral("inbox")].toArray(); }
+    QJsonArray queue() const { return status()[QStringLiteral("queue")].toArray(); }
+    QList<QJsonObject> events(const QString& kind) const
+    {
+        QList<QJsonObject> found;
+        for (const QByteArray& line : readAll(root + QStringLiteral("/events.txt")).split('\n')) {
+            const QJsonObject event = QJsonDocument::fromJson(line).object();
+            if (event[QStringLiteral("event")].toString() == kind)
+                found.append(event);
+        }
+        return found;
+    }
+    QString program() const { return root + QStringLiteral("/bin/transport-host"); }
+
+    const QString root;
+    const QString socket;
+    std::unique_ptr<QProcess> process;
+};
+
+class Program : public testing::Test
+{
+protected:
+    Program() { host::useUtf8Names(); }
+
+    QString file(const QString& name, const QByteArray& content) const
+    {
+        return writeFile(testsupport::installRoot() + QStringLiteral("/files/") + name, content);
+    }
+};
+
+// Two installations that know each other.
+class TwoPrograms : public Program
+{
+protected:
+    TwoPrograms() : alice(QStringLiteral("alice")), bob(QStringLiteral("bob"))
+    {
+        alice.setUp(QStringLiteral("Alice"));
+        bob.setUp(QStringLiteral("Боб"));
+        alice.knows(QStringLiteral("Боб"), bob);
+        bob.knows(QStringLiteral("Alice"), alice);
+    }
+
+    Installation alice;
+    Installation bob;
+};
+
+} // namespace
+
+// ---- commands ----
+
+TEST_F(Program, HelpOnEverything)
+{
+    const Installation installation(QStringLiteral("i"));
+    const Result help = installation.call({QStringLiteral("--help")});
+    EXPECT_EQ(help.status, 0);
+    for (const char* command : {"run", "send", "cancel", "status", "name", "port add", "port list", "port remove", "port packet-size",
+                                "abonent add", "abonent list", "abonent remove"}) {
+        EXPECT_TRUE(help.out.contains(QStringLiteral("\n  ") + QString::fromLatin1(command) + QLatin1Char(' '))) << command;
+        const Result one = installation.call(QString::fromLatin1(command).split(QLatin1Char(' ')) + QStringList{QStringLiteral("--help")});
+        EXPECT_EQ(one.status, 0) << command;
+        EXPECT_TRUE(one.out.startsWith(QStringLiteral("Usage: transport-host ") + QString::fromLatin1(command))) << qPrintable(one.out);
+    }
+    EXPECT_EQ(installation.call({QStringLiteral("--version")}).out, QStringLiteral("transport-host 1.0.0\n"));
+}
+
+TEST_F(Program, WrongUsageIsToldWithStatus2)
+{
+    const Installation installation(QStringLiteral("i"));
+    const QList<QStringList> wrong = {{}, {QStringLiteral("fly")}, {QStringLiteral("send"), QStringLiteral("Bob")}, {QStringLiteral("run"), QStringLiteral("--nonsense")},
+                                      {QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("soon")}, {QStringLiteral("run"), QStringLiteral("now")},
+                                      {QStringLiteral("name"), QStringLiteral("***")}, {QStringLiteral("name"), QStringLiteral("a"), QStringLiteral("b")},
+                                      {QStringLiteral("port"), QStringLiteral("add")}, {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("x"), QStringLiteral("--flow"), QStringLiteral("wild")},
+                                      {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("x"), QStringLiteral("--baud"), QStringLiteral("-3")},
+                                      {QStringLiteral("port"), QStringLiteral("packet-size"), QStringLiteral("10")},
+                                      {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob")}, {QStringLiteral("abonent")}};
+    for (const QStringList& arguments : wrong) {
+        const Result result = installation.call(arguments);
+        EXPECT_EQ(result.status, 2) << qPrintable(arguments.join(QLatin1Char(' ')));
+        EXPECT_FALSE(result.err.isEmpty());
+        EXPECT_TRUE(result.out.isEmpty());
+    }
+}
+
+TEST_F(Program, PortsAreDefinedListedChangedAndRemoved)
+{
+    const Installation installation(QStringLiteral("i"));
+    const auto port = [&](const QStringList& arguments) { return installation.call(QStringList{QStringLiteral("port")} + arguments); };
+    EXPECT_EQ(port({QStringLiteral("add"), QStringLiteral("ttyS0"), QStringLiteral("--baud"), QStringLiteral("9600"), QStringLiteral("--init"), QStringLiteral("ATZ\\r")}).status, 0);
+    // The bytes the plug-in reads.
+    EXPECT_EQ(readAll(installation.root + QStringLiteral("/settings/channelCom.conf")).toHex(),
+              QByteArray::fromHex("00000003 00000001 00000400 01 0000000A 00740074007900530030 0000000A 00410054005A005C0072"
+                                  "00002580 00000001 00000008 00000000 00000001").toHex());
+    EXPECT_EQ(port({QStringLiteral("add"), QStringLiteral("/dev/ttyUSB0"), QStringLiteral("--flow"), QStringLiteral("none"), QStringLiteral("--parity"), QStringLiteral("even"),
+                    QStringLiteral("--stop-bits"), QStringLiteral("2"), QStringLiteral("--data-bits"), QStringLiteral("7"), QStringLiteral("--disabled")}).status, 0);
+    EXPECT_EQ(port({QStringLiteral("packet-size"), QStringLiteral("512")}).status, 0);
+    EXPECT_EQ(port({QStringLiteral("list")}).out,
+              QStringLiteral("ttyS0  9600 baud, 8 data bits, parity none, stop bits 1, flow control hardware, init string 'ATZ\\r'\n"
+                             "/dev/ttyUSB0  115200 baud, 7 data bits, parity even, stop bits 2, flow control none, init string 'ATZ\\r', disabled\n"
+                             "packets of at most 512 bytes\n"));
+    EXPECT_EQ(port({QStringLiteral("add"), QStringLiteral("ttyS0")}).status, 0) << "changes it";
+    EXPECT_EQ(port({QStringLiteral("remove"), QStringLiteral("/dev/ttyUSB0")}).status, 0);
+    EXPECT_EQ(port({QStringLiteral("remove"), QStringLiteral("/dev/ttyUSB0")}).status, 1);
+    EXPECT_TRUE(port({QStringLiteral("list")}).out.startsWith(QStringLiteral("ttyS0  115200 baud")));
+}
+
+TEST_F(Program, AbonentsAreToldListedAndForgotten)
+{
+    const Installation installation(QStringLiteral("i"));
+    const auto abonent = [&](const QStringList& arguments) { return installation.call(QStringList{QStringLiteral("abonent")} + arguments); };
+    EXPECT_EQ(abonent({QStringLiteral("add"), QStringLiteral("Боб"), QStringLiteral("--number"), QStringLiteral("123")}).status, 0);
+    const Result noted = abonent({QStringLiteral("add"), QStringLiteral("Carol"), QStringLiteral("--number"), QStringLiteral("W9,5"), QStringLiteral("--port"), QStringLiteral("ttyS0"), QStringLiteral("--port"), QStringLiteral("ttyS1")});
+    EXPECT_EQ(noted.status, 0);
+    EXPECT_TRUE(noted.err.contains(QStringLiteral("no port ttyS0 is defined yet")));
+    EXPECT_EQ(abonent({QStringLiteral("add"), QStringLiteral("боб"), QStringLiteral("--number"), QStringLiteral("124")}).status, 0) << "the same one";
+    EXPECT_EQ(abonent({QStringLiteral("list")}).out, QStringLiteral("боб  124\nCarol  W9,5  through ttyS0, ttyS1\n"));
+    EXPECT_EQ(abonent({QStringLiteral("remove"), QStringLiteral("Carol")}).status, 0);
+    EXPECT_EQ(abonent({QStringLiteral("remove"), QStringLiteral("Carol")}).status, 1);
+}
+
+TEST_F(Program, NameIsSetAndShown)
+{
+    const Installation installation(QStringLiteral("i"));
+    EXPECT_EQ(installation.call({QStringLiteral("name")}).status, 1);
+    EXPECT_EQ(installation.call({QStringLiteral("name"), QStringLiteral("Отдел № 5")}).status, 0);
+    EXPECT_EQ(installation.call({QStringLiteral("name")}).out, QStringLiteral("Отдел № 5\n"));
+}
+
+TEST_F(Program, SendQueuesWhatItCanAndSaysWhatItCannot)
+{
+    const Installation installation(QStringLiteral("i"));
+    const QString good = file(QStringLiteral("Отчёт за май.txt"), "content");
+    const Result result = installation.call({QStringLiteral("send"), QStringLiteral("Bob"), QStringLiteral("/absent"), good});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, QStringLiteral("00000001  Отчёт за май.txt  7 B\n"));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("cannot read /absent: No such file or directory")));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("no number is known for 'Bob'")));
+    const Result status = installation.call({QStringLiteral("status")});
+    EXPECT_EQ(status.status, 0);
+    EXPECT_TRUE(status.out.contains(QStringLiteral("queue: 1\n  00000001  to Bob  Отчёт за май.txt  7 B  not tried yet\n"))) << qPrintable(status.out);
+    EXPECT_EQ(installation.call({QStringLiteral("cancel"), QStringLiteral("00000002")}).status, 1);
+    EXPECT_EQ(installation.call({QStringLiteral("cancel"), QStringLiteral("00000001")}).status, 0);
+    EXPECT_EQ(installation.queue().size(), 0);
+}
+
+TEST_F(Program, RunWithoutNameOrPlugin)
+{
+    {
+        const Installation installation(QStringLiteral("i"));
+        const Result result = installation.call({QStringLiteral("run")});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err, QStringLiteral("transport-host: this installation has no name yet: set it with \"transport-host name NAME\"\n"));
+    }
+    Installation bare(QStringLiteral("bare"), false);
+    bare.setUp(QStringLiteral("Bare"));
+    const Result result = bare.call({QStringLiteral("run")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(result.err.contains(QStringLiteral("there is no channel plug-in in %1/bin/channelPlugins").arg(bare.root))) << qPrintable(result.err);
+}
+
+// ---- a host at work ----
+
+TEST_F(TwoPrograms, FilesBothWaysInOneCall)
+{
+    const QByteArray big = randomBytes(300000, testsupport::seed());
+    const QString name = QStringLiteral("Отчёт \xF0\x9F\x93\xA0.bin");
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(name, big), file(QStringLiteral("empty"), QByteArray())});
+    bob.call({QStringLiteral("send"), QStringLiteral("Alice"), file(QStringLiteral("back"), "back")});
+    bob.run({QStringLiteral("--exit-when-received"), QStringLiteral("2"), QStringLiteral("--exit-when-sent"), QStringLiteral("--no-calls")});
+    alice.run({QStringLiteral("--exit-when-received"), QStringLiteral("1"), QStringLiteral("--exit-when-sent")});
+    EXPECT_EQ(alice.waitForEnd(), 0);
+    EXPECT_EQ(bob.waitForEnd(), 0);
+    const QJsonArray inbox = bob.inbox();
+    ASSERT_EQ(inbox.size(), 2);
+    EXPECT_EQ(inbox.at(0).toObject()[QStringLiteral("file")].toString(), name);
+    EXPECT_TRUE(readAll(inbox.at(0).toObject()[QStringLiteral("path")].toString()) == big);
+    EXPECT_EQ(inbox.at(1).toObject()[QStringLiteral("size")].toInt(), 0);
+    EXPECT_EQ(alice.inbox().size(), 1);
+    EXPECT_EQ(alice.queue().size(), 0);
+    EXPECT_EQ(bob.queue().size(), 0);
+    EXPECT_EQ(alice.events(QStringLiteral("callEnded")).size(), 1);
+    EXPECT_TRUE(alice.events(QStringLiteral("callEnded")).first()[QStringLiteral("well")].toBool());
+    EXPECT_EQ(alice.events(QStringLiteral("delivered")).size(), 2);
+    EXPECT_EQ(bob.events(QStringLiteral("stored")).size(), 2);
+    EXPECT_EQ(bob.events(QStringLiteral("stored")).first()[QStringLiteral("sha256")].toString(), QString::fromLatin1(sha256(big).toHex()));
+    // Plain lines: states, the journal, tenths of a file.
+    const QString output = QString::fromUtf8(bob.output());
+    EXPECT_TRUE(output.contains(QStringLiteral("Установлено соединение с 'Alice'"))) << qPrintable(output);
+    EXPECT_TRUE(output.contains(QStringLiteral("hash verified"))) << qPrintable(output);
+    EXPECT_TRUE(output.contains(QStringLiteral("] 100%"))) << qPrintable(output);
+    EXPECT_FALSE(output.contains(QLatin1Char('\x1B')));
+    // Host and plug-in write one log.
+    const QStringList logs = QDir(alice.root + QStringLiteral("/data/0/log")).entryList({QStringLiteral("*.log")});
+    ASSERT_EQ(logs.size(), 1);
+    EXPECT_TRUE(readAll(alice.root + QStringLiteral("/data/0/log/") + logs.first()).contains("log line of the plug-in"));
+}
+
+TEST_F(TwoPrograms, SendWhileItRunsGoesAtOnce)
+{
+    bob.run();
+    alice.run();
+    ASSERT_TRUE(waitFor([&] { return alice.output().contains("Свободен") && bob.output().contains("Свободен"); }));
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "now")});
+    ASSERT_TRUE(waitFor([&] { return !alice.events(QStringLiteral("delivered")).isEmpty(); }));
+    EXPECT_EQ(bob.inbox().size(), 1);
+    EXPECT_TRUE(bob.call({QStringLiteral("status")}).out.contains(QStringLiteral("host:  running, process ")));
+    alice.process->terminate();
+    EXPECT_EQ(alice.waitForEnd(), 0) << "stopped as asked";
+    ::kill(static_cast<pid_t>(bob.process->processId()), SIGINT);
+    EXPECT_EQ(bob.waitForEnd(), 0);
+    EXPECT_TRUE(bob.call({QStringLiteral("status")}).out.contains(QStringLiteral("host:  not running")));
+}
+
+TEST_F(TwoPrograms, BrokenCallsAreTakenUp)
+{
+    const QByteArray big = randomBytes(400000, testsupport::seed());
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("big"), big)});
+    bob.run({QStringLiteral("--exit-when-received"), QStringLiteral("1"), QStringLiteral("--no-calls")});
+    alice.run({QStringLiteral("--exit-when-sent")}, {QStringLiteral("SOCKETPLUGIN_CUT=150000:2")});
+    EXPECT_EQ(alice.waitForEnd(), 0);
+    EXPECT_EQ(bob.waitForEnd(), 0);
+    ASSERT_EQ(bob.inbox().size(), 1);
+    EXPECT_TRUE(readAll(bob.inbox().first().toObject()[QStringLiteral("path")].toString()) == big);
+    EXPECT_EQ(alice.events(QStringLiteral("callBegun")).size(), 3);
+    const QList<QJsonObject> begun = bob.events(QStringLiteral("fileBegun"));
+    ASSERT_EQ(begun.size(), 3);
+    EXPECT_EQ(begun.at(0)[QStringLiteral("bytes")].toInt(), 0);
+    EXPECT_GT(begun.at(1)[QStringLiteral("bytes")].toInt(), 100000);
+    EXPECT_GT(begun.at(2)[QStringLiteral("bytes")].toInt(), 220000);
+}
+
+TEST_F(TwoPrograms, FailedCallsAreRepeatedAndTheQueueSaysWhy)
+{
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
+    alice.run({QStringLiteral("--exit-when-sent")}, {QStringLiteral("SOCKETPLUGIN_BUSY=4")});
+    ASSERT_TRUE(waitFor([&] { return alice.events(QStringLiteral("notConnected")).size() >= 2; }));
+    EXPECT_TRUE(waitFor([&] {
+        const QJsonArray queue = alice.queue();
+        return queue.isEmpty() || queue.first().toObject()[QStringLiteral("reason")].toString().endsWith(QStringLiteral("in a row failed"));
+    }));
+    bob.run({QStringLiteral("--exit-when-received"), QStringLiteral("1")});
+    EXPECT_EQ(alice.waitForEnd(), 0);
+    EXPECT_EQ(bob.waitForEnd(), 0);
+    EXPECT_GE(alice.events(QStringLiteral("callPlaced")).size(), 5);
+}
+
+TEST_F(TwoPrograms, TimeRunsOut)
+{
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
+    alice.run({QStringLiteral("--exit-when-sent"), QStringLiteral("--timeout"), QStringLiteral("1")});
+    EXPECT_EQ(alice.waitForEnd(), 3);
+    EXPECT_EQ(alice.queue().size(), 1) << "it stays queued";
+    EXPECT_TRUE(alice.output().contains("the time ran out: 1 queued, 0 received"));
+    alice.run({QStringLiteral("--timeout"), QStringLiteral("0.2")});
+    EXPECT_EQ(alice.waitForEnd(), 0) << "nothing was waited for";
+}
+
+TEST_F(TwoPrograms, OneHostForEachInstallation)
+{
+    alice.run();
+    ASSERT_TRUE(waitFor([&] { return alice.output().contains("Свободен"); }));
+    const Result second = alice.call({QStringLiteral("run")});
+    EXPECT_EQ(second.status, 4);
+    EXPECT_TRUE(second.err.contains(QStringLiteral("another transport-host (process %1) serves this installation: stop it first").arg(alice.process->processId())))
+        << qPrintable(second.err);
+    // A killed host does not lock its successor out.
+    alice.process->kill();
+    alice.process->waitForFinished();
+    const Result third = alice.call({QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("0.1")});
+    EXPECT_EQ(third.status, 0) << qPrintable(third.err);
+}
+
+TEST_F(TwoPrograms, KnownAbonentsOnly)
+{
+    EXPECT_EQ(bob.call({QStringLiteral("abonent"), QStringLiteral("remove"), QStringLiteral("Alice")}).status, 0);
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
+    bob.run({QStringLiteral("--known-only")});
+    alice.run();
+    ASSERT_TRUE(waitFor([&] { return alice.output().contains("the other side ended the session: 'Alice' is not known here"); }));
+    EXPECT_EQ(bob.inbox().size(), 0);
+    EXPECT_EQ(alice.queue().size(), 1);
+}
+
+TEST_F(TwoPrograms, TooLargeIsRefusedStaysQueuedAndSaysWhy)
+{
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("large"), QByteArray(2000, 'x')), file(QStringLiteral("small"), "s")});
+    bob.run({QStringLiteral("--max-size"), QStringLiteral("1000")});
+    alice.run();
+    ASSERT_TRUE(waitFor([&] { return alice.events(QStringLiteral("delivered")).size() == 1 && !alice.events(QStringLiteral("failed")).isEmpty(); }));
+    EXPECT_TRUE(waitFor([&] {
+        return alice.queue().size() == 1 && alice.queue().first().toObject()[QStringLiteral("reason")].toString() ==
+                                                QStringLiteral("'Боб' refused it: it has 2000 bytes, more than the 1000 that are allowed here");
+    }));
+    EXPECT_EQ(bob.inbox().size(), 1);
+}
+
+TEST_F(TwoPrograms, KeptConnectionsCarryLaterMessages)
+{
+    bob.run();
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("one"), "1")});
+    alice.run({QStringLiteral("--keep-connected")});
+    ASSERT_TRUE(waitFor([&] { return alice.events(QStringLiteral("delivered")).size() == 1; }));
+    bob.call({QStringLiteral("send"), QStringLiteral("Alice"), file(QStringLiteral("two"), "2")});
+    ASSERT_TRUE(waitFor([&] { return alice.events(QStringLiteral("stored")).size() == 1; }));
+    EXPECT_EQ(alice.events(QStringLiteral("callBegun")).size(), 1);
+    EXPECT_EQ(bob.events(QStringLiteral("callBegun")).size(), 1);
+}
+
+TEST_F(TwoPrograms, PortsDefinedWhileItRunsComeUp)
+{
+    EXPECT_EQ(bob.call({QStringLiteral("port"), QStringLiteral("remove"), bob.socket}).status, 0);
+    bob.run();
+    ASSERT_TRUE(waitFor([&] { return bob.output().contains("Работает"); }));
+    EXPECT_TRUE(bob.output().contains("no port is defined"));
+    EXPECT_EQ(bob.call({QStringLiteral("port"), QStringLiteral("add"), bob.socket}).status, 0);
+    EXPECT_TRUE(waitFor([&] { return bob.output().contains("Свободен"); }));
+}
+
+TEST_F(TwoPrograms, AnAbonentToldOfWhileItRunsIsCalled)
+{
+    EXPECT_EQ(alice.call({QStringLiteral("abonent"), QStringLiteral("remove"), QStringLiteral("Боб")}).status, 0);
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
+    bob.run();
+    alice.run();
+    ASSERT_TRUE(waitFor([&] {
+        return alice.queue().size() == 1 && alice.queue().first().toObject()[QStringLiteral("reason")].toString().startsWith(QStringLiteral("no number is known for 'Боб'"));
+    }));
+    alice.knows(QStringLiteral("Боб"), bob);
+    EXPECT_TRUE(waitFor([&] { return alice.events(QStringLiteral("delivered")).size() == 1; }));
+}
+
+// Either side killed at random moments, again and again: everything arrives once and right.
+TEST_F(TwoPrograms, KilledAgainAndAgain)
+{
+    QMap<QString, QByteArray> sent;
+    QStringList arguments{QStringLiteral("send"), QStringLiteral("Боб")};
+    for (int i = 0; i < 8; ++i) {
+        const QString name = QStringLiteral("f%1").arg(i);
+        sent[name] = randomBytes(i * 20000, static_cast<unsigned>(i));
+        arguments << file(name, sent[name]);
+    }
+    ASSERT_EQ(alice.call(arguments).status, 0);
+    std::mt19937 random(testsupport::seed());
+    const QStringList slow{QStringLiteral("SOCKETPLUGIN_RATE=600000")};
+    bob.run({QStringLiteral("--no-calls")}, slow);
+    for (int round = 0; round < 8; ++round) {
+        alice.run({}, slow);
+        const int begun = alice.events(QStringLiteral("fileBegun")).size();
+        (void)waitFor([&] { return alice.events(QStringLiteral("fileBegun")).size() > begun || alice.queue().isEmpty(); });
+        const auto moment = std::chrono::steady_clock::now() + std::chrono::milliseconds(random() % 120);
+        while (std::chrono::steady_clock::now() < moment) {
+        }
+        Installation& victim = round % 2 ? alice : bob;
+        victim.process->kill();
+        victim.process->waitForFinished();
+        if (&victim == &bob)
+            bob.run({QStringLiteral("--no-calls")}, slow);
+        else
+            continue;
+        alice.process->kill();
+        alice.process->waitForFinished();
+    }
+    alice.run({QStringLiteral("--exit-when-sent")});
+    EXPECT_EQ(alice.waitForEnd(), 0);
+    bob.process->terminate();
+    EXPECT_EQ(bob.waitForEnd(), 0);
+    QMap<QString, QByteArray> received;
+    for (const QJsonValue& entry : bob.inbox()) {
+        const QString name = entry.toObject()[QStringLiteral("file")].toString();
+        EXPECT_FALSE(received.contains(name)) << qPrintable(name) << " came twice";
+        received[name] = readAll(entry.toObject()[QStringLiteral("path")].toString());
+    }
+    EXPECT_TRUE(received == sent);
+}

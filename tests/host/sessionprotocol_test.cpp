@@ -1,0 +1,202 @@
+#include "host/sessionprotocol.h"
+#include "tests/host/memorystore.h"
+#include "tests/host/pipechannel.h"
+#include "tests/host/sessionpair.h"
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
+
+#include <thread>
+
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+using namespace host;
+using namespace hosttest;
+using testsupport::waitFor;
+
+namespace {
+
+struct End
+{
+    explicit End(const QString& name, char id, int offered = 1024)
+    {
+        context = std::make_shared<SessionContext>();
+        context->settings.abonentName = name;
+        context->settings.installationId = QByteArray(16, id);
+        context->store = &store;
+        context->report = [this](const SessionReport& report) { reports.push_back(report); };
+        channel = new PipeChannel(offered); // owned by the protocol
+        protocol.reset(SessionProtocolFactory(context).createProtocol(channel));
+        protocol->channelName = QStringLiteral("line ") + name;
+        finished = std::make_unique<QSignalSpy>(protocol.get(), &CAbstractProtocol::finished);
+        named = std::make_unique<QSignalSpy>(protocol.get(), &CAbstractProtocol::remoteAbonentNameChanged);
+    }
+
+    int reportCount(SessionReport::Kind kind) const
+    {
+        int count = 0;
+        for (const SessionReport& report : reports)
+            count += report.kind == kind ? 1 : 0;
+        return count;
+    }
+
+    MemoryStore store;
+    std::shared_ptr<SessionContext> context;
+    std::vector<SessionReport> reports;
+    PipeChannel* channel;
+    std::unique_ptr<CAbstractProtocol> protocol;
+    std::unique_ptr<QSignalSpy> finished;
+    std::unique_ptr<QSignalSpy> named;
+};
+
+struct Line
+{
+    explicit Line(int offered = 1024) : a(QStringLiteral("Alice"), 'a', offered), b(QStringLiteral("Боб"), 'b', offered)
+    {
+        PipeChannel::join(a.channel, b.channel);
+    }
+
+    void start()
+    {
+        a.protocol->start();
+        b.protocol->start();
+    }
+    bool bothFinished() const { return a.finished->count() > 0 && b.finished->count() > 0; }
+
+    End a;
+    End b;
+};
+
+} // namespace
+
+TEST(SessionProtocol, ExchangesAndFinishes)
+{
+    Line line;
+    const QByteArray content = randomBytes(100000, testsupport::seed());
+    line.a.store.queue(QStringLiteral("f"), content);
+    line.b.store.queue(QStringLiteral("g"), "g");
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.a.finished->count() > 0; }));
+    EXPECT_EQ(line.b.finished->count(), 0) << "the side that agreed waits for the other to hang up";
+    line.a.protocol.reset();
+    ASSERT_TRUE(waitFor([&] { return line.b.finished->count() > 0; }));
+    ASSERT_EQ(line.b.store.inbox.size(), 1u);
+    EXPECT_TRUE(line.b.store.inbox[0].content == content);
+    EXPECT_EQ(line.a.store.inbox.size(), 1u);
+    EXPECT_TRUE(line.b.protocol->wasUseful);
+    EXPECT_EQ(line.a.finished->count(), 1);
+    EXPECT_EQ(line.b.finished->count(), 1);
+    ASSERT_EQ(line.b.named->count(), 1);
+    EXPECT_EQ(line.b.named->first().first().toString(), QStringLiteral("Alice"));
+    EXPECT_EQ(line.a.named->first().first().toString(), QStringLiteral("Боб"));
+    EXPECT_EQ(line.b.protocol->remoteAbonentName, QStringLiteral("Alice"));
+    EXPECT_EQ(line.b.protocol->remoteAbonentNameFiltered, QStringLiteral("alice"));
+    EXPECT_EQ(line.a.reportCount(SessionReport::Kind::Begun), 1);
+    EXPECT_EQ(line.a.reportCount(SessionReport::Kind::Ended), 1);
+    EXPECT_TRUE(line.a.reports.back().endedWell);
+    EXPECT_EQ(line.a.reports.back().channelName, QStringLiteral("line Alice"));
+}
+
+TEST(SessionProtocol, BlocksFillPacketsExactly)
+{
+    Line line(512);
+    line.a.store.queue(QStringLiteral("f"), randomBytes(100000, 1));
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.a.finished->count() > 0; }));
+    int full = 0;
+    for (const QByteArray& block : line.a.channel->written) {
+        EXPECT_LE(block.size(), 502);
+        full += block.size() == 502 ? 1 : 0;
+    }
+    EXPECT_GE(full, 190);
+}
+
+TEST(SessionProtocol, ABlockIsNoLargerThanWhatTheLinkTakesAtOnce)
+{
+    Line line(4096);
+    line.a.store.queue(QStringLiteral("f"), randomBytes(100000, 1));
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.a.finished->count() > 0; }));
+    for (const QByteArray& block : line.a.channel->written)
+        EXPECT_LE(block.size(), 1014) << "the link would cut the rest into a tiny packet";
+}
+
+TEST(SessionProtocol, TinyPacketsWork)
+{
+    Line line(11);
+    line.a.store.queue(QStringLiteral("f"), "some content");
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.a.finished->count() > 0; }));
+    EXPECT_EQ(line.b.store.inbox.size(), 1u);
+}
+
+TEST(SessionProtocol, AUselessSessionSaysSo)
+{
+    Line line;
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.a.finished->count() > 0; }));
+    EXPECT_FALSE(line.a.protocol->wasUseful);
+}
+
+TEST(SessionProtocol, LostCarrierEndsItAndWhatCameIsKept)
+{
+    Line line;
+    line.a.store.queue(QStringLiteral("f"), "content");
+    line.a.protocol->start();
+    line.b.protocol->start();
+    // A has its message out; B hangs in the air with everything unread.
+    ASSERT_TRUE(waitFor([&] { return !line.b.store.inbox.empty() || line.b.channel->incoming.size() > 100; }));
+    line.b.channel->isUp = false;
+    ASSERT_TRUE(waitFor([&] { return line.bothFinished(); }));
+    EXPECT_EQ(line.b.store.inbox.size(), 1u);
+}
+
+TEST(SessionProtocol, StopFromAnotherThread)
+{
+    Line line;
+    line.a.context->settings.closingMs = 50;
+    line.a.protocol->keepAlive = true;
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.a.named->count() > 0; }));
+    std::thread stopper([&] { line.a.protocol->stop(); });
+    stopper.join();
+    ASSERT_TRUE(waitFor([&] { return line.bothFinished(); }));
+    EXPECT_EQ(line.a.reports.back().reason, QStringLiteral("stopped"));
+    EXPECT_EQ(line.b.reports.back().reason, QStringLiteral("the other side ended the session: stopped"));
+}
+
+TEST(SessionProtocol, StopBeforeAnythingWasSaid)
+{
+    End alone(QStringLiteral("Alice"), 'a');
+    PipeChannel peer;
+    PipeChannel::join(alone.channel, &peer);
+    alone.protocol->start();
+    alone.protocol->stop();
+    EXPECT_TRUE(waitFor([&] { return alone.finished->count() > 0; }));
+    alone.protocol.reset();
+}
+
+TEST(SessionProtocol, KeepAliveKeeps)
+{
+    Line line;
+    line.b.protocol->keepAlive = true;
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.b.named->count() > 0; }));
+    // Long after a session with nothing to send would have ended.
+    const int reads = line.a.channel->reads;
+    ASSERT_TRUE(waitFor([&] { return line.a.channel->reads > reads + 60; }));
+    EXPECT_FALSE(line.a.finished->count() > 0 || line.b.finished->count() > 0);
+    __atomic_store_n(&line.b.protocol->keepAlive, false, __ATOMIC_RELAXED);
+    EXPECT_TRUE(waitFor([&] { return line.a.finished->count() > 0; }));
+}
+
+TEST(SessionProtocol, DeletedWhileItRuns)
+{
+    Line line;
+    line.a.store.queue(QStringLiteral("f"), randomBytes(1000000, 1));
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.a.named->count() > 0; }));
+    line.a.protocol.reset();
+    EXPECT_TRUE(line.a.store.hasUnclaimed(QString())) << "its messages are free again";
+}
