@@ -536,6 +536,16 @@ TEST(LogFile, PermissionsAreReadOnce)
     EXPECT_EQ(modeOf(logPath()), 0600);
 }
 
+TEST(LogFile, PermissionsMayShutOthersOut)
+{
+    qputenv("USER", "operator");
+    umask(0);
+    editSettings("[Permissions]\ndirPermissions=30544\nfilePermissions=26176\n"); // 0x7750, 0x6640
+    logText("text");
+    EXPECT_EQ(modeOf(logDirPath()), 0750);
+    EXPECT_EQ(modeOf(logPath()), 0640);
+}
+
 TEST(LogFile, PermissionsOutOfRangeAreNotUsed)
 {
     qputenv("USER", "operator");

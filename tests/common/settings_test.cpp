@@ -316,6 +316,26 @@ TEST(SettingsKeys, ConsultingEverythingListsEverything)
     EXPECT_EQ(settingsOnDisk().keys(), expectedKeys());
 }
 
+// The page for operators: a row for each key, with what this program does.
+TEST(SettingsKeys, AreDocumentedAsTheyAre)
+{
+    const QString page = QString::fromUtf8(contentOf(QStringLiteral(SETTINGS_PAGE)));
+    ASSERT_FALSE(page.isEmpty());
+    const auto name = [](const char* key) { return QLatin1Char('`') + keyText(key).section(QLatin1Char('/'), 1) + QLatin1Char('`'); };
+    for (const BoolKey& key : boolKeys)
+        EXPECT_TRUE(page.contains(QStringLiteral("| ") + name(key.key) + QStringLiteral(" | ") + boolText(key.defaultValue) + QStringLiteral(" |")))
+            << key.key;
+    for (const IntKey& key : intKeys) {
+        const QString range = key.minimum == lowest ? QStringLiteral("any") : QStringLiteral("%1 to %2").arg(key.minimum).arg(key.maximum);
+        const QStringList row = page.section(QStringLiteral("\n| ") + name(key.key) + QStringLiteral(" | "), 1).section(QLatin1Char('\n'), 0, 0).split(QStringLiteral(" | "));
+        ASSERT_GE(row.size(), 4) << key.key;
+        EXPECT_TRUE(row.at(0).startsWith(QStringLiteral("int"))) << key.key;
+        EXPECT_EQ(row.at(1).section(QLatin1Char(' '), 0, 0), QString::number(key.defaultValue)) << key.key;
+        EXPECT_TRUE(row.at(2).startsWith(range)) << key.key;
+    }
+    EXPECT_TRUE(page.contains(QStringLiteral("| `transportComControlSymbol` | text | `\\r` ")));
+}
+
 // --- The file -------------------------------------------------------------------------------
 
 TEST(SettingsFile, NothingIsMadeWhileNothingIsConsulted)
