@@ -1,5 +1,7 @@
-# What is installed, in two components:
+# What is installed, in three components:
 #   runtime      bin/channelPlugins/: the plug-in, where hosts in bin/ look for it
+#   programs     the reference host, the telephone exchange, and the library that gives
+#                its ptys modem lines in a program that preloads it
 #   development  headers, the two static libraries that hosts share with the plug-in, and
 #                the CMake package transportCom (find_package(transportCom))
 
@@ -10,6 +12,14 @@ install(TARGETS transportCom
         DESTINATION ${CMAKE_INSTALL_BINDIR}/channelPlugins
         COMPONENT runtime
         NAMELINK_SKIP)
+
+install(TARGETS transport-host phone-exchange ptylines-preload
+    RUNTIME
+        DESTINATION ${CMAKE_INSTALL_BINDIR}
+        COMPONENT programs
+    LIBRARY
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        COMPONENT programs)
 
 install(TARGETS channelapi common
     EXPORT transportComTargets

@@ -45,10 +45,9 @@ Outcome runCMake(const QStringList& arguments)
     return runProgram(QStringLiteral(BUILD_CMAKE), arguments);
 }
 
-QStringList filesBelow(const QString& directory)
+QStringList filesIn(const QString& directory)
 {
-    QStringList found = QDir(directory).entryList(QDir::Files, QDir::Name);
-    return found;
+    return QDir(directory).entryList(QDir::Files, QDir::Name);
 }
 
 class InstalledHost : public testing::Test
@@ -71,11 +70,24 @@ protected:
 TEST_F(InstalledHost, RuntimeIsTheLibraryAlone)
 {
     ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("runtime")));
-    EXPECT_EQ(filesBelow(prefix + QStringLiteral("/bin/channelPlugins")),
+    EXPECT_EQ(filesIn(prefix + QStringLiteral("/bin/channelPlugins")),
               (QStringList{QStringLiteral("libtransportCom.so.1"), QStringLiteral("libtransportCom.so.1.0.0")}));
     EXPECT_EQ(QFile::symLinkTarget(prefix + QStringLiteral("/bin/channelPlugins/libtransportCom.so.1")),
               prefix + QStringLiteral("/bin/channelPlugins/libtransportCom.so.1.0.0"));
     EXPECT_EQ(QDir(prefix).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList{QStringLiteral("bin")});
+}
+
+TEST_F(InstalledHost, ProgramsRunWhereTheyAreInstalled)
+{
+    ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("programs")));
+    EXPECT_EQ(filesIn(prefix + QStringLiteral("/bin")),
+              (QStringList{QStringLiteral("phone-exchange"), QStringLiteral("transport-host")}));
+    EXPECT_FALSE(QDir(prefix).entryList({QStringLiteral("lib*")}, QDir::Dirs).isEmpty());
+    for (const QString& program : filesIn(prefix + QStringLiteral("/bin"))) {
+        const Outcome help = runProgram(prefix + QStringLiteral("/bin/") + program, {QStringLiteral("--help")});
+        EXPECT_EQ(help.exitCode, 0) << help.output.toStdString();
+        EXPECT_TRUE(help.output.contains(program)) << help.output.toStdString();
+    }
 }
 
 TEST_F(InstalledHost, DevelopmentHasEveryHeaderOfBothRooms)
@@ -85,7 +97,7 @@ TEST_F(InstalledHost, DevelopmentHasEveryHeaderOfBothRooms)
         QStringList headers = QDir(QStringLiteral(SOURCE_DIR "/") + room)
                                   .entryList({QStringLiteral("*.h")}, QDir::Files, QDir::Name);
         headers.removeOne(QStringLiteral("ccomplugin.h")); // the plug-in's own
-        EXPECT_EQ(filesBelow(prefix + QStringLiteral("/include/transportCom/") + room), headers);
+        EXPECT_EQ(filesIn(prefix + QStringLiteral("/include/transportCom/") + room), headers);
         EXPECT_FALSE(headers.isEmpty());
     }
 }
