@@ -424,6 +424,12 @@ TEST_F(ChannelTest, HeldPacketsMoveOnWithTheNextOneAhead)
     EXPECT_EQ(receiveNumbers({4}), fromHex("0304"));
 }
 
+TEST_F(ChannelTest, ADuplicateOfAHeldPacketReleasesTheHeldOnesToo)
+{
+    EXPECT_EQ(receiveNumbers({3, 2, 1}), fromHex("01"));
+    EXPECT_EQ(receiveNumbers({3}), fromHex("0203"));
+}
+
 TEST_F(ChannelTest, HeldPacketsAreSorted)
 {
     EXPECT_EQ(receiveNumbers({5, 3, 4, 2, 1}), fromHex("01"));
@@ -649,7 +655,7 @@ TEST_F(ChannelTest, AConfirmationListsItsNumbersPlainlyAscending)
 {
     m_clock.advanceMs(600);
     receiveNumbers({255, 3});
-    EXPECT_TRUE(sameBytes(m_port.takeWritten(), fromHex("7c0100020077970 3ffe40f6779")));
+    EXPECT_TRUE(sameBytes(m_port.takeWritten(), fromHex("7c0100020077970" "3ffe40f6779")));
 }
 
 TEST_F(ChannelTest, NothingToConfirmSendsNothing)
