@@ -1,14 +1,12 @@
 #include "com/ccomthread.h"
 
-#include <sys/stat.h>
-
 #include <QElapsedTimer>
-#include <QFile>
 #include <QMutexLocker>
 
 #include "com/ccomchannel.h"
 #include "com/ccomserver.h"
 #include "com/modemdialogue.h"
+#include "com/modemport.h"
 #include "com/noanswerpause.h"
 #include "com/portwait.h"
 #include "common/csettings.h"
@@ -57,50 +55,10 @@ private:
     int m_index;
 };
 
-// The first is no error; the time-outs and the lost device come in every pass of an idle
-// or an unplugged port and show themselves by silence and by the lines.
-bool isIgnored(QSerialPort::SerialPortError code)
-{
-    return code == QSerialPort::NoError || code == QSerialPort::DeviceNotFoundError
-        || code == QSerialPort::ResourceError || code == QSerialPort::TimeoutError;
-}
-
-unsigned errorBit(QSerialPort::SerialPortError code)
-{
-    return 1u << (static_cast<unsigned>(code) % 32u);
-}
-
 // An invalid QElapsedTimer counts as expired for Qt, but not here.
 bool runsLongerThan(const QElapsedTimer& timer, int timeoutMs)
 {
     return timer.isValid() && timer.elapsed() > timeoutMs;
-}
-
-QSerialPort::PinoutSignals modemLines(QSerialPort& port)
-{
-    // A closed port would raise an error.
-    return port.isOpen() ? port.pinoutSignals() : QSerialPort::PinoutSignals(QSerialPort::NoSignal);
-}
-
-// Where QSerialPort looks for a port of this name.
-QString deviceFilePath(const QString& portName)
-{
-    const bool isPath = portName.startsWith(QLatin1Char('/')) || portName.startsWith(QLatin1String("./"))
-        || portName.startsWith(QLatin1String("../"));
-    return isPath ? portName : QStringLiteral("/dev/") + portName;
-}
-
-// Whether the port's device file is gone, or is another device by now: one that came back
-// while its link stayed the same.
-bool deviceHasVanished(const QSerialPort& port, const QString& portName)
-{
-    struct stat opened {};
-    struct stat named {};
-    if (::fstat(port.handle(), &opened) != 0)
-        return false;
-    if (::stat(QFile::encodeName(deviceFilePath(portName)).constData(), &named) != 0)
-        return true;
-    return opened.st_dev != named.st_dev || opened.st_ino != named.st_ino || opened.st_rdev != named.st_rdev;
 }
 
 void log(const QString& text, DebugLevel level)
@@ -199,8 +157,7 @@ void CComThread::run()
     hangUpOnExit(session);
     // From here on destructors do input and output; being cancelled in one would abort the host.
     setTerminationEnabled(false);
-    if (port.isOpen())
-        shutPort(port);
+    shutPort(port);
 }
 
 // --- the states -------------------------------------------------------------------------
@@ -476,9 +433,7 @@ void CComThread::reopenClosedPort(PortSession& session)
     setStatus(QStringLiteral("Открытие COM порта"));
     QMutexLocker locker(&m_mutex);
     m_state = PortClosed;
-    // Whatever reset was still to come has been made.
-    ++m_opening;
-    m_awaitedErrors = 0;
+    m_errors.portClosed();
 }
 
 void CComThread::resetOnCarrier(PortSession& session)
@@ -615,43 +570,30 @@ void CComThread::remoteAbonentNameChanged(QString name)
 
 // --- errors of the port -----------------------------------------------------------------
 
-// Runs in the worker's thread, within the port's own call: what the error is about is
-// noted here, since by the time the server's thread learns of it the port tells another.
+// Runs in the worker's thread, within the port's own call.
 void CComThread::portErrorOccurred(const QSerialPort& port, QSerialPort::SerialPortError code)
 {
-    if (isIgnored(code) || (m_awaitedErrors & errorBit(code)) != 0)
-        return;
     const int stateNow = state();
-    // A port that has lost its device raises the same error hundreds of thousands of
-    // times a second; one is enough until the reset that it asks for has been made.
-    if (stateNow != PortClosed)
-        m_awaitedErrors |= errorBit(code);
-    {
-        QMutexLocker locker(&m_errorsMutex);
-        m_errors.append({code, port.errorString(), stateNow, m_opening});
-    }
-    QMetaObject::invokeMethod(this, [this, code] { comPortError(code); }, Qt::QueuedConnection);
+    if (m_errors.note(code, port, stateNow, stateNow != PortClosed))
+        QMetaObject::invokeMethod(this, [this, code] { comPortError(code); }, Qt::QueuedConnection);
 }
 
-CComThread::PortError CComThread::takeError(QSerialPort::SerialPortError code)
+// The error as it was noted when it was raised; of one that came another way, what can
+// still be learnt.
+PortError CComThread::noted(QSerialPort::SerialPortError code)
 {
-    {
-        QMutexLocker locker(&m_errorsMutex);
-        for (int i = 0; i < m_errors.size(); ++i) {
-            if (m_errors.at(i).code == code)
-                return m_errors.takeAt(i);
-        }
-    }
+    if (const std::optional<PortError> error = m_errors.take(code))
+        return *error;
     const auto* const port = qobject_cast<QSerialPort*>(sender());
-    return {code, port ? port->errorString() : QString(), state(), m_opening};
+    return {code, port ? port->errorString() : QString(), state(), m_errors.opening()};
 }
 
 void CComThread::comPortError(QSerialPort::SerialPortError error)
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
-    if (isIgnored(error))
+    if (PortErrors::isIgnored(error))
         return;
-    const PortError raised = takeError(error);
+    const PortError raised = noted(error);
     const QString text = QStringLiteral("COM port error: %1").arg(static_cast<int>(error))
         + QStringLiteral(". %1").arg(raised.text);
     log(text, DebugTransportComPortError);
@@ -660,7 +602,7 @@ void CComThread::comPortError(QSerialPort::SerialPortError error)
     QMutexLocker locker(&m_mutex);
     // A parameter that the port refuses while it is being opened must not send it round
     // for ever, nor an error whose port has been opened anew since.
-    if (raised.state == PortClosed || raised.opening != m_opening)
+    if (raised.state == PortClosed || !m_errors.isOfThisOpening(raised))
         return;
     if (m_protocol)
         m_protocol->stop();
@@ -688,13 +630,6 @@ void CComThread::hangUpOnExit(PortSession& session)
     writeCommand(port, exitHangUpCommand(), hangUpWriteWaitMs);
     pause(100);
     port.readAll();
-}
-
-void CComThread::shutPort(QSerialPort& port)
-{
-    port.setDataTerminalReady(false);
-    port.clear(QSerialPort::AllDirections);
-    port.close();
 }
 
 // --- small tools ------------------------------------------------------------------------

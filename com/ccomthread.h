@@ -4,13 +4,13 @@
 
 #include <atomic>
 
-#include <QList>
 #include <QMutex>
 #include <QSerialPort>
 #include <QString>
 #include <QThread>
 
 #include "com/comsettings.h"
+#include "com/porterrors.h"
 
 class CAbstractProtocol;
 class CComServer;
@@ -85,14 +85,6 @@ private slots:
     void remoteAbonentNameChanged(QString name);
 
 private:
-    // A port error as it was when it was raised.
-    struct PortError {
-        QSerialPort::SerialPortError code;
-        QString text;
-        int state;   // a port that is being opened is not reset
-        int opening; // which opening of the port raised it
-    };
-
     enum class SessionStart {
         Running,
         Refused,   // the host made no protocol
@@ -126,10 +118,9 @@ private:
     void reportConnectionEnd(const QString& calledName);
     void deleteProtocol();
     void hangUpOnExit(PortSession& session);
-    void shutPort(QSerialPort& port);
 
     void portErrorOccurred(const QSerialPort& port, QSerialPort::SerialPortError code);
-    PortError takeError(QSerialPort::SerialPortError code);
+    PortError noted(QSerialPort::SerialPortError code);
 
     bool moveState(State from, State to);
     bool stopRequested() const { return m_stopRequested.load(); }
@@ -161,10 +152,7 @@ private:
     // and no other lock is taken while it is held.
     mutable QMutex m_lifeMutex;
 
-    QMutex m_errorsMutex; // a leaf; guards m_errors
-    QList<PortError> m_errors; // on their way to comPortError()
-    unsigned m_awaitedErrors = 0; // codes (as bits) whose reset is still to come; the worker's thread only
-    std::atomic<int> m_opening{0}; // counts the openings of the port
+    PortErrors m_errors; // on their way to comPortError()
 
     std::atomic<bool> m_sessionFinished{false}; // the current protocol has emitted finished()
 

@@ -253,6 +253,29 @@ TEST_F(WorkerFault, StopWithCarrierDoesNotHangUp)
     EXPECT_EQ(modem.written(), QByteArray());
 }
 
+// A host that terminates a worker stuck in one of its own calls, with the worker's lock held.
+TEST_F(WorkerFault, TerminatedWorkerLeavesNothingBehind)
+{
+    std::atomic<bool> isStuck{false};
+    journal.onRecord = [&isStuck](const QString& text) {
+        while (text == QStringLiteral("Входящий вызов. Запись команды: ATA")) {
+            isStuck = true;
+            QThread::msleep(5);
+        }
+    };
+    startFree();
+    modem.reply("RING\r\n");
+    ASSERT_TRUE(waitFor([&] { return isStuck.load(); }));
+    worker->terminate();
+    ASSERT_TRUE(worker->wait(10000));
+    EXPECT_EQ(events().count(QStringLiteral("remove")), 1);
+    // The lock is free again, and so is the port.
+    worker->stop();
+    QSerialPort port;
+    port.setPortName(modem.portPath());
+    EXPECT_TRUE(port.open(QIODevice::ReadWrite)) << port.errorString().toStdString();
+}
+
 // --- unplugged devices ------------------------------------------------------------------
 
 class UnplugAt : public AtMoment
