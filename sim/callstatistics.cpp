@@ -16,7 +16,8 @@ QString seconds(qint64 ns)
 
 QString directionText(const char* name, int rate, const DirectionStatistics& direction, qint64 connectedNs)
 {
-    const double share = connectedNs > 0 ? 100.0 * static_cast<double>(direction.busyNs) / static_cast<double>(connectedNs) : 0;
+    const double share =
+        connectedNs > 0 ? 100.0 * static_cast<double>(direction.busyNs) / static_cast<double>(connectedNs) : 0;
     return QString::asprintf("  %s at %d bit/s: %lld bytes carried, %lld delivered, %lld lost, "
                              "busy %.3f s (%.1f %%), %lld bits flipped in %lld bytes",
                              name, rate, direction.bytesCarried, direction.bytesDelivered, direction.bytesLost,
@@ -41,13 +42,15 @@ QJsonObject directionJson(int rate, const DirectionStatistics& direction)
 
 QString CallStatistics::toText() const
 {
-    const QString to = called > 0 ? QStringLiteral("modem%1 (%2)").arg(called).arg(number) : QStringLiteral("'%1'").arg(number);
+    const QString to =
+        called > 0 ? QStringLiteral("modem%1 (%2)").arg(called).arg(number) : QStringLiteral("'%1'").arg(number);
     const QString head = QStringLiteral("call %1: modem%2 -> %3").arg(call).arg(caller).arg(to);
     if (!connected)
         return head + QStringLiteral(", not connected after %1 s: %2").arg(seconds(waitedNs), end);
-    return head + QStringLiteral(", connected after %1 s for %2 s: %3").arg(seconds(waitedNs), seconds(connectedNs), end)
-        + QLatin1Char('\n') + directionText("forward ", line.rateForward, forward, connectedNs) + QLatin1Char('\n')
-        + directionText("backward", line.rateBackward, backward, connectedNs);
+    return head +
+           QStringLiteral(", connected after %1 s for %2 s: %3").arg(seconds(waitedNs), seconds(connectedNs), end) +
+           QLatin1Char('\n') + directionText("forward ", line.rateForward, forward, connectedNs) + QLatin1Char('\n') +
+           directionText("backward", line.rateBackward, backward, connectedNs);
 }
 
 QJsonObject CallStatistics::toJson() const

@@ -10,12 +10,12 @@
 namespace sim {
 
 struct CallStatistics {
-    int call = 0;       // counted from 1
-    int caller = 0;     // modem, counted from 1
-    int called = 0;     // modem; 0: nobody has that number
-    QString number;     // as dialled
+    int call = 0;   // counted from 1
+    int caller = 0; // modem, counted from 1
+    int called = 0; // modem; 0: nobody has that number
+    QString number; // as dialled
     bool connected = false;
-    QString end;        // why it ended, as "modem1 hung up" or "busy"
+    QString end;            // why it ended, as "modem1 hung up" or "busy"
     qint64 startedNs = 0;   // since the exchange was started
     qint64 waitedNs = 0;    // from dialling to the connection, or to the end
     qint64 connectedNs = 0; // how long carrier stood

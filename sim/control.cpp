@@ -59,9 +59,12 @@ QString faultsText(const ModemStatus& status)
     const struct {
         bool on;
         const char* name;
-    } faults[] = {{!status.plugged, "unplugged"},         {!status.powered, "without power"},
-                  {status.faults.silent, "silent"},       {status.faults.busy, "busy"},
-                  {status.faults.noDialTone, "no dial tone"}, {status.faults.noAnswer, "no answer"},
+    } faults[] = {{!status.plugged, "unplugged"},
+                  {!status.powered, "without power"},
+                  {status.faults.silent, "silent"},
+                  {status.faults.busy, "busy"},
+                  {status.faults.noDialTone, "no dial tone"},
+                  {status.faults.noAnswer, "no answer"},
                   {status.faults.noNoise, "no noise"}};
     for (const auto& fault : faults) {
         if (fault.on)

@@ -63,8 +63,8 @@ bool ControlServer::listen(const QString& path, QString* error)
     }
     QFile::remove(path);
     m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (m_listener < 0 || bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0
-        || ::listen(m_listener, 16) != 0) {
+    if (m_listener < 0 || bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::listen(m_listener, 16) != 0) {
         *error = QStringLiteral("cannot listen on the control socket %1: %2")
                      .arg(path, QString::fromLocal8Bit(strerror(errno)));
         if (m_listener >= 0)
@@ -145,7 +145,8 @@ void ControlServer::answer(const Peer& peer, const QStringList& lines)
     for (const QString& line : lines)
         text += line.toUtf8() + '\n';
     // Answers are far smaller than a socket's buffer; a peer that takes none loses them.
-    const ssize_t sent = ::send(peer.in, text.constData(), static_cast<std::size_t>(text.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent =
+        ::send(peer.in, text.constData(), static_cast<std::size_t>(text.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
     Q_UNUSED(sent)
 }
 

@@ -13,9 +13,9 @@ namespace sim {
 
 namespace {
 
-constexpr qint64 sliceNs = nsPerMs;         // no shorter sleep while bytes flow
-constexpr qint64 backlogNs = 2 * nsPerMs;   // between tries at a program that does not read
-constexpr qint64 watchNs = 5 * nsPerMs;     // between looks at DTR, of which nothing wakes us
+constexpr qint64 sliceNs = nsPerMs;       // no shorter sleep while bytes flow
+constexpr qint64 backlogNs = 2 * nsPerMs; // between tries at a program that does not read
+constexpr qint64 watchNs = 5 * nsPerMs;   // between looks at DTR, of which nothing wakes us
 
 qint64 clockNs()
 {
@@ -58,7 +58,8 @@ struct Exchange::Call {
 };
 
 Exchange::Exchange(const ExchangeSettings& settings)
-    : m_settings(settings), m_originNs(clockNs()), m_line(settings.line), m_wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+    : m_settings(settings), m_originNs(clockNs()), m_line(settings.line),
+      m_wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {
 }
 
@@ -90,7 +91,8 @@ int Exchange::addModem(const ModemSettings& settings, QString* error)
             }
         }
         const int next = static_cast<int>(m_modems.size()) + 1;
-        auto made = std::make_unique<VirtualModem>(next, wanted, [this](int modem, const QString& text) { tell(modem, text); });
+        auto made =
+            std::make_unique<VirtualModem>(next, wanted, [this](int modem, const QString& text) { tell(modem, text); });
         if (!made->endpoint.isOpen()) {
             *error = made->endpoint.errorString();
             return;
@@ -366,9 +368,9 @@ qint64 Exchange::step(qint64 now)
         stepCall(*m_calls[i], now);
     for (const auto& modem : m_modems)
         serve(*modem, now);
-    m_calls.erase(std::remove_if(m_calls.begin(), m_calls.end(),
-                                 [](const CallPtr& call) { return call->phase == Call::Ended; }),
-                  m_calls.end());
+    m_calls.erase(
+        std::remove_if(m_calls.begin(), m_calls.end(), [](const CallPtr& call) { return call->phase == Call::Ended; }),
+        m_calls.end());
 
     qint64 wakeNs = now + nsPerSecond;
     for (const auto& modem : m_modems) {
@@ -466,8 +468,9 @@ QString Exchange::onModem(int modem, const std::function<QString(VirtualModem&)>
 
 VirtualModem* Exchange::find(int modem) const
 {
-    return modem >= 1 && modem <= static_cast<int>(m_modems.size()) ? m_modems[static_cast<std::size_t>(modem) - 1].get()
-                                                                    : nullptr;
+    return modem >= 1 && modem <= static_cast<int>(m_modems.size())
+               ? m_modems[static_cast<std::size_t>(modem) - 1].get()
+               : nullptr;
 }
 
 void Exchange::stepModem(VirtualModem& modem, qint64 now)
@@ -527,8 +530,8 @@ void Exchange::detach(VirtualModem& modem)
 Exchange::Call* Exchange::callOf(const VirtualModem& modem) const
 {
     for (const CallPtr& call : m_calls) {
-        if (call->phase != Call::Ended
-            && (call->caller == &modem || (call->called == &modem && call->phase > Call::Ringing)))
+        if (call->phase != Call::Ended &&
+            (call->caller == &modem || (call->called == &modem && call->phase > Call::Ringing)))
             return call.get();
     }
     return nullptr;
@@ -548,7 +551,8 @@ void Exchange::beginCall(VirtualModem& caller, const QString& number, qint64 pau
     auto call = std::make_unique<Call>();
     // Off hook while it rings is no way to a dial tone, and the end of the other's call.
     if (Call* ringing = callRinging(caller)) {
-        failCall(*ringing, CallFailure::NoCarrier, QStringLiteral("%1 dialled instead of answering").arg(caller.name()));
+        failCall(*ringing, CallFailure::NoCarrier,
+                 QStringLiteral("%1 dialled instead of answering").arg(caller.name()));
         call->noDialTone = true;
     }
     call->caller = &caller;
@@ -601,7 +605,8 @@ void Exchange::answerCall(VirtualModem& called, qint64 now)
     }
     called.modem.ringingStopped();
     call->phase = Call::Training;
-    call->phaseEndNs = now + (call->fromNobody ? called.modem.registerValue(7) * nsPerSecond : m_settings.trainingMs * nsPerMs);
+    call->phaseEndNs =
+        now + (call->fromNobody ? called.modem.registerValue(7) * nsPerSecond : m_settings.trainingMs * nsPerMs);
 }
 
 void Exchange::connectCall(Call& call, qint64 now)
@@ -827,8 +832,7 @@ qint64 Exchange::nextCallEventNs(const Call& call) const
         return next;
     }
     case Call::Ending:
-        return earlier(call.phaseEndNs,
-                       (call.caller ? call.line->backward : call.line->forward).nextDeliveryNs());
+        return earlier(call.phaseEndNs, (call.caller ? call.line->backward : call.line->forward).nextDeliveryNs());
     case Call::Ended:
         return -1;
     }

@@ -79,18 +79,18 @@ public:
     void stop();
 
     // Commands. Each returns an empty text, or what is wrong.
-    QString dropCarrier(int modem);               // of the modem's call; both sides lose carrier
-    QString setSilent(int modem, bool on);        // takes everything, answers nothing
-    QString setPowered(int modem, bool on);       // off: DSR falls, the port stays
-    QString unplug(int modem);                    // the port fails and its link is gone
+    QString dropCarrier(int modem);         // of the modem's call; both sides lose carrier
+    QString setSilent(int modem, bool on);  // takes everything, answers nothing
+    QString setPowered(int modem, bool on); // off: DSR falls, the port stays
+    QString unplug(int modem);              // the port fails and its link is gone
     QString plugIn(int modem);
-    QString setBusy(int modem, bool on);          // callers hear busy
-    QString setDialTone(int modem, bool on);      // off: its calls end in no dial tone
-    QString setAnswering(int modem, bool on);     // off: it is not told of calls
-    QString setNoise(int modem, bool on);         // of its lines; 0: of all; at once
-    QString changeLine(const QString& text);      // of calls dialled later; see LineSettings::change
-    QString ring(int modem, int times);           // by nobody: answering it finds no carrier
-    QString say(int modem, const QString& text);  // a line of text from the modem to its program
+    QString setBusy(int modem, bool on);         // callers hear busy
+    QString setDialTone(int modem, bool on);     // off: its calls end in no dial tone
+    QString setAnswering(int modem, bool on);    // off: it is not told of calls
+    QString setNoise(int modem, bool on);        // of its lines; 0: of all; at once
+    QString changeLine(const QString& text);     // of calls dialled later; see LineSettings::change
+    QString ring(int modem, int times);          // by nobody: answering it finds no carrier
+    QString say(int modem, const QString& text); // a line of text from the modem to its program
 
     LineSettings line() const;
     // Calls that have ended, in the order of their ends.
@@ -166,8 +166,8 @@ private:
     };
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_taskDone;
-    mutable std::deque<Task*> m_tasks;     // guarded by m_mutex
-    std::thread::id m_worker;              // guarded by m_mutex; none while no thread runs
+    mutable std::deque<Task*> m_tasks; // guarded by m_mutex
+    std::thread::id m_worker;          // guarded by m_mutex; none while no thread runs
 };
 
 } // namespace sim

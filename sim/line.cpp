@@ -121,11 +121,9 @@ qint64 LineDirection::timeOfByte(qint64 count) const
 }
 
 Line::Line(const LineSettings& settings, int callNumber, bool mayDrop, qint64 connectedNs)
-    : forward(settings, settings.rateForward, directionSeed(settings, callNumber, 0))
-    , backward(settings, settings.rateBackward, directionSeed(settings, callNumber, 1))
-    , m_settings(settings)
-    , m_mayDrop(mayDrop)
-    , m_connectedNs(connectedNs)
+    : forward(settings, settings.rateForward, directionSeed(settings, callNumber, 0)),
+      backward(settings, settings.rateBackward, directionSeed(settings, callNumber, 1)), m_settings(settings),
+      m_mayDrop(mayDrop), m_connectedNs(connectedNs)
 {
 }
 

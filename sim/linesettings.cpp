@@ -36,8 +36,8 @@ QString changeRate(LineSettings& line, const QString& value)
     const QStringList rates = value.split(QLatin1Char('/'));
     qint64 forward = 0;
     qint64 backward = 0;
-    if (rates.size() > 2 || !takeInt(rates.first(), LineSettings::lowestRate, LineSettings::highestRate, &forward)
-        || !takeInt(rates.last(), LineSettings::lowestRate, LineSettings::highestRate, &backward))
+    if (rates.size() > 2 || !takeInt(rates.first(), LineSettings::lowestRate, LineSettings::highestRate, &forward) ||
+        !takeInt(rates.last(), LineSettings::lowestRate, LineSettings::highestRate, &backward))
         return QStringLiteral("bits per second from 10 to 10000000, as 33600, or 33600/2400 for the two ways");
     line.rateForward = static_cast<int>(forward);
     line.rateBackward = static_cast<int>(backward);
@@ -65,10 +65,10 @@ QString changeBurst(LineSettings& line, const QString& value)
     BurstSettings burst;
     qint64 bits = 0;
     if (value != QLatin1String("off")) {
-        const bool valid = (parts.size() == 2 || parts.size() == 3)
-            && takeReal(parts.at(0), 0, longestSeconds, &burst.meanIntervalSeconds) && burst.meanIntervalSeconds > 0
-            && takeInt(parts.at(1), 1, 1000000000, &bits)
-            && (parts.size() == 2 || takeReal(parts.at(2), 0, 1, &burst.errorRate));
+        const bool valid = (parts.size() == 2 || parts.size() == 3) &&
+                           takeReal(parts.at(0), 0, longestSeconds, &burst.meanIntervalSeconds) &&
+                           burst.meanIntervalSeconds > 0 && takeInt(parts.at(1), 1, 1000000000, &bits) &&
+                           (parts.size() == 2 || takeReal(parts.at(2), 0, 1, &burst.errorRate));
         if (!valid) {
             return QStringLiteral("mean interval in seconds / length in bits / chance of a bit inside, as 5/200/0.5, "
                                   "or off");
@@ -82,15 +82,15 @@ QString changeBurst(LineSettings& line, const QString& value)
 QString changeDropSeconds(LineSettings& line, const QString& value)
 {
     return takeReal(value, 0, longestSeconds, &line.dropAfterSeconds)
-        ? QString()
-        : QStringLiteral("seconds of a connection, as 12.5, or 0 for never");
+               ? QString()
+               : QStringLiteral("seconds of a connection, as 12.5, or 0 for never");
 }
 
 QString changeDropBytes(LineSettings& line, const QString& value)
 {
     return takeInt(value, 0, largestBytes, &line.dropAfterBytes)
-        ? QString()
-        : QStringLiteral("bytes, both ways together, as 20000, or 0 for never");
+               ? QString()
+               : QStringLiteral("bytes, both ways together, as 20000, or 0 for never");
 }
 
 QString changeDropTimes(LineSettings& line, const QString& value)
@@ -149,15 +149,15 @@ const Key* findKey(const QString& name)
 
 bool BurstSettings::operator==(const BurstSettings& other) const
 {
-    return meanIntervalSeconds == other.meanIntervalSeconds && lengthBits == other.lengthBits
-        && errorRate == other.errorRate;
+    return meanIntervalSeconds == other.meanIntervalSeconds && lengthBits == other.lengthBits &&
+           errorRate == other.errorRate;
 }
 
 bool LineSettings::operator==(const LineSettings& other) const
 {
-    return rateForward == other.rateForward && rateBackward == other.rateBackward && delayMs == other.delayMs
-        && bitErrorRate == other.bitErrorRate && burst == other.burst && dropAfterSeconds == other.dropAfterSeconds
-        && dropAfterBytes == other.dropAfterBytes && dropTimes == other.dropTimes && seed == other.seed;
+    return rateForward == other.rateForward && rateBackward == other.rateBackward && delayMs == other.delayMs &&
+           bitErrorRate == other.bitErrorRate && burst == other.burst && dropAfterSeconds == other.dropAfterSeconds &&
+           dropAfterBytes == other.dropAfterBytes && dropTimes == other.dropTimes && seed == other.seed;
 }
 
 bool LineSettings::change(const QString& text, QString* error)
@@ -174,7 +174,8 @@ bool LineSettings::change(const QString& text, QString* error)
         }
         const QString expected = key->change(changed, item.mid(sign + 1).trimmed());
         if (!expected.isEmpty()) {
-            *error = QStringLiteral("'%1' is no value for %2; give %3").arg(item.mid(sign + 1).trimmed(), name, expected);
+            *error =
+                QStringLiteral("'%1' is no value for %2; give %3").arg(item.mid(sign + 1).trimmed(), name, expected);
             return false;
         }
     }
@@ -189,15 +190,15 @@ QString LineSettings::toString() const
         text += QStringLiteral("/%1").arg(rateBackward);
     text += QStringLiteral(",delay=%1,ber=%2").arg(delayMs).arg(bitErrorRate);
     if (burst.meanIntervalSeconds > 0)
-        text += QStringLiteral(",burst=%1/%2/%3").arg(burst.meanIntervalSeconds).arg(burst.lengthBits).arg(burst.errorRate);
+        text +=
+            QStringLiteral(",burst=%1/%2/%3").arg(burst.meanIntervalSeconds).arg(burst.lengthBits).arg(burst.errorRate);
     else
         text += QStringLiteral(",burst=off");
-    return text
-        + QStringLiteral(",drop-after-seconds=%1,drop-after-bytes=%2,drop-times=%3,seed=%4")
-              .arg(dropAfterSeconds)
-              .arg(dropAfterBytes)
-              .arg(dropTimes)
-              .arg(seed);
+    return text + QStringLiteral(",drop-after-seconds=%1,drop-after-bytes=%2,drop-times=%3,seed=%4")
+                      .arg(dropAfterSeconds)
+                      .arg(dropAfterBytes)
+                      .arg(dropTimes)
+                      .arg(seed);
 }
 
 } // namespace sim

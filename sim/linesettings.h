@@ -20,10 +20,10 @@ struct LineSettings {
     static constexpr int lowestRate = 10;
     static constexpr int highestRate = 10000000;
 
-    int rateForward = 33600;    // bit/s from the caller to the called modem, ten bits to a byte
-    int rateBackward = 33600;   // bit/s the other way
-    int delayMs = 0;            // each way
-    double bitErrorRate = 0;    // chance of each data bit to be flipped
+    int rateForward = 33600;  // bit/s from the caller to the called modem, ten bits to a byte
+    int rateBackward = 33600; // bit/s the other way
+    int delayMs = 0;          // each way
+    double bitErrorRate = 0;  // chance of each data bit to be flipped
     BurstSettings burst;
     double dropAfterSeconds = 0; // of a connection: carrier is lost then; 0: never
     qint64 dropAfterBytes = 0;   // delivered, both ways together: likewise; 0: never

@@ -22,9 +22,9 @@ LineTable* mapFile(const char* path, bool create)
     if (fd < 0)
         return nullptr;
     struct stat status;
-    const bool sized = fstat(fd, &status) == 0
-        && (status.st_size >= static_cast<off_t>(sizeof(LineTable))
-            || (create && status.st_size == 0 && ftruncate(fd, sizeof(LineTable)) == 0));
+    const bool sized =
+        fstat(fd, &status) == 0 && (status.st_size >= static_cast<off_t>(sizeof(LineTable)) ||
+                                    (create && status.st_size == 0 && ftruncate(fd, sizeof(LineTable)) == 0));
     if (!sized) {
         close(fd);
         errno = EINVAL;

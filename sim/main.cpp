@@ -66,7 +66,8 @@ bool addModems(Exchange& exchange, const ProgramOptions& options, QByteArray* li
         if (modem == 0)
             return false;
         const ModemStatus status = exchange.status(modem);
-        *listing += QStringLiteral("modem%1 %2 %3\n").arg(QString::number(modem), status.number, status.portPath).toLocal8Bit();
+        *listing +=
+            QStringLiteral("modem%1 %2 %3\n").arg(QString::number(modem), status.number, status.portPath).toLocal8Bit();
     }
     return true;
 }
@@ -95,8 +96,9 @@ int runExchange(const ProgramOptions& options)
     signal(SIGPIPE, SIG_IGN);
     const int stopFd = signalDescriptor();
     if (!options.linkDir.isEmpty() && !QDir().mkpath(options.linkDir))
-        return complain(QStringLiteral("cannot make the directory %1; give another with --link-dir").arg(options.linkDir),
-                        CannotRun);
+        return complain(
+            QStringLiteral("cannot make the directory %1; give another with --link-dir").arg(options.linkDir),
+            CannotRun);
     nameTable(options);
 
     Exchange exchange(options.exchange);

@@ -588,9 +588,9 @@ QByteArray Modem::lineEnd() const
 
 QByteArray Modem::settingsText() const
 {
-    QByteArray text = "E" + QByteArray::number(m_profile.echo) + " Q" + QByteArray::number(m_profile.quiet) + " V"
-        + QByteArray::number(m_profile.verbose) + " X" + QByteArray::number(m_profile.resultLevel) + " &C"
-        + QByteArray::number(m_profile.carrierFollows) + " &D" + QByteArray::number(m_profile.dtrAction);
+    QByteArray text = "E" + QByteArray::number(m_profile.echo) + " Q" + QByteArray::number(m_profile.quiet) + " V" +
+                      QByteArray::number(m_profile.verbose) + " X" + QByteArray::number(m_profile.resultLevel) + " &C" +
+                      QByteArray::number(m_profile.carrierFollows) + " &D" + QByteArray::number(m_profile.dtrAction);
     for (const int index : {0, 2, 3, 4, 5, 7, 8, 12})
         text += " S" + QByteArray::number(index) + "=" + QByteArray::number(registerValue(index));
     return text;

@@ -71,9 +71,9 @@ public:
     void setDtr(bool raised) { m_dtr = raised; }
 
     // From the line.
-    void ring(qint64 nowNs);   // one ring begins
-    void ringPauses();         // that ring ends
-    void ringingStopped();     // the caller gave up, or the call was answered
+    void ring(qint64 nowNs); // one ring begins
+    void ringPauses();       // that ring ends
+    void ringingStopped();   // the caller gave up, or the call was answered
     void connected(int bitsPerSecond, qint64 nowNs);
     void callFailed(CallFailure failure);
     void carrierLost();
@@ -95,9 +95,9 @@ private:
         bool echo = true;
         bool verbose = true;
         bool quiet = false;
-        int resultLevel = 4;         // X
-        bool carrierFollows = true;  // &C1
-        int dtrAction = 2;           // &D
+        int resultLevel = 4;        // X
+        bool carrierFollows = true; // &C1
+        int dtrAction = 2;          // &D
         std::array<quint8, registerCount> registers{};
 
         Profile();

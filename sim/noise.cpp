@@ -14,7 +14,8 @@ constexpr double never = std::numeric_limits<double>::infinity();
 } // namespace
 
 Noise::Noise(double bitErrorRate, const BurstSettings& burst, int rate, quint64 seed)
-    : m_bitErrorRate(bitErrorRate), m_burst(burst), m_burstIntervalBits(burst.meanIntervalSeconds * rate), m_random(seed)
+    : m_bitErrorRate(bitErrorRate), m_burst(burst), m_burstIntervalBits(burst.meanIntervalSeconds * rate),
+      m_random(seed)
 {
     m_untilError = drawGap(m_bitErrorRate);
     m_untilBurst = drawInterval();

@@ -36,8 +36,9 @@ constexpr Option options[] = {
     {"ring-length", "SECONDS", "how long the RI pin stands (1)"},
     {"no-answer-after", "SECONDS", "of ringing; S7 of the caller may be shorter (60)"},
     {"training", "SECONDS", "from the answer to CONNECT (0)"},
-    {"table", "FILE", "the table of modem lines, for programs with libptylines.so\n"
-                      "(the variable PTYLINES_TABLE, else DIR/lines of --link-dir)"},
+    {"table", "FILE",
+     "the table of modem lines, for programs with libptylines.so\n"
+     "(the variable PTYLINES_TABLE, else DIR/lines of --link-dir)"},
     {"control", "SOCKET", "take commands on this socket too, not only on standard input"},
     {"ready-file", "FILE", "write the modems' numbers and ports there once all is ready"},
     {"stats", "FILE", "write the calls there at the end, as JSON"},
@@ -107,7 +108,8 @@ struct Parser {
         bool valid = false;
         const int modem = value.left(sign).toInt(&valid);
         if (sign < 0 || !valid || modem < 1 || normalizedNumber(value.mid(sign + 1)).isEmpty()) {
-            *error = QStringLiteral("'%1' is no value for --number; give a modem and its number, as 1=5551234").arg(value);
+            *error =
+                QStringLiteral("'%1' is no value for --number; give a modem and its number, as 1=5551234").arg(value);
             return false;
         }
         numbers.insert(modem, value.mid(sign + 1));
@@ -121,7 +123,8 @@ struct Parser {
         const bool pin = style == QLatin1String("pin");
         const int modem = sign < 0 ? 0 : value.left(sign).toInt();
         if ((!pin && style != QLatin1String("line")) || (sign >= 0 && modem < 1)) {
-            *error = QStringLiteral("'%1' is no value for --ring; give line or pin, or for one modem as 2=pin").arg(value);
+            *error =
+                QStringLiteral("'%1' is no value for --ring; give line or pin, or for one modem as 2=pin").arg(value);
             return false;
         }
         const RingStyle ring = pin ? RingStyle::Pin : RingStyle::Line;
@@ -249,11 +252,10 @@ bool ProgramOptions::parse(const QStringList& arguments, QString* error)
 
 QString ProgramOptions::helpText()
 {
-    QString text = QStringLiteral(
-        "Usage: phone-exchange [options]\n"
-        "A telephone exchange in software: modems with AT commands on pseudo-terminals, and\n"
-        "calls between them over lines with a rate, a delay, noise and dropped carriers.\n\n"
-        "Options (default):\n");
+    QString text = QStringLiteral("Usage: phone-exchange [options]\n"
+                                  "A telephone exchange in software: modems with AT commands on pseudo-terminals, and\n"
+                                  "calls between them over lines with a rate, a delay, noise and dropped carriers.\n\n"
+                                  "Options (default):\n");
     constexpr int column = 34;
     for (const Option& option : options) {
         QString left = QStringLiteral("  --%1").arg(QLatin1String(option.name));
@@ -268,10 +270,9 @@ QString ProgramOptions::helpText()
     text += QStringLiteral("\nCommands on standard input and on the control socket:\n");
     for (const QString& line : Control::help())
         text += QStringLiteral("  ") + line + QLatin1Char('\n');
-    return text
-        + QStringLiteral("\nA program sees the modems' lines and the driver's depth when it runs with\n"
-                         "  LD_PRELOAD=libptylines.so PTYLINES_TABLE=FILE\n\n"
-                         "Exit status: 0 ended by quit or a signal, 1 cannot run, 2 bad options.\n");
+    return text + QStringLiteral("\nA program sees the modems' lines and the driver's depth when it runs with\n"
+                                 "  LD_PRELOAD=libptylines.so PTYLINES_TABLE=FILE\n\n"
+                                 "Exit status: 0 ended by quit or a signal, 1 cannot run, 2 bad options.\n");
 }
 
 } // namespace sim

@@ -30,7 +30,8 @@ struct LinePair {
     unsigned tiocm;
 };
 
-constexpr LinePair modemPairs[] = {{LineDsr, TIOCM_DSR}, {LineDcd, TIOCM_CAR}, {LineRi, TIOCM_RNG}, {LineCts, TIOCM_CTS}};
+constexpr LinePair modemPairs[] = {
+    {LineDsr, TIOCM_DSR}, {LineDcd, TIOCM_CAR}, {LineRi, TIOCM_RNG}, {LineCts, TIOCM_CTS}};
 constexpr LinePair programPairs[] = {{LineDtr, TIOCM_DTR}, {LineRts, TIOCM_RTS}};
 
 std::int64_t nowMs()
@@ -248,8 +249,8 @@ bool PtyEndpoint::makeLink()
     const QByteArray link = QFile::encodeName(m_linkPath);
     const QByteArray fresh = link + '.' + QByteArray::number(getpid());
     ::unlink(fresh.constData());
-    if (::symlink(QFile::encodeName(m_slavePath).constData(), fresh.constData()) != 0
-        || ::rename(fresh.constData(), link.constData()) != 0) {
+    if (::symlink(QFile::encodeName(m_slavePath).constData(), fresh.constData()) != 0 ||
+        ::rename(fresh.constData(), link.constData()) != 0) {
         const int error = errno;
         ::unlink(fresh.constData());
         errno = error;
@@ -298,7 +299,8 @@ void PtyEndpoint::dropDiscarded()
     for (;;) {
         const std::uint64_t upTo = m_row->discardedUpTo.load();
         const std::uint64_t taken = m_row->taken.load();
-        if (taken >= upTo || readMaster(sink, static_cast<qint64>(std::min<std::uint64_t>(sizeof(sink), upTo - taken))) <= 0)
+        if (taken >= upTo ||
+            readMaster(sink, static_cast<qint64>(std::min<std::uint64_t>(sizeof(sink), upTo - taken))) <= 0)
             return;
     }
 }

@@ -42,7 +42,7 @@ constexpr unsigned slavesPerMajor = 256;
 
 // The next definition of a function of libc: that of a sanitizer, or libc's own.
 // Resolving the same one twice does no harm.
-template<typename Function>
+template <typename Function>
 class Next
 {
 public:

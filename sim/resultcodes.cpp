@@ -11,14 +11,10 @@ struct Result {
 };
 
 constexpr Result results[] = {
-    {ResultCode::Ok, 0, "OK"},
-    {ResultCode::Connect, 1, "CONNECT"},
-    {ResultCode::Ring, 2, "RING"},
-    {ResultCode::NoCarrier, 3, "NO CARRIER"},
-    {ResultCode::Error, 4, "ERROR"},
-    {ResultCode::NoDialTone, 6, "NO DIALTONE"},
-    {ResultCode::Busy, 7, "BUSY"},
-    {ResultCode::NoAnswer, 8, "NO ANSWER"},
+    {ResultCode::Ok, 0, "OK"},       {ResultCode::Connect, 1, "CONNECT"},
+    {ResultCode::Ring, 2, "RING"},   {ResultCode::NoCarrier, 3, "NO CARRIER"},
+    {ResultCode::Error, 4, "ERROR"}, {ResultCode::NoDialTone, 6, "NO DIALTONE"},
+    {ResultCode::Busy, 7, "BUSY"},   {ResultCode::NoAnswer, 8, "NO ANSWER"},
 };
 
 struct Speed {

@@ -10,11 +10,8 @@ constexpr int largestBacklog = 65536;
 } // namespace
 
 VirtualModem::VirtualModem(int modemIndex, const ModemSettings& modemSettings, Trace trace)
-    : index(modemIndex)
-    , settings(modemSettings)
-    , endpoint(modemSettings.linkPath)
-    , modem(this, modemSettings.number, modemSettings.ringStyle)
-    , m_trace(std::move(trace))
+    : index(modemIndex), settings(modemSettings), endpoint(modemSettings.linkPath),
+      modem(this, modemSettings.number, modemSettings.ringStyle), m_trace(std::move(trace))
 {
     endpoint.setDepth(settings.depthBytes);
     reset();

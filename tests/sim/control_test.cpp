@@ -80,26 +80,29 @@ TEST_F(ControlTest, LineIsShownAndChanged)
     EXPECT_EQ(ask("line rate=2400/1200 delay=5,seed=9"), QStringLiteral("ok"));
     EXPECT_EQ(exchange.line().rateBackward, 1200);
     EXPECT_EQ(exchange.line().delayMs, 5);
-    EXPECT_EQ(ask("line"), QStringLiteral("rate=2400/1200,delay=5,ber=0,burst=off,drop-after-seconds=0,drop-after-bytes=0,"
-                                          "drop-times=0,seed=9\nok"));
-    EXPECT_EQ(ask("line delay=long"),
-              QStringLiteral("error: 'long' is no value for delay; give milliseconds each way from 0 to 60000, as 120"));
+    EXPECT_EQ(ask("line"),
+              QStringLiteral("rate=2400/1200,delay=5,ber=0,burst=off,drop-after-seconds=0,drop-after-bytes=0,"
+                             "drop-times=0,seed=9\nok"));
+    EXPECT_EQ(
+        ask("line delay=long"),
+        QStringLiteral("error: 'long' is no value for delay; give milliseconds each way from 0 to 60000, as 120"));
     EXPECT_EQ(exchange.line().delayMs, 5);
 }
 
 TEST_F(ControlTest, StatusStatisticsHelpAndQuit)
 {
-    EXPECT_EQ(ask("status"),
-              QStringLiteral("modem1 101 %1: on hook, DSR CTS, 38400 bit/s\nmodem2 102 %2: on hook, DSR CTS, 38400 bit/s\nok")
-                  .arg(exchange.portPath(1), exchange.portPath(2)));
+    EXPECT_EQ(
+        ask("status"),
+        QStringLiteral("modem1 101 %1: on hook, DSR CTS, 38400 bit/s\nmodem2 102 %2: on hook, DSR CTS, 38400 bit/s\nok")
+            .arg(exchange.portPath(1), exchange.portPath(2)));
     EXPECT_EQ(ask("busy 2 on"), QStringLiteral("ok"));
     EXPECT_EQ(ask("unplug 2"), QStringLiteral("ok"));
     EXPECT_TRUE(ask("status").contains(QStringLiteral(": on hook, no lines, 0 bit/s, unplugged, busy\nok")))
         << ask("status").toStdString();
     EXPECT_EQ(ask("stats"), QStringLiteral("ok"));
     EXPECT_EQ(ask("help"), Control::help().join('\n') + QStringLiteral("\nok"));
-    for (const char* command : {"status", "stats", "drop", "silence", "power", "unplug", "plug", "busy", "dialtone", "answer", "noise",
-                                "line", "ring", "say", "quit", "help"})
+    for (const char* command : {"status", "stats", "drop", "silence", "power", "unplug", "plug", "busy", "dialtone",
+                                "answer", "noise", "line", "ring", "say", "quit", "help"})
         EXPECT_TRUE(ask("help").contains(QLatin1String(command))) << command;
     EXPECT_FALSE(control.execute(QStringLiteral("status")).quit);
     EXPECT_TRUE(control.execute(QStringLiteral("quit")).quit);
@@ -134,8 +137,9 @@ TEST_F(ControlTest, MistakesSayWhatToWrite)
         {"ring 1 0", "error: '0' is no number of rings; write one, as: ring 1 3"},
         {"ring 1 x", "error: 'x' is no number of rings; write one, as: ring 1 3"},
         {"say 1", "error: say which modem and what, as: say 1 RING"},
-        {"line color=red", "error: 'color=red' is not a property of a line; write key=value with a key of: rate, delay, ber, "
-                           "burst, drop-after-seconds, drop-after-bytes, drop-times, seed"},
+        {"line color=red",
+         "error: 'color=red' is not a property of a line; write key=value with a key of: rate, delay, ber, "
+         "burst, drop-after-seconds, drop-after-bytes, drop-times, seed"},
     };
     for (const auto& mistake : mistakes)
         EXPECT_EQ(ask(mistake.line), QLatin1String(mistake.answer)) << mistake.line;

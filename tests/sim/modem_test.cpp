@@ -130,8 +130,8 @@ TEST_F(ModemTest, RepeatsTheLastLine)
 
 TEST_F(ModemTest, RefusesWhatItDoesNotKnow)
 {
-    for (const char* line : {"ATG", "AT&", "AT&A", "AT\\", "ATX5", "AT&D4", "AT&C2", "ATH2", "ATI9", "ATS100=1", "ATS0=256",
-                             "ATS1=3", "ATQ2", "ATV2", "AT+IPR=9600", "AT!"})
+    for (const char* line : {"ATG", "AT&", "AT&A", "AT\\", "ATX5", "AT&D4", "AT&C2", "ATH2", "ATI9", "ATS100=1",
+                             "ATS0=256", "ATS1=3", "ATQ2", "ATV2", "AT+IPR=9600", "AT!"})
         EXPECT_EQ(ask(line), error) << line;
     EXPECT_EQ(ask("ATE1G"), error);
 }
@@ -145,8 +145,8 @@ TEST_F(ModemTest, RefusesALineThatIsTooLong)
 
 TEST_F(ModemTest, AcceptsWhatInitStringsHold)
 {
-    for (const char* line : {"AT&F1&C1&D2X4L1M1S0=0", "ATZ", "AT&F", "AT&K3&Q5&R1&S0W2\\N3%C3", "ATB0N1Y0P", "ATT&G0&L0&M0&P1&T4&X0&Y0&J0",
-                             "ATF1C1"})
+    for (const char* line : {"AT&F1&C1&D2X4L1M1S0=0", "ATZ", "AT&F", "AT&K3&Q5&R1&S0W2\\N3%C3", "ATB0N1Y0P",
+                             "ATT&G0&L0&M0&P1&T4&X0&Y0&J0", "ATF1C1"})
         EXPECT_EQ(ask(line), ok) << line;
 }
 
@@ -175,9 +175,9 @@ TEST_F(ModemTest, AnswersInNumbers)
     const struct {
         int speed;
         const char* answer;
-    } speeds[] = {{600, "9\r"},     {1200, "5\r"},   {2400, "10\r"},  {4800, "11\r"},  {7200, "13\r"},   {9600, "12\r"},
-                  {12000, "14\r"},  {14400, "15\r"}, {19200, "16\r"}, {38400, "17\r"}, {57600, "18\r"},  {115200, "19\r"},
-                  {33600, "1\r"}};
+    } speeds[] = {{600, "9\r"},    {1200, "5\r"},    {2400, "10\r"},  {4800, "11\r"},  {7200, "13\r"},
+                  {9600, "12\r"},  {12000, "14\r"},  {14400, "15\r"}, {19200, "16\r"}, {38400, "17\r"},
+                  {57600, "18\r"}, {115200, "19\r"}, {33600, "1\r"}};
     for (const auto& speed : speeds) {
         type("ATD1\r");
         modem.connected(speed.speed, now);
@@ -201,8 +201,8 @@ TEST_F(ModemTest, DefaultRegisters)
     const struct {
         int index;
         const char* value;
-    } defaults[] = {{0, "000"}, {1, "000"}, {2, "043"}, {3, "013"}, {4, "010"}, {5, "008"},
-                    {7, "060"}, {8, "002"}, {12, "050"}};
+    } defaults[] = {{0, "000"}, {1, "000"}, {2, "043"}, {3, "013"}, {4, "010"},
+                    {5, "008"}, {7, "060"}, {8, "002"}, {12, "050"}};
     for (const auto& item : defaults)
         EXPECT_EQ(ask("ATS" + QByteArray::number(item.index) + "?"), framed(item.value) + ok) << item.index;
 }

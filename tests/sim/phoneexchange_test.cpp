@@ -58,8 +58,8 @@ protected:
 
     bool ended()
     {
-        return waitFor([&] { return process.state() == QProcess::NotRunning; })
-            && process.exitStatus() == QProcess::NormalExit;
+        return waitFor([&] { return process.state() == QProcess::NotRunning; }) &&
+               process.exitStatus() == QProcess::NormalExit;
     }
 
     bool expectOutput(const QByteArray& text)
@@ -79,7 +79,10 @@ protected:
 
     QByteArray errors() { return process.readAllStandardError(); }
 
-    static QString path(const char* name) { return testsupport::installRoot() + QLatin1Char('/') + QLatin1String(name); }
+    static QString path(const char* name)
+    {
+        return testsupport::installRoot() + QLatin1Char('/') + QLatin1String(name);
+    }
 
     static QByteArray fileText(const QString& name)
     {
@@ -102,10 +105,32 @@ protected:
 TEST_F(PhoneExchangeTest, HelpNamesAllAndEndsWell)
 {
     EXPECT_EQ(runToEnd({QStringLiteral("--help")}), 0);
-    for (const char* text : {"Usage: phone-exchange", "--modems", "--number", "--ring", "--link-dir", "--depth", "--rate", "--delay", "--ber",
-                             "--burst", "--drop-after-seconds", "--drop-after-bytes", "--drop-times", "--seed", "--ring-interval",
-                             "--ring-length", "--no-answer-after", "--training", "--table", "--control", "--ready-file", "--stats",
-                             "--quiet", "--version", "silence N on|off", "Exit status"})
+    for (const char* text : {"Usage: phone-exchange",
+                             "--modems",
+                             "--number",
+                             "--ring",
+                             "--link-dir",
+                             "--depth",
+                             "--rate",
+                             "--delay",
+                             "--ber",
+                             "--burst",
+                             "--drop-after-seconds",
+                             "--drop-after-bytes",
+                             "--drop-times",
+                             "--seed",
+                             "--ring-interval",
+                             "--ring-length",
+                             "--no-answer-after",
+                             "--training",
+                             "--table",
+                             "--control",
+                             "--ready-file",
+                             "--stats",
+                             "--quiet",
+                             "--version",
+                             "silence N on|off",
+                             "Exit status"})
         EXPECT_TRUE(output.contains(text)) << text;
     for (const QByteArray& line : output.split('\n'))
         EXPECT_LE(line.size(), 120) << line.constData();
@@ -133,7 +158,8 @@ TEST_F(PhoneExchangeTest, BadOptionsSayWhatToDo)
         {"--number 1=102", "modems 1 and 2 have the same number 102; give one another with --number"},
         {"--ring loud", "'loud' is no value for --ring; give line or pin, or for one modem as 2=pin"},
         {"--ring 9=pin", "there is no modem 9 of 2; give more with --modems"},
-        {"--rate fast", "'fast' is no value for rate; give bits per second from 10 to 10000000, as 33600, or 33600/2400 for the two ways"},
+        {"--rate fast", "'fast' is no value for rate; give bits per second from 10 to 10000000, as 33600, or "
+                        "33600/2400 for the two ways"},
         {"--ber=7", "'7' is no value for ber; give the chance of a bit, 0 to 1, as 1e-5"},
         {"--depth 0", "'0' is no value for --depth; give a whole number from 1 to 65536"},
         {"--training -1", "'-1' is no value for --training; give seconds from 0 to 86400"},
@@ -150,8 +176,8 @@ TEST_F(PhoneExchangeTest, WhatItCannotDoEndsWithOne)
     QFile file(path("file"));
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     EXPECT_EQ(runToEnd({QStringLiteral("--link-dir"), path("file/ports")}), 1);
-    EXPECT_EQ(errors(), "phone-exchange: cannot make the directory " + path("file/ports").toLocal8Bit()
-                  + "; give another with --link-dir\n");
+    EXPECT_EQ(errors(), "phone-exchange: cannot make the directory " + path("file/ports").toLocal8Bit() +
+                            "; give another with --link-dir\n");
     EXPECT_EQ(runToEnd({QStringLiteral("--ready-file"), path("no/ready")}), 1);
     EXPECT_TRUE(errors().startsWith("phone-exchange: cannot write "));
     EXPECT_EQ(runToEnd({QStringLiteral("--control"), path("no/socket")}), 1);
@@ -166,9 +192,11 @@ TEST_F(PhoneExchangeTest, WhatItCannotDoEndsWithOne)
 
 TEST_F(PhoneExchangeTest, PortsAreListedLinkedAndTakenAway)
 {
-    runReady({QStringLiteral("--modems"), QStringLiteral("3"), QStringLiteral("--number"), QStringLiteral("2=555-12-34")});
-    const QByteArray listing = "modem1 101 " + path("ports/modem1").toLocal8Bit() + "\nmodem2 5551234 "
-        + path("ports/modem2").toLocal8Bit() + "\nmodem3 103 " + path("ports/modem3").toLocal8Bit() + "\n";
+    runReady(
+        {QStringLiteral("--modems"), QStringLiteral("3"), QStringLiteral("--number"), QStringLiteral("2=555-12-34")});
+    const QByteArray listing = "modem1 101 " + path("ports/modem1").toLocal8Bit() + "\nmodem2 5551234 " +
+                               path("ports/modem2").toLocal8Bit() + "\nmodem3 103 " +
+                               path("ports/modem3").toLocal8Bit() + "\n";
     EXPECT_EQ(fileText(path("ready")), listing);
     EXPECT_TRUE(expectOutput(listing));
     EXPECT_TRUE(QFileInfo(path("ports/modem3")).isSymLink());
@@ -253,12 +281,14 @@ TEST_F(PhoneCallTest, CarriesTellsAndCounts)
     EXPECT_TRUE(expectOutput("modem1 DTR dropped\n"));
     EXPECT_TRUE(expectOutput("call 1 ended: modem1 hung up\n"));
     EXPECT_TRUE(command("stats", "call 1: modem1 -> modem2 (102), connected after "));
-    EXPECT_TRUE(expectOutput(": modem1 hung up\n  forward  at 57600 bit/s: 16 bytes carried, 16 delivered, 0 lost, busy 0.003 s"));
+    EXPECT_TRUE(expectOutput(
+        ": modem1 hung up\n  forward  at 57600 bit/s: 16 bytes carried, 16 delivered, 0 lost, busy 0.003 s"));
 
     process.write("quit\n");
     ASSERT_TRUE(ended());
     EXPECT_TRUE(expectOutput("calls: 1\n"));
-    const QJsonArray calls = QJsonDocument::fromJson(fileText(path("stats.json"))).object().value(QStringLiteral("calls")).toArray();
+    const QJsonArray calls =
+        QJsonDocument::fromJson(fileText(path("stats.json"))).object().value(QStringLiteral("calls")).toArray();
     ASSERT_EQ(calls.size(), 1);
     const QJsonObject call = calls.first().toObject();
     EXPECT_EQ(call.value(QStringLiteral("call")).toInt(), 1);
@@ -311,7 +341,8 @@ TEST_F(PhoneCallTest, CommandsOnStandardInputAndTheSocket)
         }
         return got;
     };
-    EXPECT_EQ(ask("drop 1\nwrong\n", "are\n"), QByteArray("ok\nerror: there is no command 'wrong'; write help for those there are\n"));
+    EXPECT_EQ(ask("drop 1\nwrong\n", "are\n"),
+              QByteArray("ok\nerror: there is no command 'wrong'; write help for those there are\n"));
     EXPECT_TRUE(expect(first, fromFirst, "NO CARRIER\r\n"));
     EXPECT_TRUE(expect(second, fromSecond, "NO CARRIER\r\n"));
     EXPECT_EQ(ask("unplug 2\n", "\n"), QByteArray("ok\n"));
@@ -323,7 +354,8 @@ TEST_F(PhoneCallTest, CommandsOnStandardInputAndTheSocket)
     rival.start(QStringLiteral(PHONE_EXCHANGE), {QStringLiteral("--control"), path("control")});
     ASSERT_TRUE(waitFor([&] { return rival.state() == QProcess::NotRunning; }));
     EXPECT_EQ(rival.exitCode(), 1);
-    EXPECT_TRUE(rival.readAllStandardError().startsWith("phone-exchange: another process listens on the control socket "));
+    EXPECT_TRUE(
+        rival.readAllStandardError().startsWith("phone-exchange: another process listens on the control socket "));
     EXPECT_EQ(ask("quit\n", "ok\n"), QByteArray("ok\n"));
     ::close(fd);
     ASSERT_TRUE(ended());
@@ -350,7 +382,8 @@ TEST_F(PhoneCallTest, AProgramPreloadsItsLines)
         seen += probe.readAllStandardOutput();
         return seen.count('\n') == 2 || probe.state() == QProcess::NotRunning;
     }));
-    EXPECT_EQ(seen, QByteArray("lines DTR DSR DCD\nwritten 300 waiting 300 ready 0\n")) << probe.readAllStandardError().constData();
+    EXPECT_EQ(seen, QByteArray("lines DTR DSR DCD\nwritten 300 waiting 300 ready 0\n"))
+        << probe.readAllStandardError().constData();
     EXPECT_EQ(endpoint.programLines(), sim::LineDtr);
     EXPECT_EQ(endpoint.bytesFromProgram(), 300);
     probe.write("\n");

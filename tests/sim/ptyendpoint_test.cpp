@@ -191,11 +191,17 @@ TEST_F(PtyEndpointTest, BytesPassBothWaysUnchanged)
         all.append(static_cast<char>(i));
     ASSERT_EQ(port.write(all), all.size());
     QByteArray seen;
-    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= all.size(); }));
+    ASSERT_TRUE(waitFor([&] {
+        seen += endpoint.read();
+        return seen.size() >= all.size();
+    }));
     EXPECT_EQ(seen, all);
     ASSERT_EQ(endpoint.write(all), all.size());
     seen.clear();
-    ASSERT_TRUE(waitFor([&] { seen += port.readAll(); return seen.size() >= all.size(); }));
+    ASSERT_TRUE(waitFor([&] {
+        seen += port.readAll();
+        return seen.size() >= all.size();
+    }));
     EXPECT_EQ(seen, all);
 }
 
@@ -205,7 +211,10 @@ TEST_F(PtyEndpointTest, BytesWrittenBeforeThePortIsConfiguredAreNeitherEchoedNor
     const int fd = openFd(endpoint);
     ASSERT_EQ(::write(fd, "AT\r\n\x03", 5), 5);
     QByteArray seen;
-    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 5; }));
+    ASSERT_TRUE(waitFor([&] {
+        seen += endpoint.read();
+        return seen.size() >= 5;
+    }));
     EXPECT_EQ(seen, QByteArray("AT\r\n\x03"));
     ASSERT_EQ(endpoint.write("\r\nOK\r\n"), 6);
     ASSERT_EQ(pollFor(fd, POLLIN, testsupport::defaultDeadlineMs), POLLIN);
@@ -223,7 +232,10 @@ TEST_F(PtyEndpointTest, TheMasterSurvivesTheProgramsCloseAndReopen)
         ASSERT_TRUE(open(port, endpoint));
         ASSERT_EQ(port.write("AT\r"), 3);
         QByteArray seen;
-        ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 3; }));
+        ASSERT_TRUE(waitFor([&] {
+            seen += endpoint.read();
+            return seen.size() >= 3;
+        }));
         EXPECT_EQ(seen, QByteArray("AT\r"));
         port.close();
     }
@@ -254,7 +266,10 @@ TEST_F(PtyEndpointTest, WriteStopsAtTheDepth)
     EXPECT_EQ(pollFor(fd, POLLOUT, 0), 0);
 
     QByteArray seen;
-    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(100 - seen.size()); return seen.size() == 100; }));
+    ASSERT_TRUE(waitFor([&] {
+        seen += endpoint.read(100 - seen.size());
+        return seen.size() == 100;
+    }));
     EXPECT_EQ(outQueue(fd), 3996);
     EXPECT_EQ(pollFor(fd, POLLOUT, 0), POLLOUT);
     EXPECT_EQ(writeFill(fd, 10000), 100);
@@ -283,7 +298,10 @@ TEST_F(PtyEndpointTest, WritevStopsAtTheDepth)
     EXPECT_EQ(::writev(fd, parts, 2), 6);
     EXPECT_EQ(::writev(fd, parts, 2), -1);
     QByteArray seen;
-    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 6; }));
+    ASSERT_TRUE(waitFor([&] {
+        seen += endpoint.read();
+        return seen.size() >= 6;
+    }));
     EXPECT_EQ(seen, QByteArray("abcdef"));
 }
 
@@ -377,7 +395,10 @@ TEST_F(PtyEndpointTest, QSerialPortKeepsTheRestForLater)
         QCoreApplication::processEvents();
     EXPECT_EQ(endpoint.bytesFromProgram(), 4096);
     QByteArray seen;
-    EXPECT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 10000; }));
+    EXPECT_TRUE(waitFor([&] {
+        seen += endpoint.read();
+        return seen.size() >= 10000;
+    }));
     EXPECT_EQ(seen, block);
     EXPECT_EQ(port.bytesToWrite(), 0);
     EXPECT_EQ(port.error(), QSerialPort::NoError);
@@ -409,7 +430,10 @@ TEST_F(PtyEndpointTest, FlushedOutputIsNeverSent)
     EXPECT_EQ(endpoint.bytesFromProgram(), 0);
     ASSERT_EQ(port.write("AT\r"), 3);
     QByteArray seen;
-    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 3; }));
+    ASSERT_TRUE(waitFor([&] {
+        seen += endpoint.read();
+        return seen.size() >= 3;
+    }));
     EXPECT_EQ(seen, QByteArray("AT\r"));
     EXPECT_EQ(endpoint.bytesFromProgram(), 0);
 }
@@ -528,7 +552,10 @@ TEST_F(PtyEndpointTest, BytesOfAProgramThatIsNotCountedDoNotOpenMoreRoom)
     // A write that goes round the object, as a foreign program's does.
     ASSERT_EQ(std::system(("printf hello > " + endpoint.portPath().toStdString()).c_str()), 0);
     QByteArray seen;
-    ASSERT_TRUE(waitFor([&] { seen += endpoint.read(); return seen.size() >= 5; }));
+    ASSERT_TRUE(waitFor([&] {
+        seen += endpoint.read();
+        return seen.size() >= 5;
+    }));
     EXPECT_EQ(writeFill(fd, 9000), 4096);
 }
 
