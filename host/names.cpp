@@ -94,8 +94,16 @@ QString safeFileName(const QString& name)
 QString displayName(const QString& name)
 {
     QString shown;
-    for (const uint character : name.toUcs4())
-        shown += isTreacherous(character) ? QStringLiteral("\uFFFD") : fromCharacter(character);
+    for (const uint character : name.toUcs4()) {
+        if (character == '\r')
+            shown += QStringLiteral("\\r");
+        else if (character == '\n')
+            shown += QStringLiteral("\\n");
+        else if (character == '\t')
+            shown += QStringLiteral("\\t");
+        else
+            shown += isTreacherous(character) ? QStringLiteral("\uFFFD") : fromCharacter(character);
+    }
     return shown;
 }
 

@@ -19,7 +19,8 @@ namespace host {
 [[nodiscard]] QString safeFileName(const QString& name);
 constexpr int maxSafeNameBytes = 240; // file systems allow 255; side files need a few
 
-// name for a terminal or a log line: control and direction characters replaced.
+// name for a terminal or a log line: \r, \n and \t written out, other control characters and
+// direction characters replaced.
 [[nodiscard]] QString displayName(const QString& name);
 
 // File names and arguments are UTF-8, whatever the locale of the environment: in the "C"

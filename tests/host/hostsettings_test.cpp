@@ -98,7 +98,7 @@ TEST(HostJournal, WritesOneLineARecordAndGivesWayWhenLarge)
     journal.addRecord(1, QStringLiteral("ttyS0"), QStringLiteral("failed"));
     const QList<QByteArray> lines = readAll(path).split('\n');
     ASSERT_EQ(lines.size(), 3);
-    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" ttyS0: Входящий\uFFFDвызов").toUtf8())) << lines.at(0).constData();
+    EXPECT_TRUE(lines.at(0).endsWith(QStringLiteral(" ttyS0: Входящий\\nвызов").toUtf8())) << lines.at(0).constData();
     EXPECT_TRUE(lines.at(1).endsWith(" ERROR ttyS0: failed"));
     EXPECT_EQ(told, 2);
     for (int i = 0; i < 20; ++i)

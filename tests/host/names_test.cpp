@@ -65,4 +65,5 @@ TEST(AbonentNames, Validity)
 TEST(DisplayName, ShowsNoControlCharacters)
 {
     EXPECT_EQ(displayName(QStringLiteral("a\x1B[2Jb\u202Ec/д")), QStringLiteral("a\uFFFD[2Jb\uFFFDc/д"));
+    EXPECT_EQ(displayName(QStringLiteral("ATZ\r\n\t")), QStringLiteral("ATZ\\r\\n\\t"));
 }
