@@ -19,6 +19,7 @@ constexpr qint64 hashSliceBytes = 2 * 1024 * 1024; // hashed in one call of adva
 constexpr qint64 settledEveryMs = 5000;
 constexpr int maxStoredInFrame = 1000;
 constexpr int maxRetriesInSession = 1; // after a wrong hash
+constexpr int maxOutputBytes = 1024 * 1024; // a peer that makes us answer and takes no answers
 
 } // namespace
 
@@ -167,6 +168,8 @@ void Session::dispatch(const Frame& frame, qint64 nowMs)
         finish(false, QStringLiteral("the other side ended the session: %1").arg(reason));
         return;
     }
+    if (m_closingReason.isEmpty() && m_output.size() - m_outputPosition > maxOutputBytes)
+        m_closingReason = QStringLiteral("the other side takes no answers");
     if (!m_closingReason.isEmpty() && m_phase != Phase::Closing)
         close(m_closingReason, nowMs);
 }

@@ -888,6 +888,18 @@ TEST(SessionPeer, WrongHashIsRefusedAndForgotten)
     EXPECT_TRUE(pair.a.store.standing.empty());
 }
 
+TEST(SessionPeer, AnswersThatNobodyTakesDoNotPileUp)
+{
+    SessionPair pair(testsupport::seed());
+    Impostor peer(&pair.a);
+    pair.a.store.refuseBegin = true;
+    pair.a.store.beginRefusal.reason = QString(400, QLatin1Char('n'));
+    peer.sayHelloAndState();
+    for (int i = 0; i < 10000; ++i)
+        peer.say(FrameType::Offer, peer.offer(QByteArray()).encode());
+    peer.expectEnded(QStringLiteral("the other side takes no answers"));
+}
+
 TEST(SessionPeer, StateAfterStateIsAViolation)
 {
     SessionPair pair(testsupport::seed());
