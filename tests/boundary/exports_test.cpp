@@ -2,7 +2,6 @@
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QSet>
 
 #include <gtest/gtest.h>
 
@@ -20,8 +19,9 @@ QString outputOf(const QString& program, const QStringList& arguments)
 QStringList symbols(const QString& which)
 {
     QStringList names;
-    const QString output = outputOf(QStringLiteral(NM_PROGRAM), {QStringLiteral("-D"), which, QStringLiteral("--format=posix"),
-                                                         QStringLiteral(PLUGIN_FILE)});
+    const QString output =
+        outputOf(QStringLiteral(NM_PROGRAM),
+                 {QStringLiteral("-D"), which, QStringLiteral("--format=posix"), QStringLiteral(PLUGIN_FILE)});
     for (const QString& line : output.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
         names.append(line.section(QLatin1Char(' '), 0, 0).section(QLatin1Char('@'), 0, 0));
     names.sort();
@@ -77,8 +77,8 @@ TEST(Exports, SonameAndNeededLibraries)
     EXPECT_EQ(soname.match(dynamic).captured(1), QStringLiteral("libtransportCom.so.1"));
 
     // Qt's two libraries, the compiler's and the system's; the sanitizers bring their own.
-    const QRegularExpression known(QStringLiteral(
-        "^(libQt5Core|libQt5SerialPort|libstdc\\+\\+|libm|libgcc_s|libc|libpthread|ld-linux-x86-64|libasan|libubsan|libtsan)\\.so"));
+    const QRegularExpression known(QStringLiteral("^(libQt5Core|libQt5SerialPort|libstdc\\+\\+|libm|libgcc_s|libc|"
+                                                  "libpthread|ld-linux-x86-64|libasan|libubsan|libtsan)\\.so"));
     const QRegularExpression needed(QStringLiteral("\\(NEEDED\\)[^\\[]*\\[([^\\]]*)\\]"));
     int found = 0;
     for (auto it = needed.globalMatch(dynamic); it.hasNext(); ++found) {

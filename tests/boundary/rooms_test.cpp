@@ -2,9 +2,7 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-#include <QMap>
 #include <QRegularExpression>
-#include <QSet>
 
 #include <gtest/gtest.h>
 
