@@ -1,0 +1,376 @@
+#include "tests/soak/linkrun.h"
+
+#include <algorithm>
+#include <deque>
+#include <memory>
+
+#include <QCoreApplication>
+#include <QSerialPort>
+
+#include "com/ccomchannel.h"
+#include "com/ccomsettings.h"
+#include "plugin/cabstractchannelsstate.h"
+#include "tests/soak/checks.h"
+#include "tests/soak/plainpeer.h"
+#include "tests/soak/wire.h"
+
+namespace soak {
+
+namespace {
+
+constexpr std::int64_t heartbeatNs = nsPerS;
+constexpr std::int64_t memoryCheckNs = 60 * nsPerS;
+constexpr std::size_t memoryBaseBytes = 6 << 20;
+constexpr int numbers = 256;
+
+// What a header that only looks like one makes a receiver wait for.
+constexpr std::int64_t longestPacketBytes = 65546;
+
+int blockSize(const ChannelSettings& settings)
+{
+    return std::max(1, std::min(settings.packetSize, settings.maxBytesToWrite) - 10);
+}
+
+// The stream from one end to the other: what was handed over, what became of it.
+class Stream
+{
+public:
+    Stream(int blockBytes, Checks* checks) : m_block(blockBytes), m_checks(checks) {}
+
+    void written(const std::string& bytes)
+    {
+        m_pending += bytes;
+        m_written += bytes.size();
+        for (std::size_t from = 0; from < bytes.size(); from += m_block)
+            m_packets.push_back({bytes.substr(from, m_block), false});
+    }
+
+    // A packet that reached the other port whole.
+    void arrived(const WirePacket& packet)
+    {
+        // The latest of that number first: the stream is far past the others.
+        for (std::size_t i = m_packets.size(); i > 0; --i) {
+            Packet& sent = m_packets[i - 1];
+            if (static_cast<std::uint8_t>(m_firstPacket + i) != packet.number || sent.payload != packet.payload)
+                continue;
+            m_arrived += sent.arrived ? 0 : sent.payload.size();
+            sent.arrived = true;
+            return;
+        }
+    }
+
+    void confirmed(int bytes) { m_confirmed += static_cast<std::uint64_t>(bytes); }
+    void reportedDelivered(int bytes) { m_reported += static_cast<std::uint64_t>(bytes); }
+
+    void delivered(const QByteArray& bytes)
+    {
+        const auto size = static_cast<std::size_t>(bytes.size());
+        if (size > m_pending.size() || m_pending.compare(0, size, bytes.constData(), size) != 0)
+            m_checks->violation("delivered is not what was sent, within " + std::to_string(size) + " bytes from " +
+                                std::to_string(m_delivered) + " of " + std::to_string(m_written));
+        m_pending.erase(0, size);
+        m_delivered += size;
+        if (size > 0)
+            m_deliveredAtNs = nowNs();
+    }
+
+    void check()
+    {
+        if (m_confirmed > m_arrived)
+            m_checks->violation("confirmed " + std::to_string(m_confirmed) + " bytes of which only " +
+                                std::to_string(m_arrived) + " arrived");
+        if (m_reported < m_delivered)
+            m_checks->violation("delivered " + std::to_string(m_delivered) + " bytes but reported only " +
+                                std::to_string(m_reported));
+        forgetOld();
+    }
+
+    std::uint64_t written() const { return m_written; }
+    std::uint64_t delivered() const { return m_delivered; }
+    std::uint64_t confirmedBytes() const { return m_confirmed; }
+    std::int64_t standsStillSince() const { return m_delivered == m_written ? nowNs() : m_deliveredAtNs; }
+    void startWatch() { m_deliveredAtNs = nowNs(); }
+
+private:
+    struct Packet
+    {
+        std::string payload;
+        bool arrived;
+    };
+
+    void forgetOld()
+    {
+        // More than once round the numbers: no repeat of these can come.
+        while (m_packets.size() > 3 * numbers && m_packets.front().arrived) {
+            m_packets.pop_front();
+            ++m_firstPacket;
+        }
+    }
+
+    std::size_t m_block;
+    Checks* m_checks;          // not owned
+    std::string m_pending;     // handed over and not delivered
+    std::deque<Packet> m_packets;
+    std::uint64_t m_firstPacket = 0;
+    std::uint64_t m_written = 0;
+    std::uint64_t m_arrived = 0;
+    std::uint64_t m_confirmed = 0;
+    std::uint64_t m_reported = 0;
+    std::uint64_t m_delivered = 0;
+    std::int64_t m_deliveredAtNs = 0;
+};
+
+class TrafficState : public CAbstractChannelsState
+{
+public:
+    TrafficState(Stream* sending, Stream* receiving) : m_sending(sending), m_receiving(receiving) {}
+    int addChannel(int, const QString&, const QString&) override { return 0; }
+    void removeChannel(int) override {}
+    void setState(int, const QString&) override {}
+    void addReceivedBytes(int, int bytes) override { m_receiving->reportedDelivered(bytes); }
+    void addSentBytes(int, int bytes) override { m_sending->confirmed(bytes); }
+
+private:
+    Stream* m_sending;   // not owned
+    Stream* m_receiving; // not owned
+};
+
+// One end: the port, the channel, and a host that reads and writes as its settings say.
+class End
+{
+public:
+    End(int end, const Scenario& scenario, Stream* sending, Stream* receiving, Checks* checks)
+        : m_scenario(scenario), m_settings(scenario.ends[end]), m_state(sending, receiving), m_sending(sending),
+          m_receiving(receiving), m_checks(checks), m_rng(scenario.seed * 16 + static_cast<std::uint64_t>(end) + 5)
+    {
+        m_port.setPortName(QString::fromStdString(Line::path(end)));
+        if (!m_port.open(QIODevice::ReadWrite))
+            checks->violation("the port does not open: " + m_port.errorString().toStdString());
+        if (scenario.plainPeer[end]) {
+            const ChannelSettings& c = scenario.channel;
+            m_channel = std::make_unique<PlainPeer>(&m_port, &m_state, end,
+                                                    PlainPeerSettings{c.packetSize, c.maxBytesToWrite, c.maxBytesInQueue,
+                                                                      c.resendIntervalMs, c.confirmationIntervalMs});
+        } else {
+            m_channel = std::make_unique<CComChannel>(&m_port, &m_state, end);
+        }
+    }
+
+    std::int64_t nextTurnNs() const { return m_nextTurnNs; }
+    void stopBulk() { m_bulkOver = true; }
+
+    void turn()
+    {
+        if (m_settings.runsEvents)
+            QCoreApplication::processEvents();
+        const QByteArray bytes = m_channel->read(m_settings.readSize);
+        m_receiving->delivered(bytes);
+        m_checks->note(static_cast<std::uint64_t>(nowNs()));
+        m_checks->note(static_cast<std::uint64_t>(bytes.size()));
+        if (!m_bulkOver)
+            writeBulk();
+        if (nowNs() >= m_nextHeartbeatNs && m_channel->idealBlockSize() > 0) {
+            write(static_cast<int>(std::min<std::int64_t>(m_rng.between(1, 24), m_scenario.channel.packetSize)));
+            m_nextHeartbeatNs = nowNs() + heartbeatNs;
+        }
+        const int waitMs = m_rng.chance(m_settings.pauseChance) ? static_cast<int>(m_rng.between(0, m_settings.pauseMs))
+                                                                : m_settings.periodMs;
+        m_nextTurnNs = nowNs() + waitMs * nsPerMs;
+    }
+
+private:
+    void write(int size)
+    {
+        const std::string bytes = makeContent(m_settings.content, static_cast<std::size_t>(size), m_rng);
+        m_sending->written(bytes);
+        m_channel->write(QByteArray(bytes.data(), size));
+    }
+
+    void writeBulk()
+    {
+        for (int writes = 0; writes < m_settings.writesPerTurn; ++writes) {
+            const int most = m_channel->idealBlockSize();
+            if (most <= 0)
+                return;
+            switch (m_settings.writing) {
+            case Writing::Bulk:
+                write(most);
+                break;
+            case Writing::Blocks:
+                write(blockSize(m_scenario.channel));
+                break;
+            case Writing::Small:
+                write(static_cast<int>(m_rng.between(1, std::min(40, most))));
+                break;
+            case Writing::Mixed:
+                write(static_cast<int>(m_rng.between(1, most)));
+                break;
+            case Writing::Chat:
+                if (m_rng.chance(0.02))
+                    write(static_cast<int>(m_rng.between(1, std::min(200, most))));
+                return;
+            case Writing::Quiet:
+                return;
+            }
+        }
+    }
+
+    const Scenario& m_scenario;
+    const EndSettings& m_settings;
+    TrafficState m_state;
+    QSerialPort m_port;
+    std::unique_ptr<CChannel> m_channel;
+    Stream* m_sending;   // not owned
+    Stream* m_receiving; // not owned
+    Checks* m_checks;    // not owned
+    Rng m_rng;
+    bool m_bulkOver = false;
+    std::int64_t m_nextTurnNs = 0;
+    std::int64_t m_nextHeartbeatNs = 0;
+};
+
+class LinkRun : private Line::Listener
+{
+public:
+    explicit LinkRun(const Scenario& scenario)
+        : m_scenario(scenario), m_line(scenario.line, scenario.seed),
+          m_streams{Stream(blockSize(scenario.channel), &m_checks), Stream(blockSize(scenario.channel), &m_checks)},
+          m_ends{End(0, scenario, &m_streams[0], &m_streams[1], &m_checks),
+                 End(1, scenario, &m_streams[1], &m_streams[0], &m_checks)}
+    {
+        m_line.setListener(this);
+    }
+
+    RunResult run()
+    {
+        for (const Phase& phase : m_scenario.phases) {
+            startPhase(phase);
+            const std::int64_t end = nowNs() + phase.durationNs;
+            while (nowNs() < end && !m_checks.failed())
+                step();
+        }
+        startPhase(Phase());
+        finish();
+        return result();
+    }
+
+private:
+    void bytesRead(int end, const char* data, std::size_t size) override
+    {
+        PacketCutter& cutter = m_cutters[end];
+        cutter.append(data, size);
+        WirePacket packet;
+        while (cutter.next(&packet)) {
+            if (packet.type == dataType)
+                m_streams[1 - end].arrived(packet);
+        }
+    }
+
+    void startPhase(const Phase& phase)
+    {
+        stepWallClock(phase.wallStepMs);
+        for (int end = 0; end < 2; ++end)
+            m_line.setFaults(end, phase.faults[end]);
+    }
+
+    void step()
+    {
+        End& end = m_ends[0].nextTurnNs() <= m_ends[1].nextTurnNs() ? m_ends[0] : m_ends[1];
+        sleepUntilNs(end.nextTurnNs());
+        end.turn();
+        for (Stream& stream : m_streams)
+            stream.check();
+        if (nowNs() >= m_nextMemoryCheckNs) {
+            m_checks.checkMemory(memoryBaseBytes + 8 * static_cast<std::size_t>(m_scenario.channel.maxBytesInQueue));
+            m_nextMemoryCheckNs = nowNs() + memoryCheckNs;
+        }
+    }
+
+    // Nothing goes wrong any more: what was sent must arrive, and be known to have.
+    void finish()
+    {
+        // Some more of the usual first: a stream that has lost its way shows it then.
+        const std::int64_t usualUntil = nowNs() + standstillLimitNs() / 4;
+        for (Stream& stream : m_streams)
+            stream.startWatch();
+        while (nowNs() < usualUntil && !m_checks.failed())
+            watchedStep();
+        for (End& end : m_ends)
+            end.stopBulk();
+        const std::array<std::uint64_t, 2> due = {m_streams[0].written(), m_streams[1].written()};
+        const std::int64_t deadline = nowNs() + 5 * standstillLimitNs();
+        while (!m_checks.failed() && !(isDone(0, due[0]) && isDone(1, due[1]))) {
+            watchedStep();
+            if (nowNs() > deadline)
+                m_checks.violation("not finished without faults: " + progress(0) + ", " + progress(1));
+        }
+    }
+
+    void watchedStep()
+    {
+        step();
+        for (int end = 0; end < 2; ++end) {
+            if (nowNs() - m_streams[end].standsStillSince() > standstillLimitNs())
+                m_checks.violation("stands still without faults: " + progress(end));
+        }
+    }
+
+    bool isDone(int end, std::uint64_t due) const
+    {
+        return m_streams[end].delivered() >= due && m_streams[end].confirmedBytes() >= due;
+    }
+
+    std::string progress(int end) const
+    {
+        return "from end " + std::to_string(end) + " written " + std::to_string(m_streams[end].written()) +
+               " delivered " + std::to_string(m_streams[end].delivered()) + " confirmed " +
+               std::to_string(m_streams[end].confirmedBytes());
+    }
+
+    // A receiver that took noise for a header waits for as much as a packet can hold, at
+    // the worst out of the little that the other end says while it gets no answer; and on
+    // a slow line the repeats of a whole queue stand in front of what is missing.
+    std::int64_t standstillLimitNs() const
+    {
+        const ChannelSettings& c = m_scenario.channel;
+        const std::int64_t bytes = longestPacketBytes + 4 * (m_scenario.line.driverDepth + c.maxBytesInQueue + c.packetSize);
+        const std::int64_t onLine = bytes * 10 * nsPerS / m_scenario.line.bitsPerSecond;
+        const std::int64_t repeats = 60 * std::int64_t(c.resendIntervalMs) * nsPerMs;
+        return 300 * nsPerS + 4 * onLine + repeats + 20 * m_scenario.line.delayNs;
+    }
+
+    RunResult result()
+    {
+        RunResult result;
+        result.violations = m_checks.violations();
+        result.virtualNs = nowNs();
+        for (int end = 0; end < 2; ++end) {
+            result.bytesDelivered += m_streams[end].delivered();
+            result.bytesCarried += m_line.from(end).bytesCarried();
+            result.faults += m_line.from(end).faultsMade();
+        }
+        result.digest = m_checks.digest();
+        return result;
+    }
+
+    const Scenario& m_scenario;
+    Checks m_checks;
+    Line m_line;
+    std::array<Stream, 2> m_streams;
+    std::array<End, 2> m_ends;
+    std::array<PacketCutter, 2> m_cutters;
+    std::int64_t m_nextMemoryCheckNs = 0;
+};
+
+} // namespace
+
+RunResult runLink(const Scenario& scenario)
+{
+    ChannelComSettings settings;
+    settings.packetSize = scenario.channel.packetSize;
+    setCurrentComSettings(settings);
+    LinkRun run(scenario);
+    return run.run();
+}
+
+} // namespace soak

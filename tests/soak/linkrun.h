@@ -1,0 +1,26 @@
+// One run of two link channels over a simulated line, with everything that must hold
+// looked at after every step.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/soak/scenario.h"
+
+namespace soak {
+
+struct RunResult
+{
+    std::vector<std::string> violations; // what was expected to hold and did not, with the time
+    std::int64_t virtualNs = 0;
+    std::uint64_t bytesDelivered = 0; // payload, both ways
+    std::uint64_t bytesCarried = 0;   // on the line, both ways
+    std::uint64_t faults = 0;
+    std::uint64_t connections = 1;
+    std::uint64_t digest = 0; // of what happened and when: the same for the same seed
+};
+
+RunResult runLink(const Scenario& scenario);
+
+} // namespace soak

@@ -1,0 +1,14 @@
+// A run in the process at hand, told to whoever started it.
+#pragma once
+
+#include <cstdint>
+
+#include "tests/soak/scenario.h"
+
+namespace soak {
+
+// Runs the scenario in this process (whose settings it takes as they stand), prints one
+// line of figures and one for each violation to standard output. True: no violation.
+bool runAndReport(const Scenario& scenario);
+
+} // namespace soak

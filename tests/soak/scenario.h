@@ -1,0 +1,78 @@
+// What one run does, drawn from a seed: the line, what goes wrong on it and when, how the
+// two ends behave, and the settings of the channel.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/soak/line.h"
+
+namespace soak {
+
+// Which pair talks, and through what.
+enum class Kind {
+    Link,         // two of our channels, bytes handed over by a plain driver
+    LinkToPlain,  // ours and a peer without our safeguards, on a line that loses nothing
+    Session,      // two sessions over our channels
+    SessionToPlain, // two sessions, one over a peer without our safeguards
+};
+
+constexpr std::array<Kind, 4> allKinds = {Kind::Link, Kind::LinkToPlain, Kind::Session, Kind::SessionToPlain};
+const char* kindName(Kind kind);
+
+struct ChannelSettings
+{
+    int packetSize = 1024;
+    int maxBytesToWrite = 1024;
+    int maxBytesInQueue = 10240;
+    int resendIntervalMs = 2000;
+    int confirmationIntervalMs = 500;
+};
+
+enum class Content { Random, Zeros, StartSymbols, Escapes, Headers, Packets };
+enum class Writing { Bulk, Blocks, Small, Mixed, Chat, Quiet };
+
+struct EndSettings
+{
+    int periodMs = 10;      // how often the host reads
+    double pauseChance = 0; // of a pause instead of a period
+    int pauseMs = 0;        // at most
+    Writing writing = Writing::Bulk;
+    Content content = Content::Random;
+    int writesPerTurn = 1;
+    int readSize = 65536;
+    bool runsEvents = false; // whether the event loop gets a turn beside the reads
+};
+
+struct Phase
+{
+    std::int64_t durationNs = 0;
+    std::array<Faults, 2> faults; // of the direction that starts at that end
+    std::int64_t wallStepMs = 0;  // at its beginning
+};
+
+struct Scenario
+{
+    std::uint64_t seed = 0;
+    Kind kind = Kind::Link;
+    LineSettings line;
+    ChannelSettings channel;
+    std::array<EndSettings, 2> ends;
+    std::array<bool, 2> plainPeer{}; // whether that end is a peer without our safeguards
+    std::vector<Phase> phases; // all with faults; the one without comes behind them
+
+    // Sessions only: what is to be sent each way.
+    std::array<std::vector<int>, 2> fileSizes;
+};
+
+Scenario makeScenario(Kind kind, std::uint64_t seed);
+
+// One line, for reports.
+std::string describe(const Scenario& scenario);
+
+// The next bytes of a stream or a file of that content.
+std::string makeContent(Content content, std::size_t size, Rng& rng);
+
+} // namespace soak
