@@ -10,6 +10,14 @@
 
 namespace soak {
 
+// A serial port keeps what comes while a channel writes in pieces of 32 KiB each, however
+// few bytes came, until the channel reads next: a long round of packets takes tens of
+// megabytes for a second.
+constexpr std::size_t mostMemoryBytes = 128 << 20;
+
+// What may stay at the end of a run, beside what the queues hold.
+constexpr std::size_t memoryLeftBytes = 4 << 20;
+
 class Checks
 {
 public:

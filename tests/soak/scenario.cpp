@@ -55,7 +55,7 @@ EndSettings makeEnd(Rng& rng)
     end.content = rng.oneOf({Content::Random, Content::Random, Content::Zeros, Content::StartSymbols,
                              Content::Escapes, Content::Headers});
     end.writesPerTurn = rng.oneOf({1, 1, 4, 150});
-    end.readSize = rng.chance(0.8) ? 65536 : static_cast<int>(rng.logBetween(16, 4096));
+    end.readSize = rng.chance(0.8) ? 65536 : static_cast<int>(rng.logBetween(256, 4096));
     end.runsEvents = rng.chance(0.3);
     return end;
 }
@@ -109,18 +109,19 @@ Phase makePhase(Kind kind, const LineSettings& line, Rng& rng)
     return phase;
 }
 
+std::vector<int> makeFiles(double bytesPerSecond, Rng& rng)
+{
+    constexpr double longestS = 200; // for one file
+    constexpr double largest = 1 << 20;
+    std::vector<int> sizes;
+    for (std::int64_t count = rng.between(0, 3); count > 0; --count)
+        sizes.push_back(rng.chance(0.1) ? 0 : static_cast<int>(rng.logBetween(1, 2 + std::min(largest, bytesPerSecond * longestS))));
+    return sizes;
+}
+
 bool isSession(Kind kind)
 {
     return kind == Kind::Session || kind == Kind::SessionToPlain;
-}
-
-std::vector<int> makeFiles(const LineSettings& line, Rng& rng)
-{
-    std::vector<int> sizes;
-    const double largest = std::min(2e6, line.bitsPerSecond / 10.0 * 300);
-    for (std::int64_t count = rng.between(0, 6); count > 0; --count)
-        sizes.push_back(rng.chance(0.1) ? 0 : static_cast<int>(rng.logBetween(1, largest)));
-    return sizes;
 }
 
 const char* name(Writing writing)
@@ -181,10 +182,33 @@ Scenario makeScenario(Kind kind, std::uint64_t seed)
     for (std::int64_t count = rng.between(1, 5); count > 0; --count)
         scenario.phases.push_back(makePhase(kind, scenario.line, rng));
     if (isSession(kind)) {
-        for (auto& sizes : scenario.fileSizes)
-            sizes = makeFiles(scenario.line, rng);
+        for (Phase& phase : scenario.phases) {
+            if (rng.chance(0.4))
+                phase.longestCallNs = static_cast<std::int64_t>(rng.logBetween(5, 600)) * nsPerS;
+            for (auto& sizes : phase.fileSizes)
+                sizes = makeFiles(slowestGoodput(scenario), rng);
+        }
     }
     return scenario;
+}
+
+int blockSize(const ChannelSettings& settings)
+{
+    return std::max(1, std::min(settings.packetSize, settings.maxBytesToWrite) - 10);
+}
+
+double slowestGoodput(const Scenario& scenario)
+{
+    constexpr double packetOverhead = 11;
+    constexpr double timesOnSlowLine = 20;
+    const ChannelSettings& c = scenario.channel;
+    const double block = blockSize(c);
+    const double onLine = scenario.line.bitsPerSecond / 10.0 * block / (block + packetOverhead) / timesOnSlowLine;
+    const double window = std::min<double>(c.maxBytesInQueue, 100 * block) + block;
+    const double slowestTurnMs = 2.0 * std::max(scenario.ends[0].periodMs, scenario.ends[1].periodMs);
+    const double roundTripS = 2 * static_cast<double>(scenario.line.delayNs) / nsPerS + c.confirmationIntervalMs / 1000.0 +
+                              slowestTurnMs / 1000 + 1;
+    return std::min(onLine, window / roundTripS / 4);
 }
 
 std::string describe(const Scenario& scenario)

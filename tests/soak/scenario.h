@@ -51,6 +51,10 @@ struct Phase
     std::int64_t durationNs = 0;
     std::array<Faults, 2> faults; // of the direction that starts at that end
     std::int64_t wallStepMs = 0;  // at its beginning
+
+    // Sessions only.
+    std::int64_t longestCallNs = never;            // then the carrier drops
+    std::array<std::vector<int>, 2> fileSizes; // queued at its beginning, to be sent from that end
 };
 
 struct Scenario
@@ -62,10 +66,14 @@ struct Scenario
     std::array<EndSettings, 2> ends;
     std::array<bool, 2> plainPeer{}; // whether that end is a peer without our safeguards
     std::vector<Phase> phases; // all with faults; the one without comes behind them
-
-    // Sessions only: what is to be sent each way.
-    std::array<std::vector<int>, 2> fileSizes;
 };
+
+// Payload bytes of a full packet.
+int blockSize(const ChannelSettings& settings);
+
+// What of the line's rate a stream can count on at the least, in bytes a second: a window
+// of a queue for each round trip, and on a slow line one packet in many that is no repeat.
+double slowestGoodput(const Scenario& scenario);
 
 Scenario makeScenario(Kind kind, std::uint64_t seed);
 

@@ -1,10 +1,344 @@
 #include "tests/soak/sessionrun.h"
 
+#include <algorithm>
+#include <map>
+#include <memory>
+
+#include <QCoreApplication>
+#include <QSerialPort>
+
+#include "com/ccomchannel.h"
+#include "com/ccomsettings.h"
+#include "host/session.h"
+#include "plugin/cabstractchannelsstate.h"
+#include "tests/host/memorystore.h"
+#include "tests/soak/checks.h"
+#include "tests/soak/plainpeer.h"
+
 namespace soak {
 
-RunResult runSessions(const Scenario&)
+namespace {
+
+constexpr std::int64_t hangUpNs = 3 * nsPerS; // from the end of a session to the next call
+constexpr std::int64_t longestPauseNs = 30 * nsPerS;
+constexpr std::int64_t memoryCheckNs = 60 * nsPerS;
+
+qint64 steadyMs()
 {
-    return RunResult();
+    return nowNs() / nsPerMs;
+}
+
+class SilentState : public CAbstractChannelsState
+{
+public:
+    int addChannel(int, const QString&, const QString&) override { return 0; }
+    void removeChannel(int) override {}
+    void setState(int, const QString&) override {}
+    void addReceivedBytes(int, int) override {}
+    void addSentBytes(int, int) override {}
+};
+
+// All files of a run, as they were when they were queued.
+using Originals = std::map<quint64, QByteArray>;
+
+// One installation: its messages, its port, and the session of the call at hand.
+class Site
+{
+public:
+    Site(int end, const Scenario& scenario, const Originals* originals, Checks* checks)
+        : m_end(end), m_scenario(scenario), m_settings(scenario.ends[end]), m_originals(originals), m_checks(checks),
+          m_rng(scenario.seed * 16 + static_cast<std::uint64_t>(end) + 7)
+    {
+        m_port.setPortName(QString::fromStdString(Line::path(end)));
+        if (!m_port.open(QIODevice::ReadWrite))
+            checks->violation("the port does not open: " + m_port.errorString().toStdString());
+    }
+
+    hosttest::MemoryStore store;
+
+    void setOther(const Site* other) { m_other = other; }
+
+    void beginCall()
+    {
+        m_port.clear();
+        if (m_scenario.plainPeer[m_end]) {
+            const ChannelSettings& c = m_scenario.channel;
+            m_channel = std::make_unique<PlainPeer>(&m_port, &m_state, m_end,
+                                                    PlainPeerSettings{c.packetSize, c.maxBytesToWrite, c.maxBytesInQueue,
+                                                                      c.resendIntervalMs, c.confirmationIntervalMs});
+        } else {
+            m_channel = std::make_unique<CComChannel>(&m_port, &m_state, m_end);
+        }
+        host::SessionSettings settings;
+        settings.abonentName = QString::number(m_end);
+        settings.installationId = QByteArray(host::installationIdBytes, static_cast<char>(m_end + 1));
+        m_session = std::make_unique<host::Session>(
+            settings, &store, [this](const host::SessionEvent& event) { onEvent(event); }, steadyMs());
+        m_nextTurnNs = nowNs();
+    }
+
+    void endCall()
+    {
+        if (m_session && !m_session->isFinished())
+            m_session->connectionLost();
+        m_session.reset();
+        m_channel.reset();
+    }
+
+    bool isInCall() const { return m_session && !m_session->isFinished(); }
+    std::int64_t nextTurnNs() const { return m_nextTurnNs; }
+
+    void turn()
+    {
+        if (m_settings.runsEvents)
+            QCoreApplication::processEvents();
+        for (bool isMore = true; isMore;) {
+            const QByteArray bytes = m_channel->read(m_settings.readSize);
+            m_checks->note(static_cast<std::uint64_t>(nowNs()));
+            m_checks->note(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+            m_session->receive(bytes, steadyMs());
+            isMore = bytes.size() == m_settings.readSize;
+        }
+        m_session->advance(steadyMs());
+        const int block = blockSize(m_scenario.channel);
+        for (int most = m_channel->idealBlockSize(); most > 0; most = m_channel->idealBlockSize()) {
+            const QByteArray output = m_session->takeOutput(std::min(most, block), steadyMs());
+            if (output.isEmpty())
+                break;
+            m_channel->write(output);
+        }
+        if (!m_channel->isConnected())
+            m_session->connectionLost();
+        const int waitMs = m_rng.chance(m_settings.pauseChance) ? static_cast<int>(m_rng.between(0, m_settings.pauseMs))
+                                                                : m_settings.periodMs;
+        m_nextTurnNs = nowNs() + waitMs * nsPerMs;
+    }
+
+    // Nothing arrived that was not sent, nothing twice.
+    void checkInbox()
+    {
+        for (; m_inboxChecked < store.inbox.size(); ++m_inboxChecked) {
+            const hosttest::InboxEntry& entry = store.inbox[m_inboxChecked];
+            const auto original = m_originals->find(entry.id);
+            if (original == m_originals->end() || original->second != entry.content)
+                m_checks->violation("a file was stored that is not what was sent: " + entry.fileName.toStdString());
+            if (++m_timesStored[entry.id] > 1)
+                m_checks->violation("a file was stored twice: " + entry.fileName.toStdString());
+            m_checks->note(entry.id);
+        }
+    }
+
+    std::uint64_t bytesStored() const
+    {
+        std::uint64_t bytes = 0;
+        for (const hosttest::InboxEntry& entry : store.inbox)
+            bytes += static_cast<std::uint64_t>(entry.content.size());
+        return bytes;
+    }
+
+    QString endReason() const { return m_session ? m_session->endReason() : QString(); }
+
+private:
+    void onEvent(const host::SessionEvent& event)
+    {
+        if (event.kind != host::SessionEvent::Kind::FileDelivered)
+            return;
+        // The sender has been told that the other side has it whole.
+        const auto& inbox = m_other->store.inbox;
+        const auto isIt = [&](const hosttest::InboxEntry& entry) { return entry.id == event.messageId; };
+        const auto found = std::find_if(inbox.begin(), inbox.end(), isIt);
+        const auto original = m_originals->find(event.messageId);
+        if (found == inbox.end() || original == m_originals->end() || found->content != original->second)
+            m_checks->violation("reported delivered, but the other side does not have it: " + event.fileName.toStdString());
+    }
+
+    int m_end;
+    const Scenario& m_scenario;
+    const EndSettings& m_settings;
+    const Originals* m_originals; // not owned
+    const Site* m_other = nullptr; // not owned
+    Checks* m_checks;             // not owned
+    Rng m_rng;
+    SilentState m_state;
+    QSerialPort m_port;
+    std::unique_ptr<CChannel> m_channel;
+    std::unique_ptr<host::Session> m_session;
+    std::int64_t m_nextTurnNs = 0;
+    std::size_t m_inboxChecked = 0;
+    std::map<quint64, int> m_timesStored;
+};
+
+class SessionRun
+{
+public:
+    explicit SessionRun(const Scenario& scenario)
+        : m_scenario(scenario), m_line(scenario.line, scenario.seed),
+          m_sites{Site(0, scenario, &m_originals, &m_checks), Site(1, scenario, &m_originals, &m_checks)},
+          m_rng(scenario.seed * 16 + 11)
+    {
+        m_sites[0].setOther(&m_sites[1]);
+        m_sites[1].setOther(&m_sites[0]);
+    }
+
+    RunResult run()
+    {
+        for (const Phase& phase : m_scenario.phases) {
+            startPhase(phase);
+            const std::int64_t end = nowNs() + phase.durationNs;
+            while (nowNs() < end && !m_checks.failed())
+                step();
+        }
+        startPhase(Phase());
+        finish();
+        return result();
+    }
+
+private:
+    void startPhase(const Phase& phase)
+    {
+        stepWallClock(phase.wallStepMs);
+        m_longestCallNs = phase.longestCallNs;
+        for (int end = 0; end < 2; ++end) {
+            m_line.setFaults(end, phase.faults[end]);
+            for (const int size : phase.fileSizes[end])
+                queueFile(end, size);
+        }
+    }
+
+    void queueFile(int end, int size)
+    {
+        const std::string bytes = makeContent(m_scenario.ends[end].content, static_cast<std::size_t>(size), m_rng);
+        const QByteArray content(bytes.data(), static_cast<int>(bytes.size()));
+        const quint64 id = m_sites[end].store.queue(QString::number(m_originals.size()), content);
+        m_originals[id] = content;
+    }
+
+    bool isInCall() const { return m_sites[0].isInCall() && m_sites[1].isInCall(); }
+
+    void step()
+    {
+        if (!m_calling) {
+            sleepUntilNs(m_nextCallNs);
+            beginCall();
+        }
+        Site& site = m_sites[0].nextTurnNs() <= m_sites[1].nextTurnNs() ? m_sites[0] : m_sites[1];
+        sleepUntilNs(site.nextTurnNs());
+        site.turn();
+        site.checkInbox();
+        if (nowNs() - m_callBeganNs > m_longestCallNs || !isInCall())
+            endCall();
+        if (nowNs() >= m_nextMemoryCheckNs) {
+            m_checks.checkMemory(mostMemoryBytes);
+            m_nextMemoryCheckNs = nowNs() + memoryCheckNs;
+        }
+    }
+
+    void beginCall()
+    {
+        for (int end = 0; end < 2; ++end)
+            m_line.from(end).clear();
+        m_line.setCarrier(true);
+        for (Site& site : m_sites)
+            site.beginCall();
+        m_calling = true;
+        m_callBeganNs = nowNs();
+        ++m_connections;
+    }
+
+    // One side has hung up, or the carrier is gone: the other side learns it from the
+    // carrier, whatever it was doing.
+    void endCall()
+    {
+        m_line.setCarrier(false);
+        for (Site& site : m_sites) {
+            if (site.isInCall())
+                site.turn();
+            site.checkInbox();
+        }
+        for (Site& site : m_sites) {
+            if (!site.endReason().isEmpty())
+                m_lastReason = site.endReason().toStdString();
+            site.endCall();
+        }
+        m_calling = false;
+        m_nextCallNs = nowNs() + hangUpNs + static_cast<std::int64_t>(m_rng.below(longestPauseNs));
+    }
+
+    bool isDone() const { return m_sites[0].store.outgoing.empty() && m_sites[1].store.outgoing.empty(); }
+
+    std::int64_t bytesQueued() const
+    {
+        std::int64_t bytes = 0;
+        for (const Site& site : m_sites) {
+            for (const auto& entry : site.store.outgoing)
+                bytes += entry.content.size();
+        }
+        return bytes;
+    }
+
+    // Nothing goes wrong any more: all files must arrive, and be known to have.
+    void finish()
+    {
+        const double seconds = 3600 + 4 * static_cast<double>(bytesQueued()) / slowestGoodput(m_scenario);
+        const std::int64_t deadline = nowNs() + static_cast<std::int64_t>(seconds) * nsPerS;
+        while (!m_checks.failed() && !isDone()) {
+            step();
+            if (nowNs() > deadline)
+                m_checks.violation("not finished without faults: " + std::to_string(bytesQueued()) +
+                                   " bytes left, connections " + std::to_string(m_connections) + ", the last ended with: " +
+                                   m_lastReason);
+        }
+        if (m_calling)
+            endCall();
+        for (const auto& [id, content] : m_originals) {
+            const auto isIt = [&, wanted = id](const hosttest::InboxEntry& entry) { return entry.id == wanted; };
+            int stored = 0;
+            for (const Site& site : m_sites)
+                stored += static_cast<int>(std::count_if(site.store.inbox.begin(), site.store.inbox.end(), isIt));
+            if (stored != 1 && !m_checks.failed())
+                m_checks.violation("a file was stored " + std::to_string(stored) + " times");
+        }
+    }
+
+    RunResult result()
+    {
+        RunResult result;
+        result.violations = m_checks.violations();
+        result.virtualNs = nowNs();
+        result.connections = m_connections;
+        for (int end = 0; end < 2; ++end) {
+            result.bytesDelivered += m_sites[end].bytesStored();
+            result.bytesCarried += m_line.from(end).bytesCarried();
+            result.faults += m_line.from(end).faultsMade();
+        }
+        result.digest = m_checks.digest();
+        return result;
+    }
+
+    const Scenario& m_scenario;
+    Checks m_checks;
+    Line m_line;
+    Originals m_originals;
+    std::array<Site, 2> m_sites;
+    Rng m_rng;
+    bool m_calling = false;
+    std::int64_t m_nextCallNs = 0;
+    std::int64_t m_callBeganNs = 0;
+    std::int64_t m_longestCallNs = never;
+    std::int64_t m_nextMemoryCheckNs = 0;
+    std::uint64_t m_connections = 0;
+    std::string m_lastReason;
+};
+
+} // namespace
+
+RunResult runSessions(const Scenario& scenario)
+{
+    ChannelComSettings settings;
+    settings.packetSize = scenario.channel.packetSize;
+    setCurrentComSettings(settings);
+    SessionRun run(scenario);
+    return run.run();
 }
 
 } // namespace soak

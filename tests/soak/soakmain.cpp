@@ -372,6 +372,7 @@ int main(int argc, char** argv)
         return soak::runAndReport(soak::makeScenario(kindNamed(argv[2]), number(argv[3]))) ? 0 : 1;
     const Options options = readOptions(argc, argv);
     Soak soakRuns(options);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::printf("seeds from %" PRIu64 " on\n", options.seed);
     if (!options.replay.empty()) {
         replay(soakRuns, options.replay);
