@@ -101,7 +101,9 @@ Faults makeFaults(Kind kind, const LineSettings& line, Rng& rng)
 Phase makePhase(Kind kind, const LineSettings& line, Rng& rng)
 {
     Phase phase;
-    phase.durationNs = static_cast<std::int64_t>(rng.logBetween(20, 900)) * nsPerS;
+    // A slow line needs longer for as many packets.
+    const int longer = line.bitsPerSecond <= 14400 ? 6 : 1;
+    phase.durationNs = longer * static_cast<std::int64_t>(rng.logBetween(20, 900)) * nsPerS;
     for (Faults& faults : phase.faults)
         faults = makeFaults(kind, line, rng);
     if (rng.chance(0.3))
@@ -246,8 +248,9 @@ std::string makeContent(Content content, std::size_t size, Rng& rng)
             bytes += rng.oneOf({"+++", "ATH\r\n", "\r\nOK\r\n", "\x11\x13", "\r\nNO CARRIER\r\n", "\x03\x1A\xFF"});
             break;
         case Content::Headers:
+            // Long ones are rare, since each costs a check over all that it claims.
             bytes += headerImage(static_cast<std::uint8_t>(rng.below(2)), static_cast<std::uint8_t>(rng.next()),
-                                 static_cast<std::uint16_t>(1 + rng.below(65535)));
+                                 static_cast<std::uint16_t>(1 + rng.below(rng.chance(0.02) ? 65535 : 2000)));
             break;
         case Content::Packets: {
             WirePacket packet;
