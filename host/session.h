@@ -32,7 +32,10 @@ struct SessionSettings
     QByteArray installationId;
 
     int heartbeatMs = 1000; // a silent side says Alive this often: it also frees packets held behind a gap
-    int silenceMs = 30000;  // nothing came for so long: the connection is dead
+    // Nothing came for so long: the connection is dead. On a line of 1200 bit/s a minute
+    // may well pass between two packets that bring anything new, since a driver full of
+    // repeats (4 KiB, 35 s) stands in front of them.
+    int silenceMs = 120000;
     int stallMs = 180000;   // acknowledgements are due and nothing but heartbeats came for so long
     int closingMs = 300;    // time for a last Stop frame to get out
     int lingerMs = 10000;   // the side that agreed to end waits for the other to hang up, at most so long,
