@@ -9,8 +9,6 @@ namespace soak {
 
 namespace {
 
-constexpr int maxBitsPerSecond = 921600;
-
 // How many packets may overtake a late one without its number coming to mean another
 // packet: a channel that loses no data has at most 111 numbers under way, a receiver
 // tells 136 apart.
@@ -20,7 +18,7 @@ constexpr int smallestPacketBytes = 12;
 LineSettings makeLine(Rng& rng)
 {
     LineSettings line;
-    line.bitsPerSecond = rng.oneOf({1200, 2400, 9600, 14400, 33600, 57600, 115200, 230400, 460800, maxBitsPerSecond});
+    line.bitsPerSecond = rng.oneOf({1200, 2400, 4800, 9600, 14400, 19200, 33600, 38400, 57600, 115200, 230400, 921600});
     line.delayNs = rng.chance(0.3) ? 0 : static_cast<std::int64_t>(rng.logBetween(1, 2000)) * nsPerMs;
     // Some milliseconds' worth of bytes, so that fast lines do not cost more than they show.
     const int perMs = line.bitsPerSecond / 10000;
@@ -52,8 +50,8 @@ EndSettings makeEnd(Rng& rng)
         end.pauseMs = static_cast<int>(rng.logBetween(100, 5000));
     }
     end.writing = rng.oneOf({Writing::Bulk, Writing::Blocks, Writing::Small, Writing::Mixed, Writing::Chat, Writing::Quiet});
-    end.content = rng.oneOf({Content::Random, Content::Random, Content::Zeros, Content::StartSymbols,
-                             Content::Escapes, Content::Headers});
+    end.content = rng.oneOf({Content::Random, Content::Random, Content::Random, Content::Random, Content::Zeros,
+                             Content::Zeros, Content::StartSymbols, Content::Escapes, Content::Escapes, Content::Headers});
     end.writesPerTurn = rng.oneOf({1, 1, 4, 150});
     end.readSize = rng.chance(0.8) ? 65536 : static_cast<int>(rng.logBetween(256, 4096));
     end.runsEvents = rng.chance(0.3);
@@ -250,7 +248,7 @@ std::string makeContent(Content content, std::size_t size, Rng& rng)
         case Content::Headers:
             // Long ones are rare, since each costs a check over all that it claims.
             bytes += headerImage(static_cast<std::uint8_t>(rng.below(2)), static_cast<std::uint8_t>(rng.next()),
-                                 static_cast<std::uint16_t>(1 + rng.below(rng.chance(0.02) ? 65535 : 2000)));
+                                 static_cast<std::uint16_t>(1 + rng.below(rng.chance(0.01) ? 65535 : 300)));
             break;
         case Content::Packets: {
             WirePacket packet;
