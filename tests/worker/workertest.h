@@ -17,7 +17,9 @@
 #include "tests/worker/scriptedsession.h"
 
 // Settings of the process, before anything reads them: lines such as
-// "transportComOpenInterval=100" of the group Details.
+// "transportComOpenInterval=100" of the group Details. Unless they say otherwise a modem has
+// 20 s to answer its check, so that a test on a busy machine may be late. A test that does
+// not call it gets just that.
 void writeDetails(const QStringList& lines);
 
 // A journal that also lets the test act at a certain record, in the thread that writes it.
@@ -55,6 +57,8 @@ protected:
     void start() { start(usualSettings()); }
     void start(const ComPortSettings& settings);
 
+    // Answers each "AT" until the line is free.
+    testing::AssertionResult answerChecks();
     // Switches the modem on, starts the worker and answers its "AT"; events so far are forgotten.
     void startFree() { startFree(usualSettings()); }
     void startFree(const ComPortSettings& settings);
