@@ -32,7 +32,7 @@ struct HostOptions
     int exitWhenReceived = -1;      // ends when so many messages were received; -1: does not matter
     qint64 timeoutMs = -1;          // gives up after so long; -1: never
     qint64 retryUnitMs = 1000;      // the unit in which the plug-in's rules count the pauses between calls
-    int silenceMs = 30000;          // a connection on which nothing comes for so long is dead
+    int silenceMs = SessionSettings().silenceMs; // a connection on which nothing comes for so long is dead
     bool keepConnections = false;   // connections stay when nothing is left to send
     bool knownAbonentsOnly = false; // others may not exchange messages
     bool placeCalls = true;
