@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QElapsedTimer>
@@ -51,6 +52,19 @@ bool renameFile(const QString& from, const QString& to, QString* error)
     return false;
 }
 
+// Where a file system cannot sync, as some on the network, the content is as safe as it gets there.
+bool syncToDisk(int descriptor, QString* error)
+{
+    int result = -1;
+    do {
+        result = ::fsync(descriptor);
+    } while (result != 0 && errno == EINTR);
+    if (result == 0 || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)
+        return true;
+    *error = lastSystemError();
+    return false;
+}
+
 // So that the renames themselves outlive a power failure. Some file systems cannot: then as well as
 // they can.
 void syncDirectoryOf(const QString& path)
@@ -66,6 +80,13 @@ void syncDirectoryOf(const QString& path)
 QString renameFailed(const QString& path)
 {
     return QStringLiteral("Не удалось переименовать файл %1").arg(path);
+}
+
+// That a look at path fails does not make it missing.
+bool isMissing(const QString& path)
+{
+    struct stat facts = {};
+    return ::stat(QFile::encodeName(path).constData(), &facts) != 0 && errno == ENOENT;
 }
 
 // A number of settings.ini that is read when it is first needed and then kept.
@@ -97,11 +118,13 @@ bool writeToDisk(QFile& file, const QByteArray& data, QString* error)
         *error = file.errorString();
         return false;
     }
-    if (::fsync(file.handle()) != 0) {
-        *error = lastSystemError();
-        return false;
-    }
-    return true;
+    return syncToDisk(file.handle(), error);
+}
+
+QString writingFailed(const QString& error)
+{
+    log(QStringLiteral("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. %1").arg(error));
+    return QStringLiteral("Не удалось записать все данные в файл за отведенное время. %1").arg(error);
 }
 
 QString putInFreePlace(const QString& path, const QString& newPath)
@@ -198,19 +221,19 @@ QString Global::safeSaving(const QString& path, const QByteArray& data)
     file.close();
     if (!file.remove())
         log(QStringLiteral("safeSaving failed 5. Не удалось удалить временный файл при ошибке записи. %1.").arg(file.errorString()));
-    log(QStringLiteral("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. %1").arg(error));
-    return QStringLiteral("Не удалось записать все данные в файл за отведенное время. %1").arg(error);
+    return writingFailed(error);
 }
 
 QString Global::safeSaving(const QString& path, const QString& newPath)
 {
-    // Whoever wrote the file may have left it in the system's memory.
+    // Whoever wrote the file may have left it in the system's memory. One that cannot be opened is
+    // left to the renames.
+    QString error;
     const int descriptor = ::open(QFile::encodeName(newPath).constData(), O_RDONLY | O_CLOEXEC);
-    if (descriptor >= 0) {
-        ::fsync(descriptor);
+    const bool isSynced = descriptor < 0 || syncToDisk(descriptor, &error);
+    if (descriptor >= 0)
         ::close(descriptor);
-    }
-    return swapIn(path, newPath);
+    return isSynced ? swapIn(path, newPath) : writingFailed(error);
 }
 
 QString Global::recoverSaving(const QString& path, bool* recovered)
@@ -218,7 +241,7 @@ QString Global::recoverSaving(const QString& path, bool* recovered)
     if (recovered)
         *recovered = false;
     const QString backupPath = backupPathOf(path);
-    if (QFile::exists(path) || !QFileInfo(backupPath).isFile())
+    if (!isMissing(path) || !QFileInfo(backupPath).isFile())
         return {};
     QString error;
     if (!renameFile(backupPath, path, &error)) {
@@ -287,8 +310,10 @@ bool Global::makePath(const QDir& dir)
         return false;
     }
     bool allSet = true;
-    for (const QString& directory : created)
+    for (const QString& directory : created) {
         allSet = setDirPermissions(directory, directory != path) && allSet;
+        syncDirectoryOf(directory);
+    }
     return allSet;
 }
 

@@ -23,10 +23,11 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using logtest::MessageRecorder;
 using testsupport::installRoot;
-using testsupport::StreamMessages;
 using testsupport::SystemCall;
 using testsupport::SystemCallWatch;
+using testsupport::taken;
 
 namespace {
 
@@ -200,11 +201,11 @@ TEST(EmergecyExit, IsAFlag)
 TEST(Access, CreatesTheDirectoryAndLeavesItEmpty)
 {
     const QString path = inRoot(QStringLiteral("a/b/c"));
-    StreamMessages messages;
+    MessageRecorder messages;
     EXPECT_TRUE(Global::checkAccess(QDir(path)));
     EXPECT_TRUE(QFileInfo(path).isDir());
     EXPECT_EQ(everythingIn(path), QStringList());
-    EXPECT_EQ(messages.take(), QStringList());
+    EXPECT_EQ(taken(messages), QStringList());
 }
 
 TEST(Access, ProbeHoldsFourBytesUntilItIsRemoved)
@@ -248,9 +249,9 @@ TEST(Access, DirectoryThatCannotBeMade)
 {
     putFile(inRoot(QStringLiteral("file")));
     const QString path = inRoot(QStringLiteral("file/below"));
-    StreamMessages messages;
+    MessageRecorder messages;
     EXPECT_FALSE(Global::checkAccess(QDir(path)));
-    EXPECT_EQ(messages.take(),
+    EXPECT_EQ(taken(messages),
               QStringList{QStringLiteral("warning: Global::checkAccess: Не удалось создать каталог \"%1\"").arg(path)});
 }
 
@@ -259,10 +260,10 @@ TEST(Access, DirectoryThatTakesNoFiles)
     const QString path = inRoot(QStringLiteral("readonly"));
     ASSERT_TRUE(QDir().mkpath(path));
     ASSERT_EQ(chmod(qPrintable(path), 0555), 0);
-    testsupport::obeyPermissions();
-    StreamMessages messages;
+    logtest::obeyPermissionBits();
+    MessageRecorder messages;
     EXPECT_FALSE(Global::checkAccess(QDir(path)));
-    EXPECT_EQ(messages.take(), QStringList());
+    EXPECT_EQ(taken(messages), QStringList());
 }
 
 TEST(Access, FullDiskTakesFilesAllTheSame)
@@ -278,7 +279,7 @@ TEST(Access, RemovalIsTriedTwice)
 {
     const QString path = inRoot(QStringLiteral("busy"));
     int removals = 0;
-    StreamMessages messages;
+    MessageRecorder messages;
     {
         const SystemCallWatch watch(path.toStdString(),
                                     [&](SystemCall& call) { return call.name == "unlink" && ++removals == 1 ? EBUSY : 0; });
@@ -286,7 +287,7 @@ TEST(Access, RemovalIsTriedTwice)
     }
     EXPECT_EQ(removals, 2);
     EXPECT_EQ(everythingIn(path), QStringList());
-    EXPECT_EQ(messages.take(), QStringList());
+    EXPECT_EQ(taken(messages), QStringList());
 }
 
 TEST(Access, ProbeThatCannotBeRemoved)
@@ -294,7 +295,7 @@ TEST(Access, ProbeThatCannotBeRemoved)
     const QString path = inRoot(QStringLiteral("busy"));
     QString probe;
     int removals = 0;
-    StreamMessages messages;
+    MessageRecorder messages;
     {
         const SystemCallWatch watch(path.toStdString(), [&](SystemCall& call) {
             if (call.name != "unlink")
@@ -306,7 +307,7 @@ TEST(Access, ProbeThatCannotBeRemoved)
         EXPECT_FALSE(Global::checkAccess(QDir(path)));
     }
     EXPECT_EQ(removals, 2);
-    EXPECT_EQ(messages.take(), QStringList{QStringLiteral("warning: Global::checkAccess: Не удалось удалить временный файл "
+    EXPECT_EQ(taken(messages), QStringList{QStringLiteral("warning: Global::checkAccess: Не удалось удалить временный файл "
                                                           "\"Device or resource busy\" \"%1\"")
                                                .arg(probe)});
 }
@@ -315,14 +316,14 @@ TEST(Access, ProbeThatCannotBeRemoved)
 TEST(Access, ProbeTakenAwayByAnotherCountsAsRemoved)
 {
     const QString path = inRoot(QStringLiteral("shared"));
-    StreamMessages messages;
+    MessageRecorder messages;
     const SystemCallWatch watch(path.toStdString(), [](SystemCall& call) {
         if (call.name == "unlink")
             syscall(SYS_unlinkat, AT_FDCWD, call.path.c_str(), 0);
         return 0;
     });
     EXPECT_TRUE(Global::checkAccess(QDir(path)));
-    EXPECT_EQ(messages.take(), QStringList());
+    EXPECT_EQ(taken(messages), QStringList());
 }
 
 TEST(Secrecy, CheckCreatesTheTreeOfTheLevel)
@@ -334,11 +335,11 @@ TEST(Secrecy, CheckCreatesTheTreeOfTheLevel)
 
 TEST(Secrecy, LowestLevelThatPasses)
 {
-    StreamMessages messages;
+    MessageRecorder messages;
     EXPECT_EQ(Global::currentSecrecy(), 0);
     // The levels above are left alone.
     EXPECT_EQ(everythingIn(inRoot(QStringLiteral("data"))), QStringList{QStringLiteral("0")});
-    EXPECT_EQ(messages.take(), QStringList());
+    EXPECT_EQ(taken(messages), QStringList());
     // Tested again by every call.
     for (int level = 0; level < 3; ++level) {
         const QString tree = inRoot(QStringLiteral("data/")) + QString::number(level);
@@ -356,7 +357,7 @@ TEST(Secrecy, RightsDecide)
     for (const char* tree : {"data/0", "data/1"})
         ASSERT_TRUE(QDir().mkpath(inRoot(QString::fromLatin1(tree))));
     ASSERT_EQ(chmod(qPrintable(inRoot(QStringLiteral("data/0"))), 0555), 0);
-    testsupport::obeyPermissions();
+    logtest::obeyPermissionBits();
     EXPECT_EQ(Global::currentSecrecy(), 1);
     ASSERT_EQ(chmod(qPrintable(inRoot(QStringLiteral("data/0"))), 0755), 0);
     EXPECT_EQ(Global::currentSecrecy(), 0);
@@ -371,10 +372,10 @@ TEST(Secrecy, NoLevelPasses)
             QStringLiteral("warning: Global::checkAccess: Не удалось создать каталог \"%1/%2\"").arg(inRoot(QStringLiteral("data"))).arg(level));
     }
     expected.append(QStringLiteral("critical: Global: Error! Can not get current secrecy level."));
-    StreamMessages messages;
+    MessageRecorder messages;
     for (int call = 0; call < 2; ++call) {
         EXPECT_EQ(Global::currentSecrecy(), 0);
-        EXPECT_EQ(messages.take(), expected);
+        EXPECT_EQ(taken(messages), expected);
     }
     // Nothing of it went to a log.
     EXPECT_EQ(everythingIn(installRoot()), (QStringList{QStringLiteral("bin"), QStringLiteral("data")}));

@@ -1,52 +1,22 @@
-// Collects what goes to the Qt message streams while it lives.
+// The recorded messages of all Qt streams in one list.
 #pragma once
 
-#include <QMutex>
-#include <QMutexLocker>
-#include <QStringList>
+#include "tests/common/logsupport.h"
 
 namespace testsupport {
 
-class StreamMessages
+// The messages since the last look, as "warning: text", in order; a category other than the
+// default one stands before.
+inline QStringList taken(logtest::MessageRecorder& recorder)
 {
-public:
-    StreamMessages() { m_previous = qInstallMessageHandler(&StreamMessages::collect); }
-    ~StreamMessages()
-    {
-        qInstallMessageHandler(m_previous);
-        take();
+    static const char* const names[] = {"debug", "warning", "critical", "fatal", "info"};
+    QStringList texts;
+    for (const logtest::Message& message : recorder.messages()) {
+        const QString category = message.category == QLatin1String("default") ? QString() : message.category + QLatin1Char(' ');
+        texts.append(category + QString::fromLatin1(names[message.type]) + QStringLiteral(": ") + message.text);
     }
-    StreamMessages(const StreamMessages&) = delete;
-    StreamMessages& operator=(const StreamMessages&) = delete;
-
-    // The messages since the last look, as "warning: text", in order.
-    QStringList take()
-    {
-        QMutexLocker locker(&mutex());
-        return std::exchange(messages(), {});
-    }
-
-private:
-    static QMutex& mutex()
-    {
-        static QMutex instance;
-        return instance;
-    }
-    static QStringList& messages()
-    {
-        static QStringList instance;
-        return instance;
-    }
-    static void collect(QtMsgType type, const QMessageLogContext& context, const QString& text)
-    {
-        static const char* const names[] = {"debug", "warning", "critical", "fatal", "info"};
-        const QString category = QString::fromLatin1(context.category);
-        const QString prefix = category == QLatin1String("default") ? QString() : category + QLatin1Char(' ');
-        QMutexLocker locker(&mutex());
-        messages().append(prefix + QString::fromLatin1(names[type]) + QStringLiteral(": ") + text);
-    }
-
-    QtMessageHandler m_previous = nullptr;
-};
+    recorder.clear();
+    return texts;
+}
 
 } // namespace testsupport

@@ -8,9 +8,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <linux/capability.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -99,16 +97,6 @@ int testsupport::SystemCallWatch::judge(SystemCall& call)
     m_calls.push_back(text);
     call.index = m_count++;
     return m_judge ? m_judge(call) : 0;
-}
-
-void testsupport::obeyPermissions()
-{
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
-    if (syscall(SYS_capset, &header, none) != 0) {
-        std::perror("capset");
-        std::abort();
-    }
 }
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))

@@ -55,7 +55,4 @@ private:
     int m_count = 0;
 };
 
-// Takes away what lets a superuser pass over permissions, for the rest of the process.
-void obeyPermissions();
-
 } // namespace testsupport

@@ -20,7 +20,8 @@
 #include "tests/common/systemcalls.h"
 #include "tests/support/testroot.h"
 
-using testsupport::StreamMessages;
+using logtest::MessageRecorder;
+using testsupport::taken;
 
 namespace {
 
@@ -235,24 +236,24 @@ TEST(SystemInfo, ProcessorModelIsTheFirst)
 
 TEST(SystemInfo, ProcessorFileMissing)
 {
-    StreamMessages messages;
+    MessageRecorder messages;
     EXPECT_EQ(CSystemInfo::processorModel(inRoot("missing")), QString());
-    EXPECT_EQ(messages.take(), QStringList{u("warning: Файл не существует: ") + inRoot("missing")});
+    EXPECT_EQ(taken(messages), QStringList{u("warning: Файл не существует: ") + inRoot("missing")});
 }
 
 TEST(SystemInfo, ProcessorFileClosed)
 {
-    StreamMessages messages;
+    MessageRecorder messages;
     EXPECT_EQ(CSystemInfo::processorModel(inRoot("bin")), QString()); // a directory opens for nobody
-    EXPECT_EQ(messages.take(), QStringList{u("warning: Ошибка открытия файла для чтения: ") + inRoot("bin")});
+    EXPECT_EQ(taken(messages), QStringList{u("warning: Ошибка открытия файла для чтения: ") + inRoot("bin")});
 }
 
 TEST(SystemInfo, LineOfAProcessorWithoutFile)
 {
     const testsupport::SystemCallWatch watch("/proc/cpuinfo", [](testsupport::SystemCall& call) { return call.name == "open" ? EACCES : 0; });
-    StreamMessages messages;
+    MessageRecorder messages;
     EXPECT_EQ(CSystemInfo::CPUInfo(), u("Процессор:            , ") + QSysInfo::currentCpuArchitecture());
-    EXPECT_EQ(messages.take(), QStringList{u("warning: Ошибка открытия файла для чтения: /proc/cpuinfo")});
+    EXPECT_EQ(taken(messages), QStringList{u("warning: Ошибка открытия файла для чтения: /proc/cpuinfo")});
 }
 
 TEST(SystemInfo, GroupsByExactMember)
@@ -275,16 +276,16 @@ TEST(SystemInfo, GroupsByExactMember)
 
 TEST(SystemInfo, GroupFileMissing)
 {
-    StreamMessages messages;
+    MessageRecorder messages;
     EXPECT_EQ(CSystemInfo::groupsOf(u("ab"), inRoot("missing")), QStringList());
-    EXPECT_EQ(messages.take(), QStringList{u("warning: SystemInfo: Файл не существует: ") + inRoot("missing")});
+    EXPECT_EQ(taken(messages), QStringList{u("warning: SystemInfo: Файл не существует: ") + inRoot("missing")});
 }
 
 TEST(SystemInfo, GroupFileClosed)
 {
-    StreamMessages messages;
+    MessageRecorder messages;
     EXPECT_EQ(CSystemInfo::groupsOf(u("ab"), inRoot("bin")), QStringList());
-    EXPECT_EQ(messages.take(), QStringList{u("warning: SystemInfo: Ошибка открытия файла для чтения: ") + inRoot("bin")});
+    EXPECT_EQ(taken(messages), QStringList{u("warning: SystemInfo: Ошибка открытия файла для чтения: ") + inRoot("bin")});
 }
 
 TEST(SystemInfo, UserOfNoGroup)
@@ -320,7 +321,7 @@ TEST(SystemInfo, Header)
 
 TEST(SystemInfo, SummaryHoldsEachPartOnce)
 {
-    StreamMessages messages;
+    MessageRecorder messages;
     const QString summary = CSystemInfo::summaryInfo();
     EXPECT_TRUE(summary.endsWith(u("\n\n")));
     EXPECT_FALSE(summary.endsWith(u("\n\n\n")));
@@ -331,7 +332,7 @@ TEST(SystemInfo, SummaryHoldsEachPartOnce)
                               "Порядок байт:", "Аптайм:", "Часовой пояс:", "Каталог:"}) {
         EXPECT_EQ(lines.filter(QRegularExpression(QLatin1Char('^') + u(label))).size(), 1) << label;
     }
-    EXPECT_EQ(messages.take(), QStringList());
+    EXPECT_EQ(taken(messages), QStringList());
 }
 
 TEST(SystemInfo, MarkersInValuesStay)
