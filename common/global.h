@@ -85,7 +85,8 @@ void setEmergecyExit(bool emergecyExit);
 // stands under path, or under "<path>.old" (see recoverSaving).
 QString safeSaving(const QString& path, const QByteArray& data);
 
-// The swap alone: puts the whole file newPath, of the same file system, in the place of path.
+// The swap alone: puts the whole file newPath, of the same file system, in the place of path, once
+// it is on the disk. On failure newPath stays where it is.
 QString safeSaving(const QString& path, const QString& newPath);
 
 // Puts a file back that a crash in the middle of a swap left under its side name; to be called
