@@ -150,7 +150,7 @@ class Exchange:
         ready = directory / "ready"
         command = [str(arguments.build / "bin" / "phone-exchange"), "--modems", "2", "--link-dir", str(directory),
                    "--rate", str(arguments.rate), "--delay", str(arguments.delay), "--ber", repr(arguments.ber),
-                   "--seed", str(arguments.seed), "--ring-interval", "1", "--table", str(self.lines_table),
+                   "--seed", str(arguments.seed), "--ring-interval", "3", "--table", str(self.lines_table),
                    "--ready-file", str(ready), "--stats", str(self.stats_path)]
         if drop_after_bytes:
             command += ["--drop-after-bytes", str(drop_after_bytes), "--drop-times", "1"]
