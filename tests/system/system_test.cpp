@@ -1,0 +1,241 @@
+// Whole installations that call one another: whatever the line does, each file arrives
+// once, whole and bit-exact.
+#include <algorithm>
+
+#include <QDir>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/deadline.h"
+#include "tests/system/testbed.h"
+
+using testsupport::Installation;
+using testsupport::makeFile;
+using testsupport::PhoneExchange;
+using testsupport::randomBytes;
+using testsupport::waitFor;
+
+namespace {
+
+constexpr int transferDeadlineMs = 120000;
+constexpr int exitDone = 0;
+constexpr int exitTimedOut = 3;
+
+QStringList untilDone(int received)
+{
+    return {QStringLiteral("--exit-when-sent"), QStringLiteral("--exit-when-received"), QString::number(received)};
+}
+
+// Two installations that know each other, on modems 1 and 2.
+struct Pair {
+    explicit Pair(const QStringList& exchangeOptions = {})
+        : exchange(2, QStringList{QStringLiteral("--rate"), QStringLiteral("115200")} + exchangeOptions)
+    {
+        north.addPort(exchange.port(1));
+        south.addPort(exchange.port(2));
+        north.addAbonent(south, PhoneExchange::number(2));
+        south.addAbonent(north, PhoneExchange::number(1));
+    }
+
+    void expectBothEndWell()
+    {
+        EXPECT_EQ(north.waitForEnd(transferDeadlineMs), exitDone);
+        EXPECT_EQ(south.waitForEnd(transferDeadlineMs), exitDone);
+    }
+
+    PhoneExchange exchange;
+    Installation north{QStringLiteral("Север")};
+    Installation south{QStringLiteral("Юг")};
+};
+
+void expectReceivedOnce(const Installation& receiver, const QByteArray& content, const QString& name)
+{
+    EXPECT_EQ(receiver.received(content), QStringList{name}) << receiver.name().toStdString();
+}
+
+// Bytes that a careless link would take for its own packets or for the modem's commands.
+QByteArray misleadingBytes()
+{
+    const QByteArray packet = QByteArray::fromHex("7c0001010041") // a torn packet, then whole ones
+        + QByteArray::fromHex("7c00010500644f48656c6c6fbb8ac44f") + QByteArray::fromHex("7c000000 00a187")
+        + QByteArray::fromHex("7c01000500e00e000102feff47c723f4");
+    return (packet + "+++" + "\rATH\r" + "\r\nNO CARRIER\r\n" + "\r\nOK\r\n").repeated(120);
+}
+
+} // namespace
+
+TEST(System, BothDirectionsInOneCall)
+{
+    Pair pair;
+    const QByteArray large = randomBytes(60000);
+    const QByteArray misleading = misleadingBytes();
+    const QByteArray small = "x";
+    pair.north.send(pair.south, {makeFile(QStringLiteral("large.bin"), large), makeFile(QStringLiteral("Письмо № 1, с пробелами.txt"), misleading),
+                                 makeFile(QStringLiteral("empty"), {})});
+    pair.south.send(pair.north, {makeFile(QStringLiteral("large.bin"), large), makeFile(QStringLiteral("s"), small)});
+    // South waits to be called, so that there is one call and no more.
+    pair.south.run(pair.exchange, untilDone(3) + QStringList{QStringLiteral("--no-calls")});
+    pair.north.run(pair.exchange, untilDone(2));
+    pair.expectBothEndWell();
+
+    expectReceivedOnce(pair.south, large, QStringLiteral("large.bin"));
+    expectReceivedOnce(pair.south, misleading, QStringLiteral("Письмо № 1, с пробелами.txt"));
+    expectReceivedOnce(pair.south, {}, QStringLiteral("empty"));
+    expectReceivedOnce(pair.north, large, QStringLiteral("large.bin"));
+    expectReceivedOnce(pair.north, small, QStringLiteral("s"));
+    EXPECT_EQ(pair.north.events(QStringLiteral("callBegun")).size(), 1);
+    const QList<QJsonObject> calls = pair.exchange.stop();
+    ASSERT_EQ(std::count_if(calls.begin(), calls.end(), [](const QJsonObject& call) { return call[QStringLiteral("connected")].toBool(); }), 1);
+}
+
+TEST(System, NoiseAndADroppedCarrier)
+{
+    Pair pair({QStringLiteral("--ber"), QStringLiteral("2e-5"), QStringLiteral("--drop-after-bytes"), QStringLiteral("70000"),
+               QStringLiteral("--drop-times"), QStringLiteral("1")});
+    const QByteArray down = randomBytes(70000);
+    const QByteArray up = randomBytes(60000);
+    pair.north.send(pair.south, {makeFile(QStringLiteral("down"), down)});
+    pair.south.send(pair.north, {makeFile(QStringLiteral("up"), up)});
+    pair.south.run(pair.exchange, untilDone(1));
+    pair.north.run(pair.exchange, untilDone(1));
+    pair.expectBothEndWell();
+
+    expectReceivedOnce(pair.south, down, QStringLiteral("down"));
+    expectReceivedOnce(pair.north, up, QStringLiteral("up"));
+    // Taken up where it stopped: the second call begins the file beyond its start.
+    const QList<QJsonObject> begun = pair.south.events(QStringLiteral("fileBegun"), QStringLiteral("in"));
+    ASSERT_GE(begun.size(), 2);
+    EXPECT_GT(begun.last()[QStringLiteral("bytes")].toInt(), 0);
+}
+
+TEST(System, FourCallsAtOnceOverEightPorts)
+{
+    constexpr int spokes = 4;
+    PhoneExchange exchange(2 * spokes, {QStringLiteral("--rate"), QStringLiteral("57600")});
+    Installation hub(QStringLiteral("Узел"));
+    std::vector<std::unique_ptr<Installation>> others;
+    std::vector<QByteArray> fromHub, toHub;
+    for (int i = 0; i < spokes; ++i) {
+        others.push_back(std::make_unique<Installation>(QStringLiteral("Абонент%1").arg(i + 1)));
+        Installation& other = *others.back();
+        hub.addPort(exchange.port(1 + i));
+        other.addPort(exchange.port(1 + spokes + i));
+        hub.addAbonent(other, PhoneExchange::number(1 + spokes + i));
+        other.addAbonent(hub, PhoneExchange::number(1 + i));
+        fromHub.push_back(randomBytes(40000));
+        toHub.push_back(randomBytes(40000));
+        hub.send(other, {makeFile(QStringLiteral("from hub"), fromHub.back())});
+        other.send(hub, {makeFile(QStringLiteral("to hub"), toHub.back())});
+    }
+    for (const auto& other : others)
+        other->run(exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls")});
+    hub.run(exchange, untilDone(spokes));
+    EXPECT_EQ(hub.waitForEnd(transferDeadlineMs), exitDone);
+    for (const auto& other : others)
+        EXPECT_EQ(other->waitForEnd(transferDeadlineMs), exitDone);
+
+    for (int i = 0; i < spokes; ++i) {
+        expectReceivedOnce(*others[i], fromHub[i], QStringLiteral("from hub"));
+        expectReceivedOnce(hub, toHub[i], QStringLiteral("to hub"));
+    }
+    // All four stood at one moment: the last began before the first ended.
+    double lastBegun = 0;
+    double firstEnded = 1e300;
+    for (const QJsonObject& event : hub.events(QStringLiteral("callBegun")))
+        lastBegun = std::max(lastBegun, event[QStringLiteral("monotonic")].toDouble());
+    for (const QJsonObject& event : hub.events(QStringLiteral("callEnded")))
+        firstEnded = std::min(firstEnded, event[QStringLiteral("monotonic")].toDouble());
+    EXPECT_EQ(hub.events(QStringLiteral("callBegun")).size(), spokes);
+    EXPECT_LT(lastBegun, firstEnded);
+}
+
+TEST(System, APortThatVanishesInACallComesBack)
+{
+    Pair pair;
+    const QByteArray content = randomBytes(90000);
+    pair.north.send(pair.south, {makeFile(QStringLiteral("file"), content)});
+    pair.south.run(pair.exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls"), QStringLiteral("--silence-seconds"), QStringLiteral("5")});
+    pair.north.run(pair.exchange, untilDone(0));
+    ASSERT_TRUE(waitFor([&] { return pair.south.events(QStringLiteral("progress"), QStringLiteral("in")).size() > 3; }, transferDeadlineMs));
+    EXPECT_EQ(pair.exchange.command(QStringLiteral("unplug 2")).left(2), QStringLiteral("ok"));
+    ASSERT_TRUE(waitFor([&] { return !pair.south.events(QStringLiteral("callEnded")).isEmpty(); }, transferDeadlineMs));
+    EXPECT_EQ(pair.exchange.command(QStringLiteral("plug 2")).left(2), QStringLiteral("ok"));
+    pair.expectBothEndWell();
+    expectReceivedOnce(pair.south, content, QStringLiteral("file"));
+}
+
+TEST(System, KilledReceiverAndSenderDeliverOnce)
+{
+    Pair pair;
+    const QByteArray first = randomBytes(30000);
+    const QByteArray second = randomBytes(30000);
+    pair.north.send(pair.south, {makeFile(QStringLiteral("first"), first), makeFile(QStringLiteral("second"), second)});
+    const QStringList southOptions{QStringLiteral("--no-calls"), QStringLiteral("--silence-seconds"), QStringLiteral("4")};
+    const QStringList northOptions{QStringLiteral("--silence-seconds"), QStringLiteral("4")};
+    pair.south.run(pair.exchange, southOptions);
+    pair.north.run(pair.exchange, untilDone(0) + northOptions);
+    const auto progress = [&] { return pair.south.events(QStringLiteral("progress"), QStringLiteral("in")).size(); };
+
+    ASSERT_TRUE(waitFor([&] { return progress() > 5; }, transferDeadlineMs));
+    pair.south.kill();
+    pair.south.run(pair.exchange, southOptions);
+    const int before = progress();
+    ASSERT_TRUE(waitFor([&] { return progress() > before + 10; }, transferDeadlineMs));
+    pair.north.kill();
+    pair.north.run(pair.exchange, untilDone(0) + northOptions);
+    EXPECT_EQ(pair.north.waitForEnd(transferDeadlineMs), exitDone);
+    EXPECT_EQ(pair.south.stop(), exitDone);
+
+    expectReceivedOnce(pair.south, first, QStringLiteral("first"));
+    expectReceivedOnce(pair.south, second, QStringLiteral("second"));
+    EXPECT_EQ(pair.south.receivedCount(), 2);
+}
+
+TEST(System, AMessageThatCannotBeDeliveredStaysQueuedAndSaysWhy)
+{
+    Pair pair;
+    const QByteArray content = randomBytes(500);
+    pair.north.send(pair.south, {makeFile(QStringLiteral("file"), content)});
+    EXPECT_EQ(pair.exchange.command(QStringLiteral("busy 2 on")).left(2), QStringLiteral("ok"));
+    pair.south.run(pair.exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls")});
+    pair.north.run(pair.exchange, {QStringLiteral("--exit-when-sent")});
+    ASSERT_TRUE(waitFor([&] { return !pair.north.events(QStringLiteral("notConnected")).isEmpty(); }, transferDeadlineMs));
+    EXPECT_EQ(pair.north.stop(), exitDone);
+    EXPECT_TRUE(pair.north.runOutput().contains(QStringLiteral("Не удалось установить соединение: BUSY")));
+    ASSERT_EQ(pair.north.command({QStringLiteral("status")}), 0);
+    EXPECT_TRUE(pair.north.output().contains(QStringLiteral("file"))) << pair.north.output().toStdString();
+    EXPECT_TRUE(pair.north.output().contains(QStringLiteral("BUSY"))) << pair.north.output().toStdString();
+
+    EXPECT_EQ(pair.exchange.command(QStringLiteral("busy 2 off")).left(2), QStringLiteral("ok"));
+    pair.north.run(pair.exchange, untilDone(0));
+    pair.expectBothEndWell();
+    expectReceivedOnce(pair.south, content, QStringLiteral("file"));
+}
+
+TEST(System, ARunThatRunsOutOfTimeSaysSo)
+{
+    Pair pair;
+    pair.north.send(pair.south, {makeFile(QStringLiteral("file"), "content")});
+    pair.north.run(pair.exchange, untilDone(0) + QStringList{QStringLiteral("--timeout"), QStringLiteral("1")});
+    EXPECT_EQ(pair.north.waitForEnd(transferDeadlineMs), exitTimedOut);
+}
+
+TEST(System, TwoHostsOnOnePort)
+{
+    Pair pair;
+    Installation third(QStringLiteral("Третий"));
+    third.addPort(pair.exchange.port(2));
+    const QByteArray content = randomBytes(3000);
+    pair.north.send(pair.south, {makeFile(QStringLiteral("file"), content)});
+    pair.south.run(pair.exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls")});
+    ASSERT_TRUE(waitFor([&] { return pair.south.runOutput().contains(QStringLiteral("Свободен")); }, transferDeadlineMs));
+    third.run(pair.exchange);
+    ASSERT_TRUE(waitFor([&] { return third.runOutput().contains(QStringLiteral("Ошибка открытия COM порта. ")); }, transferDeadlineMs));
+    pair.north.run(pair.exchange, untilDone(0));
+    pair.expectBothEndWell();
+    expectReceivedOnce(pair.south, content, QStringLiteral("file"));
+    // The port is free now, and the host that was refused takes it by itself.
+    EXPECT_TRUE(waitFor([&] { return third.runOutput().contains(QStringLiteral("Свободен")); }, transferDeadlineMs));
+    EXPECT_EQ(third.stop(), exitDone);
+}
