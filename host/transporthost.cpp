@@ -144,7 +144,7 @@ QString TransportHost::start(HostEnd* end)
             return error;
     }
     m_journal = std::make_unique<HostJournal>(journalPath(), [this](const JournalRecord& record) {
-        QMetaObject::invokeMethod(this, [this, record] { emit journalRecord(record); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(this, [this, record] { onJournalRecord(record); }, Qt::QueuedConnection);
     });
     m_channels = std::make_unique<ChannelsTable>([this](const ChannelRow& row) {
         QMetaObject::invokeMethod(this, [this, row] { emit stateChanged(row); }, Qt::QueuedConnection);
@@ -283,15 +283,24 @@ void TransportHost::onServerFinished()
 void TransportHost::onConnected(const QString& abonent, int connectionId)
 {
     m_scheduler->connected(abonent, connectionId);
+    m_failureTexts.remove(abonent);
     m_events.write(QStringLiteral("connected"),
                    {{QStringLiteral("peer"), abonent}, {QStringLiteral("connection"), connectionId}});
     if (m_options.keepConnections)
         emit keepAliveRequested(connectionId);
 }
 
+void TransportHost::onJournalRecord(const JournalRecord& record)
+{
+    if (record.source != ownName)
+        m_lastPluginRecord = record.text;
+    emit journalRecord(record);
+}
+
 void TransportHost::onNotConnected(const QString& abonent)
 {
     m_scheduler->notConnected(abonent, m_clock.elapsed());
+    m_failureTexts[abonent] = m_lastPluginRecord;
     m_events.write(QStringLiteral("notConnected"), {{QStringLiteral("peer"), abonent}});
     explainWaiting();
 }
@@ -502,8 +511,12 @@ std::optional<QString> TransportHost::whyWaiting(const QString& abonent) const
     if (!m_options.placeCalls)
         return QStringLiteral("this host places no calls: it waits for theirs");
     const int failedCalls = m_scheduler->failedCalls(abonent);
-    if (failedCalls > 0)
-        return QStringLiteral("%1 in a row failed").arg(failedCalls == 1 ? QStringLiteral("1 call") : QStringLiteral("%1 calls").arg(failedCalls));
+    if (failedCalls > 0) {
+        const QString count = failedCalls == 1 ? QStringLiteral("1 call") : QStringLiteral("%1 calls").arg(failedCalls);
+        const QString cause = m_failureTexts.value(abonent);
+        return cause.isEmpty() ? QStringLiteral("%1 in a row failed").arg(count)
+                               : QStringLiteral("%1 in a row failed, the last: %2").arg(count, cause);
+    }
     if (!m_server->isHardwareOn())
         return QStringLiteral("no modem is ready");
     return QString();

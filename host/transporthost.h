@@ -125,6 +125,7 @@ private:
     void onReport(const SessionReport& report);
     void onSessionEvent(const SessionReport& report);
     void onConnected(const QString& abonent, int connectionId);
+    void onJournalRecord(const JournalRecord& record);
     void onNotConnected(const QString& abonent);
     void onDisconnected(const QString& abonent, int connectionId, bool wasUseful);
     void onServerFinished();
@@ -156,6 +157,10 @@ private:
 
     QTimer m_pollTimer;
     QTimer m_stopTimer;
+    // The plug-in tells that a call failed, but why only in its journal, just before.
+    QString m_lastPluginRecord;
+    QHash<QString, QString> m_failureTexts; // by the abonent's name, until a call succeeds
+
     std::map<FileKey, FileProgress> m_files;
     QHash<quint64, qint64> m_callBeganMs;
     QByteArray m_settingsStamp;
