@@ -115,12 +115,9 @@ void CComChannel::write(const QByteArray& data)
 
 QByteArray CComChannel::read(int maxSize)
 {
-    // After hanging up the line belongs to the worker's dialogue with the modem.
-    if (m_connected) {
-        readPort();
-        computePackets();
-        resending();
-    }
+    readPort();
+    computePackets();
+    resending();
     return takeReceived(maxSize);
 }
 

@@ -121,22 +121,6 @@ TEST_F(HangUpTest, GivesTheEscape500MsAndTheHangUpABoundedTime)
     EXPECT_LE(waits[1], 500);
 }
 
-TEST_F(HangUpTest, SendsNothingOfTheQueueAfterwards)
-{
-    answerToEscape("OK\r\n");
-    m_channel.write("queued");
-    m_port.inject(dataWire(1, "received"));
-    EXPECT_EQ(m_channel.read(3), "rec");
-    m_channel.disconnectFromAbonent();
-    m_chunks.clear();
-    m_clock.advanceMs(5000);
-    m_port.inject("OK\r\n"); // the modem's answer is the worker's
-    EXPECT_EQ(read(), "eived");
-    EXPECT_EQ(m_port.bytesAvailable(), 4);
-    EXPECT_TRUE(m_chunks.isEmpty());
-    EXPECT_FALSE(m_channel.isConnected());
-}
-
 // On a real port, with modem lines.
 
 class Carrier : public testing::Test
