@@ -19,6 +19,23 @@ int randomBelow(int bound)
     return legacyRandom() % bound;
 }
 
+int lengthened(int timeout)
+{
+    if (timeout > longestTimeout)
+        return 420 + randomBelow(480);
+    const int base = timeout <= longestShortTimeout ? 30 + randomBelow(60) : timeout;
+    return base + randomBelow(base);
+}
+
+int shortened(int timeout)
+{
+    if (timeout > longestTimeout)
+        return 600 + randomBelow(300);
+    const int base = timeout <= longestShortTimeout ? 20 + randomBelow(40) : timeout;
+    const int spread = static_cast<int>(base / 2.5); // at least 8, as base is at least 20
+    return base - (randomBelow(spread) + 10);
+}
+
 } // namespace
 
 CComPlugin::~CComPlugin() = default;
@@ -41,25 +58,16 @@ CChannelServer* CComPlugin::create() const
     return new CComServer;
 }
 
+// The numbers are drawn before the scope opens: the first scope of a process reads the
+// settings, and the test for write access that comes with it draws a number too.
 void CComPlugin::incCallTimeout(int* timeout) const
 {
+    *timeout = lengthened(*timeout);
     _CFunctionDebug trace(Q_FUNC_INFO);
-    if (*timeout > longestTimeout) {
-        *timeout = 420 + randomBelow(480);
-        return;
-    }
-    const int base = *timeout <= longestShortTimeout ? 30 + randomBelow(60) : *timeout;
-    *timeout = base + randomBelow(base);
 }
 
 void CComPlugin::decCallTimeout(int* timeout) const
 {
+    *timeout = shortened(*timeout);
     _CFunctionDebug trace(Q_FUNC_INFO);
-    if (*timeout > longestTimeout) {
-        *timeout = 600 + randomBelow(300);
-        return;
-    }
-    const int base = *timeout <= longestShortTimeout ? 20 + randomBelow(40) : *timeout;
-    const int spread = static_cast<int>(base / 2.5); // at least 8, as base is at least 20
-    *timeout = base - (randomBelow(spread) + 10);
 }

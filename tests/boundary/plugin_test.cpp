@@ -45,10 +45,12 @@ protected:
         initDebug = reinterpret_cast<InitDebugFunction>(library.resolve("initDebug"));
         ASSERT_TRUE(apiVersion && instance && deleteInstance && initDebug);
         plugin = instance();
-        // The first operation of a process reads whether to trace, and with that tests the
-        // data directory by a file of a random name: not to be mixed into a test's draws.
-        plugin->type();
+        takeFirstStep();
     }
+
+    // The first operation of a process reads whether to trace, and with that tests the
+    // data directory by a file of a random name: not to be mixed into a test's draws.
+    virtual void takeFirstStep() { plugin->type(); }
 
     void TearDown() override
     {
@@ -207,6 +209,22 @@ TEST_F(PluginTest, CallTimeoutsFromAKnownSequence)
     EXPECT_EQ(unseeded([&] { return dec(30); }), 13);
     EXPECT_EQ(unseeded([&] { return dec(900); }), 859);
     EXPECT_EQ(unseeded([&] { return dec(901); }), 871);
+}
+
+// Whatever else the first operation of a process reads and tests.
+class UnusedPluginTest : public PluginTest
+{
+    void takeFirstStep() override {}
+};
+
+TEST_F(UnusedPluginTest, FirstLengtheningTakesTheFirstNumbers)
+{
+    EXPECT_EQ(unseeded([&] { return inc(29); }), 98);
+}
+
+TEST_F(UnusedPluginTest, FirstShorteningTakesTheFirstNumbers)
+{
+    EXPECT_EQ(unseeded([&] { return dec(29); }), 27);
 }
 
 TEST_F(PluginTest, CallTimeoutsDrawNoMoreThanTheyNeed)
