@@ -83,7 +83,7 @@ class Installation:
         self.rest = b""
 
     def lay_out(self):
-        for component in ("runtime", "host"):
+        for component in ("runtime", "programs"):
             subprocess.run(
                 ["cmake", "--install", str(self.arguments.build), "--prefix", str(self.root), "--component", component, "--strip"],
                 check=True, stdout=subprocess.DEVNULL)
@@ -220,7 +220,7 @@ class Progress:
             elif kind == "notConnected":
                 self.say(f"{host.name}: no connection with {event['peer']}")
             elif kind == "callEnded":
-                self.say(f"{host.name}: the call ended: {event['reason']}")
+                self.say(f"{host.name}: the call ended: {event['reason'] or 'nothing was left to say'}")
 
     def say(self, text):
         self.erase()
