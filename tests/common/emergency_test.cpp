@@ -190,13 +190,17 @@ TEST(EmergencyLog, AFullDiskLosesOnlyTheLinesAtHand)
     qputenv("USER", "operator");
     ASSERT_TRUE(QDir().mkpath(logDirPath()));
     ASSERT_TRUE(QFile::link(QStringLiteral("/dev/full"), logPath()));
+    testsupport::VirtualClock clock;
     const MessageRecorder recorder;
     emergency("lost");
     EXPECT_EQ(recorder.texts(QtWarningMsg).last(), QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"")
                                                        .arg(QString::fromLocal8Bit(std::strerror(ENOSPC))));
     ASSERT_TRUE(QFile::remove(logPath()));
+    // And finds its file anew.
+    clock.stepWallClockMs(24 * 3600 * 1000);
     emergency("there");
-    EXPECT_EQ(logLines().size(), 1);
+    EXPECT_EQ(logLines(logPath(firstDay().addDays(1))).size(), 1);
+    EXPECT_FALSE(QFile::exists(logPath()));
 }
 
 TEST(EmergencyLog, AMissingDirectoryComesBackAtOnce)

@@ -188,6 +188,21 @@ TEST(FunctionDebug, AnyValueButZeroTraces)
     EXPECT_FALSE(QFile::exists(settingsPath()));
 }
 
+TEST(FunctionDebug, TheEndOfAScopeGoesByTheSwitchOfThatMoment)
+{
+    beginEmptyLog();
+    gFunctionsDebuging = 1;
+    {
+        const _CFunctionDebug trace("f");
+        gFunctionsDebuging = 0;
+    }
+    {
+        const _CFunctionDebug trace("g");
+        gFunctionsDebuging = -1;
+    }
+    EXPECT_EQ(logTexts(), (QStringList{QStringLiteral("f {"), QStringLiteral(" }")}));
+}
+
 TEST(FunctionDebug, TheLogItselfIsNotTraced)
 {
     qputenv("USER", "operator");

@@ -21,8 +21,8 @@
 
 #include "common/csettings.h"
 #include "common/functiondebug.h"
-#include "tests/common/failingchmod.h"
 #include "tests/common/logsupport.h"
+#include "tests/common/refusedchmod.h"
 #include "tests/support/deadline.h"
 #include "tests/support/virtualclock.h"
 
@@ -716,7 +716,7 @@ TEST(LogTroubles, RefusedPermissionsAreReportedAndTheLineIsWritten)
     // So that the settings have no permissions to set.
     editSettings("[Permissions]\ndirPermissions=30583\nfilePermissions=26214\n");
     const MessageRecorder recorder;
-    const testsupport::FailingChmod failing;
+    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod());
     logText("text");
     ASSERT_EQ(recorder.messages().size(), 2);
     EXPECT_EQ(recorder.messages().at(0).type, QtDebugMsg);
@@ -781,6 +781,59 @@ TEST(LogTroubles, ADiskThatFillsInTheMiddleOfALineKeepsItsBeginning)
     EXPECT_TRUE(content.endsWith("    room\n"));
 }
 
+TEST(LogTroubles, ShortWritesAreContinuedTenTimes)
+{
+    for (const int failures : {10, 11}) {
+        QFile::remove(logPath());
+        beginEmptyLog();
+        logText("before");
+        const QByteArray before = contentOf(logPath());
+        const MessageRecorder recorder;
+        {
+            int writes = 0;
+            const testsupport::SystemCallWatch watch(logPath().toStdString(), [&](testsupport::SystemCall& call) {
+                if (call.name != "write")
+                    return 0;
+                ++writes;
+                // The first takes five bytes, then that many fail.
+                if (writes == 1)
+                    call.bytes = 5;
+                return writes > 1 && writes <= 1 + failures ? ENOSPC : 0;
+            });
+            logText("text");
+        }
+        const QByteArray added = contentOf(logPath()).mid(before.size());
+        if (failures == 10) {
+            EXPECT_TRUE(added.endsWith("    text\n"));
+            EXPECT_EQ(added.size(), 38 + 4 + 5);
+        } else {
+            EXPECT_EQ(added.size(), 5);
+        }
+        // Silently either way.
+        EXPECT_TRUE(recorder.messages().isEmpty());
+    }
+}
+
+TEST(LogTroubles, ARefusedWriteFindsTheFileAnew)
+{
+    beginEmptyLog();
+    testsupport::VirtualClock clock;
+    logText("before");
+    clock.stepWallClockMs(24 * 3600 * 1000);
+    const MessageRecorder recorder;
+    {
+        const testsupport::SystemCallWatch watch(logPath().toStdString(), [](testsupport::SystemCall& call) {
+            return call.name == "write" ? EIO : 0;
+        });
+        logText("lost");
+    }
+    EXPECT_EQ(recorder.texts(QtWarningMsg),
+              QStringList{QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"").arg(systemText(EIO))});
+    logText("after");
+    EXPECT_EQ(logTexts(), QStringList{QStringLiteral("before")});
+    EXPECT_EQ(logTexts(logPath(firstDay().addDays(1))).last(), QStringLiteral("after"));
+}
+
 TEST(LogTroubles, AMessageHandlerMayLog)
 {
     beginEmptyLog();
@@ -794,7 +847,7 @@ TEST(LogTroubles, AMessageHandlerMayLogTheTroublesOfTheLog)
 {
     qputenv("USER", "operator");
     editSettings("[Permissions]\ndirPermissions=30583\nfilePermissions=26214\n");
-    const testsupport::FailingChmod failing;
+    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod());
     MessageRecorder recorder;
     recorder.setHandler([](const Message& message) {
         debug(QStringLiteral("Qt"), message.text, DebugTransportConnects, DebugFlagFileOnly);
@@ -831,7 +884,7 @@ TEST(LogTroubles, AMessageHandlerMayLogWhatQtSaysWhileTheFileIsWritten)
     recorder.setHandler([](const Message& message) { debug(QStringLiteral("Qt"), message.text, DebugAlways, DebugFlagFileOnly); });
     testing::internal::CaptureStderr();
     {
-        const testsupport::FailingChmod failing([] { qWarning("from within"); });
+        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod([] { qWarning("from within"); }));
         logText("text");
     }
     const std::string errorOutput = testing::internal::GetCapturedStderr();

@@ -14,8 +14,8 @@
 
 #include <sys/stat.h>
 
-#include "tests/common/failingchmod.h"
 #include "tests/common/logsupport.h"
+#include "tests/common/refusedchmod.h"
 
 using namespace logtest;
 
@@ -461,6 +461,18 @@ TEST(SettingsFile, EditsFromBothSidesAreMerged)
                                                         {QStringLiteral("Own/new"), QStringLiteral("3")}}));
 }
 
+TEST(SettingsFile, AnEditWhileItIsWrittenIsSeen)
+{
+    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), [](testsupport::SystemCall& call) {
+        // Between the writing and the look at the file's time.
+        if (call.is("chmod", settingsPath().toStdString()))
+            editSettings("[Details]\nmaxWritingTime=200\n");
+        return 0;
+    });
+    EXPECT_FALSE(CSettings().debugAll());
+    EXPECT_EQ(CSettings().detailsMaxWritingTime(), 200);
+}
+
 TEST(SettingsFile, EventsDoNotWriteBesideTheLock)
 {
     umask(077);
@@ -586,7 +598,7 @@ TEST(SettingsPointerClass, WithoutAMarkAndANewTimeSyncDoesNothing)
 TEST(SettingsTroubles, RefusedPermissionsAreReported)
 {
     const MessageRecorder recorder;
-    const testsupport::FailingChmod failing;
+    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod());
     const QString reason = QString::fromLocal8Bit(std::strerror(EPERM));
     EXPECT_FALSE(CSettings().debugAll());
     EXPECT_EQ(recorder.texts(QtWarningMsg),
@@ -614,7 +626,7 @@ TEST(SettingsTroubles, AMessageHandlerMayReadSettings)
         EXPECT_TRUE(CSettings().debugTransportConnects());
         ++handled;
     });
-    const testsupport::FailingChmod failing;
+    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod());
     EXPECT_FALSE(CSettings().debugAll());
     EXPECT_GE(handled, 2);
 }
@@ -633,7 +645,7 @@ TEST(SettingsTroubles, AHandlerOfQtsOwnMessagesGetsDefaults)
         }
     });
     {
-        const testsupport::FailingChmod failing([] { qWarning("from within"); });
+        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod([] { qWarning("from within"); }));
         EXPECT_FALSE(CSettings().debugAll());
     }
     EXPECT_GE(handled, 2);

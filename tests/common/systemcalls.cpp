@@ -171,6 +171,12 @@ INTERPOSED int chmod(const char* path, mode_t mode) noexcept
     return fails("chmod", path) ? -1 : real(path, mode);
 }
 
+INTERPOSED int fchmod(int descriptor, mode_t mode) noexcept
+{
+    static auto* const real = next<int(int, mode_t)>("fchmod");
+    return failsOn("fchmod", descriptor) ? -1 : real(descriptor, mode);
+}
+
 INTERPOSED int stat(const char* path, struct stat* info) noexcept
 {
     static auto* const real = next<int(const char*, struct stat*)>("stat");
