@@ -245,8 +245,11 @@ QString Inbox::whyNot(const OfferFrame& offer, qint64 standing) const
     if (offer.size > m_limits.maxMessageBytes)
         return QStringLiteral("it has %1 bytes, more than the %2 that are allowed here")
             .arg(QString::number(offer.size), QString::number(m_limits.maxMessageBytes));
-    const qint64 free = Global::diskFreeSpace(m_incompleteDir.absolutePath()) - m_limits.keepFreeBytes;
-    if (offer.size - standing > free)
+    // Not known where the volume is in no mount table, as in a change of root: then only a
+    // write that fails can tell.
+    const qint64 known = Global::diskFreeSpace(m_incompleteDir.absolutePath());
+    const qint64 free = known - m_limits.keepFreeBytes;
+    if (known > 0 && offer.size - standing > free)
         return QStringLiteral("the disk is full: %1 bytes are needed, %2 are free")
             .arg(QString::number(offer.size - standing), QString::number(qMax<qint64>(0, free)));
     return QString();
