@@ -5,10 +5,13 @@
 #include <atomic>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QMetaMethod>
 #include <QMetaType>
 #include <QMutexLocker>
+#include <QPointer>
+#include <QSemaphore>
 #include <QSerialPort>
 
 #include "com/ccomsettings.h"
@@ -47,6 +50,13 @@ protected:
         return waitFor([&] { return log.entriesWith(QStringLiteral("add ")).size() >= count; });
     }
 
+    // A file that is there and cannot be opened.
+    void makeSettingsADirectory() const
+    {
+        QFile::remove(settingsPath());
+        ASSERT_TRUE(QDir().mkpath(settingsPath()));
+    }
+
     // The server's own records and state texts.
     QStringList serverEntries() const
     {
@@ -64,6 +74,19 @@ TestPort disabled(const QString& name)
     TestPort port{name};
     port.enabled = false;
     return port;
+}
+
+// Which threads have the log's columns now; null where one is free.
+QList<QThread*> columnOwners()
+{
+    QList<QThread*> owners;
+    DebugData* const data = LoggerData::debugData();
+    if (!data)
+        return owners;
+    QMutexLocker locker(&data->mutex);
+    for (const Tabulation& row : qAsConst(data->tabs))
+        owners.append(row.thread);
+    return owners;
 }
 
 QStringList g_messages;
@@ -162,18 +185,21 @@ TEST_F(ServerAlone, OneWorkerForEachEnabledPort)
 
 TEST_F(ServerAlone, WorkersAreAllMadeBeforeTheFirstStarts)
 {
+    // So many that the first would have registered long before the last one was made, if
+    // each were started as soon as it is there.
+    constexpr int portCount = 64;
     QList<TestPort> ports;
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < portCount; ++i)
         ports.append(TestPort{QStringLiteral("none%1").arg(i)});
     writeSettings(ports);
     // Whichever worker registers first, the last one can be found already.
     std::atomic<bool> asked{false};
     channelsState.whenAdding = [&] {
         if (!asked.exchange(true))
-            server->keepAliveConnection(8);
+            server->keepAliveConnection(portCount);
     };
     server->start();
-    ASSERT_TRUE(waitForPorts(8));
+    ASSERT_TRUE(waitForPorts(portCount));
     EXPECT_FALSE(logText().contains(QStringLiteral("Не удалось найти соединение"))) << logText().toStdString();
 }
 
@@ -187,6 +213,14 @@ TEST_F(ServerAlone, WorkersLiveInTheServersThread)
     EXPECT_EQ(server->workers().first()->thread(), thread.get());
     inServerThread([this] { server->stop(); });
     EXPECT_EQ(log.entriesWith(QStringLiteral("remove ")).size(), 1);
+}
+
+TEST_F(ServerAlone, WorkersInheritTheServersPriority)
+{
+    writeSettings({TestPort{QStringLiteral("none")}});
+    server->start();
+    ASSERT_TRUE(waitForPorts(1));
+    EXPECT_EQ(server->workers().first()->priority(), QThread::InheritPriority);
 }
 
 TEST_F(ServerAlone, BadAbonentDataIsLoggedAndNothingElse)
@@ -248,9 +282,30 @@ TEST_F(ServerAlone, UnknownConnectionsBelongToASwitchableCategory)
     server->disconnectFromAbonent(QStringLiteral("X"), 5);
     server->keepAliveConnection(5);
     EXPECT_EQ(logText(), QString());
-    // Not so what is always told.
+}
+
+TEST_F(ServerAlone, WhatIsWrongWithTheSettingsIsToldWithAllCategoriesOff)
+{
+    QFile settings(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
+    settings.write("[Debug]\n");
+    for (const char* category :
+         {"ipcData", "ipcExtra", "ipcSecurityDaemon", "ipcTransport", "transportAbonents", "transportTransit",
+          "transportConnects", "transportDataLifetime", "transportBaseProtocol", "transportProtocol",
+          "transportProtocolAttaches", "transportIpSocketError", "transportComPortError", "transportComAtCommands",
+          "transportComPackets", "transportComData", "transportTasks", "journals", "messagesAutodelete",
+          "messagesLock"})
+        settings.write(QByteArray(category) + "=false\n");
+    settings.close();
     server->connectToAbonent(QStringLiteral("X"), {});
-    EXPECT_NE(logText(), QString());
+    writeSettingsBytes({});
+    server->loadSettings();
+    makeSettingsADirectory();
+    server->loadSettings();
+    const QString text = logText();
+    EXPECT_TRUE(text.contains(QStringLiteral("Невозможно вызвать абонента 'X'"))) << text.toStdString();
+    EXPECT_TRUE(text.contains(QStringLiteral("Ошибка чтения настроек COM канала."))) << text.toStdString();
+    EXPECT_TRUE(text.contains(QStringLiteral("Не удалось открыть файл настроек COM канала"))) << text.toStdString();
 }
 
 // A name of which the filter leaves nothing matches workers that never had a call.
@@ -270,12 +325,18 @@ TEST_F(ServerAlone, LogLinesAreEchoedOnTheDebugStream)
     server->connectToAbonent(QStringLiteral("X"), {});
     server->keepAliveConnection(5);
     server->disconnectFromAbonent(QStringLiteral("X"), 5);
+    writeSettingsBytes({});
+    server->loadSettings();
+    makeSettingsADirectory();
+    server->loadSettings();
     qInstallMessageHandler(nullptr);
     const QStringList echoes = g_messages.filter(QStringLiteral("CComServer"));
-    ASSERT_EQ(echoes.size(), 3) << g_messages.join(QLatin1Char('\n')).toStdString();
+    ASSERT_EQ(echoes.size(), 5) << g_messages.join(QLatin1Char('\n')).toStdString();
     EXPECT_TRUE(echoes[0].contains(QStringLiteral("Невозможно вызвать абонента 'X'")));
     EXPECT_TRUE(echoes[1].contains(QStringLiteral("чтобы удержать connectionId 5")));
     EXPECT_TRUE(echoes[2].contains(QStringLiteral("чтобы разорвать соединение")));
+    EXPECT_TRUE(echoes[3].contains(QStringLiteral("Ошибка чтения настроек COM канала.")));
+    EXPECT_TRUE(echoes[4].contains(QStringLiteral("Не удалось открыть файл настроек COM канала")));
 }
 
 TEST_F(ServerAlone, StopInTheServersOwnThread)
@@ -373,18 +434,51 @@ TEST_F(ServerAlone, StopFreesTheWorkersLogColumns)
     debug(QStringLiteral("Test"), QStringLiteral("takes the first column"), DebugAlways, DebugFlagFileOnly);
     server->start();
     // A failure to open is logged by each.
-    ASSERT_TRUE(waitFor([&] { return currentTabLevel() == 1 && LoggerData::debugData()->tabs.size() == 3; }));
+    ASSERT_TRUE(waitFor([] { return columnOwners().size() == 3; }));
     server->stop();
-    const QList<Tabulation>& tabs = LoggerData::debugData()->tabs;
-    ASSERT_EQ(tabs.size(), 3);
-    EXPECT_EQ(tabs[0].thread, QThread::currentThread());
-    EXPECT_EQ(tabs[1].thread, nullptr);
-    EXPECT_EQ(tabs[2].thread, nullptr);
+    EXPECT_EQ(columnOwners(), (QList<QThread*>{QThread::currentThread(), nullptr, nullptr}));
     std::atomic<int> column{0};
     const std::unique_ptr<QThread> next(QThread::create([&] { column = currentTabLevel(); }));
     next->start();
     next->wait();
     EXPECT_EQ(column, 2);
+}
+
+TEST_F(ServerAlone, DestructorDeletesWorkersThatHaveEnded)
+{
+    writeSettings({TestPort{QStringLiteral("none")}});
+    server->start();
+    ASSERT_TRUE(waitFor([] { return columnOwners().size() == 1; }));
+    const QPointer<CComThread> worker = server->workers().first();
+    worker->stop();
+    ASSERT_TRUE(worker->wait(testsupport::defaultDeadlineMs));
+    EXPECT_EQ(columnOwners(), QList<QThread*>{worker});
+    server.reset();
+    EXPECT_TRUE(worker.isNull());
+    EXPECT_EQ(columnOwners(), QList<QThread*>{nullptr});
+}
+
+// A server of another kind may stop in its own way, and then does so here too.
+TEST_F(ServerAlone, SettingsChangeStopsByTheVirtualOperation)
+{
+    class CountingServer : public CComServer
+    {
+    public:
+        void stop() override
+        {
+            ++stops;
+            CComServer::stop();
+        }
+        int stops = 0;
+    };
+    CountingServer counting;
+    counting.channelsState = &channelsState;
+    counting.journal = &journal;
+    writeSettings({disabled(QStringLiteral("none"))});
+    counting.settingsWasChanged();
+    EXPECT_EQ(counting.stops, 1);
+    counting.settingsWasChanged();
+    EXPECT_EQ(counting.stops, 1);
 }
 
 TEST_F(ServerAlone, SettingsChangeRestartsTheWorkers)
