@@ -9,6 +9,7 @@
 #include <QSerialPort>
 #include <QThread>
 
+#include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "com/comsettings.h"
 #include "common/csettings.h"
@@ -20,7 +21,6 @@
 
 namespace {
 
-constexpr int comChannelType = 2;
 constexpr int journalEvent = 0;
 constexpr int stopPollIntervalMs = 10;
 constexpr int leastTerminationWaitMs = 10;
@@ -82,7 +82,7 @@ int threadStopTimeoutMs()
 
 CComServer::CComServer()
 {
-    type = comChannelType;
+    type = CComChannel::channelType;
     // Without the name, queued delivery of a port's errors fails.
     qRegisterMetaType<QSerialPort::SerialPortError>("SerialPortError");
 }

@@ -1,12 +1,11 @@
 #include "plugin/ccomplugin.h"
 
+#include "com/ccomchannel.h"
 #include "com/ccomserver.h"
 #include "common/functiondebug.h"
 #include "common/legacyrandom.h"
 
 namespace {
-
-constexpr int comChannelType = 2;
 
 // Which band a timeout is in is decided by its value on entry; what comes out of a band
 // may well lie in another one.
@@ -43,7 +42,7 @@ CComPlugin::~CComPlugin() = default;
 int CComPlugin::type() const
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
-    return comChannelType;
+    return CComChannel::channelType;
 }
 
 QString CComPlugin::name() const
