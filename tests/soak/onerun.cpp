@@ -42,8 +42,9 @@ bool runAndReport(const Scenario& scenario)
     startVirtualTime(wallClockMs);
     QCoreApplication application(argc, argv);
     const RunResult result = run(scenario);
-    std::printf("figures %" PRId64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %016" PRIx64 "\n", result.virtualNs,
-                result.bytesDelivered, result.bytesCarried, result.faults, result.connections, result.digest);
+    std::printf("figures %" PRId64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRId64 " %016" PRIx64 "\n", result.virtualNs,
+                result.bytesDelivered, result.bytesCarried, result.faults, result.connections,
+                result.longestStandstillNs, result.digest);
     for (const std::string& violation : result.violations)
         std::printf("violation %s\n", violation.c_str());
     std::printf("end\n");

@@ -182,6 +182,11 @@ Scenario makeScenario(Kind kind, std::uint64_t seed)
     for (std::int64_t count = rng.between(1, 5); count > 0; --count)
         scenario.phases.push_back(makePhase(kind, scenario.line, rng));
     if (isSession(kind)) {
+        // A heartbeat in packets of two bytes is more than such a line carries.
+        if (scenario.line.bitsPerSecond < 9600) {
+            scenario.channel.packetSize = std::max(scenario.channel.packetSize, 64);
+            scenario.channel.maxBytesToWrite = std::max(scenario.channel.maxBytesToWrite, 64);
+        }
         for (Phase& phase : scenario.phases) {
             if (rng.chance(0.4))
                 phase.longestCallNs = static_cast<std::int64_t>(rng.logBetween(5, 600)) * nsPerS;

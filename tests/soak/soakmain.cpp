@@ -52,6 +52,7 @@ struct Outcome
     std::uint64_t carried = 0;
     std::uint64_t faults = 0;
     std::uint64_t connections = 0;
+    double standstillS = 0;
     std::string digest;
     std::vector<std::string> violations;
 };
@@ -64,6 +65,7 @@ struct Totals
     std::uint64_t carried = 0;
     std::uint64_t faults = 0;
     std::uint64_t connections = 0;
+    double standstillS = 0; // the longest
     std::vector<std::string> failed; // "kind seed"
 };
 
@@ -237,8 +239,11 @@ Outcome parseOutcome(const std::string& output, int status)
         words >> first;
         if (first == "figures") {
             double ns = 0;
-            words >> ns >> outcome.delivered >> outcome.carried >> outcome.faults >> outcome.connections >> outcome.digest;
+            double standstillNs = 0;
+            words >> ns >> outcome.delivered >> outcome.carried >> outcome.faults >> outcome.connections >> standstillNs >>
+                outcome.digest;
             outcome.virtualS = ns / soak::nsPerS;
+            outcome.standstillS = standstillNs / soak::nsPerS;
         } else if (first == "violation") {
             outcome.violations.push_back(line.substr(first.size() + 1));
         } else if (first == "end") {
@@ -293,8 +298,8 @@ public:
 
     bool summary() const
     {
-        std::printf("\n%-14s %6s %9s %12s %12s %11s %12s %10s\n", "kind", "runs", "hours", "delivered", "carried", "faults",
-                    "connections", "violations");
+        std::printf("\n%-14s %6s %9s %12s %12s %11s %12s %11s %10s\n", "kind", "runs", "hours", "delivered", "carried",
+                    "faults", "connections", "standstill", "violations");
         for (const auto& [kind, totals] : m_byKind)
             print(soak::kindName(kind), totals);
         print("all", m_all);
@@ -313,9 +318,10 @@ private:
 
     static void print(const char* name, const Totals& totals)
     {
-        std::printf("%-14s %6d %9.2f %12" PRIu64 " %12" PRIu64 " %11" PRIu64 " %12" PRIu64 " %10zu\n", name, totals.runs,
+        std::printf("%-14s %6d %9.2f %12" PRIu64 " %12" PRIu64 " %11" PRIu64 " %12" PRIu64 " %9.0f s %10zu\n", name,
+                    totals.runs,
                     totals.virtualS / secondsPerHour, totals.delivered, totals.carried, totals.faults, totals.connections,
-                    totals.failed.size());
+                    totals.standstillS, totals.failed.size());
     }
 
     void count(Kind kind, std::uint64_t seed, const Outcome& outcome)
@@ -327,6 +333,7 @@ private:
             totals->carried += outcome.carried;
             totals->faults += outcome.faults;
             totals->connections += outcome.connections;
+            totals->standstillS = std::max(totals->standstillS, outcome.standstillS);
             if (!outcome.violations.empty())
                 totals->failed.push_back(std::string(soak::kindName(kind)) + " " + std::to_string(seed));
         }
