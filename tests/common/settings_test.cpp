@@ -5,10 +5,12 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <thread>
 #include <vector>
 
 #include <QCoreApplication>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -707,6 +709,26 @@ TEST(SettingsThreads, AllShareOneStoreFromTheFirstUseOn)
     for (int number = 0; number < threadCount; ++number)
         EXPECT_EQ(onDisk.value(QStringLiteral("Own/thread%1").arg(number)), QStringLiteral("32"));
     EXPECT_EQ(onDisk.size(), expectedKeys().size() + threadCount);
+}
+
+TEST(SettingsThreads, OneOperationWaitsForAnother)
+{
+    std::unique_ptr<QThread> other;
+    {
+        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), [&](testsupport::SystemCall& call) {
+            // In the middle of this thread's operation, where Qt holds no lock of its own.
+            if (call.is("chmod", rootPath(QStringLiteral("settings")).toStdString()) && !other) {
+                other.reset(QThread::create([] { CSettings().debugIpcData(); }));
+                other->start();
+                EXPECT_FALSE(other->wait(50));
+            }
+            return 0;
+        });
+        EXPECT_FALSE(CSettings().debugAll());
+    }
+    ASSERT_TRUE(other);
+    EXPECT_TRUE(other->wait(30000));
+    EXPECT_EQ(settingsOnDisk().size(), 2);
 }
 
 TEST(SettingsThreads, ReadWhileAnotherProcessEditsAndDeletes)
