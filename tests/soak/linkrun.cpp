@@ -134,13 +134,14 @@ class End
 {
 public:
     End(int end, const Scenario& scenario, Stream* sending, Stream* receiving, Checks* checks)
-        : m_scenario(scenario), m_settings(scenario.ends[end]), m_state(sending, receiving), m_sending(sending),
+        : m_scenario(scenario), m_settings(scenario.ends[end]), m_plainPeer(scenario.plainPeer[end]),
+          m_state(sending, receiving), m_sending(sending),
           m_receiving(receiving), m_checks(checks), m_rng(scenario.seed * 16 + static_cast<std::uint64_t>(end) + 5)
     {
         m_port.setPortName(QString::fromStdString(Line::path(end)));
         if (!m_port.open(QIODevice::ReadWrite))
             checks->violation("the port does not open: " + m_port.errorString().toStdString());
-        if (scenario.plainPeer[end]) {
+        if (m_plainPeer) {
             const ChannelSettings& c = scenario.channel;
             m_channel = std::make_unique<PlainPeer>(&m_port, &m_state, end,
                                                     PlainPeerSettings{c.packetSize, c.maxBytesToWrite, c.maxBytesInQueue,
@@ -192,9 +193,13 @@ private:
     void writeBulk()
     {
         for (int writes = 0; writes < m_settings.writesPerTurn; ++writes) {
-            const int most = m_channel->idealBlockSize();
+            int most = m_channel->idealBlockSize();
             if (most <= 0)
                 return;
+            // With settings that make blocks smaller than what is offered, one write can
+            // queue more packets than a peer without our limits can tell apart.
+            if (m_plainPeer)
+                most = std::min(most, blockSize(m_scenario.channel));
             switch (m_settings.writing) {
             case Writing::Bulk:
                 write(most);
@@ -220,6 +225,7 @@ private:
 
     const Scenario& m_scenario;
     const EndSettings& m_settings;
+    bool m_plainPeer;
     TrafficState m_state;
     QSerialPort m_port;
     std::unique_ptr<CChannel> m_channel;

@@ -13,6 +13,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <poll.h>
@@ -41,6 +42,7 @@ struct Options
     std::uint64_t seed = 1;
     std::vector<Kind> kinds{soak::allKinds.begin(), soak::allKinds.end()};
     std::string replay; // a list of runs instead
+    std::vector<std::pair<Kind, std::uint64_t>> once; // these runs instead
     bool twice = false; // each run again, which must go the same way
     bool verbose = false;
 };
@@ -77,6 +79,7 @@ const char usageText[] =
     "  --seed S        the first seed; the following runs count on from it (default 1)\n"
     "  --kinds K,...   link, link-plain, session, session-plain (default: all, in turn)\n"
     "  --replay FILE   the runs listed in FILE instead, one \"KIND SEED\" a line\n"
+    "  --once KIND SEED    that run instead\n"
     "  --twice         every run twice, which must go the same way\n"
     "  --verbose       tell every run\n"
     "\n"
@@ -122,6 +125,9 @@ Options readOptions(int argc, char** argv)
             options.seed = number(value());
         } else if (name == "--replay") {
             options.replay = value();
+        } else if (name == "--once") {
+            const Kind kind = kindNamed(value());
+            options.once.emplace_back(kind, number(value()));
         } else if (name == "--twice") {
             options.twice = true;
         } else if (name == "--verbose") {
@@ -380,10 +386,12 @@ int main(int argc, char** argv)
     const Options options = readOptions(argc, argv);
     Soak soakRuns(options);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    std::printf("seeds from %" PRIu64 " on\n", options.seed);
+    for (const auto& [kind, seed] : options.once)
+        soakRuns.run(kind, seed);
     if (!options.replay.empty()) {
         replay(soakRuns, options.replay);
-    } else {
+    } else if (options.once.empty()) {
+        std::printf("seeds from %" PRIu64 " on\n", options.seed);
         for (std::uint64_t seed = options.seed; soakRuns.virtualHours() < options.hours; ++seed) {
             for (const Kind kind : options.kinds)
                 soakRuns.run(kind, seed);
