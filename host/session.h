@@ -36,7 +36,8 @@ struct SessionSettings
     // may well pass between two packets that bring anything new, since a driver full of
     // repeats (4 KiB, 35 s) stands in front of them.
     int silenceMs = 120000;
-    int stallMs = 180000;   // acknowledgements are due and nothing but heartbeats came for so long
+    int stallMs = 600000;   // acknowledgements are due and nothing but heartbeats came for so long (a full
+                            // queue alone takes two minutes at 1200 bit/s)
     int closingMs = 300;    // time for a last Stop frame to get out
     int lingerMs = 10000;   // the side that agreed to end waits for the other to hang up, at most so long,
     int lingerSilenceMs = 2500; // or until it has been silent for so long

@@ -439,9 +439,9 @@ TEST(Session, ADeadConnectionEndsTheSession)
     pair.b.wire.clear();
     const qint64 silentSinceMs = pair.nowMs;
     ASSERT_TRUE(pair.runUntil([&] { return pair.b.session->isFinished(); }));
-    EXPECT_GE(pair.nowMs - silentSinceMs, 30000 - 100);
-    EXPECT_LE(pair.nowMs - silentSinceMs, 30000 + 100);
-    EXPECT_EQ(pair.b.session->endReason(), QStringLiteral("nothing was heard from the other side for 30 s"));
+    EXPECT_GE(pair.nowMs - silentSinceMs, 120000 - 100);
+    EXPECT_LE(pair.nowMs - silentSinceMs, 120000 + 100);
+    EXPECT_EQ(pair.b.session->endReason(), QStringLiteral("nothing was heard from the other side for 120 s"));
 }
 
 TEST(Session, ACallThatSaysNothingEnds)
@@ -490,7 +490,7 @@ TEST(Session, APeerThatOnlyHeartbeatsIsLeft)
     pair.a.store.queue(QStringLiteral("f"), "x");
     peer.sayHelloAndState();
     peer.hear();
-    for (int i = 0; i < 400 && !pair.a.session->isFinished(); ++i) {
+    for (int i = 0; i < 1000 && !pair.a.session->isFinished(); ++i) {
         peer.now += 1000;
         peer.say(FrameType::Alive);
         pair.a.session->takeOutput(100, peer.now);
@@ -733,8 +733,8 @@ TEST(SessionPeer, RandomBytesNeverCrash)
         pair.a.session->receive(randomBytes(5000, testsupport::seed() + round), 1000);
         EXPECT_TRUE(pair.a.store.inbox.empty());
         // A type and a length that may pass wait for their check; silence ends that.
-        pair.a.session->advance(100000);
-        pair.a.session->advance(200000);
+        pair.a.session->advance(1000000);
+        pair.a.session->advance(2000000);
         EXPECT_TRUE(pair.a.session->isFinished());
     }
 }
