@@ -38,7 +38,8 @@ public:
 
     // Reads the port, takes in packets, sends what is due, and returns up to maxSize
     // bytes of what was received in order. Blocks for some tens of milliseconds at most
-    // for each packet written.
+    // for each packet written. After a hang-up too: what it sends then goes to
+    // the modem.
     QByteArray read(int maxSize) override;
 
     // The most to give to one write(), or 0 while the queue is full.

@@ -121,6 +121,23 @@ TEST_F(HangUpTest, GivesTheEscape500MsAndTheHangUpABoundedTime)
     EXPECT_LE(waits[1], 500);
 }
 
+TEST_F(HangUpTest, LeavesReadWorkingAsBefore)
+{
+    answerToEscape("OK\r\n");
+    m_channel.write("queued");
+    m_channel.disconnectFromAbonent();
+    m_chunks.clear();
+    m_port.inject(dataWire(1, "received"));
+    EXPECT_EQ(read(), "received");
+    EXPECT_EQ(m_chunks, (QList<QByteArray>{dataWire(1, "queued"), confirmationWire(fromHex("01"))}));
+    m_clock.advanceMs(2001);
+    m_port.inject(confirmationWire(fromHex("01")));
+    EXPECT_EQ(read(), QByteArray());
+    EXPECT_EQ(m_chunks.size(), 2); // confirmed, so not repeated
+    EXPECT_EQ(reports(), (QStringList{QStringLiteral("received 7 8"), QStringLiteral("sent 7 6")}));
+    EXPECT_FALSE(m_channel.isConnected());
+}
+
 // On a real port, with modem lines.
 
 class Carrier : public testing::Test
