@@ -7,6 +7,10 @@
 
 namespace {
 
+// An overtaken packet was repeated. It keeps the peer back while the peer expects a number
+// within the grace past it and what arrives is within the grace ahead of that: up to here.
+constexpr int heldBackPastRepeat = 2 * linkrules::overtakenGrace;
+
 // Of numbers that both lie within the last few hundred packets.
 bool isAfter(quint8 a, quint8 b)
 {
@@ -33,7 +37,7 @@ void SendWindow::noteConfirmed(quint8 number)
     const quint8 proved = m_oldestWhenSent[number];
     if (isAfter(proved, m_leastExpected))
         m_leastExpected = proved;
-    if (isAfter(proved, m_lastRepeated))
+    if (isAfter(proved, m_lastRepeated) && linkrules::stepsFrom(m_lastRepeated, number) > heldBackPastRepeat)
         m_mayLag = false;
 }
 

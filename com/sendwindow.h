@@ -37,7 +37,8 @@ public:
 private:
     // On a line that keeps the order, the peer can lag only after a repeat. Later
     // confirmations prove how far it has come: when a packet arrives for the first time,
-    // the peer moves on over everything that had been confirmed before it was sent.
+    // the peer moves on over everything that had been confirmed before it was sent, save
+    // as many numbers as the grace of an overtaken packet.
     bool m_mayLag = false;
     quint8 m_leastExpected = 0; // as proved, while it may lag
     quint8 m_lastRepeated = 0;  // the furthest since it may lag

@@ -142,3 +142,84 @@ TEST_F(LineThatLosesOnce, DeliversBehindAnOutageThatFollowsAFilledGap)
         lost.insert(number);
     EXPECT_TRUE(isDelivered(lost, 400));
 }
+
+// A host that says little at first, one byte a packet, and then fills the queue: what is
+// lost is told by the count of data packets and of confirmations on the line.
+class ChatBeforeABulk : public testing::Test
+{
+protected:
+    ChatBeforeABulk()
+    {
+        m_sender.port().setLine([&](const QByteArray& chunk) {
+            for (const CComPacket& packet : cutPackets(chunk)) {
+                m_last = packet.bytes;
+                if (m_lost.count(++m_sent) == 0 && !m_losesAllButTheLast)
+                    m_receiver.port().inject(packet.bytes);
+            }
+        });
+        m_receiver.port().setLine([&](const QByteArray& chunk) {
+            if (m_lostConfirmations.count(++m_confirmations) == 0)
+                m_sender.port().inject(chunk);
+        });
+    }
+
+    void say(int packets)
+    {
+        for (int i = 0; i < packets; ++i)
+            m_sender.write(1);
+    }
+
+    // Time for repeats and confirmations.
+    bool pass(qint64 ms)
+    {
+        for (const qint64 end = m_clock.nowMs() + ms; m_clock.nowMs() < end;) {
+            if (!m_sender.receive(receiverSeed) || !m_receiver.receive(senderSeed))
+                return false;
+        }
+        return true;
+    }
+
+    static constexpr unsigned senderSeed = 1;
+    static constexpr unsigned receiverSeed = 2;
+    static constexpr int bulk = 1000;
+    testsupport::VirtualClock m_clock;
+    Party m_sender{senderSeed};
+    Party m_receiver{receiverSeed};
+    std::set<int> m_lost;
+    std::set<int> m_lostConfirmations;
+    bool m_losesAllButTheLast = false;
+    QByteArray m_last; // data packet
+    int m_sent = 0;
+    int m_confirmations = 0;
+};
+
+TEST_F(ChatBeforeABulk, DeliversAlthoughAnOvertakenPacketKeepsThePeerBack)
+{
+    gComSettings.packetSize = 12; // two bytes a packet
+    // 3 arrives ahead and again in its turn: the copy stays among the held ones.
+    m_lost = {1, 2};
+    m_lostConfirmations = {1};
+    say(3);
+    ASSERT_TRUE(pass(4000));
+    ASSERT_EQ(m_receiver.received(), 3);
+    ASSERT_EQ(m_sent, 6);
+    // 4 is repeated, so it does not release 5; nor do 6 to 13, behind the held copy of 3.
+    m_lost.insert(m_sent + 1);
+    say(2);
+    ASSERT_TRUE(pass(4000));
+    ASSERT_EQ(m_receiver.received(), 4);
+    say(8);
+    ASSERT_TRUE(pass(1500));
+    ASSERT_EQ(m_receiver.received(), 4);
+    // All that now goes out at once is lost but the last, which must be within the peer's window.
+    m_losesAllButTheLast = true;
+    m_sender.send(bulk, 3, m_clock.nowMs());
+    ASSERT_TRUE(m_sender.receive(receiverSeed));
+    m_losesAllButTheLast = false;
+    m_receiver.port().inject(m_last);
+    while (m_receiver.received() < bulk && m_clock.nowMs() < limitMs) {
+        m_sender.send(bulk, 3, m_clock.nowMs());
+        ASSERT_TRUE(pass(1));
+    }
+    EXPECT_GE(m_receiver.received(), bulk);
+}

@@ -97,6 +97,15 @@ public:
         return static_cast<char>(x * 2246822519u >> 24);
     }
 
+    // The next bytes of the stream, whether the channel wants them or not.
+    void write(int size)
+    {
+        QByteArray bytes(size, '\0');
+        for (char& byte : bytes)
+            byte = byteAt(m_seed, m_sent++);
+        m_channel.write(bytes);
+    }
+
     void send(int length, int blockSize, qint64 nowMs)
     {
         while (m_sent < length && m_channel.idealBlockSize() > 0)
@@ -132,14 +141,6 @@ private:
         void addReceivedBytes(int, int) override {}
         void addSentBytes(int, int) override {}
     };
-
-    void write(int size)
-    {
-        QByteArray bytes(size, '\0');
-        for (char& byte : bytes)
-            byte = byteAt(m_seed, m_sent++);
-        m_channel.write(bytes);
-    }
 
     unsigned m_seed;
     testsupport::FakeSerialPort m_port;

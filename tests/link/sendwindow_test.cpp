@@ -83,9 +83,23 @@ TEST(SendWindow, IsUnlimitedAgainWhenAPacketSentBehindAllRepeatedOnesHasArrived)
     window.noteConfirmed(1);
     window.noteConfirmed(2);
     EXPECT_NE(window.newPacketsLimit(queueOf({3})), unlimited);
-    window.noteSent(3, 3);
-    window.noteConfirmed(3);
-    EXPECT_EQ(window.newPacketsLimit(queueOf({4})), unlimited);
+    window.noteSent(18, 3);
+    window.noteConfirmed(18);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({19})), unlimited);
+}
+
+TEST(SendWindow, StaysWhileAnOvertakenPacketMayKeepThePeerBack)
+{
+    SendWindow window;
+    window.noteRepeated(1, 1);
+    for (int number = 2; number <= 17; ++number) {
+        window.noteSent(static_cast<quint8>(number), static_cast<quint8>(number));
+        window.noteConfirmed(static_cast<quint8>(number));
+        EXPECT_EQ(window.newPacketsLimit(queueOf({number + 1})), 110) << number;
+    }
+    window.noteSent(18, 18);
+    window.noteConfirmed(18);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({19})), unlimited);
 }
 
 TEST(SendWindow, CountsRepeatsOfLaterPacketsToo)
@@ -96,11 +110,12 @@ TEST(SendWindow, CountsRepeatsOfLaterPacketsToo)
     window.noteRepeated(1, 1);
     window.noteRepeated(4, 1);
     window.noteRepeated(2, 1);
-    window.noteConfirmed(5); // behind 1, but not behind 4
-    EXPECT_NE(window.newPacketsLimit(queueOf({6})), unlimited);
-    window.noteSent(6, 6);
-    window.noteConfirmed(6);
-    EXPECT_EQ(window.newPacketsLimit(queueOf({7})), unlimited);
+    window.noteSent(40, 2);
+    window.noteConfirmed(40); // behind 1, but not behind 4
+    EXPECT_NE(window.newPacketsLimit(queueOf({41})), unlimited);
+    window.noteSent(41, 41);
+    window.noteConfirmed(41);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({42})), unlimited);
 }
 
 TEST(SendWindow, GoesAroundTheWrap)
@@ -108,7 +123,10 @@ TEST(SendWindow, GoesAroundTheWrap)
     SendWindow window;
     window.noteRepeated(250, 250);
     EXPECT_EQ(window.newPacketsLimit(queueOf({4, 5})), 101);
-    window.noteSent(3, 255);
-    window.noteConfirmed(3);
-    EXPECT_EQ(window.newPacketsLimit(queueOf({4, 5})), unlimited);
+    window.noteSent(10, 255);
+    window.noteConfirmed(10);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({11, 12})), 99);
+    window.noteSent(11, 255);
+    window.noteConfirmed(11);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({12, 13})), unlimited);
 }
