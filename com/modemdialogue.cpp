@@ -73,7 +73,8 @@ ModemReading readModemLine(QIODevice& input)
     const QByteArray line = input.readLine(maxLineSize);
     if (line.isEmpty() || isBlankLine(line))
         return {};
-    QString text = QString::fromLatin1(line);
+    // With its size: a zero byte is no end of the line.
+    QString text = QString::fromLatin1(line.constData(), line.size());
     text.remove(QLatin1Char('\r')).remove(QLatin1Char('\n'));
     return {classifyModemLine(line), false, text};
 }

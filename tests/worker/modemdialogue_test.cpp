@@ -171,6 +171,10 @@ TEST(ReadModemLine, TextKeepsCaseWithoutLineEnds)
     EXPECT_EQ(shown(Input().feed("connect 9600\r\n").read()), QStringLiteral("5 connect 9600"));
     EXPECT_EQ(shown(Input().feed("O\rK\r\n").read()), QStringLiteral("2 OK"));
     EXPECT_EQ(Input().feed("\xc4\xff\n").read().text, QStringLiteral("\u00c4\u00ff"));
+    // Noise may hold zero bytes; what stands behind them is told as well.
+    const QString withZero = Input().feed(QByteArray("\0A\0B\r\n", 6)).read().text;
+    EXPECT_EQ(withZero, QString::fromLatin1("\0A\0B", 4));
+    EXPECT_EQ(withZero.size(), 4);
 }
 
 TEST(ReadModemLine, LongLineComesInPieces)
