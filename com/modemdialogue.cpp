@@ -13,6 +13,7 @@ namespace {
 constexpr int maxLineSize = 1024;
 
 constexpr qint64 maxEndlessInputBytes = 64 * 1024;
+constexpr qint64 maxWaitingInputBytes = 1024 * 1024;
 
 enum class Match { WholeLine, Prefix };
 
@@ -93,7 +94,8 @@ ModemResponse readModemResponse(QSerialPort& port, QString& lastAnswer)
 
 void dropEndlessInput(QIODevice& input)
 {
-    if (input.bytesAvailable() > maxEndlessInputBytes && !input.canReadLine())
+    const qint64 waiting = input.bytesAvailable();
+    if (waiting > maxWaitingInputBytes || (waiting > maxEndlessInputBytes && !input.canReadLine()))
         input.readAll();
 }
 

@@ -45,8 +45,9 @@ ModemReading readModemLine(QIODevice& input);
 // The port's own thread.
 ModemResponse readModemResponse(QSerialPort& port, QString& lastAnswer);
 
-// Throws away input of more than 64 KiB that waits without a line end, so that a device
-// that babbles cannot eat the memory.
+// Throws away input of more than 64 KiB that waits without a line end, and of more than
+// 1 MiB that comes faster than its lines are taken, so that a device that babbles cannot
+// eat the memory.
 void dropEndlessInput(QIODevice& input);
 
 // Writes the bytes and waits up to waitMs for them to go out. The port's own thread.

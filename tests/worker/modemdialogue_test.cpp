@@ -248,6 +248,17 @@ TEST(DropEndlessInput, KeepsWhatMayStillBecomeALine)
     EXPECT_EQ(input.left(), 100 * 1024 + 1);
 }
 
+TEST(DropEndlessInput, KeepsAMebibyteOfLines)
+{
+    Input input;
+    input.feed(QByteArray("x\n").repeated(512 * 1024));
+    dropEndlessInput(input.device());
+    EXPECT_EQ(input.left(), 1024 * 1024);
+    input.feed("\n");
+    dropEndlessInput(input.device());
+    EXPECT_EQ(input.left(), 0);
+}
+
 TEST(ModemCommands, AreTheseBytes)
 {
     EXPECT_EQ(checkCommand(), QByteArray("\x41\x54\x0d"));
