@@ -420,7 +420,7 @@ void CComThread::resetModem(PortSession& session)
     pause(afterHangUpPauseMs);
     port.readAll();
     shutPort(port);
-    m_state = PortClosed;
+    moveState(ResettingModem, PortClosed);
     session.timer.invalidate();
 }
 
