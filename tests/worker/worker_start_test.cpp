@@ -1,6 +1,8 @@
 // From the thread's start to the free line, and back to the start.
 #include "tests/worker/workertest.h"
 
+#include <utility>
+
 #include <termios.h>
 
 #include <QElapsedTimer>
@@ -74,6 +76,19 @@ TEST_F(WorkerStart, ModemThatAnswersBecomesFree)
     EXPECT_EQ(worker->portName(), modem.portPath());
     EXPECT_EQ(worker->connectionId(), connectionId);
     EXPECT_EQ(worker->abonentName(), QString());
+}
+
+// A stop is looked for at the top of a pass alone, so that what follows it belongs to the same one.
+TEST_F(WorkerStart, OnePassLeadsFromTheClosedPortToTheCheck)
+{
+    modem.setDsr(true);
+    journal.onRecord = [this](const QString& text) {
+        if (text == QStringLiteral("COM порт открыт"))
+            worker->stop();
+    };
+    start();
+    ASSERT_TRUE(worker->wait(30000));
+    expectEvents(eventsOfStart().mid(0, 7) + QStringList{QStringLiteral("remove")});
 }
 
 TEST_F(WorkerStart, InitStringIsSentRaw)
@@ -201,6 +216,32 @@ TEST_F(WorkerStart, AnswerBringsThePauseBackToTwoSeconds)
     const int first = logTimeBetween(logLinesWith(unanswered).at(0), logLinesWith(askedInLog).at(1));
     const int last = logTimeBetween(logLines().at(silence), logLines().at(asked));
     EXPECT_GE(first, 2000);
+    EXPECT_GE(last, 2000);
+    // Were it not brought back, it would be half as long again at least.
+    EXPECT_LT(last, qMax(2900, first * 14 / 10));
+}
+
+TEST_F(WorkerStart, WrongAnswerBringsThePauseBackToTwoSeconds)
+{
+    writeDetails({QStringLiteral("transportComAtOkTimeout=600")});
+    modem.setDsr(true);
+    start();
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    ASSERT_TRUE(waitForEvent(unansweredEvent, 1));
+    const auto isWrong = [this] { return events().contains(QStringLiteral("journal Неверный ответ на команду 'AT': Hello")); };
+    ASSERT_TRUE(waitFor([&] {
+        if (modem.written().size() >= 3 && !isWrong()) {
+            modem.expectWritten("AT\r");
+            modem.reply("Hello\r\n");
+        }
+        return isWrong();
+    }));
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    ASSERT_TRUE(modem.expectWritten("AT\r"));
+    const QList<LogLine> silences = logLinesWith(unanswered);
+    const QList<LogLine> questions = logLinesWith(askedInLog);
+    const int first = logTimeBetween(silences.at(0), questions.at(1));
+    const int last = logTimeBetween(silences.last(), questions.last());
     EXPECT_GE(last, 2000);
     // Were it not brought back, it would be half as long again at least.
     EXPECT_LT(last, qMax(2900, first * 14 / 10));
@@ -401,6 +442,56 @@ TEST_F(WorkerStart, EveryParameterIsSetAndEveryFailureTold)
     ASSERT_EQ(tcgetattr(modem.endpoint().masterFd(), &line), 0);
     EXPECT_NE(line.c_iflag & IXON, 0u);
     EXPECT_NE(line.c_cflag & CSTOPB, 0u);
+}
+
+// Every parameter fails once the device is gone.
+TEST_F(WorkerStart, DeviceUnpluggedWhileItsPortIsBeingSetUp)
+{
+    writeDetails({QStringLiteral("transportComOpenInterval=50"), QStringLiteral("transportComDsrCheckInterval=20")});
+    bool isPlugged = true; // the worker's
+    journal.onRecord = [this, &isPlugged](const QString& text) {
+        if (text == QStringLiteral("COM порт открыт") && std::exchange(isPlugged, false))
+            modem.endpoint().unplug();
+    };
+    ComPortSettings settings = usualSettings();
+    settings.initString = QStringLiteral("ATZ");
+    start(settings);
+    const QString notOpened = QStringLiteral("journal Ошибка открытия COM порта. No such file or directory");
+    ASSERT_TRUE(waitForEvent(notOpened));
+    const QStringList steps = {QStringLiteral("установить сигнал DTR для"), QStringLiteral("изменить скорость"),
+                               QStringLiteral("изменить управление потоком"), QStringLiteral("изменить биты данных"),
+                               QStringLiteral("изменить четность"), QStringLiteral("изменить стоповые биты")};
+    const QStringList told = withoutPortErrors(events());
+    ASSERT_GE(told.size(), 13) << joined(told);
+    EXPECT_EQ(joined(told.mid(0, 4)), joined(eventsOfStart().mid(0, 4)));
+    for (int i = 0; i < steps.size(); ++i) {
+        const QString start = QStringLiteral("error Не удалось %1 COM порта. ").arg(steps.at(i));
+        EXPECT_TRUE(told.at(4 + i).startsWith(start)) << told.at(4 + i).toStdString();
+        EXPECT_GT(told.at(4 + i).size(), start.size());
+    }
+    EXPECT_EQ(told.at(10), QStringLiteral("journal Отправка строки инициализации: ATZ"));
+    EXPECT_EQ(told.at(11), QStringLiteral("state Открытие COM порта"));
+    ASSERT_TRUE(modem.endpoint().plugIn());
+    modem.setDsr(true);
+    ASSERT_TRUE(modem.expectWritten("ATZAT\r"));
+    modem.reply("OK\r\n");
+    ASSERT_TRUE(waitForState(CComThread::LineFree));
+}
+
+TEST_F(WorkerStart, PortIsClosedBeforeItLeavesTheTable)
+{
+    bool isDtrDropped = false;
+    bool isOpenToOthers = false;
+    channelsState.onRemove = [&] {
+        isDtrDropped = (modem.endpoint().programLines() & sim::LineDtr) == 0;
+        QSerialPort other;
+        other.setPortName(modem.portPath());
+        isOpenToOthers = other.open(QIODevice::ReadWrite);
+    };
+    startFree();
+    ASSERT_TRUE(stopAndWait());
+    EXPECT_TRUE(isDtrDropped);
+    EXPECT_TRUE(isOpenToOthers);
 }
 
 TEST_F(WorkerStart, StopBeforeTheThreadRuns)

@@ -35,6 +35,13 @@ void HookedJournal::addRecord(int kind, const QString& source, const QString& te
         onRecord(text);
 }
 
+void HookedChannelsState::removeChannel(int id)
+{
+    RecordingChannelsState::removeChannel(id);
+    if (onRemove)
+        onRemove();
+}
+
 QList<LogLine> logLines(const QString& label)
 {
     QList<LogLine> found;

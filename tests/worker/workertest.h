@@ -32,6 +32,17 @@ public:
     std::function<void(const QString& text)> onRecord; // set before the worker starts
 };
 
+// A channels table that also lets the test act when the port leaves it, in the thread that
+// takes it out.
+class HookedChannelsState : public testsupport::RecordingChannelsState
+{
+public:
+    using RecordingChannelsState::RecordingChannelsState;
+    void removeChannel(int id) override;
+
+    std::function<void()> onRemove; // set before the worker starts
+};
+
 struct LogLine {
     int timeMs; // since midnight
     QString text;
@@ -90,7 +101,7 @@ protected:
     bool waitForEvent(const QString& event, int times = 1);
 
     testsupport::CallLog log;
-    testsupport::RecordingChannelsState channelsState{&log};
+    HookedChannelsState channelsState{&log};
     HookedJournal journal{&log};
     CComServer server;
     ScriptedFactory* factory; // owned by the server
