@@ -45,9 +45,9 @@ QString headerInfo()
 
 QString CSystemInfo::HDDInfo()
 {
-    const QStorageInfo storage = storageOf(Global::applicationDir().absolutePath());
+    const VolumeSpace volume = volumeSpace(Global::applicationDir().absolutePath());
     return QStringLiteral("Жесткий диск:         доступно %1 из %2")
-        .arg(Global::sizeString(freeBytes(storage)), Global::sizeString(storage.bytesTotal()));
+        .arg(Global::sizeString(volume.freeBytes), Global::sizeString(volume.totalBytes));
 }
 
 QString CSystemInfo::RAMInfo()

@@ -154,5 +154,5 @@ QString Global::currentSystemUserName()
 
 qint64 Global::diskFreeSpace(const QString& path)
 {
-    return freeBytes(storageOf(path));
+    return volumeSpace(path).freeBytes;
 }

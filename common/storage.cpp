@@ -1,25 +1,47 @@
 #include "common/storage.h"
 
-#include <QDir>
-#include <QFileInfo>
+#include <sys/statvfs.h>
 
-QStorageInfo storageOf(const QString& path)
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStorageInfo>
+
+namespace {
+
+VolumeSpace space(qint64 totalBytes, qint64 availableBytes, qint64 freeBytes)
+{
+    return {totalBytes, availableBytes != 0 ? availableBytes : freeBytes};
+}
+
+// Qt knows a volume by its entry in the table of mounts. After a change of root there may be
+// none even for "/", while the file system still answers.
+VolumeSpace askFileSystem(const QString& path)
+{
+    struct statvfs answer {};
+    if (::statvfs(QFile::encodeName(path).constData(), &answer) != 0)
+        return {};
+    const qint64 unit = static_cast<qint64>(answer.f_frsize);
+    return space(unit * static_cast<qint64>(answer.f_blocks), unit * static_cast<qint64>(answer.f_bavail),
+                 unit * static_cast<qint64>(answer.f_bfree));
+}
+
+} // namespace
+
+VolumeSpace volumeSpace(const QString& path)
 {
     QString current = QDir::cleanPath(QFileInfo(path).absoluteFilePath());
-    QStorageInfo storage(current);
-    while (!storage.isValid()) {
+    QString existing;
+    for (;;) {
+        const QStorageInfo storage(current);
+        if (storage.isValid())
+            return space(storage.bytesTotal(), storage.bytesAvailable(), storage.bytesFree());
+        if (existing.isEmpty() && QFile::exists(current))
+            existing = current;
         // By the path's text: a directory that is missing cannot be left upwards.
         const QString parent = QFileInfo(current).path();
         if (parent == current)
-            break;
+            return askFileSystem(existing);
         current = parent;
-        storage.setPath(current);
     }
-    return storage;
-}
-
-qint64 freeBytes(const QStorageInfo& storage)
-{
-    const qint64 available = storage.bytesAvailable();
-    return available != 0 ? available : storage.bytesFree();
 }

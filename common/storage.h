@@ -1,10 +1,12 @@
 // The volume of a path that need not exist yet.
 #pragma once
 
-#include <QStorageInfo>
+#include <QString>
+
+struct VolumeSpace {
+    qint64 totalBytes = -1; // -1: not known
+    qint64 freeBytes = -1;  // to the user, or in all where the system does not tell the two apart
+};
 
 // The volume of the nearest existing ancestor of path.
-QStorageInfo storageOf(const QString& path);
-
-// Bytes free to the user, or in all where the system does not tell the two apart.
-qint64 freeBytes(const QStorageInfo& storage);
+VolumeSpace volumeSpace(const QString& path);
