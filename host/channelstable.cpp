@@ -71,8 +71,11 @@ void ChannelsTable::addSentBytes(int id, int bytes)
 
 QVector<ChannelRow> ChannelsTable::rows() const
 {
+    // A copy of its own: sharing the rows, the reader would let go of them without the lock.
     QMutexLocker locker(&m_mutex);
-    return m_rows;
+    QVector<ChannelRow> copy = m_rows;
+    copy.detach();
+    return copy;
 }
 
 } // namespace host
