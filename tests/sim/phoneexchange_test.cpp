@@ -52,7 +52,11 @@ protected:
     {
         arguments << QStringLiteral("--ready-file") << path("ready") << QStringLiteral("--link-dir") << path("ports");
         run(arguments);
-        ASSERT_TRUE(waitFor([&] { return QFile::exists(path("ready")) || process.state() == QProcess::NotRunning; }));
+        // Ready may be seen before the news that it has started.
+        ASSERT_TRUE(waitFor([&] {
+            return (QFile::exists(path("ready")) && process.state() != QProcess::Starting)
+                || process.state() == QProcess::NotRunning;
+        }));
         ASSERT_EQ(process.state(), QProcess::Running) << process.readAllStandardError().toStdString();
     }
 
