@@ -31,6 +31,8 @@ if(TRANSPORT_COVERAGE)
 endif()
 if(TRANSPORT_FUZZING)
     list(APPEND transport_compile_options -fsanitize=fuzzer-no-link)
+    # Optimised, and yet with Qt's assertions.
+    list(APPEND transport_compile_options -DQT_FORCE_ASSERTS)
 endif()
 
 # transport_target(<target>): warnings, sanitizers, hidden symbols, includes
