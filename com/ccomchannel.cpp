@@ -147,12 +147,15 @@ void CComChannel::computePackets()
     int taken = 0;
     for (bool found = true; found;) {
         CComPacket packet;
-        int packetEnd = 0;
-        found = packet.readPacket(m_receiveBuffer.constData() + taken, m_receiveBuffer.size() - taken, &packetEnd);
-        taken += packetEnd;
+        int end = 0;
+        found = packet.cut(m_receiveBuffer.constData() + taken, m_receiveBuffer.size() - taken, &end) == CComPacket::Cut::Packet;
+        taken += end;
         if (found)
             computePacket(packet);
     }
+    // Even in front of a packet that is not complete: of headers behind each other, each
+    // promising more than the last, the buffer would grow without end, and so would the
+    // time to look through it again.
     m_receiveBuffer.remove(0, taken);
 }
 

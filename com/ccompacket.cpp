@@ -52,18 +52,19 @@ void CComPacket::makePacket()
 
 bool CComPacket::readPacket(QByteArray* buffer)
 {
-    int taken = 0;
-    const bool found = readPacket(buffer->constData(), buffer->size(), &taken);
-    if (taken > 0)
-        buffer->remove(0, taken);
-    return found;
+    int end = 0;
+    const Cut found = cut(buffer->constData(), buffer->size(), &end);
+    // In front of a packet that is not complete nothing is taken either.
+    if (found != Cut::Incomplete && end > 0)
+        buffer->remove(0, end);
+    return found == Cut::Packet;
 }
 
-bool CComPacket::readPacket(const char* buffer, int size, int* taken)
+CComPacket::Cut CComPacket::cut(const char* buffer, int size, int* end)
 {
-    *taken = 0;
+    *end = 0;
     if (size < headerSize)
-        return false;
+        return Cut::Nothing;
 
     const char* const scanEnd = buffer + size - headerSize + 1; // no header fits from here on
     const char* header = findHeader(buffer, scanEnd);
@@ -72,27 +73,28 @@ bool CComPacket::readPacket(const char* buffer, int size, int* taken)
         number = static_cast<quint8>(header[numberOffset]);
         data.clear(); // an empty packet must not carry the payload of one read before
         const int length = qFromLittleEndian<quint16>(header + lengthOffset);
+        *end = static_cast<int>(header - buffer);
         if (length == 0) {
             bytes = QByteArray(header, headerSize);
-            *taken = static_cast<int>(header - buffer) + headerSize;
-            return true;
+            *end += headerSize;
+            return Cut::Packet;
         }
 
         const int wireSize = length + maxOverhead;
         if (wireSize > buffer + size - header)
-            return false; // not complete: nothing is taken, not even what stands in front
+            return Cut::Incomplete;
         const quint32 check = crc32(header, headerSize + length);
         if (check == qFromLittleEndian<quint32>(header + headerSize + length)) {
             data = QByteArray(header + headerSize, length);
             bytes = QByteArray(header, wireSize);
-            *taken = static_cast<int>(header - buffer) + wireSize;
-            return true;
+            *end += wireSize;
+            return Cut::Packet;
         }
         qDebug() << "Packet header received, but data is corrupted" << int(type) << int(number) << length;
         // Peers go on one byte behind the header, and so must we: the payload may hold
         // the next packet. This can lead beyond scanEnd.
         header = findHeader(header + headerSize + 1, scanEnd);
     }
-    *taken = static_cast<int>(header - buffer);
-    return false;
+    *end = static_cast<int>(header - buffer);
+    return Cut::Nothing;
 }

@@ -34,9 +34,14 @@ public:
     // same, and this object may have changed.
     bool readPacket(QByteArray* buffer);
 
-    // The same over bytes that stay where they are: *taken becomes the number of bytes
-    // that readPacket would have removed from their front.
-    bool readPacket(const char* buffer, int size, int* taken);
+    enum class Cut {
+        Packet,     // one was taken; it ends at *end
+        Incomplete, // one has begun at *end; the bytes in front of it need no second look
+        Nothing,    // what comes next may make a packet of the bytes from *end on
+    };
+
+    // The same over bytes that stay where they are.
+    Cut cut(const char* buffer, int size, int* end);
 
     quint8 type = DataPacket; // a PacketType; other values travel, and are ignored
     quint8 number = 0;        // of a data packet: 255 is followed by 0

@@ -2,6 +2,7 @@
 #include "tests/link/channelfixture.h"
 
 #include "common/functiondebug.h"
+#include "tests/link/messagecatcher.h"
 
 using namespace linktest;
 
@@ -853,4 +854,17 @@ TEST_F(ChannelTest, TheLargestBlocksFitTheLengthField)
     const QList<CComPacket> packets = written();
     ASSERT_EQ(packets.size(), 2);
     EXPECT_EQ(packets[0].data.size(), 32758);
+}
+
+// Otherwise a peer could make the buffer, and each look through it, grow without end.
+TEST_F(ChannelTest, LooksOnceAtADamagedPacketWhileTheNextIsIncomplete)
+{
+    const MessageCatcher catcher;
+    QByteArray damaged = dataWire(1, "one");
+    damaged[9] = static_cast<char>(damaged.at(9) ^ 1);
+    const QByteArray next = dataWire(1, QByteArray(200, 'n'));
+    EXPECT_TRUE(receive(damaged + next.left(20)).isEmpty());
+    EXPECT_TRUE(receive(next.mid(20, 20)).isEmpty());
+    EXPECT_EQ(receive(next.mid(40)), QByteArray(200, 'n'));
+    EXPECT_EQ(MessageCatcher::messages.count(QStringLiteral("%1 Packet header received, but data is corrupted 0 1 3").arg(int(QtDebugMsg))), 1);
 }

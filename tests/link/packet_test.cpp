@@ -10,6 +10,7 @@
 #include "com/ccompacket.h"
 #include "com/crc.h"
 #include "tests/link/bytes.h"
+#include "tests/link/messagecatcher.h"
 #include "tests/support/testroot.h"
 
 namespace {
@@ -39,25 +40,6 @@ QByteArray upTo(int end)
 
 const QByteArray helloWire = fromHex("7c00010500644f48656c6c6fbb8ac44f");
 const QByteArray aWire = fromHex("7c00010100a083414d46eca0");
-
-// What goes to the Qt message stream during its life.
-class MessageCatcher
-{
-public:
-    MessageCatcher()
-    {
-        messages.clear();
-        m_previous = qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
-            messages.append(QStringLiteral("%1 ").arg(int(type)) + text);
-        });
-    }
-    ~MessageCatcher() { qInstallMessageHandler(m_previous); }
-
-    inline static QStringList messages;
-
-private:
-    QtMessageHandler m_previous;
-};
 
 struct Expected
 {
@@ -338,16 +320,16 @@ TEST(ReadPacket, FindsAPacketThatCarriesPacketImagesAsPayload)
     EXPECT_TRUE(buffer.isEmpty());
 }
 
-TEST(ReadPacket, InPlaceTakesWhatTheBufferWouldLose)
+TEST(Cut, TakesWhatTheBufferWouldLose)
 {
     const QByteArray bytes = "gg" + aWire + "tail";
     CComPacket read;
-    int taken = -1;
-    ASSERT_TRUE(read.readPacket(bytes.constData(), bytes.size(), &taken));
-    EXPECT_EQ(taken, 14);
+    int end = -1;
+    ASSERT_EQ(read.cut(bytes.constData(), bytes.size(), &end), CComPacket::Cut::Packet);
+    EXPECT_EQ(end, 14);
     EXPECT_EQ(read.data, "A");
-    EXPECT_FALSE(read.readPacket(bytes.constData() + taken, bytes.size() - taken, &taken));
-    EXPECT_EQ(taken, 0);
+    EXPECT_EQ(read.cut(bytes.constData() + end, bytes.size() - end, &end), CComPacket::Cut::Nothing);
+    EXPECT_EQ(end, 0);
 }
 
 // Properties over random traffic.
@@ -500,4 +482,22 @@ TEST_F(RandomTraffic, LeavesTheBytesThatAByteByByteScanLeaves)
             ASSERT_TRUE(sameBytes(buffer, expectedBuffer));
         }
     }
+}
+
+TEST(Cut, PassesByWhatStandsInFrontOfAPacketThatIsNotComplete)
+{
+    const QByteArray corrupt = fromHex("7c00010100a0834100000000");
+    const QByteArray bytes = "garbage" + corrupt + helloWire.left(10);
+    CComPacket read;
+    int end = -1;
+    EXPECT_EQ(read.cut(bytes.constData(), bytes.size(), &end), CComPacket::Cut::Incomplete);
+    EXPECT_EQ(end, bytes.size() - 10);
+    const QByteArray whole = bytes.mid(end) + helloWire.mid(10);
+    EXPECT_EQ(read.cut(whole.constData(), whole.size(), &end), CComPacket::Cut::Packet);
+    EXPECT_EQ(end, helloWire.size());
+    EXPECT_EQ(read.data, "Hello");
+    EXPECT_EQ(read.cut(corrupt.constData(), corrupt.size(), &end), CComPacket::Cut::Nothing);
+    EXPECT_EQ(end, 8);
+    EXPECT_EQ(read.cut(corrupt.constData(), 6, &end), CComPacket::Cut::Nothing);
+    EXPECT_EQ(end, 0);
 }
