@@ -177,6 +177,13 @@ TEST(ReadModemLine, TextKeepsCaseWithoutLineEnds)
     EXPECT_EQ(withZero.size(), 4);
 }
 
+TEST(ReadModemLine, TextGoesOnBeyondANul)
+{
+    const ModemReading reading = Input().feed(QByteArray("\0OK\r\n", 5)).read();
+    EXPECT_EQ(reading.response, ResponseUnknown);
+    EXPECT_EQ(reading.text, QString(QChar(0)) + QStringLiteral("OK"));
+}
+
 TEST(ReadModemLine, LongLineComesInPieces)
 {
     Input input;
