@@ -451,6 +451,11 @@ Modem::Outcome Modem::dial(const QByteArray& text)
         m_dial.number.prepend(m_lastNumber);
     if (m_dial.stored >= 0)
         m_dial.number.prepend(m_storedNumbers[static_cast<std::size_t>(m_dial.stored)]);
+    // L and a semicolon could double the number with each line.
+    if (m_dialledSoFar.size() + m_dial.number.size() > maxCommandLength) {
+        m_dialledSoFar.clear();
+        return Outcome::Failed;
+    }
     m_dialledSoFar += m_dial.number;
     if (m_dial.staysInCommand) {
         setState(ModemState::OffHook);

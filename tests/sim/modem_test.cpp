@@ -322,6 +322,26 @@ TEST_F(ModemTest, DialsAgainStoredAndInParts)
     EXPECT_EQ(host.takeCalls(), QStringList("dial 8102 +0"));
 }
 
+TEST_F(ModemTest, ANumberDoesNotGrowForEver)
+{
+    type("ATD0123456789\r");
+    modem.callFailed(CallFailure::Busy);
+    int dialled = 0;
+    for (int i = 0; i < 20; ++i) {
+        host.takeCalls();
+        type("ATDL;\r"); // the first half
+        type("ATDL\r");
+        for (const QString& call : host.takeCalls()) {
+            EXPECT_LE(call.size(), Modem::maxCommandLength + QStringLiteral("dial  +0").size());
+            ++dialled;
+        }
+        if (modem.state() == ModemState::Dialling)
+            modem.callFailed(CallFailure::Busy);
+    }
+    EXPECT_EQ(dialled, 4) << "20, 40, 80 and 160 digits, and then no more";
+    EXPECT_EQ(ask("AT"), ok);
+}
+
 TEST_F(ModemTest, FailuresAsTheResultLevelTells)
 {
     const struct {
