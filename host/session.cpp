@@ -509,7 +509,7 @@ void Session::onOffer(const Frame& frame, qint64 nowMs)
         return;
     }
     m_peerFinished = false;
-    m_receiving.emplace();
+    m_receiving = Receiving();
     Receiving& receiving = *m_receiving;
     receiving.offer = offer;
     receiving.offerIndex = m_nextOfferIn++;

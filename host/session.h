@@ -232,7 +232,6 @@ private:
     // Ending
     bool m_finishSent = false;
     bool m_peerFinished = false;
-    bool m_peerTold = false;
 
     // Time
     qint64 m_lastHeardMs;
