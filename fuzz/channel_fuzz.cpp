@@ -30,8 +30,8 @@ namespace {
 
 constexpr char startSymbol = 0x7C;
 constexpr int everything = 1 << 28;
-constexpr int stepMs = 20;
-constexpr int mostSteps = 400;           // of whole exchanges within an input
+constexpr int stepMs = 50;
+constexpr int mostSteps = 100;           // of whole exchanges within an input
 constexpr qint64 healingMs = 600 * 1000; // all must have arrived so long after the last fault
 constexpr qint64 heartbeatMs = 1000;
 constexpr qint64 hourMs = 3600 * 1000;
