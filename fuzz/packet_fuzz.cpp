@@ -30,8 +30,8 @@ std::vector<fuzz::PlainPacket> cutWhole(const QByteArray& bytes)
         packet.data = "of an earlier packet";
         fuzz::PlainPacket plain;
         const bool found = packet.readPacket(&buffer);
-        require(found == fuzz::plainRead(plainBuffer, plain), "the cutter finds a packet where the description does");
-        require(buffer == plainBuffer, "the cutter leaves what the description leaves");
+        require(found == fuzz::plainRead(plainBuffer, plain), "the cutter finds a packet where a plain reading does");
+        require(buffer == plainBuffer, "the cutter leaves what a plain reading leaves");
         if (!found)
             return packets;
         require(isSame(packet, plain), "the packet is the described one");
