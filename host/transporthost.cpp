@@ -283,7 +283,6 @@ void TransportHost::onServerFinished()
 void TransportHost::onConnected(const QString& abonent, int connectionId)
 {
     m_scheduler->connected(abonent, connectionId);
-    m_failureTexts.remove(abonent);
     m_events.write(QStringLiteral("connected"),
                    {{QStringLiteral("peer"), abonent}, {QStringLiteral("connection"), connectionId}});
     if (m_options.keepConnections)
@@ -293,14 +292,14 @@ void TransportHost::onConnected(const QString& abonent, int connectionId)
 void TransportHost::onJournalRecord(const JournalRecord& record)
 {
     if (record.source != ownName)
-        m_lastPluginRecord = record.text;
+        m_failures.journalRecord(record.source, record.text);
     emit journalRecord(record);
 }
 
 void TransportHost::onNotConnected(const QString& abonent)
 {
     m_scheduler->notConnected(abonent, m_clock.elapsed());
-    m_failureTexts[abonent] = m_lastPluginRecord;
+    m_failures.notConnected(abonent);
     m_events.write(QStringLiteral("notConnected"), {{QStringLiteral("peer"), abonent}});
     explainWaiting();
 }
@@ -336,6 +335,7 @@ void TransportHost::onReport(const SessionReport& report)
     fields[QStringLiteral("useful")] = report.wasUseful;
     fields[QStringLiteral("reason")] = report.reason;
     m_events.write(QStringLiteral("callEnded"), fields);
+    m_failures.sessionEnded(report.channelName, report.peer, report.endedWell ? QString() : report.reason);
     if (!report.endedWell)
         journal(true, QStringLiteral("the session with '%1' on %2 ended early: %3").arg(report.peer, report.channelName, report.reason));
     for (auto it = m_files.begin(); it != m_files.end(); ++it) {
@@ -497,6 +497,7 @@ void TransportHost::placeCalls()
         return;
     // One at a time: the next one when the free channel has been looked at again.
     m_scheduler->callPlaced(*abonent, m_clock.elapsed());
+    m_failures.callPlaced(m_abonents.at(known).name);
     m_events.write(QStringLiteral("callPlaced"), {{QStringLiteral("peer"), *abonent}});
     emit connectRequested(m_abonents.at(known).name, m_abonents.at(known).channelData);
 }
@@ -513,7 +514,7 @@ std::optional<QString> TransportHost::whyWaiting(const QString& abonent) const
     const int failedCalls = m_scheduler->failedCalls(abonent);
     if (failedCalls > 0) {
         const QString count = failedCalls == 1 ? QStringLiteral("1 call") : QStringLiteral("%1 calls").arg(failedCalls);
-        const QString cause = m_failureTexts.value(abonent);
+        const QString cause = m_failures.reason(abonent);
         return cause.isEmpty() ? QStringLiteral("%1 in a row failed").arg(count)
                                : QStringLiteral("%1 in a row failed, the last: %2").arg(count, cause);
     }

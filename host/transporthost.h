@@ -14,6 +14,7 @@
 #include <QThread>
 #include <QTimer>
 
+#include "host/callfailures.h"
 #include "host/callscheduler.h"
 #include "host/channelstable.h"
 #include "host/eventlog.h"
@@ -157,9 +158,7 @@ private:
 
     QTimer m_pollTimer;
     QTimer m_stopTimer;
-    // The plug-in tells that a call failed, but why only in its journal, just before.
-    QString m_lastPluginRecord;
-    QHash<QString, QString> m_failureTexts; // by the abonent's name, until a call succeeds
+    CallFailures m_failures;
 
     std::map<FileKey, FileProgress> m_files;
     QHash<quint64, qint64> m_callBeganMs;

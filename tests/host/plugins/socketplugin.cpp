@@ -179,6 +179,7 @@ private:
     {
         const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
         const sockaddr_un address = addressOf(m_number);
+        m_server->journal->addRecord(0, m_path, QStringLiteral("Вызов '%1' (%2). Запись команды: ATD%2").arg(m_abonent, m_number));
         m_number.clear();
         const bool isBusy = callsPlaced++ < qEnvironmentVariableIntValue("SOCKETPLUGIN_BUSY");
         if (isBusy || ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
