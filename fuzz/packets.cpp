@@ -8,6 +8,7 @@ namespace {
 
 constexpr int headerBytes = 7;
 constexpr int checkBytes = 4;
+constexpr int maxLineBytes = 512;
 
 std::array<quint16, 256> makeTable16()
 {
@@ -98,22 +99,21 @@ bool plainRead(QByteArray& buffer, PlainPacket& packet)
 {
     int at = 0;
     while (at + headerBytes <= buffer.size()) {
-        const QByteArray header = QByteArray::fromRawData(buffer.constData() + at, headerBytes);
-        const bool isHeader = byteAt(header, 0) == 0x7C
-            && plainHeaderCheck(QByteArray::fromRawData(header.constData(), 5)) == (byteAt(header, 5) | byteAt(header, 6) << 8);
+        const bool isHeader = byteAt(buffer, at) == 0x7C
+            && plainHeaderCheck(QByteArray::fromRawData(buffer.constData() + at, 5)) == (byteAt(buffer, at + 5) | byteAt(buffer, at + 6) << 8);
         if (!isHeader) {
             ++at;
             continue;
         }
-        const int length = byteAt(header, 3) | byteAt(header, 4) << 8;
+        const int length = byteAt(buffer, at + 3) | byteAt(buffer, at + 4) << 8;
         const int wireBytes = length == 0 ? headerBytes : headerBytes + length + checkBytes;
         if (at + wireBytes > buffer.size())
             return false;
-        const QByteArray checked = buffer.mid(at, headerBytes + length);
+        const QByteArray checked = QByteArray::fromRawData(buffer.constData() + at, headerBytes + length);
         if (length == 0 || buffer.mid(at + headerBytes + length, checkBytes) == littleEndian(plainPayloadCheck(checked), checkBytes)) {
-            packet.type = byteAt(header, 1);
-            packet.number = byteAt(header, 2);
-            packet.data = checked.mid(headerBytes);
+            packet.type = byteAt(buffer, at + 1);
+            packet.number = byteAt(buffer, at + 2);
+            packet.data = buffer.mid(at + headerBytes, length);
             packet.bytes = buffer.mid(at, wireBytes);
             buffer.remove(0, at + wireBytes);
             return true;
@@ -129,7 +129,8 @@ QByteArray lineBytes(Input& input)
     // The upper bits of the choice say how many such packets come, with numbers counting up.
     enum Piece { Run, Packet, EmptyPacket, DamagedPacket, LonelyHeader, LongPacket, PacketInPacket, PieceCount };
     QByteArray bytes;
-    while (!input.atEnd()) {
+    // A few bytes of input make many here; long rows only make the target slow.
+    while (!input.atEnd() && bytes.size() < maxLineBytes) {
         const int choice = input.byte();
         const int times = 1 + (choice >> 4);
         switch (static_cast<Piece>((choice & 15) % PieceCount)) {
@@ -166,7 +167,7 @@ QByteArray lineBytes(Input& input)
         }
         case LongPacket: {
             const int number = input.byte();
-            bytes += plainWire(0, number, QByteArray(input.word() % 4096, static_cast<char>(input.byte())));
+            bytes += plainWire(0, number, QByteArray(input.word() % 2048, static_cast<char>(input.byte())));
             break;
         }
         case PacketInPacket: {
