@@ -1,6 +1,6 @@
 # What is installed, in three components:
 #   runtime      bin/channelPlugins/: the plug-in, where hosts in bin/ look for it
-#   programs     the reference host, the telephone exchange, and the library that gives
+#   programs     the reference host, transport-tune, the telephone exchange, and the library that gives
 #                its ptys modem lines in a program that preloads it
 #   development  headers, the two static libraries that hosts share with the plug-in, and
 #                the CMake package transportCom (find_package(transportCom))
@@ -13,7 +13,7 @@ install(TARGETS transportCom
         COMPONENT runtime
         NAMELINK_SKIP)
 
-install(TARGETS transport-host phone-exchange ptylines-preload
+install(TARGETS transport-host transport-tune phone-exchange ptylines-preload
     RUNTIME
         DESTINATION ${CMAKE_INSTALL_BINDIR}
         COMPONENT programs

@@ -1,0 +1,49 @@
+// Which settings of the link get the most out of a line, and how much that is. The rule
+// and its arithmetic stand in docs/tuning.md.
+#pragma once
+
+namespace tune {
+
+// A line as an operator knows it.
+struct LineFacts
+{
+    int rate = 0;             // bit/s; a byte takes ten
+    int delayMs = 0;          // one way
+    double bitErrorRate = 0;  // of the bits on the line, 0 to below 1
+    int bufferBytes = 4096;   // what driver and modem hold of what was written to the port
+};
+
+constexpr int lowestRate = 300;
+constexpr int highestRate = 10000000;
+constexpr int longestDelayMs = 10000;
+constexpr double highestBitErrorRate = 1e-2; // nothing of use gets through beyond
+constexpr int largestBufferBytes = 1 << 20;
+
+// The link's settings: the packet size of channelCom.conf, and four keys of settings.ini.
+// The largest packet for which they are made, so that maxBytesToWrite is never the lesser.
+struct LinkProfile
+{
+    int packetSize = 1024;             // bytes
+    int maxBytesToWrite = 1024;        // Details/transportComMaxBytesToWrite, bytes
+    int maxBytesInQueue = 10240;       // Details/transportComMaxBytesInQueue, bytes
+    int resendIntervalMs = 2000;       // Details/transportComResendInterval
+    int confirmationIntervalMs = 500;  // Details/transportComConfirmationInterval
+};
+
+bool operator==(const LinkProfile& left, const LinkProfile& right);
+
+// Share of the line's bytes (rate / 10) that a long transfer gets, session included.
+struct Goodput
+{
+    double oneWay = 0;
+    double bothWays = 0; // each way, with both busy
+};
+
+// Facts outside the limits above count as the nearest within. What comes out lies within
+// the keys' ranges whatever goes in.
+LinkProfile recommendedProfile(const LineFacts& line);
+
+// What recommendedProfile() gets out of the line.
+Goodput expectedGoodput(const LineFacts& line);
+
+} // namespace tune

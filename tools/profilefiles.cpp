@@ -1,0 +1,97 @@
+#include "tools/profilefiles.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+
+#include "com/ccomsettings.h"
+#include "common/global.h"
+#include "common/settingskeys.h"
+
+namespace tune {
+
+namespace {
+
+// Programs of several users share the file, so it is made for all, as they make it.
+constexpr auto newSettingsPermissions = QFileDevice::Permissions(0x6666);
+
+QString settingsPath(const QString& installation)
+{
+    return QDir(installation).absoluteFilePath(QStringLiteral("settings"));
+}
+
+QString readChannelSettings(const QString& path, ChannelComSettings* settings)
+{
+    const QString recovery = Global::recoverSaving(path);
+    if (!recovery.isEmpty())
+        return recovery;
+    QFile file(path);
+    if (!file.exists())
+        return QString(); // no ports yet
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
+    const QByteArray bytes = file.readAll();
+    const QString error = settings->fromByteArray(bytes);
+    if (!error.isEmpty())
+        return QStringLiteral("%1: %2; nothing was changed").arg(path, error);
+    // What this program would not write back must not be lost.
+    if (settings->toByteArray() != bytes)
+        return QStringLiteral("%1 holds more than this program knows; nothing was changed").arg(path);
+    return QString();
+}
+
+QString writeKeys(const QString& path, const LinkProfile& profile)
+{
+    const bool isNew = !QFile::exists(path);
+    QSettings settings(path, QSettings::IniFormat);
+    // The programs of the installation may write at the same time: what they wrote stays.
+    if (settings.status() != QSettings::NoError || !settings.isWritable())
+        return QStringLiteral("cannot write %1: check its permissions").arg(path);
+    const auto set = [&](Setting setting, int value) { settings.setValue(settingKey(setting).key(), value); };
+    set(Setting::DetailsTransportComMaxBytesToWrite, profile.maxBytesToWrite);
+    set(Setting::DetailsTransportComMaxBytesInQueue, profile.maxBytesInQueue);
+    set(Setting::DetailsTransportComResendInterval, profile.resendIntervalMs);
+    set(Setting::DetailsTransportComConfirmationInterval, profile.confirmationIntervalMs);
+    settings.sync();
+    if (settings.status() != QSettings::NoError)
+        return QStringLiteral("cannot write %1: check its permissions and the room on the disk").arg(path);
+    if (isNew)
+        QFile(path).setPermissions(newSettingsPermissions); // not its owner's to give: then as it is
+    return QString();
+}
+
+} // namespace
+
+QString installationError(const QString& directory)
+{
+    if (!QFileInfo(directory).isDir())
+        return QStringLiteral("there is no directory %1").arg(directory);
+    if (!QFileInfo(settingsPath(directory)).isDir()) {
+        return QStringLiteral("%1 is no installation: it has no directory \"settings\"; give the root of one by "
+                              "--installation, or make it by naming it (\"transport-host name NAME\" from its bin/)")
+            .arg(directory);
+    }
+    return QString();
+}
+
+QString writeProfile(const QString& installation, const LinkProfile& profile)
+{
+    QString error = installationError(installation);
+    if (!error.isEmpty())
+        return error;
+    const QDir settingsDir(settingsPath(installation));
+    const QString channelPath = settingsDir.absoluteFilePath(QStringLiteral("channelCom.conf"));
+    ChannelComSettings channel;
+    error = readChannelSettings(channelPath, &channel);
+    if (!error.isEmpty())
+        return error;
+    error = writeKeys(settingsDir.absoluteFilePath(QStringLiteral("settings.ini")), profile);
+    if (!error.isEmpty())
+        return error;
+    channel.packetSize = profile.packetSize;
+    error = Global::safeSaving(channelPath, channel.toByteArray());
+    return error.isEmpty() ? error : QStringLiteral("%1: %2").arg(channelPath, error);
+}
+
+} // namespace tune
