@@ -198,8 +198,12 @@ void CComChannel::computeConfirmation(const CComPacket& packet)
     std::bitset<256> confirmed;
     for (const char number : packet.data)
         confirmed.set(static_cast<quint8>(number));
+    int ahead = 0; // of the oldest; does not wrap, however long the queue
+    quint8 previous = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
     for (auto queued = m_sendQueue.begin(); queued != m_sendQueue.end();) {
-        if (!confirmed.test(queued->number)) {
+        ahead += linkrules::stepsFrom(previous, queued->number);
+        previous = queued->number;
+        if (!confirmed.test(queued->number) || !SendWindow::mayBeConfirmed(*queued, ahead)) {
             ++queued;
             continue;
         }
@@ -238,7 +242,9 @@ void CComChannel::sendQueue()
     static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
     static const int resendIntervalMs = CSettings().detailsTransportComResendInterval();
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
-    const int newPacketsLimit = m_sendWindow.newPacketsLimit(m_sendQueue);
+    const int packetSize = currentPacketSize(); // what a host offers to one write
+    const int newPacketsLimit = std::min(m_sendWindow.newPacketsLimit(m_sendQueue),
+                                         SendWindow::writeLimit(packetSize, linkrules::blockSize(packetSize, maxBytesToWrite)));
     const quint8 oldest = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
     quint8 previous = oldest;
     int ahead = 0; // of the oldest; does not wrap, however long the queue

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <limits>
 
-#include "com/linkrules.h"
-
 namespace {
 
 // An overtaken packet was repeated. It keeps the peer back while the peer expects a number
@@ -39,6 +37,12 @@ void SendWindow::noteConfirmed(quint8 number)
         m_leastExpected = proved;
     if (isAfter(proved, m_lastRepeated) && linkrules::stepsFrom(m_lastRepeated, number) > heldBackPastRepeat)
         m_mayLag = false;
+}
+
+int SendWindow::writeLimit(int writtenBytes, int blockSize)
+{
+    const bool isWithinWindow = writtenBytes <= maxPacketsPerWrite * blockSize;
+    return isWithinWindow ? std::numeric_limits<int>::max() : maxAheadOfLag;
 }
 
 int SendWindow::newPacketsLimit(const QList<CComPacket>& queue) const

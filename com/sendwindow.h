@@ -11,6 +11,7 @@
 #include <QList>
 
 #include "com/ccompacket.h"
+#include "com/linkrules.h"
 
 class SendWindow
 {
@@ -30,6 +31,23 @@ public:
 
     // A packet that had gone out was confirmed.
     void noteConfirmed(quint8 number);
+
+    // A host adds one write to a queue that is nearly full. As long as that is no more
+    // packets than this, the queue stays within the peer's window by itself.
+    static constexpr int maxPacketsPerWrite = linkrules::numberWindow - linkrules::maxPacketsInQueue - 1;
+
+    // The same limit as newPacketsLimit, for what one write makes: none for up to
+    // maxPacketsPerWrite packets of blockSize bytes; what makes more waits like after a
+    // repeat, as the first loss may show only when the window is passed.
+    static int writeLimit(int writtenBytes, int blockSize);
+
+    // Whether a confirmation of its number can be meant for this packet, so far ahead of
+    // the oldest. Where the limits hold a packet back, it is meant for an older one of the
+    // same number, which was repeated more often than needed.
+    static bool mayBeConfirmed(const CComPacket& packet, int aheadOfOldest)
+    {
+        return packet.sentTime != 0 || aheadOfOldest <= maxAheadOfLag;
+    }
 
     // How many numbers beyond the queue's first a packet may be that was never sent.
     int newPacketsLimit(const QList<CComPacket>& queue) const;

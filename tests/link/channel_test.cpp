@@ -104,8 +104,8 @@ TEST_F(ChannelTest, WriteDoesNotTouchThePort)
 
 TEST_F(ChannelTest, NumbersBeginWith1AndGoFrom255To0)
 {
-    gComSettings.packetSize = 11;
-    m_channel.write(QByteArray(257, 'x'));
+    gComSettings.packetSize = 12;
+    m_channel.write(QByteArray(2 * 257, 'x'));
     read();
     EXPECT_EQ(writtenNumbers(), range(1, 257));
 }
@@ -557,6 +557,38 @@ TEST_F(ChannelTest, WithoutAGapTheWholeQueueGoesOut)
         m_channel.write("x");
     read();
     EXPECT_EQ(writtenNumbers(), range(1, 112));
+}
+
+// 2048 bytes in blocks of 22: the first loss would show too late.
+TEST_F(ChannelTest, WhereOneWriteMakesManyPacketsNewOnesStayWithin111OfTheOldest)
+{
+    setKey(maxBytesToWriteKey, 32);
+    gComSettings.packetSize = 2048;
+    m_channel.write(QByteArray(2048, 'a'));
+    m_channel.write(QByteArray(2048, 'b'));
+    read();
+    QList<int> numbers = writtenNumbers();
+    EXPECT_EQ(numbers.size(), 112);
+    EXPECT_EQ(numbers.last(), 112);
+    receive(confirmationWire(numberRange(1, 20)));
+    numbers = writtenNumbers();
+    EXPECT_EQ(numbers.size(), 20);
+    EXPECT_EQ(numbers.last(), 132);
+}
+
+TEST_F(ChannelTest, AConfirmationOfAnOlderPacketOfTheNumberDoesNotHitOneHeldBack)
+{
+    setKey(maxBytesToWriteKey, 32);
+    gComSettings.packetSize = 2048;
+    m_channel.write(QByteArray(22 * 140, 'a'));
+    read();
+    ASSERT_EQ(writtenNumbers().last(), 112);
+    receive(confirmationWire(numberRange(100, 140))); // of 100 to 112, and from 256 numbers ago
+    receive(confirmationWire(numberRange(1, 99)));
+    const QList<int> numbers = writtenNumbers();
+    ASSERT_FALSE(numbers.isEmpty());
+    EXPECT_EQ(numbers.first(), 113);
+    EXPECT_EQ(numbers.last(), 140);
 }
 
 TEST_F(ChannelTest, PacketsAlreadySentAreRepeatedBeyondTheGapLimit)

@@ -33,6 +33,16 @@ TEST(SendWindow, IsUnlimitedWithoutGapAndRepeats)
     EXPECT_EQ(window.newPacketsLimit(queueOf({2, 3, 4})), unlimited);
 }
 
+// 110 packets may wait when a host writes once more, and the peer takes 119.
+TEST(SendWindow, Ends111BeyondTheOldestWhereOneWriteMakesMoreThanEightPackets)
+{
+    EXPECT_EQ(SendWindow::writeLimit(1024, 1014), unlimited);
+    EXPECT_EQ(SendWindow::writeLimit(8 * 118, 118), unlimited);
+    EXPECT_EQ(SendWindow::writeLimit(8 * 118 + 1, 118), 111);
+    EXPECT_EQ(SendWindow::writeLimit(2048, 22), 111);
+    EXPECT_EQ(SendWindow::writeLimit(9, 1), 111);
+}
+
 TEST(SendWindow, Ends60BeyondAGap)
 {
     SendWindow window;
