@@ -1,0 +1,144 @@
+#include "bench/line/directline.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include <poll.h>
+
+namespace benchline {
+
+namespace {
+
+constexpr qint64 nsPerSecond = 1000000000;
+constexpr qint64 sliceNs = 1000000;      // no shorter sleep while bytes flow, as in the exchange
+constexpr int mostUndelivered = 64 * 1024; // for a program that does not read, as in the exchange
+
+qint64 clockNs()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<qint64>(now.tv_sec) * nsPerSecond + now.tv_nsec;
+}
+
+qint64 earlier(qint64 a, qint64 b)
+{
+    if (a < 0 || b < 0)
+        return std::max(a, b);
+    return std::min(a, b);
+}
+
+} // namespace
+
+DirectLine::DirectLine(const sim::LineSettings& settings, int depthBytes) : m_line(settings, 1, false, clockNs())
+{
+    for (End& end : m_ends) {
+        end.endpoint.setDepth(depthBytes);
+        end.endpoint.setModemLines(sim::LineDsr | sim::LineDcd | sim::LineCts);
+    }
+}
+
+QString DirectLine::problem() const
+{
+    return m_ends[0].endpoint.isOpen() ? m_ends[1].endpoint.errorString() : m_ends[0].endpoint.errorString();
+}
+
+bool DirectLine::run(int stopFd)
+{
+    for (;;) {
+        const qint64 nowNs = clockNs();
+        const qint64 wakeNs = step(nowNs);
+        if (wait(stopFd, nowNs, wakeNs))
+            return true;
+        if (!m_ends[0].endpoint.isOpen() || !m_ends[1].endpoint.isOpen())
+            return false;
+    }
+}
+
+// Answers when there is something to do again; -1: only when a program writes.
+qint64 DirectLine::step(qint64 nowNs)
+{
+    qint64 wakeNs = -1;
+    for (int from = 0; from < 2; ++from) {
+        sim::LineDirection& way = direction(from);
+        carry(m_ends[from], way, nowNs);
+        deliver(m_ends[1 - from], way, nowNs);
+        wakeNs = earlier(wakeNs, way.nextDeliveryNs());
+        if (!way.isIdle())
+            wakeNs = earlier(wakeNs, way.nextRoomNs());
+        if (!m_ends[1 - from].undelivered.isEmpty())
+            wakeNs = earlier(wakeNs, nowNs + sliceNs);
+    }
+    return wakeNs < 0 ? -1 : std::max(wakeNs, nowNs + sliceNs);
+}
+
+void DirectLine::carry(End& from, sim::LineDirection& way, qint64 nowNs)
+{
+    if (way.isIdle() && from.endpoint.hasInput())
+        way.wake(nowNs);
+    from.mostWaiting = std::max(from.mostWaiting, from.endpoint.bytesFromProgram());
+    const qint64 room = way.room(nowNs);
+    if (room <= 0)
+        return;
+    const QByteArray bytes = from.endpoint.read(room);
+    from.bytesRead += bytes.size();
+    way.carry(bytes, from.endpoint.hasInput(), nowNs);
+}
+
+void DirectLine::deliver(End& to, sim::LineDirection& way, qint64 nowNs)
+{
+    to.undelivered += way.deliver(nowNs);
+    if (to.undelivered.isEmpty())
+        return;
+    const qint64 taken = to.endpoint.write(to.undelivered);
+    to.undelivered.remove(0, static_cast<int>(std::max<qint64>(taken, 0)));
+    if (to.undelivered.size() > mostUndelivered) {
+        way.countLost(to.undelivered.size() - mostUndelivered);
+        to.undelivered.truncate(mostUndelivered);
+    }
+}
+
+// True once the end is asked for.
+bool DirectLine::wait(int stopFd, qint64 nowNs, qint64 wakeNs)
+{
+    pollfd polled[3] = {{stopFd, POLLIN, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
+    for (int side = 0; side < 2; ++side) {
+        // What the line has no time to carry yet must not wake us.
+        if (direction(side).isIdle())
+            polled[1 + side].fd = m_ends[side].endpoint.masterFd();
+    }
+    const qint64 waitNs = std::max<qint64>(wakeNs - std::max(clockNs(), nowNs), 0);
+    const timespec timeout{static_cast<time_t>(waitNs / nsPerSecond), static_cast<long>(waitNs % nsPerSecond)};
+    const int ready = ppoll(polled, 3, wakeNs < 0 ? nullptr : &timeout, nullptr);
+    if (ready == 0) {
+        const qint64 latenessNs = std::max<qint64>(clockNs() - wakeNs, 0);
+        ++m_wakeUps;
+        m_latenessSumNs += latenessNs;
+        m_worstLatenessNs = std::max(m_worstLatenessNs, latenessNs);
+    }
+    return ready > 0 && polled[0].revents != 0;
+}
+
+QJsonObject DirectLine::statistics() const
+{
+    QJsonObject all;
+    const sim::DirectionStatistics ways[2] = {m_line.forward.finalStatistics(), m_line.backward.finalStatistics()};
+    const char* const names[2] = {"forward", "backward"};
+    for (int from = 0; from < 2; ++from) {
+        const sim::DirectionStatistics& way = ways[from];
+        all[QLatin1String(names[from])] = QJsonObject{
+            {QStringLiteral("bytesCarried"), way.bytesCarried},
+            {QStringLiteral("bytesDelivered"), way.bytesDelivered},
+            {QStringLiteral("bytesLost"), way.bytesLost},
+            {QStringLiteral("bitsFlipped"), way.bitsFlipped},
+            {QStringLiteral("busySeconds"), static_cast<double>(way.busyNs) / nsPerSecond},
+            {QStringLiteral("mostWaiting"), m_ends[from].mostWaiting},
+        };
+    }
+    all[QStringLiteral("worstLatenessMs")] = static_cast<double>(m_worstLatenessNs) / 1e6;
+    all[QStringLiteral("meanLatenessMs")] =
+        m_wakeUps > 0 ? static_cast<double>(m_latenessSumNs) / 1e6 / static_cast<double>(m_wakeUps) : 0.0;
+    return all;
+}
+
+} // namespace benchline

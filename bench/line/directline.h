@@ -1,0 +1,52 @@
+// Two ports with a line between them and no modems: what a program finds that is started
+// on a call which stands already.
+#pragma once
+
+#include <memory>
+
+#include <QJsonObject>
+#include <QString>
+
+#include "sim/line.h"
+#include "sim/ptyendpoint.h"
+
+namespace benchline {
+
+class DirectLine
+{
+public:
+    DirectLine(const sim::LineSettings& settings, int depthBytes);
+
+    // Empty when both ports are there, else what is wrong.
+    QString problem() const;
+    QString portPath(int side) const { return m_ends[side].endpoint.portPath(); }
+
+    // Carries bytes until descriptor stopFd becomes readable. False when a port failed.
+    bool run(int stopFd);
+
+    // What each direction carried, how the line's clock kept its pace, and whether any
+    // program wrote past the driver's bound.
+    QJsonObject statistics() const;
+
+private:
+    struct End {
+        sim::PtyEndpoint endpoint;
+        QByteArray undelivered; // what its program has not taken yet
+        qint64 bytesRead = 0;
+        qint64 mostWaiting = 0; // of its program's bytes, in the driver
+    };
+
+    qint64 step(qint64 nowNs);
+    void carry(End& from, sim::LineDirection& direction, qint64 nowNs);
+    void deliver(End& to, sim::LineDirection& direction, qint64 nowNs);
+    bool wait(int stopFd, qint64 nowNs, qint64 wakeNs);
+    sim::LineDirection& direction(int from) { return from == 0 ? m_line.forward : m_line.backward; }
+
+    End m_ends[2];
+    sim::Line m_line;
+    qint64 m_wakeUps = 0;
+    qint64 m_worstLatenessNs = 0;
+    qint64 m_latenessSumNs = 0;
+};
+
+} // namespace benchline

@@ -1,0 +1,110 @@
+// bench-line: a connected line between two ports, for programs that are measured on it.
+#include <csignal>
+#include <cstdio>
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QStringList>
+
+#include "bench/line/directline.h"
+#include "bench/line/latenesswatch.h"
+#include "sim/linetable.h"
+
+namespace {
+
+enum ExitStatus { Ended = 0, CannotRun = 1, BadOptions = 2 };
+
+constexpr char help[] =
+    "Usage: bench-line --table FILE [--line KEY=VALUE,...] [--depth BYTES]\n"
+    "       bench-line --watch\n"
+    "Makes two ports with a line between them, prints their paths as one line of JSON, and\n"
+    "carries bytes until SIGTERM; then prints what it carried, and how late it was woken, as\n"
+    "another. Programs on the ports need libptylines.so and PTYLINES_TABLE=FILE.\n"
+    "\n"
+    "  --table FILE   the table of modem lines; made if missing\n"
+    "  --line TEXT    as rate=115200,delay=100,ber=1e-5,seed=7 (33600 bit/s without noise)\n"
+    "  --depth BYTES  what a program may have outstanding in its driver (4096)\n"
+    "  --watch        no line: tell, until standard input ends, when a process that sleeps\n"
+    "                 was woken late: seconds of the monotonic clock, milliseconds\n"
+    "Exit status: 0 ended as told, 1 it cannot run, 2 an option is wrong.\n";
+
+int complain(const QString& problem, ExitStatus status)
+{
+    fprintf(stderr, "bench-line: %s\n", problem.toLocal8Bit().constData());
+    return status;
+}
+
+void print(const QJsonObject& object)
+{
+    printf("%s\n", QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
+    fflush(stdout);
+}
+
+int signalDescriptor()
+{
+    sigset_t signalsToEnd;
+    sigemptyset(&signalsToEnd);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&signalsToEnd, number);
+    sigprocmask(SIG_BLOCK, &signalsToEnd, nullptr);
+    return signalfd(-1, &signalsToEnd, SFD_CLOEXEC);
+}
+
+int runLine(const sim::LineSettings& settings, int depthBytes)
+{
+    const int stopFd = signalDescriptor();
+    benchline::DirectLine line(settings, depthBytes);
+    if (!line.problem().isEmpty())
+        return complain(line.problem(), CannotRun);
+    print({{QStringLiteral("ports"), QJsonArray{line.portPath(0), line.portPath(1)}}});
+    if (!line.run(stopFd))
+        return complain(QStringLiteral("a port failed"), CannotRun);
+    print(line.statistics());
+    return Ended;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    sim::LineSettings settings;
+    QString table;
+    int depthBytes = sim::PtyEndpoint::defaultDepthBytes;
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments.append(QFile::decodeName(argv[i]));
+    while (!arguments.isEmpty()) {
+        const QString option = arguments.takeFirst();
+        if (option == QLatin1String("--help")) {
+            fputs(help, stdout);
+            return Ended;
+        }
+        if (option == QLatin1String("--watch"))
+            return benchline::watchLateness();
+        if (arguments.isEmpty())
+            return complain(QStringLiteral("%1: unknown, or without its value; see --help").arg(option), BadOptions);
+        const QString value = arguments.takeFirst();
+        QString error;
+        bool good = true;
+        if (option == QLatin1String("--table")) {
+            table = value;
+        } else if (option == QLatin1String("--line")) {
+            good = settings.change(value, &error);
+        } else if (option == QLatin1String("--depth")) {
+            depthBytes = value.toInt(&good);
+            good = good && depthBytes > 0;
+        } else {
+            return complain(QStringLiteral("%1: unknown; see --help").arg(option), BadOptions);
+        }
+        if (!good)
+            return complain(option + QStringLiteral(": ") + (error.isEmpty() ? QStringLiteral("a number of bytes above 0") : error), BadOptions);
+    }
+    if (table.isEmpty())
+        return complain(QStringLiteral("--table FILE is needed"), BadOptions);
+    qputenv(sim::lineTableVariable, QFile::encodeName(table));
+    return runLine(settings, depthBytes);
+}
