@@ -1,0 +1,288 @@
+"""How each program sends the data of a cell over the line."""
+
+import json
+import os
+import pwd
+import random
+import shutil
+import subprocess
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+from . import cells
+from .processes import Arrivals, CellError, Group, Line, off_port, on_port, preload, same_bytes, wait_for
+
+ENDING_SECONDS = 15  # for a session to end by itself once everything has arrived
+
+
+@dataclass
+class Setup:
+    """Where things are: the release build, the unpacked package of UUCP, room for the cells."""
+
+    build: Path
+    uucp: Path
+    directory: Path
+    slowest_share: float  # of the line's capacity; a transfer that is slower counts as failed
+
+    def template(self):
+        return self.directory / "installation"
+
+    def lay_out(self):
+        """One installation of ours, copied for every side of a cell."""
+        for component in ("runtime", "programs"):
+            subprocess.run(["cmake", "--install", str(self.build), "--prefix", str(self.template()), "--component", component, "--strip"],
+                           check=True, stdout=subprocess.DEVNULL)
+
+
+@dataclass
+class Transfer:
+    """What a cell's programs did."""
+
+    seconds: float  # from the session's opening until everything had arrived; None: it did not
+    cpu_seconds: float  # of both sides' programs
+    exact: bool
+    why: str  # it failed
+    line: dict  # what the line carried
+
+
+def make_data(cell):
+    """Per direction the files to send, as {name: bytes}; incompressible, another each run."""
+    numbers = random.Random(1000 * cell.seed() + cell.condition.rate)
+    if cell.condition.traffic == cells.MESSAGES:
+        return [{f"{side}{i:02}.bin": numbers.randbytes(cells.MESSAGE_BYTES) for i in range(cells.MESSAGE_COUNT)}
+                for side in ("north", "south")]
+    there = {"there.bin": numbers.randbytes(cell.bytes_each_way())}
+    back = {"back.bin": numbers.randbytes(cell.bytes_each_way())} if cell.condition.traffic == cells.BOTH_WAYS else {}
+    return [there, back]
+
+
+def run_cell(cell, setup, directory):
+    data = make_data(cell)
+    for side, files in zip(("north", "south"), data):
+        (directory / side / "out").mkdir(parents=True)
+        for name, content in files.items():
+            (directory / side / "out" / name).write_bytes(content)
+    if cell.program in cells.OURS:
+        return run_ours(cell, setup, directory, data)
+    return run_peer(cell, setup, directory, data)
+
+
+def run_peer(cell, setup, directory, data):
+    starters = {cells.KERMIT: start_kermit, cells.UUCP_DEFAULT: start_uucp, cells.UUCP_FITTED: start_uucp}
+    start = starters.get(cell.program, start_zmodem)
+    group = Group()
+    line = Line(setup.build, directory, cell)
+    try:
+        expected = start(cell, setup, directory, data, line, group)  # path: content
+        arrivals = Arrivals({path: len(content) for path, content in expected.items()})
+        seconds, why = wait_for(arrivals, group, cell.time_limit(setup.slowest_share))
+        group.end(ENDING_SECONDS if seconds is not None else 0)
+    finally:
+        group.end(0)
+        carried = line.end()
+    exact = seconds is not None and all(same_bytes(path, content) for path, content in expected.items())
+    return Transfer(seconds, group.cpu_seconds, exact, why or ("" if exact else "what arrived differs"), carried)
+
+
+def start_zmodem(cell, setup, directory, data, line, group):
+    options = {cells.ZMODEM_DEFAULT: [], cells.ZMODEM_8K: ["--try-8k"],
+               cells.ZMODEM_WINDOW: ["--windowsize", "2048", "--packetlen", "256"]}[cell.program]
+    environment = preload(setup.build, line.table, "stdiolines")
+    inbox = directory / "south" / "in"
+    inbox.mkdir()
+    names = sorted(data[0])
+    group.add(on_port(["rz", "--binary", "--quiet", "--overwrite"], line.ports[1], inbox, environment))
+    group.add(on_port(["sz", "--binary", "--quiet", *options, *names], line.ports[0], directory / "north" / "out", environment))
+    return {inbox / name: content for name, content in data[0].items()}
+
+
+def start_kermit(cell, setup, directory, data, line, group):
+    environment = preload(setup.build, line.table)
+    inbox = directory / "south" / "in"
+    inbox.mkdir()
+    length = 4000 if cell.condition.ber == 0 else 1000 if cell.condition.ber < 1e-4 else 250
+
+    def commands(port, *last):
+        return ", ".join(["set modem type none", "set carrier-watch off", f"set line {port}", "set flow none", "set parity none",
+                          "fast", "set streaming off", "set window 31", f"set receive packet-length {length}",
+                          f"set send packet-length {length}", "set file type binary", "set file collision overwrite",
+                          "set transfer display none", "set retry 200", *last, "exit"])
+
+    for port, where, last in ((line.ports[1], inbox, ["receive"]), (line.ports[0], directory / "north" / "out", ["send /binary there.bin"])):
+        group.add(off_port(["kermit", "-Y", "-H", "-C", commands(port, *last)], where, environment))
+    return {inbox / name: content for name, content in data[0].items()}
+
+
+UUCP_NAMES = ("north", "south")
+
+
+def configure_uucp(root, name, peer, port, parameters):
+    for folder in ("spool", "public", "lock"):
+        (root / folder).mkdir()
+    (root / "public").chmod(0o777)  # or nothing may be received there
+    settings = {"nodename": name, "spool": root / "spool", "pubdir": root / "public", "logfile": root / "log", "statfile": root / "stats",
+                "debugfile": root / "debug", "lockdir": root / "lock", "sysfile": root / "sys", "portfile": root / "port",
+                "dialfile": root / "dial", "callfile": root / "call", "passwdfile": root / "passwd"}
+    (root / "config").write_text("".join(f"{key} {value}\n" for key, value in settings.items()))
+    for empty in ("dial", "call", "passwd"):
+        (root / empty).touch()
+    lines = [f"system {peer}", "time any", "port line", 'chat ""', "protocol i"]
+    lines += [f"protocol-parameter i {key} {value}" for key, value in parameters.items()]
+    lines += ["local-send /", "local-receive /", "remote-send /", "remote-receive ~"]
+    (root / "sys").write_text("\n".join(lines) + "\n")
+    (root / "port").write_text(f"port line\ntype direct\ndevice {port}\nspeed 115200\ncarrier false\nhardflow false\n")
+
+
+def give_to_uucp(directory):
+    """Started by root, the programs change to the user that they were built for."""
+    if os.getuid() != 0:
+        return
+    user = pwd.getpwnam("uucp")
+    for folder, _, files in os.walk(directory):
+        for path in (folder, *(os.path.join(folder, name) for name in files)):
+            os.chown(path, user.pw_uid, user.pw_gid)
+
+
+def start_uucp(cell, setup, directory, data, line, group):
+    """Both sides stand on the connected line: the caller with a direct port and nothing to dial, the
+    called one on its standard input and output, as behind a login."""
+    parameters = cells.uucp_fitted(cell.condition) if cell.program == cells.UUCP_FITTED else {}
+    expected, environment = {}, preload(setup.build, line.table)
+    for side, name in enumerate(UUCP_NAMES):
+        configure_uucp(directory / name, name, UUCP_NAMES[1 - side], line.ports[side], parameters)
+    give_to_uucp(directory)
+    for side, name in enumerate(UUCP_NAMES):
+        files = sorted(data[side])
+        if files:
+            out = directory / name / "out"
+            subprocess.run([str(setup.uucp / "usr/bin/uucp"), "-I", str(directory / name / "config"), "-r", "-c",
+                            *(str(out / file) for file in files), f"{UUCP_NAMES[1 - side]}!~/"], check=True, stdin=subprocess.DEVNULL)
+        expected.update({directory / UUCP_NAMES[1 - side] / "public" / file: content for file, content in data[side].items()})
+    uucico = setup.uucp / "usr/lib/uucp/uucico"
+    north, south = (directory / name for name in UUCP_NAMES)
+    group.add(off_port([uucico, "-I", north / "config", "-r1", "-s", "south", "-f", "-D", "-q"], north, environment))
+    wait_until_calling(north / "log", group)
+    group.add(on_port([uucico, "-I", south / "config", "-q"], line.ports[1], south, environment))
+    return expected
+
+
+def wait_until_calling(log, group):
+    """The caller empties its port's input before it listens; only then may the called one speak."""
+    deadline = time.monotonic() + 20
+    while not (log.exists() and "Calling system" in log.read_text(errors="replace")):
+        if time.monotonic() > deadline or not group.running():
+            raise CellError("uucico did not open its port")
+        time.sleep(0.02)
+    time.sleep(0.3)
+
+
+class Installation:
+    """One installation of ours."""
+
+    def __init__(self, root, name, number, port):
+        self.root, self.name, self.number, self.port = root, name, number, port
+        self.program = root / "bin" / "transport-host"
+        self.events_path = root / "events.json"
+
+    def command(self, *arguments, program="transport-host"):
+        done = subprocess.run([str(self.root / "bin" / program), *map(str, arguments)], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        if done.returncode != 0:
+            raise CellError(f"{program} {arguments[0]}: {done.stdout.decode(errors='replace').strip()}")
+
+    def configure(self, cell, peer, files):
+        condition = cell.condition
+        self.command("name", self.name)
+        self.command("port", "add", self.port, "--baud", min(condition.rate * 2, 4000000))
+        self.command("abonent", "add", peer.name, "--number", peer.number)
+        if cell.program == cells.OURS_PROFILE:
+            self.command("--rate", condition.rate, "--delay", condition.delay_ms, "--ber", f"{condition.ber:g}", "--write",
+                         "--installation", self.root, program="transport-tune")
+        if files:
+            self.command("send", peer.name, *(self.root / "out" / name for name in sorted(files)))
+
+    def run_arguments(self, expected, limit, *more):
+        return [self.program, "run", "--plain", "--events", self.events_path, "--retry-seconds", "0.05", "--exit-when-sent",
+                "--exit-when-received", expected, "--timeout", int(limit), *more]
+
+    def events(self):
+        try:
+            return [json.loads(line) for line in self.events_path.read_bytes().split(b"\n")[:-1]]
+        except FileNotFoundError:
+            return []
+
+    def has_exactly(self, files):
+        stored = {path.name: path for directory in (self.root / "data/0/messages/input").glob("*") for path in directory.iterdir()}
+        return all(name in stored and same_bytes(stored[name], content) for name, content in files.items())
+
+
+class Exchange:
+    """The telephone exchange with two modems."""
+
+    def __init__(self, setup, directory, cell):
+        directory.mkdir()
+        condition = cell.condition
+        self.table, self.statistics = directory / "lines", directory / "calls.json"
+        ready = directory / "ready"
+        self.output = open(directory / "output.txt", "wb")
+        self.process = subprocess.Popen(
+            [str(setup.build / "bin/phone-exchange"), "--modems", "2", "--link-dir", str(directory), "--rate", str(condition.rate),
+             "--delay", str(condition.delay_ms), "--ber", f"{condition.ber:g}", "--seed", str(cell.seed()), "--ring-interval", "2",
+             "--table", str(self.table), "--ready-file", str(ready), "--stats", str(self.statistics), "--quiet"],
+            stdin=subprocess.PIPE, stdout=self.output, stderr=subprocess.STDOUT)
+        deadline = time.monotonic() + 20
+        while not ready.exists():
+            if self.process.poll() is not None or time.monotonic() > deadline:
+                raise CellError("the exchange did not start")
+            time.sleep(0.02)
+
+    def end(self):
+        """The longest call's line."""
+        try:
+            self.process.communicate(b"quit\n", timeout=20)
+        except (subprocess.TimeoutExpired, BrokenPipeError):
+            self.process.kill()
+            self.process.wait()
+        self.output.close()
+        try:
+            calls = json.loads(self.statistics.read_text())["calls"]
+        except (OSError, ValueError):
+            return None
+        return max(calls, key=lambda call: call.get("connectedSeconds", 0), default=None)
+
+
+def run_ours(cell, setup, directory, data):
+    links = directory / "exchange"
+    sides = [Installation(directory / name, name, number, links / f"modem{i + 1}")
+             for i, (name, number) in enumerate((("north", "101"), ("south", "102")))]
+    limit = cell.time_limit(setup.slowest_share)
+    group = Group()
+    for i, side in enumerate(sides):
+        shutil.copytree(setup.template(), side.root, dirs_exist_ok=True)
+        side.configure(cell, sides[1 - i], data[i])
+    exchange = Exchange(setup, links, cell)
+    try:
+        environment = preload(setup.build, exchange.table)
+        for i, side in enumerate(sides):
+            more = [] if i == 0 else ["--no-calls"]  # one calls; what is queued goes both ways in that call
+            group.add(off_port(side.run_arguments(len(data[1 - i]), limit, *more), side.root, environment))
+        deadline = time.monotonic() + limit + 20
+        while group.running() and time.monotonic() < deadline:
+            time.sleep(0.05)
+    finally:
+        group.end(0)
+        carried = exchange.end()
+    return our_transfer(sides, data, group, carried)
+
+
+def our_transfer(sides, data, group, carried):
+    """Call set-up is not counted: from the moment when the first side's session began."""
+    events = [side.events() for side in sides]
+    begun = [event["monotonic"] for own in events for event in own if event["event"] == "callBegun"]
+    stored = [event["monotonic"] for own in events for event in own if event["event"] == "stored" and event.get("direction") == "in"]
+    if not begun or len(stored) < len(data[0]) + len(data[1]):
+        return Transfer(None, group.cpu_seconds, False, "not everything arrived in time" if begun else "no connection", carried)
+    exact = all(side.has_exactly(data[1 - i]) for i, side in enumerate(sides))
+    why = "" if exact else "what arrived differs"
+    return Transfer(max(stored) - min(begun), group.cpu_seconds, exact, why, carried)

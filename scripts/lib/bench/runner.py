@@ -1,0 +1,131 @@
+"""Runs cells side by side, as many as the machine bears, and repeats those it could not pace."""
+
+import shutil
+import subprocess
+import sys
+import threading
+import time
+import traceback
+
+from . import cells
+from .processes import CellError
+from .programs import run_cell
+
+DRIVER_DEPTH_BYTES = 4096
+ATTEMPTS = 3
+
+
+class LatenessWatch:
+    """When this machine woke a sleeping process late: (seconds of the monotonic clock, ms)."""
+
+    def __init__(self, build):
+        self.late = []
+        self.process = subprocess.Popen([str(build / "bin/bench-line"), "--watch"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.thread = threading.Thread(target=self._read, daemon=True)
+        self.thread.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            moment, lateness = line.split()
+            self.late.append((float(moment), float(lateness)))
+
+    def worst(self, begun, ended):
+        return max((lateness for moment, lateness in self.late if begun <= moment <= ended + 0.1), default=0.0)
+
+    def end(self):
+        self.process.stdin.close()
+        self.process.wait()
+        self.thread.join()
+
+
+def tolerated_lateness_ms(condition):
+    """A sender that is woken late leaves the line idle once the driver has run empty: a fourth of
+    that time is tolerated, and no less than machines do now and then."""
+    drained_ms = DRIVER_DEPTH_BYTES / condition.capacity() * 1000
+    return min(max(drained_ms / 4, 20.0), 150.0)
+
+
+class Runner:
+    def __init__(self, setup, matrix, load_limit, tell):
+        self.setup, self.load_limit, self.tell = setup, load_limit, tell
+        # The longest first, so that none is left over at the end; whole cores are left to the fast ones.
+        self.waiting = sorted(matrix, key=lambda cell: (-cell.seconds / (cell.condition.ber < 1e-4 or 0.3), cell.label()))
+        self.total = len(matrix)
+        self.done = []
+        self.load = 0.0
+        self.changed = threading.Condition()
+        self.watch = LatenessWatch(setup.build)
+        self.count = 0
+
+    def run(self):
+        threads = []
+        try:
+            with self.changed:
+                while self.waiting or self.load > 0.001:
+                    cell = next((cell for cell in self.waiting if self.load + cell.load() <= self.load_limit or self.load < 0.001), None)
+                    if cell is None:
+                        self.changed.wait()
+                        continue
+                    self.waiting.remove(cell)
+                    self.load += cell.load()
+                    thread = threading.Thread(target=self._measure, args=[cell], daemon=True)
+                    threads.append(thread)
+                    thread.start()
+                    self.changed.wait(0.1)  # starting a program costs more than running it
+            for thread in threads:
+                thread.join()
+        finally:
+            self.watch.end()
+        return sorted(self.done, key=lambda run: (run["traffic"], run["rate"], run["delayMs"], run["ber"], run["program"], run["run"]))
+
+    def _measure(self, cell):
+        try:
+            result = self._attempts(cell)
+        except Exception:  # whatever it is, the other cells go on
+            result = self._record(cell, None, "the runner failed: " + traceback.format_exc(limit=3), 0.0, 1)
+        with self.changed:
+            self.done.append(result)
+            self.load -= cell.load()
+            share = f"{result['share']:.3f} of the line" if result["ok"] else f"FAILED: {result['why']}"
+            self.tell(f"{len(self.done)}/{self.total}  {cell.label()}: {share}")
+            self.changed.notify_all()
+
+    def _attempts(self, cell):
+        attempts = 0
+        while True:
+            attempts += 1
+            with self.changed:
+                self.count += 1
+                directory = self.setup.directory / f"cell{self.count}"
+            begun = time.monotonic()
+            try:
+                transfer, problem = run_cell(cell, self.setup, directory), ""
+            except (CellError, subprocess.CalledProcessError, OSError) as error:
+                transfer, problem = None, str(error)
+            shutil.rmtree(directory, ignore_errors=True)
+            lateness = self.watch.worst(begun, time.monotonic())
+            paced = lateness <= tolerated_lateness_ms(cell.condition) and transfer is not None
+            # A failure is a failure of the program only where the line kept its pace.
+            if paced or attempts == ATTEMPTS:
+                return self._record(cell, transfer, problem, lateness, attempts)
+
+    @staticmethod
+    def _record(cell, transfer, problem, lateness, attempts):
+        condition = cell.condition
+        size = cell.bytes_each_way()
+        directions = 1 if condition.traffic == cells.ONE_WAY else 2
+        done = transfer is not None and transfer.exact
+        return {
+            "program": cell.program, "traffic": condition.traffic, "rate": condition.rate, "delayMs": condition.delay_ms,
+            "ber": condition.ber, "run": cell.run, "seed": cell.seed(), "bytesEachWay": size,
+            "ok": done, "why": problem or (transfer.why if transfer else ""),
+            "seconds": transfer.seconds if done else None,
+            "share": size / transfer.seconds / condition.capacity() if done else None,
+            "cpuPerMegabyte": transfer.cpu_seconds / (size * directions / 1e6) if done else None,
+            "latenessMs": lateness, "paced": lateness <= tolerated_lateness_ms(condition), "attempts": attempts,
+            "line": transfer.line if transfer else None,
+        }
+
+
+def tell_on_stderr(text):
+    print(f"{time.strftime('%H:%M:%S')}  {text}", file=sys.stderr, flush=True)
