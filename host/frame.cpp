@@ -8,11 +8,11 @@ namespace host {
 
 namespace {
 
-quint32 frameCheck(quint32 number, const QByteArray& headerAndPayload)
+quint32 frameCheck(quint32 number, const QByteArray& headerAndPayload, quint32 lastCheck)
 {
     char bytes[4];
     qToBigEndian(number, bytes);
-    return crc32(headerAndPayload, crc32(QByteArray::fromRawData(bytes, 4)));
+    return crc32(headerAndPayload, crc32(QByteArray::fromRawData(bytes, 4), lastCheck));
 }
 
 } // namespace
@@ -28,7 +28,8 @@ QByteArray FrameWriter::write(FrameType type, const QByteArray& payload)
     bytes.append(length, 2);
     bytes.append(payload);
     char check[4];
-    qToBigEndian(frameCheck(m_nextNumber++, bytes), check);
+    m_lastCheck = frameCheck(m_nextNumber++, bytes, m_lastCheck);
+    qToBigEndian(m_lastCheck, check);
     bytes.append(check, 4);
     return bytes;
 }
@@ -62,11 +63,13 @@ FrameReader::Result FrameReader::next(Frame* frame)
     if (available < length + frameOverheadBytes)
         return Result::None;
     const QByteArray checked = QByteArray::fromRawData(start, frameHeaderBytes + length);
-    if (qFromBigEndian<quint32>(start + frameHeaderBytes + length) != frameCheck(m_nextNumber, checked)) {
+    const quint32 check = frameCheck(m_nextNumber, checked, m_lastCheck);
+    if (qFromBigEndian<quint32>(start + frameHeaderBytes + length) != check) {
         m_damaged = true;
         return Result::Damaged;
     }
     ++m_nextNumber;
+    m_lastCheck = check;
     frame->type = static_cast<FrameType>(type);
     frame->payload = QByteArray(start + frameHeaderBytes, length);
     m_position += length + frameOverheadBytes;

@@ -3,9 +3,11 @@
 //
 //   type (1) | payload length (2, big-endian) | payload | CRC-32 (4, big-endian)
 //
-// The check covers the frame's number in its direction (4 bytes big-endian, counted
-// from 0 and not sent), the type, the length and the payload: a frame that was lost,
-// repeated, moved or changed on the way does not pass.
+// The check covers all that was said in this direction so far: of this frame and of each
+// before it the number (4 bytes big-endian, counted from 0 and not sent), the type, the
+// length and the payload. A frame that was lost, repeated, moved or changed on the way
+// does not pass, nor does one of the other direction: a modem that has lost its carrier
+// echoes what is still written to it, and the first frames of two sides always differ.
 #pragma once
 
 #include <QByteArray>
@@ -50,6 +52,7 @@ public:
 
 private:
     quint32 m_nextNumber = 0;
+    quint32 m_lastCheck = 0;
 };
 
 // Cuts the frames of one direction out of a stream that comes in pieces of any size.
@@ -68,6 +71,7 @@ private:
     QByteArray m_buffer;
     int m_position = 0;
     quint32 m_nextNumber = 0;
+    quint32 m_lastCheck = 0;
     bool m_damaged = false;
 };
 

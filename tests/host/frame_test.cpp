@@ -10,9 +10,10 @@ using namespace host;
 
 namespace {
 
-// Made with python's zlib: crc32(number, 4 bytes big-endian | type | length | payload).
+// Made with python's zlib: crc32 over number (4 bytes big-endian) | type | length | payload of
+// this frame and of all before it.
 const QByteArray aliveAsFirst = QByteArray::fromHex("09000092bde4f1");
-const QByteArray dataAsSecond = QByteArray::fromHex("04000361626306bc16ea");
+const QByteArray dataAsSecond = QByteArray::fromHex("040003616263ab4c85c9");
 const QByteArray dataAsFirst = QByteArray::fromHex("040003616263a0cb1d5e");
 
 } // namespace
@@ -48,6 +49,23 @@ TEST(Frame, AFrameOutOfItsTurnIsDamaged)
     EXPECT_EQ(reader.next(&frame), FrameReader::Result::Frame);
     EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged);
     EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged) << "for good";
+}
+
+// After carrier loss a modem echoes what is still written to it. Our own words, coming back at
+// the right moment, must not pass for the other side's, least of all "stored".
+TEST(Frame, OwnFramesThatComeBackAreDamaged)
+{
+    FrameWriter own;
+    FrameWriter other;
+    FrameReader reader;
+    Frame frame;
+    (void)own.write(FrameType::Hello, "we");
+    reader.append(other.write(FrameType::Hello, "they"));
+    EXPECT_EQ(reader.next(&frame), FrameReader::Result::Frame);
+    const QByteArray ownWords = own.write(FrameType::Stored, "\x01");
+    EXPECT_NE(other.write(FrameType::Stored, "\x01"), ownWords);
+    reader.append(ownWords);
+    EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged);
 }
 
 TEST(Frame, NoFlippedBitPasses)
