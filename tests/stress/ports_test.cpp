@@ -90,8 +90,7 @@ TEST(Ports, TwoHundredAndFiftySixInOneProcess)
     EXPECT_EQ(bed.board.count(), 0);
     EXPECT_LT(afterLastStepMs, 1000);
     EXPECT_FALSE(bed.anyWasTerminated());
-    EXPECT_EQ(bed.account.violations(), QStringList());
-    EXPECT_EQ(bed.board.violations(), QStringList());
+    EXPECT_EQ((bed.account.violations() + bed.board.violations()).join('\n').toStdString(), "");
     EXPECT_EQ(bed.account.figures().running, 0);
     ASSERT_TRUE(waitFor([&] { return currentResources().threads == before.threads; }));
     const Resources after = currentResources();
@@ -107,6 +106,9 @@ TEST(Ports, StartingAndStoppingLeavesNothing)
     constexpr int firstRounds = 2;
     constexpr int rounds = 5;
     StressBed bed(ports, fastLine(), [] { return SessionPlan(); });
+    const int threadsAlone = currentResources().threads;
+    // An ended thread goes, with what the allocator keeps for it, a moment after its end is known.
+    const auto allThreadsAreGone = [&] { return waitFor([&] { return currentResources().threads == threadsAlone; }); };
     const auto round = [&] {
         bed.start();
         ASSERT_TRUE(bed.waitForFree(ports, deadlineMs)) << bed.board.lines().join('\n').toStdString();
@@ -121,11 +123,11 @@ TEST(Ports, StartingAndStoppingLeavesNothing)
     };
     for (int i = 0; i < firstRounds; ++i)
         ASSERT_NO_FATAL_FAILURE(round());
-    const int threadsBefore = currentResources().threads;
+    ASSERT_TRUE(allThreadsAreGone());
     const Resources before = currentResources();
     for (int i = 0; i < rounds; ++i)
         ASSERT_NO_FATAL_FAILURE(round());
-    ASSERT_TRUE(waitFor([&] { return currentResources().threads == threadsBefore; }));
+    ASSERT_TRUE(allThreadsAreGone());
     const Resources after = currentResources();
     EXPECT_EQ(after.descriptors, before.descriptors);
     const qint64 grown = after.heapBytes - before.heapBytes;
@@ -134,6 +136,5 @@ TEST(Ports, StartingAndStoppingLeavesNothing)
     // be more than this by itself.
     EXPECT_LT(grown, rounds * calls * 1024);
     EXPECT_FALSE(bed.anyWasTerminated());
-    EXPECT_EQ(bed.account.violations(), QStringList());
-    EXPECT_EQ(bed.board.violations(), QStringList());
+    EXPECT_EQ((bed.account.violations() + bed.board.violations()).join('\n').toStdString(), "");
 }

@@ -45,6 +45,8 @@ public:
     void stopFromWithin(); // in the server's own thread
     // Any thread; does not wait.
     void call(int modem, const QStringList& allowedPorts = {});
+    void callAs(QString name, QByteArray data);
+    void hangUp(QString name, int connectionId);
 
     bool waitForFree(int ports, int deadlineMs = defaultDeadlineMs) const;
     // Whether workers had to be ended by force.

@@ -255,6 +255,10 @@ bool TrafficSession::isOver() const
 void TrafficSession::readAll()
 {
     const QByteArray bytes = channel->read(readBytes);
+    // A modem that has lost its carrier echoes what is still written to it, and the link's
+    // packets look the same in both directions: these bytes may be our own.
+    if (!channel->isConnected())
+        return;
     const quint32 known = m_peerId;
     int inBody = 0;
     for (const char byte : bytes) {
