@@ -17,13 +17,24 @@ void Checks::violation(const std::string& text)
     m_violations.push_back(time + text);
 }
 
-void Checks::checkMemory(std::size_t limit)
+std::size_t Checks::grownBytes()
 {
     const std::size_t used = mallinfo2().uordblks;
     if (m_memoryAtFirst == 0)
         m_memoryAtFirst = used;
-    if (used > m_memoryAtFirst + limit)
-        violation("memory has grown by " + std::to_string(used - m_memoryAtFirst) + " bytes");
+    return used > m_memoryAtFirst ? used - m_memoryAtFirst : 0;
+}
+
+bool Checks::isMemoryWithin(std::size_t limit)
+{
+    return grownBytes() <= limit;
+}
+
+void Checks::checkMemory(std::size_t limit)
+{
+    const std::size_t grown = grownBytes();
+    if (grown > limit)
+        violation("memory has grown by " + std::to_string(grown) + " bytes");
 }
 
 } // namespace soak
