@@ -17,24 +17,13 @@ void Checks::violation(const std::string& text)
     m_violations.push_back(time + text);
 }
 
-std::size_t Checks::grownBytes()
+void Checks::checkMemory(std::size_t limit)
 {
     const std::size_t used = mallinfo2().uordblks;
     if (m_memoryAtFirst == 0)
         m_memoryAtFirst = used;
-    return used > m_memoryAtFirst ? used - m_memoryAtFirst : 0;
-}
-
-bool Checks::isMemoryWithin(std::size_t limit)
-{
-    return grownBytes() <= limit;
-}
-
-void Checks::checkMemory(std::size_t limit)
-{
-    const std::size_t grown = grownBytes();
-    if (grown > limit)
-        violation("memory has grown by " + std::to_string(grown) + " bytes");
+    if (used > m_memoryAtFirst + limit)
+        violation("memory has grown by " + std::to_string(used - m_memoryAtFirst) + " bytes");
 }
 
 } // namespace soak

@@ -36,13 +36,9 @@ public:
 
     // Bytes allocated beyond what the first call found must stay below limit.
     void checkMemory(std::size_t limit);
-    // Whether they do just now.
-    bool isMemoryWithin(std::size_t limit);
 
 private:
     static constexpr std::size_t mostViolations = 5;
-
-    std::size_t grownBytes();
 
     std::vector<std::string> m_violations;
     std::uint64_t m_digest = 0xCBF29CE484222325u;
