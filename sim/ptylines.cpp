@@ -108,10 +108,56 @@ LineRow* rowOf(int fd)
     return row && row->owner.load() != 0 ? row : nullptr;
 }
 
+// Who waits for room is woken when fewer bytes than this wait in the driver; 0: as soon as
+// a single byte has room. Linux's serial drivers wake at 256, so that a program is not
+// woken for each byte that leaves; a measurement of processor time wants the same.
+std::uint64_t wakeUpBytes()
+{
+    static const std::uint64_t bytes = [] {
+        const char* text = getenv("PTYLINES_WAKEUP");
+        return text ? strtoull(text, nullptr, 10) : 0;
+    }();
+    return bytes;
+}
+
 bool hasRoom(const LineRow& row)
 {
-    return row.outstanding() < static_cast<std::uint64_t>(row.depth.load());
+    const std::uint64_t depth = static_cast<std::uint64_t>(row.depth.load());
+    return row.outstanding() < (wakeUpBytes() > 0 && wakeUpBytes() < depth ? wakeUpBytes() : depth);
 }
+
+long long nowNs()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
+// How long a waiter for room sleeps before it looks again: a slice; with a wake-up level
+// less often, by what has drained since it began to wait, so that looking costs little.
+class DrainWatch
+{
+public:
+    explicit DrainWatch(const LineRow* row) : m_row(row), m_fromNs(nowNs()), m_from(row ? row->outstanding() : 0) {}
+
+    long sliceNs() const
+    {
+        if (!m_row || wakeUpBytes() == 0)
+            return ::sliceNs;
+        const std::uint64_t waiting = m_row->outstanding();
+        if (waiting >= m_from || waiting <= wakeUpBytes())
+            return ::sliceNs;
+        const double nsPerByte = static_cast<double>(nowNs() - m_fromNs) / static_cast<double>(m_from - waiting);
+        const double restNs = 0.9 * nsPerByte * static_cast<double>(waiting - wakeUpBytes());
+        return restNs < longestNs ? (restNs > ::sliceNs ? static_cast<long>(restNs) : ::sliceNs) : longestNs;
+    }
+
+private:
+    static constexpr long longestNs = 50000000;
+    const LineRow* m_row;
+    const long long m_fromNs;
+    const std::uint64_t m_from;
+};
 
 void setProgramLines(LineRow& row, unsigned clear, unsigned set)
 {
@@ -155,10 +201,21 @@ ssize_t writeBounded(LineRow& row, int fd, const char* data, size_t count)
     return done;
 }
 
-bool pauseSlice()
+bool pauseSlice(long forNs = sliceNs)
 {
-    const timespec slice{0, sliceNs};
+    const timespec slice{0, forNs};
     return nanosleep(&slice, nullptr) == 0;
+}
+
+// For a writer that found no room; false when a signal came.
+bool pauseForRoom(const LineRow& row)
+{
+    const DrainWatch watch(&row);
+    do {
+        if (!pauseSlice(watch.sliceNs()))
+            return false;
+    } while (wakeUpBytes() > 0 && row.owner.load() != 0 && !hasRoom(row));
+    return true;
 }
 
 ssize_t writeSlave(LineRow& row, int fd, const char* data, size_t count)
@@ -177,7 +234,7 @@ ssize_t writeSlave(LineRow& row, int fd, const char* data, size_t count)
         const bool full = done < 0 && errno == EAGAIN && row.owner.load() != 0;
         if (done < 0 && (!blocking || !full))
             return sent > 0 ? static_cast<ssize_t>(sent) : -1;
-        if (done < 0 && !pauseSlice())
+        if (done < 0 && !pauseForRoom(row))
             return sent > 0 ? static_cast<ssize_t>(sent) : -1; // errno is EINTR
         if (row.owner.load() == 0)
             return nextWrite.get()(fd, data + sent, count - sent); // unplugged: the kernel's answer
@@ -219,9 +276,9 @@ public:
     }
 
     // The wait until the deadline, but no longer than a slice; false once it has passed.
-    bool slice(timespec* wait) const
+    bool slice(timespec* wait, long forNs) const
     {
-        *wait = {0, sliceNs};
+        *wait = {0, forNs};
         if (m_never)
             return true;
         timespec now;
@@ -229,7 +286,7 @@ public:
         long long left = (static_cast<long long>(m_at.tv_sec) - now.tv_sec) * nsPerSecond + m_at.tv_nsec - now.tv_nsec;
         if (left < 0)
             left = 0;
-        if (left < sliceNs)
+        if (left < forNs)
             *wait = {0, static_cast<long>(left)};
         return left > 0;
     }
@@ -251,13 +308,18 @@ bool isFull(const pollfd& entry)
     return row && !hasRoom(*row);
 }
 
-bool anyFull(const pollfd* fds, nfds_t count)
+const LineRow* firstFull(const pollfd* fds, nfds_t count)
 {
     for (nfds_t i = 0; i < count; ++i) {
         if (isFull(fds[i]))
-            return true;
+            return rowOf(fds[i].fd);
     }
-    return false;
+    return nullptr;
+}
+
+bool anyFull(const pollfd* fds, nfds_t count)
+{
+    return firstFull(fds, count) != nullptr;
 }
 
 // poll while some slave has no room: in slices, without asking for room where there is none.
@@ -271,11 +333,12 @@ int pollBounded(pollfd* fds, nfds_t count, const timespec* timeout, const sigset
         return -1;
     }
     const Deadline deadline(timeout);
+    const DrainWatch watch(firstFull(fds, count));
     int ready;
     bool more;
     do {
         timespec wait;
-        more = deadline.slice(&wait);
+        more = deadline.slice(&wait, watch.sliceNs());
         memcpy(asked, fds, count * sizeof(pollfd));
         for (nfds_t i = 0; i < count; ++i) {
             if (isFull(asked[i]))
@@ -292,22 +355,28 @@ int pollBounded(pollfd* fds, nfds_t count, const timespec* timeout, const sigset
     return ready;
 }
 
-bool anyFull(int count, const fd_set* writeSet)
+const LineRow* firstFull(int count, const fd_set* writeSet)
 {
     for (int fd = 0; writeSet && fd < count; ++fd) {
         if (FD_ISSET(fd, writeSet) && isFull({fd, POLLOUT, 0}))
-            return true;
+            return rowOf(fd);
     }
-    return false;
+    return nullptr;
+}
+
+bool anyFull(int count, const fd_set* writeSet)
+{
+    return firstFull(count, writeSet) != nullptr;
 }
 
 int selectBounded(int count, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, const timespec* timeout,
                   const sigset_t* mask)
 {
     const Deadline deadline(timeout);
+    const DrainWatch watch(firstFull(count, writeSet));
     for (;;) {
         timespec wait;
-        const bool more = deadline.slice(&wait);
+        const bool more = deadline.slice(&wait, watch.sliceNs());
         fd_set askedRead, askedWrite = *writeSet, askedExcept;
         if (readSet)
             askedRead = *readSet;

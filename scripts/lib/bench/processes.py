@@ -7,6 +7,7 @@ import time
 from pathlib import Path
 
 POLL_SECONDS = 0.02
+DRIVER_WAKE_UP_BYTES = 256  # as Linux's serial drivers: a program that waits for room is woken when fewer wait
 
 
 class CellError(Exception):
@@ -41,7 +42,7 @@ class Line:
 def preload(build, table, *libraries):
     """The environment of a program on a simulated port."""
     return dict(os.environ, LD_PRELOAD=":".join(str(build / "lib" / f"lib{name}.so") for name in ("ptylines", *libraries)),
-                PTYLINES_TABLE=str(table))
+                PTYLINES_TABLE=str(table), PTYLINES_WAKEUP=str(DRIVER_WAKE_UP_BYTES))
 
 
 def on_port(command, port, directory, environment):
