@@ -7,6 +7,10 @@
 int main(int argc, char** argv)
 {
     host::useUtf8Names();
+    // With no zone named, libc looks at this file's attributes at every conversion to local
+    // time, of which the settings' look-ups make thousands a second.
+    if (!qEnvironmentVariableIsSet("TZ"))
+        qputenv("TZ", ":/etc/localtime");
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("transport-host"));
     QCoreApplication::setApplicationVersion(QStringLiteral(TRANSPORT_HOST_VERSION));

@@ -1,5 +1,7 @@
 #include "host/sessionprotocol.h"
 
+#include <QThread>
+
 #include "common/global.h"
 
 namespace host {
@@ -7,8 +9,10 @@ namespace host {
 namespace {
 
 // The channel reads, confirms and repeats only while it is read: often enough to keep the
-// line busy. A read waits for input by itself, so an idle session costs little.
-constexpr int tickMs = 5;
+// line busy. Between its passes the worker sleeps instead of waiting in the event loop,
+// where the port's notifier would wake it for each few bytes of a packet that comes in.
+constexpr int passPauseMs = 5;
+constexpr int receivingPauseMs = 10; // while nothing is to be sent; the driver's buffer holds 44 ms at 921600 bit/s
 
 constexpr int readBytes = 64 * 1024;
 constexpr int linkOverheadBytes = 10; // of each packet: a block without them fills one packet exactly
@@ -22,8 +26,8 @@ SessionProtocol::SessionProtocol(CChannel* ownedChannel, std::shared_ptr<const S
       }())
 {
     // Reading from an event posted meanwhile would race the port's own notifier: a timer.
-    m_timer.setInterval(tickMs);
-    m_timer.setTimerType(Qt::PreciseTimer);
+    // Without an interval: a tick brings its own pause.
+    m_timer.setInterval(0);
     connect(&m_timer, &QTimer::timeout, this, &SessionProtocol::tick);
 }
 
@@ -52,6 +56,7 @@ void SessionProtocol::tick()
 {
     if (m_ended)
         return;
+    QThread::msleep(m_hasSent ? passPauseMs : receivingPauseMs);
     const bool isConnected = channel->isConnected();
     if (m_stopRequested)
         m_session->stop(QStringLiteral("stopped"), m_clock.elapsed());
@@ -79,12 +84,14 @@ void SessionProtocol::readAll()
 
 void SessionProtocol::writeAll()
 {
+    m_hasSent = channel->idealBlockSize() <= 0; // what was sent before is still on its way
     for (int offered = 0; (offered = channel->idealBlockSize()) > 0;) {
         const int blockBytes = qMax(1, qMin(offered, m_context->maxBlockBytes) - linkOverheadBytes);
         const QByteArray block = m_session->takeOutput(blockBytes, m_clock.elapsed());
         if (block.isEmpty())
             return;
         channel->write(block);
+        m_hasSent = true;
     }
 }
 

@@ -67,6 +67,7 @@ private:
     QElapsedTimer m_clock;
     QTimer m_timer;
     std::atomic<bool> m_stopRequested{false}; // set from the server's thread
+    bool m_hasSent = false; // in the last tick, or could not for lack of room
     bool m_ended = false;
 };
 

@@ -7,6 +7,7 @@
 
 #include <thread>
 
+#include <QElapsedTimer>
 #include <QSignalSpy>
 
 #include <gtest/gtest.h>
@@ -189,6 +190,20 @@ TEST(SessionProtocol, KeepAliveKeeps)
     EXPECT_FALSE(line.a.finished->count() > 0 || line.b.finished->count() > 0);
     __atomic_store_n(&line.b.protocol->keepAlive, false, __ATOMIC_RELAXED);
     EXPECT_TRUE(waitFor([&] { return line.a.finished->count() > 0; }));
+}
+
+TEST(SessionProtocol, PausesBetweenPasses)
+{
+    Line line;
+    line.b.protocol->keepAlive = true;
+    line.start();
+    ASSERT_TRUE(waitFor([&] { return line.b.named->count() > 0; }));
+    const int reads = line.a.channel->reads;
+    QElapsedTimer timer;
+    timer.start();
+    ASSERT_TRUE(waitFor([&] { return line.a.channel->reads >= reads + 20; }));
+    // The least pause is 5 ms, whichever side sends.
+    EXPECT_GE(timer.elapsed(), 19 * 5);
 }
 
 TEST(SessionProtocol, DeletedWhileItRuns)

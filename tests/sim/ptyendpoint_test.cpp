@@ -324,6 +324,74 @@ TEST_F(PtyEndpointTest, APollerWakesSoonAfterRoomOpens)
     poller.join();
 }
 
+// Room opens at once for who writes; who waits for it is told only below the level.
+TEST_F(PtyEndpointTest, WaitersAreWokenBelowTheWakeUpLevel)
+{
+    qputenv("PTYLINES_WAKEUP", "256");
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint);
+    ASSERT_EQ(writeFill(fd, 4096), 4096);
+    qint64 taken = 0;
+    const auto take = [&](qint64 upTo) {
+        return waitFor([&] {
+            taken += endpoint.read(upTo - taken).size();
+            return taken == upTo;
+        });
+    };
+    ASSERT_TRUE(take(3840));
+    EXPECT_EQ(outQueue(fd), 256);
+    EXPECT_EQ(pollFor(fd, POLLOUT, 0), 0);
+    fd_set writable;
+    FD_ZERO(&writable);
+    FD_SET(fd, &writable);
+    timeval none{0, 0};
+    EXPECT_EQ(select(fd + 1, nullptr, &writable, nullptr, &none), 0);
+    EXPECT_EQ(writeFill(fd, 10), 10);
+    ASSERT_TRUE(take(3851));
+    EXPECT_EQ(outQueue(fd), 255);
+    EXPECT_EQ(pollFor(fd, POLLOUT, 0), POLLOUT);
+}
+
+TEST_F(PtyEndpointTest, AWaiterSeesTheWakeUpLevelInTheEnd)
+{
+    qputenv("PTYLINES_WAKEUP", "256");
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint);
+    ASSERT_EQ(writeFill(fd, 4096), 4096);
+    std::atomic<bool> woken{false};
+    std::thread poller([&] { woken = pollFor(fd, POLLOUT, -1) == POLLOUT; });
+    qint64 taken = 0;
+    EXPECT_TRUE(waitFor([&] {
+        taken += endpoint.read(64).size();
+        return woken.load();
+    }));
+    poller.join();
+    EXPECT_GT(taken, 3840);
+}
+
+TEST_F(PtyEndpointTest, ABlockingWriterIsWokenBelowTheWakeUpLevel)
+{
+    qputenv("PTYLINES_WAKEUP", "256");
+    PtyEndpoint endpoint;
+    const int fd = openFd(endpoint, 0);
+    std::atomic<ssize_t> result{-2};
+    std::thread writer([&] { result = writeFill(fd, 4096 + 1000); });
+    qint64 taken = 0;
+    EXPECT_TRUE(waitFor([&] {
+        taken += endpoint.read(3840 - taken).size();
+        return taken == 3840;
+    }));
+    EXPECT_EQ(result, -2);
+    EXPECT_EQ(endpoint.bytesFromProgram(), 256);
+    EXPECT_TRUE(waitFor([&] {
+        taken += endpoint.read(1).size();
+        return result != -2;
+    }));
+    writer.join();
+    EXPECT_EQ(result, 5096);
+    EXPECT_LE(endpoint.bytesFromProgram(), 4096);
+}
+
 TEST_F(PtyEndpointTest, PpollAndSelectWaitForRoomToo)
 {
     PtyEndpoint endpoint;
