@@ -13,11 +13,12 @@ from pathlib import Path
 
 from . import cells, compare, report, summary
 from .machine import describe_machine, machine_lines
+from .processes import end_all
 from .programs import Setup
 from .runner import Runner, tell_on_stderr
 
 KINDS = ("line", "parts", "ports")
-SLOWEST_SHARE = 0.15  # a transfer slower than this counts as failed
+SLOWEST_SHARE = 0.2  # a transfer slower than this counts as failed
 
 
 def parse_arguments(words):
@@ -45,18 +46,19 @@ def chosen_cells(arguments):
     return matrix
 
 
-def measure_line(arguments, machine):
+def measure_line(arguments, machine, save):
     matrix = chosen_cells(arguments)
     if not matrix:
         raise SystemExit("error: --cells matches no cell; labels look like: " + cells.full_matrix()[0].label())
-    load = arguments.load or 0.45 * machine["cores"]
+    load = arguments.load or 0.3 * machine["cores"]
     directory = Path(tempfile.mkdtemp(prefix="transportCom-bench-"))
     directory.chmod(0o755)  # a peer started by root may drop to a user of its own
     try:
         setup = Setup(arguments.build, arguments.uucp, directory, 0.25 if arguments.quick else SLOWEST_SHARE)
         setup.lay_out()
-        return Runner(setup, matrix, load, tell_on_stderr).run()
+        return Runner(setup, matrix, load, tell_on_stderr, save).run()
     finally:
+        end_all()
         shutil.rmtree(directory, ignore_errors=True)
 
 
@@ -129,10 +131,15 @@ def main(words):
     shown = [word for pair in (["--quick"] if arguments.quick else [], ["--only", arguments.only] if arguments.only else [],
                                ["--cells", arguments.cells] if arguments.cells else [], ["--runs", str(arguments.runs)] if arguments.runs else []) for word in pair]
     result = {"version": 1, "when": time.strftime("%Y-%m-%d %H:%M:%S"), "command": shlex.join(["scripts/bench", *shown]), "machine": describe_machine()}
-    for kind, measure in (("parts", measure_parts), ("ports", measure_ports), ("line", lambda a: measure_line(a, result["machine"]))):
+
+    def save(kind, measured):
+        result[kind] = measured
+        (out / "result.json").write_text(json.dumps(result, indent=1))
+
+    for kind, measure in (("parts", measure_parts), ("ports", measure_ports),
+                          ("line", lambda a: measure_line(a, result["machine"], lambda runs: save("line", runs)))):
         if arguments.only in (None, kind):
-            result[kind] = measure(arguments)
-            (out / "result.json").write_text(json.dumps(result, indent=1))
+            save(kind, measure(arguments))
     result["tookSeconds"] = round(time.monotonic() - begun)
     (out / "result.json").write_text(json.dumps(result, indent=1))
     (out / "report.html").write_text(report.page(result), encoding="utf-8")

@@ -14,6 +14,21 @@ class CellError(Exception):
     """The cell could not be measured, in a sentence."""
 
 
+_started = set()  # every program of every cell, so that none outlives an interrupted run
+
+
+def start(command, **options):
+    process = subprocess.Popen([str(part) for part in command], **options)
+    _started.add(process)
+    return process
+
+
+def end_all():
+    for process in list(_started):
+        if process.returncode is None:
+            process.kill()
+
+
 class Line:
     """A connected line between two ports."""
 
@@ -21,8 +36,8 @@ class Line:
         condition = cell.condition
         self.table = directory / "lines"
         text = f"rate={condition.rate},delay={condition.delay_ms},ber={condition.ber:g},seed={cell.seed()}"
-        self.process = subprocess.Popen([str(build / "bin/bench-line"), "--table", str(self.table), "--line", text],
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+        self.process = start([build / "bin/bench-line", "--table", self.table, "--line", text],
+                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         first = self.process.stdout.readline()
         if not first:
             raise CellError("bench-line did not start")
@@ -50,8 +65,8 @@ def on_port(command, port, directory, environment):
     descriptor = os.open(port, os.O_RDWR | os.O_NOCTTY)
     try:
         with open(directory / "errors.txt", "ab") as errors:
-            return subprocess.Popen([str(part) for part in command], stdin=descriptor, stdout=descriptor, stderr=errors,
-                                    cwd=directory, env=environment, start_new_session=True)
+            return start(command, stdin=descriptor, stdout=descriptor, stderr=errors, cwd=directory, env=environment,
+                         start_new_session=True)
     finally:
         os.close(descriptor)
 
@@ -59,8 +74,8 @@ def on_port(command, port, directory, environment):
 def off_port(command, directory, environment):
     """A program that opens its port by itself."""
     with open(directory / "output.txt", "ab") as output:
-        return subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL, stdout=output,
-                                stderr=subprocess.STDOUT, cwd=directory, env=environment, start_new_session=True)
+        return start(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, cwd=directory, env=environment,
+                     start_new_session=True)
 
 
 class Group:

@@ -11,7 +11,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from . import cells
-from .processes import Arrivals, CellError, Group, Line, off_port, on_port, preload, same_bytes, wait_for
+from .processes import Arrivals, CellError, Group, Line, off_port, on_port, preload, same_bytes, start, wait_for
 
 ENDING_SECONDS = 15  # for a session to end by itself once everything has arrived
 
@@ -70,11 +70,11 @@ def run_cell(cell, setup, directory):
 
 def run_peer(cell, setup, directory, data):
     starters = {cells.KERMIT: start_kermit, cells.UUCP_DEFAULT: start_uucp, cells.UUCP_FITTED: start_uucp}
-    start = starters.get(cell.program, start_zmodem)
+    begin = starters.get(cell.program, start_zmodem)
     group = Group()
     line = Line(setup.build, directory, cell)
     try:
-        expected = start(cell, setup, directory, data, line, group)  # path: content
+        expected = begin(cell, setup, directory, data, line, group)  # path: content
         arrivals = Arrivals({path: len(content) for path, content in expected.items()})
         seconds, why = wait_for(arrivals, group, cell.time_limit(setup.slowest_share))
         group.end(ENDING_SECONDS if seconds is not None else 0)
@@ -226,10 +226,10 @@ class Exchange:
         self.table, self.statistics = directory / "lines", directory / "calls.json"
         ready = directory / "ready"
         self.output = open(directory / "output.txt", "wb")
-        self.process = subprocess.Popen(
-            [str(setup.build / "bin/phone-exchange"), "--modems", "2", "--link-dir", str(directory), "--rate", str(condition.rate),
-             "--delay", str(condition.delay_ms), "--ber", f"{condition.ber:g}", "--seed", str(cell.seed()), "--ring-interval", "2",
-             "--table", str(self.table), "--ready-file", str(ready), "--stats", str(self.statistics), "--quiet"],
+        self.process = start(
+            [setup.build / "bin/phone-exchange", "--modems", 2, "--link-dir", directory, "--rate", condition.rate,
+             "--delay", condition.delay_ms, "--ber", f"{condition.ber:g}", "--seed", cell.seed(), "--ring-interval", 2,
+             "--table", self.table, "--ready-file", ready, "--stats", self.statistics, "--quiet"],
             stdin=subprocess.PIPE, stdout=self.output, stderr=subprocess.STDOUT)
         deadline = time.monotonic() + 20
         while not ready.exists():

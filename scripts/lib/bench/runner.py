@@ -46,8 +46,10 @@ def tolerated_lateness_ms(condition):
 
 
 class Runner:
-    def __init__(self, setup, matrix, load_limit, tell):
-        self.setup, self.load_limit, self.tell = setup, load_limit, tell
+    """save: called with the results so far after each cell, so that a broken run is not lost."""
+
+    def __init__(self, setup, matrix, load_limit, tell, save):
+        self.setup, self.load_limit, self.tell, self.save = setup, load_limit, tell, save
         # The longest first, so that none is left over at the end; whole cores are left to the fast ones.
         self.waiting = sorted(matrix, key=lambda cell: (-cell.seconds / (cell.condition.ber < 1e-4 or 0.3), cell.label()))
         self.total = len(matrix)
@@ -76,6 +78,9 @@ class Runner:
                 thread.join()
         finally:
             self.watch.end()
+        return self.sorted_results()
+
+    def sorted_results(self):
         return sorted(self.done, key=lambda run: (run["traffic"], run["rate"], run["delayMs"], run["ber"], run["program"], run["run"]))
 
     def _measure(self, cell):
@@ -86,6 +91,7 @@ class Runner:
         with self.changed:
             self.done.append(result)
             self.load -= cell.load()
+            self.save(self.sorted_results())
             share = f"{result['share']:.3f} of the line" if result["ok"] else f"FAILED: {result['why']}"
             self.tell(f"{len(self.done)}/{self.total}  {cell.label()}: {share}")
             self.changed.notify_all()
