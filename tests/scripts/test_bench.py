@@ -236,6 +236,22 @@ class ComparingFilesTest(unittest.TestCase):
 
 
 class ReportTest(unittest.TestCase):
+    def test_markdown_tables(self):
+        text = main.markdown_tables({"line": [run(), run(cells.KERMIT, share=0.95, cpu=0.5)]})
+        self.assertIn("One way, share of the line:\n\n| bit/s | delay ms | bit error rate | transportCom | Kermit |\n", text)
+        self.assertIn("| 115200 | 0 | 0 | 0.900 | 0.950 |", text)
+        self.assertIn("| one way, 115200 bit/s, 0 ms, 0 | transportCom | 0.97 | 0.900 | MISSED | 0.950 Kermit |", text)
+
+    def test_a_program_that_is_not_built(self):
+        for only in ([], ["--only", "parts"]):
+            arguments = main.parse_arguments(["--build", "/nonexistent", *only])
+            with contextlib.redirect_stderr(io.StringIO()):
+                if only:
+                    with self.assertRaises(SystemExit):
+                        main.measure_parts(arguments)
+                else:
+                    self.assertIsNone(main.measure_parts(arguments))
+
     def test_machine(self):
         self.assertEqual(machine.cpu_model("processor : 0\nmodel name\t: Some CPU\nmodel name\t: Other\n"), "Some CPU")
         lines = machine.machine_lines({"cpu": "Some CPU", "cores": 2, "memoryMb": 1024, "kernel": "Linux", "loadAtStart": [0.5, 0.25, 0]})

@@ -33,6 +33,7 @@ def parse_arguments(words):
     parser.add_argument("--out", type=Path)
     parser.add_argument("--compare", nargs=2, type=Path, metavar=("OLD", "NEW"))
     parser.add_argument("--report", type=Path, metavar="JSON")
+    parser.add_argument("--tables", type=Path, metavar="JSON")
     return parser.parse_args(words)
 
 
@@ -62,8 +63,22 @@ def measure_line(arguments, machine, save):
         shutil.rmtree(directory, ignore_errors=True)
 
 
+def built_program(arguments, name):
+    """Its path; None, and a word about it, where this tree does not build it."""
+    path = arguments.build / "bin" / name
+    if path.exists():
+        return str(path)
+    if arguments.only:
+        raise SystemExit(f"error: {path} is not built")
+    tell_on_stderr(f"{name} is not built; left out")
+    return None
+
+
 def measure_parts(arguments):
-    command = [str(arguments.build / "bin/bench-parts"), "--benchmark_format=json", "--benchmark_repetitions=" + ("1" if arguments.quick else "5")]
+    program = built_program(arguments, "bench-parts")
+    if program is None:
+        return None
+    command = [program, "--benchmark_format=json", "--benchmark_repetitions=" + ("1" if arguments.quick else "5")]
     if arguments.quick:
         command.append("--benchmark_min_time=0.05")
     tell_on_stderr("the parts")
@@ -71,7 +86,10 @@ def measure_parts(arguments):
 
 
 def measure_ports(arguments):
-    command = [str(arguments.build / "bin/bench-ports")] + (["--quick"] if arguments.quick else [])
+    program = built_program(arguments, "bench-ports")
+    if program is None:
+        return None
+    command = [program] + (["--quick"] if arguments.quick else [])
     tell_on_stderr("the ports")
     return json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout)
 
@@ -91,6 +109,20 @@ def print_result(result):
         print("\nports\n" + summary.plain_table(*report.ports_rows(result["ports"])))
     if result.get("parts"):
         print("\nparts\n" + summary.plain_table(*report.parts_rows(result["parts"])))
+
+
+def markdown_tables(result):
+    """The line's tables as docs/performance.md holds them."""
+    texts = []
+    summaries = summary.summarise(result.get("line") or [])
+    for traffic in (cells.ONE_WAY, cells.BOTH_WAYS, cells.MESSAGES):
+        for title, text in (("share of the line", summary.share_cell), ("CPU seconds per megabyte", summary.cpu_cell)):
+            header, rows = summary.line_table(summaries, traffic, text)
+            if rows:
+                texts.append(f"{traffic.capitalize()}, {title}:\n\n{summary.markdown_table(header, rows)}")
+    texts.append("Targets:\n\n" + summary.markdown_table(*summary.target_rows(summaries)))
+    texts.append("Where a peer leads:\n\n" + summary.markdown_table(*summary.behind_peer_rows(summaries)))
+    return "\n\n".join(texts)
 
 
 def load_result(path):
@@ -122,6 +154,9 @@ def main(words):
     arguments = parse_arguments(words)
     if arguments.compare:
         return run_compare(*arguments.compare)
+    if arguments.tables:
+        print(markdown_tables(load_result(arguments.tables)))
+        return 0
     if arguments.report:
         print(report.page(load_result(arguments.report)))
         return 0
@@ -145,7 +180,7 @@ def main(words):
     (out / "report.html").write_text(report.page(result), encoding="utf-8")
     print_result(result)
     print(f"\nwritten: {out}/result.json, {out}/report.html")
-    failed = [run for run in result.get("line", []) if run["program"] in cells.OURS and not run["ok"]]
+    failed = [run for run in result.get("line") or [] if run["program"] in cells.OURS and not run["ok"]]
     for run in failed:
         print(f"error: {run['program']} failed at {run['rate']} bit/s, {run['delayMs']} ms, {run['ber']:g} ({run['traffic']}): {run['why']}", file=sys.stderr)
     return 1 if failed else 0
