@@ -3,6 +3,8 @@
 #include <atomic>
 #include <memory>
 
+#include <sys/stat.h>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QEvent>
@@ -45,6 +47,18 @@ struct Operation
     QMutexLocker locker{isNested ? nullptr : &settingsMutex};
 };
 
+// Null for a file that is not there. In UTC: every look-up and every log line asks, and the
+// conversion into local time that QFileInfo makes costs more than all the rest.
+QDateTime modificationTime(const QString& path)
+{
+    struct stat status;
+    if (stat(QFile::encodeName(path).constData(), &status) != 0)
+        return {};
+    constexpr qint64 msPerS = 1000;
+    constexpr qint64 nsPerMs = 1000000;
+    return QDateTime::fromMSecsSinceEpoch(status.st_mtim.tv_sec * msPerS + status.st_mtim.tv_nsec / nsPerMs, Qt::UTC);
+}
+
 SettingsPointer* sharedSettings()
 {
     if (SettingsPointer* settings = gCSettingsSettings.load(std::memory_order_acquire))
@@ -82,9 +96,9 @@ bool SettingsPointer::event(QEvent* event)
 void SettingsPointer::syncLocked()
 {
     fileInfo.refresh();
-    if (!changed && fileInfo.lastModified() == lastModified)
+    QDateTime modified = modificationTime(fileName());
+    if (!changed && modified == lastModified)
         return;
-    // Asked afresh, since fileInfo keeps what it saw.
     if (QFile::exists(fileName())) {
         QSettings::sync();
     } else {
@@ -96,10 +110,11 @@ void SettingsPointer::syncLocked()
         // One delayed write-back is posted for each change; nothing is left for it to do.
         QCoreApplication::removePostedEvents(this, QEvent::UpdateRequest);
         fileInfo.refresh();
+        modified = modificationTime(fileName());
         // Another process may have written since; its edit must not pass for seen unread.
         QSettings::sync();
     }
-    lastModified = fileInfo.lastModified();
+    lastModified = modified;
     changed = false;
 }
 
