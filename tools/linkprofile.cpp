@@ -13,14 +13,53 @@ constexpr double bitsPerByteOnLine = 10;
 constexpr double dataBitsPerByte = 8; // of those that noise can damage with effect
 
 constexpr double overheadBytes = 11; // of a packet's bytes on the line: header and checks
-constexpr double smallestPacket = 64;
 constexpr double largestPacket = 4096;
 
 // No line is as clean as it is thought to be.
 constexpr double leastBitErrorRate = 1e-7;
 
+// A packet takes no longer than this on a clean line, unless it is a small one anyway.
+constexpr double longestPacketS = 2;
+constexpr double smallPacket = 1024;
+
 // What the two hosts' turns add to each round trip.
 constexpr double turnsS = 0.03;
+
+constexpr double packetsPerConfirmation = 2;
+constexpr double longestConfirmationS = 1;
+
+// While one packet is missing, no new one goes out more than 60 numbers beyond it: of
+// those, so many are counted on.
+constexpr double windowPackets = 54;
+
+// Round trips that a window should hold at the least, in packets for each packet's time.
+constexpr double packetsPerRoundTrip = 14;
+
+// Above this share of lost packets a larger one costs more than waiting for the window.
+constexpr double mostNoisePerPacket = 0.3;
+
+// The resend interval in times of what may be unconfirmed: less, and with both ways busy
+// repeats of what is still on its way feed themselves.
+constexpr double resendFactor = 1.75;
+constexpr double cleanResendFactor = 1.25; // of the longest round trip there can be
+
+constexpr double leastQueue = 512;   // bytes: room for what a session says beside its data
+constexpr double leastToWrite = 512; // bytes: that a port's output does not run dry over one small packet
+
+constexpr double leastSlackPackets = 5;
+constexpr double mostSlackPackets = 16;
+
+// Expected goodput: what the session's frames and opening leave, what confirmations in a
+// hurry and waiting behind data leave with both ways busy, and how many of a window's
+// packets stand for their worst; the last two fitted to the simulated line.
+constexpr double sessionShare = 0.998;
+constexpr double bothWaysShare = 0.99;
+constexpr double packetsThatCount = 8;
+constexpr int mostLosses = 40;
+
+// Nor more than this of the line's time on a slow one: a loss when little is on its way,
+// at the beginning or the end of a call, waits for the resend interval.
+constexpr double longestUnconfirmedS = 5;
 
 double bounded(double value, double least, double most)
 {
@@ -31,6 +70,59 @@ int inRange(double value, Setting setting)
 {
     const SettingKey& key = settingKey(setting);
     return static_cast<int>(bounded(std::ceil(value), key.minimum, key.maximum));
+}
+
+// The facts as numbers to reckon with: bytes and seconds.
+struct Line
+{
+    explicit Line(const LineFacts& facts)
+        : bytesPerS(bounded(facts.rate, lowestRate, highestRate) / bitsPerByteOnLine),
+          delayS(bounded(facts.delayMs, 0, longestDelayMs) / 1000),
+          noise(dataBitsPerByte * bounded(facts.bitErrorRate, leastBitErrorRate, highestBitErrorRate)),
+          bufferBytes(bounded(facts.bufferBytes, 0, largestBufferBytes))
+    {
+    }
+
+    double bytesPerS;
+    double delayS;
+    double noise; // wrong bits with effect, for each byte
+    double bufferBytes;
+};
+
+// Of the whole packet on the line; the share that survives times the share that is
+// payload is greatest here.
+double bestPacket(double noise)
+{
+    return overheadBytes / 2 + std::sqrt(overheadBytes * overheadBytes / 4 + overheadBytes / noise);
+}
+
+double packetFor(const Line& line)
+{
+    const double best = std::min(bestPacket(line.noise), std::max(smallPacket, longestPacketS * line.bytesPerS));
+    // A window of few bytes would hold a fast or far line up at each loss.
+    const double confirmationS = std::max(0.05, packetsPerConfirmation * best / line.bytesPerS);
+    const double roundTrip = line.bytesPerS * (confirmationS + turnsS + 2 * line.delayS);
+    const double forWindow = std::min(roundTrip / packetsPerRoundTrip, mostNoisePerPacket / line.noise);
+    return std::round(std::min(std::max(best, forWindow), largestPacket));
+}
+
+// The share of the time in which new packets may go, while packets that were lost keep
+// the window where it is. Some of the packets of a window have their repeats lost too, and
+// the one that needs the most tries counts.
+double movingShare(double lost, double resendS, double packetS)
+{
+    const double windowS = 60 * packetS;
+    const double roundTripS = resendS / resendFactor;
+    double waitingS = 0;
+    double reached = 1 - std::pow(1 - lost, packetsThatCount); // so many losses of one packet
+    double power = lost;
+    for (int losses = 1; losses < mostLosses; ++losses) {
+        power *= lost;
+        const double next = 1 - std::pow(1 - power, packetsThatCount);
+        waitingS += (reached - next) * std::max(0.0, losses * resendS + roundTripS - windowS);
+        reached = next;
+    }
+    return windowS / (windowS + waitingS);
 }
 
 } // namespace
@@ -44,35 +136,53 @@ bool operator==(const LinkProfile& left, const LinkProfile& right)
 
 LinkProfile recommendedProfile(const LineFacts& facts)
 {
-    const double bytesPerS = bounded(facts.rate, lowestRate, highestRate) / bitsPerByteOnLine;
-    const double delayS = bounded(facts.delayMs, 0, longestDelayMs) / 1000;
-    const double noise = dataBitsPerByte * bounded(facts.bitErrorRate, leastBitErrorRate, highestBitErrorRate);
-    const double buffer = bounded(facts.bufferBytes, 0, largestBufferBytes);
+    const Line line(facts);
+    const double packet = packetFor(line);
+    const double packetS = packet / line.bytesPerS;
 
-    // (w - 11) / w * exp(-noise * w) is greatest here.
-    const double best = overheadBytes / 2 + std::sqrt(overheadBytes * overheadBytes / 4 + overheadBytes / noise);
-    const double packet = bounded(std::min(best, std::max(1024.0, bytesPerS)), smallestPacket, largestPacket);
+    const double confirmationS = bounded(packetsPerConfirmation * packetS, 0.05, longestConfirmationS);
+    const double roundTripS = confirmationS + turnsS + 2 * line.delayS;
+    const double roundTrip = roundTripS * line.bytesPerS;
+
+    // So much may be unconfirmed that a packet lost, and where many are lost its repeat too,
+    // comes again before the window is used up.
+    const double lost = 1 - std::exp(-line.noise * packet);
+    const double losses = std::min(2.0, 1 + 10 * lost);
+    const double tolerated = std::min(windowPackets * packet / (1 + losses * resendFactor), longestUnconfirmedS * line.bytesPerS);
+    const double unconfirmed =
+        std::max(leastQueue + packet,
+                 bounded(tolerated, roundTrip + leastSlackPackets * packet, roundTrip + mostSlackPackets * packet));
+    const double longestRoundTripS = 2 * (line.bufferBytes + packet) / line.bytesPerS + roundTripS;
+    const double resendS = std::min(resendFactor * unconfirmed / line.bytesPerS, cleanResendFactor * longestRoundTripS);
 
     LinkProfile profile;
-    profile.packetSize = static_cast<int>(std::lround(packet));
-    profile.maxBytesToWrite = inRange(packet, Setting::DetailsTransportComMaxBytesToWrite);
-    const double confirmationS = bounded(4 * packet / bytesPerS, 0.05, 1);
+    profile.packetSize = static_cast<int>(packet);
+    profile.maxBytesToWrite = inRange(std::max(packet, leastToWrite), Setting::DetailsTransportComMaxBytesToWrite);
+    profile.maxBytesInQueue = inRange(unconfirmed - packet, Setting::DetailsTransportComMaxBytesInQueue);
+    profile.resendIntervalMs = inRange(1000 * resendS, Setting::DetailsTransportComResendInterval);
     profile.confirmationIntervalMs = inRange(1000 * confirmationS, Setting::DetailsTransportComConfirmationInterval);
-    const double roundTripS = confirmationS + 2 * delayS + turnsS + packet / bytesPerS;
-    const double queue = std::max(512.0, 2 * bytesPerS * roundTripS + 4 * packet);
-    profile.maxBytesInQueue = inRange(queue, Setting::DetailsTransportComMaxBytesInQueue);
-    const double waiting = std::min(queue, 2 * (buffer + packet));
-    profile.resendIntervalMs =
-        inRange(1250 * (waiting / bytesPerS + roundTripS), Setting::DetailsTransportComResendInterval);
     return profile;
 }
 
 Goodput expectedGoodput(const LineFacts& facts)
 {
+    const Line line(facts);
+    const LinkProfile profile = recommendedProfile(facts);
     const double noise = dataBitsPerByte * bounded(facts.bitErrorRate, 0, highestBitErrorRate);
-    const double onLine = recommendedProfile(facts).packetSize + 1;
-    const double share = (onLine - overheadBytes) / onLine * std::exp(-noise * onLine);
-    return {share, share};
+    const double onLine = profile.packetSize + 1;
+    const double packetS = onLine / line.bytesPerS;
+    const double confirmed = std::max(1.0, profile.confirmationIntervalMs / 1000.0 / packetS);
+    const double confirmationBytes = overheadBytes + confirmed;
+
+    const double payload = (onLine - overheadBytes) / onLine;
+    const double arriving = std::exp(-noise * onLine);
+    const double repeatedInVain = noise * confirmationBytes; // what a lost confirmation listed
+    const double moving = movingShare(1 - arriving, profile.resendIntervalMs / 1000.0, packetS);
+
+    Goodput goodput;
+    goodput.oneWay = sessionShare * payload * arriving * moving / (1 + repeatedInVain);
+    goodput.bothWays = bothWaysShare * goodput.oneWay * (1 - confirmationBytes / (confirmed * onLine));
+    return goodput;
 }
 
 } // namespace tune

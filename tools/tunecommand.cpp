@@ -112,7 +112,7 @@ QString readRequest(const QCommandLineParser& parser, const Options& options, Re
 
 QString share(double value)
 {
-    return QString::asprintf("%.2f", value);
+    return QString::asprintf("%.3f", value);
 }
 
 QString inRate(double value, int rate)

@@ -1,0 +1,72 @@
+// The recommended settings on simulated lines, in simulated time: they get what the rule
+// promises.
+#include <fstream>
+
+#include <QDir>
+
+#include <gtest/gtest.h>
+
+#include "tests/soak/virtualtime.h"
+#include "tests/support/testroot.h"
+#include "tests/tools/linkmeasure.h"
+
+namespace {
+
+constexpr std::int64_t wallClockMs = 1700000000000; // any day will do
+
+// What one seed's noise and a short transfer may take off.
+constexpr double margin = 0.035;
+
+struct Case
+{
+    const char* name;
+    int rate;
+    int delayMs;
+    double bitErrorRate;
+    bool bothWays;
+    int seconds; // of a transfer without loss
+};
+
+void keepQuiet(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+class RecommendedSettings : public testing::TestWithParam<Case>
+{
+};
+
+} // namespace
+
+TEST_P(RecommendedSettings, GetWhatTheRulePromises)
+{
+    const Case& c = GetParam();
+    measure::Course course;
+    course.line.rate = c.rate;
+    course.line.delayMs = c.delayMs;
+    course.line.bitErrorRate = c.bitErrorRate;
+    course.bytes[0] = std::int64_t(c.seconds) * c.rate / 10;
+    course.bytes[1] = c.bothWays ? course.bytes[0] : 0;
+    const tune::LinkProfile profile = tune::recommendedProfile(course.line);
+    const QString settingsDir = testsupport::installRoot() + QStringLiteral("/settings");
+    ASSERT_TRUE(QDir().mkpath(settingsDir));
+    std::ofstream(settingsDir.toStdString() + "/settings.ini") << measure::settingsText(profile);
+
+    qInstallMessageHandler(keepQuiet); // the channel tells of each damaged packet
+    soak::startVirtualTime(wallClockMs);
+    const measure::Outcome outcome = measure::run(course, profile);
+    EXPECT_EQ(outcome.error, "");
+    const tune::Goodput expected = tune::expectedGoodput(course.line);
+    EXPECT_GE(outcome.share[0], (c.bothWays ? expected.bothWays : expected.oneWay) - margin);
+    if (c.bothWays) {
+        EXPECT_GE(outcome.share[1], expected.bothWays - margin);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lines, RecommendedSettings,
+                         testing::Values(Case{"slow", 9600, 0, 0, false, 120}, //
+                                         Case{"slowNoisyBoth", 9600, 0, 1e-4, true, 200},
+                                         Case{"clean", 115200, 0, 0, false, 60},
+                                         Case{"cleanBoth", 115200, 0, 0, true, 60},
+                                         Case{"noise", 115200, 0, 1e-5, false, 60},
+                                         Case{"noisy", 57600, 0, 1e-4, false, 60},
+                                         Case{"farNoise", 33600, 100, 1e-5, false, 120},
+                                         Case{"fast", 921600, 0, 0, false, 20}),
+                         [](const testing::TestParamInfo<Case>& line) { return std::string(line.param.name); });

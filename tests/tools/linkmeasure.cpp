@@ -1,0 +1,243 @@
+#include "tests/tools/linkmeasure.h"
+
+#include <algorithm>
+#include <memory>
+#include <sstream>
+
+#include <QCoreApplication>
+#include <QSerialPort>
+
+#include "com/ccomchannel.h"
+#include "com/ccomsettings.h"
+#include "host/session.h"
+#include "plugin/cabstractchannelsstate.h"
+#include "tests/host/memorystore.h"
+#include "tests/soak/line.h"
+#include "tests/soak/rng.h"
+
+namespace measure {
+
+namespace {
+
+using soak::nowNs;
+using soak::nsPerMs;
+using soak::nsPerS;
+
+// As the reference host's session protocol does it.
+constexpr std::int64_t passPauseNs = 5 * nsPerMs;
+constexpr std::int64_t receivingPauseNs = 10 * nsPerMs; // while nothing is to be sent
+constexpr int readBytes = 64 * 1024;
+constexpr int linkOverheadBytes = 10;
+
+constexpr int bitsPerByteOnLine = 10;
+
+constexpr std::int64_t meanBetweenPausesNs = 10 * nsPerS;
+
+// So slow that it will not end.
+constexpr double leastShare = 0.02;
+constexpr std::int64_t graceNs = 120 * nsPerS;
+
+class SilentState : public CAbstractChannelsState
+{
+public:
+    int addChannel(int, const QString&, const QString&) override { return 0; }
+    void removeChannel(int) override {}
+    void setState(int, const QString&) override {}
+    void addReceivedBytes(int, int) override {}
+    void addSentBytes(int, int) override {}
+};
+
+// One end of the call: the port, the channel and the session.
+class End
+{
+public:
+    End(int end, const Course& course, const tune::LinkProfile& profile)
+        : m_profile(profile), m_pauseNs(course.pauseMs * nsPerMs), m_rng(course.seed * 16 + static_cast<std::uint64_t>(end))
+    {
+        schedulePause();
+        m_port.setPortName(QString::fromStdString(soak::Line::path(end)));
+        m_isOpen = m_port.open(QIODevice::ReadWrite);
+        m_channel = std::make_unique<CComChannel>(&m_port, &m_state, end);
+        host::SessionSettings settings;
+        settings.abonentName = QString::number(end);
+        settings.installationId = QByteArray(host::installationIdBytes, static_cast<char>(end + 1));
+        m_session = std::make_unique<host::Session>(settings, &store, [](const host::SessionEvent&) {}, nowMs());
+    }
+
+    hosttest::MemoryStore store;
+
+    bool isOpen() const { return m_isOpen; }
+    std::int64_t nextTurnNs() const { return m_nextTurnNs; }
+    QString endReason() const { return m_session->isFinished() ? m_session->endReason() : QString(); }
+
+    void turn()
+    {
+        QCoreApplication::processEvents(); // where the port's own notifiers have their turn
+        readAll();
+        m_session->advance(nowMs());
+        writeAll();
+        m_nextTurnNs = nowNs() + (m_hasSent ? passPauseNs : receivingPauseNs);
+        if (m_pauseNs > 0 && nowNs() >= m_nextPauseNs) {
+            m_nextTurnNs += m_pauseNs;
+            schedulePause();
+        }
+    }
+
+private:
+    static qint64 nowMs() { return nowNs() / nsPerMs; }
+
+    void readAll()
+    {
+        for (bool isMore = true; isMore;) {
+            const QByteArray bytes = m_channel->read(readBytes);
+            m_session->receive(bytes, nowMs());
+            isMore = bytes.size() == readBytes;
+        }
+    }
+
+    void writeAll()
+    {
+        m_hasSent = m_channel->idealBlockSize() <= 0;
+        for (int offered = 0; (offered = m_channel->idealBlockSize()) > 0;) {
+            const int most = std::max(1, std::min(offered, m_profile.maxBytesToWrite) - linkOverheadBytes);
+            const QByteArray block = m_session->takeOutput(most, nowMs());
+            if (block.isEmpty())
+                return;
+            m_channel->write(block);
+            m_hasSent = true;
+        }
+    }
+
+    void schedulePause()
+    {
+        m_nextPauseNs = nowNs() + static_cast<std::int64_t>(m_rng.below(2 * meanBetweenPausesNs));
+    }
+
+    const tune::LinkProfile& m_profile;
+    const std::int64_t m_pauseNs;
+    soak::Rng m_rng;
+    std::int64_t m_nextPauseNs = 0;
+    SilentState m_state;
+    QSerialPort m_port;
+    bool m_isOpen = false;
+    std::unique_ptr<CComChannel> m_channel;
+    std::unique_ptr<host::Session> m_session;
+    bool m_hasSent = false; // in the last turn, or could not for lack of room
+    std::int64_t m_nextTurnNs = 0;
+};
+
+soak::LineSettings lineSettings(const Course& course)
+{
+    soak::LineSettings line;
+    line.bitsPerSecond = course.line.rate;
+    line.delayNs = course.line.delayMs * nsPerMs;
+    line.chunkBytes = std::max(1, course.line.rate / 10 / 1000); // a millisecond's
+    line.driverDepth = course.line.bufferBytes;
+    line.wakesWhenLow = course.wakesWhenLow;
+    return line;
+}
+
+QByteArray randomBytes(std::int64_t size, soak::Rng& rng)
+{
+    QByteArray bytes(static_cast<int>(size), '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(rng.next());
+    return bytes;
+}
+
+class Run
+{
+public:
+    Run(const Course& course, const tune::LinkProfile& profile)
+        : m_course(course), m_line(lineSettings(course), course.seed), m_ends{End(0, course, profile), End(1, course, profile)}
+    {
+        soak::Rng rng(course.seed + 1);
+        soak::Faults faults;
+        faults.bitErrorRate = course.line.bitErrorRate;
+        for (int end = 0; end < 2; ++end) {
+            m_line.setFaults(end, faults);
+            m_files[end] = randomBytes(course.bytes[end], rng);
+            if (course.bytes[end] > 0)
+                m_ends[end].store.queue(QStringLiteral("file"), m_files[end]);
+        }
+    }
+
+    Outcome run()
+    {
+        Outcome outcome;
+        if (!m_ends[0].isOpen() || !m_ends[1].isOpen())
+            return failed("a port does not open");
+        const std::int64_t startNs = nowNs();
+        const std::int64_t most = std::max(m_course.bytes[0], m_course.bytes[1]);
+        const std::int64_t longestNs = graceNs + static_cast<std::int64_t>(static_cast<double>(most) / bytesPerS() / leastShare) * nsPerS;
+        bool isDone = false;
+        while (!isDone) {
+            End& end = m_ends[0].nextTurnNs() <= m_ends[1].nextTurnNs() ? m_ends[0] : m_ends[1];
+            soak::sleepUntilNs(end.nextTurnNs());
+            end.turn();
+            isDone = true;
+            for (int from = 0; from < 2; ++from)
+                isDone = note(from, startNs, &outcome) && isDone;
+            if (!end.endReason().isEmpty() && !isDone)
+                return failed("a session ended: " + end.endReason().toStdString());
+            if (nowNs() - startNs > longestNs)
+                return failed("far too slow");
+        }
+        return outcome;
+    }
+
+private:
+    double bytesPerS() const { return static_cast<double>(m_course.line.rate) / bitsPerByteOnLine; }
+
+    static Outcome failed(const std::string& text)
+    {
+        Outcome outcome;
+        outcome.error = text;
+        return outcome;
+    }
+
+    // Whether the file from that end has arrived; when it just has, takes the figures down.
+    bool note(int from, std::int64_t startNs, Outcome* outcome)
+    {
+        if (m_course.bytes[from] == 0 || outcome->share[from] > 0)
+            return true;
+        const auto& inbox = m_ends[1 - from].store.inbox;
+        if (inbox.empty())
+            return false;
+        if (inbox.front().content != m_files[from])
+            outcome->error = "what arrived is not what was sent";
+        const double possible = static_cast<double>(nowNs() - startNs) / nsPerS * bytesPerS();
+        outcome->share[from] = static_cast<double>(m_course.bytes[from]) / possible;
+        outcome->busy[from] = static_cast<double>(m_line.from(from).bytesCarried()) / possible;
+        return true;
+    }
+
+    const Course& m_course;
+    soak::Line m_line;
+    std::array<End, 2> m_ends;
+    std::array<QByteArray, 2> m_files;
+};
+
+} // namespace
+
+std::string settingsText(const tune::LinkProfile& profile)
+{
+    std::ostringstream text;
+    text << "[Details]\n"
+         << "transportComMaxBytesToWrite=" << profile.maxBytesToWrite << "\n"
+         << "transportComMaxBytesInQueue=" << profile.maxBytesInQueue << "\n"
+         << "transportComResendInterval=" << profile.resendIntervalMs << "\n"
+         << "transportComConfirmationInterval=" << profile.confirmationIntervalMs << "\n";
+    return text.str();
+}
+
+Outcome run(const Course& course, const tune::LinkProfile& profile)
+{
+    ChannelComSettings settings;
+    settings.packetSize = profile.packetSize;
+    setCurrentComSettings(settings);
+    Run run(course, profile);
+    return run.run();
+}
+
+} // namespace measure

@@ -1,0 +1,37 @@
+// Goodput of the link in simulated time: two sessions of the reference host over two
+// channels over a simulated line, as fast as the machine can.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "tools/linkprofile.h"
+
+namespace measure {
+
+struct Course
+{
+    tune::LineFacts line;
+    bool wakesWhenLow = false; // the driver calls itself writable only when nearly empty
+    std::array<std::int64_t, 2> bytes{}; // a file of so many from that end; 0: none
+    int pauseMs = 0; // now and then a host does nothing for so long, as on a busy machine
+    std::uint64_t seed = 1;
+};
+
+struct Outcome
+{
+    std::string error; // empty: all files arrived bit-exact
+    std::array<double, 2> share{}; // of rate / 10, from that end, the session's opening counted
+    std::array<double, 2> busy{};  // share of the time in which the line carried bytes from that end
+};
+
+// The profile as settings.ini has it: the channel reads it once in a process, so that a
+// process can measure one profile.
+std::string settingsText(const tune::LinkProfile& profile);
+
+// Needs virtual time, started, and an application object; settings.ini holds the profile.
+// One course in a process. Sets the packet size.
+Outcome run(const Course& course, const tune::LinkProfile& profile);
+
+} // namespace measure
