@@ -1,5 +1,7 @@
 #include "tests/stress/portboard.h"
 
+#include <algorithm>
+
 #include <QMutexLocker>
 
 namespace testsupport {
@@ -81,6 +83,13 @@ int PortBoard::count() const
 {
     QMutexLocker locker(&m_mutex);
     return m_ports.size();
+}
+
+bool PortBoard::isFree(const QString& port) const
+{
+    QMutexLocker locker(&m_mutex);
+    return std::any_of(m_ports.cbegin(), m_ports.cend(),
+                       [&](const Port& row) { return row.name == port && row.text == QStringLiteral("Свободен"); });
 }
 
 int PortBoard::countOf(const QString& text) const

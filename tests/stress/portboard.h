@@ -29,6 +29,7 @@ public:
     // "port: text, for so many ms" for each port that is registered, and the server.
     QStringList lines() const;
     int count() const;                   // ports registered
+    bool isFree(const QString& port) const;
     int countOf(const QString& text) const; // of these, ports that say exactly this
     int everAdded() const;
     // Since the last port went away; -1 when none ever did.

@@ -105,6 +105,7 @@ TEST(Ports, StartingAndStoppingLeavesNothing)
     constexpr int ports = 64;
     constexpr int calls = 8;
     constexpr int firstRounds = 2;
+    constexpr int callAgainMs = 20000;
     constexpr int rounds = 5;
     StressBed bed(ports, fastLine(), [] { return SessionPlan(); });
     const int threadsAlone = currentResources().threads;
@@ -116,7 +117,19 @@ TEST(Ports, StartingAndStoppingLeavesNothing)
         const int before = bed.account.figures().withPeer;
         for (int i = 1; i <= calls; ++i)
             bed.call(ports / 2 + i, {bed.port(i)});
-        ASSERT_TRUE(waitFor([&] { return bed.account.figures().withPeer == before + 2 * calls; }, deadlineMs))
+        QElapsedTimer sinceCalled;
+        sinceCalled.start();
+        const auto allStand = [&] {
+            // On a machine that is busy a modem may give a call up, as a host knows it: again.
+            for (int i = 1; sinceCalled.elapsed() > callAgainMs && i <= calls; ++i) {
+                if (bed.board.isFree(bed.port(i)))
+                    bed.call(ports / 2 + i, {bed.port(i)});
+            }
+            if (sinceCalled.elapsed() > callAgainMs)
+                sinceCalled.restart();
+            return bed.account.figures().withPeer >= before + 2 * calls;
+        };
+        ASSERT_TRUE(waitFor(allStand, deadlineMs))
             << bed.board.lines().join('\n').toStdString();
         bed.stopFromWithin();
         EXPECT_EQ(bed.board.count(), 0);
