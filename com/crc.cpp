@@ -44,18 +44,46 @@ constexpr Table16 table16 = makeTable16();
 constexpr int stride = 16;
 using Rows32 = std::array<Table32, stride>;
 
+constexpr quint32 pastOneByte(const Table32& table, quint32 crc)
+{
+    return (crc >> 8) ^ table[crc & 0xFF];
+}
+
 constexpr Rows32 makeRows32()
 {
     Rows32 rows{};
     rows[0] = makeTable32();
     for (int k = 1; k < stride; ++k) {
         for (int i = 0; i < byteValues; ++i)
-            rows[k][i] = (rows[k - 1][i] >> 8) ^ rows[0][rows[k - 1][i] & 0xFF];
+            rows[k][i] = pastOneByte(rows[0], rows[k - 1][i]);
     }
     return rows;
 }
 
 constexpr Rows32 rows32 = makeRows32();
+
+// Long runs go through several registers that do not wait for each other: word i of a
+// round belongs to register i, which skips the words of the others. Row k of these carries
+// a byte past all the others and k further bytes of its own word.
+constexpr int registers = 5;
+constexpr int wordBytes = 8;
+constexpr int round = registers * wordBytes;
+using SkippingRows32 = std::array<Table32, wordBytes>;
+
+constexpr SkippingRows32 makeSkippingRows32()
+{
+    SkippingRows32 rows{};
+    Table32 row = rows32[stride - 1];
+    for (int passed = stride; passed < round; ++passed) {
+        for (quint32& crc : row)
+            crc = pastOneByte(rows32[0], crc);
+        if (passed >= round - wordBytes)
+            rows[passed - (round - wordBytes)] = row;
+    }
+    return rows;
+}
+
+constexpr SkippingRows32 skippingRows32 = makeSkippingRows32();
 
 // The header's check takes each byte as signed. Below 0x80 that changes nothing. For a
 // byte of 0x80 or more the index x = (crc >> 8) ^ byte falls 256 words before the
@@ -77,15 +105,40 @@ constexpr HeaderTable makeHeaderTable()
 
 constexpr HeaderTable headerTable = makeHeaderTable();
 
-quint32 lookUpWord(const Rows32& rows, int lastRow, quint32 word)
+template<typename Rows>
+quint32 lookUpWord(const Rows& rows, int lastRow, quint32 word)
 {
     return rows[lastRow][word & 0xFF] ^ rows[lastRow - 1][(word >> 8) & 0xFF] ^ rows[lastRow - 2][(word >> 16) & 0xFF]
         ^ rows[lastRow - 3][word >> 24];
 }
 
+template<typename Rows>
+quint32 lookUpLongWord(const Rows& rows, quint64 word)
+{
+    return lookUpWord(rows, 7, static_cast<quint32>(word)) ^ lookUpWord(rows, 3, static_cast<quint32>(word >> 32));
+}
+
+// Takes whole rounds, all but the last through the registers, which the last one joins.
+quint32 addRounds(quint32 crc, const uchar*& bytes, int& length)
+{
+    quint32 running[registers] = {crc};
+    for (; length >= 2 * round; bytes += round, length -= round) {
+        for (int i = 0; i < registers; ++i)
+            running[i] = lookUpLongWord(skippingRows32, running[i] ^ qFromLittleEndian<quint64>(bytes + i * wordBytes));
+    }
+    crc = 0;
+    for (int i = 0; i < registers; ++i)
+        crc = lookUpLongWord(rows32, crc ^ running[i] ^ qFromLittleEndian<quint64>(bytes + i * wordBytes));
+    bytes += round;
+    length -= round;
+    return crc;
+}
+
 quint32 addToCrc32(quint32 crc, const char* data, int length)
 {
     const uchar* bytes = reinterpret_cast<const uchar*>(data);
+    if (length >= 4 * round) // fewer do not make up for the joining
+        crc = addRounds(crc, bytes, length);
     for (; length >= stride; bytes += stride, length -= stride) {
         crc = lookUpWord(rows32, 15, crc ^ qFromLittleEndian<quint32>(bytes))
             ^ lookUpWord(rows32, 11, qFromLittleEndian<quint32>(bytes + 4))
