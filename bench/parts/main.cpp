@@ -1,0 +1,18 @@
+// Runs the benchmarks in a fresh installation root, for the log and the settings they write.
+#include <QCoreApplication>
+
+#include <benchmark/benchmark.h>
+
+#include "tests/support/freshroot.h"
+
+int main(int argc, char** argv)
+{
+    if (!testsupport::isInFreshRoot())
+        return testsupport::runInFreshRoot(argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    QCoreApplication application(argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
