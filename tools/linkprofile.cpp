@@ -25,6 +25,7 @@ constexpr double smallPacket = 1024;
 // What the two hosts' turns add to each round trip.
 constexpr double turnsS = 0.03;
 
+constexpr double shortestConfirmationS = 0.05; // as the key's range has it
 constexpr double packetsPerConfirmation = 2;
 constexpr double longestConfirmationS = 1;
 
@@ -32,10 +33,10 @@ constexpr double longestConfirmationS = 1;
 // those, so many are counted on.
 constexpr double windowPackets = 54;
 
-// Round trips that a window should hold at the least, in packets for each packet's time.
+// A round trip should be no more packets than this, or the window is too short for repeats.
 constexpr double packetsPerRoundTrip = 14;
 
-// Above this share of lost packets a larger one costs more than waiting for the window.
+// But above so many wrong bits in each packet the losses cost more than the window's waits.
 constexpr double mostNoisePerPacket = 0.3;
 
 // The resend interval in times of what may be unconfirmed: less, and with both ways busy
@@ -46,14 +47,16 @@ constexpr double cleanResendFactor = 1.25; // of the longest round trip there ca
 constexpr double leastQueue = 512;   // bytes: room for what a session says beside its data
 constexpr double leastToWrite = 512; // bytes: that a port's output does not run dry over one small packet
 
+// What may be unconfirmed beyond what a round trip takes.
 constexpr double leastSlackPackets = 5;
 constexpr double mostSlackPackets = 16;
 
-// Expected goodput: what the session's frames and opening leave, what confirmations in a
-// hurry and waiting behind data leave with both ways busy, and how many of a window's
-// packets stand for their worst; the last two fitted to the simulated line.
+// Expected goodput: what the session's frames and opening leave, what
+// confirmations that wait behind data leave with both ways busy, and how many of a
+// window's packets stand for their worst. Fitted to the simulated line.
 constexpr double sessionShare = 0.998;
 constexpr double bothWaysShare = 0.99;
+constexpr double bothWaysLoss = 0.3; // of the share of lost packets
 constexpr double packetsThatCount = 8;
 constexpr int mostLosses = 40;
 
@@ -100,7 +103,7 @@ double packetFor(const Line& line)
 {
     const double best = std::min(bestPacket(line.noise), std::max(smallPacket, longestPacketS * line.bytesPerS));
     // A window of few bytes would hold a fast or far line up at each loss.
-    const double confirmationS = std::max(0.05, packetsPerConfirmation * best / line.bytesPerS);
+    const double confirmationS = std::max(shortestConfirmationS, packetsPerConfirmation * best / line.bytesPerS);
     const double roundTrip = line.bytesPerS * (confirmationS + turnsS + 2 * line.delayS);
     const double forWindow = std::min(roundTrip / packetsPerRoundTrip, mostNoisePerPacket / line.noise);
     return std::round(std::min(std::max(best, forWindow), largestPacket));
@@ -140,7 +143,7 @@ LinkProfile recommendedProfile(const LineFacts& facts)
     const double packet = packetFor(line);
     const double packetS = packet / line.bytesPerS;
 
-    const double confirmationS = bounded(packetsPerConfirmation * packetS, 0.05, longestConfirmationS);
+    const double confirmationS = bounded(packetsPerConfirmation * packetS, shortestConfirmationS, longestConfirmationS);
     const double roundTripS = confirmationS + turnsS + 2 * line.delayS;
     const double roundTrip = roundTripS * line.bytesPerS;
 
@@ -181,7 +184,8 @@ Goodput expectedGoodput(const LineFacts& facts)
 
     Goodput goodput;
     goodput.oneWay = sessionShare * payload * arriving * moving / (1 + repeatedInVain);
-    goodput.bothWays = bothWaysShare * goodput.oneWay * (1 - confirmationBytes / (confirmed * onLine));
+    goodput.bothWays = (bothWaysShare - bothWaysLoss * (1 - arriving)) * goodput.oneWay
+        * std::max(0.0, 1 - confirmationBytes / (confirmed * onLine));
     return goodput;
 }
 

@@ -27,6 +27,11 @@ struct Case
     int seconds; // of a transfer without loss
 };
 
+void PrintTo(const Case& line, std::ostream* out)
+{
+    *out << line.rate << " bit/s, " << line.delayMs << " ms, " << line.bitErrorRate << (line.bothWays ? ", both ways" : ", one way");
+}
+
 void keepQuiet(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 class RecommendedSettings : public testing::TestWithParam<Case>
