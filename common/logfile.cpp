@@ -1,8 +1,13 @@
 #include "common/logfile.h"
 
+#include <cstdio>
+#include <ctime>
+
+#include <fcntl.h>
+
 #include <QCoreApplication>
 #include <QDate>
-#include <QTime>
+#include <QDateTime>
 
 #include "common/global.h"
 #include "common/qtmessages.h"
@@ -18,6 +23,14 @@ void LogTarget::find()
                                   Global::filterNotValidSymbols(Global::currentSystemUserName()),
                                   QDate::currentDate().toString(QStringLiteral("yyyy.MM.dd")));
     m_filePath = m_directory.absoluteFilePath(name);
+    m_encodedPath = QFile::encodeName(m_filePath);
+}
+
+bool openExistingLog(QFile& file, const QByteArray& encodedPath)
+{
+    const int descriptor = ::open(encodedPath.constData(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    // Appending is the descriptor's business: told of it, Qt would look for the end each time.
+    return descriptor >= 0 && file.open(descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle);
 }
 
 bool openLog(QFile& file)
@@ -38,7 +51,16 @@ bool createLogDirectory(const QDir& directory)
 
 QString logTimeStamp()
 {
-    return QTime::currentTime().toString(QStringLiteral("hh:mm:ss.zzz"));
+    constexpr qint64 msPerS = 1000;
+    const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
+    const std::time_t now = nowMs / msPerS;
+    // Not by way of QTime, which reads the time zone's file each time.
+    std::tm local;
+    localtime_r(&now, &local);
+    char text[64]; // room for numbers that no clock shows
+    std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
+                  static_cast<int>(nowMs % msPerS));
+    return QString::fromLatin1(text);
 }
 
 void reportLogWriteError(const QFile& file)

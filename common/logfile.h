@@ -16,12 +16,18 @@ public:
 
     const QDir& directory() const { return m_directory; }
     const QString& filePath() const { return m_filePath; }
+    const QByteArray& encodedPath() const { return m_encodedPath; } // of the same, for the system
 
 private:
     int m_secrecy = -1; // the level for which the paths were computed; -1: unknown
     QDir m_directory;
     QString m_filePath;
+    QByteArray m_encodedPath;
 };
+
+// The usual case, at the price of one look: opens the log if it is there, and says nothing if
+// it is not or does not open.
+bool openExistingLog(QFile& file, const QByteArray& encodedPath);
 
 // Opens the log for appending, unbuffered (a buffered file reports success on a full disk).
 // Reports a failure.

@@ -106,6 +106,7 @@ public:
     void write(const QStringList& parts);
 
 private:
+    bool open(QFile& file);
     bool makeDirectory();
     void beginFile(QFile& file);
     bool writeAll(QFile& file, const QByteArray& bytes);
@@ -128,22 +129,28 @@ LogWriter& logWriter()
 void LogWriter::write(const QStringList& parts)
 {
     m_target.find();
-    if (!makeDirectory()) {
-        m_target.forget();
-        return;
-    }
     QFile file(m_target.filePath());
-    const bool isNew = !file.exists();
-    if (!openLog(file)) {
+    if (!openExistingLog(file, m_target.encodedPath()) && !open(file)) {
         m_target.forget();
         return;
     }
-    if (isNew)
-        beginFile(file);
     for (const QString& part : parts) {
         if (!writeAll(file, part.isEmpty() ? QByteArrayLiteral("\n") : part.toUtf8()))
             m_target.forget();
     }
+}
+
+// With whatever is missing on the way to it.
+bool LogWriter::open(QFile& file)
+{
+    if (!makeDirectory())
+        return false;
+    const bool isNew = !file.exists();
+    if (!openLog(file))
+        return false;
+    if (isNew)
+        beginFile(file);
+    return true;
 }
 
 bool LogWriter::makeDirectory()
