@@ -18,7 +18,7 @@ from .programs import Setup
 from .runner import Runner, tell_on_stderr
 
 KINDS = ("line", "parts", "ports")
-SLOWEST_SHARE = 0.2  # a transfer slower than this counts as failed
+SLOWEST_SHARE = 0.15  # a transfer slower than this counts as failed
 
 
 def parse_arguments(words):
@@ -180,7 +180,8 @@ def main(words):
     (out / "report.html").write_text(report.page(result), encoding="utf-8")
     print_result(result)
     print(f"\nwritten: {out}/result.json, {out}/report.html")
-    failed = [run for run in result.get("line") or [] if run["program"] in cells.OURS and not run["ok"]]
+    # With default settings a line far from 56 to 115 kbit/s may well be too slow.
+    failed = [run for run in result.get("line") or [] if run["program"] == cells.OURS_PROFILE and not run["ok"]]
     for run in failed:
         print(f"error: {run['program']} failed at {run['rate']} bit/s, {run['delayMs']} ms, {run['ber']:g} ({run['traffic']}): {run['why']}", file=sys.stderr)
     return 1 if failed else 0
