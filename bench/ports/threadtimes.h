@@ -1,0 +1,15 @@
+// Processor time of single threads of this process.
+#pragma once
+
+#include <map>
+
+#include <QtGlobal>
+
+// By thread number, in ns.
+using ThreadTimes = std::map<int, qint64>;
+
+// Of every thread that runs now. Empty where the kernel does not tell.
+ThreadTimes threadTimesNs();
+
+// What the threads that are in now, but not in others, have used since then: then.
+qint64 usedNs(const ThreadTimes& then, const ThreadTimes& now, const ThreadTimes& others);
