@@ -68,6 +68,14 @@ class CellsTest(unittest.TestCase):
         self.assertEqual(waits[1], 1)
 
 
+class QuickTest(unittest.TestCase):
+    def test_the_quick_look_is_quick(self):
+        matrix = cells.quick_matrix()
+        self.assertLessEqual(len(matrix), 40)
+        # The line's time of all, as many side by side as two cores are given.
+        self.assertLess(sum(cell.seconds * cell.load() for cell in matrix) / 0.6, 60)
+
+
 class RunnerTest(unittest.TestCase):
     def test_less_lateness_is_tolerated_on_a_fast_line(self):
         limits = [runner.tolerated_lateness_ms(cells.Condition(cells.ONE_WAY, rate, 0, 0.0)) for rate in (9600, 115200, 921600)]

@@ -15,7 +15,7 @@ from . import cells, compare, report, summary
 from .machine import describe_machine, machine_lines
 from .processes import end_all
 from .programs import Setup
-from .runner import Runner, tell_on_stderr
+from .runner import ATTEMPTS, Runner, tell_on_stderr
 
 KINDS = ("line", "parts", "ports")
 SLOWEST_SHARE = 0.15  # a transfer slower than this counts as failed
@@ -57,7 +57,7 @@ def measure_line(arguments, machine, save):
     try:
         setup = Setup(arguments.build, arguments.uucp, directory, 0.25 if arguments.quick else SLOWEST_SHARE)
         setup.lay_out()
-        return Runner(setup, matrix, load, tell_on_stderr, save).run()
+        return Runner(setup, matrix, load, tell_on_stderr, save, 1 if arguments.quick else ATTEMPTS).run()
     finally:
         end_all()
         shutil.rmtree(directory, ignore_errors=True)
@@ -74,6 +74,13 @@ def built_program(arguments, name):
     return None
 
 
+def json_of(command):
+    done = subprocess.run(command, stdout=subprocess.PIPE)
+    if done.returncode != 0:
+        raise SystemExit(f"error: {Path(command[0]).name} ended with status {done.returncode}")
+    return json.loads(done.stdout)
+
+
 def measure_parts(arguments):
     program = built_program(arguments, "bench-parts")
     if program is None:
@@ -82,7 +89,7 @@ def measure_parts(arguments):
     if arguments.quick:
         command.append("--benchmark_min_time=0.05")
     tell_on_stderr("the parts")
-    return json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout)
+    return json_of(command)
 
 
 def measure_ports(arguments):
@@ -91,7 +98,7 @@ def measure_ports(arguments):
         return None
     command = [program] + (["--quick"] if arguments.quick else [])
     tell_on_stderr("the ports")
-    return json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout)
+    return json_of(command)
 
 
 def print_result(result):

@@ -48,8 +48,8 @@ def tolerated_lateness_ms(condition):
 class Runner:
     """save: called with the results so far after each cell, so that a broken run is not lost."""
 
-    def __init__(self, setup, matrix, load_limit, tell, save):
-        self.setup, self.load_limit, self.tell, self.save = setup, load_limit, tell, save
+    def __init__(self, setup, matrix, load_limit, tell, save, attempts=ATTEMPTS):
+        self.setup, self.load_limit, self.tell, self.save, self.attempts = setup, load_limit, tell, save, attempts
         # The longest first, so that none is left over at the end; whole cores are left to the fast ones.
         self.waiting = sorted(matrix, key=lambda cell: (-cell.seconds / (cell.condition.ber < 1e-4 or 0.3), cell.label()))
         self.total = len(matrix)
@@ -112,7 +112,7 @@ class Runner:
             lateness = self.watch.worst(begun, time.monotonic())
             paced = lateness <= tolerated_lateness_ms(cell.condition) and transfer is not None
             # A failure is a failure of the program only where the line kept its pace.
-            if paced or attempts == ATTEMPTS:
+            if paced or attempts == self.attempts:
                 return self._record(cell, transfer, problem, lateness, attempts)
 
     @staticmethod
