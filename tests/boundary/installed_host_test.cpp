@@ -81,7 +81,7 @@ TEST_F(InstalledHost, ProgramsRunWhereTheyAreInstalled)
 {
     ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("programs")));
     EXPECT_EQ(filesIn(prefix + QStringLiteral("/bin")),
-              (QStringList{QStringLiteral("phone-exchange"), QStringLiteral("transport-host")}));
+              (QStringList{QStringLiteral("phone-exchange"), QStringLiteral("transport-host"), QStringLiteral("transport-tune")}));
     EXPECT_FALSE(QDir(prefix).entryList({QStringLiteral("lib*")}, QDir::Dirs).isEmpty());
     for (const QString& program : filesIn(prefix + QStringLiteral("/bin"))) {
         const Outcome help = runProgram(prefix + QStringLiteral("/bin/") + program, {QStringLiteral("--help")});

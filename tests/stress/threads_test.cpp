@@ -306,7 +306,12 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
     QElapsedTimer timer;
     timer.start();
     std::atomic<bool> answered{true};
-    const bool endedEarly = waitFor([&] {
+    // A short run on a busy machine goes on until there was traffic to watch.
+    const auto wasBusy = [&] {
+        const testsupport::Account::Figures figures = bed.account.figures();
+        return figures.withPeer > 1 && figures.bytesReceived > 1000;
+    };
+    (void)waitFor([&] {
         host.at("waiting for the end");
         if (answered.exchange(false)) {
             bed.postToServer([&] {
@@ -314,9 +319,8 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
                 answered = true;
             });
         }
-        return HasFailure();
-    }, seconds * 1000);
-    EXPECT_FALSE(endedEarly);
+        return HasFailure() || (timer.elapsed() >= seconds * 1000 && wasBusy());
+    }, seconds * 1000 + recoveryMs);
     host.at("joining the threads");
     plans.windUp();
     endThreads();
