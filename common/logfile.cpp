@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <QCoreApplication>
 #include <QDate>
@@ -26,11 +27,18 @@ void LogTarget::find()
     m_encodedPath = QFile::encodeName(m_filePath);
 }
 
-bool openExistingLog(QFile& file, const QByteArray& encodedPath)
+// Appending is the descriptor's business: told of it, Qt would look for the end each time.
+ExistingLog::ExistingLog(QFile& file, const QByteArray& encodedPath)
+    : m_descriptor(::open(encodedPath.constData(), O_WRONLY | O_APPEND | O_CLOEXEC)),
+      m_isOpen(m_descriptor >= 0
+               && file.open(m_descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle))
 {
-    const int descriptor = ::open(encodedPath.constData(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    // Appending is the descriptor's business: told of it, Qt would look for the end each time.
-    return descriptor >= 0 && file.open(descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle);
+}
+
+ExistingLog::~ExistingLog()
+{
+    if (m_descriptor >= 0)
+        ::close(m_descriptor);
 }
 
 bool openLog(QFile& file)

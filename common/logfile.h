@@ -25,9 +25,22 @@ private:
     QByteArray m_encodedPath;
 };
 
-// The usual case, at the price of one look: opens the log if it is there, and says nothing if
-// it is not or does not open.
-bool openExistingLog(QFile& file, const QByteArray& encodedPath);
+// The usual case, at the price of one look: opens file, the log, if it is there, for as long as
+// this lives, and says nothing if it is not there or does not open.
+class ExistingLog
+{
+public:
+    ExistingLog(QFile& file, const QByteArray& encodedPath);
+    ~ExistingLog();
+    ExistingLog(const ExistingLog&) = delete;
+    ExistingLog& operator=(const ExistingLog&) = delete;
+
+    bool isOpen() const { return m_isOpen; }
+
+private:
+    const int m_descriptor;
+    const bool m_isOpen;
+};
 
 // Opens the log for appending, unbuffered (a buffered file reports success on a full disk).
 // Reports a failure.

@@ -130,7 +130,8 @@ void LogWriter::write(const QStringList& parts)
 {
     m_target.find();
     QFile file(m_target.filePath());
-    if (!openExistingLog(file, m_target.encodedPath()) && !open(file)) {
+    const ExistingLog log(file, m_target.encodedPath());
+    if (!log.isOpen() && !open(file)) {
         m_target.forget();
         return;
     }
