@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <QCryptographicHash>
+#include <QDirIterator>
 #include <QJsonDocument>
 
 #include <gtest/gtest.h>
@@ -271,6 +272,30 @@ TEST_F(InboxTest, TheListSurvivesTornLinesAndSettling)
     }
     const auto store = open();
     EXPECT_EQ(store->unsettled(bob), (QVector<quint64>{1, 3, 4}));
+}
+
+// As a crash between the two renames of a save leaves them.
+TEST_F(InboxTest, WhatStandsUnderItsBackupsNameIsPutBackAtTheStart)
+{
+    const OfferFrame offer = offerOf(7, QStringLiteral("f"), "0123456789");
+    {
+        const auto store = open();
+        receiveWhole(store.get(), bob, offerOf(1, QStringLiteral("f"), "x"), "x");
+        RefusedFrame refused;
+        EXPECT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
+    }
+    QStringList backups;
+    QDirIterator files(testsupport::installRoot(), {QStringLiteral(".message")}, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (files.hasNext())
+        backups.append(files.next());
+    ASSERT_FALSE(backups.isEmpty());
+    backups.append(paths.receivedList);
+    for (const QString& path : qAsConst(backups))
+        ASSERT_TRUE(QFile::rename(path, path + QStringLiteral(".old"))) << path.toStdString();
+    const auto store = open();
+    EXPECT_TRUE(store->isStored(1, sha256("x")));
+    ASSERT_EQ(store->parts(bob).size(), 1u);
+    EXPECT_EQ(store->parts(bob)[0]->length(), 6);
 }
 
 TEST_F(InboxTest, OldSettledEntriesGo)

@@ -252,6 +252,20 @@ TEST_F(Queue, KilledWhileQueueing)
     EXPECT_GT(whole, 0);
 }
 
+// As a crash between the two renames of a save leaves it.
+TEST_F(Queue, ATaskUnderItsBackupsNameIsPutBackAtTheStart)
+{
+    QueuedMessage message;
+    ASSERT_EQ(OutgoingQueue(paths.output, paths.tasks).enqueue(QStringLiteral("Боб"), source, &message), QString());
+    const QString task = paths.tasks.absoluteFilePath(QStringLiteral("00000001.task"));
+    ASSERT_TRUE(QFile::rename(task, task + QStringLiteral(".old")));
+    OutgoingQueue queue(paths.output, paths.tasks);
+    queue.cleanUp();
+    EXPECT_TRUE(QFile::exists(task));
+    ASSERT_EQ(queue.messages().size(), 1);
+    EXPECT_EQ(queue.messages().first().id, message.id);
+}
+
 TEST_F(Queue, OrphansGoOnlyWhenOld)
 {
     paths.output.mkpath(QStringLiteral("00000042"));
