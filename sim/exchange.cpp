@@ -1,7 +1,6 @@
 #include "sim/exchange.h"
 
 #include <algorithm>
-#include <ctime>
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -9,28 +8,14 @@
 
 #include <QFile>
 
+#include "sim/moments.h"
+
 namespace sim {
 
 namespace {
 
-constexpr qint64 sliceNs = nsPerMs;       // no shorter sleep while bytes flow
 constexpr qint64 backlogNs = 2 * nsPerMs; // between tries at a program that does not read
 constexpr qint64 watchNs = 5 * nsPerMs;   // between looks at DTR, of which nothing wakes us
-
-qint64 clockNs()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<qint64>(now.tv_sec) * nsPerSecond + now.tv_nsec;
-}
-
-// The earlier of two moments, of which -1 is none.
-qint64 earlier(qint64 first, qint64 second)
-{
-    if (first < 0 || second < 0)
-        return std::max(first, second);
-    return std::min(first, second);
-}
 
 QString noModem(int modem)
 {
@@ -448,7 +433,7 @@ void Exchange::waitForWork(qint64 now, qint64 wakeNs)
             m_polled.push_back({modem->endpoint.masterFd(), POLLIN, 0});
     }
     const qint64 waitNs = std::max<qint64>(wakeNs - std::max(nowNs(), now), 0);
-    const timespec timeout{static_cast<time_t>(waitNs / nsPerSecond), static_cast<long>(waitNs % nsPerSecond)};
+    const timespec timeout = toTimespec(waitNs);
     if (ppoll(m_polled.data(), m_polled.size(), &timeout, nullptr) > 0 && m_polled[0].revents != 0) {
         quint64 count;
         const ssize_t got = ::read(m_wakeFd, &count, sizeof(count));

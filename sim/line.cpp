@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
+#include "sim/moments.h"
+
 namespace sim {
 
 namespace {
 
 constexpr qint64 bitsPerByte = 10;
-constexpr qint64 nsPerSecond = 1000000000;
-constexpr qint64 nsPerMs = 1000000;
 
 // Neighbouring seeds must not give related noise (the finalizer of splitmix64).
 quint64 mixed(quint64 value)

@@ -3,15 +3,13 @@
 #include <cstdio>
 #include <mutex>
 
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <QDir>
 #include <QSaveFile>
 
 #include "sim/controlserver.h"
 #include "sim/linetable.h"
 #include "sim/programoptions.h"
+#include "sim/stopsignals.h"
 
 using namespace sim;
 
@@ -72,17 +70,6 @@ bool addModems(Exchange& exchange, const ProgramOptions& options, QByteArray* li
     return true;
 }
 
-// Ends and hang-ups of the terminal are taken from here, not by a handler.
-int signalDescriptor()
-{
-    sigset_t signalsToEnd;
-    sigemptyset(&signalsToEnd);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&signalsToEnd, number);
-    sigprocmask(SIG_BLOCK, &signalsToEnd, nullptr);
-    return signalfd(-1, &signalsToEnd, SFD_CLOEXEC);
-}
-
 void printStatistics(const QVector<CallStatistics>& calls)
 {
     for (const CallStatistics& call : calls)
@@ -94,7 +81,7 @@ int runExchange(const ProgramOptions& options)
 {
     QString error;
     signal(SIGPIPE, SIG_IGN);
-    const int stopFd = signalDescriptor();
+    const int stopFd = stopSignalDescriptor();
     if (!options.linkDir.isEmpty() && !QDir().mkpath(options.linkDir))
         return complain(
             QStringLiteral("cannot make the directory %1; give another with --link-dir").arg(options.linkDir),

@@ -12,12 +12,10 @@
 #include <QtGlobal>
 
 #include "sim/dialstring.h"
+#include "sim/moments.h"
 #include "sim/resultcodes.h"
 
 namespace sim {
-
-constexpr qint64 nsPerMs = 1000000;
-constexpr qint64 nsPerSecond = 1000 * nsPerMs;
 
 // What a modem asks of its surroundings.
 class ModemHost

@@ -2,13 +2,6 @@
 
 namespace sim {
 
-namespace {
-
-// What a modem keeps for a program that does not read; the rest is overrun.
-constexpr int largestBacklog = 65536;
-
-} // namespace
-
 VirtualModem::VirtualModem(int modemIndex, const ModemSettings& modemSettings, Trace trace)
     : index(modemIndex), settings(modemSettings), endpoint(modemSettings.linkPath),
       modem(this, modemSettings.number, modemSettings.ringStyle), m_trace(std::move(trace))
@@ -53,12 +46,7 @@ QByteArray VirtualModem::takeData(qint64 room, qint64 nowNs)
 
 bool VirtualModem::flush()
 {
-    if (!m_toProgram.isEmpty()) {
-        const qint64 sent = endpoint.write(m_toProgram);
-        if (sent > 0)
-            m_toProgram.remove(0, static_cast<int>(sent));
-    }
-    return !m_toProgram.isEmpty();
+    return m_toProgram.flush(endpoint);
 }
 
 qint64 VirtualModem::takeOverrun()
@@ -97,9 +85,7 @@ void VirtualModem::toProgram(const QByteArray& bytes)
 {
     if (!responds())
         return;
-    const int place = largestBacklog - m_toProgram.size();
-    m_toProgram += bytes.left(place);
-    m_overrun += qMax(bytes.size() - place, 0);
+    m_overrun += m_toProgram.add(bytes);
     flush();
 }
 

@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 
+#include "sim/backlog.h"
 #include "sim/modem.h"
 #include "sim/ptyendpoint.h"
 
@@ -91,7 +92,7 @@ private:
     bool m_ringing = false;
     bool m_dtr = false;
     unsigned m_dtrDrops = 0;
-    QByteArray m_toProgram;
+    Backlog m_toProgram;
     QByteArray m_toLine;
     qint64 m_overrun = 0;
 };

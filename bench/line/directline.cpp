@@ -1,34 +1,17 @@
 #include "bench/line/directline.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <ctime>
 
 #include <poll.h>
 
+#include "sim/moments.h"
+
 namespace benchline {
 
-namespace {
-
-constexpr qint64 nsPerSecond = 1000000000;
-constexpr qint64 sliceNs = 1000000;      // no shorter sleep while bytes flow, as in the exchange
-constexpr int mostUndelivered = 64 * 1024; // for a program that does not read, as in the exchange
-
-qint64 clockNs()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<qint64>(now.tv_sec) * nsPerSecond + now.tv_nsec;
-}
-
-qint64 earlier(qint64 a, qint64 b)
-{
-    if (a < 0 || b < 0)
-        return std::max(a, b);
-    return std::min(a, b);
-}
-
-} // namespace
+using sim::clockNs;
+using sim::earlier;
+using sim::nsPerSecond;
+using sim::sliceNs;
 
 DirectLine::DirectLine(const sim::LineSettings& settings, int depthBytes) : m_line(settings, 1, false, clockNs())
 {
@@ -66,7 +49,7 @@ qint64 DirectLine::step(qint64 nowNs)
         wakeNs = earlier(wakeNs, way.nextDeliveryNs());
         if (!way.isIdle())
             wakeNs = earlier(wakeNs, way.nextRoomNs());
-        if (!m_ends[1 - from].undelivered.isEmpty())
+        if (!m_ends[1 - from].backlog.isEmpty())
             wakeNs = earlier(wakeNs, nowNs + sliceNs);
     }
     return wakeNs < 0 ? -1 : std::max(wakeNs, nowNs + sliceNs);
@@ -81,21 +64,14 @@ void DirectLine::carry(End& from, sim::LineDirection& way, qint64 nowNs)
     if (room <= 0)
         return;
     const QByteArray bytes = from.endpoint.read(room);
-    from.bytesRead += bytes.size();
     way.carry(bytes, from.endpoint.hasInput(), nowNs);
 }
 
 void DirectLine::deliver(End& to, sim::LineDirection& way, qint64 nowNs)
 {
-    to.undelivered += way.deliver(nowNs);
-    if (to.undelivered.isEmpty())
-        return;
-    const qint64 taken = to.endpoint.write(to.undelivered);
-    to.undelivered.remove(0, static_cast<int>(std::max<qint64>(taken, 0)));
-    if (to.undelivered.size() > mostUndelivered) {
-        way.countLost(to.undelivered.size() - mostUndelivered);
-        to.undelivered.truncate(mostUndelivered);
-    }
+    to.backlog.flush(to.endpoint);
+    way.countLost(to.backlog.add(way.deliver(nowNs)));
+    to.backlog.flush(to.endpoint);
 }
 
 // True once the end is asked for.
@@ -108,7 +84,7 @@ bool DirectLine::wait(int stopFd, qint64 nowNs, qint64 wakeNs)
             polled[1 + side].fd = m_ends[side].endpoint.masterFd();
     }
     const qint64 waitNs = std::max<qint64>(wakeNs - std::max(clockNs(), nowNs), 0);
-    const timespec timeout{static_cast<time_t>(waitNs / nsPerSecond), static_cast<long>(waitNs % nsPerSecond)};
+    const timespec timeout = sim::toTimespec(waitNs);
     const int ready = ppoll(polled, 3, wakeNs < 0 ? nullptr : &timeout, nullptr);
     if (ready == 0) {
         const qint64 latenessNs = std::max<qint64>(clockNs() - wakeNs, 0);

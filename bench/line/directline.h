@@ -7,6 +7,7 @@
 #include <QJsonObject>
 #include <QString>
 
+#include "sim/backlog.h"
 #include "sim/line.h"
 #include "sim/ptyendpoint.h"
 
@@ -31,8 +32,7 @@ public:
 private:
     struct End {
         sim::PtyEndpoint endpoint;
-        QByteArray undelivered; // what its program has not taken yet
-        qint64 bytesRead = 0;
+        sim::Backlog backlog; // what its program has not taken yet
         qint64 mostWaiting = 0; // of its program's bytes, in the driver
     };
 

@@ -1,9 +1,5 @@
 // bench-line: a connected line between two ports, for programs that are measured on it.
-#include <csignal>
 #include <cstdio>
-
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <QFile>
 #include <QJsonArray>
@@ -13,6 +9,7 @@
 #include "bench/line/directline.h"
 #include "bench/line/latenesswatch.h"
 #include "sim/linetable.h"
+#include "sim/stopsignals.h"
 
 namespace {
 
@@ -44,19 +41,9 @@ void print(const QJsonObject& object)
     fflush(stdout);
 }
 
-int signalDescriptor()
-{
-    sigset_t signalsToEnd;
-    sigemptyset(&signalsToEnd);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&signalsToEnd, number);
-    sigprocmask(SIG_BLOCK, &signalsToEnd, nullptr);
-    return signalfd(-1, &signalsToEnd, SFD_CLOEXEC);
-}
-
 int runLine(const sim::LineSettings& settings, int depthBytes)
 {
-    const int stopFd = signalDescriptor();
+    const int stopFd = sim::stopSignalDescriptor();
     benchline::DirectLine line(settings, depthBytes);
     if (!line.problem().isEmpty())
         return complain(line.problem(), CannotRun);
