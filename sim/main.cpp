@@ -82,6 +82,8 @@ int runExchange(const ProgramOptions& options)
     QString error;
     signal(SIGPIPE, SIG_IGN);
     const int stopFd = stopSignalDescriptor();
+    if (stopFd < 0)
+        return complain(QStringLiteral("no descriptor for signals: ") + qt_error_string(), CannotRun);
     if (!options.linkDir.isEmpty() && !QDir().mkpath(options.linkDir))
         return complain(
             QStringLiteral("cannot make the directory %1; give another with --link-dir").arg(options.linkDir),

@@ -44,6 +44,8 @@ void print(const QJsonObject& object)
 int runLine(const sim::LineSettings& settings, int depthBytes)
 {
     const int stopFd = sim::stopSignalDescriptor();
+    if (stopFd < 0)
+        return complain(QStringLiteral("no descriptor for signals: ") + qt_error_string(), CannotRun);
     benchline::DirectLine line(settings, depthBytes);
     if (!line.problem().isEmpty())
         return complain(line.problem(), CannotRun);
