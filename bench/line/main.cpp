@@ -15,6 +15,8 @@ namespace {
 
 enum ExitStatus { Ended = 0, CannotRun = 1, BadOptions = 2 };
 
+constexpr int mostDepthBytes = 65536; // more than a pty holds would never be reached
+
 constexpr char help[] =
     "Usage: bench-line --table FILE [--line KEY=VALUE,...] [--depth BYTES]\n"
     "       bench-line --watch\n"
@@ -23,8 +25,9 @@ constexpr char help[] =
     "another. Programs on the ports need libptylines.so and PTYLINES_TABLE=FILE.\n"
     "\n"
     "  --table FILE   the table of modem lines; made if missing\n"
-    "  --line TEXT    as rate=115200,delay=100,ber=1e-5,seed=7 (33600 bit/s without noise)\n"
-    "  --depth BYTES  what a program may have outstanding in its driver (4096)\n"
+    "  --line TEXT    as rate=115200,delay=100,ber=1e-5,seed=7 (33600 bit/s without noise);\n"
+    "                 keys as for a line of phone-exchange, except those that drop a call\n"
+    "  --depth BYTES  what a program may have outstanding in its driver, 1 to 65536 (4096)\n"
     "  --watch        no line: tell, until standard input ends, when a process that sleeps\n"
     "                 was woken late: seconds of the monotonic clock, milliseconds\n"
     "Exit status: 0 ended as told, 1 it cannot run, 2 an option is wrong.\n";
@@ -35,10 +38,9 @@ int complain(const QString& problem, ExitStatus status)
     return status;
 }
 
-void print(const QJsonObject& object)
+bool print(const QJsonObject& object)
 {
-    printf("%s\n", QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
-    fflush(stdout);
+    return printf("%s\n", QJsonDocument(object).toJson(QJsonDocument::Compact).constData()) > 0 && fflush(stdout) == 0;
 }
 
 int runLine(const sim::LineSettings& settings, int depthBytes)
@@ -49,10 +51,12 @@ int runLine(const sim::LineSettings& settings, int depthBytes)
     benchline::DirectLine line(settings, depthBytes);
     if (!line.problem().isEmpty())
         return complain(line.problem(), CannotRun);
-    print({{QStringLiteral("ports"), QJsonArray{line.portPath(0), line.portPath(1)}}});
+    if (!print({{QStringLiteral("ports"), QJsonArray{line.portPath(0), line.portPath(1)}}}))
+        return complain(QStringLiteral("cannot print the ports: ") + qt_error_string(), CannotRun);
     if (!line.run(stopFd))
         return complain(QStringLiteral("a port failed"), CannotRun);
-    print(line.statistics());
+    if (!print(line.statistics()))
+        return complain(QStringLiteral("cannot print what was carried: ") + qt_error_string(), CannotRun);
     return Ended;
 }
 
@@ -83,14 +87,18 @@ int main(int argc, char* argv[])
             table = value;
         } else if (option == QLatin1String("--line")) {
             good = settings.change(value, &error);
+            if (good && (settings.dropAfterSeconds > 0 || settings.dropAfterBytes > 0)) {
+                good = false;
+                error = QStringLiteral("there is no call here that could drop");
+            }
         } else if (option == QLatin1String("--depth")) {
             depthBytes = value.toInt(&good);
-            good = good && depthBytes > 0;
+            good = good && depthBytes > 0 && depthBytes <= mostDepthBytes;
         } else {
             return complain(QStringLiteral("%1: unknown; see --help").arg(option), BadOptions);
         }
         if (!good)
-            return complain(option + QStringLiteral(": ") + (error.isEmpty() ? QStringLiteral("a number of bytes above 0") : error), BadOptions);
+            return complain(option + QStringLiteral(": ") + (error.isEmpty() ? QStringLiteral("a number of bytes from 1 to 65536") : error), BadOptions);
     }
     if (table.isEmpty())
         return complain(QStringLiteral("--table FILE is needed"), BadOptions);
