@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/soak/linkrun.h"
-
 namespace soak {
 
 // A serial port keeps what comes while a channel writes in pieces of 32 KiB each, however

@@ -4,14 +4,10 @@
 #include <deque>
 #include <memory>
 
-#include <QCoreApplication>
-#include <QSerialPort>
-
-#include "com/ccomchannel.h"
-#include "com/ccomsettings.h"
 #include "plugin/cabstractchannelsstate.h"
-#include "tests/soak/checks.h"
-#include "tests/soak/plainpeer.h"
+#include "tests/soak/scenarioend.h"
+#include "tests/soak/scenariorun.h"
+#include "tests/soak/turns.h"
 #include "tests/soak/wire.h"
 
 namespace soak {
@@ -19,7 +15,6 @@ namespace soak {
 namespace {
 
 constexpr std::int64_t heartbeatNs = nsPerS;
-constexpr std::int64_t memoryCheckNs = 60 * nsPerS;
 constexpr int numbers = 256;
 
 // What a header that only looks like one makes a receiver wait for.
@@ -129,38 +124,25 @@ private:
     Stream* m_receiving; // not owned
 };
 
-// One end: the port, the channel, and a host that reads and writes as its settings say.
-class End
+// One end, with a host that reads and writes as its settings say.
+class End : public ScenarioEnd
 {
 public:
     End(int end, const Scenario& scenario, Stream* sending, Stream* receiving, Checks* checks)
-        : m_scenario(scenario), m_settings(scenario.ends[end]), m_plainPeer(scenario.plainPeer[end]),
-          m_state(sending, receiving), m_sending(sending),
-          m_receiving(receiving), m_checks(checks), m_rng(scenario.seed * 16 + static_cast<std::uint64_t>(end) + 5)
+        : ScenarioEnd(end, scenario, 5, checks), m_state(sending, receiving), m_channel(makeChannel(&m_state)),
+          m_sending(sending), m_receiving(receiving)
     {
-        m_port.setPortName(QString::fromStdString(Line::path(end)));
-        if (!m_port.open(QIODevice::ReadWrite))
-            checks->violation("the port does not open: " + m_port.errorString().toStdString());
-        if (m_plainPeer) {
-            const ChannelSettings& c = scenario.channel;
-            m_channel = std::make_unique<PlainPeer>(&m_port, &m_state, end,
-                                                    PlainPeerSettings{c.packetSize, c.maxBytesToWrite, c.maxBytesInQueue,
-                                                                      c.resendIntervalMs, c.confirmationIntervalMs});
-        } else {
-            m_channel = std::make_unique<CComChannel>(&m_port, &m_state, end);
-        }
     }
 
-    std::int64_t nextTurnNs() const { return m_nextTurnNs; }
     void stopBulk() { m_bulkOver = true; }
     // Nothing is read any more: what the port keeps for what came (see mostMemoryBytes) goes.
     void dropInput() { m_port.clear(QSerialPort::Input); }
 
     void turn()
     {
-        if (m_settings.runsEvents)
-            QCoreApplication::processEvents();
-        readAll();
+        runEvents();
+        // Nothing holds a peer back but this: what a host leaves in the channel piles up.
+        readAll(*m_channel, m_settings.readSize, [this](const QByteArray& bytes) { m_receiving->delivered(bytes); });
         m_checks->note(static_cast<std::uint64_t>(nowNs()));
         m_checks->note(m_receiving->delivered());
         if (!m_bulkOver)
@@ -169,22 +151,10 @@ public:
             write(static_cast<int>(std::min<std::int64_t>(m_rng.between(1, 24), m_scenario.channel.packetSize)));
             m_nextHeartbeatNs = nowNs() + heartbeatNs;
         }
-        const int waitMs = m_rng.chance(m_settings.pauseChance) ? static_cast<int>(m_rng.between(0, m_settings.pauseMs))
-                                                                : m_settings.periodMs;
-        m_nextTurnNs = nowNs() + waitMs * nsPerMs;
+        scheduleTurn();
     }
 
 private:
-    // Nothing holds a peer back but this: what a host leaves in the channel piles up.
-    void readAll()
-    {
-        for (bool isMore = true; isMore;) {
-            const QByteArray bytes = m_channel->read(m_settings.readSize);
-            m_receiving->delivered(bytes);
-            isMore = bytes.size() == m_settings.readSize;
-        }
-    }
-
     void write(int size)
     {
         const std::string bytes = makeContent(m_settings.content, static_cast<std::size_t>(size), m_rng);
@@ -200,7 +170,7 @@ private:
                 return;
             // With settings that make blocks smaller than what is offered, one write can
             // queue more packets than a peer without our limits can tell apart.
-            if (m_plainPeer)
+            if (m_scenario.plainPeer[m_end])
                 most = std::min(most, blockSize(m_scenario.channel));
             switch (m_settings.writing) {
             case Writing::Bulk:
@@ -225,44 +195,24 @@ private:
         }
     }
 
-    const Scenario& m_scenario;
-    const EndSettings& m_settings;
-    bool m_plainPeer;
     TrafficState m_state;
-    QSerialPort m_port;
     std::unique_ptr<CChannel> m_channel;
     Stream* m_sending;   // not owned
     Stream* m_receiving; // not owned
-    Checks* m_checks;    // not owned
-    Rng m_rng;
     bool m_bulkOver = false;
-    std::int64_t m_nextTurnNs = 0;
     std::int64_t m_nextHeartbeatNs = 0;
 };
 
-class LinkRun : private Line::Listener
+class LinkRun : public ScenarioRun, private Line::Listener
 {
 public:
     explicit LinkRun(const Scenario& scenario)
-        : m_scenario(scenario), m_line(scenario.line, scenario.seed),
+        : ScenarioRun(scenario),
           m_streams{Stream(blockSize(scenario.channel), &m_checks), Stream(blockSize(scenario.channel), &m_checks)},
           m_ends{End(0, scenario, &m_streams[0], &m_streams[1], &m_checks),
                  End(1, scenario, &m_streams[1], &m_streams[0], &m_checks)}
     {
         m_line.setListener(this);
-    }
-
-    RunResult run()
-    {
-        for (const Phase& phase : m_scenario.phases) {
-            startPhase(phase);
-            const std::int64_t end = nowNs() + phase.durationNs;
-            while (nowNs() < end && !m_checks.failed())
-                step();
-        }
-        startPhase(Phase());
-        finish();
-        return result();
     }
 
 private:
@@ -277,28 +227,16 @@ private:
         }
     }
 
-    void startPhase(const Phase& phase)
+    void step() override
     {
-        stepWallClock(phase.wallStepMs);
-        for (int end = 0; end < 2; ++end)
-            m_line.setFaults(end, phase.faults[end]);
-    }
-
-    void step()
-    {
-        End& end = m_ends[0].nextTurnNs() <= m_ends[1].nextTurnNs() ? m_ends[0] : m_ends[1];
-        sleepUntilNs(end.nextTurnNs());
-        end.turn();
+        awaitNextTurn(m_ends).turn();
         for (Stream& stream : m_streams)
             stream.check();
-        if (nowNs() >= m_nextMemoryCheckNs) {
-            m_checks.checkMemory(mostMemoryBytes);
-            m_nextMemoryCheckNs = nowNs() + memoryCheckNs;
-        }
+        watchMemory();
     }
 
     // Nothing goes wrong any more: what was sent must arrive, and be known to have.
-    void finish()
+    void finish() override
     {
         // Some more of the usual first: a stream that has lost its way shows it then.
         const std::int64_t usualUntil = nowNs() + usualStandstillNs() / 4;
@@ -366,28 +304,16 @@ private:
         return usualStandstillNs() + repeats * (m_scenario.channel.resendIntervalMs + 300) * nsPerMs;
     }
 
-    RunResult result()
+    void complete(RunResult* result) const override
     {
-        RunResult result;
-        result.violations = m_checks.violations();
-        result.virtualNs = nowNs();
-        for (int end = 0; end < 2; ++end) {
-            result.bytesDelivered += m_streams[end].delivered();
-            result.bytesCarried += m_line.from(end).bytesCarried();
-            result.faults += m_line.from(end).faultsMade();
-        }
-        result.longestStandstillNs = m_longestStandstillNs;
-        result.digest = m_checks.digest();
-        return result;
+        for (const Stream& stream : m_streams)
+            result->bytesDelivered += stream.delivered();
+        result->longestStandstillNs = m_longestStandstillNs;
     }
 
-    const Scenario& m_scenario;
-    Checks m_checks;
-    Line m_line;
     std::array<Stream, 2> m_streams;
     std::array<End, 2> m_ends;
     std::array<PacketCutter, 2> m_cutters;
-    std::int64_t m_nextMemoryCheckNs = 0;
     std::int64_t m_longestStandstillNs = 0;
 };
 
@@ -395,9 +321,6 @@ private:
 
 RunResult runLink(const Scenario& scenario)
 {
-    ChannelComSettings settings;
-    settings.packetSize = scenario.channel.packetSize;
-    setCurrentComSettings(settings);
     LinkRun run(scenario);
     return run.run();
 }

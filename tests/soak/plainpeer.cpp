@@ -24,7 +24,7 @@ bool standsBefore(std::uint8_t a, std::uint8_t b)
 
 } // namespace
 
-PlainPeer::PlainPeer(QSerialPort* port, CAbstractChannelsState* state, int index, const PlainPeerSettings& settings)
+PlainPeer::PlainPeer(QSerialPort* port, CAbstractChannelsState* state, int index, const ChannelSettings& settings)
     : m_port(port), m_state(state), m_index(index), m_settings(settings), m_lastConfirmationNs(nowNs())
 {
     type = 2;

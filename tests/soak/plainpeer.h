@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "plugin/cchannel.h"
+#include "tests/soak/channelsettings.h"
 #include "tests/soak/wire.h"
 
 class CAbstractChannelsState;
@@ -18,20 +19,11 @@ class QSerialPort;
 
 namespace soak {
 
-struct PlainPeerSettings
-{
-    int packetSize = 1024;
-    int maxBytesToWrite = 1024;
-    int maxBytesInQueue = 10240;
-    int resendIntervalMs = 2000;
-    int confirmationIntervalMs = 500;
-};
-
 class PlainPeer : public CChannel
 {
 public:
     // Neither pointer is owned.
-    PlainPeer(QSerialPort* port, CAbstractChannelsState* state, int index, const PlainPeerSettings& settings);
+    PlainPeer(QSerialPort* port, CAbstractChannelsState* state, int index, const ChannelSettings& settings);
 
     void disconnectFromAbonent() override;
     bool isConnected() override;
@@ -58,7 +50,7 @@ private:
     QSerialPort* m_port;
     CAbstractChannelsState* m_state;
     int m_index;
-    PlainPeerSettings m_settings;
+    ChannelSettings m_settings;
     bool m_connected = true;
     std::string m_received;
     PacketCutter m_cutter;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/soak/channelsettings.h"
 #include "tests/soak/line.h"
 
 namespace soak {
@@ -21,15 +22,6 @@ enum class Kind {
 
 constexpr std::array<Kind, 4> allKinds = {Kind::Link, Kind::LinkToPlain, Kind::Session, Kind::SessionToPlain};
 const char* kindName(Kind kind);
-
-struct ChannelSettings
-{
-    int packetSize = 1024;
-    int maxBytesToWrite = 1024;
-    int maxBytesInQueue = 10240;
-    int resendIntervalMs = 2000;
-    int confirmationIntervalMs = 500;
-};
 
 enum class Content { Random, Zeros, StartSymbols, Escapes, Headers, Packets };
 enum class Writing { Bulk, Blocks, Small, Mixed, Chat, Quiet };

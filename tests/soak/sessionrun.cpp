@@ -4,16 +4,12 @@
 #include <map>
 #include <memory>
 
-#include <QCoreApplication>
-#include <QSerialPort>
-
-#include "com/ccomchannel.h"
-#include "com/ccomsettings.h"
 #include "host/session.h"
-#include "plugin/cabstractchannelsstate.h"
 #include "tests/host/memorystore.h"
-#include "tests/soak/checks.h"
-#include "tests/soak/plainpeer.h"
+#include "tests/soak/scenarioend.h"
+#include "tests/soak/scenariorun.h"
+#include "tests/soak/turns.h"
+#include "tests/support/silentstate.h"
 
 namespace soak {
 
@@ -21,37 +17,22 @@ namespace {
 
 constexpr std::int64_t hangUpNs = 3 * nsPerS; // from the end of a session to the next call
 constexpr std::int64_t longestPauseNs = 30 * nsPerS;
-constexpr std::int64_t memoryCheckNs = 60 * nsPerS;
 
 qint64 steadyMs()
 {
     return nowNs() / nsPerMs;
 }
 
-class SilentState : public CAbstractChannelsState
-{
-public:
-    int addChannel(int, const QString&, const QString&) override { return 0; }
-    void removeChannel(int) override {}
-    void setState(int, const QString&) override {}
-    void addReceivedBytes(int, int) override {}
-    void addSentBytes(int, int) override {}
-};
-
 // All files of a run, as they were when they were queued.
 using Originals = std::map<quint64, QByteArray>;
 
-// One installation: its messages, its port, and the session of the call at hand.
-class Site
+// One installation: its messages, and the session of the call at hand.
+class Site : public ScenarioEnd
 {
 public:
     Site(int end, const Scenario& scenario, const Originals* originals, Checks* checks)
-        : m_end(end), m_scenario(scenario), m_settings(scenario.ends[end]), m_originals(originals), m_checks(checks),
-          m_rng(scenario.seed * 16 + static_cast<std::uint64_t>(end) + 7)
+        : ScenarioEnd(end, scenario, 7, checks), m_originals(originals)
     {
-        m_port.setPortName(QString::fromStdString(Line::path(end)));
-        if (!m_port.open(QIODevice::ReadWrite))
-            checks->violation("the port does not open: " + m_port.errorString().toStdString());
     }
 
     hosttest::MemoryStore store;
@@ -61,20 +42,13 @@ public:
     void beginCall()
     {
         m_port.clear();
-        if (m_scenario.plainPeer[m_end]) {
-            const ChannelSettings& c = m_scenario.channel;
-            m_channel = std::make_unique<PlainPeer>(&m_port, &m_state, m_end,
-                                                    PlainPeerSettings{c.packetSize, c.maxBytesToWrite, c.maxBytesInQueue,
-                                                                      c.resendIntervalMs, c.confirmationIntervalMs});
-        } else {
-            m_channel = std::make_unique<CComChannel>(&m_port, &m_state, m_end);
-        }
+        m_channel = makeChannel(&m_state);
         host::SessionSettings settings;
         settings.abonentName = QString::number(m_end);
         settings.installationId = QByteArray(host::installationIdBytes, static_cast<char>(m_end + 1));
         m_session = std::make_unique<host::Session>(
             settings, &store, [this](const host::SessionEvent& event) { onEvent(event); }, steadyMs());
-        m_nextTurnNs = nowNs();
+        beginTurnsNow();
     }
 
     void endCall()
@@ -86,19 +60,15 @@ public:
     }
 
     bool isInCall() const { return m_session && !m_session->isFinished(); }
-    std::int64_t nextTurnNs() const { return m_nextTurnNs; }
 
     void turn()
     {
-        if (m_settings.runsEvents)
-            QCoreApplication::processEvents();
-        for (bool isMore = true; isMore;) {
-            const QByteArray bytes = m_channel->read(m_settings.readSize);
+        runEvents();
+        readAll(*m_channel, m_settings.readSize, [this](const QByteArray& bytes) {
             m_checks->note(static_cast<std::uint64_t>(nowNs()));
             m_checks->note(bytes.constData(), static_cast<std::size_t>(bytes.size()));
             m_session->receive(bytes, steadyMs());
-            isMore = bytes.size() == m_settings.readSize;
-        }
+        });
         m_session->advance(steadyMs());
         const int block = blockSize(m_scenario.channel);
         for (int most = m_channel->idealBlockSize(); most > 0; most = m_channel->idealBlockSize()) {
@@ -109,9 +79,7 @@ public:
         }
         if (!m_channel->isConnected())
             m_session->connectionLost();
-        const int waitMs = m_rng.chance(m_settings.pauseChance) ? static_cast<int>(m_rng.between(0, m_settings.pauseMs))
-                                                                : m_settings.periodMs;
-        m_nextTurnNs = nowNs() + waitMs * nsPerMs;
+        scheduleTurn();
     }
 
     // Nothing arrived that was not sent, nothing twice.
@@ -152,27 +120,20 @@ private:
             m_checks->violation("reported delivered, but the other side does not have it: " + event.fileName.toStdString());
     }
 
-    int m_end;
-    const Scenario& m_scenario;
-    const EndSettings& m_settings;
     const Originals* m_originals; // not owned
     const Site* m_other = nullptr; // not owned
-    Checks* m_checks;             // not owned
-    Rng m_rng;
-    SilentState m_state;
-    QSerialPort m_port;
+    testsupport::SilentState m_state;
     std::unique_ptr<CChannel> m_channel;
     std::unique_ptr<host::Session> m_session;
-    std::int64_t m_nextTurnNs = 0;
     std::size_t m_inboxChecked = 0;
     std::map<quint64, int> m_timesStored;
 };
 
-class SessionRun
+class SessionRun : public ScenarioRun
 {
 public:
     explicit SessionRun(const Scenario& scenario)
-        : m_scenario(scenario), m_line(scenario.line, scenario.seed),
+        : ScenarioRun(scenario),
           m_sites{Site(0, scenario, &m_originals, &m_checks), Site(1, scenario, &m_originals, &m_checks)},
           m_rng(scenario.seed * 16 + 11)
     {
@@ -180,26 +141,11 @@ public:
         m_sites[1].setOther(&m_sites[0]);
     }
 
-    RunResult run()
-    {
-        for (const Phase& phase : m_scenario.phases) {
-            startPhase(phase);
-            const std::int64_t end = nowNs() + phase.durationNs;
-            while (nowNs() < end && !m_checks.failed())
-                step();
-        }
-        startPhase(Phase());
-        finish();
-        return result();
-    }
-
 private:
-    void startPhase(const Phase& phase)
+    void beginPhase(const Phase& phase) override
     {
-        stepWallClock(phase.wallStepMs);
         m_longestCallNs = phase.longestCallNs;
         for (int end = 0; end < 2; ++end) {
-            m_line.setFaults(end, phase.faults[end]);
             for (const int size : phase.fileSizes[end])
                 queueFile(end, size);
         }
@@ -215,22 +161,18 @@ private:
 
     bool isInCall() const { return m_sites[0].isInCall() && m_sites[1].isInCall(); }
 
-    void step()
+    void step() override
     {
         if (!m_calling) {
             sleepUntilNs(m_nextCallNs);
             beginCall();
         }
-        Site& site = m_sites[0].nextTurnNs() <= m_sites[1].nextTurnNs() ? m_sites[0] : m_sites[1];
-        sleepUntilNs(site.nextTurnNs());
+        Site& site = awaitNextTurn(m_sites);
         site.turn();
         site.checkInbox();
         if (nowNs() - m_callBeganNs > m_longestCallNs || !isInCall())
             endCall();
-        if (nowNs() >= m_nextMemoryCheckNs) {
-            m_checks.checkMemory(mostMemoryBytes);
-            m_nextMemoryCheckNs = nowNs() + memoryCheckNs;
-        }
+        watchMemory();
     }
 
     void beginCall()
@@ -277,7 +219,7 @@ private:
     }
 
     // Nothing goes wrong any more: all files must arrive, and be known to have.
-    void finish()
+    void finish() override
     {
         const double seconds = 3600 + 4 * static_cast<double>(bytesQueued()) / slowestGoodput(m_scenario);
         const std::int64_t deadline = nowNs() + static_cast<std::int64_t>(seconds) * nsPerS;
@@ -300,24 +242,13 @@ private:
         }
     }
 
-    RunResult result()
+    void complete(RunResult* result) const override
     {
-        RunResult result;
-        result.violations = m_checks.violations();
-        result.virtualNs = nowNs();
-        result.connections = m_connections;
-        for (int end = 0; end < 2; ++end) {
-            result.bytesDelivered += m_sites[end].bytesStored();
-            result.bytesCarried += m_line.from(end).bytesCarried();
-            result.faults += m_line.from(end).faultsMade();
-        }
-        result.digest = m_checks.digest();
-        return result;
+        result->connections = m_connections;
+        for (const Site& site : m_sites)
+            result->bytesDelivered += site.bytesStored();
     }
 
-    const Scenario& m_scenario;
-    Checks m_checks;
-    Line m_line;
     Originals m_originals;
     std::array<Site, 2> m_sites;
     Rng m_rng;
@@ -325,7 +256,6 @@ private:
     std::int64_t m_nextCallNs = 0;
     std::int64_t m_callBeganNs = 0;
     std::int64_t m_longestCallNs = never;
-    std::int64_t m_nextMemoryCheckNs = 0;
     std::uint64_t m_connections = 0;
     std::string m_lastReason;
 };
@@ -334,9 +264,6 @@ private:
 
 RunResult runSessions(const Scenario& scenario)
 {
-    ChannelComSettings settings;
-    settings.packetSize = scenario.channel.packetSize;
-    setCurrentComSettings(settings);
     SessionRun run(scenario);
     return run.run();
 }

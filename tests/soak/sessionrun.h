@@ -1,7 +1,8 @@
 // Runs of two sessions over link channels on a simulated line.
 #pragma once
 
-#include "tests/soak/linkrun.h"
+#include "tests/soak/runresult.h"
+#include "tests/soak/scenario.h"
 
 namespace soak {
 

@@ -182,12 +182,7 @@ public:
         for (const char* folder : {"settings", "data"})
             fs::remove_all(m_root / folder);
         fs::create_directory(m_root / "settings");
-        std::ofstream(m_root / "settings" / "settings.ini")
-            << "[Details]\n"
-            << "transportComMaxBytesToWrite=" << channel.maxBytesToWrite << "\n"
-            << "transportComMaxBytesInQueue=" << channel.maxBytesInQueue << "\n"
-            << "transportComResendInterval=" << channel.resendIntervalMs << "\n"
-            << "transportComConfirmationInterval=" << channel.confirmationIntervalMs << "\n";
+        std::ofstream(m_root / "settings" / "settings.ini") << soak::settingsText(channel);
     }
 
     const fs::path& program() const { return m_program; }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <sstream>
 
 #include <QCoreApplication>
 #include <QSerialPort>
@@ -10,10 +9,12 @@
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "host/session.h"
-#include "plugin/cabstractchannelsstate.h"
 #include "tests/host/memorystore.h"
+#include "tests/soak/channelsettings.h"
 #include "tests/soak/line.h"
 #include "tests/soak/rng.h"
+#include "tests/soak/turns.h"
+#include "tests/support/silentstate.h"
 
 namespace measure {
 
@@ -36,16 +37,6 @@ constexpr std::int64_t meanBetweenPausesNs = 10 * nsPerS;
 // So slow that it will not end.
 constexpr double leastShare = 0.02;
 constexpr std::int64_t graceNs = 120 * nsPerS;
-
-class SilentState : public CAbstractChannelsState
-{
-public:
-    int addChannel(int, const QString&, const QString&) override { return 0; }
-    void removeChannel(int) override {}
-    void setState(int, const QString&) override {}
-    void addReceivedBytes(int, int) override {}
-    void addSentBytes(int, int) override {}
-};
 
 // One end of the call: the port, the channel and the session.
 class End
@@ -73,7 +64,7 @@ public:
     void turn()
     {
         QCoreApplication::processEvents(); // where the port's own notifiers have their turn
-        readAll();
+        soak::readAll(*m_channel, readBytes, [this](const QByteArray& bytes) { m_session->receive(bytes, nowMs()); });
         m_session->advance(nowMs());
         writeAll();
         m_nextTurnNs = nowNs() + (m_hasSent ? passPauseNs : receivingPauseNs);
@@ -85,15 +76,6 @@ public:
 
 private:
     static qint64 nowMs() { return nowNs() / nsPerMs; }
-
-    void readAll()
-    {
-        for (bool isMore = true; isMore;) {
-            const QByteArray bytes = m_channel->read(readBytes);
-            m_session->receive(bytes, nowMs());
-            isMore = bytes.size() == readBytes;
-        }
-    }
 
     void writeAll()
     {
@@ -117,7 +99,7 @@ private:
     const std::int64_t m_pauseNs;
     soak::Rng m_rng;
     std::int64_t m_nextPauseNs = 0;
-    SilentState m_state;
+    testsupport::SilentState m_state;
     QSerialPort m_port;
     bool m_isOpen = false;
     std::unique_ptr<CComChannel> m_channel;
@@ -172,8 +154,7 @@ public:
         const std::int64_t longestNs = graceNs + static_cast<std::int64_t>(static_cast<double>(most) / bytesPerS() / leastShare) * nsPerS;
         bool isDone = false;
         while (!isDone) {
-            End& end = m_ends[0].nextTurnNs() <= m_ends[1].nextTurnNs() ? m_ends[0] : m_ends[1];
-            soak::sleepUntilNs(end.nextTurnNs());
+            End& end = soak::awaitNextTurn(m_ends);
             end.turn();
             isDone = true;
             for (int from = 0; from < 2; ++from)
@@ -222,13 +203,8 @@ private:
 
 std::string settingsText(const tune::LinkProfile& profile)
 {
-    std::ostringstream text;
-    text << "[Details]\n"
-         << "transportComMaxBytesToWrite=" << profile.maxBytesToWrite << "\n"
-         << "transportComMaxBytesInQueue=" << profile.maxBytesInQueue << "\n"
-         << "transportComResendInterval=" << profile.resendIntervalMs << "\n"
-         << "transportComConfirmationInterval=" << profile.confirmationIntervalMs << "\n";
-    return text.str();
+    return soak::settingsText({profile.packetSize, profile.maxBytesToWrite, profile.maxBytesInQueue,
+                               profile.resendIntervalMs, profile.confirmationIntervalMs});
 }
 
 Outcome run(const Course& course, const tune::LinkProfile& profile)

@@ -1,0 +1,18 @@
+// A channels' state for channels whose reports nobody wants to see.
+#pragma once
+
+#include "plugin/cabstractchannelsstate.h"
+
+namespace testsupport {
+
+class SilentState : public CAbstractChannelsState
+{
+public:
+    int addChannel(int, const QString&, const QString&) override { return 0; }
+    void removeChannel(int) override {}
+    void setState(int, const QString&) override {}
+    void addReceivedBytes(int, int) override {}
+    void addSentBytes(int, int) override {}
+};
+
+} // namespace testsupport
