@@ -1,33 +1,28 @@
 // link-sweep: goodput of the link over lines and settings, in simulated time. Each point
 // runs in a process of its own, since the channel reads its settings once in a process.
+#include <algorithm>
 #include <cerrno>
-#include <cinttypes>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
 
-#include "tests/soak/virtualtime.h"
+#include "tests/soak/commandline.h"
+#include "tests/soak/runinstallation.h"
+#include "tests/soak/runprocess.h"
+#include "tests/soak/stoprequest.h"
 #include "tests/tools/linkmeasure.h"
 
-namespace fs = std::filesystem;
-
 namespace {
-
-constexpr std::int64_t wallClockMs = 1700000000000; // any day will do
 
 const char usageText[] =
     "Usage: link-sweep [options]\n"
@@ -60,12 +55,6 @@ const char usageText[] =
     "\n"
     "Exit status: 0 done, 1 a transfer failed, 2 wrong usage.\n";
 
-[[noreturn]] void fail(const std::string& text)
-{
-    std::fprintf(stderr, "link-sweep: %s\n", text.c_str());
-    std::exit(2);
-}
-
 struct Point
 {
     tune::LineFacts line;
@@ -87,21 +76,11 @@ struct Options
     int buffer = tune::LineFacts().bufferBytes;
 };
 
-double number(const std::string& text)
-{
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end || !(value >= 0))
-        fail("not a number: " + text);
-    return value;
-}
-
 std::vector<double> numbers(const std::string& text)
 {
     std::vector<double> values;
-    std::istringstream parts(text);
-    for (std::string part; std::getline(parts, part, ',');)
-        values.push_back(number(part));
+    for (const std::string& part : soak::parts(text))
+        values.push_back(soak::number(part));
     return values;
 }
 
@@ -113,44 +92,36 @@ Options readOptions(int argc, char** argv)
     options.values["--ber"] = {0, 1e-5, 1e-4};
     for (const char* name : {"--packet", "--write", "--queue", "--resend", "--confirm"})
         options.values[name] = {};
-    for (int i = 1; i < argc; ++i) {
-        const std::string name = argv[i];
-        const auto value = [&]() -> std::string {
-            if (++i >= argc)
-                fail(name + " needs a value");
-            return argv[i];
-        };
+    soak::CommandLine line(argc, argv, usageText);
+    while (line.next()) {
+        const std::string& name = line.option();
         if (options.values.count(name)) {
-            options.values[name] = numbers(value());
+            options.values[name] = numbers(line.value());
         } else if (name == "--defaults") {
             options.defaults = true;
         } else if (name == "--points") {
             options.points = true;
         } else if (name == "--ways") {
-            options.ways = value();
+            options.ways = line.value();
             if (options.ways != "one" && options.ways != "both" && options.ways != "all")
-                fail("--ways takes one, both or all");
+                soak::fail("--ways takes one, both or all");
         } else if (name == "--driver") {
-            const std::string driver = value();
+            const std::string driver = line.value();
             if (driver != "any" && driver != "low")
-                fail("--driver takes any or low");
+                soak::fail("--driver takes any or low");
             options.wakesWhenLow = driver == "low";
         } else if (name == "--seconds") {
-            options.seconds = number(value());
+            options.seconds = soak::number(line.value());
         } else if (name == "--pause") {
-            options.pauseMs = static_cast<int>(number(value()));
+            options.pauseMs = static_cast<int>(soak::number(line.value()));
         } else if (name == "--seeds") {
-            options.seeds = static_cast<int>(number(value()));
+            options.seeds = static_cast<int>(soak::number(line.value()));
         } else if (name == "--jobs") {
-            options.jobs = std::max(1, static_cast<int>(number(value())));
+            options.jobs = std::max(1, static_cast<int>(soak::number(line.value())));
         } else if (name == "--buffer") {
-            options.buffer = static_cast<int>(number(value()));
-        } else if (name == "--help" || name == "-h") {
-            std::fputs(usageText, stdout);
-            std::exit(0);
+            options.buffer = static_cast<int>(soak::number(line.value()));
         } else {
-            std::fputs(usageText, stderr);
-            fail("unknown option: " + name);
+            line.unknownOption();
         }
     }
     return options;
@@ -209,7 +180,7 @@ std::vector<Point> readPoints(const Options& options)
             profile.maxBytesToWrite >> profile.maxBytesInQueue >> profile.resendIntervalMs >>
             profile.confirmationIntervalMs >> ways;
         if (!words)
-            fail("not a point: " + text);
+            soak::fail("not a point: " + text);
         point.line.bufferBytes = options.buffer;
         point.bothWays = ways == "both";
         points.push_back(point);
@@ -219,10 +190,7 @@ std::vector<Point> readPoints(const Options& options)
 
 // ---- one run, in a process of its own ----
 
-// The channel tells each damaged packet to Qt's debug output.
-void keepQuiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-
-std::vector<std::string> wordsOf(const Point& point, const Options& options, int seed)
+std::string runText(const Point& point, const Options& options, int seed)
 {
     const tune::LinkProfile& p = point.profile;
     std::ostringstream text;
@@ -230,7 +198,7 @@ std::vector<std::string> wordsOf(const Point& point, const Options& options, int
          << ' ' << p.packetSize << ' ' << p.maxBytesToWrite << ' ' << p.maxBytesInQueue << ' ' << p.resendIntervalMs << ' '
          << p.confirmationIntervalMs << ' ' << point.bothWays << ' ' << options.wakesWhenLow << ' ' << options.pauseMs
          << ' ' << options.seconds << ' ' << seed;
-    return {"link-sweep", "--run", text.str()};
+    return text.str();
 }
 
 int runHere(const std::string& text)
@@ -250,8 +218,7 @@ int runHere(const std::string& text)
     int argc = 1;
     char name[] = "link-sweep";
     char* argv[] = {name, nullptr};
-    qInstallMessageHandler(keepQuiet);
-    soak::startVirtualTime(wallClockMs);
+    soak::beginRunProcess();
     QCoreApplication application(argc, argv);
     const measure::Outcome outcome = measure::run(course, profile);
     std::printf("%.6f %.6f %.6f %.6f %s\n", outcome.share[0], outcome.share[1], outcome.busy[0], outcome.busy[1],
@@ -269,64 +236,52 @@ struct Figures
     std::string error;
 };
 
-// An installation for one run at a time, as the code under test finds it.
+// Where one run at a time can be.
 class Slot
 {
 public:
-    Slot()
-    {
-        const fs::path program = fs::canonical("/proc/self/exe");
-        std::string pattern = (fs::temp_directory_path() / "sweep-XXXXXX").string();
-        if (!mkdtemp(pattern.data()))
-            fail(std::string("no directory for the runs: ") + std::strerror(errno));
-        m_root = pattern;
-        fs::create_directory(m_root / "bin");
-        std::error_code error;
-        fs::create_hard_link(program, m_root / "bin" / "link-sweep", error);
-        if (error)
-            fs::copy_file(program, m_root / "bin" / "link-sweep");
-    }
-
+    Slot() = default;
     ~Slot()
     {
-        std::error_code ignored;
-        fs::remove_all(m_root, ignored);
+        if (isFree())
+            return;
+        kill(m_run.process, SIGKILL);
+        end();
     }
 
     Slot(const Slot&) = delete;
     Slot& operator=(const Slot&) = delete;
 
-    bool isFree() const { return m_child == 0; }
-    pid_t child() const { return m_child; }
+    bool isFree() const { return m_run.process == 0; }
     std::size_t point() const { return m_point; }
+    int output() const { return m_run.output; }
 
     void start(std::size_t index, const Point& point, const Options& options, int seed)
     {
-        for (const char* folder : {"settings", "data"})
-            fs::remove_all(m_root / folder);
-        fs::create_directory(m_root / "settings");
-        std::ofstream(m_root / "settings" / "settings.ini") << measure::settingsText(point.profile);
+        m_installation.prepare(measure::channelSettings(point.profile));
         m_point = index;
-        const std::vector<std::string> words = wordsOf(point, options, seed);
-        std::fflush(stdout); // not once more by the child
-        m_child = fork();
-        if (m_child != 0)
-            return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (!std::freopen((m_root / "result").c_str(), "w", stdout))
-            _exit(127);
-        setenv("QT_HASH_SEED", "0", 1);
-        setenv("QT_NO_GLIB", "1", 1);
-        execl((m_root / "bin" / "link-sweep").c_str(), words[0].c_str(), words[1].c_str(), words[2].c_str(), nullptr);
-        _exit(127);
+        m_output.clear();
+        m_run = m_installation.start({"--run", runText(point, options, seed)});
     }
 
-    void finish(const Point& point, Figures* figures)
+    // Takes what the run has printed; true when that was all, and it has ended.
+    bool read()
     {
-        m_child = 0;
+        char buffer[4096];
+        const ssize_t size = ::read(m_run.output, buffer, sizeof(buffer));
+        if (size > 0)
+            m_output.append(buffer, static_cast<std::size_t>(size));
+        if (size > 0 || (size < 0 && errno == EINTR))
+            return false;
+        end();
+        return true;
+    }
+
+    void count(const Point& point, Figures* figures) const
+    {
         double share[2] = {};
         double busy[2] = {};
-        std::ifstream result(m_root / "result");
+        std::istringstream result(m_output);
         std::string error = "the run broke off";
         if (result >> share[0] >> share[1] >> busy[0] >> busy[1]) {
             error.clear();
@@ -341,9 +296,19 @@ public:
     }
 
 private:
-    fs::path m_root;
-    pid_t m_child = 0;
+    void end()
+    {
+        close(m_run.output);
+        while (waitpid(m_run.process, &m_status, 0) < 0 && errno == EINTR) {
+        }
+        m_run = {};
+    }
+
+    soak::RunInstallation m_installation;
+    soak::StartedRun m_run;
     std::size_t m_point = 0;
+    std::string m_output;
+    int m_status = 0;
 };
 
 void print(const Point& point, const Figures& figures)
@@ -359,47 +324,64 @@ void print(const Point& point, const Figures& figures)
 class Sweep
 {
 public:
-    Sweep(std::vector<Point> points, const Options& options)
-        : m_points(std::move(points)), m_options(options), m_figures(m_points.size()), m_slots(static_cast<std::size_t>(options.jobs))
+    // options and stop are not owned.
+    Sweep(std::vector<Point> points, const Options& options, soak::StopRequest& stop)
+        : m_points(std::move(points)), m_options(options), m_stop(stop), m_figures(m_points.size()),
+          m_slots(static_cast<std::size_t>(options.jobs))
     {
     }
 
+    // Whether all went well. Breaks off when the program is to stop.
     bool run()
     {
         std::printf("rate\tdelay\tber\tpacket\twrite\tqueue\tresend\tconfirm\tways\tgoodput\tbusy\terror\n");
         for (std::size_t i = 0; i < m_points.size(); ++i) {
-            for (int seed = 1; seed <= m_options.seeds; ++seed)
-                freeSlot().start(i, m_points[i], m_options, seed);
+            for (int seed = 1; seed <= m_options.seeds; ++seed) {
+                Slot* slot = freeSlot();
+                if (!slot)
+                    return false;
+                slot->start(i, m_points[i], m_options, seed);
+            }
         }
-        while (waitForOne()) {
+        while (waitForSome()) {
         }
-        bool isGood = true;
+        bool isGood = !m_stop.isAsked();
         for (const Figures& figures : m_figures)
             isGood = isGood && figures.error.empty();
         return isGood;
     }
 
 private:
-    Slot& freeSlot()
+    // Null: the program is to stop.
+    Slot* freeSlot()
     {
-        for (;;) {
+        do {
             for (Slot& slot : m_slots) {
                 if (slot.isFree())
-                    return slot;
+                    return &slot;
             }
-            waitForOne();
-        }
+        } while (waitForSome());
+        return nullptr;
     }
 
-    bool waitForOne()
+    // False when no run is on its way, or the program is to stop.
+    bool waitForSome()
     {
-        int status = 0;
-        const pid_t child = waitpid(-1, &status, 0);
-        if (child < 0)
-            return errno == EINTR;
+        std::vector<pollfd> waited;
+        std::vector<Slot*> busy;
         for (Slot& slot : m_slots) {
-            if (slot.child() == child)
-                slot.finish(m_points[slot.point()], &m_figures[slot.point()]);
+            if (slot.isFree())
+                continue;
+            waited.push_back({slot.output(), POLLIN, 0});
+            busy.push_back(&slot);
+        }
+        if (busy.empty())
+            return false;
+        if (m_stop.poll(waited.data(), waited.size(), -1) < 0)
+            return !m_stop.isAsked();
+        for (std::size_t i = 0; i < busy.size(); ++i) {
+            if (waited[i].revents != 0 && busy[i]->read())
+                busy[i]->count(m_points[busy[i]->point()], &m_figures[busy[i]->point()]);
         }
         while (m_printed < m_points.size() && m_figures[m_printed].runs == m_options.seeds) {
             print(m_points[m_printed], m_figures[m_printed]);
@@ -410,18 +392,26 @@ private:
 
     const std::vector<Point> m_points;
     const Options& m_options;
+    soak::StopRequest& m_stop;
     std::vector<Figures> m_figures;
     std::vector<Slot> m_slots;
     std::size_t m_printed = 0;
 };
 
-} // namespace
-
-int main(int argc, char** argv)
+int runProgram(int argc, char** argv)
 {
     if (argc == 3 && std::string(argv[1]) == "--run")
         return runHere(argv[2]);
     const Options options = readOptions(argc, argv);
-    Sweep sweep(options.points ? readPoints(options) : gridPoints(options), options);
-    return sweep.run() ? 0 : 1;
+    soak::StopRequest stop;
+    const bool isGood = Sweep(options.points ? readPoints(options) : gridPoints(options), options, stop).run();
+    stop.obey();
+    return isGood ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return soak::exitStatusOf("link-sweep", runProgram, argc, argv);
 }

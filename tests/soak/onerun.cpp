@@ -6,17 +6,12 @@
 #include <QCoreApplication>
 
 #include "tests/soak/linkrun.h"
+#include "tests/soak/runprocess.h"
 #include "tests/soak/sessionrun.h"
-#include "tests/soak/virtualtime.h"
 
 namespace soak {
 
 namespace {
-
-constexpr std::int64_t wallClockMs = 1700000000000; // any day will do
-
-// The channel tells each damaged packet to Qt's debug output.
-void keepQuiet(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 RunResult run(const Scenario& scenario)
 {
@@ -38,8 +33,7 @@ bool runAndReport(const Scenario& scenario)
     int argc = 1;
     char name[] = "soak";
     char* argv[] = {name, nullptr};
-    qInstallMessageHandler(keepQuiet);
-    startVirtualTime(wallClockMs);
+    beginRunProcess();
     QCoreApplication application(argc, argv);
     const RunResult result = run(scenario);
     std::printf("figures %" PRId64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRId64 " %016" PRIx64 "\n", result.virtualNs,

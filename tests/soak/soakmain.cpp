@@ -6,9 +6,7 @@
 #include <cinttypes>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -16,15 +14,14 @@
 #include <utility>
 #include <vector>
 
-#include <poll.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/soak/commandline.h"
 #include "tests/soak/onerun.h"
+#include "tests/soak/runinstallation.h"
 #include "tests/soak/scenario.h"
-
-namespace fs = std::filesystem;
+#include "tests/soak/stoprequest.h"
 
 namespace {
 
@@ -85,144 +82,64 @@ const char usageText[] =
     "\n"
     "Exit status 0 only if nothing that must hold was violated.\n";
 
-[[noreturn]] void fail(const std::string& text)
-{
-    std::fprintf(stderr, "soak: %s\n", text.c_str());
-    std::exit(2);
-}
-
 Kind kindNamed(const std::string& name)
 {
     for (const Kind kind : soak::allKinds) {
         if (name == soak::kindName(kind))
             return kind;
     }
-    fail("no such kind of run: " + name);
-}
-
-std::uint64_t number(const std::string& text)
-{
-    char* end = nullptr;
-    const std::uint64_t value = std::strtoull(text.c_str(), &end, 10);
-    if (text.empty() || *end)
-        fail("not a number: " + text);
-    return value;
+    soak::fail("no such kind of run: " + name);
 }
 
 Options readOptions(int argc, char** argv)
 {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string name = argv[i];
-        const auto value = [&]() -> std::string {
-            if (++i >= argc)
-                fail(name + " needs a value");
-            return argv[i];
-        };
+    soak::CommandLine line(argc, argv, usageText);
+    while (line.next()) {
+        const std::string& name = line.option();
         if (name == "--hours") {
-            options.hours = std::strtod(value().c_str(), nullptr);
+            options.hours = soak::number(line.value());
         } else if (name == "--seed") {
-            options.seed = number(value());
+            options.seed = soak::wholeNumber(line.value());
         } else if (name == "--replay") {
-            options.replay = value();
+            options.replay = line.value();
         } else if (name == "--once") {
-            const Kind kind = kindNamed(value());
-            options.once.emplace_back(kind, number(value()));
+            const Kind kind = kindNamed(line.value());
+            options.once.emplace_back(kind, soak::wholeNumber(line.value()));
         } else if (name == "--twice") {
             options.twice = true;
         } else if (name == "--verbose") {
             options.verbose = true;
         } else if (name == "--kinds") {
             options.kinds.clear();
-            std::istringstream names(value());
-            for (std::string kind; std::getline(names, kind, ',');)
+            for (const std::string& kind : soak::parts(line.value()))
                 options.kinds.push_back(kindNamed(kind));
-        } else if (name == "--help" || name == "-h") {
-            std::fputs(usageText, stdout);
-            std::exit(0);
+            if (options.kinds.empty())
+                soak::fail("--kinds needs a kind of run");
         } else {
-            std::fputs(usageText, stderr);
-            fail("unknown option: " + name);
+            line.unknownOption();
         }
     }
     return options;
 }
 
-// An installation of its own for the runs, as the code under test finds it: the program
-// in bin/, its settings beside it.
-class Installation
-{
-public:
-    Installation()
-    {
-        const fs::path program = fs::canonical("/proc/self/exe");
-        std::string pattern = (fs::temp_directory_path() / "soak-XXXXXX").string();
-        if (!mkdtemp(pattern.data()))
-            fail(std::string("no directory for the runs: ") + std::strerror(errno));
-        m_root = pattern;
-        fs::create_directory(m_root / "bin");
-        std::error_code error;
-        fs::create_hard_link(program, m_program = m_root / "bin" / "soak", error);
-        if (error)
-            fs::copy_file(program, m_program);
-    }
-
-    ~Installation()
-    {
-        std::error_code ignored;
-        fs::remove_all(m_root, ignored);
-    }
-
-    Installation(const Installation&) = delete;
-    Installation& operator=(const Installation&) = delete;
-
-    // Nothing is left over from an earlier run.
-    void prepare(const soak::ChannelSettings& channel)
-    {
-        for (const char* folder : {"settings", "data"})
-            fs::remove_all(m_root / folder);
-        fs::create_directory(m_root / "settings");
-        std::ofstream(m_root / "settings" / "settings.ini") << soak::settingsText(channel);
-    }
-
-    const fs::path& program() const { return m_program; }
-
-private:
-    fs::path m_root;
-    fs::path m_program;
-};
-
-pid_t startRun(const Installation& installation, Kind kind, std::uint64_t seed, int output)
-{
-    const std::string seedText = std::to_string(seed);
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(output, STDOUT_FILENO);
-        // Whatever else would differ from run to run.
-        setenv("QT_HASH_SEED", "0", 1);
-        setenv("QT_NO_GLIB", "1", 1);
-        setenv("TZ", "UTC0", 1);
-        execl(installation.program().c_str(), "soak", "--run", soak::kindName(kind), seedText.c_str(), nullptr);
-        _exit(127);
-    }
-    return child;
-}
-
-// What the run printed; empty when it took too long.
-std::string outputOf(int fd, pid_t child)
+// What the run printed; empty when it took too long, or the program is to stop.
+std::string outputOf(const soak::StartedRun& run, soak::StopRequest& stop)
 {
     std::string output;
     const auto deadline = Clock::now() + std::chrono::milliseconds(longestRunMs);
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        pollfd waited{fd, POLLIN, 0};
-        if (left <= 0 || poll(&waited, 1, static_cast<int>(left)) == 0) {
-            kill(child, SIGABRT);
+        pollfd waited{run.output, POLLIN, 0};
+        const int ready = left > 0 ? stop.poll(&waited, 1, static_cast<int>(left)) : 0;
+        if (ready < 0 && !stop.isAsked())
+            continue;
+        if (ready <= 0) {
+            kill(run.process, ready < 0 ? SIGKILL : SIGABRT);
             return std::string();
         }
         char buffer[4096];
-        const ssize_t size = read(fd, buffer, sizeof(buffer));
+        const ssize_t size = read(run.output, buffer, sizeof(buffer));
         if (size <= 0)
             return output;
         output.append(buffer, static_cast<std::size_t>(size));
@@ -257,18 +174,14 @@ Outcome parseOutcome(const std::string& output, int status)
     return outcome;
 }
 
-Outcome runOnce(Installation& installation, Kind kind, std::uint64_t seed)
+Outcome runOnce(soak::RunInstallation& installation, Kind kind, std::uint64_t seed, soak::StopRequest& stop)
 {
     installation.prepare(soak::makeScenario(kind, seed).channel);
-    int ends[2];
-    if (pipe(ends) != 0)
-        fail("no pipe");
-    const pid_t child = startRun(installation, kind, seed, ends[1]);
-    close(ends[1]);
-    const std::string output = outputOf(ends[0], child);
-    close(ends[0]);
+    const soak::StartedRun run = installation.start({"--run", soak::kindName(kind), std::to_string(seed)});
+    const std::string output = outputOf(run, stop);
+    close(run.output);
     int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    while (waitpid(run.process, &status, 0) < 0 && errno == EINTR) {
     }
     return parseOutcome(output, status);
 }
@@ -276,14 +189,20 @@ Outcome runOnce(Installation& installation, Kind kind, std::uint64_t seed)
 class Soak
 {
 public:
-    explicit Soak(const Options& options) : m_options(options), m_start(Clock::now()) {}
+    // Neither is owned.
+    Soak(const Options& options, soak::StopRequest& stop) : m_options(options), m_stop(stop), m_start(Clock::now()) {}
 
+    // A run that the program's end breaks off does not count.
     void run(Kind kind, std::uint64_t seed)
     {
+        if (m_stop.isAsked())
+            return;
         const auto before = Clock::now();
-        Outcome outcome = runOnce(m_installation, kind, seed);
-        if (m_options.twice && runOnce(m_installation, kind, seed).digest != outcome.digest)
+        Outcome outcome = runOnce(m_installation, kind, seed, m_stop);
+        if (m_options.twice && runOnce(m_installation, kind, seed, m_stop).digest != outcome.digest)
             outcome.violations.push_back("went another way the second time");
+        if (m_stop.isAsked())
+            return;
         count(kind, seed, outcome);
         if (m_options.verbose || !outcome.violations.empty()) {
             std::printf("%s: %.2f h in %.1f s, %" PRIu64 " bytes delivered, %" PRIu64 " faults, %" PRIu64 " connections\n",
@@ -351,7 +270,8 @@ private:
     }
 
     const Options& m_options;
-    Installation m_installation;
+    soak::StopRequest& m_stop;
+    soak::RunInstallation m_installation;
     Clock::time_point m_start;
     double m_nextProgressS = progressEveryS;
     Totals m_all;
@@ -362,35 +282,52 @@ void replay(Soak& soakRuns, const std::string& path)
 {
     std::ifstream list(path);
     if (!list)
-        fail("cannot read " + path);
+        soak::fail("cannot read " + path);
     for (std::string line; std::getline(list, line);) {
         std::istringstream words(line.substr(0, line.find('#')));
         std::string kind;
         std::string seed;
-        if (words >> kind >> seed)
-            soakRuns.run(kindNamed(kind), number(seed));
+        std::string more;
+        if (!(words >> kind))
+            continue;
+        if (!(words >> seed) || words >> more)
+            soak::fail("not a run: " + line);
+        soakRuns.run(kindNamed(kind), soak::wholeNumber(seed));
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+bool runAll(const Options& options, soak::StopRequest& stop)
 {
-    if (argc == 4 && std::strcmp(argv[1], "--run") == 0)
-        return soak::runAndReport(soak::makeScenario(kindNamed(argv[2]), number(argv[3]))) ? 0 : 1;
-    const Options options = readOptions(argc, argv);
-    Soak soakRuns(options);
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    Soak soakRuns(options, stop);
     for (const auto& [kind, seed] : options.once)
         soakRuns.run(kind, seed);
     if (!options.replay.empty()) {
         replay(soakRuns, options.replay);
     } else if (options.once.empty()) {
         std::printf("seeds from %" PRIu64 " on\n", options.seed);
-        for (std::uint64_t seed = options.seed; soakRuns.virtualHours() < options.hours; ++seed) {
+        for (std::uint64_t seed = options.seed; soakRuns.virtualHours() < options.hours && !stop.isAsked(); ++seed) {
             for (const Kind kind : options.kinds)
                 soakRuns.run(kind, seed);
         }
     }
-    return soakRuns.summary() ? 0 : 1;
+    return soakRuns.summary();
+}
+
+int runProgram(int argc, char** argv)
+{
+    if (argc == 4 && std::strcmp(argv[1], "--run") == 0)
+        return soak::runAndReport(soak::makeScenario(kindNamed(argv[2]), soak::wholeNumber(argv[3]))) ? 0 : 1;
+    const Options options = readOptions(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    soak::StopRequest stop;
+    const bool isGood = runAll(options, stop);
+    stop.obey();
+    return isGood ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return soak::exitStatusOf("soak", runProgram, argc, argv);
 }

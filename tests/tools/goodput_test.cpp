@@ -6,13 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/soak/virtualtime.h"
+#include "tests/soak/runprocess.h"
 #include "tests/support/testroot.h"
 #include "tests/tools/linkmeasure.h"
 
 namespace {
-
-constexpr std::int64_t wallClockMs = 1700000000000; // any day will do
 
 // What one seed's noise and a short transfer may take off.
 constexpr double margin = 0.035;
@@ -32,8 +30,6 @@ void PrintTo(const Case& line, std::ostream* out)
     *out << line.rate << " bit/s, " << line.delayMs << " ms, " << line.bitErrorRate << (line.bothWays ? ", both ways" : ", one way");
 }
 
-void keepQuiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-
 class RecommendedSettings : public testing::TestWithParam<Case>
 {
 };
@@ -52,10 +48,9 @@ TEST_P(RecommendedSettings, GetWhatTheRulePromises)
     const tune::LinkProfile profile = tune::recommendedProfile(course.line);
     const QString settingsDir = testsupport::installRoot() + QStringLiteral("/settings");
     ASSERT_TRUE(QDir().mkpath(settingsDir));
-    std::ofstream(settingsDir.toStdString() + "/settings.ini") << measure::settingsText(profile);
+    std::ofstream(settingsDir.toStdString() + "/settings.ini") << soak::settingsText(measure::channelSettings(profile));
 
-    qInstallMessageHandler(keepQuiet); // the channel tells of each damaged packet
-    soak::startVirtualTime(wallClockMs);
+    soak::beginRunProcess();
     const measure::Outcome outcome = measure::run(course, profile);
     EXPECT_EQ(outcome.error, "");
     const tune::Goodput expected = tune::expectedGoodput(course.line);

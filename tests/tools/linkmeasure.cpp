@@ -10,7 +10,6 @@
 #include "com/ccomsettings.h"
 #include "host/session.h"
 #include "tests/host/memorystore.h"
-#include "tests/soak/channelsettings.h"
 #include "tests/soak/line.h"
 #include "tests/soak/rng.h"
 #include "tests/soak/turns.h"
@@ -201,10 +200,10 @@ private:
 
 } // namespace
 
-std::string settingsText(const tune::LinkProfile& profile)
+soak::ChannelSettings channelSettings(const tune::LinkProfile& profile)
 {
-    return soak::settingsText({profile.packetSize, profile.maxBytesToWrite, profile.maxBytesInQueue,
-                               profile.resendIntervalMs, profile.confirmationIntervalMs});
+    return {profile.packetSize, profile.maxBytesToWrite, profile.maxBytesInQueue, profile.resendIntervalMs,
+            profile.confirmationIntervalMs};
 }
 
 Outcome run(const Course& course, const tune::LinkProfile& profile)

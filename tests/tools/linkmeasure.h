@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "tests/soak/channelsettings.h"
 #include "tools/linkprofile.h"
 
 namespace measure {
@@ -26,12 +27,10 @@ struct Outcome
     std::array<double, 2> busy{};  // share of the time in which the line carried bytes from that end
 };
 
-// The profile as settings.ini has it: the channel reads it once in a process, so that a
-// process can measure one profile.
-std::string settingsText(const tune::LinkProfile& profile);
+soak::ChannelSettings channelSettings(const tune::LinkProfile& profile);
 
-// Needs virtual time, started, and an application object; settings.ini holds the profile.
-// One course in a process. Sets the packet size.
+// Needs virtual time, started, and an application object; settings.ini holds the profile,
+// which the channel reads once in a process: one course in a process. Sets the packet size.
 Outcome run(const Course& course, const tune::LinkProfile& profile);
 
 } // namespace measure

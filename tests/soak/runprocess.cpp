@@ -1,0 +1,19 @@
+#include "tests/soak/runprocess.h"
+
+#include <QtGlobal>
+
+#include "tests/soak/virtualtime.h"
+
+namespace {
+
+constexpr std::int64_t wallClockMs = 1700000000000; // any day will do
+
+void keepQuiet(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+} // namespace
+
+void soak::beginRunProcess()
+{
+    qInstallMessageHandler(keepQuiet);
+    startVirtualTime(wallClockMs);
+}
