@@ -282,11 +282,11 @@ public:
         double share[2] = {};
         double busy[2] = {};
         std::istringstream result(m_output);
-        std::string error = "the run broke off";
-        if (result >> share[0] >> share[1] >> busy[0] >> busy[1]) {
-            error.clear();
-            std::getline(result >> std::ws, error);
-        }
+        std::string error;
+        if (!(result >> share[0] >> share[1] >> busy[0] >> busy[1]))
+            error = "the run broke off: " + soak::describeEnd(m_status);
+        else if (!std::getline(result >> std::ws, error) && m_status != 0)
+            error = soak::describeEnd(m_status);
         if (!error.empty())
             figures->error = error;
         const int slower = point.bothWays && share[1] < share[0] ? 1 : 0;

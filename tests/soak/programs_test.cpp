@@ -148,6 +148,22 @@ TEST_F(RunInstallationTest, runsThisProgramInItAndGoesWithoutTrace)
     EXPECT_TRUE(fs::is_empty(directory()));
 }
 
+TEST_F(RunInstallationTest, tellsHowARunHasEnded)
+{
+    RunInstallation installation;
+    int status = -1;
+    outputOf(installation.start({"--gtest_list_tests"}), &status);
+    EXPECT_EQ(describeEnd(status), "ended with status 0");
+    const pid_t child = fork();
+    if (child == 0)
+        std::raise(SIGKILL);
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(describeEnd(status), "ended by signal Killed");
+    fs::remove(root() / "bin" / fs::canonical("/proc/self/exe").filename());
+    outputOf(installation.start({}), &status);
+    EXPECT_EQ(describeEnd(status), "ended with status 127");
+}
+
 TEST_F(RunInstallationTest, saysThatItCannotBeMade)
 {
     setenv("TMPDIR", "/proc", 1);

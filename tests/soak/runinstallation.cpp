@@ -3,11 +3,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <system_error>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -46,6 +48,12 @@ namespace {
 }
 
 } // namespace
+
+std::string describeEnd(int status)
+{
+    return WIFSIGNALED(status) ? std::string("ended by signal ") + strsignal(WTERMSIG(status))
+                               : "ended with status " + std::to_string(WEXITSTATUS(status));
+}
 
 RunInstallation::RunInstallation()
 {

@@ -19,6 +19,9 @@ struct StartedRun
     int output = -1; // what it prints, until it ends
 };
 
+// How a run has ended, from its wait status: in words.
+std::string describeEnd(int status);
+
 class RunInstallation
 {
 public:

@@ -168,9 +168,9 @@ Outcome parseOutcome(const std::string& output, int status)
             whole = true;
         }
     }
-    if (!whole)
-        outcome.violations.push_back(WIFSIGNALED(status) ? std::string("ended by signal ") + strsignal(WTERMSIG(status))
-                                                         : "ended with status " + std::to_string(WEXITSTATUS(status)));
+    // A process may have told all and yet end badly, as of a sanitizer's findings.
+    if (!whole || (outcome.violations.empty() && status != 0))
+        outcome.violations.push_back(soak::describeEnd(status));
     return outcome;
 }
 
