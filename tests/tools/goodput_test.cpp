@@ -60,6 +60,22 @@ TEST_P(RecommendedSettings, GetWhatTheRulePromises)
     }
 }
 
+// What is not measured must not be told as if it were.
+TEST(LinkMeasure, refusesAProfileThatIsNotInForce)
+{
+    measure::Course course;
+    course.line.rate = 9600;
+    course.bytes[0] = 1000;
+    tune::LinkProfile profile;
+    profile.maxBytesInQueue = 100; // below the key's range
+    const QString settingsDir = testsupport::installRoot() + QStringLiteral("/settings");
+    ASSERT_TRUE(QDir().mkpath(settingsDir));
+    std::ofstream(settingsDir.toStdString() + "/settings.ini") << soak::settingsText(measure::channelSettings(profile));
+
+    soak::beginRunProcess();
+    EXPECT_EQ(measure::run(course, profile).error, "settings that the channel does not take");
+}
+
 INSTANTIATE_TEST_SUITE_P(Lines, RecommendedSettings,
                          testing::Values(Case{"slow", 9600, 0, 0, false, 120}, //
                                          Case{"slowNoisyBoth", 9600, 0, 1e-4, true, 200},

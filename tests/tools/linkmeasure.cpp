@@ -8,6 +8,7 @@
 
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
+#include "common/csettings.h"
 #include "host/session.h"
 #include "tests/host/memorystore.h"
 #include "tests/soak/line.h"
@@ -126,6 +127,23 @@ QByteArray randomBytes(std::int64_t size, soak::Rng& rng)
     return bytes;
 }
 
+Outcome failed(const std::string& text)
+{
+    Outcome outcome;
+    outcome.error = text;
+    return outcome;
+}
+
+// Values outside their ranges are not taken, and a file may be missing.
+bool isInForce(const tune::LinkProfile& profile)
+{
+    CSettings settings;
+    return settings.detailsTransportComMaxBytesToWrite() == profile.maxBytesToWrite &&
+           settings.detailsTransportComMaxBytesInQueue() == profile.maxBytesInQueue &&
+           settings.detailsTransportComResendInterval() == profile.resendIntervalMs &&
+           settings.detailsTransportComConfirmationInterval() == profile.confirmationIntervalMs;
+}
+
 class Run
 {
 public:
@@ -169,13 +187,6 @@ public:
 private:
     double bytesPerS() const { return static_cast<double>(m_course.line.rate) / bitsPerByteOnLine; }
 
-    static Outcome failed(const std::string& text)
-    {
-        Outcome outcome;
-        outcome.error = text;
-        return outcome;
-    }
-
     // Whether the file from that end has arrived; when it just has, takes the figures down.
     bool note(int from, std::int64_t startNs, Outcome* outcome)
     {
@@ -208,6 +219,8 @@ soak::ChannelSettings channelSettings(const tune::LinkProfile& profile)
 
 Outcome run(const Course& course, const tune::LinkProfile& profile)
 {
+    if (!isInForce(profile))
+        return failed("settings that the channel does not take");
     ChannelComSettings settings;
     settings.packetSize = profile.packetSize;
     setCurrentComSettings(settings);
