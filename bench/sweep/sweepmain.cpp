@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <sstream>
 #include <string>
@@ -28,14 +29,15 @@ const char usageText[] =
     "Usage: link-sweep [options]\n"
     "\n"
     "Goodput of the link in simulated time, over every combination of the values given.\n"
-    "Prints a line of tab-separated values for each.\n"
+    "Prints a line of tab-separated values for each: the combination; of the slower way the\n"
+    "goodput, as a share of rate / 10, and how much of the time its line was busy; what failed.\n"
     "\n"
     "  --rate R,...      bit/s (default 9600,33600,57600,115200,921600)\n"
     "  --delay D,...     one way, ms (default 0,100)\n"
     "  --ber P,...       bit error rates (default 0,1e-5,1e-4)\n"
     "  --buffer B        what the driver holds, bytes (default 4096)\n"
     "  --packet N,...    packet size, bytes; so the next four\n"
-    "  --write N,...     most bytes to write (default: as the packet size)\n"
+    "  --write N,...     most bytes to write (default: as --packet, if that is given)\n"
     "  --queue N,...     queue limit\n"
     "  --resend MS,...   resend interval\n"
     "  --confirm MS,...  confirmation interval\n"
@@ -53,7 +55,7 @@ const char usageText[] =
     "                    rate delay ber packet write queue resend confirm ways\n"
     "  --jobs N          processes at once (default 2)\n"
     "\n"
-    "Exit status: 0 done, 1 a transfer failed, 2 wrong usage.\n";
+    "Exit status: 0 done, 1 a transfer failed, 2 wrong usage or it cannot run.\n";
 
 struct Point
 {
@@ -76,12 +78,57 @@ struct Options
     int buffer = tune::LineFacts().bufferBytes;
 };
 
-std::vector<double> numbers(const std::string& text)
+constexpr double mostBytes = 1e9; // of a file, which is held in memory more than once
+
+// One of the values that make a point, in the order in which a point is written.
+struct PointValue
+{
+    const char* option;
+    bool isOfLine; // or of the profile
+    bool isWhole;
+    int least;
+    int most; // a chance is below it
+    void (*set)(Point& point, double value);
+};
+
+constexpr PointValue pointValues[] = {
+    {"--rate", true, true, 10, tune::highestRate, [](Point& p, double v) { p.line.rate = int(v); }},
+    {"--delay", true, true, 0, 60000, [](Point& p, double v) { p.line.delayMs = int(v); }},
+    {"--ber", true, false, 0, 1, [](Point& p, double v) { p.line.bitErrorRate = v; }},
+    {"--packet", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.packetSize = p.profile.maxBytesToWrite = int(v); }},
+    {"--write", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.maxBytesToWrite = int(v); }},
+    {"--queue", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.maxBytesInQueue = int(v); }},
+    {"--resend", false, true, 1, 60000, [](Point& p, double v) { p.profile.resendIntervalMs = int(v); }},
+    {"--confirm", false, true, 1, 60000, [](Point& p, double v) { p.profile.confirmationIntervalMs = int(v); }},
+};
+
+double readValue(const PointValue& kind, const std::string& text)
+{
+    if (kind.isWhole)
+        return soak::wholeNumber(text, kind.least, kind.most);
+    const double chance = soak::number(text);
+    if (chance >= kind.most)
+        soak::fail("not a chance below 1: " + text);
+    return chance;
+}
+
+std::vector<double> readValues(const PointValue& kind, const std::string& text)
 {
     std::vector<double> values;
     for (const std::string& part : soak::parts(text))
-        values.push_back(soak::number(part));
+        values.push_back(readValue(kind, part));
+    if (values.empty())
+        soak::fail(std::string(kind.option) + " needs a value");
     return values;
+}
+
+const PointValue* pointValueOf(const std::string& option)
+{
+    for (const PointValue& kind : pointValues) {
+        if (option == kind.option)
+            return &kind;
+    }
+    return nullptr;
 }
 
 Options readOptions(int argc, char** argv)
@@ -90,13 +137,11 @@ Options readOptions(int argc, char** argv)
     options.values["--rate"] = {9600, 33600, 57600, 115200, 921600};
     options.values["--delay"] = {0, 100};
     options.values["--ber"] = {0, 1e-5, 1e-4};
-    for (const char* name : {"--packet", "--write", "--queue", "--resend", "--confirm"})
-        options.values[name] = {};
     soak::CommandLine line(argc, argv, usageText);
     while (line.next()) {
         const std::string& name = line.option();
-        if (options.values.count(name)) {
-            options.values[name] = numbers(line.value());
+        if (const PointValue* kind = pointValueOf(name)) {
+            options.values[name] = readValues(*kind, line.value());
         } else if (name == "--defaults") {
             options.defaults = true;
         } else if (name == "--points") {
@@ -113,13 +158,13 @@ Options readOptions(int argc, char** argv)
         } else if (name == "--seconds") {
             options.seconds = soak::number(line.value());
         } else if (name == "--pause") {
-            options.pauseMs = static_cast<int>(soak::number(line.value()));
+            options.pauseMs = soak::wholeNumber(line.value(), 0, 600000);
         } else if (name == "--seeds") {
-            options.seeds = static_cast<int>(soak::number(line.value()));
+            options.seeds = soak::wholeNumber(line.value(), 1, 1000000);
         } else if (name == "--jobs") {
-            options.jobs = std::max(1, static_cast<int>(soak::number(line.value())));
+            options.jobs = std::max(1, soak::wholeNumber(line.value(), 0, 1000));
         } else if (name == "--buffer") {
-            options.buffer = static_cast<int>(soak::number(line.value()));
+            options.buffer = soak::wholeNumber(line.value(), 1, tune::largestBufferBytes);
         } else {
             line.unknownOption();
         }
@@ -127,12 +172,8 @@ Options readOptions(int argc, char** argv)
     return options;
 }
 
-// One for each value given; the profile's own value when none is.
-template<typename Set>
-std::vector<Point> spread(const std::vector<Point>& points, const std::vector<double>& values, Set set)
+std::vector<Point> spread(const std::vector<Point>& points, const std::vector<double>& values, void (*set)(Point&, double))
 {
-    if (values.empty())
-        return points;
     std::vector<Point> result;
     for (const Point& point : points) {
         for (const double value : values) {
@@ -145,21 +186,23 @@ std::vector<Point> spread(const std::vector<Point>& points, const std::vector<do
 
 std::vector<Point> gridPoints(const Options& options)
 {
-    const auto given = [&](const char* name) -> const std::vector<double>& { return options.values.at(name); };
     Point first;
     first.line.bufferBytes = options.buffer;
-    std::vector<Point> points = spread({first}, given("--rate"), [](Point& p, double v) { p.line.rate = int(v); });
-    points = spread(points, given("--delay"), [](Point& p, double v) { p.line.delayMs = int(v); });
-    points = spread(points, given("--ber"), [](Point& p, double v) { p.line.bitErrorRate = v; });
+    std::vector<Point> points{first};
+    // One for each value given; the line's or the profile's own value when none is.
+    const auto spreadGiven = [&](bool isOfLine) {
+        for (const PointValue& kind : pointValues) {
+            const auto given = options.values.find(kind.option);
+            if (kind.isOfLine == isOfLine && given != options.values.end())
+                points = spread(points, given->second, kind.set);
+        }
+    };
+    spreadGiven(true);
     if (!options.defaults) {
         for (Point& point : points)
             point.profile = tune::recommendedProfile(point.line);
     }
-    points = spread(points, given("--packet"), [](Point& p, double v) { p.profile.packetSize = p.profile.maxBytesToWrite = int(v); });
-    points = spread(points, given("--write"), [](Point& p, double v) { p.profile.maxBytesToWrite = int(v); });
-    points = spread(points, given("--queue"), [](Point& p, double v) { p.profile.maxBytesInQueue = int(v); });
-    points = spread(points, given("--resend"), [](Point& p, double v) { p.profile.resendIntervalMs = int(v); });
-    points = spread(points, given("--confirm"), [](Point& p, double v) { p.profile.confirmationIntervalMs = int(v); });
+    spreadGiven(false);
     std::vector<double> ways;
     if (options.ways != "both")
         ways.push_back(0);
@@ -173,19 +216,30 @@ std::vector<Point> readPoints(const Options& options)
     std::vector<Point> points;
     for (std::string text; std::getline(std::cin, text);) {
         std::istringstream words(text);
+        std::string word;
         Point point;
-        std::string ways;
-        tune::LinkProfile& profile = point.profile;
-        words >> point.line.rate >> point.line.delayMs >> point.line.bitErrorRate >> profile.packetSize >>
-            profile.maxBytesToWrite >> profile.maxBytesInQueue >> profile.resendIntervalMs >>
-            profile.confirmationIntervalMs >> ways;
-        if (!words)
-            soak::fail("not a point: " + text);
         point.line.bufferBytes = options.buffer;
+        for (const PointValue& kind : pointValues) {
+            if (words >> word)
+                kind.set(point, readValue(kind, word));
+        }
+        std::string ways;
+        if (!(words >> ways) || (ways != "one" && ways != "both") || words >> word)
+            soak::fail("not a point: " + text);
         point.bothWays = ways == "both";
         points.push_back(point);
     }
     return points;
+}
+
+void checkLengths(const std::vector<Point>& points, const Options& options)
+{
+    for (const Point& point : points) {
+        const double bytes = options.seconds * point.line.rate / 10;
+        if (!(bytes >= 1 && bytes <= mostBytes))
+            soak::fail("--seconds makes a file of no byte, or of more than 1000000000, at " +
+                       std::to_string(point.line.rate) + " bit/s");
+    }
 }
 
 // ---- one run, in a process of its own ----
@@ -194,6 +248,7 @@ std::string runText(const Point& point, const Options& options, int seed)
 {
     const tune::LinkProfile& p = point.profile;
     std::ostringstream text;
+    text.precision(std::numeric_limits<double>::max_digits10);
     text << point.line.rate << ' ' << point.line.delayMs << ' ' << point.line.bitErrorRate << ' ' << point.line.bufferBytes
          << ' ' << p.packetSize << ' ' << p.maxBytesToWrite << ' ' << p.maxBytesInQueue << ' ' << p.resendIntervalMs << ' '
          << p.confirmationIntervalMs << ' ' << point.bothWays << ' ' << options.wakesWhenLow << ' ' << options.pauseMs
@@ -212,6 +267,8 @@ int runHere(const std::string& text)
         profile.packetSize >> profile.maxBytesToWrite >> profile.maxBytesInQueue >> profile.resendIntervalMs >>
         profile.confirmationIntervalMs >> bothWays >> course.wakesWhenLow >> course.pauseMs >> seconds >>
         course.seed;
+    if (!words)
+        soak::fail("not a run: " + text);
     course.bytes[0] = static_cast<std::int64_t>(seconds * course.line.rate / 10);
     course.bytes[1] = bothWays ? course.bytes[0] : 0;
 
@@ -403,8 +460,10 @@ int runProgram(int argc, char** argv)
     if (argc == 3 && std::string(argv[1]) == "--run")
         return runHere(argv[2]);
     const Options options = readOptions(argc, argv);
+    const std::vector<Point> points = options.points ? readPoints(options) : gridPoints(options);
+    checkLengths(points, options);
     soak::StopRequest stop;
-    const bool isGood = Sweep(options.points ? readPoints(options) : gridPoints(options), options, stop).run();
+    const bool isGood = Sweep(points, options, stop).run();
     stop.obey();
     return isGood ? 0 : 1;
 }
