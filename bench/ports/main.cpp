@@ -1,7 +1,9 @@
 // Measures ports in number: what idle ones cost, how fast calls come and go. JSON on the
 // standard output, progress on the other.
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -46,14 +48,24 @@ void tell(const QString& text)
 [[noreturn]] void fail(const QString& text)
 {
     tell(QStringLiteral("error: ") + text);
-    std::exit(1);
+    std::_Exit(1); // threads still run
 }
 
-void passTime(int ms)
+// How long it took, in ns: on a busy machine a little longer.
+qint64 passTime(int ms)
 {
     QElapsedTimer timer;
     timer.start();
     (void)waitFor([&] { return timer.elapsed() >= ms; }, ms + 1);
+    return timer.nsecsElapsed();
+}
+
+ThreadTimes threadTimes()
+{
+    const ThreadTimes times = threadTimesNs();
+    if (times.empty())
+        fail(QStringLiteral("this kernel does not tell the processor time of threads"));
+    return times;
 }
 
 sim::LineSettings line()
@@ -66,12 +78,14 @@ sim::LineSettings line()
 // The port's usual intervals: the bed shortens them for its tests.
 void useDefaultSettings()
 {
-    QFile::remove(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    QFile settings(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    if (settings.exists() && !settings.remove())
+        fail(QStringLiteral("cannot remove %1: %2").arg(settings.fileName(), settings.errorString()));
 }
 
-double percentOfCore(qint64 usedNs, int ms, int count)
+double percentOfCore(qint64 usedNs, qint64 passedNs, int count)
 {
-    return 100.0 * static_cast<double>(usedNs) / (ms * nsPerMs) / count;
+    return 100.0 * static_cast<double>(usedNs) / static_cast<double>(passedNs) / count;
 }
 
 // The least that a thread can pay which looks at its port every 10 ms.
@@ -80,7 +94,7 @@ double bareThreadPercent(const QString& path, int ms)
     QFile device(path);
     if (!device.open(QIODevice::ReadWrite | QIODevice::Unbuffered))
         fail(QStringLiteral("%1: %2").arg(path, device.errorString()));
-    const ThreadTimes others = threadTimesNs();
+    const ThreadTimes others = threadTimes();
     std::atomic<bool> isOver{false};
     std::thread thread([&] {
         while (!isOver) {
@@ -90,12 +104,12 @@ double bareThreadPercent(const QString& path, int ms)
             poll(&look, 1, 0);
         }
     });
-    const ThreadTimes then = threadTimesNs();
-    passTime(ms);
-    const qint64 used = usedNs(then, threadTimesNs(), others);
+    const ThreadTimes then = threadTimes();
+    const qint64 passedNs = passTime(ms);
+    const qint64 used = usedNs(then, threadTimes(), others);
     isOver = true;
     thread.join();
-    return percentOfCore(used, ms, 1);
+    return percentOfCore(used, passedNs, 1);
 }
 
 QJsonObject measureIdle(int ports, const Lengths& lengths)
@@ -106,7 +120,7 @@ QJsonObject measureIdle(int ports, const Lengths& lengths)
     bed.inServer([] {}); // its event loop runs
     const double bare = bareThreadPercent(bed.port(1), lengths.idleMs / 2);
     const testsupport::Resources before = testsupport::currentResources();
-    const ThreadTimes others = threadTimesNs();
+    const ThreadTimes others = threadTimes();
     QElapsedTimer timer;
     timer.start();
     bed.start();
@@ -114,15 +128,15 @@ QJsonObject measureIdle(int ports, const Lengths& lengths)
         fail(QStringLiteral("the ports do not become free"));
     const qint64 startMs = timer.elapsed();
     passTime(1000); // what starting leaves to do
-    const ThreadTimes then = threadTimesNs();
-    passTime(lengths.idleMs);
-    const qint64 used = usedNs(then, threadTimesNs(), others);
+    const ThreadTimes then = threadTimes();
+    const qint64 passedNs = passTime(lengths.idleMs);
+    const qint64 used = usedNs(then, threadTimes(), others);
     const testsupport::Resources idle = testsupport::currentResources();
     timer.restart();
     bed.stopFromWithin();
     const qint64 stopMs = timer.elapsed();
     return {{QStringLiteral("ports"), ports},
-            {QStringLiteral("cpuPercentPerPort"), percentOfCore(used, lengths.idleMs, ports)},
+            {QStringLiteral("cpuPercentPerPort"), percentOfCore(used, passedNs, ports)},
             {QStringLiteral("bareThreadCpuPercent"), bare},
             {QStringLiteral("heapKiBPerPort"), static_cast<double>(idle.heapBytes - before.heapBytes) / 1024 / ports},
             {QStringLiteral("residentKiBPerPort"), static_cast<double>(idle.residentBytes - before.residentBytes) / 1024 / ports},
@@ -135,7 +149,7 @@ QJsonObject measureIdle(int ports, const Lengths& lengths)
 double median(std::vector<double> values)
 {
     std::sort(values.begin(), values.end());
-    return values.at(values.size() / 2);
+    return (values.at((values.size() - 1) / 2) + values.at(values.size() / 2)) / 2;
 }
 
 // Calls between two ports, one after another; medians.
@@ -200,6 +214,5 @@ int main(int argc, char** argv)
     for (const int ports : counts)
         idle.append(measureIdle(ports, lengths));
     const QJsonObject result{{QStringLiteral("idle"), idle}, {QStringLiteral("calls"), measureCalls(lengths)}};
-    std::fputs(QJsonDocument(result).toJson().constData(), stdout);
-    return 0;
+    return std::fputs(QJsonDocument(result).toJson().constData(), stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
 }
