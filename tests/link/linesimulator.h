@@ -10,6 +10,7 @@
 #include "com/ccomchannel.h"
 #include "tests/support/fakehost.h"
 #include "tests/support/fakeserialport.h"
+#include "tests/support/silentstate.h"
 #include "tests/support/virtualclock.h"
 
 namespace linktest {
@@ -133,18 +134,9 @@ public:
     testsupport::FakeSerialPort& port() { return m_port; }
 
 private:
-    class NoState : public CAbstractChannelsState
-    {
-        int addChannel(int, const QString&, const QString&) override { return 0; }
-        void removeChannel(int) override {}
-        void setState(int, const QString&) override {}
-        void addReceivedBytes(int, int) override {}
-        void addSentBytes(int, int) override {}
-    };
-
     unsigned m_seed;
     testsupport::FakeSerialPort m_port;
-    NoState m_state;
+    testsupport::SilentState m_state;
     CComChannel m_channel{&m_port, &m_state, 1};
     int m_sent = 0;
     int m_received = 0;
