@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <iostream>
 #include <limits>
-#include <map>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -17,6 +16,7 @@
 
 #include <QCoreApplication>
 
+#include "bench/sweep/points.h"
 #include "tests/soak/commandline.h"
 #include "tests/soak/runinstallation.h"
 #include "tests/soak/runprocess.h"
@@ -24,6 +24,8 @@
 #include "tests/tools/linkmeasure.h"
 
 namespace {
+
+using sweep::Point;
 
 const char usageText[] =
     "Usage: link-sweep [options]\n"
@@ -57,99 +59,29 @@ const char usageText[] =
     "\n"
     "Exit status: 0 done, 1 a transfer failed, 2 wrong usage or it cannot run.\n";
 
-struct Point
-{
-    tune::LineFacts line;
-    tune::LinkProfile profile;
-    bool bothWays = false;
-};
-
 struct Options
 {
-    std::map<std::string, std::vector<double>> values;
-    bool defaults = false;
+    sweep::Grid grid;
     bool points = false;
-    std::string ways = "all";
     bool wakesWhenLow = false;
     double seconds = 60;
     int pauseMs = 0;
     int seeds = 1;
     int jobs = 2;
-    int buffer = tune::LineFacts().bufferBytes;
 };
 
 constexpr double mostBytes = 1e9; // of a file, which is held in memory more than once
 
-// One of the values that make a point, in the order in which a point is written.
-struct PointValue
-{
-    const char* option;
-    bool isOfLine; // or of the profile
-    bool isWhole;
-    int least;
-    int most; // a chance is below it
-    void (*set)(Point& point, double value);
-};
-
-constexpr PointValue pointValues[] = {
-    {"--rate", true, true, 10, tune::highestRate, [](Point& p, double v) { p.line.rate = int(v); }},
-    {"--delay", true, true, 0, 60000, [](Point& p, double v) { p.line.delayMs = int(v); }},
-    {"--ber", true, false, 0, 1, [](Point& p, double v) { p.line.bitErrorRate = v; }},
-    {"--packet", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.packetSize = p.profile.maxBytesToWrite = int(v); }},
-    {"--write", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.maxBytesToWrite = int(v); }},
-    {"--queue", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.maxBytesInQueue = int(v); }},
-    {"--resend", false, true, 1, 60000, [](Point& p, double v) { p.profile.resendIntervalMs = int(v); }},
-    {"--confirm", false, true, 1, 60000, [](Point& p, double v) { p.profile.confirmationIntervalMs = int(v); }},
-};
-
-double readValue(const PointValue& kind, const std::string& text)
-{
-    if (kind.isWhole)
-        return soak::wholeNumber(text, kind.least, kind.most);
-    const double chance = soak::number(text);
-    if (chance >= kind.most)
-        soak::fail("not a chance below 1: " + text);
-    return chance;
-}
-
-std::vector<double> readValues(const PointValue& kind, const std::string& text)
-{
-    std::vector<double> values;
-    for (const std::string& part : soak::parts(text))
-        values.push_back(readValue(kind, part));
-    if (values.empty())
-        soak::fail(std::string(kind.option) + " needs a value");
-    return values;
-}
-
-const PointValue* pointValueOf(const std::string& option)
-{
-    for (const PointValue& kind : pointValues) {
-        if (option == kind.option)
-            return &kind;
-    }
-    return nullptr;
-}
-
 Options readOptions(int argc, char** argv)
 {
     Options options;
-    options.values["--rate"] = {9600, 33600, 57600, 115200, 921600};
-    options.values["--delay"] = {0, 100};
-    options.values["--ber"] = {0, 1e-5, 1e-4};
     soak::CommandLine line(argc, argv, usageText);
     while (line.next()) {
         const std::string& name = line.option();
-        if (const PointValue* kind = pointValueOf(name)) {
-            options.values[name] = readValues(*kind, line.value());
-        } else if (name == "--defaults") {
-            options.defaults = true;
-        } else if (name == "--points") {
+        if (options.grid.takeOption(line))
+            continue;
+        if (name == "--points") {
             options.points = true;
-        } else if (name == "--ways") {
-            options.ways = line.value();
-            if (options.ways != "one" && options.ways != "both" && options.ways != "all")
-                soak::fail("--ways takes one, both or all");
         } else if (name == "--driver") {
             const std::string driver = line.value();
             if (driver != "any" && driver != "low")
@@ -163,73 +95,11 @@ Options readOptions(int argc, char** argv)
             options.seeds = soak::wholeNumber(line.value(), 1, 1000000);
         } else if (name == "--jobs") {
             options.jobs = std::max(1, soak::wholeNumber(line.value(), 0, 1000));
-        } else if (name == "--buffer") {
-            options.buffer = soak::wholeNumber(line.value(), 1, tune::largestBufferBytes);
         } else {
             line.unknownOption();
         }
     }
     return options;
-}
-
-std::vector<Point> spread(const std::vector<Point>& points, const std::vector<double>& values, void (*set)(Point&, double))
-{
-    std::vector<Point> result;
-    for (const Point& point : points) {
-        for (const double value : values) {
-            result.push_back(point);
-            set(result.back(), value);
-        }
-    }
-    return result;
-}
-
-std::vector<Point> gridPoints(const Options& options)
-{
-    Point first;
-    first.line.bufferBytes = options.buffer;
-    std::vector<Point> points{first};
-    // One for each value given; the line's or the profile's own value when none is.
-    const auto spreadGiven = [&](bool isOfLine) {
-        for (const PointValue& kind : pointValues) {
-            const auto given = options.values.find(kind.option);
-            if (kind.isOfLine == isOfLine && given != options.values.end())
-                points = spread(points, given->second, kind.set);
-        }
-    };
-    spreadGiven(true);
-    if (!options.defaults) {
-        for (Point& point : points)
-            point.profile = tune::recommendedProfile(point.line);
-    }
-    spreadGiven(false);
-    std::vector<double> ways;
-    if (options.ways != "both")
-        ways.push_back(0);
-    if (options.ways != "one")
-        ways.push_back(1);
-    return spread(points, ways, [](Point& p, double v) { p.bothWays = v != 0; });
-}
-
-std::vector<Point> readPoints(const Options& options)
-{
-    std::vector<Point> points;
-    for (std::string text; std::getline(std::cin, text);) {
-        std::istringstream words(text);
-        std::string word;
-        Point point;
-        point.line.bufferBytes = options.buffer;
-        for (const PointValue& kind : pointValues) {
-            if (words >> word)
-                kind.set(point, readValue(kind, word));
-        }
-        std::string ways;
-        if (!(words >> ways) || (ways != "one" && ways != "both") || words >> word)
-            soak::fail("not a point: " + text);
-        point.bothWays = ways == "both";
-        points.push_back(point);
-    }
-    return points;
 }
 
 void checkLengths(const std::vector<Point>& points, const Options& options)
@@ -460,7 +330,8 @@ int runProgram(int argc, char** argv)
     if (argc == 3 && std::string(argv[1]) == "--run")
         return runHere(argv[2]);
     const Options options = readOptions(argc, argv);
-    const std::vector<Point> points = options.points ? readPoints(options) : gridPoints(options);
+    const std::vector<Point> points = options.points ? sweep::readPoints(std::cin, options.grid.bufferBytes())
+                                                           : options.grid.points();
     checkLengths(points, options);
     soak::StopRequest stop;
     const bool isGood = Sweep(points, options, stop).run();
