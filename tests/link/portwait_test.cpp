@@ -85,6 +85,40 @@ TEST_F(RealPort, GivesAndTakesBytes)
     EXPECT_EQ(m_port.readAll(), "in");
 }
 
+// A busy line brings a few bytes each millisecond; none of them makes room.
+TEST_F(RealPort, InputNeitherEndsTheWaitForRoomNorIsLost)
+{
+    m_endpoint.setDepth(4);
+    m_port.write("12345678");
+    ASSERT_TRUE(waitForWritten(m_port, 5000)); // the first four
+    ASSERT_EQ(m_port.bytesToWrite(), 4);
+    ASSERT_EQ(m_endpoint.write("in"), 2);
+    const QSignalSpy errors(&m_port, &QSerialPort::errorOccurred);
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_FALSE(waitForWritten(m_port, 60));
+    EXPECT_GE(timer.elapsed(), 59);
+    EXPECT_EQ(m_port.readAll(), "in");
+    EXPECT_EQ(errors.count(), 0);
+    EXPECT_EQ(m_endpoint.read(), "1234");
+    EXPECT_TRUE(waitForWritten(m_port, 5000));
+    EXPECT_EQ(m_endpoint.read(), "5678");
+}
+
+TEST_F(RealPort, ThatLostItsDeviceRefusesOutputAtOnce)
+{
+    m_endpoint.setDepth(4);
+    m_port.write("12345678");
+    ASSERT_TRUE(waitForWritten(m_port, 5000));
+    m_endpoint.unplug();
+    const QSignalSpy errors(&m_port, &QSerialPort::errorOccurred);
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_FALSE(waitForWritten(m_port, 60000));
+    EXPECT_LT(timer.elapsed(), 60000);
+    EXPECT_GE(errors.count(), 1);
+}
+
 TEST_F(RealPort, RaisesNoErrorWhileItIsIdle)
 {
     const QSignalSpy errors(&m_port, &QSerialPort::errorOccurred);
