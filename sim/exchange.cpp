@@ -610,6 +610,8 @@ void Exchange::connectCall(Call& call, qint64 now)
     tell(0, QStringLiteral("call %1: %2 and %3 are connected")
                 .arg(call.statistics.call)
                 .arg(call.caller->name(), call.called->name()));
+    call.caller->endpoint.setDrainRate(line.rateForward / bitsPerByte);
+    call.called->endpoint.setDrainRate(line.rateBackward / bitsPerByte);
     // Each is told the speed at which it receives.
     call.called->modem.connected(line.rateForward, now);
     call.caller->modem.connected(line.rateBackward, now);
@@ -667,8 +669,10 @@ void Exchange::loseCarrier(Call& call, const QString& why)
     VirtualModem* called = call.called;
     endCall(call, why);
     for (VirtualModem* modem : {caller, called}) {
-        if (modem)
-            modem->modem.carrierLost();
+        if (!modem)
+            continue;
+        modem->endpoint.setDrainRate(0);
+        modem->modem.carrierLost();
     }
 }
 

@@ -6,6 +6,8 @@
 
 namespace sim {
 
+constexpr int bitsPerByte = 10; // on the line: start bit, eight data bits, stop bit
+
 // Bursts of noise. Intervals are counted in the bits that the line carries, so that the
 // same bytes and the same seed always meet the same noise, however fast the machine is.
 struct BurstSettings {

@@ -162,6 +162,12 @@ void PtyEndpoint::setDepth(int bytes)
         m_row->depth.store(bytes);
 }
 
+void PtyEndpoint::setDrainRate(int bytesPerS)
+{
+    if (m_row)
+        m_row->drainBytesPerS.store(bytesPerS);
+}
+
 qint64 PtyEndpoint::bytesFromProgram() const
 {
     return m_row ? static_cast<qint64>(m_row->outstanding()) : 0;
@@ -232,6 +238,7 @@ bool PtyEndpoint::claimRow()
     row->programSets.store(0);
     row->dtrDrops.store(0);
     row->depth.store(m_depth);
+    row->drainBytesPerS.store(0);
     row->written.store(0);
     row->taken.store(0);
     row->discardedUpTo.store(0);

@@ -34,7 +34,9 @@ namespace {
 
 using sim::LineRow;
 
-constexpr long sliceNs = 1000000; // how soon a waiter for room sees that room opened
+constexpr long nsPerSecond = 1000000000;
+constexpr long sliceNs = 1000000;         // how soon a waiter for room sees that room opened
+constexpr long longestSliceNs = 50000000; // where the line's pace tells that it takes long: it may be unplugged
 constexpr unsigned programBits = TIOCM_DTR | TIOCM_RTS;
 constexpr unsigned firstSlaveMajor = 136;
 constexpr unsigned lastSlaveMajor = 143;
@@ -126,38 +128,25 @@ bool hasRoom(const LineRow& row)
     return row.outstanding() < (wakeUpBytes() > 0 && wakeUpBytes() < depth ? wakeUpBytes() : depth);
 }
 
-long long nowNs()
+// How long a waiter for room sleeps before it looks again: a slice; with a wake-up level
+// until the bytes above it have left at the line's pace, so that looking costs little.
+long roomSliceNs(const LineRow& row)
 {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000000000LL + now.tv_nsec;
+    if (wakeUpBytes() == 0)
+        return sliceNs;
+    const long long bytesPerS = row.drainBytesPerS.load();
+    const long long waiting = static_cast<long long>(row.outstanding());
+    const long long above = waiting - static_cast<long long>(wakeUpBytes()) + 1;
+    if (bytesPerS <= 0 || above <= 0)
+        return sliceNs;
+    const long long restNs = above * nsPerSecond / bytesPerS;
+    return static_cast<long>(restNs < sliceNs ? sliceNs : restNs < longestSliceNs ? restNs : longestSliceNs);
 }
 
-// How long a waiter for room sleeps before it looks again: a slice; with a wake-up level
-// less often, by what has drained since it began to wait, so that looking costs little.
-class DrainWatch
+long sooner(long a, long b)
 {
-public:
-    explicit DrainWatch(const LineRow* row) : m_row(row), m_fromNs(nowNs()), m_from(row ? row->outstanding() : 0) {}
-
-    long sliceNs() const
-    {
-        if (!m_row || wakeUpBytes() == 0)
-            return ::sliceNs;
-        const std::uint64_t waiting = m_row->outstanding();
-        if (waiting >= m_from || waiting <= wakeUpBytes())
-            return ::sliceNs;
-        const double nsPerByte = static_cast<double>(nowNs() - m_fromNs) / static_cast<double>(m_from - waiting);
-        const double restNs = 0.9 * nsPerByte * static_cast<double>(waiting - wakeUpBytes());
-        return restNs < longestNs ? (restNs > ::sliceNs ? static_cast<long>(restNs) : ::sliceNs) : longestNs;
-    }
-
-private:
-    static constexpr long longestNs = 50000000;
-    const LineRow* m_row;
-    const long long m_fromNs;
-    const std::uint64_t m_from;
-};
+    return a < b ? a : b;
+}
 
 void setProgramLines(LineRow& row, unsigned clear, unsigned set)
 {
@@ -210,9 +199,8 @@ bool pauseSlice(long forNs = sliceNs)
 // For a writer that found no room; false when a signal came.
 bool pauseForRoom(const LineRow& row)
 {
-    const DrainWatch watch(&row);
     do {
-        if (!pauseSlice(watch.sliceNs()))
+        if (!pauseSlice(roomSliceNs(row)))
             return false;
     } while (wakeUpBytes() > 0 && row.owner.load() != 0 && !hasRoom(row));
     return true;
@@ -292,34 +280,28 @@ public:
     }
 
 private:
-    static constexpr long nsPerSecond = 1000000000;
     bool m_never = true;
     timespec m_at{0, 0};
 };
 
 constexpr short writable = POLLOUT | POLLWRNORM | POLLWRBAND;
 
-// Whether an entry asks for room on a slave that has none.
-bool isFull(const pollfd& entry)
+// The slave of an entry that asks for room where there is none; else null.
+const LineRow* fullRow(const pollfd& entry)
 {
     if (!(entry.events & writable) || entry.fd < 0)
-        return false;
+        return nullptr;
     const LineRow* row = rowOf(entry.fd);
-    return row && !hasRoom(*row);
-}
-
-const LineRow* firstFull(const pollfd* fds, nfds_t count)
-{
-    for (nfds_t i = 0; i < count; ++i) {
-        if (isFull(fds[i]))
-            return rowOf(fds[i].fd);
-    }
-    return nullptr;
+    return row && !hasRoom(*row) ? row : nullptr;
 }
 
 bool anyFull(const pollfd* fds, nfds_t count)
 {
-    return firstFull(fds, count) != nullptr;
+    for (nfds_t i = 0; i < count; ++i) {
+        if (fullRow(fds[i]))
+            return true;
+    }
+    return false;
 }
 
 // poll while some slave has no room: in slices, without asking for room where there is none.
@@ -333,17 +315,20 @@ int pollBounded(pollfd* fds, nfds_t count, const timespec* timeout, const sigset
         return -1;
     }
     const Deadline deadline(timeout);
-    const DrainWatch watch(firstFull(fds, count));
     int ready;
     bool more;
     do {
-        timespec wait;
-        more = deadline.slice(&wait, watch.sliceNs());
+        long soonestNs = longestSliceNs;
         memcpy(asked, fds, count * sizeof(pollfd));
         for (nfds_t i = 0; i < count; ++i) {
-            if (isFull(asked[i]))
-                asked[i].events = static_cast<short>(asked[i].events & ~writable);
+            const LineRow* full = fullRow(asked[i]);
+            if (!full)
+                continue;
+            asked[i].events = static_cast<short>(asked[i].events & ~writable);
+            soonestNs = sooner(soonestNs, roomSliceNs(*full));
         }
+        timespec wait;
+        more = deadline.slice(&wait, soonestNs);
         ready = nextPpoll.get()(asked, count, &wait, mask);
     } while (ready == 0 && more);
     if (ready >= 0) {
@@ -355,37 +340,35 @@ int pollBounded(pollfd* fds, nfds_t count, const timespec* timeout, const sigset
     return ready;
 }
 
-const LineRow* firstFull(int count, const fd_set* writeSet)
-{
-    for (int fd = 0; writeSet && fd < count; ++fd) {
-        if (FD_ISSET(fd, writeSet) && isFull({fd, POLLOUT, 0}))
-            return rowOf(fd);
-    }
-    return nullptr;
-}
-
 bool anyFull(int count, const fd_set* writeSet)
 {
-    return firstFull(count, writeSet) != nullptr;
+    for (int fd = 0; writeSet && fd < count; ++fd) {
+        if (FD_ISSET(fd, writeSet) && fullRow({fd, POLLOUT, 0}))
+            return true;
+    }
+    return false;
 }
 
 int selectBounded(int count, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, const timespec* timeout,
                   const sigset_t* mask)
 {
     const Deadline deadline(timeout);
-    const DrainWatch watch(firstFull(count, writeSet));
     for (;;) {
-        timespec wait;
-        const bool more = deadline.slice(&wait, watch.sliceNs());
+        long soonestNs = longestSliceNs;
         fd_set askedRead, askedWrite = *writeSet, askedExcept;
         if (readSet)
             askedRead = *readSet;
         if (exceptSet)
             askedExcept = *exceptSet;
         for (int fd = 0; fd < count; ++fd) {
-            if (FD_ISSET(fd, &askedWrite) && isFull({fd, POLLOUT, 0}))
-                FD_CLR(fd, &askedWrite);
+            const LineRow* full = FD_ISSET(fd, &askedWrite) ? fullRow({fd, POLLOUT, 0}) : nullptr;
+            if (!full)
+                continue;
+            FD_CLR(fd, &askedWrite);
+            soonestNs = sooner(soonestNs, roomSliceNs(*full));
         }
+        timespec wait;
+        const bool more = deadline.slice(&wait, soonestNs);
         const int ready = nextPselect.get()(count, readSet ? &askedRead : nullptr, &askedWrite,
                                             exceptSet ? &askedExcept : nullptr, &wait, mask);
         if (ready == 0 && more)

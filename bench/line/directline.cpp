@@ -15,9 +15,11 @@ using sim::sliceNs;
 
 DirectLine::DirectLine(const sim::LineSettings& settings, int depthBytes) : m_line(settings, 1, false, clockNs())
 {
-    for (End& end : m_ends) {
-        end.endpoint.setDepth(depthBytes);
-        end.endpoint.setModemLines(sim::LineDsr | sim::LineDcd | sim::LineCts);
+    for (int side = 0; side < 2; ++side) {
+        sim::PtyEndpoint& endpoint = m_ends[side].endpoint;
+        endpoint.setDepth(depthBytes);
+        endpoint.setDrainRate(direction(side).rate() / sim::bitsPerByte);
+        endpoint.setModemLines(sim::LineDsr | sim::LineDcd | sim::LineCts);
     }
 }
 

@@ -352,10 +352,18 @@ TEST_F(PtyEndpointTest, WaitersAreWokenBelowTheWakeUpLevel)
     EXPECT_EQ(pollFor(fd, POLLOUT, 0), POLLOUT);
 }
 
-TEST_F(PtyEndpointTest, AWaiterSeesTheWakeUpLevelInTheEnd)
+// Also where the pace that was told is wrong: one byte a second.
+class WakeUpLevel : public PtyEndpointTest, public testing::WithParamInterface<int>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(Pace, WakeUpLevel, testing::Values(0, 1, 100000000));
+
+TEST_P(WakeUpLevel, IsSeenByAWaiterInTheEnd)
 {
     qputenv("PTYLINES_WAKEUP", "256");
     PtyEndpoint endpoint;
+    endpoint.setDrainRate(GetParam());
     const int fd = openFd(endpoint);
     ASSERT_EQ(writeFill(fd, 4096), 4096);
     std::atomic<bool> woken{false};
@@ -369,10 +377,11 @@ TEST_F(PtyEndpointTest, AWaiterSeesTheWakeUpLevelInTheEnd)
     EXPECT_GT(taken, 3840);
 }
 
-TEST_F(PtyEndpointTest, ABlockingWriterIsWokenBelowTheWakeUpLevel)
+TEST_P(WakeUpLevel, IsSeenByABlockingWriter)
 {
     qputenv("PTYLINES_WAKEUP", "256");
     PtyEndpoint endpoint;
+    endpoint.setDrainRate(GetParam());
     const int fd = openFd(endpoint, 0);
     std::atomic<ssize_t> result{-2};
     std::thread writer([&] { result = writeFill(fd, 4096 + 1000); });
