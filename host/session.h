@@ -101,6 +101,8 @@ public:
     [[nodiscard]] QString endReason() const { return m_endReason; }
     [[nodiscard]] bool wasUseful() const { return m_wasUseful; } // a message was stored or delivered
     [[nodiscard]] QString peerName() const { return m_peerName; } // empty until told
+    // Of the file that is coming in; 0 when none is.
+    [[nodiscard]] qint64 bytesToReceive() const { return m_receiving ? m_receiving->offer.size - m_receiving->position : 0; }
 
 private:
     enum class Phase {

@@ -12,7 +12,9 @@ namespace {
 // line busy. Between its passes the worker sleeps instead of waiting in the event loop,
 // where the port's notifier would wake it for each few bytes of a packet that comes in.
 constexpr int passPauseMs = 5;
-constexpr int receivingPauseMs = 10; // while nothing is to be sent; the driver's buffer holds 44 ms at 921600 bit/s
+constexpr int receivingPauseMs = 10;     // while nothing is to be sent
+constexpr int bulkReceivingPauseMs = 20; // and much is still to come; the driver's buffer holds 44 ms at 921600 bit/s
+constexpr qint64 bulkBytes = 4096;
 
 constexpr int readBytes = 64 * 1024;
 constexpr int linkOverheadBytes = 10; // of each packet: a block without them fills one packet exactly
@@ -56,7 +58,7 @@ void SessionProtocol::tick()
 {
     if (m_ended)
         return;
-    QThread::msleep(m_hasSent ? passPauseMs : receivingPauseMs);
+    QThread::msleep(static_cast<unsigned long>(pauseMs()));
     const bool isConnected = channel->isConnected();
     if (m_stopRequested)
         m_session->stop(QStringLiteral("stopped"), m_clock.elapsed());
@@ -70,6 +72,13 @@ void SessionProtocol::tick()
         m_session->connectionLost();
     if (m_session->isFinished())
         end();
+}
+
+int SessionProtocol::pauseMs() const
+{
+    if (m_hasSent)
+        return passPauseMs;
+    return m_session->bytesToReceive() > bulkBytes ? bulkReceivingPauseMs : receivingPauseMs;
 }
 
 void SessionProtocol::readAll()

@@ -55,6 +55,7 @@ public:
 
 private:
     void tick();
+    int pauseMs() const;
     void readAll();
     void writeAll();
     void onEvent(const SessionEvent& event);

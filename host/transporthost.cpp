@@ -9,11 +9,11 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRandomGenerator>
-#include <QSaveFile>
 
 namespace host {
 
@@ -556,12 +556,17 @@ void TransportHost::writeState()
                                  {QStringLiteral("received"), static_cast<double>(row.receivedBytes)},
                                  {QStringLiteral("sent"), static_cast<double>(row.sentBytes)}});
     }
-    // Only for show: whole, but not synced.
-    QSaveFile file(stateFilePath());
-    if (!file.open(QIODevice::WriteOnly))
+    const QByteArray state =
+        QJsonDocument(QJsonObject{{QStringLiteral("process"), static_cast<double>(::getpid())}, {QStringLiteral("ports"), ports}}).toJson();
+    if (state == m_writtenState && QFile::exists(stateFilePath()))
         return;
-    file.write(QJsonDocument(QJsonObject{{QStringLiteral("process"), static_cast<double>(::getpid())}, {QStringLiteral("ports"), ports}}).toJson());
-    file.commit();
+    // Only for show: whole, but not synced, which QSaveFile would do each second.
+    QFile file(stateFilePath() + QStringLiteral(".new"));
+    if (!file.open(QIODevice::WriteOnly) || file.write(state) != state.size() || !file.flush())
+        return;
+    file.close();
+    if (renamePath(file.fileName(), stateFilePath()).isEmpty())
+        m_writtenState = state;
 }
 
 } // namespace host

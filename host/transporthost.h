@@ -165,6 +165,7 @@ private:
     QByteArray m_settingsStamp;
     qint64 m_lastQueuePollMs = -1000000;
     qint64 m_lastStateMs = -1000000;
+    QByteArray m_writtenState;
     qint64 m_deadlineMs = -1;
     int m_receivedCount = 0;
     int m_deliveredCount = 0;
