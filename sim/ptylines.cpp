@@ -461,7 +461,9 @@ PTYLINES_EXPORT ssize_t writev(int fd, const iovec* parts, int count)
 
 // libc's header declares the entries as written only, though their events are read.
 #pragma GCC diagnostic push
+#ifndef __clang__ // which does not know the warning
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 PTYLINES_EXPORT int poll(pollfd* fds, nfds_t count, int timeoutMs)
 {
