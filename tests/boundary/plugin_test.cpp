@@ -14,6 +14,7 @@
 #include <QFile>
 #include <QLibrary>
 #include <QMetaMethod>
+#include <QThread>
 
 #include <gtest/gtest.h>
 

@@ -11,6 +11,7 @@
 
 #include <QCoreApplication>
 #include <QRegularExpression>
+#include <QSet>
 #include <QThread>
 
 #include <gtest/gtest.h>
