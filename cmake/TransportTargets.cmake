@@ -55,12 +55,39 @@ function(transport_target target)
     endif()
 endfunction()
 
-# transport_library(<name> SOURCES <file>... LINKS <library>...): a static library.
+# Qt's headers take longer to read than most sources take to compile, so they are read
+# once for all targets. Every source still includes what it needs, and compiles with
+# CMAKE_DISABLE_PRECOMPILE_HEADERS=ON.
+
+# transport_precompiled_header(<name> HEADERS <header>... LINKS <library>...)
+# The compiler refuses the header in a target whose flags or macros differ: what LINKS
+# brings has to be in the LINKS of every target that uses it.
+function(transport_precompiled_header name)
+    cmake_parse_arguments(ARG "" "" "HEADERS;LINKS" ${ARGN})
+    set(source ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
+    file(CONFIGURE OUTPUT ${source} CONTENT "// Stands for the precompiled header, which needs a source.\n")
+    add_library(${name} OBJECT ${source})
+    target_link_libraries(${name} PRIVATE ${ARG_LINKS})
+    transport_target(${name})
+    target_precompile_headers(${name} PRIVATE ${ARG_HEADERS})
+endfunction()
+
+# transport_precompiled(<target> <precompiled header>)
+function(transport_precompiled target header)
+    target_precompile_headers(${target} REUSE_FROM ${header})
+endfunction()
+
+transport_precompiled_header(precompiled HEADERS <QtCore> LINKS Qt5::Core)
+
+# transport_library(<name> [MOC] SOURCES <file>... LINKS <library>...): a static library.
+# MOC: its headers hold Q_OBJECT.
 function(transport_library name)
-    cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+    cmake_parse_arguments(ARG "MOC" "" "SOURCES;LINKS" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})
     target_link_libraries(${name} PUBLIC ${ARG_LINKS})
     transport_target(${name})
+    transport_precompiled(${name} precompiled)
+    set_target_properties(${name} PROPERTIES AUTOMOC ${ARG_MOC})
 endfunction()
 
 if(TRANSPORT_SANITIZER STREQUAL "thread")
@@ -70,18 +97,26 @@ if(TRANSPORT_SANITIZER STREQUAL "thread")
     target_compile_options(tsanqt PRIVATE -fsanitize=thread)
 endif()
 
-# transport_program(<name> SOURCES <file>... LINKS <library>...)
+# transport_program(<name> [PRECOMPILED <precompiled header>] SOURCES <file>... LINKS <library>...)
 function(transport_program name)
-    cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+    cmake_parse_arguments(ARG "" "PRECOMPILED" "SOURCES;LINKS" ${ARGN})
+    if(NOT ARG_PRECOMPILED)
+        set(ARG_PRECOMPILED precompiled)
+    endif()
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE ${ARG_LINKS})
     transport_target(${name})
+    transport_precompiled(${name} ${ARG_PRECOMPILED})
     if(TARGET tsanqt)
         target_sources(${name} PRIVATE $<TARGET_OBJECTS:tsanqt>)
         target_link_libraries(${name} PRIVATE ${CMAKE_DL_LIBS})
         set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
     endif()
 endfunction()
+
+# In a release build the test programs' own sources are the greater part of the work, and
+# nobody measures them; what they test keeps the release's optimisation.
+set(transport_test_options $<$<CONFIG:Release>:-O1>)
 
 # transport_test(<name> [TIMEOUT <s>] [LABELS <label>...] SOURCES <file>... LINKS <library>...)
 # A GoogleTest program of which CTest runs every test in a process of its own,
@@ -91,8 +126,8 @@ function(transport_test name)
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 120)
     endif()
-    transport_program(${name} SOURCES ${ARG_SOURCES} LINKS ${ARG_LINKS} testsupport)
-    target_precompile_headers(${name} PRIVATE <QtCore> <gtest/gtest.h>)
+    transport_program(${name} PRECOMPILED precompiled-tests SOURCES ${ARG_SOURCES} LINKS ${ARG_LINKS} testsupport)
+    target_compile_options(${name} PRIVATE ${transport_test_options})
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
     set(properties TIMEOUT ${ARG_TIMEOUT})
     if(ARG_LABELS)
