@@ -1,5 +1,8 @@
 // Ports in number: 256 in one process, and what starting and stopping leaves behind.
+#include <algorithm>
 #include <cstdio>
+#include <functional>
+#include <limits>
 
 #include <QElapsedTimer>
 
@@ -32,6 +35,89 @@ void print(const char* what, const Resources& now, const Resources& before)
                 now.descriptors - before.descriptors, static_cast<double>(now.heapBytes - before.heapBytes) / (1 << 20),
                 static_cast<double>(now.residentBytes - before.residentBytes) / (1 << 20));
 }
+
+// Rounds of starting and stopping all ports, each with calls that stand when it is stopped.
+class Rounds
+{
+public:
+    explicit Rounds(int calls) : m_bed(ports, fastLine(), [] { return SessionPlan(); }), m_calls(calls) {}
+
+    static constexpr int ports = 64;
+
+    // How much more heap there is after so many further rounds, by a count that a leak in
+    // every round adds to and little else. What is made once is made before.
+    //
+    // The count also goes up and down, by up to some 200 KiB: GLib's slices, the allocator's
+    // caches and the stacks of ended threads are given back at moments of their own. A short
+    // low is passed over at the beginning, and a short high at the end. To look closer:
+    // G_SLICE=always-malloc and GLIBC_TUNABLES=glibc.malloc.tcache_count=0 still the count.
+    void measure(int rounds, qint64* grownBytes)
+    {
+        ASSERT_NO_FATAL_FAILURE(runSeveral(warmingRounds));
+        const Resources before = currentResources();
+        qint64 highest = 0;
+        ASSERT_NO_FATAL_FAILURE(
+            runSeveral(lookedAtRounds, [&](qint64 heapBytes) { highest = std::max(highest, heapBytes); }));
+        ASSERT_NO_FATAL_FAILURE(runSeveral(rounds - 1));
+        qint64 lowest = std::numeric_limits<qint64>::max();
+        ASSERT_NO_FATAL_FAILURE(
+            runSeveral(lookedAtRounds, [&](qint64 heapBytes) { lowest = std::min(lowest, heapBytes); }));
+        *grownBytes = lowest - highest;
+        std::printf("%d rounds with %d ports and %d calls: %lld bytes of heap more\n", rounds, ports, m_calls,
+                    static_cast<long long>(*grownBytes));
+        EXPECT_EQ(currentResources().descriptors, before.descriptors);
+        EXPECT_FALSE(m_bed.anyWasTerminated());
+        EXPECT_EQ((m_bed.account.violations() + m_bed.board.violations()).join('\n').toStdString(), "");
+    }
+
+private:
+    static constexpr int warmingRounds = 2;
+    static constexpr int lookedAtRounds = 3; // at the beginning, and at the end
+    static constexpr int callAgainMs = 5000;
+
+    void runSeveral(int rounds, const std::function<void(qint64 heapBytes)>& look = {})
+    {
+        for (int i = 0; i < rounds; ++i) {
+            ASSERT_NO_FATAL_FAILURE(run());
+            if (look)
+                look(currentResources().heapBytes);
+        }
+    }
+
+    void run()
+    {
+        m_bed.start();
+        ASSERT_TRUE(m_bed.waitForFree(ports, deadlineMs)) << m_bed.board.lines().join('\n').toStdString();
+        const int before = m_bed.account.figures().withPeer;
+        const auto callWhereFree = [&] {
+            for (int i = 1; i <= m_calls; ++i) {
+                if (m_bed.board.isFree(m_bed.port(i)))
+                    m_bed.call(ports / 2 + i, {m_bed.port(i)});
+            }
+        };
+        callWhereFree();
+        QElapsedTimer sinceCalled;
+        sinceCalled.start();
+        const auto allStand = [&] {
+            // On a machine that is busy a modem may give a call up, as a host knows it: again.
+            if (sinceCalled.elapsed() > callAgainMs) {
+                callWhereFree();
+                sinceCalled.restart();
+            }
+            return m_bed.account.figures().withPeer >= before + 2 * m_calls;
+        };
+        ASSERT_TRUE(waitFor(allStand, deadlineMs)) << m_bed.board.lines().join('\n').toStdString();
+        m_bed.stopFromWithin();
+        EXPECT_EQ(m_bed.board.count(), 0);
+        m_bed.account.forgetEnded();
+        // An ended thread goes, with what the allocator keeps for it, a moment after its end is known.
+        ASSERT_TRUE(waitFor([&] { return currentResources().threads == m_threadsAlone; }, deadlineMs));
+    }
+
+    StressBed m_bed;
+    const int m_calls;
+    const int m_threadsAlone = currentResources().threads;
+};
 
 } // namespace
 
@@ -99,56 +185,23 @@ TEST(Ports, TwoHundredAndFiftySixInOneProcess)
     EXPECT_EQ(after.descriptors, before.descriptors);
 }
 
-// What a round leaves behind shows after several; what is made once does not.
+// Without calls a round is short, so that there can be many and little goes unnoticed.
 TEST(Ports, StartingAndStoppingLeavesNothing)
 {
-    constexpr int ports = 64;
-    constexpr int calls = 8;
-    constexpr int firstRounds = 2;
-    constexpr int callAgainMs = 20000;
-    constexpr int rounds = 5;
-    StressBed bed(ports, fastLine(), [] { return SessionPlan(); });
-    const int threadsAlone = currentResources().threads;
-    // An ended thread goes, with what the allocator keeps for it, a moment after its end is known.
-    const auto allThreadsAreGone = [&] { return waitFor([&] { return currentResources().threads == threadsAlone; }); };
-    const auto round = [&] {
-        bed.start();
-        ASSERT_TRUE(bed.waitForFree(ports, deadlineMs)) << bed.board.lines().join('\n').toStdString();
-        const int before = bed.account.figures().withPeer;
-        for (int i = 1; i <= calls; ++i)
-            bed.call(ports / 2 + i, {bed.port(i)});
-        QElapsedTimer sinceCalled;
-        sinceCalled.start();
-        const auto allStand = [&] {
-            // On a machine that is busy a modem may give a call up, as a host knows it: again.
-            for (int i = 1; sinceCalled.elapsed() > callAgainMs && i <= calls; ++i) {
-                if (bed.board.isFree(bed.port(i)))
-                    bed.call(ports / 2 + i, {bed.port(i)});
-            }
-            if (sinceCalled.elapsed() > callAgainMs)
-                sinceCalled.restart();
-            return bed.account.figures().withPeer >= before + 2 * calls;
-        };
-        ASSERT_TRUE(waitFor(allStand, deadlineMs))
-            << bed.board.lines().join('\n').toStdString();
-        bed.stopFromWithin();
-        EXPECT_EQ(bed.board.count(), 0);
-        bed.account.forgetEnded();
-    };
-    for (int i = 0; i < firstRounds; ++i)
-        ASSERT_NO_FATAL_FAILURE(round());
-    ASSERT_TRUE(allThreadsAreGone());
-    const Resources before = currentResources();
-    for (int i = 0; i < rounds; ++i)
-        ASSERT_NO_FATAL_FAILURE(round());
-    ASSERT_TRUE(allThreadsAreGone());
-    const Resources after = currentResources();
-    EXPECT_EQ(after.descriptors, before.descriptors);
-    const qint64 grown = after.heapBytes - before.heapBytes;
-    std::printf("%d rounds with %d ports: %lld bytes of heap more\n", rounds, ports, static_cast<long long>(grown));
-    // The exchange keeps the statistics of every call; a worker that were left behind would
-    // be more than this by itself.
-    EXPECT_LT(grown, rounds * calls * 1024);
-    EXPECT_FALSE(bed.anyWasTerminated());
-    EXPECT_EQ((bed.account.violations() + bed.board.violations()).join('\n').toStdString(), "");
+    constexpr int rounds = 32;
+    constexpr qint64 noticedBytes = 128; // a port and round
+    qint64 grownBytes = 0;
+    ASSERT_NO_FATAL_FAILURE(Rounds(0).measure(rounds, &grownBytes));
+    EXPECT_LT(grownBytes, rounds * Rounds::ports * noticedBytes);
+}
+
+TEST(Ports, CallsThatAreStoppedLeaveNothing)
+{
+    constexpr int rounds = 8;
+    constexpr int calls = Rounds::ports / 2;
+    constexpr qint64 noticedBytes = 512;    // a port and round
+    constexpr qint64 statisticsBytes = 512; // of every call: the exchange keeps them, and doubles its room when it is full
+    qint64 grownBytes = 0;
+    ASSERT_NO_FATAL_FAILURE(Rounds(calls).measure(rounds, &grownBytes));
+    EXPECT_LT(grownBytes, rounds * (Rounds::ports * noticedBytes + calls * statisticsBytes));
 }

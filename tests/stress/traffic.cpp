@@ -36,8 +36,10 @@ char ByteStream::next()
     case 1:
         return '+';
     default:
-        return static_cast<char>(drawn >> 8);
+        break;
     }
+    const char byte = static_cast<char>(drawn >> 8);
+    return byte == 'T' || byte == 't' ? '+' : byte;
 }
 
 // --- the account ------------------------------------------------------------------------

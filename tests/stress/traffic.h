@@ -19,7 +19,9 @@
 namespace testsupport {
 
 // The bytes of one stream, drawn from its number; rich in what a link takes for the
-// beginning of a packet and a modem for its escape.
+// beginning of a packet and a modem for its escape. Never "AT": a modem that has lost its
+// carrier takes what is still written to it for commands, and a drawn ATX or ATQ would
+// change its results for the rest of the test.
 class ByteStream
 {
 public:
