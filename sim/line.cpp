@@ -8,7 +8,6 @@ namespace sim {
 
 namespace {
 
-
 // Neighbouring seeds must not give related noise (the finalizer of splitmix64).
 quint64 mixed(quint64 value)
 {
