@@ -1,5 +1,7 @@
 #include "host/sessionprotocol.h"
 
+#include <limits>
+
 #include <QThread>
 
 #include "common/global.h"
@@ -11,10 +13,18 @@ namespace {
 // The channel reads, confirms and repeats only while it is read: often enough to keep the
 // line busy. Between its passes the worker sleeps instead of waiting in the event loop,
 // where the port's notifier would wake it for each few bytes of a packet that comes in.
-constexpr int passPauseMs = 5;
+constexpr int sendingPauseMs = 5;
 constexpr int receivingPauseMs = 10;     // while nothing is to be sent
-constexpr int bulkReceivingPauseMs = 20; // and much is still to come; the driver's buffer holds 44 ms at 921600 bit/s
+constexpr int bulkReceivingPauseMs = 20; // and much is still to come, on a line that is not too fast for that
 constexpr qint64 bulkBytes = 4096;
+constexpr qint64 fastBytesPerS = 20000;
+constexpr qint64 rateWindowMs = 500;
+
+// The channel writes all it is given before it confirms what came in: while the peer sends
+// too, so much a pass that its confirmations do not wait long.
+constexpr qint64 busyBytesPerS = 256; // more than answers make
+constexpr qint64 turnMs = 30;
+constexpr int leastBlocks = 1; // the line must not rest between two passes
 
 constexpr int readBytes = 64 * 1024;
 constexpr int linkOverheadBytes = 10; // of each packet: a block without them fills one packet exactly
@@ -43,6 +53,7 @@ void SessionProtocol::start()
 {
     CAbstractProtocol::start();
     m_clock.start();
+    m_sinceRest.start();
     m_session = std::make_unique<Session>(
         m_context->settings, m_context->store, [this](const SessionEvent& event) { onEvent(event); }, m_clock.elapsed());
     report(SessionReport::Kind::Begun);
@@ -58,7 +69,7 @@ void SessionProtocol::tick()
 {
     if (m_ended)
         return;
-    QThread::msleep(static_cast<unsigned long>(pauseMs()));
+    rest();
     const bool isConnected = channel->isConnected();
     if (m_stopRequested)
         m_session->stop(QStringLiteral("stopped"), m_clock.elapsed());
@@ -74,17 +85,35 @@ void SessionProtocol::tick()
         end();
 }
 
-int SessionProtocol::pauseMs() const
+void SessionProtocol::rest()
 {
-    if (m_hasSent)
-        return passPauseMs;
-    return m_session->bytesToReceive() > bulkBytes ? bulkReceivingPauseMs : receivingPauseMs;
+    int pauseMs = receivingPauseMs;
+    if (m_hasSent) // as a rule the channel has waited for room in the driver: that counts
+        pauseMs = qMax(0, sendingPauseMs - static_cast<int>(m_sinceRest.elapsed()));
+    else if (m_bytesPerS > fastBytesPerS)
+        pauseMs = sendingPauseMs;
+    else if (m_session->bytesToReceive() > bulkBytes)
+        pauseMs = bulkReceivingPauseMs;
+    QThread::msleep(static_cast<unsigned long>(pauseMs));
+    m_sinceRest.start();
+}
+
+void SessionProtocol::measureRate(int bytes)
+{
+    m_rateBytes += bytes;
+    const qint64 elapsedMs = m_clock.elapsed() - m_rateSinceMs;
+    if (elapsedMs < rateWindowMs)
+        return;
+    m_bytesPerS = m_rateBytes * 1000 / elapsedMs;
+    m_rateSinceMs += elapsedMs;
+    m_rateBytes = 0;
 }
 
 void SessionProtocol::readAll()
 {
     for (;;) {
         const QByteArray bytes = channel->read(readBytes);
+        measureRate(bytes.size());
         m_session->receive(bytes, m_clock.elapsed());
         if (bytes.size() < readBytes)
             return;
@@ -94,12 +123,18 @@ void SessionProtocol::readAll()
 void SessionProtocol::writeAll()
 {
     m_hasSent = channel->idealBlockSize() <= 0; // what was sent before is still on its way
-    for (int offered = 0; (offered = channel->idealBlockSize()) > 0;) {
+    const qint64 mostBytes = m_bytesPerS > busyBytesPerS ? m_bytesPerS * turnMs / 1000 : std::numeric_limits<qint64>::max();
+    qint64 bytes = 0;
+    for (int blocks = 0; blocks < leastBlocks || bytes < mostBytes; ++blocks) {
+        const int offered = channel->idealBlockSize();
+        if (offered <= 0)
+            return;
         const int blockBytes = qMax(1, qMin(offered, m_context->maxBlockBytes) - linkOverheadBytes);
         const QByteArray block = m_session->takeOutput(blockBytes, m_clock.elapsed());
         if (block.isEmpty())
             return;
         channel->write(block);
+        bytes += block.size();
         m_hasSent = true;
     }
 }

@@ -55,7 +55,8 @@ public:
 
 private:
     void tick();
-    int pauseMs() const;
+    void rest();
+    void measureRate(int bytes);
     void readAll();
     void writeAll();
     void onEvent(const SessionEvent& event);
@@ -68,6 +69,10 @@ private:
     QElapsedTimer m_clock;
     QTimer m_timer;
     std::atomic<bool> m_stopRequested{false}; // set from the server's thread
+    QElapsedTimer m_sinceRest;
+    qint64 m_rateSinceMs = 0; // bytes that came in
+    qint64 m_rateBytes = 0;
+    qint64 m_bytesPerS = 0;
     bool m_hasSent = false; // in the last tick, or could not for lack of room
     bool m_ended = false;
 };
