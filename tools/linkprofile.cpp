@@ -29,10 +29,6 @@ constexpr double shortestConfirmationS = 0.05; // as the key's range has it
 constexpr double packetsPerConfirmation = 2;
 constexpr double longestConfirmationS = 1;
 
-// While one packet is missing, no new one goes out more than 60 numbers beyond it: of
-// those, so many are counted on.
-constexpr double windowPackets = 54;
-
 // A round trip should be no more packets than this, or the window is too short for repeats.
 constexpr double packetsPerRoundTrip = 14;
 
@@ -41,15 +37,16 @@ constexpr double mostNoisePerPacket = 0.3;
 
 // The resend interval in times of what may be unconfirmed: less, and with both ways busy
 // repeats of what is still on its way feed themselves.
-constexpr double resendFactor = 1.75;
+constexpr double resendFactor = 1.6;
 constexpr double cleanResendFactor = 1.25; // of the longest round trip there can be
 
 constexpr double leastQueue = 512;   // bytes: room for what a session says beside its data
 constexpr double leastToWrite = 512; // bytes: that a port's output does not run dry over one small packet
+constexpr double leastToWriteS = 0.05; // of the line, or a fast one runs dry while a host has its turn
 
-// What may be unconfirmed beyond what a round trip takes.
-constexpr double leastSlackPackets = 5;
-constexpr double mostSlackPackets = 16;
+// What may be unconfirmed beyond what a round trip takes: one packet on its way in each
+// direction, one that each driver holds, and two for hosts that are late.
+constexpr double slackPackets = 6;
 
 // Expected goodput: what the session's frames and opening leave, what
 // confirmations that wait behind data leave with both ways busy, and how many of a
@@ -59,10 +56,6 @@ constexpr double bothWaysShare = 0.99;
 constexpr double bothWaysLoss = 0.3; // of the share of lost packets
 constexpr double packetsThatCount = 8;
 constexpr int mostLosses = 40;
-
-// Nor more than this of the line's time on a slow one: a loss when little is on its way,
-// at the beginning or the end of a call, waits for the resend interval.
-constexpr double longestUnconfirmedS = 5;
 
 double bounded(double value, double least, double most)
 {
@@ -147,20 +140,15 @@ LinkProfile recommendedProfile(const LineFacts& facts)
     const double roundTripS = confirmationS + turnsS + 2 * line.delayS;
     const double roundTrip = roundTripS * line.bytesPerS;
 
-    // So much may be unconfirmed that a packet lost, and where many are lost its repeat too,
-    // comes again before the window is used up.
-    const double lost = 1 - std::exp(-line.noise * packet);
-    const double losses = std::min(2.0, 1 + 10 * lost);
-    const double tolerated = std::min(windowPackets * packet / (1 + losses * resendFactor), longestUnconfirmedS * line.bytesPerS);
-    const double unconfirmed =
-        std::max(leastQueue + packet,
-                 bounded(tolerated, roundTrip + leastSlackPackets * packet, roundTrip + mostSlackPackets * packet));
+    // No more than keeps the line busy: the resend interval grows with it, and a packet lost
+    // at the end of a call waits that long.
+    const double unconfirmed = std::max(leastQueue + packet, roundTrip + slackPackets * packet);
     const double longestRoundTripS = 2 * (line.bufferBytes + packet) / line.bytesPerS + roundTripS;
     const double resendS = std::min(resendFactor * unconfirmed / line.bytesPerS, cleanResendFactor * longestRoundTripS);
 
     LinkProfile profile;
     profile.packetSize = static_cast<int>(packet);
-    profile.maxBytesToWrite = inRange(std::max(packet, leastToWrite), Setting::DetailsTransportComMaxBytesToWrite);
+    profile.maxBytesToWrite = inRange(std::max({packet, leastToWrite, leastToWriteS * line.bytesPerS}), Setting::DetailsTransportComMaxBytesToWrite);
     profile.maxBytesInQueue = inRange(unconfirmed - packet, Setting::DetailsTransportComMaxBytesInQueue);
     profile.resendIntervalMs = inRange(1000 * resendS, Setting::DetailsTransportComResendInterval);
     profile.confirmationIntervalMs = inRange(1000 * confirmationS, Setting::DetailsTransportComConfirmationInterval);

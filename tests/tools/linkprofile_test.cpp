@@ -106,17 +106,18 @@ private:
 // docs/tuning.md, "The arithmetic, by example".
 TEST(LinkProfileRule, GivesWhatTheDocumentWorksOut)
 {
-    EXPECT_EQ(recommendedProfile(line(115200, 0, 0)), profile(3714, 3714, 53886, 2539, 645));
-    EXPECT_EQ(recommendedProfile(line(9600, 0, 1e-4)), profile(123, 512, 1390, 2759, 257));
-    EXPECT_EQ(recommendedProfile(line(115200, 100, 1e-4)), profile(230, 512, 4146, 665, 50));
+    EXPECT_EQ(recommendedProfile(line(115200, 0, 0)), profile(3714, 3714, 26344, 2539, 645));
+    EXPECT_EQ(recommendedProfile(line(9600, 0, 1e-4)), profile(123, 512, 890, 1688, 257));
+    EXPECT_EQ(recommendedProfile(line(921600, 0, 1e-5)), profile(527, 4608, 10008, 183, 50));
+    EXPECT_EQ(recommendedProfile(line(115200, 100, 1e-4)), profile(230, 576, 4376, 640, 50));
 }
 
 TEST(LinkProfileRule, ExpectsWhatTheDocumentWorksOut)
 {
     EXPECT_NEAR(expectedGoodput(line(115200, 0, 0)).oneWay, 0.995, 0.0005);
     EXPECT_NEAR(expectedGoodput(line(115200, 0, 0)).bothWays, 0.983, 0.0005);
-    EXPECT_NEAR(expectedGoodput(line(9600, 0, 1e-4)).oneWay, 0.813, 0.0005);
-    EXPECT_NEAR(expectedGoodput(line(9600, 0, 1e-4)).bothWays, 0.741, 0.0005);
+    EXPECT_NEAR(expectedGoodput(line(9600, 0, 1e-4)).oneWay, 0.815, 0.0005);
+    EXPECT_NEAR(expectedGoodput(line(9600, 0, 1e-4)).bothWays, 0.743, 0.0005);
 }
 
 TEST(LinkProfileRule, StaysWithinTheRangesWhateverTheLine)
