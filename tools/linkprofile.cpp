@@ -38,6 +38,9 @@ constexpr double mostNoisePerPacket = 0.3;
 // The resend interval in times of what may be unconfirmed: less, and with both ways busy
 // repeats of what is still on its way feed themselves.
 constexpr double resendFactor = 1.6;
+// But where the window stands still much of the time, less is on its way than may be, and a
+// repeat that comes sooner lets it move again.
+constexpr double leastResendFactor = 1.1;
 constexpr double cleanResendFactor = 1.25; // of the longest round trip there can be
 
 constexpr double leastQueue = 512;   // bytes: room for what a session says beside its data
@@ -105,10 +108,9 @@ double packetFor(const Line& line)
 // The share of the time in which new packets may go, while packets that were lost keep
 // the window where it is. Some of the packets of a window have their repeats lost too, and
 // the one that needs the most tries counts.
-double movingShare(double lost, double resendS, double packetS)
+double movingShare(double lost, double resendS, double roundTripS, double packetS)
 {
     const double windowS = 60 * packetS;
-    const double roundTripS = resendS / resendFactor;
     double waitingS = 0;
     double reached = 1 - std::pow(1 - lost, packetsThatCount); // so many losses of one packet
     double power = lost;
@@ -143,8 +145,12 @@ LinkProfile recommendedProfile(const LineFacts& facts)
     // No more than keeps the line busy: the resend interval grows with it, and a packet lost
     // at the end of a call waits that long.
     const double unconfirmed = std::max(leastQueue + packet, roundTrip + slackPackets * packet);
+    const double unconfirmedS = unconfirmed / line.bytesPerS;
+    const double lost = 1 - std::exp(-line.noise * packet);
+    const double moving = movingShare(lost, resendFactor * unconfirmedS, unconfirmedS, packetS);
+    const double factor = std::max(leastResendFactor, resendFactor * moving * moving);
     const double longestRoundTripS = 2 * (line.bufferBytes + packet) / line.bytesPerS + roundTripS;
-    const double resendS = std::min(resendFactor * unconfirmed / line.bytesPerS, cleanResendFactor * longestRoundTripS);
+    const double resendS = std::min(factor * unconfirmedS, cleanResendFactor * longestRoundTripS);
 
     LinkProfile profile;
     profile.packetSize = static_cast<int>(packet);
@@ -168,7 +174,8 @@ Goodput expectedGoodput(const LineFacts& facts)
     const double payload = (onLine - overheadBytes) / onLine;
     const double arriving = std::exp(-noise * onLine);
     const double repeatedInVain = noise * confirmationBytes; // what a lost confirmation listed
-    const double moving = movingShare(1 - arriving, profile.resendIntervalMs / 1000.0, packetS);
+    const double roundTripS = (profile.maxBytesInQueue + profile.packetSize) / line.bytesPerS;
+    const double moving = movingShare(1 - arriving, profile.resendIntervalMs / 1000.0, roundTripS, packetS);
 
     Goodput goodput;
     goodput.oneWay = sessionShare * payload * arriving * moving / (1 + repeatedInVain);

@@ -108,8 +108,8 @@ TEST(LinkProfileRule, GivesWhatTheDocumentWorksOut)
 {
     EXPECT_EQ(recommendedProfile(line(115200, 0, 0)), profile(3714, 3714, 26344, 2539, 645));
     EXPECT_EQ(recommendedProfile(line(9600, 0, 1e-4)), profile(123, 512, 890, 1688, 257));
-    EXPECT_EQ(recommendedProfile(line(921600, 0, 1e-5)), profile(527, 4608, 10008, 183, 50));
-    EXPECT_EQ(recommendedProfile(line(115200, 100, 1e-4)), profile(230, 576, 4376, 640, 50));
+    EXPECT_EQ(recommendedProfile(line(921600, 0, 1e-5)), profile(527, 4608, 10008, 181, 50));
+    EXPECT_EQ(recommendedProfile(line(115200, 100, 1e-4)), profile(230, 576, 4376, 523, 50));
 }
 
 TEST(LinkProfileRule, ExpectsWhatTheDocumentWorksOut)

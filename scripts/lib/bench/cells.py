@@ -108,10 +108,11 @@ def quick_matrix():
 def uucp_fitted(condition):
     """Parameters of UUCP's i protocol that suit a line, found by trying: packets as small as the
     noise asks for, the largest window, a short wait where the driver's buffer empties soon."""
+    is_fast, is_far = condition.rate > 500000, condition.delay_ms > 0
     if condition.ber >= 1e-4:
-        size = 192 if condition.delay_ms == 0 else 384
+        size = 512 if is_fast else 384 if is_far else 192
     elif condition.ber > 0:
-        size = 512 if condition.delay_ms == 0 else 768
+        size = 512 if not is_far else 2048 if is_fast else 768
     else:
         size = 2048
     # A window of 31 packets, and what the driver holds, on their way before an answer can come.
