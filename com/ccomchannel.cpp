@@ -295,7 +295,7 @@ void CComChannel::discardInput()
 {
     QElapsedTimer timer;
     timer.start();
-    while (timer.elapsed() < readWaitMs && waitForInput(*m_port, readWaitMs - static_cast<int>(timer.elapsed())))
+    for (qint64 leftMs = readWaitMs; leftMs > 0 && waitForInput(*m_port, static_cast<int>(leftMs)); leftMs = readWaitMs - timer.elapsed())
         m_port->readAll();
     m_port->readAll();
 }

@@ -15,7 +15,8 @@ constexpr int inputTakenEveryMs = 20; // the kernel keeps 4096 bytes, 44 ms at 9
 bool isReady(const QSerialPort& port, short event, int timeoutMs)
 {
     pollfd asked{port.handle(), event, 0};
-    return ::poll(&asked, 1, timeoutMs) != 0; // an error too: the port's own wait finds out which
+    // Never less than 0, which would be for ever.
+    return ::poll(&asked, 1, std::max(0, timeoutMs)) != 0; // an error too: the port's own wait finds out which
 }
 
 // Whether the driver takes output within timeoutMs. The port's own wait would wake up for

@@ -3,7 +3,7 @@
 
 class QSerialPort;
 
-// Both are called from the port's own thread.
+// Both are called from the port's own thread. A time that is over (0 or less) looks once.
 
 // Waits up to timeoutMs until some of the port's pending output has gone to the driver;
 // true if it has. With nothing pending it returns false at once, where the port itself

@@ -128,6 +128,16 @@ TEST_F(RealPort, RaisesNoErrorWhileItIsIdle)
     EXPECT_EQ(m_port.error(), QSerialPort::NoError);
 }
 
+// What is left of a time may be less than nothing by the time it is worked out.
+TEST_F(RealPort, ATimeThatIsOverIsNotWaitedForForEver)
+{
+    EXPECT_FALSE(waitForInput(m_port, -1));
+    m_endpoint.setDepth(4);
+    m_port.write("12345678");
+    ASSERT_TRUE(waitForWritten(m_port, 5000));
+    EXPECT_FALSE(waitForWritten(m_port, -1));
+}
+
 TEST_F(RealPort, ThatLostItsDeviceDoesNotSpin)
 {
     m_endpoint.unplug();
