@@ -610,8 +610,6 @@ void Exchange::connectCall(Call& call, qint64 now)
     tell(0, QStringLiteral("call %1: %2 and %3 are connected")
                 .arg(call.statistics.call)
                 .arg(call.caller->name(), call.called->name()));
-    call.caller->endpoint.setDrainRate(line.rateForward / bitsPerByte);
-    call.called->endpoint.setDrainRate(line.rateBackward / bitsPerByte);
     // Each is told the speed at which it receives.
     call.called->modem.connected(line.rateForward, now);
     call.caller->modem.connected(line.rateBackward, now);
@@ -626,6 +624,7 @@ void Exchange::hangUp(VirtualModem& modem, qint64 now)
     const QString why = QStringLiteral("%1 hung up").arg(modem.name());
     const bool isCaller = call->caller == &modem;
     (isCaller ? call->caller : call->called) = nullptr;
+    modem.endpoint.setDrainRate(0);
     switch (call->phase) {
     case Call::Dialling:
     case Call::Ringing:
@@ -772,7 +771,9 @@ void Exchange::pump(VirtualModem* from, VirtualModem* to, Call& call, LineDirect
 {
     if (!from->responds() || from->modem.state() != ModemState::Data) {
         direction.rest();
+        from->endpoint.setDrainRate(0); // commands are taken at once
     } else {
+        from->endpoint.setDrainRate(direction.rate() / bitsPerByte);
         if (direction.isIdle() && from->endpoint.hasInput())
             direction.wake(now);
         const qint64 room = direction.room(now);

@@ -36,6 +36,7 @@ using sim::LineRow;
 
 constexpr long nsPerSecond = 1000000000;
 constexpr long sliceNs = 1000000;         // how soon a waiter for room sees that room opened
+constexpr long mostWakeUpBytes = 1L << 20; // far above any depth
 constexpr long longestSliceNs = 50000000; // where the line's pace tells that it takes long: it may be unplugged
 constexpr unsigned programBits = TIOCM_DTR | TIOCM_RTS;
 constexpr unsigned firstSlaveMajor = 136;
@@ -117,7 +118,8 @@ std::uint64_t wakeUpBytes()
 {
     static const std::uint64_t bytes = [] {
         const char* text = getenv("PTYLINES_WAKEUP");
-        return text ? strtoull(text, nullptr, 10) : 0;
+        const long level = text ? strtol(text, nullptr, 10) : 0;
+        return static_cast<std::uint64_t>(level < 0 ? 0 : level < mostWakeUpBytes ? level : mostWakeUpBytes);
     }();
     return bytes;
 }
@@ -196,13 +198,22 @@ bool pauseSlice(long forNs = sliceNs)
     return nanosleep(&slice, nullptr) == 0;
 }
 
+// Nobody will make room any more: the modem was taken away, or its program was killed and
+// could not say so.
+bool isUnplugged(const LineRow& row, int fd)
+{
+    pollfd asked{fd, 0, 0};
+    const timespec now{0, 0};
+    return row.owner.load() == 0 || nextPpoll.get()(&asked, 1, &now, nullptr) > 0;
+}
+
 // For a writer that found no room; false when a signal came.
-bool pauseForRoom(const LineRow& row)
+bool pauseForRoom(const LineRow& row, int fd)
 {
     do {
         if (!pauseSlice(roomSliceNs(row)))
             return false;
-    } while (wakeUpBytes() > 0 && row.owner.load() != 0 && !hasRoom(row));
+    } while (wakeUpBytes() > 0 && !hasRoom(row) && !isUnplugged(row, fd));
     return true;
 }
 
@@ -222,9 +233,9 @@ ssize_t writeSlave(LineRow& row, int fd, const char* data, size_t count)
         const bool full = done < 0 && errno == EAGAIN && row.owner.load() != 0;
         if (done < 0 && (!blocking || !full))
             return sent > 0 ? static_cast<ssize_t>(sent) : -1;
-        if (done < 0 && !pauseForRoom(row))
+        if (done < 0 && !pauseForRoom(row, fd))
             return sent > 0 ? static_cast<ssize_t>(sent) : -1; // errno is EINTR
-        if (row.owner.load() == 0)
+        if (isUnplugged(row, fd))
             return nextWrite.get()(fd, data + sent, count - sent); // unplugged: the kernel's answer
     }
 }
@@ -519,7 +530,7 @@ PTYLINES_EXPORT int pselect(int count, fd_set* readSet, fd_set* writeSet, fd_set
 PTYLINES_EXPORT int tcdrain(int fd)
 {
     if (const LineRow* row = rowOf(fd)) {
-        while (row->owner.load() != 0 && row->outstanding() > 0) {
+        while (row->outstanding() > 0 && !isUnplugged(*row, fd)) {
             if (!pauseSlice())
                 return -1; // errno is EINTR
         }

@@ -600,6 +600,31 @@ TEST_F(PtyEndpointTest, AnUnpluggedBlockingWriterIsReleased)
     writer.join();
 }
 
+// A modem's program that is killed leaves its rows as they were; only the kernel knows.
+TEST_F(PtyEndpointTest, AKilledModemReleasesWritersAndDrains)
+{
+    PtyEndpoint endpoint;
+    endpoint.setDepth(4);
+    const int fd = openFd(endpoint, 0);
+    std::atomic<int> released{0};
+    std::thread writer([&] {
+        char block[100] = {};
+        if (::write(fd, block, sizeof(block)) < 100)
+            ++released;
+    });
+    ASSERT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 4; }));
+    std::thread drainer([&] {
+        tcdrain(fd);
+        ++released;
+    });
+    const int nothing = ::open("/dev/null", O_RDWR);
+    ASSERT_GE(::dup2(nothing, endpoint.masterFd()), 0);
+    ::close(nothing);
+    EXPECT_TRUE(waitFor([&] { return released == 2; }));
+    writer.join();
+    drainer.join();
+}
+
 TEST_F(PtyEndpointTest, ALinkThatCannotBeMadeIsReported)
 {
     PtyEndpoint endpoint(testsupport::installRoot() + QStringLiteral("/no/such/place"));
