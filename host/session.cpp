@@ -8,12 +8,18 @@ namespace host {
 
 namespace {
 
-// A Data frame holds about one second of the line: short enough that little is lost with
+// A Data frame holds about two seconds of the line: short enough that little is lost with
 // a frame cut off, long enough that the frames cost next to nothing.
+constexpr int dataFrameS = 2;
 constexpr int minDataBytes = 1024;
 constexpr int maxDataBytes = maxFramePayloadBytes;
 constexpr qint64 rateWindowMs = 1000;
 constexpr qint64 unmeasuredBytes = 32 * 1024; // the channel's own queue swallows the first bytes at any speed
+
+// With its confirmation an Alive takes 30 bytes of the line, and whoever takes a file in
+// has little to say that could stand behind a gap.
+constexpr int heartbeatsWhileMuchComes = 5;
+constexpr qint64 muchBytes = 4096;
 
 constexpr qint64 hashSliceBytes = 2 * 1024 * 1024; // hashed in one call of advance()
 constexpr qint64 settledEveryMs = 5000;
@@ -81,26 +87,20 @@ QByteArray Session::takeOutput(int maxBytes, qint64 nowMs)
     }
     if (!piece.isEmpty()) {
         m_lastSentMs = nowMs;
-        measureRate(piece.size(), nowMs);
+        fitDataFrames(piece.size(), nowMs);
     }
     return piece;
 }
 
-void Session::measureRate(int bytes, qint64 nowMs)
+void Session::fitDataFrames(int bytesSent, qint64 nowMs)
 {
-    if (m_rateSinceMs < 0) {
-        m_unmeasuredLeft -= bytes;
+    if (m_unmeasuredLeft > 0) {
+        m_unmeasuredLeft -= bytesSent;
         if (m_unmeasuredLeft <= 0)
-            m_rateSinceMs = nowMs;
-        return;
+            m_sendingRate.emplace(rateWindowMs, nowMs);
+    } else if (m_sendingRate->count(bytesSent, nowMs)) {
+        m_dataBytes = static_cast<int>(qBound<qint64>(minDataBytes, dataFrameS * m_sendingRate->bytesPerS(), maxDataBytes));
     }
-    m_rateBytes += bytes;
-    const qint64 elapsedMs = nowMs - m_rateSinceMs;
-    if (elapsedMs < rateWindowMs)
-        return;
-    m_dataBytes = static_cast<int>(qBound<qint64>(minDataBytes, m_rateBytes * 1000 / elapsedMs, maxDataBytes));
-    m_rateSinceMs = nowMs;
-    m_rateBytes = 0;
 }
 
 void Session::put(FrameType type, const QByteArray& payload)
@@ -291,7 +291,8 @@ bool Session::produce(qint64 nowMs)
         if (produceEnding())
             return true;
     }
-    if (m_phase != Phase::Closing && nowMs - m_lastSentMs >= m_settings.heartbeatMs &&
+    const int heartbeatMs = m_settings.heartbeatMs * (isMuchComing() ? heartbeatsWhileMuchComes : 1);
+    if (m_phase != Phase::Closing && nowMs - m_lastSentMs >= heartbeatMs &&
         m_output.size() == m_outputPosition) {
         put(FrameType::Alive);
         return true;
@@ -643,6 +644,11 @@ void Session::settleFirst(int count)
 }
 
 // ---- ending ----
+
+bool Session::isMuchComing() const
+{
+    return m_receiving && m_receiving->offer.size - m_receiving->position > muchBytes;
+}
 
 bool Session::nothingLeft()
 {

@@ -21,6 +21,7 @@
 #include <QVector>
 
 #include "host/frame.h"
+#include "host/ratemeter.h"
 #include "host/sessionframes.h"
 #include "host/sessionstore.h"
 
@@ -31,7 +32,9 @@ struct SessionSettings
     QString abonentName; // our own
     QByteArray installationId;
 
-    int heartbeatMs = 1000; // a silent side says Alive this often: it also frees packets held behind a gap
+    // A silent side says Alive this often (a fifth of that while much comes in): it also
+    // frees packets held behind a gap.
+    int heartbeatMs = 1000;
     // Nothing came for so long: the connection is dead. On a line of 1200 bit/s a minute
     // may well pass between two packets that bring anything new, since a driver full of
     // repeats (4 KiB, 35 s) stands in front of them.
@@ -101,8 +104,8 @@ public:
     [[nodiscard]] QString endReason() const { return m_endReason; }
     [[nodiscard]] bool wasUseful() const { return m_wasUseful; } // a message was stored or delivered
     [[nodiscard]] QString peerName() const { return m_peerName; } // empty until told
-    // Of the file that is coming in; 0 when none is.
-    [[nodiscard]] qint64 bytesToReceive() const { return m_receiving ? m_receiving->offer.size - m_receiving->position : 0; }
+    // Whether a file is coming in of which much is still to come.
+    [[nodiscard]] bool isMuchComing() const;
 
 private:
     enum class Phase {
@@ -186,7 +189,7 @@ private:
     void note(const QString& text);
     [[nodiscard]] bool isSendingPhase() const { return m_phase == Phase::Running; }
     [[nodiscard]] bool nothingLeft();
-    void measureRate(int bytes, qint64 nowMs);
+    void fitDataFrames(int bytesSent, qint64 nowMs); // to what the line carries
 
     const SessionSettings m_settings;
     SessionStore* const m_store; // not owned
@@ -221,8 +224,7 @@ private:
     qint64 m_settledToldMs = 0;
     int m_dataBytes = 0; // payload of one Data frame
     qint64 m_unmeasuredLeft = 0;
-    qint64 m_rateSinceMs = -1;
-    qint64 m_rateBytes = 0;
+    std::optional<RateMeter> m_sendingRate; // when that is over
 
     // Receiving
     std::map<quint64, Part> m_parts;

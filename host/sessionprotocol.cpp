@@ -1,7 +1,5 @@
 #include "host/sessionprotocol.h"
 
-#include <limits>
-
 #include <QThread>
 
 #include "common/global.h"
@@ -9,22 +7,6 @@
 namespace host {
 
 namespace {
-
-// The channel reads, confirms and repeats only while it is read: often enough to keep the
-// line busy. Between its passes the worker sleeps instead of waiting in the event loop,
-// where the port's notifier would wake it for each few bytes of a packet that comes in.
-constexpr int sendingPauseMs = 5;
-constexpr int receivingPauseMs = 10;     // while nothing is to be sent
-constexpr int bulkReceivingPauseMs = 20; // and much is still to come, on a line that is not too fast for that
-constexpr qint64 bulkBytes = 4096;
-constexpr qint64 fastBytesPerS = 20000;
-constexpr qint64 rateWindowMs = 500;
-
-// The channel writes all it is given before it confirms what came in: while the peer sends
-// too, so much a pass that its confirmations do not wait long.
-constexpr qint64 busyBytesPerS = 256; // more than answers make
-constexpr qint64 turnMs = 30;
-constexpr int leastBlocks = 1; // the line must not rest between two passes
 
 constexpr int readBytes = 64 * 1024;
 constexpr int linkOverheadBytes = 10; // of each packet: a block without them fills one packet exactly
@@ -53,7 +35,6 @@ void SessionProtocol::start()
 {
     CAbstractProtocol::start();
     m_clock.start();
-    m_sinceRest.start();
     m_session = std::make_unique<Session>(
         m_context->settings, m_context->store, [this](const SessionEvent& event) { onEvent(event); }, m_clock.elapsed());
     report(SessionReport::Kind::Begun);
@@ -85,35 +66,19 @@ void SessionProtocol::tick()
         end();
 }
 
+// Between its passes the worker sleeps instead of waiting in the event loop, where the
+// port's notifier would wake it for each few bytes of a packet that comes in.
 void SessionProtocol::rest()
 {
-    int pauseMs = receivingPauseMs;
-    if (m_hasSent) // as a rule the channel has waited for room in the driver: that counts
-        pauseMs = qMax(0, sendingPauseMs - static_cast<int>(m_sinceRest.elapsed()));
-    else if (m_bytesPerS > fastBytesPerS)
-        pauseMs = sendingPauseMs;
-    else if (m_session->bytesToReceive() > bulkBytes)
-        pauseMs = bulkReceivingPauseMs;
-    QThread::msleep(static_cast<unsigned long>(pauseMs));
-    m_sinceRest.start();
-}
-
-void SessionProtocol::measureRate(int bytes)
-{
-    m_rateBytes += bytes;
-    const qint64 elapsedMs = m_clock.elapsed() - m_rateSinceMs;
-    if (elapsedMs < rateWindowMs)
-        return;
-    m_bytesPerS = m_rateBytes * 1000 / elapsedMs;
-    m_rateSinceMs += elapsedMs;
-    m_rateBytes = 0;
+    QThread::msleep(static_cast<unsigned long>(m_pacing.pauseMs(m_session->isMuchComing(), m_clock.elapsed())));
+    m_pacing.rested(m_clock.elapsed());
 }
 
 void SessionProtocol::readAll()
 {
     for (;;) {
         const QByteArray bytes = channel->read(readBytes);
-        measureRate(bytes.size());
+        m_pacing.received(bytes.size(), m_clock.elapsed());
         m_session->receive(bytes, m_clock.elapsed());
         if (bytes.size() < readBytes)
             return;
@@ -122,10 +87,8 @@ void SessionProtocol::readAll()
 
 void SessionProtocol::writeAll()
 {
-    m_hasSent = channel->idealBlockSize() <= 0; // what was sent before is still on its way
-    const qint64 mostBytes = m_bytesPerS > busyBytesPerS ? m_bytesPerS * turnMs / 1000 : std::numeric_limits<qint64>::max();
-    qint64 bytes = 0;
-    for (int blocks = 0; blocks < leastBlocks || bytes < mostBytes; ++blocks) {
+    m_pacing.beginWriting(channel->idealBlockSize() <= 0, m_clock.elapsed());
+    while (m_pacing.mayWrite()) {
         const int offered = channel->idealBlockSize();
         if (offered <= 0)
             return;
@@ -134,8 +97,7 @@ void SessionProtocol::writeAll()
         if (block.isEmpty())
             return;
         channel->write(block);
-        bytes += block.size();
-        m_hasSent = true;
+        m_pacing.written(block.size(), m_clock.elapsed());
     }
 }
 

@@ -9,6 +9,7 @@
 #include <QElapsedTimer>
 #include <QTimer>
 
+#include "host/pacing.h"
 #include "host/session.h"
 #include "plugin/cabstractprotocol.h"
 #include "plugin/cabstractprotocolfactory.h"
@@ -56,7 +57,6 @@ public:
 private:
     void tick();
     void rest();
-    void measureRate(int bytes);
     void readAll();
     void writeAll();
     void onEvent(const SessionEvent& event);
@@ -69,11 +69,7 @@ private:
     QElapsedTimer m_clock;
     QTimer m_timer;
     std::atomic<bool> m_stopRequested{false}; // set from the server's thread
-    QElapsedTimer m_sinceRest;
-    qint64 m_rateSinceMs = 0; // bytes that came in
-    qint64 m_rateBytes = 0;
-    qint64 m_bytesPerS = 0;
-    bool m_hasSent = false; // in the last tick, or could not for lack of room
+    Pacing m_pacing{0}; // by m_clock
     bool m_ended = false;
 };
 

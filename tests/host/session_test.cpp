@@ -465,6 +465,20 @@ TEST(Session, AWaitingSideSaysSomethingEachSecond)
     EXPECT_EQ(pair.a.receivedBytes - before, 10 * frameOverheadBytes) << "one frame without payload each second";
 }
 
+// With its confirmation each takes 3 % of a line of 9600 bit/s.
+TEST(Session, ASideThatTakesAFileInSpeaksMoreRarely)
+{
+    LineOptions slow;
+    slow.bytesPerStep = 10; // 1000 bytes/s
+    SessionPair pair(testsupport::seed(), slow);
+    pair.a.store.queue(QStringLiteral("f"), randomBytes(60000, 1));
+    ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs > 10000; }));
+    const qint64 before = pair.a.receivedBytes;
+    const qint64 until = pair.nowMs + 30000;
+    ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs > until; }));
+    EXPECT_EQ(pair.a.receivedBytes - before, 6 * frameOverheadBytes) << "one frame without payload every five seconds";
+}
+
 TEST(Session, NoHeartbeatWhileDataFlows)
 {
     SessionPair pair(testsupport::seed());

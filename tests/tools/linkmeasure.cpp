@@ -9,6 +9,7 @@
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "common/csettings.h"
+#include "host/pacing.h"
 #include "host/session.h"
 #include "tests/host/memorystore.h"
 #include "tests/soak/line.h"
@@ -25,8 +26,6 @@ using soak::nsPerMs;
 using soak::nsPerS;
 
 // As the reference host's session protocol does it.
-constexpr std::int64_t passPauseNs = 5 * nsPerMs;
-constexpr std::int64_t receivingPauseNs = 10 * nsPerMs; // while nothing is to be sent
 constexpr int readBytes = 64 * 1024;
 constexpr int linkOverheadBytes = 10;
 
@@ -64,10 +63,14 @@ public:
     void turn()
     {
         QCoreApplication::processEvents(); // where the port's own notifiers have their turn
-        soak::readAll(*m_channel, readBytes, [this](const QByteArray& bytes) { m_session->receive(bytes, nowMs()); });
+        m_pacing.rested(nowMs());
+        soak::readAll(*m_channel, readBytes, [this](const QByteArray& bytes) {
+            m_pacing.received(bytes.size(), nowMs());
+            m_session->receive(bytes, nowMs());
+        });
         m_session->advance(nowMs());
         writeAll();
-        m_nextTurnNs = nowNs() + (m_hasSent ? passPauseNs : receivingPauseNs);
+        m_nextTurnNs = nowNs() + m_pacing.pauseMs(m_session->isMuchComing(), nowMs()) * nsPerMs;
         if (m_pauseNs > 0 && nowNs() >= m_nextPauseNs) {
             m_nextTurnNs += m_pauseNs;
             schedulePause();
@@ -79,14 +82,17 @@ private:
 
     void writeAll()
     {
-        m_hasSent = m_channel->idealBlockSize() <= 0;
-        for (int offered = 0; (offered = m_channel->idealBlockSize()) > 0;) {
+        m_pacing.beginWriting(m_channel->idealBlockSize() <= 0, nowMs());
+        while (m_pacing.mayWrite()) {
+            const int offered = m_channel->idealBlockSize();
+            if (offered <= 0)
+                return;
             const int most = std::max(1, std::min(offered, m_profile.maxBytesToWrite) - linkOverheadBytes);
             const QByteArray block = m_session->takeOutput(most, nowMs());
             if (block.isEmpty())
                 return;
             m_channel->write(block);
-            m_hasSent = true;
+            m_pacing.written(block.size(), nowMs());
         }
     }
 
@@ -104,7 +110,7 @@ private:
     bool m_isOpen = false;
     std::unique_ptr<CComChannel> m_channel;
     std::unique_ptr<host::Session> m_session;
-    bool m_hasSent = false; // in the last turn, or could not for lack of room
+    host::Pacing m_pacing{nowMs()};
     std::int64_t m_nextTurnNs = 0;
 };
 
