@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "com/linkrules.h"
 #include "common/settingskeys.h"
 
 namespace tune {
@@ -95,6 +96,14 @@ double bestPacket(double noise)
     return overheadBytes / 2 + std::sqrt(overheadBytes * overheadBytes / 4 + overheadBytes / noise);
 }
 
+// So that the longest resend interval there is outlasts a round trip of the slowest lines.
+double packetForResend(const Line& line)
+{
+    const double roundTripS = longestConfirmationS + turnsS + 2 * line.delayS;
+    const double longestResendS = settingKey(Setting::DetailsTransportComResendInterval).maximum / 1000.0;
+    return std::floor((longestResendS / resendFactor - roundTripS) * line.bytesPerS / slackPackets);
+}
+
 double packetFor(const Line& line)
 {
     const double best = std::min(bestPacket(line.noise), std::max(smallPacket, longestPacketS * line.bytesPerS));
@@ -102,7 +111,7 @@ double packetFor(const Line& line)
     const double confirmationS = std::max(shortestConfirmationS, packetsPerConfirmation * best / line.bytesPerS);
     const double roundTrip = line.bytesPerS * (confirmationS + turnsS + 2 * line.delayS);
     const double forWindow = std::min(roundTrip / packetsPerRoundTrip, mostNoisePerPacket / line.noise);
-    return std::round(std::min(std::max(best, forWindow), largestPacket));
+    return std::round(std::min({std::max(best, forWindow), packetForResend(line), largestPacket}));
 }
 
 // The share of the time in which new packets may go, while packets that were lost keep
@@ -176,9 +185,12 @@ Goodput expectedGoodput(const LineFacts& facts)
     const double repeatedInVain = noise * confirmationBytes; // what a lost confirmation listed
     const double roundTripS = (profile.maxBytesInQueue + profile.packetSize) / line.bytesPerS;
     const double moving = movingShare(1 - arriving, profile.resendIntervalMs / 1000.0, roundTripS, packetS);
+    // So much is in flight at most, however long the line.
+    const double mostS = (linkrules::maxPacketsInQueue + 1) * packetS;
+    const double inFlight = std::min(1.0, mostS / (profile.confirmationIntervalMs / 1000.0 + 2 * line.delayS));
 
     Goodput goodput;
-    goodput.oneWay = sessionShare * payload * arriving * moving / (1 + repeatedInVain);
+    goodput.oneWay = sessionShare * payload * arriving * moving * inFlight / (1 + repeatedInVain);
     goodput.bothWays = (bothWaysShare - bothWaysLoss * (1 - arriving)) * goodput.oneWay
         * std::max(0.0, 1 - confirmationBytes / (confirmed * onLine));
     return goodput;

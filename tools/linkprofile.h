@@ -20,7 +20,7 @@ constexpr double highestBitErrorRate = 1e-2; // nothing of use gets through beyo
 constexpr int largestBufferBytes = 1 << 20;
 
 // The link's settings: the packet size of channelCom.conf, and four keys of settings.ini.
-// The largest packet for which they are made, so that maxBytesToWrite is never the lesser.
+// maxBytesToWrite is never less than packetSize, or it would cut the packets.
 struct LinkProfile
 {
     int packetSize = 1024;             // bytes

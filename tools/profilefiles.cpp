@@ -91,7 +91,7 @@ QString writeProfile(const QString& installation, const LinkProfile& profile)
         return error;
     channel.packetSize = profile.packetSize;
     error = Global::safeSaving(channelPath, channel.toByteArray());
-    return error.isEmpty() ? error : QStringLiteral("%1: %2").arg(channelPath, error);
+    return error.isEmpty() ? error : QStringLiteral("%1: %2; settings.ini has its new values already: mend this and run it again").arg(channelPath, error);
 }
 
 } // namespace tune

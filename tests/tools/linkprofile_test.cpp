@@ -190,8 +190,27 @@ TEST(LinkProfileRule, WaitsLongerThanAConfirmationTakes)
         const double bytesPerMs = facts.rate / 10000.0;
         const double unconfirmed = (p.maxBytesInQueue + p.packetSize) / bytesPerMs;
         const double longest = 2 * (facts.bufferBytes + p.packetSize) / bytesPerMs + p.confirmationIntervalMs + 2 * facts.delayMs;
-        EXPECT_GE(p.resendIntervalMs, std::min(60000.0, 1.09 * std::min(unconfirmed, longest))) << testing::PrintToString(facts);
+        EXPECT_GE(p.resendIntervalMs, 1.09 * std::min(unconfirmed, longest)) << testing::PrintToString(facts);
     }
+}
+
+// The longest resend interval there is, 60 s, must outlast a round trip.
+TEST(LinkProfileRule, SlowLinesHavePacketsSmallEnoughForTheResendInterval)
+{
+    for (const int rate : {300, 600, 1200}) {
+        const LinkProfile p = recommendedProfile(line(rate, 0, 0));
+        const double unconfirmedMs = (p.maxBytesInQueue + p.packetSize) * 10000.0 / rate;
+        EXPECT_GE(p.resendIntervalMs, 1.55 * unconfirmedMs) << rate;
+    }
+    // 60 s / 1.6 less a round trip of 1.03 s, through six packets of 1/30 s a byte.
+    EXPECT_EQ(recommendedProfile(line(300, 0, 0)).packetSize, 182);
+}
+
+// 111 packets of 4096 bytes in 20 s.
+TEST(LinkProfileRule, PromisesNoMoreThanTheWindowHolds)
+{
+    EXPECT_LT(expectedGoodput(line(921600, 10000, 0)).oneWay, 0.25);
+    EXPECT_GT(expectedGoodput(line(921600, 10000, 0)).oneWay, 0.2);
 }
 
 TEST(LinkProfileRule, ReachesWhatIsWantedOfEachKindOfLine)
