@@ -144,13 +144,6 @@ TEST(Ports, TwoHundredAndFiftySixInOneProcess)
     EXPECT_LE(idle.descriptors - before.descriptors, 4 * ports);
 
     timer.restart();
-    constexpr int idleMs = 1000;
-    ASSERT_TRUE(waitFor([&] { return timer.elapsed() >= idleMs; }));
-    const Resources afterIdle = currentResources();
-    std::printf("idle, with the exchange: %.2f of one core\n",
-                static_cast<double>(afterIdle.cpuMs - idle.cpuMs) / static_cast<double>(timer.elapsed()));
-
-    timer.restart();
     for (int i = 1; i <= calls; ++i)
         bed.call(ports / 2 + i, {bed.port(i)});
     ASSERT_TRUE(waitFor([&] { return bed.account.figures().withPeer == 2 * calls; }, deadlineMs))

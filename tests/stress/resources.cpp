@@ -1,7 +1,6 @@
 #include "tests/stress/resources.h"
 
 #include <malloc.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -13,8 +12,6 @@ extern "C" std::size_t __attribute__((weak)) __sanitizer_get_current_allocated_b
 namespace testsupport {
 
 namespace {
-
-constexpr qint64 nsPerMs = 1000000;
 
 int entryCount(const QString& directory)
 {
@@ -37,13 +34,6 @@ qint64 residentBytes()
     return file.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE);
 }
 
-qint64 cpuMs()
-{
-    timespec time;
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return static_cast<qint64>(time.tv_sec) * 1000 + time.tv_nsec / nsPerMs;
-}
-
 } // namespace
 
 Resources currentResources()
@@ -54,7 +44,6 @@ Resources currentResources()
     now.descriptors = entryCount(QStringLiteral("/proc/self/fd")) - 1;
     now.heapBytes = heapBytes();
     now.residentBytes = residentBytes();
-    now.cpuMs = cpuMs();
     return now;
 }
 

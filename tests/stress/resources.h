@@ -10,7 +10,6 @@ struct Resources {
     int descriptors = 0;
     qint64 heapBytes = 0;     // allocated and not freed; by the sanitizer's count where one is linked
     qint64 residentBytes = 0; // of physical memory
-    qint64 cpuMs = 0;         // used so far, by all threads
 };
 
 Resources currentResources();
