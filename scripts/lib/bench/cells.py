@@ -60,7 +60,7 @@ class Cell:
 
     def load(self):
         """About how much of one core the cell keeps busy, programs and line together."""
-        return 0.05 + 0.15 * min(self.condition.rate / 921600, 1.0) * (2 if self.condition.traffic == BOTH_WAYS else 1)
+        return 0.025 + 0.17 * min(self.condition.rate / 921600, 1.0) * (2 if self.condition.traffic == BOTH_WAYS else 1)
 
 
 def is_main(condition):
@@ -79,8 +79,8 @@ def seconds_of(condition):
     """Long enough for noise to show (errors per transfer) and for the opening exchange not to:
     that takes tenths of a second, and on a clean line there is little else to see."""
     if condition.ber == 0:
-        return {9600: 60, 921600: 15}.get(condition.rate, 40)
-    return {9600: 40, 33600: 30, 115200: 20}.get(condition.rate, 10)
+        return {9600: 60, 921600: 20}.get(condition.rate, 40)
+    return {9600: 60, 33600: 30}.get(condition.rate, 20)
 
 
 def full_matrix():

@@ -51,7 +51,7 @@ def measure_line(arguments, machine, save):
     matrix = chosen_cells(arguments)
     if not matrix:
         raise SystemExit("error: --cells matches no cell; labels look like: " + cells.full_matrix()[0].label())
-    load = arguments.load or 0.45 * machine["cores"]
+    load = arguments.load or 0.5 * machine["cores"]
     directory = Path(tempfile.mkdtemp(prefix="transportCom-bench-"))
     directory.chmod(0o755)  # a peer started by root may drop to a user of its own
     try:
