@@ -25,8 +25,8 @@ struct PortError {
 class PortErrors
 {
 public:
-    // No error at all, and those that come in every pass of an idle or unplugged port and
-    // show themselves by silence and by the modem lines. Any thread.
+    // No error at all, and those that show themselves by silence and by the modem lines: time-outs
+    // of waits, and what an unplugged port says in every pass. Any thread.
     static bool isIgnored(QSerialPort::SerialPortError code);
 
     // The worker's thread, when the port raises code. True if the error is to be passed on;
