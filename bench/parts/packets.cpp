@@ -1,29 +1,15 @@
 // Making packets, and cutting them out of what a line may carry.
-#include <atomic>
-#include <cstdlib>
-
-#include <dlfcn.h>
-
 #include <QByteArray>
 
 #include <benchmark/benchmark.h>
 
+#include "bench/parts/traffic.h"
 #include "com/ccompacket.h"
+#include "tests/support/allocations.h"
 
 namespace {
 
-std::atomic<qint64> allocations{0};
-
-constexpr int payloadBytes = 1014; // of a full packet with the usual settings
-
-QByteArray wire(int number, int size)
-{
-    CComPacket packet;
-    packet.number = static_cast<quint8>(number);
-    packet.data = QByteArray(size, 'a');
-    packet.makePacket();
-    return packet.bytes;
-}
+constexpr int garbageBytes = 64 * 1024;
 
 // How the link cuts: in place, until no whole packet is left. Returns how many there were.
 int cutAll(const QByteArray& bytes)
@@ -41,11 +27,47 @@ int cutAll(const QByteArray& bytes)
     }
 }
 
+// The same by readPacket(), which takes what it cuts out of the buffer.
+int readAll(QByteArray& buffer)
+{
+    int count = 0;
+    for (CComPacket packet; packet.readPacket(&buffer);)
+        ++count;
+    return count;
+}
+
 void cutRepeatedly(benchmark::State& state, const QByteArray& bytes)
 {
     for (auto _ : state)
         benchmark::DoNotOptimize(cutAll(bytes));
     state.SetBytesProcessed(state.iterations() * bytes.size());
+}
+
+void readRepeatedly(benchmark::State& state, const QByteArray& bytes)
+{
+    for (auto _ : state) {
+        QByteArray buffer(bytes.constData(), bytes.size()); // the copy counts
+        benchmark::DoNotOptimize(readAll(buffer));
+    }
+    state.SetBytesProcessed(state.iterations() * bytes.size());
+}
+
+// Each piece is appended and looked at, down to an empty buffer.
+void readBurst(benchmark::State& state, const traffic::Burst& burst)
+{
+    const QtMessageHandler before = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    for (auto _ : state) {
+        QByteArray buffer;
+        int count = 0;
+        traffic::play(burst, [&](const QByteArray& piece) {
+            buffer += piece;
+            count += readAll(buffer);
+        });
+        if (count != 1 || !buffer.isEmpty())
+            state.SkipWithError("not the one packet");
+    }
+    qInstallMessageHandler(before);
+    state.SetBytesProcessed(state.iterations() * burst.bytes());
 }
 
 void makePacket(benchmark::State& state)
@@ -55,9 +77,9 @@ void makePacket(benchmark::State& state)
     qint64 allocated = 0;
     for (auto _ : state) {
         packet.bytes.clear();
-        const qint64 before = allocations;
+        const qint64 before = testsupport::allocationCount();
         packet.makePacket();
-        allocated += allocations - before;
+        allocated += testsupport::allocationCount() - before;
     }
     state.SetBytesProcessed(state.iterations() * state.range(0));
     state.counters["allocations"] = static_cast<double>(allocated) / static_cast<double>(state.iterations());
@@ -65,46 +87,67 @@ void makePacket(benchmark::State& state)
 
 void cutCleanTraffic(benchmark::State& state)
 {
-    QByteArray bytes;
-    for (int number = 0; number < 64; ++number)
-        bytes += wire(number, payloadBytes);
-    cutRepeatedly(state, bytes);
+    cutRepeatedly(state, traffic::dataPackets(0, 64));
 }
 
 void cutGarbage(benchmark::State& state)
 {
-    cutRepeatedly(state, QByteArray(64 * 1024, 'g'));
+    cutRepeatedly(state, QByteArray(garbageBytes, 'g'));
 }
 
-// As random bytes have it: a start symbol in 256.
 void cutRandomGarbage(benchmark::State& state)
 {
-    QByteArray bytes(64 * 1024, '\0');
-    quint32 value = 1;
-    for (char& byte : bytes) {
-        value = value * 1664525u + 1013904223u;
-        byte = static_cast<char>(value >> 24);
-    }
-    cutRepeatedly(state, bytes);
+    cutRepeatedly(state, traffic::randomBytes(garbageBytes));
 }
 
+// One look at it: where the packet arrives in pieces, see below and channel.cpp.
 void cutGarbageBeforeAnUnfinishedPacket(benchmark::State& state)
 {
-    cutRepeatedly(state, QByteArray(32 * 1024, 'g') + wire(1, 60000).left(32 * 1024));
+    cutRepeatedly(state, QByteArray(garbageBytes / 2, 'g') + traffic::wire(DataPacket, 1, 60000).left(garbageBytes / 2));
+}
+
+// As many as a serial port's driver holds; all 64 move up as each one is taken.
+void readPacketCleanTraffic(benchmark::State& state)
+{
+    readRepeatedly(state, traffic::dataPackets(0, static_cast<int>(state.range(0))));
+}
+
+void readPacketGarbage(benchmark::State& state)
+{
+    readRepeatedly(state, QByteArray(garbageBytes, 'g'));
+}
+
+void readPacketRandomGarbage(benchmark::State& state)
+{
+    readRepeatedly(state, traffic::randomBytes(garbageBytes));
+}
+
+void readPacketGarbageInPieces(benchmark::State& state)
+{
+    readBurst(state, traffic::garbageInPieces(static_cast<int>(state.range(0))));
+}
+
+void readPacketGarbageAtOnce(benchmark::State& state)
+{
+    readBurst(state, traffic::garbageAtOnce(static_cast<int>(state.range(0))));
+}
+
+void readPacketDamagedPacketAtOnce(benchmark::State& state)
+{
+    readBurst(state, traffic::damagedPacketAtOnce(static_cast<int>(state.range(0))));
 }
 
 } // namespace
 
-// Counts what Qt allocates; the C library's own is behind it.
-extern "C" void* malloc(std::size_t size)
-{
-    static const auto next = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "malloc"));
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return next(size);
-}
-
-BENCHMARK(makePacket)->Arg(1)->Arg(payloadBytes);
+BENCHMARK(makePacket)->Arg(1)->Arg(traffic::payloadBytes);
 BENCHMARK(cutCleanTraffic);
 BENCHMARK(cutGarbage);
 BENCHMARK(cutRandomGarbage);
 BENCHMARK(cutGarbageBeforeAnUnfinishedPacket);
+BENCHMARK(readPacketCleanTraffic)->Arg(4)->Arg(64);
+BENCHMARK(readPacketGarbage);
+BENCHMARK(readPacketRandomGarbage);
+// Twice: a reader that looks through the same bytes again is the slower a byte the more they are.
+BENCHMARK(readPacketGarbageInPieces)->Arg(4096)->Arg(32768);
+BENCHMARK(readPacketGarbageAtOnce)->Arg(4096)->Arg(32768);
+BENCHMARK(readPacketDamagedPacketAtOnce)->Arg(4096)->Arg(32768);

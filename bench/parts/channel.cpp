@@ -1,0 +1,112 @@
+// What the link channel makes of what a line may carry: one read() for each piece that
+// arrives, with all that a pass does besides, such as its looks at the settings.
+#include <QByteArray>
+
+#include <benchmark/benchmark.h>
+
+#include "bench/parts/traffic.h"
+#include "com/ccomchannel.h"
+#include "tests/support/fakeserialport.h"
+#include "tests/support/silentstate.h"
+
+namespace {
+
+constexpr int portBytes = 4096; // as many as a serial port's driver holds
+constexpr int everything = 1 << 30;
+
+class ReceivingChannel
+{
+public:
+    ReceivingChannel()
+    {
+        m_port.setLine([](const QByteArray&) {}); // confirmations
+    }
+
+    // How much of the stream it brought.
+    int take(const QByteArray& bytes)
+    {
+        m_port.inject(bytes);
+        return m_channel.read(everything).size();
+    }
+
+private:
+    testsupport::FakeSerialPort m_port;
+    testsupport::SilentState m_state;
+    CComChannel m_channel{&m_port, &m_state, 0};
+};
+
+void takeRepeatedly(benchmark::State& state, const QByteArray& bytes, int payload)
+{
+    ReceivingChannel channel;
+    for (auto _ : state) {
+        int received = 0;
+        for (int offset = 0; offset < bytes.size(); offset += portBytes)
+            received += channel.take(bytes.mid(offset, portBytes));
+        if (received != payload)
+            state.SkipWithError("not the bytes that were sent");
+    }
+    state.SetBytesProcessed(state.iterations() * bytes.size());
+}
+
+void takeBurst(benchmark::State& state, const traffic::Burst& burst)
+{
+    const QtMessageHandler before = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    ReceivingChannel channel;
+    for (auto _ : state)
+        traffic::play(burst, [&](const QByteArray& piece) { channel.take(piece); });
+    qInstallMessageHandler(before);
+    state.SetBytesProcessed(state.iterations() * burst.bytes());
+}
+
+// All numbers in turn from the first that a channel expects, so that all of it is delivered
+// each time.
+void channelCleanTraffic(benchmark::State& state)
+{
+    takeRepeatedly(state, traffic::dataPackets(1, 256), 256 * traffic::payloadBytes);
+}
+
+void channelGarbage(benchmark::State& state)
+{
+    takeRepeatedly(state, QByteArray(16 * portBytes, 'g'), 0);
+}
+
+void channelRandomGarbage(benchmark::State& state)
+{
+    takeRepeatedly(state, traffic::randomBytes(16 * portBytes), 0);
+}
+
+void channelGarbageInPieces(benchmark::State& state)
+{
+    takeBurst(state, traffic::garbageInPieces(static_cast<int>(state.range(0))));
+}
+
+void channelGarbageAtOnce(benchmark::State& state)
+{
+    takeBurst(state, traffic::garbageAtOnce(static_cast<int>(state.range(0))));
+}
+
+void channelDamagedPacketAtOnce(benchmark::State& state)
+{
+    takeBurst(state, traffic::damagedPacketAtOnce(static_cast<int>(state.range(0))));
+}
+
+// A pass over what makes nothing to do.
+void channelOneByteOfGarbage(benchmark::State& state)
+{
+    ReceivingChannel channel;
+    const QByteArray byte(1, 'g');
+    for (auto _ : state)
+        channel.take(byte);
+    state.SetItemsProcessed(state.iterations());
+}
+
+} // namespace
+
+BENCHMARK(channelCleanTraffic);
+BENCHMARK(channelGarbage);
+BENCHMARK(channelRandomGarbage);
+BENCHMARK(channelOneByteOfGarbage);
+// Twice: a reader that looks through the same bytes again is the slower a byte the more they are.
+BENCHMARK(channelGarbageInPieces)->Arg(4096)->Arg(32768);
+BENCHMARK(channelGarbageAtOnce)->Arg(4096)->Arg(32768);
+BENCHMARK(channelDamagedPacketAtOnce)->Arg(4096)->Arg(32768);

@@ -1,0 +1,57 @@
+#include "bench/parts/traffic.h"
+
+namespace {
+
+traffic::Burst splitBehindHeader(const QByteArray& front, int size)
+{
+    const QByteArray packet = traffic::wire(traffic::ignoredType, 1, size);
+    return {front + packet.left(CComPacket::headerSize), packet.mid(CComPacket::headerSize)};
+}
+
+} // namespace
+
+QByteArray traffic::wire(int type, int number, int size)
+{
+    CComPacket packet;
+    packet.type = static_cast<quint8>(type);
+    packet.number = static_cast<quint8>(number);
+    packet.data = QByteArray(size, 'a');
+    packet.makePacket();
+    return packet.bytes;
+}
+
+QByteArray traffic::dataPackets(int first, int count)
+{
+    QByteArray bytes;
+    for (int number = first; number < first + count; ++number)
+        bytes += wire(DataPacket, number, payloadBytes);
+    return bytes;
+}
+
+QByteArray traffic::randomBytes(int size)
+{
+    QByteArray bytes(size, '\0');
+    quint32 value = 1;
+    for (char& byte : bytes) {
+        value = value * 1664525u + 1013904223u;
+        byte = static_cast<char>(value >> 24);
+    }
+    return bytes;
+}
+
+traffic::Burst traffic::garbageInPieces(int size)
+{
+    return {QByteArray(), randomBytes(size) + wire(ignoredType, 1, size)};
+}
+
+traffic::Burst traffic::garbageAtOnce(int size)
+{
+    return splitBehindHeader(randomBytes(size), size);
+}
+
+traffic::Burst traffic::damagedPacketAtOnce(int size)
+{
+    QByteArray damaged = wire(ignoredType, 1, size);
+    damaged[damaged.size() / 2] = 'b';
+    return splitBehindHeader(damaged, size);
+}

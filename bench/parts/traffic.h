@@ -1,0 +1,51 @@
+// What a line may carry, made up.
+#pragma once
+
+#include <QByteArray>
+
+#include "com/ccompacket.h"
+
+namespace traffic {
+
+constexpr int payloadBytes = 1014; // of a full packet with the usual settings
+constexpr int pieceBytes = 64;     // as a port hands them over that is asked often
+
+// Each payload byte is 'a': no start symbol in it.
+QByteArray wire(int type, int number, int size);
+
+// Data packets with the numbers from first on, 255 being followed by 0.
+QByteArray dataPackets(int first, int count);
+
+// A start symbol in 256 bytes, as random bytes have it; the same ones each time.
+QByteArray randomBytes(int size);
+
+// Packets of this type are cut out and then ignored by a channel, whatever their number.
+constexpr int ignoredType = 2;
+
+// Bytes of no use, then a packet: what stays in front of a packet until that is whole is
+// looked through again with each piece, by a reader that does not take care.
+struct Burst
+{
+    QByteArray atOnce;   // arrives in one piece
+    QByteArray inPieces; // then this
+    int bytes() const { return atOnce.size() + inPieces.size(); }
+};
+
+// size bytes of garbage and a packet with size bytes of payload, all in pieces.
+Burst garbageInPieces(int size);
+// The same, the garbage and the packet's header in one piece.
+Burst garbageAtOnce(int size);
+// A damaged packet of size bytes in place of the garbage.
+Burst damagedPacketAtOnce(int size);
+
+// Hands burst over as it arrives: take(bytes).
+template<typename Take>
+void play(const Burst& burst, Take take)
+{
+    if (!burst.atOnce.isEmpty())
+        take(burst.atOnce);
+    for (int offset = 0; offset < burst.inPieces.size(); offset += pieceBytes)
+        take(burst.inPieces.mid(offset, pieceBytes));
+}
+
+} // namespace traffic
