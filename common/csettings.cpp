@@ -49,10 +49,10 @@ struct Operation
 
 // Null for a file that is not there. In UTC: every look-up and every log line asks, and the
 // conversion into local time that QFileInfo makes costs more than all the rest.
-QDateTime modificationTime(const QString& path)
+QDateTime modificationTime(const QByteArray& path)
 {
     struct stat status;
-    if (stat(QFile::encodeName(path).constData(), &status) != 0)
+    if (stat(path.constData(), &status) != 0)
         return {};
     constexpr qint64 msPerS = 1000;
     constexpr qint64 nsPerMs = 1000000;
@@ -75,7 +75,8 @@ SettingsPointer* sharedSettings()
 } // namespace
 
 SettingsPointer::SettingsPointer(const QString& fileName)
-    : QSettings(fileName, QSettings::IniFormat), fileInfo(fileName), writable(Global::checkSecrecy(0))
+    : QSettings(fileName, QSettings::IniFormat), fileInfo(fileName), writable(Global::checkSecrecy(0)),
+      m_encodedPath(QFile::encodeName(QSettings::fileName()))
 {
 }
 
@@ -96,7 +97,7 @@ bool SettingsPointer::event(QEvent* event)
 void SettingsPointer::syncLocked()
 {
     fileInfo.refresh();
-    QDateTime modified = modificationTime(fileName());
+    QDateTime modified = modificationTime(m_encodedPath);
     if (!changed && modified == lastModified)
         return;
     if (QFile::exists(fileName())) {
@@ -110,7 +111,7 @@ void SettingsPointer::syncLocked()
         // One delayed write-back is posted for each change; nothing is left for it to do.
         QCoreApplication::removePostedEvents(this, QEvent::UpdateRequest);
         fileInfo.refresh();
-        modified = modificationTime(fileName());
+        modified = modificationTime(m_encodedPath);
         // Another process may have written since; its edit must not pass for seen unread.
         QSettings::sync();
     }
@@ -180,11 +181,13 @@ bool CSettings::boolean(Setting setting)
     const Operation operation;
     if (operation.isNested)
         return defaultValue;
-    if (!m_settings->contains(key)) {
+    const QVariant value = m_settings->value(key);
+    // A value that says it is none is there all the same, and false.
+    if (!value.isValid() && !m_settings->contains(key)) {
         writeLocked(key, defaultValue);
         return defaultValue;
     }
-    return m_settings->value(key, defaultValue).toBool();
+    return value.toBool();
 }
 
 int CSettings::integer(Setting setting)

@@ -1,6 +1,7 @@
 // Typed access to the installation's tuning values in settings.ini.
 #pragma once
 
+#include <QByteArray>
 #include <QDateTime>
 #include <QFileInfo>
 #include <QSettings>
@@ -38,6 +39,8 @@ private:
     void syncLocked();
     void createDirectory() const;
     void giveFilePermissions() const;
+
+    const QByteArray m_encodedPath; // of the file, for the system
 };
 
 // A handle on settings.ini, made for one or a few look-ups. Making it reads edits of the file,

@@ -6,6 +6,7 @@
 #include <QDebug>
 #include <QMutexLocker>
 #include <QScopedValueRollback>
+#include <QStringBuilder>
 #include <QStringList>
 #include <QThread>
 
@@ -57,9 +58,12 @@ QString fittedLabel(const QString& label)
 }
 
 // One after another, so that only the text, which comes last, is safe from markers in it: the
-// layout for labels that hold markers is known to be odd, and meant.
+// layout for labels that hold markers is known to be odd, and meant. Without markers the same comes
+// out of putting the pieces behind each other, which costs a fraction of it.
 QString formattedLine(const QString& time, const QString& label, const QString& indentation, const QString& part)
 {
+    if (!label.contains(QLatin1Char('%')))
+        return time % QLatin1Char(' ') % label % indentation % part % QLatin1Char('\n');
     return QStringLiteral("%1 %2%3%4\n").arg(time).arg(label).arg(indentation).arg(part);
 }
 

@@ -204,7 +204,7 @@ TEST(SettingsKeys, SwitchesConvertAsQtConvertsTexts)
         EXPECT_TRUE(boolOf(defaultFalse)) << text;
         EXPECT_EQ(settingsOnDisk().value(keyText(defaultFalse.key)), keyText(text));
     }
-    for (const char* text : {"", "0", "false", "False", "FALSE", "true, true"}) {
+    for (const char* text : {"", "0", "false", "False", "FALSE", "true, true", "@Invalid()"}) {
         editSettings(iniOf(keyText(defaultTrue.key), keyText(text)));
         EXPECT_FALSE(boolOf(defaultTrue)) << text;
         EXPECT_EQ(settingsOnDisk().value(keyText(defaultTrue.key)), keyText(text));
