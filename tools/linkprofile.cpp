@@ -36,12 +36,14 @@ constexpr double packetsPerRoundTrip = 14;
 // But above so many wrong bits in each packet the losses cost more than the window's waits.
 constexpr double mostNoisePerPacket = 0.3;
 
-// The resend interval in times of what may be unconfirmed: less, and with both ways busy
-// repeats of what is still on its way feed themselves.
-constexpr double resendFactor = 1.6;
+// The resend interval in times of what may be unconfirmed. With less, repeats of what is
+// still on its way feed themselves, first with both ways busy.
+constexpr double resendFactor = 1.8;
 // But where the window stands still much of the time, less is on its way than may be, and a
 // repeat that comes sooner lets it move again.
-constexpr double leastResendFactor = 1.1;
+constexpr double leastResendFactor = 1.3;
+constexpr double standingThatCounts = 0.05;
+constexpr double lessForStanding = 2; // for each share of the time beyond that
 constexpr double cleanResendFactor = 1.25; // of the longest round trip there can be
 
 constexpr double leastQueue = 512;   // bytes: room for what a session says beside its data
@@ -157,7 +159,8 @@ LinkProfile recommendedProfile(const LineFacts& facts)
     const double unconfirmedS = unconfirmed / line.bytesPerS;
     const double lost = 1 - std::exp(-line.noise * packet);
     const double moving = movingShare(lost, resendFactor * unconfirmedS, unconfirmedS, packetS);
-    const double factor = std::max(leastResendFactor, resendFactor * moving * moving);
+    const double standing = std::max(0.0, 1 - moving - standingThatCounts);
+    const double factor = std::max(leastResendFactor, resendFactor - lessForStanding * standing);
     const double longestRoundTripS = 2 * (line.bufferBytes + packet) / line.bytesPerS + roundTripS;
     const double resendS = std::min(factor * unconfirmedS, cleanResendFactor * longestRoundTripS);
 

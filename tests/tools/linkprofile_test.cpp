@@ -107,9 +107,9 @@ private:
 TEST(LinkProfileRule, GivesWhatTheDocumentWorksOut)
 {
     EXPECT_EQ(recommendedProfile(line(115200, 0, 0)), profile(3714, 3714, 26344, 2539, 645));
-    EXPECT_EQ(recommendedProfile(line(9600, 0, 1e-4)), profile(123, 512, 890, 1688, 257));
-    EXPECT_EQ(recommendedProfile(line(921600, 0, 1e-5)), profile(527, 4608, 10008, 181, 50));
-    EXPECT_EQ(recommendedProfile(line(115200, 100, 1e-4)), profile(230, 576, 4376, 523, 50));
+    EXPECT_EQ(recommendedProfile(line(9600, 0, 1e-4)), profile(123, 512, 890, 1899, 257));
+    EXPECT_EQ(recommendedProfile(line(921600, 0, 1e-5)), profile(527, 4608, 10008, 206, 50));
+    EXPECT_EQ(recommendedProfile(line(115200, 100, 1e-4)), profile(230, 576, 4376, 664, 50));
 }
 
 TEST(LinkProfileRule, ExpectsWhatTheDocumentWorksOut)
@@ -191,7 +191,7 @@ TEST(LinkProfileRule, WaitsLongerThanAConfirmationTakes)
         const double bytesPerMs = facts.rate / 10000.0;
         const double unconfirmed = (p.maxBytesInQueue + p.packetSize) / bytesPerMs;
         const double longest = 2 * (facts.bufferBytes + p.packetSize) / bytesPerMs + p.confirmationIntervalMs + 2 * facts.delayMs;
-        EXPECT_GE(p.resendIntervalMs, 1.09 * std::min(unconfirmed, longest)) << testing::PrintToString(facts);
+        EXPECT_GE(p.resendIntervalMs, 1.2 * std::min(unconfirmed, longest)) << testing::PrintToString(facts);
     }
 }
 
@@ -201,10 +201,10 @@ TEST(LinkProfileRule, SlowLinesHavePacketsSmallEnoughForTheResendInterval)
     for (const int rate : {300, 600, 1200}) {
         const LinkProfile p = recommendedProfile(line(rate, 0, 0));
         const double unconfirmedMs = (p.maxBytesInQueue + p.packetSize) * 10000.0 / rate;
-        EXPECT_GE(p.resendIntervalMs, 1.55 * unconfirmedMs) << rate;
+        EXPECT_GE(p.resendIntervalMs, 1.75 * unconfirmedMs) << rate;
     }
-    // 60 s / 1.6 less a round trip of 1.03 s, through six packets of 1/30 s a byte.
-    EXPECT_EQ(recommendedProfile(line(300, 0, 0)).packetSize, 182);
+    // 60 s / 1.8 less a round trip of 1.03 s, through six packets of 1/30 s a byte.
+    EXPECT_EQ(recommendedProfile(line(300, 0, 0)).packetSize, 161);
 }
 
 // 111 packets of 4096 bytes in 20 s.
