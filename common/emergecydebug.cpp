@@ -69,7 +69,7 @@ void emergecyDebug(const QString& text)
     }
     for (const QString& part : parts) {
         if (!part.isEmpty() && file.write(part.toUtf8()) < 0) {
-            reportLogWriteError(file);
+            reportLogWriteError(file.errorString());
             forgetTarget();
         }
     }

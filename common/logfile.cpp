@@ -1,6 +1,6 @@
 #include "common/logfile.h"
 
-#include <cstdio>
+#include <cerrno>
 #include <ctime>
 
 #include <fcntl.h>
@@ -12,6 +12,16 @@
 
 #include "common/global.h"
 #include "common/qtmessages.h"
+
+namespace {
+
+void putDigits(char* at, int count, int value)
+{
+    for (int i = count - 1; i >= 0; --i, value /= 10)
+        at[i] = static_cast<char>('0' + value % 10);
+}
+
+} // namespace
 
 void LogTarget::find()
 {
@@ -27,11 +37,8 @@ void LogTarget::find()
     m_encodedPath = QFile::encodeName(m_filePath);
 }
 
-// Appending is the descriptor's business: told of it, Qt would look for the end each time.
-ExistingLog::ExistingLog(QFile& file, const QByteArray& encodedPath)
-    : m_descriptor(::open(encodedPath.constData(), O_WRONLY | O_APPEND | O_CLOEXEC)),
-      m_isOpen(m_descriptor >= 0
-               && file.open(m_descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::DontCloseHandle))
+ExistingLog::ExistingLog(const QByteArray& encodedPath)
+    : m_descriptor(::open(encodedPath.constData(), O_WRONLY | O_APPEND | O_CLOEXEC))
 {
 }
 
@@ -39,6 +46,20 @@ ExistingLog::~ExistingLog()
 {
     if (m_descriptor >= 0)
         ::close(m_descriptor);
+}
+
+qint64 writeToLog(int descriptor, const char* data, qint64 size)
+{
+    qint64 written = 0;
+    while (written < size) {
+        const ssize_t count = ::write(descriptor, data + written, static_cast<std::size_t>(size - written));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            break;
+        written += count;
+    }
+    return written > 0 ? written : -1;
 }
 
 bool openLog(QFile& file)
@@ -61,17 +82,21 @@ QString logTimeStamp()
 {
     constexpr qint64 msPerS = 1000;
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
-    const std::time_t now = nowMs / msPerS;
-    // Not by way of QTime, which reads the time zone's file each time.
+    const qint64 ms = (nowMs % msPerS + msPerS) % msPerS; // of a clock before 1970 too
+    const std::time_t now = (nowMs - ms) / msPerS;
+    // Not by way of QTime, which reads the time zone's file each time, nor of printf's formats, which
+    // cost more than anything else in the layout of a line.
     std::tm local;
     localtime_r(&now, &local);
-    char text[64]; // room for numbers that no clock shows
-    std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
-                  static_cast<int>(nowMs % msPerS));
-    return QString::fromLatin1(text);
+    char text[] = "hh:mm:ss.zzz";
+    putDigits(text, 2, local.tm_hour);
+    putDigits(text + 3, 2, local.tm_min);
+    putDigits(text + 6, 2, local.tm_sec);
+    putDigits(text + 9, 3, static_cast<int>(ms));
+    return QString::fromLatin1(text, sizeof text - 1);
 }
 
-void reportLogWriteError(const QFile& file)
+void reportLogWriteError(const QString& reason)
 {
-    sendQtMessageItems(QtWarningMsg, "Не удалось записать данные в лог файл. Ошибка записи. ", file.errorString());
+    sendQtMessageItems(QtWarningMsg, "Не удалось записать данные в лог файл. Ошибка записи. ", reason);
 }

@@ -25,22 +25,27 @@ private:
     QByteArray m_encodedPath;
 };
 
-// The usual case, at the price of one look: opens file, the log, if it is there, for as long as
-// this lives, and says nothing if it is not there or does not open.
+// The usual case, at the price of one look: opens the log, if it is there, for as long as this
+// lives, and says nothing if it is not there or does not open. Past QFile, which asks the system
+// twice more and costs as much again as opening, writing and closing.
 class ExistingLog
 {
 public:
-    ExistingLog(QFile& file, const QByteArray& encodedPath);
+    explicit ExistingLog(const QByteArray& encodedPath);
     ~ExistingLog();
     ExistingLog(const ExistingLog&) = delete;
     ExistingLog& operator=(const ExistingLog&) = delete;
 
-    bool isOpen() const { return m_isOpen; }
+    bool isOpen() const { return m_descriptor >= 0; }
+    int descriptor() const { return m_descriptor; }
 
 private:
     const int m_descriptor;
-    const bool m_isOpen;
 };
+
+// Writes as QFile does: until all is written or the system refuses. Answers how many bytes went,
+// or -1, with the reason in errno, if none did.
+qint64 writeToLog(int descriptor, const char* data, qint64 size);
 
 // Opens the log for appending, unbuffered (a buffered file reports success on a full disk).
 // Reports a failure.
@@ -52,4 +57,4 @@ bool createLogDirectory(const QDir& directory);
 // "hh:mm:ss.zzz"
 QString logTimeStamp();
 
-void reportLogWriteError(const QFile& file);
+void reportLogWriteError(const QString& reason);

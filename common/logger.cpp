@@ -1,6 +1,7 @@
 #include "common/logger.h"
 
 #include <atomic>
+#include <cerrno>
 #include <memory>
 
 #include <QDebug>
@@ -113,7 +114,8 @@ private:
     bool open(QFile& file);
     bool makeDirectory();
     void beginFile(QFile& file);
-    bool writeAll(QFile& file, const QByteArray& bytes);
+    void writeParts(int descriptor, const QStringList& parts);
+    bool writeAll(int descriptor, const QByteArray& bytes);
     QFileDevice::Permissions dirPermissions();
     QFileDevice::Permissions filePermissions();
 
@@ -133,14 +135,22 @@ LogWriter& logWriter()
 void LogWriter::write(const QStringList& parts)
 {
     m_target.find();
-    QFile file(m_target.filePath());
-    const ExistingLog log(file, m_target.encodedPath());
-    if (!log.isOpen() && !open(file)) {
-        m_target.forget();
+    const ExistingLog log(m_target.encodedPath());
+    if (log.isOpen()) {
+        writeParts(log.descriptor(), parts);
         return;
     }
+    QFile file(m_target.filePath());
+    if (open(file))
+        writeParts(file.handle(), parts);
+    else
+        m_target.forget();
+}
+
+void LogWriter::writeParts(int descriptor, const QStringList& parts)
+{
     for (const QString& part : parts) {
-        if (!writeAll(file, part.isEmpty() ? QByteArrayLiteral("\n") : part.toUtf8()))
+        if (!writeAll(descriptor, part.isEmpty() ? QByteArrayLiteral("\n") : part.toUtf8()))
             m_target.forget();
     }
 }
@@ -174,7 +184,7 @@ bool LogWriter::makeDirectory()
 
 void LogWriter::beginFile(QFile& file)
 {
-    if (!writeAll(file, CSystemInfo::summaryInfo().toUtf8()))
+    if (!writeAll(file.handle(), CSystemInfo::summaryInfo().toUtf8()))
         m_target.forget();
     if (!file.setPermissions(filePermissions()))
         sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа для файла:", file.fileName(), file.errorString());
@@ -182,15 +192,15 @@ void LogWriter::beginFile(QFile& file)
 
 // False when the file refused the bytes; what a file still has not taken after some attempts is
 // dropped without a word.
-bool LogWriter::writeAll(QFile& file, const QByteArray& bytes)
+bool LogWriter::writeAll(int descriptor, const QByteArray& bytes)
 {
-    qint64 written = file.write(bytes);
+    qint64 written = writeToLog(descriptor, bytes.constData(), bytes.size());
     if (written < 0) {
-        reportLogWriteError(file);
+        reportLogWriteError(qt_error_string(errno));
         return false;
     }
     for (int attempt = 0; attempt < moreWriteAttempts && written < bytes.size(); ++attempt) {
-        const qint64 more = file.write(bytes.constData() + written, bytes.size() - written);
+        const qint64 more = writeToLog(descriptor, bytes.constData() + written, bytes.size() - written);
         if (more > 0)
             written += more;
     }
