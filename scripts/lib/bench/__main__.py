@@ -2,7 +2,4 @@ import sys
 
 from .main import main
 
-try:
-    sys.exit(main(sys.argv[1:]))
-except KeyboardInterrupt:
-    sys.exit(130)
+sys.exit(main(sys.argv[1:]))

@@ -1,17 +1,25 @@
 """Two results: what became worse beyond the noise."""
 
+import math
 import statistics
 from dataclasses import dataclass
 
 from . import cells
 from .summary import summarise
+from .tables import medians
 
 # Below these differences nothing is called a change, however little the runs spread.
 SHARE_FLOOR = 0.01          # of the line's capacity
+FEW_RUNS_CLEAN = 0.03       # the same where a side has too few runs to show their spread
+FEW_RUNS_NOISY = 0.10       # there one loss at the end costs as much
+ENOUGH_RUNS = 3
 CPU_FLOOR = 0.15            # of the old figure
 PARTS_FLOOR = 0.05
 PORTS_FLOOR = 0.20
-SINGLE_RUN_SHARE = 0.03     # where neither side has several runs to show their spread
+PORTS_CPU_FLOOR = 0.05      # % of a core: what the scheduler's account differs by between runs
+
+# Measured beside ours to tell what the machine can do: no regression of ours.
+YARDSTICKS = ("crc32Zlib", "bareOpenAppendClose", "bareSystemCalls", "bareTwoLooksAtAFilesTime", "bareThreadCpuPercent")
 
 
 @dataclass
@@ -22,9 +30,22 @@ class Change:
     noise: float
     worse: bool
     better: bool
+    remark: str = ""
 
     def row(self):
-        return [self.what, f"{self.old:.4g}", f"{self.new:.4g}", f"{self.noise:.2g}", "WORSE" if self.worse else "better" if self.better else ""]
+        mark = self.remark or ("WORSE" if self.worse else "better" if self.better else "")
+        return [self.what, f"{self.old:.4g}", f"{self.new:.4g}", f"{self.noise:.2g}", mark]
+
+
+MISSING = "WORSE: missing in the new result"
+
+
+def lost(what):
+    return Change(what, math.nan, math.nan, 0.0, True, False, MISSING)
+
+
+def left_out(what, why):
+    return Change(what, math.nan, math.nan, 0.0, False, False, "left out: " + why)
 
 
 def spread(values):
@@ -38,25 +59,48 @@ def judge(what, old, new, floor, higher_is_better):
     moved = statistics.median(new) - statistics.median(old)
     if not higher_is_better:
         moved = -moved
-    return Change(what, statistics.median(old), statistics.median(new), noise, moved < -noise, moved > noise)
+    change = Change(what, statistics.median(old), statistics.median(new), noise, moved < -noise, moved > noise)
+    if (change.worse or change.better) and any(name in what for name in YARDSTICKS):
+        change.remark = "the machine: a yardstick " + ("slower" if change.worse else "faster")
+        change.worse = change.better = False
+    return change
+
+
+def share_floor(condition, *sides):
+    if min(len(side.shares) for side in sides) >= ENOUGH_RUNS:
+        return SHARE_FLOOR
+    return FEW_RUNS_NOISY if condition.ber else FEW_RUNS_CLEAN
+
+
+def comparable(runs):
+    """Runs of ours on a line that kept its pace: the peers tell only whether the machine changed."""
+    return [run for run in runs if run["program"] in cells.OURS and run["paced"] and run.get("measured", True)]
+
+
+def cell_changes(what, before, after):
+    """before, after: Summaries."""
+    changes = []
+    fail_rate = [len(s.failures) / s.runs for s in (before, after)]
+    if fail_rate[0] != fail_rate[1]:
+        changes.append(Change(what + ": failed runs", *fail_rate, 0.0, fail_rate[1] > fail_rate[0], fail_rate[1] < fail_rate[0]))
+    if before.shares and after.shares:
+        changes.append(judge(what + ": share of the line", before.shares, after.shares, share_floor(before.condition, before, after), True))
+        changes.append(judge(what + ": CPU s/MB", before.cpus, after.cpus, CPU_FLOOR * statistics.median(before.cpus), False))
+    return changes
 
 
 def compare_line(old_runs, new_runs):
-    """Of our programs only: the peers are the yardstick, and tell whether the machine changed."""
-    old, new = summarise(old_runs), summarise(new_runs)
+    old, new = summarise(comparable(old_runs)), summarise(comparable(new_runs))
+    late = summarise(run for run in new_runs if not run["paced"] and run.get("measured", True))
     changes = []
-    for key in sorted(old.keys() & new.keys(), key=str):
-        condition, program = key
-        if program not in cells.OURS:
-            continue
-        before, after, what = old[key], new[key], f"{condition.label()}, {program}"
-        fail_rate = [len(s.failures) / s.runs for s in (before, after)]
-        if fail_rate[0] != fail_rate[1]:
-            changes.append(Change(what + ": failed runs", *fail_rate, 0.0, fail_rate[1] > fail_rate[0], fail_rate[1] < fail_rate[0]))
-        if before.shares and after.shares:
-            several = len(before.shares) > 1 or len(after.shares) > 1
-            changes.append(judge(what + ": share of the line", before.shares, after.shares, SHARE_FLOOR if several else SINGLE_RUN_SHARE, True))
-            changes.append(judge(what + ": CPU s/MB", before.cpus, after.cpus, CPU_FLOOR * statistics.median(before.cpus), False))
+    for key in sorted(old, key=str):
+        what = f"{key[0].label()}, {key[1]}"
+        if key not in new:
+            changes.append(left_out(what, "the machine was late") if key in late else lost(what))
+        elif old[key].amounts != new[key].amounts:
+            changes.append(left_out(what, "other amounts were sent"))
+        else:
+            changes += cell_changes(what, old[key], new[key])
     return changes
 
 
@@ -70,10 +114,19 @@ def part_times(result):
     return times
 
 
+def part_allocations(result):
+    return {name: [run["allocations"]] for name, run in medians(result).items() if "allocations" in run}
+
+
+def compare_figures(old, new, floor_of, suffix=""):
+    """old, new: {name: [repeated figures]}, less is better; floor_of(name, old median)."""
+    return [judge(name + suffix, old[name], new[name], floor_of(name, statistics.median(old[name])), False) if name in new else lost(name + suffix)
+            for name in sorted(old)]
+
+
 def compare_parts(old, new):
-    before, after = part_times(old), part_times(new)
-    return [judge(f"{name}: CPU ns", before[name], after[name], PARTS_FLOOR * statistics.median(before[name]), False)
-            for name in sorted(before.keys() & after.keys())]
+    return (compare_figures(part_times(old), part_times(new), lambda _, figure: PARTS_FLOOR * figure, ": CPU ns") +
+            compare_figures(part_allocations(old), part_allocations(new), lambda *_: 0.0, ": allocations"))
 
 
 def numbers_of(value, name=""):
@@ -91,11 +144,14 @@ def numbers_of(value, name=""):
             yield from numbers_of(item, f"{name}[{label}]")
 
 
+def ports_floor(name, figure):
+    return max(PORTS_FLOOR * abs(figure), PORTS_CPU_FLOOR if "cpuPercent" in name else 0.0)
+
+
 def compare_ports(old, new):
     """Shares of a core, bytes and times: less is better in all of them."""
-    before, after = dict(numbers_of(old)), dict(numbers_of(new))
-    return [judge(name, [before[name]], [after[name]], PORTS_FLOOR * abs(before[name]), False)
-            for name in sorted(before.keys() & after.keys()) if not name.endswith(".ports")]
+    before, after = ({name: [value] for name, value in numbers_of(ports) if not name.endswith(".ports")} for ports in (old, new))
+    return compare_figures(before, after, ports_floor)
 
 
 def compare(old, new):
@@ -106,4 +162,6 @@ def compare(old, new):
         changes += compare_parts(old["parts"], new["parts"])
     if old.get("ports") and new.get("ports"):
         changes += compare_ports(old["ports"], new["ports"])
-    return changes
+    # What the new run was not asked for is not missing.
+    is_part = any(option in new.get("command", "") for option in ("--cells", "--quick"))
+    return [change for change in changes if not (is_part and change.remark == MISSING)]

@@ -2,6 +2,7 @@
 
 import os
 import platform
+import subprocess
 
 
 def cpu_model(cpuinfo):
@@ -30,7 +31,27 @@ def describe_machine():
     }
 
 
-def machine_lines(machine):
+def first_line(command):
+    """Of what a program prints; empty if it cannot."""
+    try:
+        done = subprocess.run([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True)
+    except (OSError, subprocess.CalledProcessError):
+        return ""
+    return next(iter(done.stdout.decode(errors="replace").splitlines()), "")
+
+
+def describe_versions(tree, uucp):
+    """Of this tree and of the peers, as far as they can be told."""
+    packages = {name: first_line(["dpkg-query", "-W", "-f", "${Version}", name]) for name in ("lrzsz", "ckermit")}
+    commit = first_line(["git", "-C", tree, "describe", "--always", "--dirty", "--abbrev=12"])
+    versions = {"commit": commit, **packages, "uucp": first_line([uucp / "usr/lib/uucp/uucico", "--version"])}
+    return {name: version for name, version in versions.items() if version}
+
+
+def machine_lines(result):
+    machine = result["machine"]
+    versions = ", ".join(f"{name} {version}" for name, version in result.get("versions", {}).items())
     return [f"machine: {machine['cpu']}, {machine['cores']} cores, {machine['memoryMb']} MB",
             f"kernel:  {machine['kernel']}",
-            "load at start: " + " ".join(f"{load:.2f}" for load in machine["loadAtStart"])]
+            "load at start: " + " ".join(f"{load:.2f}" for load in machine["loadAtStart"]),
+            *([f"versions: {versions}"] if versions else [])]

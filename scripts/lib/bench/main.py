@@ -2,23 +2,44 @@
 
 import argparse
 import json
+import os
 import re
 import shlex
 import shutil
-import subprocess
+import signal
 import sys
 import tempfile
 import time
 from pathlib import Path
 
-from . import cells, compare, report, summary
-from .machine import describe_machine, machine_lines
-from .processes import end_all
+from . import cells, compare, report, tables
+from .data import make_pool, pool_bytes
+from .machine import describe_machine, describe_versions, machine_lines
+from .processes import CellError, end_all, output_of
 from .programs import Setup
 from .runner import ATTEMPTS, Runner, tell_on_stderr
 
 KINDS = ("line", "parts", "ports")
-SLOWEST_SHARE = 0.15  # a transfer slower than this counts as failed
+SLOWEST_SHARE, QUICK_SLOWEST_SHARE = 0.15, 0.25  # a transfer slower than this counts as failed
+TREE = Path(__file__).resolve().parents[3]
+NEEDED = {cells.ZMODEM_DEFAULT: ("sz", "rz"), cells.ZMODEM_8K: ("sz", "rz"), cells.ZMODEM_WINDOW: ("sz", "rz"), cells.KERMIT: ("kermit",)}
+
+
+def positive(kind):
+    def read(word):
+        value = kind(word)
+        if value <= 0:
+            raise ValueError
+        return value
+    read.__name__ = f"number above 0 ({kind.__name__})"
+    return read
+
+
+def expression(word):
+    try:
+        return re.compile(word)
+    except re.error as error:
+        raise argparse.ArgumentTypeError(f"{word}: {error}")
 
 
 def parse_arguments(words):
@@ -27,109 +48,90 @@ def parse_arguments(words):
     parser.add_argument("--uucp", type=Path)
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--only", choices=KINDS)
-    parser.add_argument("--cells", metavar="REGEX")
-    parser.add_argument("--runs", type=int, default=0)
-    parser.add_argument("--load", type=float, default=0.0)
+    parser.add_argument("--cells", metavar="REGEX", type=expression)
+    parser.add_argument("--runs", type=positive(int))
+    parser.add_argument("--load", type=positive(float))
     parser.add_argument("--out", type=Path)
     parser.add_argument("--compare", nargs=2, type=Path, metavar=("OLD", "NEW"))
     parser.add_argument("--report", type=Path, metavar="JSON")
     parser.add_argument("--tables", type=Path, metavar="JSON")
-    return parser.parse_args(words)
+    arguments = parser.parse_args(words)
+    arguments.matrix = chosen_cells(arguments) if arguments.only in (None, "line") else []
+    if arguments.only in (None, "line") and not arguments.matrix:
+        parser.error("--cells matches no cell; labels look like: " + cells.full_matrix()[0].label())
+    return arguments
 
 
 def chosen_cells(arguments):
     matrix = cells.quick_matrix() if arguments.quick else cells.full_matrix()
     if arguments.cells:
-        matrix = [cell for cell in matrix if re.search(arguments.cells, cell.label())]
+        matrix = [cell for cell in matrix if arguments.cells.search(cell.label())]
     if arguments.runs:
         single = {cell.label(): cell for cell in matrix}.values()
         matrix = [cells.Cell(cell.condition, cell.program, run, cell.seconds) for cell in single for run in range(arguments.runs)]
     return matrix
 
 
+def check_tools(arguments):
+    """Before hours are spent: whatever would be missing at the end."""
+    needed = {program for cell in arguments.matrix for program in NEEDED.get(cell.program, ())}
+    if any(cell.program.startswith("UUCP") for cell in arguments.matrix):
+        needed.add(str(arguments.uucp / "usr/lib/uucp/uucico"))
+    missing = sorted(program for program in needed if not shutil.which(program))
+    try:
+        import matplotlib  # noqa: F401
+    except ImportError:
+        missing.append("python3-matplotlib")
+    if missing:
+        raise SystemExit(f"error: missing: {', '.join(missing)}; run scripts/bench without --no-install")
+
+
 def measure_line(arguments, machine, save):
-    matrix = chosen_cells(arguments)
-    if not matrix:
-        raise SystemExit("error: --cells matches no cell; labels look like: " + cells.full_matrix()[0].label())
     load = arguments.load or 0.5 * machine["cores"]
     directory = Path(tempfile.mkdtemp(prefix="transportCom-bench-"))
     directory.chmod(0o755)  # a peer started by root may drop to a user of its own
     try:
-        setup = Setup(arguments.build, arguments.uucp, directory, 0.25 if arguments.quick else SLOWEST_SHARE)
+        setup = Setup(arguments.build, arguments.uucp, directory, QUICK_SLOWEST_SHARE if arguments.quick else SLOWEST_SHARE,
+                      make_pool(TREE, pool_bytes(arguments.matrix)))
         setup.lay_out()
-        return Runner(setup, matrix, load, tell_on_stderr, save, 1 if arguments.quick else ATTEMPTS).run()
+        return Runner(setup, arguments.matrix, load, tell_on_stderr, save, 1 if arguments.quick else ATTEMPTS).run()
     finally:
-        end_all()
         shutil.rmtree(directory, ignore_errors=True)
 
 
-def built_program(arguments, name):
-    """Its path; None, and a word about it, where this tree does not build it."""
+def measure_program(arguments, name, options):
+    """The JSON that it prints; None, and a word about it, where this tree does not build it."""
     path = arguments.build / "bin" / name
-    if path.exists():
-        return str(path)
-    if arguments.only:
-        raise SystemExit(f"error: {path} is not built")
-    tell_on_stderr(f"{name} is not built; left out")
-    return None
-
-
-def json_of(command):
-    done = subprocess.run(command, stdout=subprocess.PIPE)
-    if done.returncode != 0:
-        raise SystemExit(f"error: {Path(command[0]).name} ended with status {done.returncode}")
-    return json.loads(done.stdout)
+    if not path.exists():
+        if arguments.only:
+            raise SystemExit(f"error: {path} is not built")
+        tell_on_stderr(f"{name} is not built; left out")
+        return None
+    tell_on_stderr(name)
+    status, output = output_of([path, *options])
+    if status != 0:
+        raise SystemExit(f"error: {name} ended with status {status}")
+    return json.loads(output)
 
 
 def measure_parts(arguments):
-    program = built_program(arguments, "bench-parts")
-    if program is None:
-        return None
-    command = [program, "--benchmark_format=json", "--benchmark_repetitions=" + ("1" if arguments.quick else "5")]
-    if arguments.quick:
-        command.append("--benchmark_min_time=0.05")
-    tell_on_stderr("the parts")
-    return json_of(command)
+    options = ["--benchmark_repetitions=1", "--benchmark_min_time=0.05"] if arguments.quick else ["--benchmark_repetitions=5"]
+    return measure_program(arguments, "bench-parts", ["--benchmark_format=json", *options])
 
 
 def measure_ports(arguments):
-    program = built_program(arguments, "bench-ports")
-    if program is None:
-        return None
-    command = [program] + (["--quick"] if arguments.quick else [])
-    tell_on_stderr("the ports")
-    return json_of(command)
+    return measure_program(arguments, "bench-ports", ["--quick"] if arguments.quick else [])
 
 
 def print_result(result):
-    print("\n".join(machine_lines(result["machine"])))
-    if result.get("line"):
-        summaries = summary.summarise(result["line"])
-        for traffic in (cells.ONE_WAY, cells.BOTH_WAYS, cells.MESSAGES):
-            for title, text in (("share of the line", summary.share_cell), ("CPU seconds per megabyte", summary.cpu_cell)):
-                header, rows = summary.line_table(summaries, traffic, text)
-                if rows:
-                    print(f"\n{traffic}: {title}\n{summary.plain_table(header, rows)}")
-        print("\ntargets\n" + summary.plain_table(*summary.target_rows(summaries)))
-        print("\nwhere a peer leads\n" + summary.plain_table(*summary.behind_peer_rows(summaries)))
-    if result.get("ports"):
-        print("\nports\n" + summary.plain_table(*report.ports_rows(result["ports"])))
-    if result.get("parts"):
-        print("\nparts\n" + summary.plain_table(*report.parts_rows(result["parts"])))
+    print("\n".join(machine_lines(result)))
+    for table in tables.tables_of(result):
+        print(f"\n{table.title}\n{tables.plain(table.header, table.rows)}")
 
 
 def markdown_tables(result):
-    """The line's tables as docs/performance.md holds them."""
-    texts = []
-    summaries = summary.summarise(result.get("line") or [])
-    for traffic in (cells.ONE_WAY, cells.BOTH_WAYS, cells.MESSAGES):
-        for title, text in (("share of the line", summary.share_cell), ("CPU seconds per megabyte", summary.cpu_cell)):
-            header, rows = summary.line_table(summaries, traffic, text)
-            if rows:
-                texts.append(f"{traffic.capitalize()}, {title}:\n\n{summary.markdown_table(header, rows)}")
-    texts.append("Targets:\n\n" + summary.markdown_table(*summary.target_rows(summaries)))
-    texts.append("Where a peer leads:\n\n" + summary.markdown_table(*summary.behind_peer_rows(summaries)))
-    return "\n\n".join(texts)
+    """All tables as docs/performance.md holds them."""
+    return "\n\n".join(f"{table.title}:\n\n{tables.markdown(table.header, table.rows)}" for table in tables.tables_of(result))
 
 
 def load_result(path):
@@ -151,10 +153,67 @@ def run_compare(old_path, new_path):
     changes = compare.compare(old, new)
     if not changes:
         raise SystemExit("error: the two results have nothing in common to compare")
-    print(summary.plain_table(["what", "old", "new", "noise", ""], [change.row() for change in changes if change.worse or change.better]))
+    shown = [change.row() for change in changes if change.worse or change.better or change.remark]
+    print(tables.plain(["what", "old", "new", "noise", ""], shown))
     worse = [change for change in changes if change.worse]
     print(f"\n{len(changes)} figures compared: {len(worse)} worse, {sum(change.better for change in changes)} better, the rest within the noise")
     return 1 if worse else 0
+
+
+def write_whole(path, text):
+    """An interrupt or a full disk leaves what was there."""
+    part = path.with_name(path.name + ".part")
+    part.write_text(text, encoding="utf-8")
+    os.replace(part, path)
+
+
+def command_words(arguments):
+    words = ["scripts/bench", *(["--quick"] if arguments.quick else [])]
+    for name in ("only", "cells", "runs", "load"):
+        value = getattr(arguments, name)
+        if value is not None:
+            words += ["--" + name, value.pattern if name == "cells" else str(value)]
+    return shlex.join(words)
+
+
+def end_by_signal(number, _):
+    """The first one ends the run; what is cleaned up then is not to be interrupted."""
+    for other in ENDING_SIGNALS:
+        signal.signal(other, signal.SIG_IGN)
+    raise SystemExit(128 + number)
+
+
+ENDING_SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+
+
+def measure(arguments, out):
+    """Measures what was asked for; result.json is there at any time."""
+    begun = time.monotonic()
+    result = {"version": 1, "when": time.strftime("%Y-%m-%d %H:%M:%S"), "command": command_words(arguments),
+              "machine": describe_machine(), "versions": describe_versions(TREE, arguments.uucp)}
+
+    def save(kind, measured):
+        result[kind] = measured
+        write_whole(out / "result.json", json.dumps(result))
+
+    for kind, measure_kind in (("parts", measure_parts), ("ports", measure_ports),
+                               ("line", lambda a: measure_line(a, result["machine"], lambda runs: save("line", runs)))):
+        if arguments.only in (None, kind):
+            save(kind, measure_kind(arguments))
+    result["tookSeconds"] = round(time.monotonic() - begun)
+    write_whole(out / "result.json", json.dumps(result, indent=1))
+    write_whole(out / "report.html", report.page(result))
+    return result
+
+
+def exit_status(runs):
+    """1 if a run could not be measured or failed with our recommended settings, with a word on each."""
+    # With default settings a line far from 56 to 115 kbit/s may well be too slow.
+    bad = [run for run in runs if not run["measured"] or (run["program"] == cells.OURS_PROFILE and not run["ok"])]
+    for run in bad:
+        what = "failed" if run["measured"] else "was not measured"
+        print(f"error: {run['program']} {what} at {run['rate']} bit/s, {run['delayMs']} ms, {run['ber']:g} ({run['traffic']}): {run['why']}", file=sys.stderr)
+    return 1 if bad else 0
 
 
 def main(words):
@@ -167,28 +226,17 @@ def main(words):
     if arguments.report:
         print(report.page(load_result(arguments.report)))
         return 0
+    for number in ENDING_SIGNALS:
+        signal.signal(number, end_by_signal)
+    check_tools(arguments)
     out = (arguments.out or Path(arguments.build) / "bench" / time.strftime("%Y%m%d-%H%M%S")).resolve()
     out.mkdir(parents=True, exist_ok=True)
-    begun = time.monotonic()
-    shown = [word for pair in (["--quick"] if arguments.quick else [], ["--only", arguments.only] if arguments.only else [],
-                               ["--cells", arguments.cells] if arguments.cells else [], ["--runs", str(arguments.runs)] if arguments.runs else []) for word in pair]
-    result = {"version": 1, "when": time.strftime("%Y-%m-%d %H:%M:%S"), "command": shlex.join(["scripts/bench", *shown]), "machine": describe_machine()}
-
-    def save(kind, measured):
-        result[kind] = measured
-        (out / "result.json").write_text(json.dumps(result, indent=1))
-
-    for kind, measure in (("parts", measure_parts), ("ports", measure_ports),
-                          ("line", lambda a: measure_line(a, result["machine"], lambda runs: save("line", runs)))):
-        if arguments.only in (None, kind):
-            save(kind, measure(arguments))
-    result["tookSeconds"] = round(time.monotonic() - begun)
-    (out / "result.json").write_text(json.dumps(result, indent=1))
-    (out / "report.html").write_text(report.page(result), encoding="utf-8")
+    try:
+        result = measure(arguments, out)
+    except (OSError, CellError) as error:
+        raise SystemExit(f"error: {error}")
+    finally:
+        end_all()
     print_result(result)
     print(f"\nwritten: {out}/result.json, {out}/report.html")
-    # With default settings a line far from 56 to 115 kbit/s may well be too slow.
-    failed = [run for run in result.get("line") or [] if run["program"] == cells.OURS_PROFILE and not run["ok"]]
-    for run in failed:
-        print(f"error: {run['program']} failed at {run['rate']} bit/s, {run['delayMs']} ms, {run['ber']:g} ({run['traffic']}): {run['why']}", file=sys.stderr)
-    return 1 if failed else 0
+    return exit_status(result.get("line") or [])

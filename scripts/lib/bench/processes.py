@@ -2,7 +2,9 @@
 
 import json
 import os
+import signal
 import subprocess
+import threading
 import time
 from pathlib import Path
 
@@ -10,23 +12,68 @@ POLL_SECONDS = 0.02
 DRIVER_WAKE_UP_BYTES = 256  # as Linux's serial drivers: a program that waits for room is woken when fewer wait
 
 
+ENDING_SECONDS = 2.0  # for programs to clean up behind themselves when the whole run ends
+
+
 class CellError(Exception):
     """The cell could not be measured, in a sentence."""
 
 
-_started = set()  # every program of every cell, so that none outlives an interrupted run
+_started = set()  # every program, so that none outlives an interrupted run
+_gate = threading.Lock()
+_is_over = threading.Event()
 
 
 def start(command, **options):
-    process = subprocess.Popen([str(part) for part in command], **options)
-    _started.add(process)
-    return process
+    """A session of its own keeps the terminal's signals away: end_all() alone ends it early."""
+    with _gate:
+        if _is_over.is_set():
+            raise CellError("the run is over")
+        process = subprocess.Popen([str(part) for part in command], start_new_session=True, **options)
+        _started.add(process)
+        return process
+
+
+def output_of(command, **options):
+    """(exit status, standard output) of a program that ends by itself."""
+    with start(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, **options) as process:
+        output = process.stdout.read()
+    _started.discard(process)
+    return process.returncode, output
+
+
+def is_over():
+    return _is_over.is_set()
 
 
 def end_all():
-    for process in list(_started):
-        if process.returncode is None:
-            process.kill()
+    """Ends every program and lets none start any more."""
+    with _gate:
+        _is_over.set()
+    _signal_running(signal.SIGINT)
+    deadline = time.monotonic() + ENDING_SECONDS
+    while _signal_running(0) and time.monotonic() < deadline:
+        time.sleep(POLL_SECONDS)
+    _signal_running(signal.SIGKILL)
+
+
+def _signal_running(number):
+    """To each program and what it started; True if there was one."""
+    running = [process for process in list(_started) if _is_running(process)]
+    for process in running:
+        try:
+            os.killpg(process.pid, number)
+        except (ProcessLookupError, PermissionError):
+            pass  # gone since, or gone to a user of its own: then the end of its port ends it
+    return bool(running)
+
+
+def _is_running(process):
+    """Does not reap: whoever waits for a program takes its processor time."""
+    try:
+        return process.returncode is None and os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT) is None
+    except ChildProcessError:
+        return False
 
 
 class Line:
@@ -40,6 +87,7 @@ class Line:
                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         first = self.process.stdout.readline()
         if not first:
+            self.end()
             raise CellError("bench-line did not start")
         self.ports = json.loads(first)["ports"]
         for path in (*self.ports, self.table):
@@ -50,8 +98,7 @@ class Line:
         self.process.terminate()
         last = self.process.stdout.read()
         self.process.stdout.close()
-        self.process.wait()
-        return json.loads(last) if last else None
+        return json.loads(last) if self.process.wait() == 0 and last else None
 
 
 def preload(build, table, *libraries):
@@ -65,8 +112,7 @@ def on_port(command, port, directory, environment):
     descriptor = os.open(port, os.O_RDWR | os.O_NOCTTY)
     try:
         with open(directory / "errors.txt", "ab") as errors:
-            return start(command, stdin=descriptor, stdout=descriptor, stderr=errors, cwd=directory, env=environment,
-                         start_new_session=True)
+            return start(command, stdin=descriptor, stdout=descriptor, stderr=errors, cwd=directory, env=environment)
     finally:
         os.close(descriptor)
 
@@ -74,8 +120,7 @@ def on_port(command, port, directory, environment):
 def off_port(command, directory, environment):
     """A program that opens its port by itself."""
     with open(directory / "output.txt", "ab") as output:
-        return start(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, cwd=directory, env=environment,
-                     start_new_session=True)
+        return start(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, cwd=directory, env=environment)
 
 
 class Group:
@@ -84,7 +129,6 @@ class Group:
     def __init__(self):
         self.started = []
         self.cpu_seconds = 0.0
-        self.failed = 0
 
     def add(self, process):
         self.started.append(process)
@@ -111,8 +155,6 @@ class Group:
             return
         process.returncode = os.waitstatus_to_exitcode(status)
         self.cpu_seconds += usage.ru_utime + usage.ru_stime
-        if process.returncode != 0:
-            self.failed += 1
 
 
 class Arrivals:
@@ -120,25 +162,29 @@ class Arrivals:
 
     def __init__(self, files):
         self.missing = dict(files)  # path: size
+        self.last_ns = 0  # of the wall clock: when the last of those that are there was written
 
     def all_there(self):
         for path in list(self.missing):
             try:
-                if os.stat(path).st_size < self.missing[path]:
-                    return False
+                status = os.stat(path)
             except OSError:
                 return False
+            if status.st_size < self.missing[path]:
+                return False
+            # Not the time of modification, which some programs set to the sender's.
+            self.last_ns = max(self.last_ns, status.st_ctime_ns)
             del self.missing[path]
         return True
 
 
 def wait_for(arrivals, group, limit_seconds):
-    """(seconds until everything arrived, "") or (None, why it did not)."""
-    begun = time.monotonic()
+    """(seconds until everything was written, "") or (None, why it was not)."""
+    begun, begun_ns = time.monotonic(), time.time_ns()
     while True:
         programs_ended = not group.running()
         if arrivals.all_there():
-            return time.monotonic() - begun, ""
+            return (arrivals.last_ns - begun_ns) / 1e9, ""
         if programs_ended:
             return None, f"the programs gave up after {time.monotonic() - begun:.0f} s"
         if time.monotonic() - begun > limit_seconds:

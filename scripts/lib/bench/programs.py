@@ -3,7 +3,6 @@
 import json
 import os
 import pwd
-import random
 import shutil
 import subprocess
 import time
@@ -11,9 +10,12 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from . import cells
-from .processes import Arrivals, CellError, Group, Line, off_port, on_port, preload, same_bytes, start, wait_for
+from .data import files_of
+from .processes import Arrivals, CellError, Group, Line, off_port, on_port, output_of, preload, same_bytes, start, wait_for
 
 ENDING_SECONDS = 15  # for a session to end by itself once everything has arrived
+STARTING_SECONDS = 20
+RESTING_SECONDS = 0.1
 
 
 @dataclass
@@ -24,6 +26,7 @@ class Setup:
     uucp: Path
     directory: Path
     slowest_share: float  # of the line's capacity; a transfer that is slower counts as failed
+    pool: bytes  # of what is sent; see data.py
 
     def template(self):
         return self.directory / "installation"
@@ -31,8 +34,13 @@ class Setup:
     def lay_out(self):
         """One installation of ours, copied for every side of a cell."""
         for component in ("runtime", "programs"):
-            subprocess.run(["cmake", "--install", str(self.build), "--prefix", str(self.template()), "--component", component, "--strip"],
-                           check=True, stdout=subprocess.DEVNULL)
+            run_checked(["cmake", "--install", self.build, "--prefix", self.template(), "--component", component, "--strip"])
+
+
+def run_checked(command):
+    status, output = output_of(command, stderr=subprocess.STDOUT)
+    if status != 0:
+        raise CellError(f"{Path(command[0]).name} ended with status {status}: {output.decode(errors='replace').strip()}")
 
 
 @dataclass
@@ -41,24 +49,13 @@ class Transfer:
 
     seconds: float  # from the session's opening until everything had arrived; None: it did not
     cpu_seconds: float  # of both sides' programs
-    exact: bool
+    done: bool  # everything arrived as it was sent, and the programs were content
     why: str  # it failed
-    line: dict  # what the line carried
-
-
-def make_data(cell):
-    """Per direction the files to send, as {name: bytes}; incompressible, another each run."""
-    numbers = random.Random(1000 * cell.seed() + cell.condition.rate)
-    if cell.condition.traffic == cells.MESSAGES:
-        return [{f"{side}{i:02}.bin": numbers.randbytes(cells.MESSAGE_BYTES) for i in range(cells.MESSAGE_COUNT)}
-                for side in ("north", "south")]
-    there = {"there.bin": numbers.randbytes(cell.bytes_each_way())}
-    back = {"back.bin": numbers.randbytes(cell.bytes_each_way())} if cell.condition.traffic == cells.BOTH_WAYS else {}
-    return [there, back]
+    line: dict  # what the line carried; None: the line failed, nothing was measured
 
 
 def run_cell(cell, setup, directory):
-    data = make_data(cell)
+    data = files_of(cell, setup.pool)
     for side, files in zip(("north", "south"), data):
         (directory / side / "out").mkdir(parents=True)
         for name, content in files.items():
@@ -156,25 +153,39 @@ def start_uucp(cell, setup, directory, data, line, group):
         files = sorted(data[side])
         if files:
             out = directory / name / "out"
-            subprocess.run([str(setup.uucp / "usr/bin/uucp"), "-I", str(directory / name / "config"), "-r", "-c",
-                            *(str(out / file) for file in files), f"{UUCP_NAMES[1 - side]}!~/"], check=True, stdin=subprocess.DEVNULL)
+            run_checked([setup.uucp / "usr/bin/uucp", "-I", directory / name / "config", "-r", "-c",
+                         *(out / file for file in files), f"{UUCP_NAMES[1 - side]}!~/"])
         expected.update({directory / UUCP_NAMES[1 - side] / "public" / file: content for file, content in data[side].items()})
     uucico = setup.uucp / "usr/lib/uucp/uucico"
     north, south = (directory / name for name in UUCP_NAMES)
-    group.add(off_port([uucico, "-I", north / "config", "-r1", "-s", "south", "-f", "-D", "-q"], north, environment))
-    wait_until_calling(north / "log", group)
+    caller = group.add(off_port([uucico, "-I", north / "config", "-r1", "-s", "south", "-f", "-D", "-q"], north, environment))
+    wait_until_listening(caller, north / "log", group)
     group.add(on_port([uucico, "-I", south / "config", "-q"], line.ports[1], south, environment))
     return expected
 
 
-def wait_until_calling(log, group):
-    """The caller empties its port's input before it listens; only then may the called one speak."""
-    deadline = time.monotonic() + 20
-    while not (log.exists() and "Calling system" in log.read_text(errors="replace")):
+def wait_until_listening(caller, log, group):
+    """The caller empties its port's input before it listens; only then may the called one speak. It
+    listens when it has told that it calls and then sleeps without a break."""
+    deadline = time.monotonic() + STARTING_SECONDS
+    asleep, since = None, 0.0
+    while asleep is None or time.monotonic() - since < RESTING_SECONDS:
         if time.monotonic() > deadline or not group.running():
             raise CellError("uucico did not open its port")
+        calls = log.exists() and "Calling system" in log.read_text(errors="replace")
+        now = sleep_of(caller) if calls else None
+        if now != asleep:
+            asleep, since = now, time.monotonic()
         time.sleep(0.02)
-    time.sleep(0.3)
+
+
+def sleep_of(process):
+    """Which of its sleeps a process is in, as the kernel counts them; None: it does not sleep."""
+    try:
+        fields = dict(line.split(":", 1) for line in Path(f"/proc/{process.pid}/status").read_text().splitlines())
+    except OSError:
+        return None
+    return fields["voluntary_ctxt_switches"].strip() if fields["State"].split()[0] == "S" else None
 
 
 class Installation:
@@ -186,10 +197,7 @@ class Installation:
         self.events_path = root / "events.json"
 
     def command(self, *arguments, program="transport-host"):
-        done = subprocess.run([str(self.root / "bin" / program), *map(str, arguments)], stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        if done.returncode != 0:
-            raise CellError(f"{program} {arguments[0]}: {done.stdout.decode(errors='replace').strip()}")
+        run_checked([self.root / "bin" / program, *arguments])
 
     def configure(self, cell, peer, files):
         condition = cell.condition
@@ -231,14 +239,15 @@ class Exchange:
              "--delay", condition.delay_ms, "--ber", f"{condition.ber:g}", "--seed", cell.seed(), "--ring-interval", 2,
              "--table", self.table, "--ready-file", ready, "--stats", self.statistics, "--quiet"],
             stdin=subprocess.PIPE, stdout=self.output, stderr=subprocess.STDOUT)
-        deadline = time.monotonic() + 20
+        deadline = time.monotonic() + STARTING_SECONDS
         while not ready.exists():
             if self.process.poll() is not None or time.monotonic() > deadline:
+                self.end()
                 raise CellError("the exchange did not start")
             time.sleep(0.02)
 
     def end(self):
-        """The longest call's line."""
+        """The longest call's line, {} if there was no call; None if the exchange had failed."""
         try:
             self.process.communicate(b"quit\n", timeout=20)
         except (subprocess.TimeoutExpired, BrokenPipeError):
@@ -249,7 +258,7 @@ class Exchange:
             calls = json.loads(self.statistics.read_text())["calls"]
         except (OSError, ValueError):
             return None
-        return max(calls, key=lambda call: call.get("connectedSeconds", 0), default=None)
+        return max(calls, key=lambda call: call.get("connectedSeconds", 0), default={})
 
 
 def run_ours(cell, setup, directory, data):
@@ -285,4 +294,7 @@ def our_transfer(sides, data, group, carried):
         return Transfer(None, group.cpu_seconds, False, "not everything arrived in time" if begun else "no connection", carried)
     exact = all(side.has_exactly(data[1 - i]) for i, side in enumerate(sides))
     why = "" if exact else "what arrived differs"
+    statuses = [process.returncode for process in group.started]
+    if exact and any(statuses):
+        exact, why = False, f"everything arrived, but the hosts ended with status {statuses[0]} and {statuses[1]}"
     return Transfer(max(stored) - min(begun), group.cpu_seconds, exact, why, carried)

@@ -3,7 +3,7 @@
 import html
 import io
 
-from . import cells, summary
+from . import cells, summary, tables
 from .machine import machine_lines
 
 COLOURS = {
@@ -151,7 +151,7 @@ def idle_ports(ports):
 
 def html_table(header, rows):
     def cell(text):
-        bad = text.startswith(("MISSED", "failed", "WORSE"))
+        bad = "MISSED" in text or text.startswith(("failed", "not measured", "behind", "ours failed"))
         return f"<td{' class=bad' if bad else ''}>{html.escape(text)}</td>"
 
     head = "".join(f"<th>{html.escape(text)}</th>" for text in header)
@@ -159,47 +159,41 @@ def html_table(header, rows):
     return f"<table><tr>{head}</tr>{body}</table>"
 
 
-def parts_rows(parts):
-    rows = []
-    for run in parts.get("benchmarks", []):
-        if run.get("run_type") == "aggregate" and run.get("aggregate_name") != "median":
-            continue
-        if run.get("run_type") != "aggregate" and run.get("repetitions", 1) > 1:
-            continue
-        speed = f"{run['bytes_per_second'] / 1e9:.3f}" if "bytes_per_second" in run else "-"
-        items = f"{run['items_per_second']:.4g}" if "items_per_second" in run else "-"
-        rows.append([run.get("run_name", run["name"]), f"{run['cpu_time']:.4g} {run.get('time_unit', 'ns')}", speed, items, str(run.get("label", ""))])
-    return ["part", "CPU time", "GB/s", "items/s", ""], rows
+NOTES = {
+    "line": "Goodput as a share of what the line can carry (rate / 10 bytes a second), from the session's opening until the last byte is "
+            "stored; a transfer that failed stands at 0. Medians of the runs. All programs had 4096 bytes of driver. "
+            "~: the machine was late while it ran.",
+    "ports": "Processor time by thread; the bare thread sleeps 10 ms and asks its port once.",
+    "parts": "Processor time, medians of the repetitions.",
+}
+HEADINGS = {"line": "The line", "ports": "Ports in number", "parts": "The parts"}
 
 
-def ports_rows(ports):
-    from .compare import numbers_of
+def line_figures(summaries):
+    """[(caption, drawing)]."""
+    figures = []
+    for traffic in (cells.ONE_WAY, cells.BOTH_WAYS):
+        if any(c.traffic == traffic for c, _ in summaries):
+            for title, draw in (("against rate", goodput_against_rate), ("against bit error rate", goodput_against_noise), ("against delay", goodput_against_delay)):
+                figures.append((f"Goodput {title}, {traffic}", draw(summaries, traffic)))
+    return figures + [("Processor time", cpu_bars(summaries))]
 
-    return ["figure", "value"], [[name, f"{value:.6g}"] for name, value in numbers_of(ports)]
+
+def figures_of(result, kind):
+    if kind == "line":
+        figures = line_figures(summary.summarise(result["line"]))
+    else:
+        figures = [("Idle ports", ports_plot(result["ports"]))] if kind == "ports" else []
+    return "".join(f"<figure><figcaption>{caption}</figcaption>{drawing}</figure>" for caption, drawing in figures if drawing)
 
 
 def page(result):
     parts = [f"<h1>transportCom: measured</h1><p>{html.escape(result['when'])}, {html.escape(result['command'])}</p>",
-             "<pre>" + html.escape("\n".join(machine_lines(result["machine"]))) + "</pre>"]
-    if result.get("line"):
-        summaries = summary.summarise(result["line"])
-        parts += ["<h2>The line</h2><p>Goodput as a share of what the line can carry (rate / 10 bytes a second), from the session's opening "
-                  "until the last byte is stored; a transfer that failed stands at 0. Medians of the runs. "
-                  "All programs had 4096 bytes of driver. ~: the machine was late while it ran.</p>"]
-        for traffic in (cells.ONE_WAY, cells.BOTH_WAYS):
-            if any(c.traffic == traffic for c, _ in summaries):
-                parts += [f"<h3>{traffic.capitalize()}</h3>"]
-                for title, draw in (("against rate", goodput_against_rate), ("against bit error rate", goodput_against_noise), ("against delay", goodput_against_delay)):
-                    parts += [f"<figure><figcaption>Goodput {title}, {traffic}</figcaption>{draw(summaries, traffic)}</figure>"]
-        parts += [f"<figure>{cpu_bars(summaries)}</figure>"]
-        for traffic in (cells.ONE_WAY, cells.BOTH_WAYS, cells.MESSAGES):
-            for title, text in (("share of the line", summary.share_cell), ("CPU seconds per megabyte", summary.cpu_cell)):
-                table = summary.line_table(summaries, traffic, text)
-                if table[1]:
-                    parts += [f"<h3>{traffic.capitalize()}: {title}</h3>", html_table(*table)]
-        parts += ["<h3>Targets</h3>", html_table(*summary.target_rows(summaries)), "<h3>Where a peer leads</h3>", html_table(*summary.behind_peer_rows(summaries))]
-    if result.get("ports"):
-        parts += ["<h2>Ports in number</h2>", f"<figure>{ports_plot(result['ports'])}</figure>", html_table(*ports_rows(result["ports"]))]
-    if result.get("parts"):
-        parts += ["<h2>The parts</h2>", html_table(*parts_rows(result["parts"]))]
+             "<pre>" + html.escape("\n".join(machine_lines(result))) + "</pre>",
+             "<p>How it is measured, and why targets are missed or peers lead where they do: docs/performance.md.</p>"]
+    found = tables.tables_of(result)
+    for kind, heading in HEADINGS.items():
+        if result.get(kind):
+            parts += [f"<h2>{heading}</h2><p>{NOTES[kind]}</p>", figures_of(result, kind)]
+            parts += [f"<h3>{html.escape(table.title)}</h3>{html_table(table.header, table.rows)}" for table in found if table.kind == kind]
     return f"<!doctype html><html lang=en><meta charset=utf-8><title>transportCom: measured</title><style>{STYLE}</style>{''.join(parts)}</html>"

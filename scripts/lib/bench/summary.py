@@ -15,6 +15,8 @@ class Summary:
     shares: list = field(default_factory=list)  # of the runs that delivered everything
     cpus: list = field(default_factory=list)    # seconds per megabyte, of the same
     failures: list = field(default_factory=list)  # why, of the others
+    unmeasured: list = field(default_factory=list)  # why, of runs that tell nothing about the program
+    amounts: set = field(default_factory=set)  # bytes each way of the measured runs
     unpaced: int = 0  # runs during which the machine could not keep the line's pace
 
     @property
@@ -38,6 +40,10 @@ def summarise(runs):
         condition = cells.Condition(run["traffic"], run["rate"], run["delayMs"], run["ber"])
         key = (condition, run["program"])
         summary = summaries.setdefault(key, Summary(condition, run["program"]))
+        if not run.get("measured", True):
+            summary.unmeasured.append(run["why"])
+            continue
+        summary.amounts.add(run.get("bytesEachWay"))
         if run["ok"]:
             summary.shares.append(run["share"])
             summary.cpus.append(run["cpuPerMegabyte"])
@@ -53,14 +59,17 @@ def programs_of(summaries):
 
 
 def share_cell(summary):
-    """As "0.973", "0.973 (1 of 3 failed)" or "failed"; "~" where the machine was late."""
+    """As "0.973", "0.973 (1 of 3 failed)", "failed" or "not measured"; "~" where the machine was late."""
     if summary is None:
         return "-"
+    if not summary.runs:
+        return "not measured"
     mark = "~" if summary.unpaced else ""
+    missing = f" ({len(summary.unmeasured)} not measured)" if summary.unmeasured else ""
     if summary.share is None:
-        return "failed" + mark
+        return "failed" + mark + missing
     failed = f" ({len(summary.failures)} of {summary.runs} failed)" if summary.failures else ""
-    return f"{summary.share:.3f}{mark}{failed}"
+    return f"{summary.share:.3f}{mark}{failed}{missing}"
 
 
 def cpu_cell(summary):
@@ -74,16 +83,6 @@ def line_table(summaries, traffic, cell_text):
     header = ["bit/s", "delay ms", "bit error rate", *programs]
     rows = [[str(c.rate), str(c.delay_ms), f"{c.ber:g}", *(cell_text(summaries.get((c, program))) for program in programs)] for c in conditions]
     return header, rows
-
-
-def plain_table(header, rows):
-    widths = [max(len(row[i]) for row in [header, *rows]) for i in range(len(header))]
-    lines = ["  ".join(text.rjust(width) for text, width in zip(row, widths)) for row in [header, ["-" * width for width in widths], *rows]]
-    return "\n".join(line.rstrip() for line in lines)
-
-
-def markdown_table(header, rows):
-    return "\n".join("| " + " | ".join(row) + " |" for row in [header, ["---:"] * len(header), *rows])
 
 
 @dataclass
@@ -117,6 +116,13 @@ def best_peer(summaries, condition):
     return max(peers, key=lambda summary: summary.share, default=None)
 
 
+def verdict(summary, least):
+    """Met only if no run failed."""
+    if not summary.runs:
+        return "not measured"
+    return "met" if not summary.failures and summary.share >= least else "MISSED"
+
+
 def target_rows(summaries):
     """What was wanted, what came out, and the best peer's figure beside it."""
     rows = []
@@ -124,23 +130,49 @@ def target_rows(summaries):
         summary = summaries.get((target.condition, target.program))
         if summary is None:
             continue
-        met = summary.share is not None and summary.share >= target.least
         peer = best_peer(summaries, target.condition)
-        rows.append([target.condition.label(), target.program, f"{target.least:.2f}", share_cell(summary), "met" if met else "MISSED",
+        rows.append([target.condition.label(), target.program, f"{target.least:.2f}", share_cell(summary), verdict(summary, target.least),
                      f"{peer.share:.3f} {peer.program}" if peer else "-"])
     return ["condition", "program", "target", "share", "", "best peer"], rows
+
+
+def peer_verdict(mine, theirs, higher_is_better):
+    """Empty if mine leads. Equal is what the tables' three decimals, or two of seconds, show as equal."""
+    if mine is None:
+        return "ours failed"
+    if theirs is None:
+        return ""
+    mine, theirs = (round(figure, 3 if higher_is_better else 2) for figure in (mine, theirs))
+    if mine == theirs:
+        return "tie"
+    return "" if (mine > theirs) == higher_is_better else "behind"
 
 
 def behind_peer_rows(summaries):
     """Conditions in which the better of our two settings does not lead, by goodput or by processor time."""
     rows = []
     for condition in sorted({condition for condition, _ in summaries}):
-        ours = [s for p in cells.OURS if (s := summaries.get((condition, p))) and s.share is not None]
+        ours = [s for p in cells.OURS if (s := summaries.get((condition, p))) and s.runs]
+        if not ours:
+            continue
+        mine = max(ours, key=lambda summary: summary.share or 0.0)
         peer = best_peer(summaries, condition)
-        mine = max(ours, key=lambda summary: summary.share, default=None)
-        if peer and (mine is None or mine.share < peer.share):
-            rows.append([condition.label(), "goodput", share_cell(mine), f"{peer.share:.3f} {peer.program}"])
         cheapest = min((s for (c, p), s in summaries.items() if c == condition and p in cells.PEERS and s.cpu is not None), key=lambda s: s.cpu, default=None)
-        if cheapest and (mine is None or mine.cpu > cheapest.cpu):
-            rows.append([condition.label(), "CPU s/MB", cpu_cell(mine), f"{cheapest.cpu:.2f} {cheapest.program}"])
-    return ["condition", "", "ours", "best peer"], rows
+        for kind, text, figure, best, is_share in (("goodput", share_cell, mine.share, peer and peer.share, True),
+                                                   ("CPU s/MB", cpu_cell, mine.cpu, cheapest and cheapest.cpu, False)):
+            told = peer_verdict(figure, best, is_share)
+            if told:
+                theirs = peer if is_share else cheapest
+                rows.append([condition.label(), kind, text(mine), f"{text(theirs)} {theirs.program}" if theirs else "failed", told])
+    return ["condition", "", "ours, the better setting", "best peer", ""], rows
+
+
+def failure_rows(runs):
+    """Every run of ours that failed, and every run that could not be measured."""
+    rows = []
+    for run in runs:
+        measured = run.get("measured", True)
+        if not measured or (run["program"] in cells.OURS and not run["ok"]):
+            condition = cells.Condition(run["traffic"], run["rate"], run["delayMs"], run["ber"])
+            rows.append([condition.label(), run["program"], str(run.get("run", 0) + 1), "failed" if measured else "not measured", run["why"]])
+    return ["condition", "program", "run", "", "why"], rows
