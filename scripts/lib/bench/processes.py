@@ -35,11 +35,12 @@ def start(command, **options):
 
 
 def output_of(command, **options):
-    """(exit status, standard output) of a program that ends by itself."""
-    with start(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, **options) as process:
-        output = process.stdout.read()
-    _started.discard(process)
-    return process.returncode, output
+    """(exit status, standard output) of a program that ends by itself. An exception of a signal does
+    not wait for that: end_all() ends it."""
+    process = start(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, **options)
+    output = process.stdout.read()
+    process.stdout.close()
+    return process.wait(), output
 
 
 def is_over():
