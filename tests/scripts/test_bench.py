@@ -492,6 +492,12 @@ class CompareTest(unittest.TestCase):
         self.assertEqual(self.worse(old, {"line": [run(share=0.81, ber=1e-5)]}), [])
         self.assertEqual(len(self.worse(old, {"line": [run(share=0.79, ber=1e-5)]})), 1)
 
+    def test_processor_time_of_few_and_of_many_runs(self):
+        for runs, same, more in ((1, 1.29, 1.31), (3, 1.14, 1.16)):
+            old = {"line": [run(cpu=1.0)] * runs}
+            self.assertEqual(self.worse(old, {"line": [run(cpu=same)] * runs}), [])
+            self.assertEqual(len(self.worse(old, {"line": [run(cpu=more)] * runs})), 1)
+
     def test_a_figure_that_is_gone_is_worse(self):
         old = {"line": [run(), run(cells.OURS_PROFILE)], "parts": {"benchmarks": benchmark("crc16", 1) + benchmark("log", 1)}}
         new = {"line": [run()], "parts": {"benchmarks": benchmark("crc16", 1)}}
@@ -518,7 +524,7 @@ class CompareTest(unittest.TestCase):
         self.assertEqual(self.worse(*results[::-1]), [])
 
     def test_more_is_better_for_goodput_and_worse_for_cpu(self):
-        (share, cpu) = compare.compare({"line": [run(share=0.8, cpu=1.0)]}, {"line": [run(share=0.9, cpu=1.3)]})
+        (share, cpu) = compare.compare({"line": [run(share=0.8, cpu=1.0)]}, {"line": [run(share=0.9, cpu=1.4)]})
         self.assertEqual((share.better, share.worse, cpu.better, cpu.worse), (True, False, False, True))
 
     def test_a_new_failure_is_worse(self):

@@ -14,6 +14,7 @@ FEW_RUNS_CLEAN = 0.03       # the same where a side has too few runs to show the
 FEW_RUNS_NOISY = 0.10       # there one loss at the end costs as much
 ENOUGH_RUNS = 3
 CPU_FLOOR = 0.15            # of the old figure
+FEW_RUNS_CPU = 0.30         # of the old figure, for what runs beside it matters
 PARTS_FLOOR = 0.05
 PORTS_FLOOR = 0.20
 PORTS_CPU_FLOOR = 0.05      # % of a core: what the scheduler's account differs by between runs
@@ -66,10 +67,11 @@ def judge(what, old, new, floor, higher_is_better):
     return change
 
 
-def share_floor(condition, *sides):
+def floors(condition, *sides):
+    """Of the share, and of processor time as a part of the old figure."""
     if min(len(side.shares) for side in sides) >= ENOUGH_RUNS:
-        return SHARE_FLOOR
-    return FEW_RUNS_NOISY if condition.ber else FEW_RUNS_CLEAN
+        return SHARE_FLOOR, CPU_FLOOR
+    return (FEW_RUNS_NOISY if condition.ber else FEW_RUNS_CLEAN), FEW_RUNS_CPU
 
 
 def comparable(runs):
@@ -84,8 +86,9 @@ def cell_changes(what, before, after):
     if fail_rate[0] != fail_rate[1]:
         changes.append(Change(what + ": failed runs", *fail_rate, 0.0, fail_rate[1] > fail_rate[0], fail_rate[1] < fail_rate[0]))
     if before.shares and after.shares:
-        changes.append(judge(what + ": share of the line", before.shares, after.shares, share_floor(before.condition, before, after), True))
-        changes.append(judge(what + ": CPU s/MB", before.cpus, after.cpus, CPU_FLOOR * statistics.median(before.cpus), False))
+        share_floor, cpu_floor = floors(before.condition, before, after)
+        changes.append(judge(what + ": share of the line", before.shares, after.shares, share_floor, True))
+        changes.append(judge(what + ": CPU s/MB", before.cpus, after.cpus, cpu_floor * statistics.median(before.cpus), False))
     return changes
 
 
