@@ -9,7 +9,7 @@ LOG_LINE_SHARE = 0.8       # of a bare loop's lines a second
 MOST_ALLOCATIONS = 1       # a packet made
 MOST_IDLE_PERCENT = 0.25   # of a core, for one port
 
-IDLE_COLUMNS = {"ports": "ports", "cpuPercentPerPort": "% of a core, each", "bareThreadCpuPercent": "% of a bare thread", "heapKiBPerPort": "heap KiB, each",
+IDLE_COLUMNS = {"ports": "ports", "cpuPercentPerPort": "% of a core, each", "bareThreadCpuPercent": "a bare thread, %", "heapKiBPerPort": "heap KiB, each",
                 "residentKiBPerPort": "resident KiB, each", "threadsPerPort": "threads, each", "descriptorsPerPort": "descriptors, each",
                 "startMs": "start ms", "stopMs": "stop ms"}
 CALL_ROWS = {"callToDialCommandMs": "the host's call, ATD at the modem", "connectToFirstByteMs": "CONNECT, the first byte of the peer's session",
