@@ -295,8 +295,11 @@ void CComChannel::discardInput()
 {
     QElapsedTimer timer;
     timer.start();
-    for (qint64 leftMs = readWaitMs; leftMs > 0 && waitForInput(*m_port, static_cast<int>(leftMs)); leftMs = readWaitMs - timer.elapsed())
+    int leftMs = readWaitMs;
+    while (leftMs > 0 && waitForInput(*m_port, leftMs)) {
         m_port->readAll();
+        leftMs = readWaitMs - static_cast<int>(timer.elapsed());
+    }
     m_port->readAll();
 }
 

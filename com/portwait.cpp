@@ -15,8 +15,7 @@ constexpr int inputTakenEveryMs = 20; // the kernel keeps 4096 bytes, 44 ms at 9
 bool isReady(const QSerialPort& port, short event, int timeoutMs)
 {
     pollfd asked{port.handle(), event, 0};
-    // Never less than 0, which would be for ever.
-    return ::poll(&asked, 1, std::max(0, timeoutMs)) != 0; // an error too: the port's own wait finds out which
+    return ::poll(&asked, 1, timeoutMs) != 0; // an error too: the port's own wait finds out which
 }
 
 // Whether the driver takes output within timeoutMs. The port's own wait would wake up for
@@ -49,8 +48,11 @@ bool staysSilent(QSerialPort& port, int timeoutMs)
 
 } // namespace
 
-bool waitForWritten(QSerialPort& port, int timeoutMs)
+// A time of less than 0 would be for ever, to the port and to the system.
+
+bool waitForWritten(QSerialPort& port, int askedMs)
 {
+    const int timeoutMs = std::max(0, askedMs);
     if (port.bytesToWrite() == 0)
         return false;
     if (port.handle() < 0)
@@ -58,8 +60,9 @@ bool waitForWritten(QSerialPort& port, int timeoutMs)
     return takesOutput(port, timeoutMs) && port.waitForBytesWritten(0);
 }
 
-bool waitForInput(QSerialPort& port, int timeoutMs)
+bool waitForInput(QSerialPort& port, int askedMs)
 {
+    const int timeoutMs = std::max(0, askedMs);
     if (staysSilent(port, timeoutMs))
         return false;
     QElapsedTimer timer;

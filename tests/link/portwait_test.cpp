@@ -136,6 +136,7 @@ TEST_F(RealPort, ATimeThatIsOverIsNotWaitedForForEver)
     m_port.write("12345678");
     ASSERT_TRUE(waitForWritten(m_port, 5000));
     EXPECT_FALSE(waitForWritten(m_port, -1));
+    EXPECT_FALSE(waitForInput(m_port, -1)) << "with output pending the port itself waits";
 }
 
 TEST_F(RealPort, ThatLostItsDeviceDoesNotSpin)
