@@ -10,9 +10,13 @@ namespace {
 constexpr qint64 rateWindowMs = 500;
 
 constexpr int sendingPauseMs = 5;
+constexpr int longestSendingPauseMs = 25;
 constexpr int receivingPauseMs = 10;     // while nothing is to be sent
 constexpr int bulkReceivingPauseMs = 20; // and much is still to come, on a line that is not fast
+constexpr int longestBulkReceivingPauseMs = 40;
 constexpr qint64 fastBytesPerS = 20000;
+// On a slow line less than so much comes or goes in the usual pauses: half a small packet.
+constexpr qint64 pauseBytes = 60;
 
 // While the peer sends too, so much a pass that its confirmations do not wait long: what the
 // line carries in this time, or where passes take longer, in twice that, or each would be
@@ -49,11 +53,22 @@ void Pacing::written(int bytes, qint64 nowMs)
 
 int Pacing::pauseMs(bool isMuchComing, qint64 nowMs) const
 {
-    if (m_hasSent) // as a rule the channel has waited for room in the driver: that counts
-        return static_cast<int>(std::max<qint64>(0, sendingPauseMs - (nowMs - m_passBeganMs)));
+    if (m_hasSent) { // as a rule the channel has waited for room in the driver: that counts
+        const qint64 pauseMs = onSlowLine(sendingPauseMs, longestSendingPauseMs);
+        return static_cast<int>(std::max<qint64>(0, pauseMs - (nowMs - m_passBeganMs)));
+    }
     if (m_in.bytesPerS() > fastBytesPerS)
         return sendingPauseMs;
-    return isMuchComing ? bulkReceivingPauseMs : receivingPauseMs;
+    return isMuchComing ? onSlowLine(bulkReceivingPauseMs, longestBulkReceivingPauseMs) : receivingPauseMs;
+}
+
+// A pause of usualMs, or what pauseBytes take on the line where that is more.
+int Pacing::onSlowLine(int usualMs, int longestMs) const
+{
+    const qint64 lineBytesPerS = std::max(m_in.bytesPerS(), m_out.bytesPerS());
+    if (lineBytesPerS == 0) // nothing is known of it yet
+        return usualMs;
+    return static_cast<int>(std::max<qint64>(usualMs, std::min<qint64>(longestMs, pauseBytes * 1000 / lineBytesPerS)));
 }
 
 } // namespace host

@@ -34,6 +34,8 @@ public:
     void rested(qint64 nowMs) { m_passBeganMs = nowMs; }
 
 private:
+    [[nodiscard]] int onSlowLine(int usualMs, int longestMs) const;
+
     RateMeter m_in;
     RateMeter m_out;
     qint64 m_passBeganMs;

@@ -79,7 +79,7 @@ void addOptions(QCommandLineParser* parser)
     parser->addOption({QStringLiteral("exit-when-received"), QStringLiteral("End when N messages were received."), QStringLiteral("N")});
     parser->addOption({QStringLiteral("timeout"), QStringLiteral("End after S seconds; with status 3 when something that was waited for is not done by then."), QStringLiteral("S")});
     parser->addOption({QStringLiteral("retry-seconds"), QStringLiteral("The unit of the pauses between calls (default 1): with 1, a first call that failed is repeated after half a minute to three minutes."), QStringLiteral("S")});
-    parser->addOption({QStringLiteral("silence-seconds"), QStringLiteral("A connection on which nothing comes for so long is dead (default 120)."), QStringLiteral("S")});
+    parser->addOption({QStringLiteral("silence-seconds"), QStringLiteral("A connection on which nothing comes for so long is dead (default 120). Give both ends the same."), QStringLiteral("S")});
     parser->addOption({QStringLiteral("max-size"), QStringLiteral("Refuse messages of more than N bytes."), QStringLiteral("N")});
     parser->addOption({QStringLiteral("known-only"), QStringLiteral("Exchange messages only with abonents that were added.")});
     parser->addOption({QStringLiteral("keep-connected"), QStringLiteral("Keep connections although nothing is left to send.")});

@@ -18,7 +18,8 @@ constexpr qint64 unmeasuredBytes = 32 * 1024; // the channel's own queue swallow
 
 // With its confirmation an Alive takes 30 bytes of the line, and whoever takes a file in
 // has little to say that could stand behind a gap.
-constexpr int heartbeatsWhileMuchComes = 5;
+constexpr int heartbeatsWhileMuchComes = 5; // times as long between two
+constexpr int heartbeatsBeforeSilence = 3;  // but the other side must not take us for dead: its limit is as ours
 constexpr qint64 muchBytes = 4096;
 
 constexpr qint64 hashSliceBytes = 2 * 1024 * 1024; // hashed in one call of advance()
@@ -291,9 +292,7 @@ bool Session::produce(qint64 nowMs)
         if (produceEnding())
             return true;
     }
-    const int heartbeatMs = m_settings.heartbeatMs * (isMuchComing() ? heartbeatsWhileMuchComes : 1);
-    if (m_phase != Phase::Closing && nowMs - m_lastSentMs >= heartbeatMs &&
-        m_output.size() == m_outputPosition) {
+    if (m_phase != Phase::Closing && nowMs - m_lastSentMs >= heartbeatMs() && m_output.size() == m_outputPosition) {
         put(FrameType::Alive);
         return true;
     }
@@ -644,6 +643,13 @@ void Session::settleFirst(int count)
 }
 
 // ---- ending ----
+
+int Session::heartbeatMs() const
+{
+    if (!isMuchComing())
+        return m_settings.heartbeatMs;
+    return qMin(m_settings.heartbeatMs * heartbeatsWhileMuchComes, m_settings.silenceMs / heartbeatsBeforeSilence);
+}
 
 bool Session::isMuchComing() const
 {

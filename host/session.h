@@ -32,7 +32,7 @@ struct SessionSettings
     QString abonentName; // our own
     QByteArray installationId;
 
-    // A silent side says Alive this often (a fifth of that while much comes in): it also
+    // A silent side says Alive after so long (five times that while much comes in): it also
     // frees packets held behind a gap.
     int heartbeatMs = 1000;
     // Nothing came for so long: the connection is dead. On a line of 1200 bit/s a minute
@@ -189,6 +189,7 @@ private:
     void note(const QString& text);
     [[nodiscard]] bool isSendingPhase() const { return m_phase == Phase::Running; }
     [[nodiscard]] bool nothingLeft();
+    [[nodiscard]] int heartbeatMs() const;
     void fitDataFrames(int bytesSent, qint64 nowMs); // to what the line carries
 
     const SessionSettings m_settings;

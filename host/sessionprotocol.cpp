@@ -6,13 +6,6 @@
 
 namespace host {
 
-namespace {
-
-constexpr int readBytes = 64 * 1024;
-constexpr int linkOverheadBytes = 10; // of each packet: a block without them fills one packet exactly
-
-} // namespace
-
 SessionProtocol::SessionProtocol(CChannel* ownedChannel, std::shared_ptr<const SessionContext> context)
     : CAbstractProtocol(ownedChannel), m_context(std::move(context)), m_call([] {
           static std::atomic<quint64> calls{0};
@@ -37,6 +30,7 @@ void SessionProtocol::start()
     m_clock.start();
     m_session = std::make_unique<Session>(
         m_context->settings, m_context->store, [this](const SessionEvent& event) { onEvent(event); }, m_clock.elapsed());
+    m_pass = std::make_unique<SessionPass>(m_session.get(), channel, m_context->maxBlockBytes, [this] { return m_clock.elapsed(); });
     report(SessionReport::Kind::Begun);
     m_timer.start();
 }
@@ -56,9 +50,9 @@ void SessionProtocol::tick()
         m_session->stop(QStringLiteral("stopped"), m_clock.elapsed());
     // Set by an atomic store of the port worker.
     m_session->setKeepAlive(__atomic_load_n(&keepAlive, __ATOMIC_RELAXED));
-    readAll();
+    m_pass->readAll();
     m_session->advance(m_clock.elapsed());
-    writeAll();
+    m_pass->writeAll();
     // What came before the carrier fell has been read.
     if (!isConnected)
         m_session->connectionLost();
@@ -70,35 +64,8 @@ void SessionProtocol::tick()
 // port's notifier would wake it for each few bytes of a packet that comes in.
 void SessionProtocol::rest()
 {
-    QThread::msleep(static_cast<unsigned long>(m_pacing.pauseMs(m_session->isMuchComing(), m_clock.elapsed())));
-    m_pacing.rested(m_clock.elapsed());
-}
-
-void SessionProtocol::readAll()
-{
-    for (;;) {
-        const QByteArray bytes = channel->read(readBytes);
-        m_pacing.received(bytes.size(), m_clock.elapsed());
-        m_session->receive(bytes, m_clock.elapsed());
-        if (bytes.size() < readBytes)
-            return;
-    }
-}
-
-void SessionProtocol::writeAll()
-{
-    m_pacing.beginWriting(channel->idealBlockSize() <= 0, m_clock.elapsed());
-    while (m_pacing.mayWrite()) {
-        const int offered = channel->idealBlockSize();
-        if (offered <= 0)
-            return;
-        const int blockBytes = qMax(1, qMin(offered, m_context->maxBlockBytes) - linkOverheadBytes);
-        const QByteArray block = m_session->takeOutput(blockBytes, m_clock.elapsed());
-        if (block.isEmpty())
-            return;
-        channel->write(block);
-        m_pacing.written(block.size(), m_clock.elapsed());
-    }
+    QThread::msleep(static_cast<unsigned long>(m_pass->pauseMs()));
+    m_pass->rested();
 }
 
 void SessionProtocol::onEvent(const SessionEvent& event)

@@ -9,8 +9,8 @@
 #include <QElapsedTimer>
 #include <QTimer>
 
-#include "host/pacing.h"
 #include "host/session.h"
+#include "host/sessionpass.h"
 #include "plugin/cabstractprotocol.h"
 #include "plugin/cabstractprotocolfactory.h"
 
@@ -57,8 +57,6 @@ public:
 private:
     void tick();
     void rest();
-    void readAll();
-    void writeAll();
     void onEvent(const SessionEvent& event);
     void report(SessionReport::Kind kind, const SessionEvent& event = {});
     void end();
@@ -66,10 +64,10 @@ private:
     const std::shared_ptr<const SessionContext> m_context;
     const quint64 m_call;
     std::unique_ptr<Session> m_session;
+    std::unique_ptr<SessionPass> m_pass;
     QElapsedTimer m_clock;
     QTimer m_timer;
     std::atomic<bool> m_stopRequested{false}; // set from the server's thread
-    Pacing m_pacing{0}; // by m_clock
     bool m_ended = false;
 };
 

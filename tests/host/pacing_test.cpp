@@ -76,6 +76,29 @@ TEST(Pacing, APassThatSentLastsFiveMilliseconds)
     EXPECT_EQ(pacing.pauseMs(false, 250), 0);
 }
 
+// 60 bytes take 17 ms at 33600 bit/s, 62 ms at 9600.
+TEST(Pacing, PassesAreRarerOnASlowLine)
+{
+    const struct
+    {
+        int bytesPerS, sendingMs, receivingMs;
+    } lines[] = {{11500, 5, 20}, {3400, 17, 20}, {2000, 25, 30}, {900, 25, 40}};
+    for (const auto& line : lines) {
+        Pacing receiving(0);
+        qint64 nowMs = 0;
+        runFor(&receiving, &nowMs, 2000, line.bytesPerS);
+        EXPECT_EQ(receiving.pauseMs(true, nowMs), line.receivingMs) << line.bytesPerS;
+        EXPECT_EQ(receiving.pauseMs(false, nowMs), 10) << line.bytesPerS;
+
+        Pacing sending(0);
+        nowMs = 0;
+        runFor(&sending, &nowMs, 2000, 0, line.bytesPerS);
+        sending.rested(nowMs);
+        EXPECT_EQ(sending.pauseMs(false, nowMs), line.sendingMs) << line.bytesPerS;
+        EXPECT_EQ(sending.pauseMs(false, nowMs + 4), line.sendingMs - 4) << line.bytesPerS;
+    }
+}
+
 TEST(Pacing, AFullChannelIsAskedAgainSoon)
 {
     Pacing pacing(0);

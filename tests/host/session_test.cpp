@@ -479,6 +479,19 @@ TEST(Session, ASideThatTakesAFileInSpeaksMoreRarely)
     EXPECT_EQ(pair.a.receivedBytes - before, 6 * frameOverheadBytes) << "one frame without payload every five seconds";
 }
 
+TEST(Session, ALongTransferOutlivesAShortSilenceLimit)
+{
+    LineOptions slow;
+    slow.bytesPerStep = 10; // 1000 bytes/s
+    SessionPair pair(testsupport::seed(), slow);
+    pair.a.settings.silenceMs = 4000;
+    pair.b.settings.silenceMs = 4000;
+    pair.connect();
+    pair.a.store.queue(QStringLiteral("f"), randomBytes(60000, 1));
+    ASSERT_TRUE(pair.runToEnd());
+    EXPECT_EQ(pair.b.store.inbox.size(), 1u);
+}
+
 TEST(Session, NoHeartbeatWhileDataFlows)
 {
     SessionPair pair(testsupport::seed());

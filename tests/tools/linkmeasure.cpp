@@ -9,8 +9,8 @@
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "common/csettings.h"
-#include "host/pacing.h"
 #include "host/session.h"
+#include "host/sessionpass.h"
 #include "tests/host/memorystore.h"
 #include "tests/soak/line.h"
 #include "tests/soak/rng.h"
@@ -25,10 +25,6 @@ using soak::nowNs;
 using soak::nsPerMs;
 using soak::nsPerS;
 
-// As the reference host's session protocol does it.
-constexpr int readBytes = 64 * 1024;
-constexpr int linkOverheadBytes = 10;
-
 constexpr int bitsPerByteOnLine = 10;
 
 constexpr std::int64_t meanBetweenPausesNs = 10 * nsPerS;
@@ -42,7 +38,7 @@ class End
 {
 public:
     End(int end, const Course& course, const tune::LinkProfile& profile)
-        : m_profile(profile), m_pauseNs(course.pauseMs * nsPerMs), m_rng(course.seed * 16 + static_cast<std::uint64_t>(end))
+        : m_pauseNs(course.pauseMs * nsPerMs), m_rng(course.seed * 16 + static_cast<std::uint64_t>(end))
     {
         schedulePause();
         m_port.setPortName(QString::fromStdString(soak::Line::path(end)));
@@ -52,6 +48,7 @@ public:
         settings.abonentName = QString::number(end);
         settings.installationId = QByteArray(host::installationIdBytes, static_cast<char>(end + 1));
         m_session = std::make_unique<host::Session>(settings, &store, [](const host::SessionEvent&) {}, nowMs());
+        m_pass = std::make_unique<host::SessionPass>(m_session.get(), m_channel.get(), profile.maxBytesToWrite, nowMs);
     }
 
     hosttest::MemoryStore store;
@@ -63,14 +60,11 @@ public:
     void turn()
     {
         QCoreApplication::processEvents(); // where the port's own notifiers have their turn
-        m_pacing.rested(nowMs());
-        soak::readAll(*m_channel, readBytes, [this](const QByteArray& bytes) {
-            m_pacing.received(bytes.size(), nowMs());
-            m_session->receive(bytes, nowMs());
-        });
+        m_pass->rested();
+        m_pass->readAll();
         m_session->advance(nowMs());
-        writeAll();
-        m_nextTurnNs = nowNs() + m_pacing.pauseMs(m_session->isMuchComing(), nowMs()) * nsPerMs;
+        m_pass->writeAll();
+        m_nextTurnNs = nowNs() + m_pass->pauseMs() * nsPerMs;
         if (m_pauseNs > 0 && nowNs() >= m_nextPauseNs) {
             m_nextTurnNs += m_pauseNs;
             schedulePause();
@@ -80,28 +74,11 @@ public:
 private:
     static qint64 nowMs() { return nowNs() / nsPerMs; }
 
-    void writeAll()
-    {
-        m_pacing.beginWriting(m_channel->idealBlockSize() <= 0, nowMs());
-        while (m_pacing.mayWrite()) {
-            const int offered = m_channel->idealBlockSize();
-            if (offered <= 0)
-                return;
-            const int most = std::max(1, std::min(offered, m_profile.maxBytesToWrite) - linkOverheadBytes);
-            const QByteArray block = m_session->takeOutput(most, nowMs());
-            if (block.isEmpty())
-                return;
-            m_channel->write(block);
-            m_pacing.written(block.size(), nowMs());
-        }
-    }
-
     void schedulePause()
     {
         m_nextPauseNs = nowNs() + static_cast<std::int64_t>(m_rng.below(2 * meanBetweenPausesNs));
     }
 
-    const tune::LinkProfile& m_profile;
     const std::int64_t m_pauseNs;
     soak::Rng m_rng;
     std::int64_t m_nextPauseNs = 0;
@@ -110,7 +87,7 @@ private:
     bool m_isOpen = false;
     std::unique_ptr<CComChannel> m_channel;
     std::unique_ptr<host::Session> m_session;
-    host::Pacing m_pacing{nowMs()};
+    std::unique_ptr<host::SessionPass> m_pass;
     std::int64_t m_nextTurnNs = 0;
 };
 
