@@ -60,7 +60,7 @@ class Cell:
 
     def load(self):
         """About how much of one core the cell keeps busy, programs and line together."""
-        return 0.025 + 0.17 * min(self.condition.rate / 921600, 1.0) * (2 if self.condition.traffic == BOTH_WAYS else 1)
+        return 0.025 + 0.11 * min(self.condition.rate / 921600, 1.0) * (2 if self.condition.traffic == BOTH_WAYS else 1)
 
 
 def is_main(condition):

@@ -87,7 +87,7 @@ def check_tools(arguments):
 
 
 def measure_line(arguments, machine, save):
-    load = arguments.load or 0.5 * machine["cores"]
+    load = arguments.load or 0.55 * machine["cores"]
     directory = Path(tempfile.mkdtemp(prefix="transportCom-bench-"))
     directory.chmod(0o755)  # a peer started by root may drop to a user of its own
     try:
