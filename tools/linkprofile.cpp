@@ -166,7 +166,8 @@ LinkProfile recommendedProfile(const LineFacts& facts)
 
     LinkProfile profile;
     profile.packetSize = static_cast<int>(packet);
-    profile.maxBytesToWrite = inRange(std::max({packet, leastToWrite, leastToWriteS * line.bytesPerS}), Setting::DetailsTransportComMaxBytesToWrite);
+    const double toWrite = std::max({packet, leastToWrite, leastToWriteS * line.bytesPerS});
+    profile.maxBytesToWrite = inRange(toWrite, Setting::DetailsTransportComMaxBytesToWrite);
     profile.maxBytesInQueue = inRange(unconfirmed - packet, Setting::DetailsTransportComMaxBytesInQueue);
     profile.resendIntervalMs = inRange(1000 * resendS, Setting::DetailsTransportComResendInterval);
     profile.confirmationIntervalMs = inRange(1000 * confirmationS, Setting::DetailsTransportComConfirmationInterval);
