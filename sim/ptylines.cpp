@@ -235,8 +235,8 @@ ssize_t writeSlave(LineRow& row, int fd, const char* data, size_t count)
             return sent > 0 ? static_cast<ssize_t>(sent) : -1;
         if (done < 0 && !pauseForRoom(row, fd))
             return sent > 0 ? static_cast<ssize_t>(sent) : -1; // errno is EINTR
-        if (isUnplugged(row, fd))
-            return nextWrite.get()(fd, data + sent, count - sent); // unplugged: the kernel's answer
+        if (isUnplugged(row, fd)) // the kernel says why, if nothing went
+            return sent > 0 ? static_cast<ssize_t>(sent) : nextWrite.get()(fd, data, count);
     }
 }
 

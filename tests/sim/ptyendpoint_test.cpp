@@ -588,29 +588,38 @@ TEST_F(PtyEndpointTest, AnUnpluggedBlockingWriterIsReleased)
     PtyEndpoint endpoint;
     endpoint.setDepth(4);
     const int fd = openFd(endpoint, 0);
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        char block[100] = {};
-        if (::write(fd, block, sizeof(block)) < 100)
-            done = true;
-    });
+    std::atomic<ssize_t> result{-2};
+    std::thread writer([&] { result = writeFill(fd, 100); });
     ASSERT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 4; }));
     endpoint.unplug();
-    EXPECT_TRUE(waitFor([&] { return done.load(); }));
+    EXPECT_TRUE(waitFor([&] { return result != -2; }));
     writer.join();
+    // What had gone is counted; only the next write fails.
+    EXPECT_EQ(result, 4);
+    errno = 0;
+    EXPECT_EQ(writeFill(fd, 96), -1);
+    EXPECT_EQ(errno, EIO);
 }
 
-// A modem's program that is killed leaves its rows as they were; only the kernel knows.
-TEST_F(PtyEndpointTest, AKilledModemReleasesWritersAndDrains)
+// A modem's program that is killed leaves its rows as they were; only the kernel knows. With and
+// without a wake-up level, for which a writer waits in another place.
+class KilledModem : public PtyEndpointTest, public testing::WithParamInterface<int>
 {
+};
+
+INSTANTIATE_TEST_SUITE_P(WakeUpLevel, KilledModem, testing::Values(0, 256));
+
+TEST_P(KilledModem, ReleasesWritersAndDrains)
+{
+    qputenv("PTYLINES_WAKEUP", QByteArray::number(GetParam()));
     PtyEndpoint endpoint;
     endpoint.setDepth(4);
     const int fd = openFd(endpoint, 0);
     std::atomic<int> released{0};
+    std::atomic<ssize_t> written{-2};
     std::thread writer([&] {
-        char block[100] = {};
-        if (::write(fd, block, sizeof(block)) < 100)
-            ++released;
+        written = writeFill(fd, 100);
+        ++released;
     });
     ASSERT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 4; }));
     std::thread drainer([&] {
@@ -623,6 +632,7 @@ TEST_F(PtyEndpointTest, AKilledModemReleasesWritersAndDrains)
     EXPECT_TRUE(waitFor([&] { return released == 2; }));
     writer.join();
     drainer.join();
+    EXPECT_EQ(written, 4);
 }
 
 TEST_F(PtyEndpointTest, ALinkThatCannotBeMadeIsReported)
