@@ -2,6 +2,7 @@
 // them, and the faults.
 #include "sim/exchange.h"
 
+#include "sim/linetable.h"
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
 
@@ -11,6 +12,7 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QSerialPort>
 
@@ -115,6 +117,19 @@ protected:
     }
 
     CallStatistics lastCall() const { return exchange->endedCalls().last(); }
+
+    // At which bytes leave a modem's driver, as programs are told: in bytes/s, 0 where that is not known.
+    int pace(int modem) const
+    {
+        const QString slave = QFileInfo(exchange->portPath(modem)).canonicalFilePath();
+        const LineRow* row = lineRow(findLineTable(), QFileInfo(slave).fileName().toInt());
+        return row ? row->drainBytesPerS.load() : -1;
+    }
+
+    bool waitForPaces(int ofFirst, int ofSecond)
+    {
+        return waitFor([&] { return pace(1) == ofFirst && pace(2) == ofSecond; });
+    }
 
     std::unique_ptr<Exchange> exchange;
 
@@ -283,6 +298,29 @@ TEST_F(ExchangeTest, TheEscapeAndAthEndACall)
     ASSERT_TRUE(at(1).expect("\r\nOK\r\n"));
     EXPECT_FALSE(at(1).hasLine(QSerialPort::DataCarrierDetectSignal));
     EXPECT_TRUE(at(2).expect("\r\nNO CARRIER\r\n"));
+}
+
+// Commands are taken at once: a program that waits for room must not count on the line's pace then.
+TEST_F(ExchangeTest, ProgramsAreToldTheLinesPaceInDataModeOnly)
+{
+    make(quick("rate=115200/57600"));
+    at(1).send("ATS12=5\r");
+    ASSERT_TRUE(at(1).expect("OK\r\n"));
+    EXPECT_TRUE(waitForPaces(0, 0)) << pace(1) << ' ' << pace(2);
+    connectCall();
+    EXPECT_TRUE(waitForPaces(11520, 5760)) << pace(1) << ' ' << pace(2);
+    QElapsedTimer guard;
+    guard.start();
+    ASSERT_TRUE(waitFor([&] { return guard.elapsed() > 150; }));
+    at(1).send("+++");
+    ASSERT_TRUE(at(1).expect("\r\nOK\r\n"));
+    EXPECT_TRUE(waitForPaces(0, 5760)) << pace(1) << ' ' << pace(2);
+    at(1).send("ATO\r");
+    ASSERT_TRUE(at(1).expect("CONNECT 57600\r\n"));
+    EXPECT_TRUE(waitForPaces(11520, 5760)) << pace(1) << ' ' << pace(2);
+    ASSERT_TRUE(at(1).port.setDataTerminalReady(false));
+    ASSERT_TRUE(at(2).expect("\r\nNO CARRIER\r\n"));
+    EXPECT_TRUE(waitForPaces(0, 0)) << pace(1) << ' ' << pace(2);
 }
 
 TEST_F(ExchangeTest, AnsweringByItself)
