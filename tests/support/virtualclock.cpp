@@ -19,7 +19,8 @@ qint64 startNs = 0;
 
 timespec toTimespec(qint64 ns)
 {
-    return {static_cast<time_t>(ns / nsPerS), static_cast<long>(ns % nsPerS)};
+    const qint64 part = (ns % nsPerS + nsPerS) % nsPerS; // never below 0, before 1970 either
+    return {static_cast<time_t>((ns - part) / nsPerS), static_cast<long>(part)};
 }
 
 qint64 realNs(clockid_t clock)
