@@ -55,11 +55,13 @@ qint64 writeToLog(int descriptor, const char* data, qint64 size)
         const ssize_t count = ::write(descriptor, data + written, static_cast<std::size_t>(size - written));
         if (count < 0 && errno == EINTR)
             continue;
+        if (count == 0)
+            errno = EIO; // refused without a reason
         if (count <= 0)
             break;
         written += count;
     }
-    return written > 0 ? written : -1;
+    return written > 0 || size == 0 ? written : -1;
 }
 
 bool openLog(QFile& file)

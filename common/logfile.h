@@ -44,7 +44,7 @@ private:
 };
 
 // Writes as QFile does: until all is written or the system refuses. Answers how many bytes went,
-// or -1, with the reason in errno, if none did.
+// or -1, with the reason in errno, if none of some did.
 qint64 writeToLog(int descriptor, const char* data, qint64 size);
 
 // Opens the log for appending, unbuffered (a buffered file reports success on a full disk).

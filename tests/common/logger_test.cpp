@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <thread>
 #include <vector>
 
@@ -22,6 +23,7 @@
 
 #include "common/csettings.h"
 #include "common/functiondebug.h"
+#include "common/logfile.h"
 #include "tests/common/logsupport.h"
 #include "tests/common/refusedchmod.h"
 #include "tests/support/deadline.h"
@@ -148,12 +150,16 @@ TEST(LogLayout, ALineIsStampLabelIndentationText)
 
 TEST(LogLayout, StampsTellLocalTimeToTheMillisecond)
 {
+    // Far from UTC at every hour and with a summer time; by its rule, so that no zone data is needed.
+    qputenv("TZ", "NPT-5:45NPST,M3.5.0,M10.5.0");
+    tzset();
     beginEmptyLog();
     logText("the file of this day is kept");
     const QString path = logPath();
     testsupport::VirtualClock clock;
     const QStringList times{QStringLiteral("2026-01-15T01:02:03.004"), QStringLiteral("2026-07-15T23:59:59.999"),
-                            QStringLiteral("1999-12-31T00:00:00.000"), QStringLiteral("1970-03-04T15:16:17.089")};
+                            QStringLiteral("1999-12-31T00:00:00.000"), QStringLiteral("1970-03-04T15:16:17.089"),
+                            QStringLiteral("1969-12-31T10:00:00.250")};
     QStringList stamps;
     for (const QString& time : times) {
         const QDateTime local = QDateTime::fromString(time, Qt::ISODateWithMs);
@@ -833,6 +839,50 @@ TEST(LogTroubles, ShortWritesAreContinuedTenTimes)
         // Silently either way.
         EXPECT_TRUE(recorder.messages().isEmpty());
     }
+}
+
+TEST(LogTroubles, AnInterruptedWriteIsRepeated)
+{
+    beginEmptyLog();
+    const MessageRecorder recorder;
+    int writes = 0;
+    {
+        const testsupport::SystemCallWatch watch(logPath().toStdString(), [&](testsupport::SystemCall& call) {
+            return call.name == "write" && ++writes <= 20 ? EINTR : 0;
+        });
+        logText("text");
+    }
+    EXPECT_EQ(writes, 21);
+    EXPECT_EQ(logTexts(), QStringList{QStringLiteral("text")});
+    EXPECT_TRUE(recorder.messages().isEmpty());
+}
+
+TEST(LogTroubles, AWriteThatTakesNothingIsAnError)
+{
+    beginEmptyLog();
+    const MessageRecorder recorder;
+    {
+        const testsupport::SystemCallWatch watch(logPath().toStdString(), [](testsupport::SystemCall& call) {
+            if (call.name == "write")
+                call.bytes = 0;
+            return 0;
+        });
+        errno = ENOENT; // of something before
+        logText("lost");
+    }
+    EXPECT_EQ(recorder.texts(QtWarningMsg),
+              QStringList{QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"").arg(systemText(EIO))});
+    EXPECT_EQ(contentOf(logPath()), QByteArray());
+}
+
+TEST(LogTroubles, NothingToWriteIsNoError)
+{
+    beginEmptyLog();
+    const ExistingLog log(QFile::encodeName(logPath()));
+    ASSERT_TRUE(log.isOpen());
+    EXPECT_EQ(writeToLog(log.descriptor(), "", 0), 0);
+    EXPECT_EQ(writeToLog(log.descriptor(), "text", 4), 4);
+    EXPECT_EQ(contentOf(logPath()), QByteArray("text"));
 }
 
 TEST(LogTroubles, ARefusedWriteFindsTheFileAnew)
