@@ -44,8 +44,14 @@ QString readChannelSettings(const QString& path, ChannelComSettings* settings)
 QString writeKeys(const QString& path, const LinkProfile& profile)
 {
     const bool isNew = !QFile::exists(path);
-    QSettings settings(path, QSettings::IniFormat);
     // The programs of the installation may write at the same time: what they wrote stays.
+    QSettings settings(path, QSettings::IniFormat);
+    settings.allKeys(); // a section is not read before somebody asks for its keys, nor its damage found
+    if (settings.status() == QSettings::FormatError) {
+        return QStringLiteral("cannot understand %1: a line of it is neither [Group] nor key=value; "
+                              "nothing was changed")
+            .arg(path);
+    }
     if (settings.status() != QSettings::NoError || !settings.isWritable())
         return QStringLiteral("cannot write %1: check its permissions").arg(path);
     const auto set = [&](Setting setting, int value) { settings.setValue(settingKey(setting).key(), value); };
@@ -91,7 +97,10 @@ QString writeProfile(const QString& installation, const LinkProfile& profile)
         return error;
     channel.packetSize = profile.packetSize;
     error = Global::safeSaving(channelPath, channel.toByteArray());
-    return error.isEmpty() ? error : QStringLiteral("%1: %2; settings.ini has its new values already: mend this and run it again").arg(channelPath, error);
+    if (error.isEmpty())
+        return QString();
+    return QStringLiteral("%1: %2; settings.ini has its new values already: mend this and run it again")
+        .arg(channelPath, error);
 }
 
 } // namespace tune

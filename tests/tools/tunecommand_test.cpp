@@ -307,6 +307,41 @@ TEST_F(WritingProfiles, TellsWhenAFileCannotBeWritten)
     EXPECT_FALSE(QFile::exists(path("channelCom.conf")));
 }
 
+TEST_F(WritingProfiles, TellsASettingsFileThatIsDamagedFromOneThatCannotBeWritten)
+{
+    for (const QByteArray& bytes : {QByteArray("[Details\ntransportComResendInterval=123\n"),
+                                    QByteArray("[Details]\ntransportComResendInterval\n")}) {
+        put("settings.ini", bytes);
+        const Result result = write();
+        EXPECT_EQ(result.status, 1) << bytes.constData();
+        EXPECT_EQ(result.err, QStringLiteral("transport-tune: cannot understand %1: a line of it is neither [Group] nor "
+                                             "key=value; nothing was changed\n")
+                                  .arg(path("settings.ini")));
+        EXPECT_EQ(content("settings.ini"), bytes);
+        EXPECT_FALSE(QFile::exists(path("channelCom.conf")));
+    }
+}
+
+TEST_F(WritingProfiles, TellsWhenOnlyHalfOfItIsWritten)
+{
+    const QByteArray ports = twoPorts().toByteArray();
+    put("channelCom.conf", ports);
+    QDir().mkpath(path("channelCom.conf.old/full")); // where the old ports are put aside, for root too
+    const Result result = write();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, QStringLiteral("transport-tune: %1: Не удалось удалить файл %1.old; settings.ini has its new "
+                                         "values already: mend this and run it again\n")
+                              .arg(path("channelCom.conf")));
+    const tune::LinkProfile profile = tune::recommendedProfile(line(33600));
+    EXPECT_EQ(key("Details/transportComMaxBytesToWrite"), profile.maxBytesToWrite);
+    EXPECT_EQ(content("channelCom.conf"), ports);
+
+    ASSERT_TRUE(QDir(path("channelCom.conf.old")).removeRecursively());
+    EXPECT_EQ(write().status, 0);
+    EXPECT_EQ(channel().packetSize, profile.packetSize);
+    EXPECT_EQ(channel().ports.size(), 2);
+}
+
 TEST_F(WritingProfiles, TellsWhenThereIsNoInstallation)
 {
     const QString nothing = testsupport::installRoot() + QStringLiteral("/nothing");
