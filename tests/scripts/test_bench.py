@@ -188,6 +188,41 @@ class KeepingTest(unittest.TestCase):
         self.assertEqual((str(kept.problem), kept.load), ("no space left", 0.0))
         kept._start_all([])  # returns, though a cell waits
 
+    def test_a_full_disk_ends_the_cells_that_run(self):
+        quick, endless = cells.Cell(RecordTest.cell.condition, cells.KERMIT, 0, 1), cells.Cell(RecordTest.cell.condition, cells.OURS_DEFAULT, 0, 2)
+        sleeping, programs_of_endless = threading.Event(), []
+
+        def run_cell(cell, setup, directory):
+            if cell is quick:
+                self.assertTrue(sleeping.wait(10))
+                return transfer()
+            programs_of_endless.append(processes.start(["sleep", "600"]))
+            sleeping.set()
+            programs_of_endless[0].wait(10)
+            raise processes.CellError("its program was ended")
+
+        saved = []
+
+        def save(runs):
+            saved.append([run["program"] for run in runs])
+            raise OSError("no space left")
+
+        setup = types.SimpleNamespace(build=None, directory=Path("/nonexistent"))
+        running = runner.Runner(setup, [endless, quick], 1.0, lambda text: None, save)
+        watch = mock.Mock()
+        watch.worst.return_value = 0.0
+        try:
+            with mock.patch.multiple(runner, LatenessWatch=lambda build: watch, run_cell=run_cell), self.assertRaisesRegex(OSError, "no space left"):
+                running.run()
+            self.assertEqual(len(programs_of_endless), 1)
+            self.assertIn(programs_of_endless[0].returncode, (-signal.SIGINT, -signal.SIGKILL))
+            self.assertEqual(saved, [[cells.KERMIT]])
+            watch.end.assert_called_once_with()
+        finally:
+            processes._is_over.clear()
+            for process in programs_of_endless:
+                process.kill()
+
     def test_what_an_early_end_did_is_no_result(self):
         processes._is_over.set()
         try:

@@ -66,6 +66,8 @@ class Runner:
         self.watch = LatenessWatch(self.setup.build)
         try:
             self._start_all(threads)
+            if self.problem:
+                end_all()  # the cells that run have minutes before them, and are not kept
         except BaseException:
             end_all()
             raise
