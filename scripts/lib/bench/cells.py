@@ -80,7 +80,7 @@ def seconds_of(condition):
     that takes tenths of a second, and on a clean line there is little else to see."""
     if condition.ber == 0:
         return {9600: 60, 921600: 20}.get(condition.rate, 40)
-    return {9600: 60, 33600: 30}.get(condition.rate, 20)
+    return {9600: 60, 33600: 30, 115200: 40}.get(condition.rate, 20)
 
 
 def full_matrix():
