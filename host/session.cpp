@@ -17,8 +17,9 @@ constexpr qint64 rateWindowMs = 1000;
 constexpr qint64 unmeasuredBytes = 32 * 1024; // the channel's own queue swallows the first bytes at any speed
 
 // With its confirmation an Alive takes 30 bytes of the line, and whoever takes a file in
-// has little to say that could stand behind a gap.
+// may have nothing else to say for long.
 constexpr int heartbeatsWhileMuchComes = 5; // times as long between two
+constexpr int heartbeatsAfterWords = 20;    // as usual, or words would wait behind a gap for the next one
 constexpr int heartbeatsBeforeSilence = 3;  // but the other side must not take us for dead: its limit is as ours
 constexpr qint64 muchBytes = 4096;
 
@@ -32,7 +33,7 @@ constexpr int maxOutputBytes = 1024 * 1024; // a peer that makes us answer and t
 
 Session::Session(const SessionSettings& settings, SessionStore* store, EventSink sink, qint64 nowMs)
     : m_settings(settings), m_store(store), m_sink(std::move(sink)), m_dataBytes(minDataBytes),
-      m_lastHeardMs(nowMs), m_lastSentMs(nowMs), m_lastProgressMs(nowMs)
+      m_lastHeardMs(nowMs), m_lastSentMs(nowMs), m_lastSaidMs(nowMs), m_lastProgressMs(nowMs)
 {
     m_unmeasuredLeft = unmeasuredBytes;
     HelloFrame hello;
@@ -88,6 +89,8 @@ QByteArray Session::takeOutput(int maxBytes, qint64 nowMs)
     }
     if (!piece.isEmpty()) {
         m_lastSentMs = nowMs;
+        if (!m_saysOnlyAlive)
+            m_lastSaidMs = nowMs;
         fitDataFrames(piece.size(), nowMs);
     }
     return piece;
@@ -111,6 +114,7 @@ void Session::put(FrameType type, const QByteArray& payload)
         m_outputPosition = 0;
     }
     m_output.append(m_writer.write(type, payload));
+    m_saysOnlyAlive = type == FrameType::Alive; // it is put into an empty output only
 }
 
 void Session::dispatch(const Frame& frame, qint64 nowMs)
@@ -292,7 +296,7 @@ bool Session::produce(qint64 nowMs)
         if (produceEnding())
             return true;
     }
-    if (m_phase != Phase::Closing && nowMs - m_lastSentMs >= heartbeatMs() && m_output.size() == m_outputPosition) {
+    if (m_phase != Phase::Closing && nowMs - m_lastSentMs >= heartbeatMs(nowMs) && m_output.size() == m_outputPosition) {
         put(FrameType::Alive);
         return true;
     }
@@ -644,9 +648,10 @@ void Session::settleFirst(int count)
 
 // ---- ending ----
 
-int Session::heartbeatMs() const
+int Session::heartbeatMs(qint64 nowMs) const
 {
-    if (!isMuchComing())
+    // For a while after it has said more, since of that something may stand behind a gap.
+    if (!isMuchComing() || nowMs - m_lastSaidMs < m_settings.heartbeatMs * heartbeatsAfterWords)
         return m_settings.heartbeatMs;
     return qMin(m_settings.heartbeatMs * heartbeatsWhileMuchComes, m_settings.silenceMs / heartbeatsBeforeSilence);
 }

@@ -32,8 +32,8 @@ struct SessionSettings
     QString abonentName; // our own
     QByteArray installationId;
 
-    // A silent side says Alive after so long (five times that while much comes in): it also
-    // frees packets held behind a gap.
+    // A silent side says Alive after so long (five times that while much comes in and nothing
+    // else was said lately): it also frees packets held behind a gap.
     int heartbeatMs = 1000;
     // Nothing came for so long: the connection is dead. On a line of 1200 bit/s a minute
     // may well pass between two packets that bring anything new, since a driver full of
@@ -189,7 +189,7 @@ private:
     void note(const QString& text);
     [[nodiscard]] bool isSendingPhase() const { return m_phase == Phase::Running; }
     [[nodiscard]] bool nothingLeft();
-    [[nodiscard]] int heartbeatMs() const;
+    [[nodiscard]] int heartbeatMs(qint64 nowMs) const;
     void fitDataFrames(int bytesSent, qint64 nowMs); // to what the line carries
 
     const SessionSettings m_settings;
@@ -210,6 +210,7 @@ private:
     FrameWriter m_writer;
     QByteArray m_output; // frames written and not yet taken
     int m_outputPosition = 0;
+    bool m_saysOnlyAlive = false;
 
     // Sending
     bool m_peerStateKnown = false;
@@ -241,6 +242,7 @@ private:
     // Time
     qint64 m_lastHeardMs;
     qint64 m_lastSentMs;
+    qint64 m_lastSaidMs; // the same, without heartbeats
     qint64 m_lastProgressMs;
     qint64 m_deadlineMs = 0; // of Closing and Lingering
 };
