@@ -2,6 +2,7 @@
 // once, whole and bit-exact.
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <random>
 
 #include <QDir>
@@ -145,15 +146,17 @@ TEST(System, FourCallsAtOnceOverEightPorts)
         expectReceivedOnce(*others[i], fromHub[i], QStringLiteral("from hub"));
         expectReceivedOnce(hub, toHub[i], QStringLiteral("to hub"));
     }
-    // All four stood at one moment: the last began before the first ended.
-    double lastBegun = 0;
-    double firstEnded = 1e300;
+    // All four stood at one moment. On a busy machine one may fail first, and is made again.
+    std::multimap<double, int> changes;
     for (const QJsonObject& event : hub.events(QStringLiteral("callBegun")))
-        lastBegun = std::max(lastBegun, event[QStringLiteral("monotonic")].toDouble());
+        changes.emplace(event[QStringLiteral("monotonic")].toDouble(), 1);
     for (const QJsonObject& event : hub.events(QStringLiteral("callEnded")))
-        firstEnded = std::min(firstEnded, event[QStringLiteral("monotonic")].toDouble());
-    EXPECT_EQ(hub.events(QStringLiteral("callBegun")).size(), spokes);
-    EXPECT_LT(lastBegun, firstEnded);
+        changes.emplace(event[QStringLiteral("monotonic")].toDouble(), -1);
+    int standing = 0;
+    int mostStanding = 0;
+    for (const auto& change : changes)
+        mostStanding = std::max(mostStanding, standing += change.second);
+    EXPECT_EQ(mostStanding, spokes);
 }
 
 TEST(System, APortThatVanishesInACallComesBack)
