@@ -32,8 +32,9 @@ struct SessionSettings
     QString abonentName; // our own
     QByteArray installationId;
 
-    // A silent side says Alive after so long (five times that while much comes in and nothing
-    // else was said lately): it also frees packets held behind a gap.
+    // A silent side says Alive after so long (five times that, but at most a third of
+    // silenceMs, while much comes in and nothing else was said lately): it also frees packets
+    // held behind a gap. The other side's silenceMs should be the same.
     int heartbeatMs = 1000;
     // Nothing came for so long: the connection is dead. On a line of 1200 bit/s a minute
     // may well pass between two packets that bring anything new, since a driver full of
