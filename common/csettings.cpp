@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 #include <sys/stat.h>
 
@@ -9,11 +10,13 @@
 #include <QDir>
 #include <QEvent>
 #include <QFile>
+#include <QLockFile>
 #include <QMutex>
 #include <QMutexLocker>
 
 #include "common/cancelguard.h"
 #include "common/global.h"
+#include "common/plantedlinks.h"
 #include "common/qtmessages.h"
 
 namespace {
@@ -59,6 +62,12 @@ QDateTime modificationTime(const QByteArray& path)
     return QDateTime::fromMSecsSinceEpoch(status.st_mtim.tv_sec * msPerS + status.st_mtim.tv_nsec / nsPerMs, Qt::UTC);
 }
 
+bool isNoLockFile(const QString& path)
+{
+    struct stat facts;
+    return lstat(QFile::encodeName(path).constData(), &facts) == 0 && !S_ISREG(facts.st_mode);
+}
+
 SettingsPointer* sharedSettings()
 {
     if (SettingsPointer* settings = gCSettingsSettings.load(std::memory_order_acquire))
@@ -73,6 +82,21 @@ SettingsPointer* sharedSettings()
 }
 
 } // namespace
+
+// In the moment between this look and the writing only another program's write can come, which
+// is short.
+QString obstacleToSettings(const QString& path, int patienceMs)
+{
+    if (isForeignLink(QFile::encodeName(path)))
+        return path;
+    const QString lockPath = path + QStringLiteral(".lock");
+    // Of these QLockFile would wait for ever for what a pipe has to say.
+    if (isNoLockFile(lockPath) || isNoLockFile(lockPath + QStringLiteral(".rmlock")))
+        return lockPath;
+    // One whose owner is gone, or that is old, goes by the rules by which QSettings takes it away.
+    QLockFile lock(lockPath);
+    return !lock.tryLock(patienceMs) && lock.error() == QLockFile::LockFailedError ? lockPath : QString();
+}
 
 SettingsPointer::SettingsPointer(const QString& fileName)
     : QSettings(fileName, QSettings::IniFormat), fileInfo(fileName), writable(Global::checkSecrecy(0)),
@@ -100,13 +124,14 @@ void SettingsPointer::syncLocked()
     QDateTime modified = modificationTime(m_encodedPath);
     if (!changed && modified == lastModified)
         return;
-    if (QFile::exists(fileName())) {
-        QSettings::sync();
-    } else {
+    const bool exists = QFile::exists(fileName());
+    if (!exists)
         createDirectory();
-        QSettings::sync();
+    if (changed && !canWrite())
+        return;
+    QSettings::sync();
+    if (!exists)
         giveFilePermissions();
-    }
     if (changed) {
         // One delayed write-back is posted for each change; nothing is left for it to do.
         QCoreApplication::removePostedEvents(this, QEvent::UpdateRequest);
@@ -119,24 +144,44 @@ void SettingsPointer::syncLocked()
     changed = false;
 }
 
+bool SettingsPointer::canWrite()
+{
+    // Once refused the lock is looked at, not waited for, until it is free.
+    const QString obstacle = obstacleToSettings(fileName(), m_isRefused ? 0 : settingsLockPatienceMs);
+    if (!obstacle.isEmpty()) {
+        refuseWriting(obstacle);
+        return false;
+    }
+    m_isRefused = false;
+    return true;
+}
+
+void SettingsPointer::refuseWriting(const QString& path)
+{
+    if (std::exchange(m_isRefused, true))
+        return;
+    sendQtMessageItems(QtWarningMsg,
+                       "Настройки не записаны, используются значения по умолчанию. Удалите, если это осталось от другой программы:",
+                       path);
+}
+
 void SettingsPointer::createDirectory() const
 {
     const QString path = fileInfo.absolutePath();
     if (QFile::exists(path))
         return;
     QDir().mkpath(path);
-    QFile directory(path);
-    if (!directory.setPermissions(settingsDirPermissions)) {
-        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа каталога с настройками", path, directory.errorString());
-    }
+    QString error;
+    if (!changePermissions(path, settingsDirPermissions, &error))
+        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа каталога с настройками", path, error);
 }
 
 void SettingsPointer::giveFilePermissions() const
 {
     // With nothing to write no file comes into being.
-    QFile file(fileName());
-    if (file.exists() && !file.setPermissions(settingsFilePermissions))
-        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа файла настроек", file.fileName(), file.errorString());
+    QString error;
+    if (QFile::exists(fileName()) && !changePermissions(fileName(), settingsFilePermissions, &error))
+        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа файла настроек", fileName(), error);
 }
 
 CSettings::CSettings()

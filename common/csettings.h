@@ -10,10 +10,20 @@
 
 #include "common/settingskeys.h"
 
+constexpr int settingsLockPatienceMs = 1000;
+
+// QSettings waits for its lock file for ever: whoever left one behind, or put something else there,
+// would hold up every thread that asks for a setting. And it writes behind a link, whoever made
+// that. To be asked before QSettings writes the file path: answers, within patienceMs, the path of
+// what stands in the way, a foreign link or the lock file; empty when nothing does. Any thread.
+QString obstacleToSettings(const QString& path, int patienceMs = settingsLockPatienceMs);
+
 // A settings file in INI format that notices edits by other processes and that is created with
 // fixed permissions. Objects are shared by all threads: this file's private lock guards every
 // operation of SettingsPointer::sync() and of CSettings; other operations inherited from
-// QSettings are not for use outside of it.
+// QSettings are not for use outside of it. While a lock file that nobody gives up, or a link that
+// somebody else has planted, stands in the way, nothing is written: values stay pending, and edits
+// by others unseen, until a later sync() can write.
 class SettingsPointer : public QSettings
 {
 public:
@@ -37,10 +47,13 @@ protected:
 private:
     friend class CSettings;
     void syncLocked();
+    bool canWrite();
+    void refuseWriting(const QString& path);
     void createDirectory() const;
     void giveFilePermissions() const;
 
     const QByteArray m_encodedPath; // of the file, for the system
+    bool m_isRefused = false;       // what was written last could not be brought to the disk
 };
 
 // A handle on settings.ini, made for one or a few look-ups. Making it reads edits of the file,

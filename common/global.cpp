@@ -3,12 +3,16 @@
 #include <atomic>
 #include <memory>
 
+#include <unistd.h>
+
+#include <QCalendar>
 #include <QCoreApplication>
 #include <QFile>
 #include <QMutex>
 #include <QMutexLocker>
 
 #include "common/legacyrandom.h"
+#include "common/plantedlinks.h"
 #include "common/qtmessages.h"
 
 namespace {
@@ -16,6 +20,10 @@ namespace {
 std::atomic<bool> gEmergecyExit{false};
 
 QBasicMutex applicationDirMutex;
+
+// Qt makes its calendar when the first date is used, unguarded: of two threads that do so at one
+// moment, one gets an empty text for its stamp. So it is made here, while the library is loaded.
+[[maybe_unused]] const bool isCalendarMade = QCalendar().isValid();
 
 QDir subDir(const QDir& parent, const QString& name)
 {
@@ -38,6 +46,9 @@ bool removeProbe(QFile& probe)
 
 QDir Global::applicationDir()
 {
+    // Without an application object Qt says so, and a message handler that logs comes back here.
+    if (!QCoreApplication::instance())
+        return QDir(QCoreApplication::applicationDirPath());
     // The application object computes the path on the first call, without a lock of its own.
     QMutexLocker locker(&applicationDirMutex);
     return QDir(QCoreApplication::applicationDirPath());
@@ -253,10 +264,12 @@ bool Global::checkAccess(const QDir& dir)
         return false;
     }
     QFile probe(dir.absoluteFilePath(QStringLiteral(".accessTest_%1.txt").arg(legacyRandom())));
-    if (!probe.open(QIODevice::WriteOnly))
+    // Its name can be foretold: what others have put there is not written to.
+    const int descriptor = openNew(QFile::encodeName(probe.fileName()));
+    if (descriptor < 0)
         return false;
-    probe.write("test", 4);
-    probe.close();
+    [[maybe_unused]] const ssize_t written = ::write(descriptor, "test", 4); // a full disk does not matter
+    ::close(descriptor);
     if (removeProbe(probe) || removeProbe(probe))
         return true;
     sendQtMessageItems(QtWarningMsg, "Global::checkAccess: Не удалось удалить временный файл", probe.errorString(),

@@ -134,7 +134,7 @@ QString speedStringBits(const qint64& bytesPerSecond); // "12.0 Кбит/с"; un
 QString speedString(const qint64& bytesPerSecond);     // "1.5 КБайт/с (12.0 Кбит/с)"
 QString timeStringSec(const qint64& seconds);          // "59 сек.", "1 м. 0 сек.", "25 ч. 0 м."
 
-// The Russian plural of n: 1, 21: one; 2 to 4, 22: few; 0, 5, 11: many.
+// The Russian plural of n: 1, 21: one; 2 to 4, 22: few; 0, 5, 11 and negative numbers: many.
 QString declension(int n, const QString& one, const QString& few, const QString& many);
 
 // At most max characters of text and "..."; text itself where that would not be shorter.

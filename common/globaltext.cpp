@@ -101,8 +101,9 @@ QString Global::timeStringSec(const qint64& seconds)
 
 QString Global::declension(int n, const QString& one, const QString& few, const QString& many)
 {
-    const int lastTwo = qAbs(n % 100);
-    const int last = lastTwo % 10;
+    // The remainders of negative numbers are negative, or 0: they are many.
+    const int lastTwo = n % 100;
+    const int last = n % 10;
     if (lastTwo >= 10 && lastTwo <= 19)
         return many;
     if (last == 1)

@@ -1,9 +1,9 @@
 #include "common/logfile.h"
 
+#include <atomic>
 #include <cerrno>
 #include <ctime>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -11,6 +11,7 @@
 #include <QDateTime>
 
 #include "common/global.h"
+#include "common/plantedlinks.h"
 #include "common/qtmessages.h"
 
 namespace {
@@ -19,6 +20,18 @@ void putDigits(char* at, int count, int value)
 {
     for (int i = count - 1; i >= 0; --i, value /= 10)
         at[i] = static_cast<char>('0' + value % 10);
+}
+
+// The variable TZ, or the zone's file, may change while the program runs. A look costs more than
+// a whole stamp does.
+void followTimeZone(qint64 nowMs)
+{
+    constexpr qint64 lookEveryMs = 2000;
+    static std::atomic<qint64> lookedMs{0};
+    if (qAbs(nowMs - lookedMs.load(std::memory_order_relaxed)) < lookEveryMs)
+        return;
+    lookedMs.store(nowMs, std::memory_order_relaxed);
+    tzset();
 }
 
 } // namespace
@@ -38,7 +51,7 @@ void LogTarget::find()
 }
 
 ExistingLog::ExistingLog(const QByteArray& encodedPath)
-    : m_descriptor(::open(encodedPath.constData(), O_WRONLY | O_APPEND | O_CLOEXEC))
+    : m_descriptor(openExistingForAppending(encodedPath))
 {
 }
 
@@ -66,9 +79,12 @@ qint64 writeToLog(int descriptor, const char* data, qint64 size)
 
 bool openLog(QFile& file)
 {
-    if (file.open(QIODevice::Append | QIODevice::Unbuffered))
+    const QString path = file.fileName(); // a file that is opened by its descriptor forgets it
+    const int descriptor = openForAppending(QFile::encodeName(path));
+    const QString error = qt_error_string(errno);
+    if (descriptor >= 0 && file.open(descriptor, QIODevice::Append | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle))
         return true;
-    sendQtMessageItems(QtWarningMsg, "Ошибка открытия файла для записи:", file.fileName(), file.errorString());
+    sendQtMessageItems(QtWarningMsg, "Ошибка открытия файла для записи:", path, error);
     return false;
 }
 
@@ -85,6 +101,7 @@ QString logTimeStamp()
     constexpr qint64 msPerS = 1000;
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
     const qint64 ms = (nowMs % msPerS + msPerS) % msPerS; // of a clock before 1970 too
+    followTimeZone(nowMs);
     const std::time_t now = (nowMs - ms) / msPerS;
     // Not by way of QTime, which reads the time zone's file each time, nor of printf's formats, which
     // cost more than anything else in the layout of a line.

@@ -16,6 +16,7 @@
 #include "common/csysteminfo.h"
 #include "common/functiondebug.h"
 #include "common/logfile.h"
+#include "common/plantedlinks.h"
 #include "common/qtmessages.h"
 
 static_assert(int(DebugMessagesLock) == lastDebugCategory && int(DebugIpcData) == int(Setting::DebugIpcData)
@@ -104,25 +105,33 @@ int tabLevel(DebugData& data)
     return data.tabs.size();
 }
 
-// The writing part of debug(). Every member is used under the record's mutex only.
+// The writing part of debug().
 class LogWriter
 {
 public:
-    void write(const QStringList& parts);
+    // What write() cannot do without, of what is read only when it is first needed, once per process.
+    enum Need { NeedNothing = 0, NeedDirPermissions = 1, NeedFilePermissions = 2 };
+
+    // Under the record's mutex. Answers a set of Need; unless that is empty, nothing was written.
+    int write(const QStringList& parts);
+    // Without the mutex: settings may have to wait, and Qt may have something to say about them.
+    void read(int needs);
 
 private:
+    int needs() const;
     bool open(QFile& file);
     bool makeDirectory();
+    void giveDirectoryPermissions();
     void beginFile(QFile& file);
     void writeParts(int descriptor, const QStringList& parts);
     bool writeAll(int descriptor, const QByteArray& bytes);
-    QFileDevice::Permissions dirPermissions();
-    QFileDevice::Permissions filePermissions();
 
+    // Used under the mutex only.
     LogTarget m_target;
-    // Read when first needed, once per process; 0: not yet.
-    int m_dirPermissions = 0;
-    int m_filePermissions = 0;
+    QString m_newDirectory; // made, its permissions not yet given; empty: none
+    // 0: not read yet.
+    std::atomic<int> m_dirPermissions{0};
+    std::atomic<int> m_filePermissions{0};
 };
 
 LogWriter& logWriter()
@@ -132,19 +141,45 @@ LogWriter& logWriter()
     return *writer;
 }
 
-void LogWriter::write(const QStringList& parts)
+int LogWriter::write(const QStringList& parts)
 {
     m_target.find();
     const ExistingLog log(m_target.encodedPath());
     if (log.isOpen()) {
         writeParts(log.descriptor(), parts);
-        return;
+        return NeedNothing;
     }
+    if (!makeDirectory()) {
+        m_target.forget();
+        return NeedNothing;
+    }
+    if (const int missing = needs())
+        return missing;
+    giveDirectoryPermissions();
     QFile file(m_target.filePath());
     if (open(file))
         writeParts(file.handle(), parts);
     else
         m_target.forget();
+    return NeedNothing;
+}
+
+int LogWriter::needs() const
+{
+    int missing = NeedNothing;
+    if (m_dirPermissions == 0 && !m_newDirectory.isEmpty())
+        missing |= NeedDirPermissions;
+    if (m_filePermissions == 0 && !QFile::exists(m_target.filePath()))
+        missing |= NeedFilePermissions;
+    return missing;
+}
+
+void LogWriter::read(int needs)
+{
+    if (needs & NeedDirPermissions)
+        m_dirPermissions = CSettings().dirPermissions();
+    if (needs & NeedFilePermissions)
+        m_filePermissions = CSettings().filePermissions();
 }
 
 void LogWriter::writeParts(int descriptor, const QStringList& parts)
@@ -155,11 +190,8 @@ void LogWriter::writeParts(int descriptor, const QStringList& parts)
     }
 }
 
-// With whatever is missing on the way to it.
 bool LogWriter::open(QFile& file)
 {
-    if (!makeDirectory())
-        return false;
     const bool isNew = !file.exists();
     if (!openLog(file))
         return false;
@@ -175,19 +207,27 @@ bool LogWriter::makeDirectory()
         return true;
     if (!createLogDirectory(directory))
         return false;
-    QFile entry(directory.absolutePath());
-    if (!entry.setPermissions(dirPermissions())) {
-        sendQtMessageItems(QtDebugMsg, "Не удалось изменить права доступа для каталога", entry.fileName(), entry.errorString());
-    }
+    m_newDirectory = directory.absolutePath();
     return true;
+}
+
+void LogWriter::giveDirectoryPermissions()
+{
+    if (m_newDirectory.isEmpty())
+        return;
+    QString error;
+    if (!changePermissions(m_newDirectory, QFileDevice::Permissions(m_dirPermissions.load()), &error))
+        sendQtMessageItems(QtDebugMsg, "Не удалось изменить права доступа для каталога", m_newDirectory, error);
+    m_newDirectory.clear();
 }
 
 void LogWriter::beginFile(QFile& file)
 {
     if (!writeAll(file.handle(), CSystemInfo::summaryInfo().toUtf8()))
         m_target.forget();
-    if (!file.setPermissions(filePermissions()))
-        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа для файла:", file.fileName(), file.errorString());
+    // Unread only when the file went this very moment.
+    if (m_filePermissions != 0 && !file.setPermissions(QFileDevice::Permissions(m_filePermissions.load())))
+        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа для файла:", m_target.filePath(), file.errorString());
 }
 
 // False when the file refused the bytes; what a file still has not taken after some attempts is
@@ -207,18 +247,11 @@ bool LogWriter::writeAll(int descriptor, const QByteArray& bytes)
     return true;
 }
 
-QFileDevice::Permissions LogWriter::dirPermissions()
+int writeLocked(DebugData& data, const QStringList& parts)
 {
-    if (m_dirPermissions == 0)
-        m_dirPermissions = CSettings().dirPermissions();
-    return QFileDevice::Permissions(m_dirPermissions);
-}
-
-QFileDevice::Permissions LogWriter::filePermissions()
-{
-    if (m_filePermissions == 0)
-        m_filePermissions = CSettings().filePermissions();
-    return QFileDevice::Permissions(m_filePermissions);
+    QMutexLocker locker(&data.mutex);
+    const QScopedValueRollback<bool> writing(isWriting, true);
+    return logWriter().write(parts);
 }
 
 } // namespace
@@ -249,9 +282,8 @@ void debug(QString label, const QString& text, DebugLevel level, DebugFlag flag)
     const QStringList parts = formattedParts(label, text, tabLevel(data));
     // A message handler may log: nothing is sent to it before the mutex is free again.
     MessageHold messageHold;
-    QMutexLocker locker(&data.mutex);
-    const QScopedValueRollback<bool> writing(isWriting, true);
-    logWriter().write(parts);
+    while (const int needs = writeLocked(data, parts))
+        logWriter().read(needs);
 }
 
 int currentTabLevel()

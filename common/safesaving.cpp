@@ -16,6 +16,7 @@
 
 #include "common/csettings.h"
 #include "common/logger.h"
+#include "common/plantedlinks.h"
 
 namespace {
 
@@ -89,6 +90,13 @@ bool isMissing(const QString& path)
     return ::stat(QFile::encodeName(path).constData(), &facts) != 0 && errno == ENOENT;
 }
 
+// A file itself, not a link to one: a backup came into being by renaming a file.
+bool isPlainFile(const QString& path)
+{
+    struct stat facts = {};
+    return ::lstat(QFile::encodeName(path).constData(), &facts) == 0 && S_ISREG(facts.st_mode);
+}
+
 // A number of settings.ini that is read when it is first needed and then kept.
 class KeptSetting
 {
@@ -111,6 +119,14 @@ KeptSetting maxWritingTimeMs(&CSettings::detailsMaxWritingTime);
 KeptSetting dirPermissions(&CSettings::dirPermissions);
 KeptSetting filePermissions(&CSettings::filePermissions);
 
+bool openSideFile(QFile& file, const QString& path, QString* error)
+{
+    const int descriptor = openEmpty(QFile::encodeName(path));
+    *error = lastSystemError();
+    return descriptor >= 0
+        && file.open(descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle);
+}
+
 // Every byte of data on the disk, or an error text.
 bool writeToDisk(QFile& file, const QByteArray& data, QString* error)
 {
@@ -119,6 +135,12 @@ bool writeToDisk(QFile& file, const QByteArray& data, QString* error)
         return false;
     }
     return syncToDisk(file.handle(), error);
+}
+
+void logFilePermissionsFailed(const QString& path, const QString& error)
+{
+    log(QStringLiteral("Не удалось изменить права доступа 0x%1 для файла %2 (0x%3). %4")
+            .arg(QString::number(filePermissions.value(), 16), path, QString::number(int(QFile::permissions(path)), 16), error));
 }
 
 QString writingFailed(const QString& error)
@@ -181,14 +203,13 @@ QString swapIn(const QString& path, const QString& newPath)
 bool setDirPermissions(const QString& path, bool isInner)
 {
     const int wanted = dirPermissions.value();
-    QFile directory(path);
-    if (directory.setPermissions(QFileDevice::Permissions(wanted)))
+    QString error;
+    if (changePermissions(path, QFileDevice::Permissions(wanted), &error))
         return true;
     const QString pattern = isInner
         ? QStringLiteral("Не удалось изменить права доступа 0x%1 для внутреннего каталога %2 (0x%3). %4")
         : QStringLiteral("Не удалось изменить права доступа 0x%1 для каталога %2 (0x%3). %4");
-    const QString error = directory.errorString();
-    log(pattern.arg(QString::number(wanted, 16), path, QString::number(int(directory.permissions()), 16), error));
+    log(pattern.arg(QString::number(wanted, 16), path, QString::number(int(QFile::permissions(path)), 16), error));
     return false;
 }
 
@@ -206,21 +227,23 @@ QStringList missingDirectories(const QString& path)
 QString Global::safeSaving(const QString& path, const QByteArray& data)
 {
     makePath(QFileInfo(path).absoluteDir()); // reports for itself; the opening shows whether it matters
-    QFile file(newPathOf(path));
-    const QIODevice::OpenMode mode = QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered;
-    if (!file.open(mode) && !file.open(mode)) {
-        log(QStringLiteral("safeSaving failed 7. Не удалось открыть файл для записи. %1.").arg(file.errorString()));
-        return QStringLiteral("Не удалось открыть файл для записи. %1.").arg(file.errorString());
-    }
+    const QString newPath = newPathOf(path);
+    QFile file;
     QString error;
-    if (writeToDisk(file, data, &error)) {
-        file.close();
-        setFilePermissions(file.fileName());
-        return swapIn(path, file.fileName());
+    if (!openSideFile(file, newPath, &error) && !openSideFile(file, newPath, &error)) {
+        log(QStringLiteral("safeSaving failed 7. Не удалось открыть файл для записи. %1.").arg(error));
+        return QStringLiteral("Не удалось открыть файл для записи. %1.").arg(error);
     }
+    const bool isWritten = writeToDisk(file, data, &error);
+    // By the open file: somebody may have put another one under its name.
+    if (isWritten && !file.setPermissions(QFileDevice::Permissions(filePermissions.value())))
+        logFilePermissionsFailed(newPath, file.errorString());
     file.close();
-    if (!file.remove())
-        log(QStringLiteral("safeSaving failed 5. Не удалось удалить временный файл при ошибке записи. %1.").arg(file.errorString()));
+    if (isWritten)
+        return swapIn(path, newPath);
+    QFile torn(newPath);
+    if (!torn.remove())
+        log(QStringLiteral("safeSaving failed 5. Не удалось удалить временный файл при ошибке записи. %1.").arg(torn.errorString()));
     return writingFailed(error);
 }
 
@@ -229,7 +252,7 @@ QString Global::safeSaving(const QString& path, const QString& newPath)
     // Whoever wrote the file may have left it in the system's memory. One that cannot be opened is
     // left to the renames.
     QString error;
-    const int descriptor = ::open(QFile::encodeName(newPath).constData(), O_RDONLY | O_CLOEXEC);
+    const int descriptor = ::open(QFile::encodeName(newPath).constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     const bool isSynced = descriptor < 0 || syncToDisk(descriptor, &error);
     if (descriptor >= 0)
         ::close(descriptor);
@@ -241,7 +264,7 @@ QString Global::recoverSaving(const QString& path, bool* recovered)
     if (recovered)
         *recovered = false;
     const QString backupPath = backupPathOf(path);
-    if (!isMissing(path) || !QFileInfo(backupPath).isFile())
+    if (!isMissing(path) || !isPlainFile(backupPath))
         return {};
     QString error;
     if (!renameFile(backupPath, path, &error)) {
@@ -320,11 +343,9 @@ bool Global::makePath(const QDir& dir)
 bool Global::setFilePermissions(const QString& path)
 {
     const int wanted = filePermissions.value();
-    QFile file(path);
-    if (file.setPermissions(QFileDevice::Permissions(wanted)))
+    QString error;
+    if (changePermissions(path, QFileDevice::Permissions(wanted), &error))
         return true;
-    const QString error = file.errorString();
-    log(QStringLiteral("Не удалось изменить права доступа 0x%1 для файла %2 (0x%3). %4")
-            .arg(QString::number(wanted, 16), path, QString::number(int(file.permissions()), 16), error));
+    logFilePermissionsFailed(path, error);
     return false;
 }

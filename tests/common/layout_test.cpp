@@ -1,7 +1,12 @@
 // Where everything lives, the access test and the secrecy level.
 #include "common/global.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
 #include <thread>
 
 #include <fcntl.h>
@@ -18,7 +23,7 @@
 
 #include "tests/common/printing.h"
 #include "tests/common/streammessages.h"
-#include "tests/common/systemcalls.h"
+#include "tests/support/systemcalls.h"
 #include "tests/support/testroot.h"
 
 using testing::ElementsAre;
@@ -33,6 +38,32 @@ namespace {
 
 // Asked before main() has made the application object; must not be what later calls answer.
 const QString earlyInstallDir = Global::installDir().absolutePath();
+
+// The same from a message handler that asks for a path, as one that logs does.
+bool handlerMayAskEarly()
+{
+    static std::atomic<int> asked{0};
+    asked = 0;
+    const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {
+        Global::applicationDir();
+        ++asked;
+    });
+    std::promise<void> done;
+    std::future<void> isDone = done.get_future();
+    std::thread([&done] {
+        Global::applicationDir();
+        done.set_value();
+    }).detach();
+    const bool isInTime = isDone.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+    if (!isInTime) {
+        std::fprintf(stderr, "a message handler that asks for a path before there is an application hangs\n");
+        std::_Exit(1);
+    }
+    qInstallMessageHandler(previous);
+    return asked == 1;
+}
+
+const bool earlyHandlerMayAsk = handlerMayAskEarly();
 
 QString inRoot(const QString& relative)
 {
@@ -63,6 +94,11 @@ TEST(Layout, NothingIsRememberedFromBeforeTheApplication)
 {
     EXPECT_NE(earlyInstallDir, installRoot());
     EXPECT_EQ(Global::installDir().absolutePath(), installRoot());
+}
+
+TEST(Layout, AMessageHandlerMayAskBeforeTheApplication)
+{
+    EXPECT_TRUE(earlyHandlerMayAsk);
 }
 
 TEST(Layout, InstallationStaysWhenTheWorkingDirectoryChanges)

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -26,6 +27,7 @@
 #include "common/logfile.h"
 #include "tests/common/logsupport.h"
 #include "tests/common/refusedchmod.h"
+#include "tests/support/blockedthread.h"
 #include "tests/support/deadline.h"
 #include "tests/support/virtualclock.h"
 
@@ -171,6 +173,25 @@ TEST(LogLayout, StampsTellLocalTimeToTheMillisecond)
     for (const QByteArray& line : contentOf(path).trimmed().split('\n'))
         written.append(QString::fromUtf8(line.left(12)));
     EXPECT_EQ(written.mid(1), stamps);
+}
+
+// The zone may change while the program runs: within some seconds stamps follow.
+TEST(LogLayout, StampsFollowTheZone)
+{
+    const auto hours = [] { return logTimeStamp().left(2).toInt(); };
+    qputenv("TZ", "UTC0");
+    testsupport::VirtualClock clock;
+    clock.advanceMs(10000);
+    const int before = hours();
+    qputenv("TZ", "EAST-7");
+    clock.advanceMs(10000);
+    const int minuteEnded = logTimeStamp().mid(3, 2).toInt();
+    // Ten seconds may have begun another hour.
+    const int expected = (before + 7 + (minuteEnded == 0 ? 1 : 0)) % 24;
+    EXPECT_TRUE(hours() == expected || hours() == (before + 7) % 24) << before << ' ' << hours();
+    qputenv("TZ", "WEST5");
+    clock.stepWallClockMs(-3600000);
+    EXPECT_NE(hours(), expected);
 }
 
 TEST(LogLayout, LabelsAreFittedTo25Columns)
@@ -986,6 +1007,48 @@ TEST(LogTroubles, NoLevelThatCanBeWrittenIsNoReasonToStop)
 // --- Threads --------------------------------------------------------------------------------------------
 
 TEST(LogThreads, MessagesDoNotMix)
+{
+    beginEmptyLog();
+    logText("first"); // so that nothing but writing is left to do
+    std::unique_ptr<testsupport::ObservedThread> other;
+    {
+        const testsupport::SystemCallWatch watch(logPath().toStdString(), [&](testsupport::SystemCall& call) {
+            if (call.name == "write" && !other) {
+                other = std::make_unique<testsupport::ObservedThread>([] { logText("between"); });
+                EXPECT_TRUE(other->sleepsBeforeItsEnd());
+            }
+            return 0;
+        });
+        logText("begin\n\nend");
+    }
+    ASSERT_TRUE(other);
+    other->join();
+    const QStringList lines = logLines();
+    ASSERT_EQ(lines.size(), 5);
+    EXPECT_TRUE(lines.at(1).endsWith(QStringLiteral(" begin")));
+    EXPECT_TRUE(lines.at(3).endsWith(QStringLiteral(" end")));
+    EXPECT_TRUE(lines.at(4).endsWith(QStringLiteral(" between")));
+}
+
+TEST(LogThreads, SettingsAreReadWithoutTheLock)
+{
+    qputenv("USER", "operator");
+    LoggerData::initDebug(nullptr);
+    int looks = 0;
+    {
+        const testsupport::SystemCallWatch watch(rootPath(QStringLiteral("settings")).toStdString(), [&](testsupport::SystemCall&) {
+            ++looks;
+            EXPECT_TRUE(lockIsFree());
+            return 0;
+        });
+        logText("text");
+    }
+    EXPECT_GT(looks, 0);
+    EXPECT_EQ(settingsOnDisk().keys(),
+              (QStringList{QStringLiteral("Permissions/dirPermissions"), QStringLiteral("Permissions/filePermissions")}));
+}
+
+TEST(LogThreads, MessagesOfManyThreadsStayWhole)
 {
     qputenv("USER", "operator");
     constexpr int threadCount = 6;

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <functional>
 
-#include "tests/common/systemcalls.h"
+#include "tests/support/systemcalls.h"
 
 namespace testsupport {
 

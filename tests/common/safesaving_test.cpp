@@ -19,7 +19,7 @@
 
 #include "tests/common/logsupport.h"
 #include "tests/common/printing.h"
-#include "tests/common/systemcalls.h"
+#include "tests/support/systemcalls.h"
 #include "tests/support/testroot.h"
 
 using logtest::contentOf;
@@ -176,8 +176,8 @@ TEST_F(SafeSaving, NewContentIsOnTheDiskBeforeItGetsItsName)
 {
     const SystemCallWatch watch(directory.toStdString());
     ASSERT_EQ(save("new"), QString());
-    EXPECT_THAT(watch.callsOf({"write", "fsync", "chmod", "rename", "unlink"}),
-                ElementsAre("write /target.new", "fsync /target.new", "chmod /target.new", "rename /target.new /target", "fsync "));
+    EXPECT_THAT(watch.callsOf({"write", "fsync", "fchmod", "rename", "unlink"}),
+                ElementsAre("write /target.new", "fsync /target.new", "fchmod /target.new", "rename /target.new /target", "fsync "));
 }
 
 TEST_F(SafeSaving, OldContentIsKeptUntilTheNewOneIsInItsPlace)
@@ -186,8 +186,8 @@ TEST_F(SafeSaving, OldContentIsKeptUntilTheNewOneIsInItsPlace)
     put(u("target.old"), "older");
     const SystemCallWatch watch(directory.toStdString());
     ASSERT_EQ(save("new"), QString());
-    EXPECT_THAT(watch.callsOf({"write", "fsync", "chmod", "rename", "unlink"}),
-                ElementsAre("write /target.new", "fsync /target.new", "chmod /target.new", "unlink /target.old",
+    EXPECT_THAT(watch.callsOf({"write", "fsync", "fchmod", "rename", "unlink"}),
+                ElementsAre("write /target.new", "fsync /target.new", "fchmod /target.new", "unlink /target.old",
                             "rename /target /target.old", "rename /target.new /target", "fsync ", "unlink /target.old"));
 }
 
@@ -449,7 +449,7 @@ TEST_F(SafeSaving, BackupThatStaysIsNoFailure)
 
 TEST_F(SafeSaving, PermissionsThatCannotBeSetAreNoFailure)
 {
-    const SystemCallWatch watch(directory.toStdString(), failing("chmod", side, EPERM));
+    const SystemCallWatch watch(directory.toStdString(), failing("fchmod", side, EPERM));
     EXPECT_EQ(save("new"), QString());
     EXPECT_EQ(globalLog().size(), 1);
     EXPECT_TRUE(globalLog().first().startsWith(u("Не удалось изменить права доступа 0x6666 для файла %1 (0x").arg(side)));
@@ -489,6 +489,14 @@ TEST_F(SafeSaving, RecoveryOfAMissingTarget)
     EXPECT_EQ(save("new"), QString());
     EXPECT_EQ(content(u("target")), "new");
     EXPECT_EQ(names(), onlyTarget);
+}
+
+TEST_F(SafeSaving, RecoveryOutlivesAPowerFailure)
+{
+    put(u("target.old"), "old");
+    const SystemCallWatch watch(directory.toStdString());
+    EXPECT_EQ(Global::recoverSaving(target), QString());
+    EXPECT_THAT(watch.callsOf({"rename", "fsync"}), ElementsAre("rename /target.old /target", "fsync "));
 }
 
 TEST_F(SafeSaving, NothingToRecover)
@@ -1096,7 +1104,7 @@ TEST_F(SafeSaving, DirectoryWhosePermissionsCannotBeSet)
     umask(027);
     const QString path = pathOf(u("x%1"));
     {
-        const SystemCallWatch watch(directory.toStdString(), failing("chmod", path, EPERM));
+        const SystemCallWatch watch(directory.toStdString(), failing("fchmod", path, EPERM));
         EXPECT_FALSE(Global::makePath(QDir(path)));
     }
     EXPECT_TRUE(QFileInfo(path).isDir());
@@ -1109,7 +1117,7 @@ TEST_F(SafeSaving, InnerDirectoryWhosePermissionsCannotBeSet)
     umask(027);
     const QString inner = pathOf(u("x"));
     {
-        const SystemCallWatch watch(directory.toStdString(), failing("chmod", inner, EPERM));
+        const SystemCallWatch watch(directory.toStdString(), failing("fchmod", inner, EPERM));
         EXPECT_FALSE(Global::makePath(QDir(inner + u("/y"))));
     }
     EXPECT_EQ(logtest::modeOf(inner + u("/y")), 0777);
@@ -1123,7 +1131,7 @@ TEST_F(SafeSaving, FileWhosePermissionsCannotBeSet)
     EXPECT_FALSE(Global::setFilePermissions(missing));
     put(u("file"), "x");
     {
-        const SystemCallWatch watch(directory.toStdString(), failing("chmod", pathOf(u("file")), EPERM));
+        const SystemCallWatch watch(directory.toStdString(), failing("fchmod", pathOf(u("file")), EPERM));
         EXPECT_FALSE(Global::setFilePermissions(pathOf(u("file"))));
     }
     EXPECT_EQ(globalLog(),

@@ -18,6 +18,7 @@
 
 #include "tests/common/logsupport.h"
 #include "tests/common/refusedchmod.h"
+#include "tests/support/blockedthread.h"
 
 using namespace logtest;
 
@@ -583,6 +584,31 @@ TEST(SettingsPointerClass, SyncTakesTheFilesTimeAndTheMark)
     EXPECT_EQ(modeOf(rootPath(QStringLiteral("own"))), 0700);
 }
 
+// Each change posts one, and a thread without an event loop would pile them up.
+TEST(SettingsPointerClass, SyncTakesBackTheDelayedWriteBack)
+{
+    struct Counter : QObject {
+        bool eventFilter(QObject*, QEvent* event) override
+        {
+            count += event->type() == QEvent::UpdateRequest ? 1 : 0;
+            return false;
+        }
+        int count = 0;
+    } counter;
+    SettingsPointer settings(rootPath(QStringLiteral("own/other.ini")));
+    settings.installEventFilter(&counter);
+    settings.setValue(QStringLiteral("key"), 1);
+    QCoreApplication::sendPostedEvents();
+    EXPECT_EQ(counter.count, 1) << "Qt no longer posts any";
+    settings.changed = true;
+    settings.sync();
+    settings.setValue(QStringLiteral("key"), 2);
+    settings.changed = true;
+    settings.sync();
+    QCoreApplication::sendPostedEvents();
+    EXPECT_EQ(counter.count, 1);
+}
+
 TEST(SettingsPointerClass, WithoutAMarkAndANewTimeSyncDoesNothing)
 {
     const QString path = rootPath(QStringLiteral("own/other.ini"));
@@ -713,21 +739,20 @@ TEST(SettingsThreads, AllShareOneStoreFromTheFirstUseOn)
 
 TEST(SettingsThreads, OneOperationWaitsForAnother)
 {
-    std::unique_ptr<QThread> other;
+    std::unique_ptr<testsupport::ObservedThread> other;
     {
         const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), [&](testsupport::SystemCall& call) {
             // In the middle of this thread's operation, where Qt holds no lock of its own.
-            if (call.is("chmod", rootPath(QStringLiteral("settings")).toStdString()) && !other) {
-                other.reset(QThread::create([] { CSettings().debugIpcData(); }));
-                other->start();
-                EXPECT_FALSE(other->wait(50));
+            if ((call.name == "chmod" || call.name == "fchmod") && call.path == rootPath(QStringLiteral("settings")).toStdString() && !other) {
+                other = std::make_unique<testsupport::ObservedThread>([] { CSettings().debugIpcData(); });
+                EXPECT_TRUE(other->sleepsBeforeItsEnd());
             }
             return 0;
         });
         EXPECT_FALSE(CSettings().debugAll());
     }
     ASSERT_TRUE(other);
-    EXPECT_TRUE(other->wait(30000));
+    other->join();
     EXPECT_EQ(settingsOnDisk().size(), 2);
 }
 

@@ -17,7 +17,7 @@
 #include "common/global.h"
 #include "tests/common/printing.h"
 #include "tests/common/streammessages.h"
-#include "tests/common/systemcalls.h"
+#include "tests/support/systemcalls.h"
 #include "tests/support/testroot.h"
 
 using logtest::MessageRecorder;

@@ -172,6 +172,14 @@ TEST(Declension, FollowsTheLastTwoDigits)
     }
 }
 
+// The remainder of a negative number is negative, or 0: none is 1, 2, 3 or 4, and none lies from 10
+// to 19.
+TEST(Declension, OfNegativeNumbersIsAlwaysMany)
+{
+    for (int n : {-1, -2, -3, -4, -5, -10, -11, -19, -20, -21, -22, -100, -101, -102, -111, -2147483647 - 1})
+        EXPECT_EQ(Global::declension(n, u("one"), u("few"), u("many")), u("many")) << n;
+}
+
 TEST(Cut, KeepsWhatWouldNotBecomeShorter)
 {
     EXPECT_EQ(Global::cut(u(""), 5), u(""));
