@@ -18,6 +18,7 @@
 #include "common/logger.h"
 #include "plugin/cabstractchannelsstate.h"
 #include "plugin/cabstractjournal.h"
+#include "plugin/comcalltexts.h"
 
 namespace {
 
@@ -270,9 +271,7 @@ void CComServer::connectToAbonent(const QString& abonentName, const QByteArray& 
         if (worker->tryConnect(abonentName, abonent.phoneNumber))
             return;
     }
-    journal->addRecord(
-        journalEvent, name(),
-        QStringLiteral("Не удалось вызвать абонента '%1' т.к. не удалось найти свободный COM порт").arg(abonentName));
+    journal->addRecord(journalEvent, name(), ComCallTexts::noFreePort().arg(abonentName));
     emit notConnected(abonentName);
 }
 

@@ -1,5 +1,7 @@
 #include "com/ccomthread.h"
 
+#include <utility>
+
 #include <QElapsedTimer>
 #include <QMutexLocker>
 
@@ -8,6 +10,7 @@
 #include "com/modemdialogue.h"
 #include "com/modemport.h"
 #include "com/noanswerpause.h"
+#include "com/portsession.h"
 #include "com/portwait.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
@@ -16,15 +19,7 @@
 #include "plugin/cabstractchannelsstate.h"
 #include "plugin/cabstractjournal.h"
 #include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
-
-// What the state handlers share during one run().
-struct PortSession {
-    QSerialPort& port;
-    QElapsedTimer timer;               // of the state; not valid while it is not running
-    QString lastAnswer;                // the last line from the modem that was not blank
-    QSerialPort::PinoutSignals lines;  // the modem's lines when they were last looked at
-};
+#include "plugin/comcalltexts.h"
 
 namespace {
 
@@ -33,8 +28,9 @@ constexpr int pauseStepMs = 10;
 constexpr int writeWaitMs = 500;
 constexpr int hangUpWriteWaitMs = 100;
 constexpr int wrongAnswerPauseMs = 1000;
+constexpr int lateAnswersMs = 300;
+constexpr int lateAnswersStepMs = 10;
 constexpr int afterHangUpPauseMs = 500;
-constexpr int handledNamesWaitMs = 500;
 
 constexpr int eventRecord = 0;
 constexpr int errorRecord = 1;
@@ -59,11 +55,6 @@ private:
 bool runsLongerThan(const QElapsedTimer& timer, int timeoutMs)
 {
     return timer.isValid() && timer.elapsed() > timeoutMs;
-}
-
-void log(const QString& text, DebugLevel level)
-{
-    debug(QStringLiteral("CComThread"), text, level, DebugFlagNone);
 }
 
 } // namespace
@@ -130,7 +121,7 @@ void CComThread::run()
     ChannelEntry entry(channelsState, m_index);
     setStatus(QStringLiteral("Открытие COM порта"));
 
-    PortSession session{port, {}, {}, {}};
+    PortSession session{port, {}, {}, {}, false, false};
     for (;;) {
         msleep(passPauseMs);
         if (stopRequested())
@@ -168,15 +159,17 @@ void CComThread::openPort(PortSession& session)
     QSerialPort& port = session.port;
     if (!port.open(QIODevice::ReadWrite)) {
         const QString text = QStringLiteral("Ошибка открытия COM порта. %1").arg(port.errorString());
-        log(text, DebugAlways);
+        writeLog(text, DebugAlways);
         report(text);
         pause(openIntervalMs);
         return;
     }
-    log(QStringLiteral("COM порт открыт"), DebugAlways);
+    writeLog(QStringLiteral("COM порт открыт"), DebugAlways);
     report(QStringLiteral("COM порт открыт"));
     configurePort(port);
     sendInitString(port);
+    session.mayAnswerLate = !m_settings.initString.isEmpty();
+    session.hasRung = false;
     session.lines = modemLines(port);
     moveState(PortClosed,
               session.lines.testFlag(QSerialPort::DataCarrierDetectSignal) ? ResettingModem : WaitingForDevice);
@@ -190,7 +183,7 @@ void CComThread::configurePort(QSerialPort& port)
         if (isSet)
             return;
         const QString text = failure.arg(port.errorString());
-        log(text, DebugAlways);
+        writeLog(text, DebugAlways);
         addError(text);
     };
     check(port.setDataTerminalReady(true), QStringLiteral("Не удалось установить сигнал DTR для COM порта. %1"));
@@ -211,7 +204,7 @@ void CComThread::sendInitString(QSerialPort& port)
     if (initString.isEmpty())
         return;
     addEvent(QStringLiteral("Отправка строки инициализации: %1").arg(initString));
-    log(QStringLiteral("Запись команды: %1").arg(initString), DebugTransportComAtCommands);
+    writeLog(QStringLiteral("Запись команды: %1").arg(initString), DebugTransportComAtCommands);
     writeCommand(port, initCommand(initString), writeWaitMs);
 }
 
@@ -220,7 +213,7 @@ void CComThread::waitForDevice(PortSession& session)
     static const int dsrCheckIntervalMs = CSettings().detailsTransportComDsrCheckInterval();
     session.lines = modemLines(session.port);
     if (session.lines.testFlag(QSerialPort::DataSetReadySignal)) {
-        log(QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(m_settings.portName),
+        writeLog(QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(m_settings.portName),
             DebugTransportComAtCommands);
         report(QStringLiteral("Устройство включено"));
         moveState(WaitingForDevice, CheckingDevice);
@@ -257,14 +250,14 @@ void CComThread::startCheck(PortSession& session)
 {
     session.port.readAll();
     session.timer.start();
-    log(QStringLiteral("Запись команды: AT"), DebugTransportComAtCommands);
+    writeLog(QStringLiteral("Запись команды: AT"), DebugTransportComAtCommands);
     addEvent(QStringLiteral("Запись команды 'AT'"));
     writeCommand(session.port, checkCommand(), writeWaitMs);
 }
 
 void CComThread::checkUnanswered(PortSession& session)
 {
-    log(QStringLiteral("Нет ответа на команду 'AT'"), DebugTransportComAtCommands);
+    writeLog(QStringLiteral("Нет ответа на команду 'AT'"), DebugTransportComAtCommands);
     report(QStringLiteral("Нет ответа на команду 'AT'"));
     session.timer.invalidate();
     pause(noAnswerPause.lengthen() * 1000);
@@ -276,8 +269,10 @@ void CComThread::readCheckAnswer(PortSession& session)
     waitForInput(session.port, 100);
     switch (readModemResponse(session.port, session.lastAnswer)) {
     case ResponseOk:
+        if (std::exchange(session.mayAnswerLate, false))
+            dropLateAnswers(session);
         setStatus(QStringLiteral("Свободен"));
-        log(QStringLiteral("Получен ответ 'OK' на команду AT"), DebugTransportComAtCommands);
+        writeLog(QStringLiteral("Получен ответ 'OK' на команду AT"), DebugTransportComAtCommands);
         addEvent(QStringLiteral("Получен ответ 'OK' на команду 'AT'"));
         moveState(CheckingDevice, LineFree);
         session.timer.invalidate();
@@ -298,13 +293,28 @@ void CComThread::readCheckAnswer(PortSession& session)
     case ResponseDialEcho:
     case ResponseAnswerEcho: {
         const QString text = QStringLiteral("Неверный ответ на команду 'AT': %1").arg(session.lastAnswer);
-        log(text, DebugTransportComAtCommands);
+        writeLog(text, DebugTransportComAtCommands);
         report(text);
         session.timer.invalidate();
         pause(wrongAnswerPauseMs);
         noAnswerPause.reset();
         break;
     }
+    }
+}
+
+// The "OK" that was read may have been the init string's: that of "AT" must not be left for the
+// first call, which it would fail.
+void CComThread::dropLateAnswers(PortSession& session)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!stopRequested() && state() == CheckingDevice && timer.elapsed() < lateAnswersMs) {
+        if (!session.port.canReadLine())
+            waitForInput(session.port, lateAnswersStepMs);
+        if (readModemResponse(session.port, session.lastAnswer) == ResponseRing)
+            session.hasRung = true;
+        dropEndlessInput(session.port);
     }
 }
 
@@ -316,7 +326,7 @@ void CComThread::serveFreeLine(PortSession& session)
         return;
     // This look serves the test for the loss of DSR at the end of the pass as well.
     session.lines = modemLines(session.port);
-    if (session.lines.testFlag(QSerialPort::RingIndicatorSignal)
+    if (session.lines.testFlag(QSerialPort::RingIndicatorSignal) || std::exchange(session.hasRung, false)
         || readModemResponse(session.port, session.lastAnswer) == ResponseRing) {
         answerCall(session);
         return;
@@ -334,8 +344,9 @@ void CComThread::serveFreeLine(PortSession& session)
 void CComThread::answerCall(PortSession& session)
 {
     setStatus(QStringLiteral("Входящий вызов"));
-    log(QStringLiteral("Запись команды: ATA"), DebugTransportComAtCommands);
+    writeLog(QStringLiteral("Запись команды: ATA"), DebugTransportComAtCommands);
     addEvent(QStringLiteral("Входящий вызов. Запись команды: ATA"));
+    dropInput(session.port);
     writeCommand(session.port, answerCommand(), writeWaitMs);
     setAbonentName(QString());
     m_state = WaitingForConnect;
@@ -345,9 +356,11 @@ void CComThread::answerCall(PortSession& session)
 void CComThread::dial(PortSession& session)
 {
     const QString name = abonentName();
-    setStatus(QStringLiteral("Вызов '%1' (%2)").arg(name, m_number));
-    log(QStringLiteral("Запись команды: ATD%1").arg(m_number), DebugTransportComAtCommands);
-    addEvent(QStringLiteral("Вызов '%1' (%2). Запись команды: ATD%2").arg(name, m_number));
+    const QString call = ComCallTexts::calling().arg(name, m_number);
+    setStatus(call);
+    writeLog(QStringLiteral("Запись команды: ATD%1").arg(m_number), DebugTransportComAtCommands);
+    addEvent(call + QStringLiteral(". Запись команды: ATD") + m_number);
+    dropInput(session.port);
     writeCommand(session.port, dialCommand(m_number), writeWaitMs);
     moveState(CallRequested, WaitingForConnect);
     session.timer.start();
@@ -383,9 +396,9 @@ void CComThread::awaitConnect(PortSession& session)
         break;
     }
     if (hasFailed)
-        connectFailed(session, QStringLiteral("Не удалось установить соединение: %1").arg(session.lastAnswer));
+        connectFailed(session, ComCallTexts::failed().arg(session.lastAnswer));
     else if (runsLongerThan(session.timer, connectTimeoutMs))
-        connectFailed(session, QStringLiteral("Не удалось установить соединение: превышено время ожидания"));
+        connectFailed(session, ComCallTexts::failed().arg(QStringLiteral("превышено время ожидания")));
 }
 
 void CComThread::connectFailed(PortSession& session, const QString& text)
@@ -406,7 +419,7 @@ void CComThread::resetModem(PortSession& session)
         return;
     // A timer that runs already (an error, or carrier during the check) leaves out the escape.
     if (!session.timer.isValid()) {
-        log(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
+        writeLog(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
         port.readAll();
         writeCommand(port, escapeCommand(), writeWaitMs);
         waitForInput(port, 200);
@@ -454,118 +467,9 @@ void CComThread::leaveFreeOnDsrLoss(PortSession& session)
     // A call may have been taken meanwhile.
     if (state() != LineFree)
         return;
-    log(QStringLiteral("Устройство на COM порту '%1' выключено").arg(m_settings.portName), DebugTransportComAtCommands);
+    writeLog(QStringLiteral("Устройство на COM порту '%1' выключено").arg(m_settings.portName), DebugTransportComAtCommands);
     report(QStringLiteral("COM порт открыт"));
     m_state = WaitingForDevice;
-}
-
-// --- a connection -----------------------------------------------------------------------
-
-void CComThread::runConnection(PortSession& session)
-{
-    session.timer.invalidate();
-    const QString text = QStringLiteral("Соединение установлено: %1").arg(session.lastAnswer);
-    log(text, DebugAlways);
-    report(text);
-
-    QString calledName;
-    switch (startSession(session.port, &calledName)) {
-    case SessionStart::Running:
-        // A thread remembers a quit() from before the loop: only the protocol's word counts.
-        do {
-            exec();
-        } while (!m_sessionFinished);
-        waitForHandledNames();
-        reportConnectionEnd(calledName);
-        deleteProtocol();
-        break;
-    case SessionStart::Refused:
-        if (!calledName.isEmpty())
-            emit m_server->notConnected(calledName);
-        break;
-    case SessionStart::CalledOff:
-        break;
-    }
-    QMutexLocker locker(&m_mutex);
-    m_state = ResettingModem;
-}
-
-// calledName becomes the name of the called party, empty for an incoming call: kept apart,
-// since the name that the peer tells takes the place of m_abonentName.
-CComThread::SessionStart CComThread::startSession(QSerialPort& port, QString* calledName)
-{
-    QMutexLocker locker(&m_mutex);
-    // Nobody would stop a session made now.
-    if (stopRequested() || state() != WaitingForConnect)
-        return SessionStart::CalledOff;
-    *calledName = abonentName();
-    auto* const channel = new CComChannel(&port, m_server->channelsState, m_index);
-    CAbstractProtocol* const protocol = m_server->protocolFactory->createProtocol(channel);
-    if (!protocol) {
-        delete channel;
-        return SessionStart::Refused;
-    }
-    m_sessionFinished = false;
-    // Directly: the server's thread may be asleep in its own stop(). The order matters.
-    connect(protocol, &CAbstractProtocol::finished, [this] { m_sessionFinished = true; });
-    connect(protocol, &CAbstractProtocol::finished, this, &QThread::quit, Qt::DirectConnection);
-    connect(protocol, &CAbstractProtocol::remoteAbonentNameChanged, [this] { ++m_toldNames; });
-    connect(protocol, &CAbstractProtocol::remoteAbonentNameChanged, this, &CComThread::remoteAbonentNameChanged);
-    if (!calledName->isEmpty()) {
-        protocol->remoteAbonentName = *calledName;
-        protocol->remoteAbonentNameFiltered = Global::filterName(*calledName);
-    }
-    protocol->channelName = m_settings.portName;
-    setProtocol(protocol);
-    protocol->start();
-    return SessionStart::Running;
-}
-
-// The host shall see connected() before disconnected().
-void CComThread::waitForHandledNames()
-{
-    for (int waitedMs = 0; waitedMs < handledNamesWaitMs; waitedMs += pauseStepMs) {
-        if (stopRequested() || m_handledNames == m_toldNames)
-            return;
-        msleep(pauseStepMs);
-    }
-}
-
-void CComThread::reportConnectionEnd(const QString& calledName)
-{
-    // This thread alone sets and deletes the protocol.
-    const QString remoteName = m_protocol->remoteAbonentName;
-    const QString text = QStringLiteral("Потеряно соединение с абонентом '%1'").arg(remoteName);
-    log(text, DebugTransportConnects);
-    addEvent(text);
-    if (!calledName.isEmpty() && !remoteName.isEmpty()
-        && Global::filterName(remoteName) != Global::filterName(calledName)) {
-        emit m_server->notConnected(calledName);
-        addEvent(QStringLiteral("Не удалось установить соединение с '%1'").arg(calledName));
-    }
-    const QString endedName = remoteName.isEmpty() ? abonentName() : remoteName;
-    if (!endedName.isEmpty())
-        emit m_server->disconnected(endedName, m_connectionId, m_protocol->wasUseful);
-}
-
-void CComThread::deleteProtocol()
-{
-    QMutexLocker locker(&m_mutex);
-    CAbstractProtocol* const protocol = m_protocol;
-    setProtocol(nullptr);
-    // Being cancelled in a destructor would abort the host.
-    setTerminationEnabled(false);
-    delete protocol;
-    setTerminationEnabled(true);
-}
-
-void CComThread::remoteAbonentNameChanged(QString name)
-{
-    _CFunctionDebug trace(Q_FUNC_INFO);
-    setAbonentName(name);
-    emit m_server->connected(name, m_connectionId);
-    report(QStringLiteral("Установлено соединение с '%1'").arg(name));
-    ++m_handledNames;
 }
 
 // --- errors of the port -----------------------------------------------------------------
@@ -596,7 +500,7 @@ void CComThread::comPortError(QSerialPort::SerialPortError error)
     const PortError raised = noted(error);
     const QString text = QStringLiteral("COM port error: %1").arg(static_cast<int>(error))
         + QStringLiteral(". %1").arg(raised.text);
-    log(text, DebugTransportComPortError);
+    writeLog(text, DebugTransportComPortError);
     addError(text);
 
     QMutexLocker locker(&m_mutex);
@@ -621,7 +525,7 @@ void CComThread::hangUpOnExit(PortSession& session)
     QSerialPort& port = session.port;
     if (!modemLines(port).testFlag(QSerialPort::DataCarrierDetectSignal))
         return;
-    log(QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands);
+    writeLog(QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands);
     writeCommand(port, escapeCommand(), hangUpWriteWaitMs);
     session.timer.start();
     do {
@@ -652,6 +556,11 @@ void CComThread::setProtocol(CAbstractProtocol* protocol)
 {
     QMutexLocker locker(&m_lifeMutex);
     m_protocol = protocol;
+}
+
+void CComThread::writeLog(const QString& text, DebugLevel level)
+{
+    debug(QStringLiteral("CComThread"), text, level, DebugFlagNone);
 }
 
 void CComThread::setStatus(const QString& text)

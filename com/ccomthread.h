@@ -11,6 +11,7 @@
 
 #include "com/comsettings.h"
 #include "com/porterrors.h"
+#include "common/logger.h"
 
 class CAbstractProtocol;
 class CComServer;
@@ -110,6 +111,7 @@ private:
     void startCheck(PortSession& session);
     void checkUnanswered(PortSession& session);
     void readCheckAnswer(PortSession& session);
+    void dropLateAnswers(PortSession& session);
     void answerCall(PortSession& session);
     void connectFailed(PortSession& session, const QString& text);
     void runConnection(PortSession& session);
@@ -126,6 +128,7 @@ private:
     bool stopRequested() const { return m_stopRequested.load(); }
     void setAbonentName(const QString& name);
     void setProtocol(CAbstractProtocol* protocol);
+    static void writeLog(const QString& text, DebugLevel level);
     void setStatus(const QString& text);
     void addEvent(const QString& text);
     void addError(const QString& text);

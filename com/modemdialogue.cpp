@@ -99,6 +99,15 @@ void dropEndlessInput(QIODevice& input)
         input.readAll();
 }
 
+void dropInput(QSerialPort& port)
+{
+    // A device that babbles always has more.
+    constexpr int mostReads = 64;
+    for (int i = 0; i < mostReads && waitForInput(port, 0); ++i)
+        port.readAll();
+    port.readAll();
+}
+
 void writeCommand(QSerialPort& port, const QByteArray& command, int waitMs)
 {
     port.write(command);

@@ -50,6 +50,10 @@ ModemResponse readModemResponse(QSerialPort& port, QString& lastAnswer);
 // eat the memory.
 void dropEndlessInput(QIODevice& input);
 
+// Throws away what has arrived, in the driver too: answers of before the command that is to be
+// written. Does not wait. The port's own thread.
+void dropInput(QSerialPort& port);
+
 // Writes the bytes and waits up to waitMs for them to go out. The port's own thread.
 void writeCommand(QSerialPort& port, const QByteArray& command, int waitMs);
 

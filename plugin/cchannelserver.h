@@ -53,7 +53,9 @@ signals:
     // connectionId names the connection in later calls.
     void connected(const QString& abonentName, int connectionId);
 
-    // A requested call could not be placed or did not succeed.
+    // A requested call could not be placed or did not succeed. It says nothing of a call whose
+    // port went down while it dialled or was stopped, nor of abonentsData that the channel cannot
+    // read: the host sees these in the port's state text and journal records (comcalltexts.h).
     void notConnected(QString abonentName);
 
     // The connection ended; wasUseful tells whether it carried useful work.

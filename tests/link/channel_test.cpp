@@ -622,6 +622,28 @@ TEST_F(ChannelTest, NewPacketsWaitWhileThePeerMayExpectLessThanItHas)
     EXPECT_EQ(writtenNumbers(), range(113, 125));
 }
 
+// What went out under the same number a round before proves nothing.
+TEST_F(ChannelTest, TheConfirmationOfAPacketThatWasNeverSentDoesNotShowThatThePeerHasMovedOn)
+{
+    for (int number = 1; number <= 256; ++number) {
+        m_channel.write("x");
+        read();
+        receive(confirmationWire(QByteArray(1, static_cast<char>(number))));
+    }
+    for (int i = 1; i <= 111; ++i)
+        m_channel.write("x");
+    read();
+    receive(confirmationWire(numberRange(2, 111)));
+    m_clock.advanceMs(2001);
+    for (int i = 112; i <= 125; ++i)
+        m_channel.write("x");
+    m_port.takeWritten();
+    read();
+    ASSERT_EQ(writtenNumbers(), Numbers{1});
+    receive(confirmationWire(fromHex("0170"))); // 1, and 112 that waits
+    EXPECT_EQ(writtenNumbers(), Numbers{113});
+}
+
 // Confirming
 
 TEST_F(ChannelTest, AConfirmationWaitsForMoreThanTheInterval)

@@ -1,7 +1,7 @@
 // Hanging up over the channel, and the carrier.
 #include "tests/link/channelfixture.h"
 
-#include "sim/ptyendpoint.h"
+#include "sim/pty/ptyendpoint.h"
 #include "tests/support/deadline.h"
 
 using namespace linktest;

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "com/portwait.h"
-#include "sim/ptyendpoint.h"
+#include "sim/pty/ptyendpoint.h"
 #include "tests/support/fakeserialport.h"
 #include "tests/support/virtualclock.h"
 

@@ -82,6 +82,8 @@ TEST(SendWindow, MovesOnWithWhatConfirmationsProve)
     EXPECT_EQ(window.newPacketsLimit(queueOf({15, 16})), 97);
     window.noteConfirmed(30); // was sent when all before 15 had arrived
     EXPECT_EQ(window.newPacketsLimit(queueOf({15, 16})), 111);
+    window.noteConfirmed(12); // comes late, and takes nothing back
+    EXPECT_EQ(window.newPacketsLimit(queueOf({15, 16})), 111);
 }
 
 TEST(SendWindow, IsUnlimitedAgainWhenAPacketSentBehindAllRepeatedOnesHasArrived)
@@ -120,8 +122,8 @@ TEST(SendWindow, CountsRepeatsOfLaterPacketsToo)
     window.noteRepeated(1, 1);
     window.noteRepeated(4, 1);
     window.noteRepeated(2, 1);
-    window.noteSent(40, 2);
-    window.noteConfirmed(40); // behind 1, but not behind 4
+    window.noteSent(40, 3);
+    window.noteConfirmed(40); // behind 1 and 2, but not behind 4
     EXPECT_NE(window.newPacketsLimit(queueOf({41})), unlimited);
     window.noteSent(41, 41);
     window.noteConfirmed(41);

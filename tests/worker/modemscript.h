@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "sim/ptyendpoint.h"
+#include "sim/pty/ptyendpoint.h"
 
 class ModemScript
 {

@@ -1,6 +1,9 @@
 // Which errors of a port are passed on, and as what.
 #include "com/porterrors.h"
 
+#include <atomic>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -79,4 +82,35 @@ TEST_F(PortErrorsTest, ErrorOfAnEarlierOpening)
     const std::optional<PortError> taken = errors.take(QSerialPort::ReadError);
     ASSERT_TRUE(taken);
     EXPECT_FALSE(errors.isOfThisOpening(*taken));
+}
+
+// Noted by the worker's thread while the server's takes: each comes out once, in order.
+TEST_F(PortErrorsTest, NotedAndTakenFromTwoThreads)
+{
+    constexpr int noted = 20000;
+    std::atomic<bool> isOver{false};
+    std::thread worker([&] {
+        for (int i = 0; i < noted; ++i) {
+            errors.note(QSerialPort::ReadError, port, i, false);
+            if (i % 100 == 0)
+                errors.portClosed();
+        }
+        isOver = true;
+    });
+    int next = 0;
+    bool wasOver = false;
+    for (;;) {
+        wasOver = isOver;
+        if (const std::optional<PortError> taken = errors.take(QSerialPort::ReadError)) {
+            EXPECT_EQ(taken->state, next);
+            EXPECT_EQ(taken->opening, (next + 99) / 100);
+            ++next;
+        } else if (wasOver) {
+            break;
+        } else {
+            std::this_thread::yield();
+        }
+    }
+    worker.join();
+    EXPECT_EQ(next, noted);
 }

@@ -9,6 +9,8 @@ ScriptedProtocol::ScriptedProtocol(CChannel* ownedChannel, testsupport::CallLog*
 
 ScriptedProtocol::~ScriptedProtocol()
 {
+    if (onDelete)
+        onDelete();
     m_log->add(QStringLiteral("protocol deleted keepAlive=%1").arg(__atomic_load_n(&keepAlive, __ATOMIC_RELAXED)));
 }
 

@@ -31,6 +31,7 @@ public:
     void finish(bool isUseful);
 
     std::function<void(ScriptedProtocol*)> onStart;
+    std::function<void()> onDelete; // within the destructor
 
 private:
     testsupport::CallLog* m_log; // not owned

@@ -178,12 +178,34 @@ TEST_F(WorkerCall, RingIndicatorIsAnsweredBeforeAnyLineIsRead)
     modem.setRi(true);
     start();
     ASSERT_TRUE(modem.expectWritten("AT\r"));
-    modem.reply("OK\r\nOK\r\n");
+    modem.reply("OK\r\nHello\r\n");
     ASSERT_TRUE(modem.expectWritten("ATA\r"));
     modem.setRi(false);
+    modem.reply("BUSY\r\n");
     completeReset();
     EXPECT_EQ(joined(events().mid(eventsOfStart().size())),
-              joined(QStringList{ringStatus, ringEvent} + failed(QStringLiteral("OK")) + eventsOfReopening()));
+              joined(QStringList{ringStatus, ringEvent} + failed(QStringLiteral("BUSY")) + eventsOfReopening()));
+    EXPECT_FALSE(logTexts().contains(QStringLiteral("Чтение команды: Hello")));
+}
+
+// The blank lines keep what stands behind them from being read before the call is placed.
+TEST_F(WorkerCall, WhatHasArrivedBeforeDiallingIsNoAnswer)
+{
+    startFree();
+    modem.reply(QByteArray("\r\n").repeated(500) + "OK\r\nNO CARRIER\r\n");
+    ASSERT_TRUE(worker->tryConnect(QStringLiteral("A"), QStringLiteral("123")));
+    ASSERT_TRUE(modem.expectWritten("ATD123\r"));
+    modem.reply("CONNECT 9600\r\n");
+    ASSERT_TRUE(waitFor([&] { return !log.entriesWith(QStringLiteral("protocol start")).isEmpty(); }));
+}
+
+TEST_F(WorkerCall, WhatHasArrivedBeforeAnsweringIsNoAnswer)
+{
+    startFree();
+    modem.reply("RING\r\nAT\r\nRING\r\n");
+    ASSERT_TRUE(modem.expectWritten("ATA\r"));
+    modem.reply("CONNECT 9600\r\n");
+    ASSERT_TRUE(waitFor([&] { return !log.entriesWith(QStringLiteral("protocol start")).isEmpty(); }));
 }
 
 TEST_F(WorkerCall, RingForgetsThePartyCalledBefore)

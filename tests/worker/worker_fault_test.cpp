@@ -5,11 +5,14 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include <QElapsedTimer>
 #include <QFile>
 
+#include "tests/support/blockedthread.h"
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
 
@@ -253,6 +256,35 @@ TEST_F(WorkerFault, StopWithCarrierDoesNotHangUp)
     EXPECT_EQ(modem.written(), QByteArray());
 }
 
+// A host takes its time to make a session: one that is asked for before the stop hears of it.
+TEST_F(WorkerFault, StopWhileTheFactoryMakesASessionReachesThatSession)
+{
+    std::mutex mutex;
+    std::condition_variable mayGoOn;
+    bool goesOn = false;
+    std::atomic<bool> isInside{false};
+    factory->onCreate = [&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        isInside = true;
+        mayGoOn.wait(lock, [&] { return goesOn; });
+    };
+    ASSERT_NO_FATAL_FAILURE(startIncoming());
+    modem.setDcd(true);
+    modem.reply("\r\nCONNECT 9600\r\n");
+    ASSERT_TRUE(waitFor([&] { return isInside.load(); }));
+    testsupport::ObservedThread stopper([this] { worker->stop(); });
+    (void)stopper.sleepsBeforeItsEnd(); // whether it waits for the session or leaves word: it has been there
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        goesOn = true;
+    }
+    mayGoOn.notify_one();
+    stopper.join();
+    ASSERT_TRUE(worker->wait(10000));
+    EXPECT_EQ(joined(events().filter(QStringLiteral("protocol ")).mid(1)), joined({QStringLiteral("protocol stop"), QStringLiteral("protocol deleted keepAlive=0")}));
+    EXPECT_EQ(events().last(), QStringLiteral("remove"));
+}
+
 // A host that terminates a worker stuck in one of its own calls, with the worker's lock held.
 TEST_F(WorkerFault, TerminatedWorkerLeavesNothingBehind)
 {
@@ -274,6 +306,28 @@ TEST_F(WorkerFault, TerminatedWorkerLeavesNothingBehind)
     QSerialPort port;
     port.setPortName(modem.portPath());
     EXPECT_TRUE(port.open(QIODevice::ReadWrite)) << port.errorString().toStdString();
+}
+
+// A thread that is cancelled in a destructor takes the whole process with it.
+TEST_F(WorkerFault, TerminatedWorkerFinishesDeletingItsProtocol)
+{
+    std::atomic<bool> isDeleting{false};
+    std::atomic<bool> mayGoOn{false};
+    factory->onStart = [&](ScriptedProtocol* protocol) {
+        protocol->onDelete = [&] {
+            isDeleting = true;
+            while (!mayGoOn)
+                ::usleep(5000);
+        };
+    };
+    startIncomingSession();
+    factory->protocol()->finish(false);
+    ASSERT_TRUE(waitFor([&] { return isDeleting.load(); }));
+    worker->terminate();
+    mayGoOn = true;
+    ASSERT_TRUE(worker->wait(10000));
+    EXPECT_EQ(events().count(QStringLiteral("protocol deleted keepAlive=0")), 1);
+    EXPECT_EQ(events().count(QStringLiteral("remove")), 1);
 }
 
 // --- unplugged devices ------------------------------------------------------------------

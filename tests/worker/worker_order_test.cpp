@@ -107,6 +107,14 @@ protected:
         ASSERT_TRUE(waitForEvent(QStringLiteral("journal Получен ответ 'OK' на команду 'AT'")));
         forgetEvents();
     }
+    // The free line has read what came and has looked at its timer: an error that is raised
+    // now waits for the end of that look, which is made under the worker's lock.
+    void seeAPassOverTheFreeLine()
+    {
+        modem.reply("NOISE\r\n");
+        ASSERT_TRUE(waitForTraced(QStringLiteral("log Чтение команды: NOISE")));
+        forgetEvents();
+    }
     // For what the worker does without a call to the host.
     bool waitForTraced(const QString& event)
     {
@@ -219,6 +227,7 @@ TEST_F(WorkerOrder, ErrorOfThePort)
 {
     writeDetails({QStringLiteral("transportComResetTimeout=60000")});
     startAnswered();
+    ASSERT_NO_FATAL_FAILURE(seeAPassOverTheFreeLine());
     raiseError(QSerialPort::ReadError);
     // The line's timer runs, so that no "+++" is written.
     modem.reply("OK\r\n");
