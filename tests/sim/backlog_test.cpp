@@ -1,11 +1,11 @@
-#include "sim/backlog.h"
+#include "sim/pty/backlog.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "sim/ptyendpoint.h"
+#include "sim/pty/ptyendpoint.h"
 #include "tests/support/deadline.h"
 
 using sim::Backlog;

@@ -1,5 +1,5 @@
 // Commands as text: each reaches what it names, each mistake says what to write.
-#include "sim/control.h"
+#include "sim/exchange/control.h"
 
 #include "tests/support/deadline.h"
 

@@ -1,8 +1,8 @@
 // Whole calls through the exchange: two programs on real serial ports, the lines between
 // them, and the faults.
-#include "sim/exchange.h"
+#include "sim/exchange/exchange.h"
 
-#include "sim/linetable.h"
+#include "sim/pty/linetable.h"
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
 
@@ -377,6 +377,19 @@ TEST_F(ExchangeTest, BusyOffHookInACallAndOneself)
     EXPECT_TRUE(at(3).expect("\r\nBUSY\r\n"));
     at(3).send("ATD101\r");
     EXPECT_TRUE(at(3).expect("\r\nBUSY\r\n"));
+}
+
+TEST_F(ExchangeTest, BusyWhileItRings)
+{
+    make(quick(), 3);
+    at(2);
+    at(1).send("ATE0D102\r");
+    ASSERT_TRUE(at(2).expect("\r\nRING\r\n"));
+    at(3).send("ATE0D102\r");
+    EXPECT_TRUE(at(3).expect("\r\nBUSY\r\n"));
+    at(2).send("ATE0A\r");
+    EXPECT_TRUE(at(2).expect("CONNECT 115200\r\n"));
+    EXPECT_TRUE(at(1).expect("CONNECT 115200\r\n"));
 }
 
 TEST_F(ExchangeTest, WhoDialsWhileItRingsEndsBothCalls)

@@ -1,5 +1,5 @@
 // The line as a value and in virtual time: pace, delay, noise, drops.
-#include "sim/line.h"
+#include "sim/line/line.h"
 
 #include "tests/support/testroot.h"
 
@@ -90,6 +90,37 @@ TEST(LineTest, NoByteIsThroughBeforeItsTime)
     EXPECT_EQ(direction.nextRoomNs(), 30 * msNs);
     EXPECT_EQ(direction.deliver(25 * msNs), QByteArray("ab"));
     EXPECT_EQ(direction.nextDeliveryNs(), -1);
+}
+
+// Rates at which no byte takes whole nanoseconds.
+TEST(LineTest, AByteIsThroughAtTheMomentThatIsTold)
+{
+    for (const int rate : {33600, 57600, 115200}) {
+        LineDirection direction(LineSettings(), rate, 1);
+        direction.wake(0);
+        for (int byte = 0; byte < 100; ++byte) {
+            const qint64 nextNs = direction.nextRoomNs();
+            ASSERT_EQ(direction.room(nextNs - 1), 0) << rate << ", byte " << byte;
+            ASSERT_EQ(direction.room(nextNs), 1) << rate << ", byte " << byte;
+            direction.carry("a", true, nextNs);
+        }
+    }
+}
+
+TEST(LineTest, ALineThatIsWokenHasItsWholeGraceAgain)
+{
+    LineDirection direction(LineSettings(), 10000, 1);
+    direction.wake(0);
+    for (qint64 now = msNs; !direction.isIdle(); now += msNs)
+        direction.carry({}, false, now);
+    const qint64 wokenNs = 100 * msNs;
+    direction.wake(wokenNs);
+    direction.carry({}, false, wokenNs + msNs);
+    EXPECT_FALSE(direction.isIdle());
+    direction.carry({}, false, wokenNs + msNs + LineDirection::graceNs - 1);
+    EXPECT_FALSE(direction.isIdle());
+    direction.carry({}, false, wokenNs + msNs + LineDirection::graceNs);
+    EXPECT_TRUE(direction.isIdle());
 }
 
 TEST(LineTest, AnIdleLineSavesNoTime)

@@ -1,5 +1,5 @@
 // Every command and answer of a modem, fed byte by byte in a time of the test's own.
-#include "sim/modem.h"
+#include "sim/modem/modem.h"
 
 #include <QStringList>
 
@@ -342,6 +342,15 @@ TEST_F(ModemTest, ANumberDoesNotGrowForEver)
     EXPECT_EQ(ask("AT"), ok);
 }
 
+TEST_F(ModemTest, ANumberThatWasTooLongIsForgotten)
+{
+    const QByteArray most(Modem::maxCommandLength - 2, '1'); // with "D" and ";" a whole line
+    EXPECT_EQ(ask("ATD" + most + ';'), ok);
+    EXPECT_EQ(ask("ATD222;"), error);
+    type("ATD333\r");
+    EXPECT_EQ(host.takeCalls(), QStringList("dial 333 +0"));
+}
+
 TEST_F(ModemTest, FailuresAsTheResultLevelTells)
 {
     const struct {
@@ -424,6 +433,19 @@ TEST_F(ModemTest, RingsAndAnswers)
     modem.connected(33600, now);
     EXPECT_EQ(host.takeProgram(), framed("CONNECT 33600"));
     EXPECT_TRUE(host.carrier);
+}
+
+TEST_F(ModemTest, CountsTheRingsThroughAReset)
+{
+    EXPECT_EQ(ask("ATS0=2&W"), ok);
+    modem.ring(now);
+    EXPECT_EQ(ask("ATZ"), ok);
+    EXPECT_EQ(modem.registerValue(1), 1);
+    EXPECT_EQ(ask("AT&F"), ok);
+    EXPECT_EQ(modem.registerValue(1), 1);
+    EXPECT_EQ(ask("ATZ"), ok);
+    modem.ring(now);
+    EXPECT_EQ(host.takeCalls(), QStringList("answer"));
 }
 
 TEST_F(ModemTest, RingsByThePinOnly)
@@ -522,6 +544,14 @@ TEST_F(ModemTest, DoesNotEscapeWithoutGuardTimes)
     EXPECT_EQ(modem.state(), ModemState::Data);
     // Four.
     type("++++");
+    passMs(5000);
+    EXPECT_EQ(modem.state(), ModemState::Data);
+    EXPECT_EQ(host.takeProgram(), QByteArray());
+    // Behind CONNECT the guard time begins anew.
+    modem.carrierLost();
+    passMs(5000);
+    connectCall();
+    type("+++");
     passMs(5000);
     EXPECT_EQ(modem.state(), ModemState::Data);
     EXPECT_EQ(host.takeProgram(), QByteArray());

@@ -1,10 +1,9 @@
 // The program phone-exchange from outside: options, files, commands, and a call between
 // two ports of it; and the object that programs preload.
-#include "sim/linetable.h"
-#include "sim/ptyendpoint.h"
+#include "sim/pty/linetable.h"
+#include "sim/pty/ptyendpoint.h"
 
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "tests/sim/phoneexchangefixture.h"
 
 #include <csignal>
 
@@ -23,88 +22,10 @@
 
 #include <gtest/gtest.h>
 
+using testsupport::PhoneExchangeTest;
 using testsupport::waitFor;
 
 namespace {
-
-class PhoneExchangeTest : public testing::Test
-{
-protected:
-    void run(const QStringList& arguments)
-    {
-        process.setWorkingDirectory(testsupport::installRoot());
-        process.start(QStringLiteral(PHONE_EXCHANGE), arguments);
-    }
-
-    // Runs it to its end; the exit status, or -1.
-    int runToEnd(const QStringList& arguments)
-    {
-        run(arguments);
-        process.closeWriteChannel();
-        if (!ended())
-            return -1;
-        output += process.readAllStandardOutput();
-        return process.exitCode();
-    }
-
-    // Runs it until it is ready.
-    void runReady(QStringList arguments)
-    {
-        arguments << QStringLiteral("--ready-file") << path("ready") << QStringLiteral("--link-dir") << path("ports");
-        run(arguments);
-        // Ready may be seen before the news that it has started.
-        ASSERT_TRUE(waitFor([&] {
-            return (QFile::exists(path("ready")) && process.state() != QProcess::Starting)
-                || process.state() == QProcess::NotRunning;
-        }));
-        ASSERT_EQ(process.state(), QProcess::Running) << process.readAllStandardError().toStdString();
-    }
-
-    bool ended()
-    {
-        return waitFor([&] { return process.state() == QProcess::NotRunning; }) &&
-               process.exitStatus() == QProcess::NormalExit;
-    }
-
-    bool expectOutput(const QByteArray& text)
-    {
-        return waitFor([&] {
-            output += process.readAllStandardOutput();
-            return output.contains(text);
-        });
-    }
-
-    bool command(const QByteArray& line, const QByteArray& answer)
-    {
-        output.clear();
-        process.write(line + '\n');
-        return expectOutput(answer);
-    }
-
-    QByteArray errors() { return process.readAllStandardError(); }
-
-    static QString path(const char* name)
-    {
-        return testsupport::installRoot() + QLatin1Char('/') + QLatin1String(name);
-    }
-
-    static QByteArray fileText(const QString& name)
-    {
-        QFile file(name);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-
-    void TearDown() override
-    {
-        if (process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished();
-        }
-    }
-
-    QProcess process;
-    QByteArray output;
-};
 
 TEST_F(PhoneExchangeTest, HelpNamesAllAndEndsWell)
 {
@@ -181,7 +102,7 @@ TEST_F(PhoneExchangeTest, WhatItCannotDoEndsWithOne)
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     EXPECT_EQ(runToEnd({QStringLiteral("--link-dir"), path("file/ports")}), 1);
     EXPECT_EQ(errors(), "phone-exchange: cannot make the directory " + path("file/ports").toLocal8Bit() +
-                            "; give another with --link-dir\n");
+                            ": Not a directory; give another with --link-dir\n");
     EXPECT_EQ(runToEnd({QStringLiteral("--ready-file"), path("no/ready")}), 1);
     EXPECT_TRUE(errors().startsWith("phone-exchange: cannot write "));
     EXPECT_EQ(runToEnd({QStringLiteral("--control"), path("no/socket")}), 1);

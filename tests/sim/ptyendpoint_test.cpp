@@ -1,6 +1,6 @@
 // Modem lines, bounded depth and unplugging of a pty, as QSerialPort and plain system
 // calls see them through the ptylines object.
-#include "sim/ptyendpoint.h"
+#include "sim/pty/ptyendpoint.h"
 
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"

@@ -1,0 +1,154 @@
+#include "sim/line/line.h"
+
+#include <algorithm>
+
+#include "sim/line/moments.h"
+
+namespace sim {
+
+namespace {
+
+// Neighbouring seeds must not give related noise (the finalizer of splitmix64).
+quint64 mixed(quint64 value)
+{
+    value += Q_UINT64_C(0x9e3779b97f4a7c15);
+    value = (value ^ (value >> 30)) * Q_UINT64_C(0xbf58476d1ce4e5b9);
+    value = (value ^ (value >> 27)) * Q_UINT64_C(0x94d049bb133111eb);
+    return value ^ (value >> 31);
+}
+
+quint64 directionSeed(const LineSettings& settings, int callNumber, int direction)
+{
+    return mixed(mixed(settings.seed) ^ mixed(static_cast<quint64>(callNumber) * 2 + static_cast<quint64>(direction)));
+}
+
+} // namespace
+
+LineDirection::LineDirection(const LineSettings& settings, int rate, quint64 seed)
+    : m_rate(rate), m_delayNs(settings.delayMs * nsPerMs), m_noise(settings.bitErrorRate, settings.burst, rate, seed)
+{
+}
+
+void LineDirection::wake(qint64 nowNs)
+{
+    if (!m_idle)
+        return;
+    m_idle = false;
+    m_shortSinceNs = -1;
+    m_baseNs = nowNs;
+    m_bytesSinceBase = 0;
+}
+
+qint64 LineDirection::room(qint64 nowNs) const
+{
+    if (m_idle || nowNs <= m_baseNs)
+        return 0;
+    const qint64 elapsedNs = nowNs - m_baseNs;
+    const qint64 seconds = elapsedNs / nsPerSecond;
+    const qint64 bits = seconds * m_rate + elapsedNs % nsPerSecond * m_rate / nsPerSecond;
+    return std::max<qint64>(bits / bitsPerByte - m_bytesSinceBase, 0);
+}
+
+qint64 LineDirection::nextRoomNs() const
+{
+    return timeOfByte(m_bytesSinceBase + 1);
+}
+
+void LineDirection::carry(QByteArray bytes, bool senderWaits, qint64 nowNs)
+{
+    const bool isShort = bytes.size() < room(nowNs) && !senderWaits;
+    if (!bytes.isEmpty()) {
+        m_bytesSinceBase += bytes.size();
+        m_statistics.bytesCarried += bytes.size();
+        m_statistics.busyNs += bytes.size() * bitsPerByte * nsPerSecond / m_rate;
+        if (m_noisy) {
+            const QByteArray sent = bytes;
+            m_statistics.bitsFlipped += m_noise.apply(bytes);
+            for (int i = 0; i < bytes.size(); ++i)
+                m_statistics.bytesSpoiled += bytes.at(i) != sent.at(i);
+        }
+        m_flights.push_back({timeOfByte(m_bytesSinceBase) + m_delayNs, bytes});
+    }
+    // The base moves on by whole ten seconds, in which exactly rate bytes pass.
+    while (m_bytesSinceBase > m_rate) {
+        m_bytesSinceBase -= m_rate;
+        m_baseNs += bitsPerByte * nsPerSecond;
+    }
+    if (!isShort) {
+        m_shortSinceNs = -1;
+    } else if (m_shortSinceNs < 0) {
+        m_shortSinceNs = nowNs;
+    } else if (nowNs - m_shortSinceNs >= graceNs) {
+        m_idle = true;
+    }
+}
+
+QByteArray LineDirection::deliver(qint64 nowNs, qint64 mostBytes)
+{
+    QByteArray bytes;
+    while (!m_flights.empty() && m_flights.front().arrivesNs <= nowNs && bytes.size() != mostBytes) {
+        QByteArray& arrived = m_flights.front().bytes;
+        const qint64 left = mostBytes < 0 ? arrived.size() : mostBytes - bytes.size();
+        const int taken = static_cast<int>(std::min<qint64>(arrived.size(), left));
+        bytes += arrived.left(taken);
+        arrived.remove(0, taken);
+        if (arrived.isEmpty())
+            m_flights.pop_front();
+    }
+    m_statistics.bytesDelivered += bytes.size();
+    return bytes;
+}
+
+qint64 LineDirection::nextDeliveryNs() const
+{
+    return m_flights.empty() ? -1 : m_flights.front().arrivesNs;
+}
+
+DirectionStatistics LineDirection::finalStatistics() const
+{
+    DirectionStatistics statistics = m_statistics;
+    for (const Flight& flight : m_flights)
+        statistics.bytesLost += flight.bytes.size();
+    return statistics;
+}
+
+qint64 LineDirection::timeOfByte(qint64 count) const
+{
+    // Rounded up: room() at this very moment counts the byte.
+    return m_baseNs + (count * bitsPerByte * nsPerSecond + m_rate - 1) / m_rate;
+}
+
+Line::Line(const LineSettings& settings, int callNumber, bool mayDrop, qint64 connectedNs)
+    : forward(settings, settings.rateForward, directionSeed(settings, callNumber, 0)),
+      backward(settings, settings.rateBackward, directionSeed(settings, callNumber, 1)), m_settings(settings),
+      m_mayDrop(mayDrop), m_connectedNs(connectedNs)
+{
+}
+
+void Line::setNoisy(bool noisy)
+{
+    forward.setNoisy(noisy);
+    backward.setNoisy(noisy);
+}
+
+qint64 Line::bytesBeforeDrop() const
+{
+    if (!m_mayDrop || m_settings.dropAfterBytes <= 0)
+        return -1;
+    const qint64 delivered = forward.statistics().bytesDelivered + backward.statistics().bytesDelivered;
+    return std::max<qint64>(m_settings.dropAfterBytes - delivered, 0);
+}
+
+bool Line::hasDropped(qint64 nowNs) const
+{
+    return (dropNs() >= 0 && nowNs >= dropNs()) || bytesBeforeDrop() == 0;
+}
+
+qint64 Line::dropNs() const
+{
+    if (!m_mayDrop || m_settings.dropAfterSeconds <= 0)
+        return -1;
+    return m_connectedNs + static_cast<qint64>(m_settings.dropAfterSeconds * static_cast<double>(nsPerSecond));
+}
+
+} // namespace sim

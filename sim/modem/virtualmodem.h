@@ -1,0 +1,100 @@
+// One modem of the exchange: the AT command side, its pty, its control lines and the
+// faults it was told to have. Used in the exchange's thread only.
+#pragma once
+
+#include <deque>
+#include <functional>
+
+#include "sim/pty/backlog.h"
+#include "sim/modem/modem.h"
+#include "sim/pty/ptyendpoint.h"
+
+namespace sim {
+
+struct ModemSettings {
+    QString number;
+    QString linkPath; // stable name of the port; empty: none
+    RingStyle ringStyle = RingStyle::Line;
+    int depthBytes = PtyEndpoint::defaultDepthBytes;
+};
+
+// What a modem asks of the exchange.
+struct ModemRequest {
+    enum Kind { Dial, Answer, HangUp };
+    Kind kind;
+    QString number = {};
+    qint64 pauseNs = 0;
+};
+
+struct ModemFaults {
+    bool silent = false;     // takes everything, answers nothing
+    bool busy = false;       // whoever calls it hears busy
+    bool noDialTone = false; // when it dials
+    bool noAnswer = false;   // is not told that it is called
+    bool noNoise = false;    // the noise of its lines is off
+};
+
+class VirtualModem : private ModemHost
+{
+public:
+    using Trace = std::function<void(int modem, const QString& text)>;
+
+    // index: counted from 1, names the modem in what trace is told.
+    VirtualModem(int index, const ModemSettings& settings, Trace trace);
+
+    const int index;
+    const ModemSettings settings;
+    PtyEndpoint endpoint;
+    Modem modem;
+    ModemFaults faults;
+    std::deque<ModemRequest> requests;
+
+    QString name() const { return QStringLiteral("modem%1").arg(index); }
+    // Powered and plugged in.
+    bool isAlive() const { return m_powered && endpoint.isOpen(); }
+    bool isPowered() const { return m_powered; }
+    // Alive and not silent.
+    bool responds() const { return isAlive() && !faults.silent; }
+
+    // Its program's DTR, as it stands and as it went.
+    void watchDtr(qint64 nowNs);
+    // One byte of a command; false when the program has written none.
+    bool takeCommandByte(qint64 nowNs);
+    // Data of at most room bytes, as it goes to the line.
+    QByteArray takeData(qint64 room, qint64 nowNs);
+    // Drops what the program has written.
+    void swallow() { endpoint.read(); }
+    void deliver(const QByteArray& bytes) { toProgram(bytes); }
+    // Writes what its program could not yet take; true while some is left.
+    bool flush();
+    // Bytes that found no place since last asked, because the program does not read.
+    qint64 takeOverrun();
+
+    void setPowered(bool powered);
+    void unplug();
+    bool plugIn();
+
+private:
+    void toProgram(const QByteArray& bytes) override;
+    void toLine(char byte) override;
+    void dial(const QString& number, qint64 pauseNs) override;
+    void answer() override;
+    void hangUp() override;
+    void setCarrierDetect(bool raised) override;
+    void setRingIndicator(bool raised) override;
+    void trace(const QString& text) override;
+    void reset();
+    void showLines();
+
+    const Trace m_trace;
+    bool m_powered = true;
+    bool m_carrier = false;
+    bool m_ringing = false;
+    bool m_dtr = false;
+    unsigned m_dtrDrops = 0;
+    Backlog m_toProgram;
+    QByteArray m_toLine;
+    qint64 m_overrun = 0;
+};
+
+} // namespace sim

@@ -1,0 +1,30 @@
+// The command line of phone-exchange.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include "sim/exchange/exchange.h"
+
+namespace sim {
+
+struct ProgramOptions {
+    ExchangeSettings exchange;
+    QVector<ModemSettings> modems;
+    QString linkDir;
+    QString tablePath;
+    QString controlPath;
+    QString readyPath;
+    QString statisticsPath;
+    bool quiet = false;
+    bool showHelp = false;
+    bool showVersion = false;
+
+    // arguments: without the program's name. False: *error says what is wrong and what to write.
+    bool parse(const QStringList& arguments, QString* error);
+
+    static QString helpText();
+};
+
+} // namespace sim
