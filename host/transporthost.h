@@ -2,27 +2,31 @@
 // wait, and keeps the books that the views show.
 #pragma once
 
-#include <map>
 #include <memory>
 #include <optional>
-#include <tuple>
 
 #include <QElapsedTimer>
-#include <QHash>
 #include <QLockFile>
 #include <QObject>
 #include <QThread>
 #include <QTimer>
 
-#include "host/callfailures.h"
-#include "host/callscheduler.h"
-#include "host/channelstable.h"
-#include "host/eventlog.h"
-#include "host/hostjournal.h"
-#include "host/hostsettings.h"
-#include "host/messagestore.h"
-#include "host/pluginloader.h"
-#include "host/sessionprotocol.h"
+#include "common/global.h"
+#include "host/calls/callfailures.h"
+#include "host/calls/callscheduler.h"
+#include "host/calls/portconnections.h"
+#include "host/channel/channelstable.h"
+#include "host/channel/hostjournal.h"
+#include "host/channel/peers.h"
+#include "host/channel/pluginloader.h"
+#include "host/channel/sessionprotocol.h"
+#include "host/filetable.h"
+#include "host/hoststate.h"
+#include "host/installation/abonentbook.h"
+#include "host/installation/eventlog.h"
+#include "host/installation/hostsettings.h"
+#include "host/installation/ownkey.h"
+#include "host/store/messagestore.h"
 #include "plugin/cchannelserver.h"
 
 namespace host {
@@ -35,7 +39,7 @@ struct HostOptions
     qint64 retryUnitMs = 1000;      // the unit in which the plug-in's rules count the pauses between calls
     int silenceMs = SessionSettings().silenceMs; // a connection on which nothing comes for so long is dead
     bool keepConnections = false;   // connections stay when nothing is left to send
-    bool knownAbonentsOnly = false; // others may not exchange messages
+    bool acceptUnknown = false;     // those with unknown keys may leave messages
     bool placeCalls = true;
     InboxLimits limits;
     QString eventsPath; // empty: none
@@ -48,22 +52,7 @@ enum class HostEnd {
     Usage = 2,    // (of the command line)
     TimedOut = 3, // the time ran out first
     Busy = 4,     // another host serves this installation
-};
-
-// A file on its way, for the views.
-struct FileProgress
-{
-    bool outgoing = false;
-    QString peer;
-    QString channelName;
-    QString fileName;
-    qint64 size = 0;
-    qint64 done = 0;
-    qint64 resumedFrom = 0;
-    qint64 beganMs = 0;
-    qint64 changedMs = 0;
-    enum class State { Moving, Waiting, Whole, Failed } state = State::Moving; // Waiting: for the peer's word
-    QString text;
+    KeyChanged = 5, // an abonent answered with another key than the pinned one; its messages are still queued
 };
 
 class TransportHost : public QObject
@@ -83,7 +72,7 @@ public:
 
     [[nodiscard]] Identity identity() const { return m_identity; }
     [[nodiscard]] QVector<ChannelRow> channels() const { return m_channels->rows(); }
-    [[nodiscard]] QVector<FileProgress> files() const;
+    [[nodiscard]] QVector<FileProgress> files() const { return m_files.rows(); }
     [[nodiscard]] QVector<QueuedMessage> queue() const;
     [[nodiscard]] int receivedCount() const { return m_receivedCount; }
     [[nodiscard]] int deliveredCount() const { return m_deliveredCount; }
@@ -108,25 +97,21 @@ signals:
     void settingsChanged();
 
 private:
-    struct FileKey
-    {
-        quint64 call;
-        bool outgoing;
-        quint64 id;
-        bool operator<(const FileKey& other) const
-        {
-            return std::tie(call, outgoing, id) < std::tie(other.call, other.outgoing, other.id);
-        }
-    };
-
     QString openStore();
     QString loadSettings();
     QString startServer();
     void reloadSettings();
+    void reloadAbonents();
+    void onPeerNews(const PeerNews& news);
+    [[nodiscard]] bool isWaitingForKeysOnly() const;
+    [[nodiscard]] HostEnd endWithKeys(HostEnd end) const;
+    [[nodiscard]] bool hasKeyTrouble(const QString& abonent) const;
     void onReport(const SessionReport& report);
     void onSessionEvent(const SessionReport& report);
     void onConnected(const QString& abonent, int connectionId);
     void onJournalRecord(const JournalRecord& record);
+    void onStateChanged(const ChannelRow& row);
+    void followConnections(const ChannelRow& row);
     void onNotConnected(const QString& abonent);
     void onDisconnected(const QString& abonent, int connectionId, bool wasUseful);
     void onServerFinished();
@@ -137,12 +122,14 @@ private:
     void checkEnd();
     void writeState();
     void journal(bool isError, const QString& text);
-    [[nodiscard]] std::optional<QString> whyWaiting(const QString& abonent) const;
+    [[nodiscard]] std::optional<WaitReason> whyWaiting(const QString& abonent) const;
 
     const HostOptions m_options;
     QElapsedTimer m_clock;
     Identity m_identity;
-    QVector<Abonent> m_abonents;
+    AbonentBook m_book{Global::abonentsSettingsFilePath()};
+    AbonentRecords m_abonents; // as last read
+    QString m_bookError;       // told once
     std::unique_ptr<QLockFile> m_lock;
     EventLog m_events;
 
@@ -150,6 +137,9 @@ private:
     std::unique_ptr<HostJournal> m_journal;
     std::unique_ptr<ChannelsTable> m_channels;
     std::unique_ptr<MessageStore> m_store;
+    std::shared_ptr<const KeyPair> m_key;
+    std::unique_ptr<Peers> m_peers;
+    const std::shared_ptr<HandshakeGuard> m_guard = std::make_shared<HandshakeGuard>();
     std::shared_ptr<SessionContext> m_context;
     std::unique_ptr<LoadedPlugin> m_plugin;
     std::unique_ptr<CallScheduler> m_scheduler;
@@ -159,17 +149,17 @@ private:
     QTimer m_pollTimer;
     QTimer m_stopTimer;
     CallFailures m_failures;
+    PortConnections m_connections;
 
-    std::map<FileKey, FileProgress> m_files;
-    QHash<quint64, qint64> m_callBeganMs;
+    FileTable m_files;
+    HostStateFile m_stateFile{stateFilePath()};
     QByteArray m_settingsStamp;
     qint64 m_lastQueuePollMs = -1000000;
     qint64 m_lastStateMs = -1000000;
-    QByteArray m_writtenState;
     qint64 m_deadlineMs = -1;
     int m_receivedCount = 0;
     int m_deliveredCount = 0;
-    int m_sessions = 0;
+    QHash<quint64, SessionReport> m_sessions; // those that run: how each began, by its call
     bool m_isStopping = false;
     bool m_hasEnded = false;
     bool m_isStuck = false;

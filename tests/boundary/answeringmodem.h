@@ -11,7 +11,7 @@
 #include <QString>
 #include <QStringList>
 
-#include "sim/ptyendpoint.h"
+#include "sim/pty/ptyendpoint.h"
 
 class AnsweringModem
 {

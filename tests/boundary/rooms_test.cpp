@@ -27,6 +27,32 @@ const QList<Room>& rooms()
     return table;
 }
 
+// Inside a room: its folders, each with what it may reach into besides itself. Files beside
+// the folders ("") stand above them; only program/ stands above those.
+struct Inside {
+    const char* room;
+    const char* folder;
+    QStringList mayInclude; // folders of the same room
+};
+
+const QList<Inside>& insides()
+{
+    static const QList<Inside> table{
+        {"host", "installation", {}},
+        {"host", "session", {"installation"}},
+        {"host", "channel", {"session", "installation"}},
+        {"host", "store", {"session", "installation"}},
+        {"host", "calls", {"session", "installation"}},
+        {"host", "program", {"", "channel", "store", "calls", "session", "installation"}},
+        {"sim", "line", {}},
+        {"sim", "pty", {}},
+        {"sim", "modem", {"line", "pty"}},
+        {"sim", "exchange", {"modem", "line", "pty"}},
+        {"sim", "program", {"exchange", "modem", "line", "pty"}},
+    };
+    return table;
+}
+
 // plugin/ is two targets: the interfaces, and the plug-in that stands on everything.
 const QStringList pluginUnits{"main", "ccomplugin"};
 const QStringList pluginMayInclude{"com", "common", "plugin"};
@@ -101,6 +127,33 @@ TEST(Rooms, IncludesFollowTheTable)
                 EXPECT_TRUE(into == folder || room.mayInclude.contains(into)) << where(include) << "; " << room.why;
             }
         }
+    }
+}
+
+TEST(Rooms, ArrowsInsideARoomRunDown)
+{
+    QStringList known;
+    for (const Inside& inside : insides()) {
+        const QString room = QString::fromLatin1(inside.room);
+        const QString folder = QString::fromLatin1(inside.folder);
+        known.append(room + QLatin1Char('/') + folder);
+        int files = 0;
+        for (const QString& file : sourcesOf(known.last())) {
+            ++files;
+            for (const Include& include : includesOf(file)) {
+                if (!include.quoted || isGenerated(include) || roomOf(include) != room)
+                    continue;
+                const QStringList parts = include.target.split(QLatin1Char('/'));
+                const QString into = parts.size() > 2 ? parts.at(1) : QString();
+                EXPECT_TRUE(into == folder || inside.mayInclude.contains(into)) << where(include);
+            }
+        }
+        EXPECT_GT(files, 0) << known.last().toStdString();
+    }
+    for (const char* room : {"host", "sim"}) {
+        const QStringList folders = QDir(QStringLiteral(SOURCE_DIR "/") + room).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+        for (const QString& folder : folders)
+            EXPECT_TRUE(known.contains(room + (QLatin1Char('/') + folder))) << room << "/" << folder.toStdString() << " has no rule";
     }
 }
 

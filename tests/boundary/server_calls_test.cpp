@@ -593,12 +593,14 @@ TEST_F(ServerStuck, IsLeftAloneWhenItCannotBeTerminated)
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         hang();
     }));
+    const CComThread* const worker = server->workers().at(0);
     QElapsedTimer timer;
     timer.start();
     server->stop();
     EXPECT_GE(timer.elapsed(), threadStopTimeoutMs);
     EXPECT_TRUE(logHas(QStringLiteral("Некоторые потоки не остановились во время и будет убиты")));
     EXPECT_TRUE(server->workers().isEmpty());
+    EXPECT_EQ(worker->thread(), nullptr) << "an event would call a worker whose server is gone";
     EXPECT_FALSE(server->isHardwareOn());
     EXPECT_TRUE(log.entriesWith(QStringLiteral("remove ")).isEmpty());
     server->keepAliveConnection(1);

@@ -1,4 +1,4 @@
-#include "host/callfailures.h"
+#include "host/calls/callfailures.h"
 
 #include <gtest/gtest.h>
 
@@ -10,6 +10,7 @@ const QString bob = QStringLiteral("Bob");
 const QString bobby = QStringLiteral("Bobby");
 const QString first = QStringLiteral("ttyS0");
 const QString second = QStringLiteral("ttyS1");
+const QString opens = QStringLiteral("Открытие COM порта");
 const QString busy = QStringLiteral("Не удалось установить соединение: BUSY");
 const QString noCarrier = QStringLiteral("Не удалось установить соединение: NO CARRIER");
 
@@ -81,14 +82,63 @@ TEST(CallFailures, ASessionThatEndsEarlySaysWhy)
     failures.callPlaced(bobby);
     failures.journalRecord(first, dials(bob));
     failures.journalRecord(second, dials(bobby));
-    failures.sessionEnded(first, bob, QStringLiteral("not known here"));
+    failures.sessionEnded(bob, QStringLiteral("not known here"));
     EXPECT_EQ(failures.reason(bob), QStringLiteral("not known here"));
     EXPECT_EQ(failures.reason(bobby), QString());
-    failures.sessionEnded(second, QString(), QStringLiteral("silence"));
-    EXPECT_EQ(failures.reason(bobby), QStringLiteral("silence")) << "who answered said no name";
+    failures.sessionEnded(bobby, QStringLiteral("silence"));
+    EXPECT_EQ(failures.reason(bobby), QStringLiteral("silence"));
     EXPECT_EQ(failures.reason(bob), QStringLiteral("not known here"));
-    failures.sessionEnded(first, bob, QString());
+    failures.sessionEnded(bob, QString());
     EXPECT_EQ(failures.reason(bob), QString()) << "it ended well";
-    failures.sessionEnded(first, QStringLiteral("Carol"), QStringLiteral("x"));
+    failures.sessionEnded(QStringLiteral("Carol"), QStringLiteral("x"));
     EXPECT_EQ(failures.reason(QStringLiteral("Carol")), QString()) << "she was never called";
+}
+
+// The texts of a port in the order in which the channel's worker gives them.
+TEST(CallFailures, APortThatDoesSomethingElseHasLostItsCall)
+{
+    CallFailures failures;
+    failures.callPlaced(bob);
+    EXPECT_EQ(failures.portState(first, QStringLiteral("Вызов 'Bob' (102)")), QStringList());
+    EXPECT_EQ(failures.journalRecord(first, dials(bob)), QStringList{bob});
+    EXPECT_EQ(failures.portState(second, opens), QStringList()) << "another port";
+    failures.journalRecord(first, QStringLiteral("COM port error: 9. Input/output error"));
+    EXPECT_EQ(failures.portState(first, opens), QStringList{bob});
+    EXPECT_EQ(failures.reason(bob), QStringLiteral("COM port error: 9. Input/output error"));
+    EXPECT_EQ(failures.portState(first, QStringLiteral("COM порт открыт")), QStringList()) << "told once";
+}
+
+TEST(CallFailures, APortThatIsRemovedHasLostItsCall)
+{
+    CallFailures failures;
+    failures.callPlaced(bob);
+    failures.journalRecord(first, dials(bob));
+    EXPECT_EQ(failures.portGone(second), QStringList());
+    EXPECT_EQ(failures.portGone(first), QStringList{bob});
+    EXPECT_EQ(failures.portGone(first), QStringList());
+}
+
+TEST(CallFailures, ACallIsNotOverWhileItLasts)
+{
+    CallFailures failures;
+    failures.callPlaced(bob);
+    failures.journalRecord(first, dials(bob));
+    for (const char* state : {"Вызов 'Bob' (102)", "Соединение установлено: CONNECT 33600", "Установлено соединение с 'Carol'"})
+        EXPECT_EQ(failures.portState(first, QString::fromUtf8(state)), QStringList()) << state;
+    failures.disconnected(bob);
+    EXPECT_EQ(failures.portState(first, opens), QStringList()) << "its outcome was told";
+}
+
+TEST(CallFailures, AFailedCallIsNotLostAsWell)
+{
+    CallFailures failures;
+    failures.callPlaced(bob);
+    failures.journalRecord(first, dials(bob));
+    EXPECT_EQ(failures.portState(first, busy), QStringList()) << "the signal is on its way";
+    failures.journalRecord(first, busy);
+    failures.notConnected(bob);
+    EXPECT_EQ(failures.portState(first, opens), QStringList());
+    EXPECT_EQ(failures.reason(bob), busy);
+    failures.callPlaced(bob);
+    EXPECT_EQ(failures.portState(first, QStringLiteral("Свободен")), QStringList()) << "that was the call before";
 }

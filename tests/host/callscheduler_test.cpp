@@ -1,4 +1,4 @@
-#include "host/callscheduler.h"
+#include "host/calls/callscheduler.h"
 
 #include <gtest/gtest.h>
 
@@ -17,6 +17,7 @@ CallRules rules()
     rules.shorten = [](int* timeout) { *timeout /= 2; };
     rules.unitMs = 1000;
     rules.outcomeTimeoutMs = 60000;
+    rules.beginTimeoutMs = 7000;
     return rules;
 }
 
@@ -105,7 +106,9 @@ TEST(CallScheduler, ACallWithoutOutcomeFailsInTime)
     CallScheduler scheduler(rules());
     scheduler.setWaiting({bob});
     scheduler.callPlaced(bob, 0);
+    scheduler.callBegun(bob);
     EXPECT_EQ(next(scheduler, 59999), QString());
+    EXPECT_EQ(scheduler.failedCalls(bob), 0);
     EXPECT_EQ(next(scheduler, 60000), QString());
     EXPECT_EQ(scheduler.failedCalls(bob), 1);
     EXPECT_EQ(next(scheduler, 70000), bob);
@@ -125,4 +128,55 @@ TEST(CallScheduler, TheyCallWhileWePause)
     scheduler.disconnected(bob, 3, true, 20000);
     scheduler.setWaiting({bob});
     EXPECT_EQ(next(scheduler, 20000), bob) << "all was sent: a new message starts afresh";
+}
+
+// Data that the channel cannot read, a port that went down before it dialled.
+TEST(CallScheduler, ACallThatNoPortBeginsFailsSoon)
+{
+    CallScheduler scheduler(rules());
+    scheduler.setWaiting({bob});
+    scheduler.callPlaced(bob, 0);
+    EXPECT_EQ(next(scheduler, 6999), QString());
+    EXPECT_EQ(scheduler.failedCalls(bob), 0);
+    EXPECT_EQ(next(scheduler, 7000), QString());
+    EXPECT_EQ(scheduler.failedCalls(bob), 1);
+    scheduler.callPlaced(bob, 20000);
+    scheduler.callBegun(bob);
+    EXPECT_EQ(next(scheduler, 79999), QString());
+    EXPECT_EQ(scheduler.failedCalls(bob), 1) << "of this one a port has told";
+}
+
+TEST(CallScheduler, ACallThatLostItsPortIsMadeAgainAtOnceAndOnce)
+{
+    CallScheduler scheduler(rules());
+    scheduler.setWaiting({bob});
+    scheduler.callPlaced(bob, 0);
+    scheduler.callBegun(bob);
+    scheduler.callLost(bob, 3000);
+    EXPECT_EQ(scheduler.failedCalls(bob), 0) << "nothing was learnt about Bob";
+    EXPECT_EQ(next(scheduler, 3000), bob);
+    scheduler.callPlaced(bob, 3000);
+    scheduler.callLost(bob, 4000);
+    EXPECT_EQ(scheduler.failedCalls(bob), 1);
+    EXPECT_EQ(next(scheduler, 13999), QString());
+    EXPECT_EQ(next(scheduler, 14000), bob);
+    scheduler.callPlaced(bob, 14000);
+    scheduler.notConnected(bob, 15000);
+    scheduler.callLost(bob, 15000);
+    EXPECT_EQ(scheduler.failedCalls(bob), 2) << "its outcome was told";
+}
+
+// Its port was taken away: no signal tells of the end, and the pause is nobody's fault.
+TEST(CallScheduler, AConnectionThatLostItsPortHoldsNobodyBack)
+{
+    CallScheduler scheduler(rules());
+    scheduler.setWaiting({bob});
+    scheduler.callPlaced(bob, 0);
+    scheduler.connected(bob, 1);
+    EXPECT_EQ(next(scheduler, 1000), QString());
+    scheduler.connectionLost(1);
+    EXPECT_FALSE(scheduler.isConnectedTo(bob));
+    EXPECT_FALSE(scheduler.hasConnections());
+    EXPECT_EQ(next(scheduler, 1000), bob);
+    EXPECT_EQ(scheduler.failedCalls(bob), 0);
 }

@@ -1,4 +1,4 @@
-#include "host/comsettingswriter.h"
+#include "host/installation/comsettingswriter.h"
 
 #include <gtest/gtest.h>
 

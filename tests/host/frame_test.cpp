@@ -1,5 +1,5 @@
-#include "host/frame.h"
-#include "host/sessionframes.h"
+#include "host/session/frame.h"
+#include "host/session/sessionframes.h"
 #include "tests/support/testroot.h"
 
 #include <random>
@@ -10,17 +10,28 @@ using namespace host;
 
 namespace {
 
-// Made with python's zlib: crc32 over number (4 bytes big-endian) | type | length | payload of
-// this frame and of all before it.
-const QByteArray aliveAsFirst = QByteArray::fromHex("09000092bde4f1");
-const QByteArray dataAsSecond = QByteArray::fromHex("040003616263ab4c85c9");
-const QByteArray dataAsFirst = QByteArray::fromHex("040003616263a0cb1d5e");
+// Sealed with python's cryptography: ChaCha20Poly1305 under the key 00 01 .. 1f, the nonce four
+// zero bytes and the frame's number (8, little-endian), over type | payload.
+const QByteArray aliveAsFirst = QByteArray::fromHex("00111103a35bf338ddc490f59158a027cbfecd");
+const QByteArray dataAsSecond = QByteArray::fromHex("00149b36913c563cf1932a72426bcbc1d7c2369916a2");
+const QByteArray dataAsFirst = QByteArray::fromHex("00141cd9205241203ba24c4d46abe61d18510d61c7ef");
+const QByteArray typeZeroAsFirst = QByteArray::fromHex("001118859d5e9a1553197450870695dd2f5950");
+const QByteArray typeSixteenAsFirst = QByteArray::fromHex("0011089bce578aaf4558235c0dc265ab49f84a");
+
+NoiseCipher cipher(int firstByte = 0)
+{
+    startCryptography();
+    SecretBytes key(noiseKeyBytes);
+    for (int i = 0; i < noiseKeyBytes; ++i)
+        key.data()[i] = static_cast<unsigned char>(firstByte + i);
+    return NoiseCipher(std::move(key));
+}
 
 } // namespace
 
 TEST(Frame, BytesOnTheWire)
 {
-    FrameWriter writer;
+    FrameWriter writer(cipher());
     EXPECT_EQ(writer.write(FrameType::Alive, QByteArray()).toHex(), aliveAsFirst.toHex());
     EXPECT_EQ(writer.write(FrameType::Data, "abc").toHex(), dataAsSecond.toHex());
 }
@@ -29,7 +40,7 @@ TEST(Frame, ReadsWhateverTheSplit)
 {
     const QByteArray stream = aliveAsFirst + dataAsSecond;
     for (int split = 0; split <= stream.size(); ++split) {
-        FrameReader reader;
+        FrameReader reader(cipher());
         Frame frame;
         QVector<QByteArray> payloads;
         for (const QByteArray& piece : {stream.left(split), stream.mid(split)}) {
@@ -43,28 +54,38 @@ TEST(Frame, ReadsWhateverTheSplit)
 
 TEST(Frame, AFrameOutOfItsTurnIsDamaged)
 {
-    FrameReader reader;
+    for (const QByteArray& second : {dataAsFirst, aliveAsFirst}) {
+        FrameReader reader(cipher());
+        Frame frame;
+        reader.append(dataAsFirst + second + dataAsSecond);
+        EXPECT_EQ(reader.next(&frame), FrameReader::Result::Frame);
+        EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged);
+        EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged) << "for good";
+    }
+    FrameReader reader(cipher());
     Frame frame;
-    reader.append(dataAsFirst + dataAsFirst);
-    EXPECT_EQ(reader.next(&frame), FrameReader::Result::Frame);
-    EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged);
-    EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged) << "for good";
+    reader.append(dataAsSecond);
+    EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged) << "the first is missing";
 }
 
-// After carrier loss a modem echoes what is still written to it. Our own words, coming back at
-// the right moment, must not pass for the other side's, least of all "stored".
-TEST(Frame, OwnFramesThatComeBackAreDamaged)
+// After carrier loss a modem echoes what is still written to it.
+TEST(Frame, FramesOfAnotherKeyAreDamaged)
 {
-    FrameWriter own;
-    FrameWriter other;
+    FrameWriter own(cipher(1));
+    FrameReader reader(cipher());
+    Frame frame;
+    reader.append(own.write(FrameType::Stored, "\x01"));
+    EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged);
+}
+
+TEST(Frame, WithoutAKeyNothingIsWrittenOrOpened)
+{
+    FrameWriter writer;
+    EXPECT_FALSE(writer.isUsable());
+    EXPECT_EQ(writer.write(FrameType::Alive, QByteArray()), QByteArray());
     FrameReader reader;
     Frame frame;
-    (void)own.write(FrameType::Hello, "we");
-    reader.append(other.write(FrameType::Hello, "they"));
-    EXPECT_EQ(reader.next(&frame), FrameReader::Result::Frame);
-    const QByteArray ownWords = own.write(FrameType::Stored, "\x01");
-    EXPECT_NE(other.write(FrameType::Stored, "\x01"), ownWords);
-    reader.append(ownWords);
+    reader.append(aliveAsFirst);
     EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged);
 }
 
@@ -73,27 +94,59 @@ TEST(Frame, NoFlippedBitPasses)
     for (int bit = 0; bit < dataAsFirst.size() * 8; ++bit) {
         QByteArray bytes = dataAsFirst;
         bytes[bit / 8] = static_cast<char>(bytes.at(bit / 8) ^ (1 << (bit % 8)));
-        FrameReader reader;
+        FrameReader reader(cipher());
         Frame frame;
         reader.append(bytes);
         EXPECT_NE(reader.next(&frame), FrameReader::Result::Frame) << bit;
     }
 }
 
-TEST(Frame, AbsurdLengthAndUnknownTypeAreRefusedAtOnce)
+TEST(Frame, AbsurdLengthsAreRefusedAtOnce)
 {
-    for (const char* header : {"044001", "04ffff", "000000", "100000", "ff0000"}) {
-        FrameReader reader;
+    for (const char* length : {"0001", "0010", "4012", "ffff"}) {
+        FrameReader reader(cipher());
         Frame frame;
-        reader.append(QByteArray::fromHex(header));
-        EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged) << header;
+        reader.append(QByteArray::fromHex(length));
+        EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged) << length;
+    }
+}
+
+TEST(Frame, FillersArePassedBy)
+{
+    for (int split = 0; split <= 6 + aliveAsFirst.size(); ++split) {
+        const QByteArray stream = frameFiller() + frameFiller() + aliveAsFirst + frameFiller();
+        FrameReader reader(cipher());
+        Frame frame;
+        int frames = 0;
+        for (const QByteArray& piece : {stream.left(split), stream.mid(split)}) {
+            reader.append(piece);
+            while (reader.next(&frame) == FrameReader::Result::Frame)
+                ++frames;
+        }
+        EXPECT_EQ(frames, 1) << split;
+        EXPECT_FALSE(reader.isInFrame()) << split;
+    }
+    FrameReader reader(cipher());
+    Frame frame;
+    reader.append(frameFiller() + aliveAsFirst.left(2));
+    EXPECT_EQ(reader.next(&frame), FrameReader::Result::None);
+    EXPECT_TRUE(reader.isInFrame());
+}
+
+TEST(Frame, UnknownTypesAreRefused)
+{
+    for (const QByteArray& bytes : {typeZeroAsFirst, typeSixteenAsFirst}) {
+        FrameReader reader(cipher());
+        Frame frame;
+        reader.append(bytes);
+        EXPECT_EQ(reader.next(&frame), FrameReader::Result::Damaged) << bytes.toHex().constData();
     }
 }
 
 TEST(Frame, LargestPayload)
 {
-    FrameWriter writer;
-    FrameReader reader;
+    FrameWriter writer(cipher());
+    FrameReader reader(cipher());
     Frame frame;
     const QByteArray payload(maxFramePayloadBytes, 'x');
     reader.append(writer.write(FrameType::Data, payload));
@@ -124,20 +177,24 @@ TEST(SessionFrames, OfferTravelsWhole)
 
 TEST(SessionFrames, NoCutPayloadIsAccepted)
 {
-    HelloFrame hello;
-    hello.installationId = QByteArray(16, 'i');
-    hello.abonentName = QStringLiteral("Боб");
     StateFrame state;
     state.storedIds = {1, 2};
     state.parts = {{3, 1000, QByteArray(32, 'h')}};
-    const QByteArray helloBytes = hello.encode();
     const QByteArray stateBytes = state.encode();
-    for (int size = 0; size < helloBytes.size(); ++size)
-        EXPECT_FALSE(HelloFrame().decode(helloBytes.left(size))) << size;
     for (int size = 0; size < stateBytes.size(); ++size)
         EXPECT_FALSE(StateFrame().decode(stateBytes.left(size))) << size;
-    EXPECT_FALSE(HelloFrame().decode(helloBytes + 'x'));
     EXPECT_FALSE(StateFrame().decode(stateBytes + 'x'));
+}
+
+TEST(SessionFrames, ANameIsUtf8OfBoundedLength)
+{
+    HelloFrame hello;
+    EXPECT_TRUE(hello.decode(QByteArray())) << "to a peer that is not proved";
+    ASSERT_TRUE(hello.decode(QStringLiteral("Боб").toUtf8()));
+    EXPECT_EQ(hello.abonentName, QStringLiteral("Боб"));
+    EXPECT_TRUE(hello.decode(QByteArray(maxAbonentNameBytes, 'n')));
+    EXPECT_FALSE(hello.decode(QByteArray(maxAbonentNameBytes + 1, 'n')));
+    EXPECT_FALSE(hello.decode("\xD0"));
 }
 
 TEST(SessionFrames, AbsurdNumbersAreRefused)
@@ -146,6 +203,7 @@ TEST(SessionFrames, AbsurdNumbersAreRefused)
     EXPECT_FALSE(state.decode(QByteArray::fromHex("01ffffffffffffffffff01"))) << "2^64 - 1 identifiers";
     EXPECT_FALSE(StateFrame().decode(QByteArray::fromHex("01ffffffffffffffffffff01"))) << "a number of 77 bits";
     OfferFrame offer;
+    offer.messageId = 1;
     offer.sha256 = QByteArray(32, 'h');
     offer.size = 10;
     offer.offset = 11;
@@ -155,9 +213,27 @@ TEST(SessionFrames, AbsurdNumbersAreRefused)
     EXPECT_FALSE(OfferFrame().decode(offer.encode()));
 }
 
+// No message has it: it means "none" in every list of messages.
+TEST(SessionFrames, TheIdentifierZeroIsRefused)
+{
+    for (const quint64 id : {quint64(0), quint64(1)}) {
+        OfferFrame offer;
+        offer.messageId = id;
+        offer.sha256 = QByteArray(32, 'h');
+        EXPECT_EQ(OfferFrame().decode(offer.encode()), id != 0);
+        StateFrame stored;
+        stored.storedIds = {5, id, 7};
+        EXPECT_EQ(StateFrame().decode(stored.encode()), id != 0);
+        StateFrame standing;
+        standing.parts = {{5, 1000, QByteArray(32, 'h')}, {id, 1000, QByteArray(32, 'h')}};
+        EXPECT_EQ(StateFrame().decode(standing.encode()), id != 0);
+    }
+}
+
 TEST(SessionFrames, BrokenUtf8IsRefused)
 {
     OfferFrame offer;
+    offer.messageId = 1;
     offer.sha256 = QByteArray(32, 'h');
     offer.fileName = QStringLiteral("a");
     EXPECT_TRUE(OfferFrame().decode(offer.encode()));

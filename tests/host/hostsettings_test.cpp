@@ -1,53 +1,67 @@
-#include "host/hostsettings.h"
+#include "host/installation/hostsettings.h"
 #include "common/global.h"
-#include "host/channelstable.h"
-#include "host/hostjournal.h"
-#include "host/terminalview.h"
+#include "host/channel/channelstable.h"
+#include "host/channel/hostjournal.h"
+#include "host/program/terminalview.h"
 #include "tests/host/storetools.h"
+
+#include <atomic>
+#include <thread>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 using namespace host;
 using namespace hosttest;
 
-TEST(HostSettings, IdentityIsMadeOnceAndKept)
+TEST(HostSettings, TheNameIsKept)
 {
     Identity identity;
     ASSERT_EQ(loadIdentity(&identity), QString());
     EXPECT_EQ(identity.name, QString());
-    EXPECT_EQ(identity.installationId.size(), 16);
+    EXPECT_FALSE(QFile::exists(Global::generalSettingsFilePath())) << "looking writes nothing";
     ASSERT_EQ(saveOwnName(QStringLiteral("Отдел № 5, \"север\"")), QString());
     Identity again;
     ASSERT_EQ(loadIdentity(&again), QString());
     EXPECT_EQ(again.name, QStringLiteral("Отдел № 5, \"север\""));
-    EXPECT_EQ(again.installationId, identity.installationId);
 }
 
-TEST(HostSettings, AbonentsAreKept)
+// Installations used to have a random identifier beside their name.
+TEST(HostSettings, AFileOfAnEarlierVersionStillReads)
 {
-    QVector<Abonent> abonents;
-    ASSERT_EQ(loadAbonents(&abonents), QString());
-    EXPECT_TRUE(abonents.isEmpty());
-    Abonent bob;
-    bob.name = QStringLiteral("Боб");
-    bob.channelData = "opaque";
-    ASSERT_EQ(saveAbonents({bob, Abonent{QStringLiteral("Carol"), 2, QByteArray()}}), QString());
-    ASSERT_EQ(loadAbonents(&abonents), QString());
-    ASSERT_EQ(abonents.size(), 2);
-    EXPECT_EQ(abonents.first().name, bob.name);
-    EXPECT_EQ(abonents.first().channelType, 2);
-    EXPECT_EQ(abonents.first().channelData, bob.channelData);
-    EXPECT_EQ(findAbonent(abonents, QStringLiteral("БОБ!")), 0);
-    EXPECT_EQ(findAbonent(abonents, QStringLiteral("Dave")), -1);
+    const QString path = Global::generalSettingsFilePath();
+    const QByteArray old = "[Host]\ninstallationId=00112233445566778899aabbccddeeff\nkeyFingerprint=1-2\nname=North\n";
+    writeFile(path, old);
+    Identity identity;
+    ASSERT_EQ(loadIdentity(&identity), QString());
+    EXPECT_EQ(identity.name, QStringLiteral("North"));
+    EXPECT_EQ(identity.keyFingerprint, QStringLiteral("1-2"));
+    EXPECT_EQ(readAll(path), old);
+    ASSERT_EQ(saveOwnName(QStringLiteral("South")), QString());
+    EXPECT_TRUE(readAll(path).contains("name=South\n"));
 }
 
-TEST(HostSettings, DamagedAbonentsAreToldAndNotOverwritten)
+// What a crash, a bad disk or a hand may leave; of most of it Qt says that all is well.
+TEST(HostSettings, DamageIsToldWithTheCureAndNothingIsWrittenOverIt)
 {
-    const QString path = writeFile(Global::abonentsSettingsFilePath(), QByteArray::fromHex("000000017FFFFFFF"));
-    QVector<Abonent> abonents;
-    EXPECT_EQ(loadAbonents(&abonents), path + QStringLiteral(": the data is damaged"));
-    writeFile(path, QByteArray::fromHex("0000000900000000"));
-    EXPECT_EQ(loadAbonents(&abonents), path + QStringLiteral(": the format has version 9, this program knows version 1"));
+    const QString path = Global::generalSettingsFilePath();
+    for (const QByteArray& damage : {QByteArray("[Host\nname=North\n"), QByteArray(200, '\0'), QByteArray(), QByteArray("\n"),
+                                     QByteArray("[Host]\nname=North\nins"), QByteArray("[Host]\nname=\xff\xfe\n"),
+                                     QByteArray("\x01\x02binary")}) {
+        writeFile(path, damage);
+        Identity identity;
+        const QString error = loadIdentity(&identity);
+        EXPECT_TRUE(error.startsWith(path + QStringLiteral(" is damaged: put back a copy"))) << damage.toHex().constData() << qPrintable(error);
+        EXPECT_EQ(saveOwnName(QStringLiteral("South")), error);
+        EXPECT_EQ(readAll(path), damage);
+    }
+    writeFile(path, "; by hand\n[Host]\nname = North\n\n[Other]\nx=1\n");
+    Identity identity;
+    const QString error = loadIdentity(&identity);
+    EXPECT_EQ(error, QString()) << qPrintable(error);
+    EXPECT_EQ(identity.name, QStringLiteral("North"));
 }
 
 TEST(HostSettings, ComSettingsGoWhereThePluginLooks)
@@ -68,7 +82,7 @@ TEST(HostSettings, ComSettingsGoWhereThePluginLooks)
 TEST(ChannelsTable, KeepsStatesAndTraffic)
 {
     QStringList told;
-    ChannelsTable table([&](const ChannelRow& row) { told.append(QString::number(row.id) + row.state); });
+    ChannelsTable table([&](const ChannelRow& row) { told.append(QString::number(row.id) + row.state + (row.isGone ? QStringLiteral(" gone") : QString())); });
     const int first = table.addChannel(2, QStringLiteral("ttyS0"), QStringLiteral("a"));
     const int second = table.addChannel(2, QStringLiteral("ttyS1"), QStringLiteral("b"));
     EXPECT_NE(first, second);
@@ -87,6 +101,8 @@ TEST(ChannelsTable, KeepsStatesAndTraffic)
     table.removeChannel(99);
     ASSERT_EQ(table.rows().size(), 1);
     EXPECT_EQ(table.rows().at(0).name, QStringLiteral("ttyS1"));
+    EXPECT_EQ(told.last(), QStringLiteral("1c gone"));
+    EXPECT_EQ(told.size(), 4);
 }
 
 TEST(HostJournal, WritesOneLineARecordAndGivesWayWhenLarge)
@@ -105,6 +121,90 @@ TEST(HostJournal, WritesOneLineARecordAndGivesWayWhenLarge)
         journal.addRecord(0, QStringLiteral("s"), QString(50, QLatin1Char('x')));
     EXPECT_LT(QFileInfo(path).size(), 400);
     EXPECT_TRUE(QFile::exists(path + QStringLiteral(".old")));
+}
+
+// Ports add, change and remove their rows while the host reads them.
+TEST(ChannelsTable, TwoThreadsAtOnce)
+{
+    std::atomic<int> told{0};
+    ChannelsTable table([&](const ChannelRow&) { ++told; });
+    constexpr int rounds = 2000;
+    const auto port = [&](const QString& name) {
+        for (int i = 0; i < rounds; ++i) {
+            const int id = table.addChannel(2, name, QStringLiteral("a"));
+            table.setState(id, QStringLiteral("b%1").arg(i));
+            table.addReceivedBytes(id, 3);
+            table.addSentBytes(id, 5);
+            table.removeChannel(id);
+        }
+        const int last = table.addChannel(2, name, QString());
+        for (int i = 0; i < rounds; ++i)
+            table.addReceivedBytes(last, 1);
+    };
+    std::thread one(port, QStringLiteral("one"));
+    std::thread two(port, QStringLiteral("two"));
+    while (told < 4 * rounds) {
+        for (const ChannelRow& row : table.rows())
+            EXPECT_TRUE(row.name == QLatin1String("one") || row.name == QLatin1String("two"));
+    }
+    one.join();
+    two.join();
+    ASSERT_EQ(table.rows().size(), 2);
+    EXPECT_EQ(table.rows().at(0).receivedBytes, rounds);
+    EXPECT_EQ(table.rows().at(1).receivedBytes, rounds);
+    EXPECT_EQ(told, 6 * rounds + 2);
+}
+
+TEST(HostJournal, LinesOfTwoThreadsDoNotMix)
+{
+    const QString path = testsupport::installRoot() + QStringLiteral("/data/0/journal.txt");
+    constexpr int rounds = 300;
+    HostJournal journal(path, {}, 8 * 1024 * 1024);
+    const auto port = [&](char letter) {
+        for (int i = 0; i < rounds; ++i)
+            journal.addRecord(0, QString(QLatin1Char(letter)), QString(200, QLatin1Char(letter)));
+    };
+    std::thread one(port, 'a');
+    std::thread two(port, 'b');
+    one.join();
+    two.join();
+    QList<QByteArray> lines = readAll(path).split('\n');
+    EXPECT_EQ(lines.takeLast(), QByteArray());
+    ASSERT_EQ(lines.size(), 2 * rounds);
+    for (const QByteArray& line : qAsConst(lines))
+        ASSERT_TRUE(line.endsWith(" a: " + QByteArray(200, 'a')) || line.endsWith(" b: " + QByteArray(200, 'b'))) << line.constData();
+}
+
+// Two ports that write the first records of a process at one moment.
+TEST(HostJournal, TheFirstTwoLinesHaveTheirStamps)
+{
+    const auto bothStamped = [] {
+        std::atomic<int> ready{0};
+        std::atomic<int> stamped{0};
+        const auto port = [&] {
+            ++ready;
+            while (ready < 2) {
+            }
+            JournalRecord record;
+            record.time = QDateTime::fromMSecsSinceEpoch(1'700'000'000'000, Qt::UTC);
+            stamped += record.line().startsWith(QLatin1String("2")) ? 1 : 0;
+        };
+        std::thread one(port);
+        std::thread two(port);
+        one.join();
+        two.join();
+        return stamped == 2;
+    };
+    constexpr int processes = 500;
+    for (int i = 0; i < processes; ++i) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0)
+            _exit(bothStamped() ? 0 : 1);
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_EQ(status, 0) << "process " << i;
+    }
 }
 
 TEST(TerminalView, Bars)

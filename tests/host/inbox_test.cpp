@@ -1,7 +1,8 @@
-#include "host/inbox.h"
-#include "host/session.h"
+#include "host/store/inbox.h"
+#include "host/session/session.h"
+#include "tests/host/sealedpeer.h"
 #include "tests/host/sessionpair.h"
-#include "tests/host/storetools.h"
+#include "tests/host/inboxfixture.h"
 
 #include <csignal>
 
@@ -19,30 +20,23 @@
 using namespace host;
 using namespace hosttest;
 
-class InboxTest : public testing::Test
+class InboxTest : public InboxFixture
 {
-protected:
-    InboxTest()
-    {
-        useUtf8Names();
-        paths = pathsIn(QStringLiteral("i"));
-    }
-
-    std::unique_ptr<MessageStore> open(const InboxLimits& limits = {})
-    {
-        auto store = std::make_unique<MessageStore>(paths, limits);
-        QString error;
-        notes = store->open(&error);
-        EXPECT_EQ(error, QString());
-        return store;
-    }
-
-    QStringList partNames() const { return paths.incomplete.entryList(QDir::Dirs | QDir::NoDotAndDotDot); }
-
-    StorePaths paths;
-    QStringList notes;
-    const QString bob = QStringLiteral("Боб");
 };
+
+// Its acknowledgement was lost, and meanwhile its sender's key has become known here.
+TEST_F(InboxTest, WhatAStrangerSentIsNotStoredAgainOnceItIsKnown)
+{
+    const auto store = open();
+    const Peer stranger = unprovedPeer('s');
+    const OfferFrame offer = offerOf(7, QStringLiteral("f"), "content");
+    receiveWhole(store.get(), stranger, offer, "content");
+    Peer known = bob;
+    known.publicKey = stranger.publicKey;
+    EXPECT_TRUE(store->isStored(known, 7, offer.sha256));
+    known.publicKey = unprovedPeer('t').publicKey;
+    EXPECT_FALSE(store->isStored(known, 7, offer.sha256));
+}
 
 TEST_F(InboxTest, AWholeMessageAppearsWithItsRecord)
 {
@@ -53,14 +47,14 @@ TEST_F(InboxTest, AWholeMessageAppearsWithItsRecord)
     EXPECT_EQ(readAll(place), QByteArray("content"));
     EXPECT_EQ(QFileInfo(place).lastModified().toSecsSinceEpoch(), 1000000000);
     EXPECT_EQ(partNames(), QStringList());
-    EXPECT_TRUE(store->isStored(7, offer.sha256));
-    EXPECT_FALSE(store->isStored(7, QByteArray(32, 'x')));
-    EXPECT_FALSE(store->isStored(8, offer.sha256));
-    EXPECT_EQ(store->unsettled(QStringLiteral("БОБ")), (QVector<quint64>{7}));
-    EXPECT_EQ(store->unsettled(QStringLiteral("Carol")), QVector<quint64>());
+    EXPECT_TRUE(store->isStored(bob, 7, offer.sha256));
+    EXPECT_FALSE(store->isStored(bob, 7, QByteArray(32, 'x')));
+    EXPECT_FALSE(store->isStored(bob, 8, offer.sha256));
+    EXPECT_EQ(store->unsettled(provedPeer(QStringLiteral("БОБ"))), (QVector<quint64>{7}));
+    EXPECT_EQ(store->unsettled(provedPeer(QStringLiteral("Carol"))), QVector<quint64>());
     const QVector<ReceivedMessage> messages = store->inbox().messages();
     ASSERT_EQ(messages.size(), 1);
-    EXPECT_EQ(messages.first().abonent, bob);
+    EXPECT_EQ(messages.first().abonent, bob.abonent);
     EXPECT_EQ(messages.first().fileName, offer.fileName);
     EXPECT_EQ(messages.first().path, place);
     EXPECT_EQ(messages.first().size, 7);
@@ -70,7 +64,6 @@ TEST_F(InboxTest, AWholeMessageAppearsWithItsRecord)
 TEST_F(InboxTest, NothingIsInTheInboxBeforeItIsWhole)
 {
     const auto store = open();
-    RefusedFrame refused;
     const auto file = store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), "content"), &refused);
     ASSERT_TRUE(file);
     EXPECT_EQ(file->append("cont"), QString());
@@ -100,12 +93,11 @@ TEST_F(InboxTest, PartsAreTakenUpAfterARestart)
     const OfferFrame offer = offerOf(7, QStringLiteral("f"), "0123456789");
     {
         const auto store = open();
-        RefusedFrame refused;
         EXPECT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
     }
     const auto store = open();
     EXPECT_EQ(notes, QStringList());
-    EXPECT_TRUE(store->parts(QStringLiteral("Carol")).empty());
+    EXPECT_TRUE(store->parts(provedPeer(QStringLiteral("Carol"))).empty());
     auto parts = store->parts(bob);
     ASSERT_EQ(parts.size(), 1u);
     EXPECT_EQ(parts[0]->messageId(), 7u);
@@ -114,7 +106,7 @@ TEST_F(InboxTest, PartsAreTakenUpAfterARestart)
     EXPECT_EQ(parts[0]->readBack(4, &error), QByteArray("0123"));
     EXPECT_EQ(parts[0]->readBack(4, &error), QByteArray("45"));
     EXPECT_EQ(parts[0]->readBack(4, &error), QByteArray());
-    EXPECT_EQ(parts[0]->resume(6), QString());
+    EXPECT_TRUE(resume(parts[0].get(), offer, 6, &refused)) << qPrintable(refused.reason);
     EXPECT_EQ(parts[0]->append("6789"), QString());
     QString place;
     EXPECT_EQ(parts[0]->store(offer, &place), QString());
@@ -125,7 +117,6 @@ TEST_F(InboxTest, TheNewerCallTakesAPartOver)
 {
     const auto store = open();
     const OfferFrame offer = offerOf(7, QStringLiteral("f"), "0123456789");
-    RefusedFrame refused;
     const auto earlier = store->beginIncoming(bob, offer, &refused);
     EXPECT_EQ(earlier->append("0123"), QString());
     auto parts = store->parts(bob);
@@ -133,7 +124,7 @@ TEST_F(InboxTest, TheNewerCallTakesAPartOver)
     EXPECT_EQ(earlier->append("4"), QString()) << "not taken over until resumed";
     QString error;
     EXPECT_EQ(parts[0]->readBack(100, &error), QByteArray("0123")) << "as it stood";
-    EXPECT_EQ(parts[0]->resume(4), QString());
+    EXPECT_TRUE(resume(parts[0].get(), offer, 4, &refused)) << qPrintable(refused.reason);
     EXPECT_EQ(earlier->append("X"), QStringLiteral("another call has taken the message over"));
     QString place;
     EXPECT_EQ(earlier->store(offer, &place), QStringLiteral("another call has taken the message over"));
@@ -146,7 +137,6 @@ TEST_F(InboxTest, TheNewerCallTakesAPartOver)
 TEST_F(InboxTest, AnotherMessageUnderTheSameIdReplacesThePart)
 {
     const auto store = open();
-    RefusedFrame refused;
     EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("old"), "old content"), &refused)->append("old"), QString());
     const QString place = receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("new"), "new"), "new");
     EXPECT_TRUE(place.endsWith(QStringLiteral("/new")));
@@ -158,7 +148,6 @@ TEST_F(InboxTest, LimitsRefuse)
     InboxLimits limits;
     limits.maxMessageBytes = 10;
     const auto store = open(limits);
-    RefusedFrame refused;
     EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), QByteArray(11, 'x')), &refused), nullptr);
     EXPECT_EQ(refused.code, RefusalCode::NotAllowed);
     EXPECT_EQ(refused.reason, QStringLiteral("it has 11 bytes, more than the 10 that are allowed here"));
@@ -167,7 +156,6 @@ TEST_F(InboxTest, LimitsRefuse)
 TEST_F(InboxTest, AFullDiskRefuses)
 {
     const auto store = open();
-    RefusedFrame refused;
     OfferFrame offer = offerOf(7, QStringLiteral("f"), "x");
     offer.size = Q_INT64_C(1) << 50;
     EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
@@ -182,7 +170,6 @@ TEST_F(InboxTest, BeginningsDoNotFillTheDisk)
     limits.maxPartsOfAbonent = 3;
     const auto store = open(limits);
     for (quint64 id = 1; id <= 10; ++id) {
-        RefusedFrame refused;
         ASSERT_TRUE(store->beginIncoming(bob, offerOf(id, QStringLiteral("f"), "xx"), &refused));
     }
     EXPECT_EQ(partNames().size(), 3);
@@ -207,7 +194,7 @@ TEST_F(InboxTest, ACrashAfterTheRecordIsCompleted)
         const auto store = open();
         EXPECT_EQ(notes.size(), 1);
         EXPECT_EQ(partNames(), QStringList());
-        EXPECT_TRUE(store->isStored(id, offer.sha256));
+        EXPECT_TRUE(store->isStored(bob, id, offer.sha256));
         EXPECT_TRUE(store->unsettled(bob).contains(id)) << "the sender may not know";
     }
     const auto store = open();
@@ -230,23 +217,22 @@ TEST_F(InboxTest, WhatCannotBeMovedIsNotReceived)
 {
     const auto store = open();
     const OfferFrame offer = offerOf(7, QStringLiteral("f"), "content");
-    RefusedFrame refused;
     auto file = store->beginIncoming(bob, offer, &refused);
     EXPECT_EQ(file->append("content"), QString());
     // The input directory gives way to a file: no rename into it can succeed.
     ASSERT_TRUE(QDir().rmdir(paths.input.absolutePath()));
     writeFile(paths.input.absolutePath(), "in the way");
     QString place;
-    EXPECT_TRUE(file->store(offer, &place).startsWith(QStringLiteral("cannot move ")));
-    EXPECT_FALSE(store->isStored(7, offer.sha256));
+    EXPECT_TRUE(file->store(offer, &place).startsWith(QStringLiteral("cannot use the directory ") + paths.input.absolutePath()));
+    EXPECT_FALSE(store->isStored(bob, 7, offer.sha256));
     file.reset();
     ASSERT_TRUE(QFile::remove(paths.input.absolutePath()));
     const auto again = open();
     EXPECT_EQ(notes, QStringList());
-    EXPECT_FALSE(again->isStored(7, offer.sha256));
+    EXPECT_FALSE(again->isStored(bob, 7, offer.sha256));
     auto parts = again->parts(bob);
     ASSERT_EQ(parts.size(), 1u);
-    EXPECT_EQ(parts[0]->resume(7), QString());
+    EXPECT_TRUE(resume(parts[0].get(), offer, 7, &refused)) << qPrintable(refused.reason);
     EXPECT_EQ(parts[0]->store(offer, &place), QString());
     EXPECT_EQ(readAll(place), QByteArray("content"));
 }
@@ -257,9 +243,9 @@ TEST_F(InboxTest, TheListSurvivesTornLinesAndSettling)
         const auto store = open();
         for (quint64 id = 1; id <= 3; ++id)
             receiveWhole(store.get(), bob, offerOf(id, QStringLiteral("f"), "x"), "x");
-        store->settle({2, 99});
+        store->settle(bob, {2, 99});
         EXPECT_EQ(store->unsettled(bob), (QVector<quint64>{1, 3}));
-        EXPECT_TRUE(store->isStored(2, sha256("x"))) << "settled is not forgotten";
+        EXPECT_TRUE(store->isStored(bob, 2, sha256("x"))) << "settled is not forgotten";
     }
     QFile list(paths.receivedList);
     ASSERT_TRUE(list.open(QIODevice::Append));
@@ -281,7 +267,6 @@ TEST_F(InboxTest, WhatStandsUnderItsBackupsNameIsPutBackAtTheStart)
     {
         const auto store = open();
         receiveWhole(store.get(), bob, offerOf(1, QStringLiteral("f"), "x"), "x");
-        RefusedFrame refused;
         EXPECT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
     }
     QStringList backups;
@@ -293,7 +278,7 @@ TEST_F(InboxTest, WhatStandsUnderItsBackupsNameIsPutBackAtTheStart)
     for (const QString& path : qAsConst(backups))
         ASSERT_TRUE(QFile::rename(path, path + QStringLiteral(".old"))) << path.toStdString();
     const auto store = open();
-    EXPECT_TRUE(store->isStored(1, sha256("x")));
+    EXPECT_TRUE(store->isStored(bob, 1, sha256("x")));
     ASSERT_EQ(store->parts(bob).size(), 1u);
     EXPECT_EQ(store->parts(bob)[0]->length(), 6);
 }
@@ -308,8 +293,9 @@ TEST_F(InboxTest, OldSettledEntriesGo)
     writeFile(paths.receivedList, lines);
     const auto store = open();
     const QByteArray hash = QByteArray::fromHex(QByteArray(64, 'a'));
-    EXPECT_FALSE(store->isStored(500, hash));
-    EXPECT_TRUE(store->isStored(501, hash));
+    const Peer inLatin = provedPeer(QStringLiteral("Bob"));
+    EXPECT_FALSE(store->isStored(inLatin, 500, hash));
+    EXPECT_TRUE(store->isStored(inLatin, 501, hash));
     EXPECT_EQ(readAll(paths.receivedList).count('+'), 1000);
 }
 
@@ -329,7 +315,7 @@ TEST_F(InboxTest, KilledWhileReceiving)
             for (quint64 id = nextId;; ++id) {
                 const QByteArray content = randomBytes(5000, static_cast<unsigned>(id));
                 const OfferFrame offer = offerOf(id, QStringLiteral("f"), content);
-                if (!store.isStored(id, offer.sha256) && !receiveWhole(&store, QStringLiteral("Bob"), offer, content).endsWith(QStringLiteral("/f")))
+                if (!store.isStored(bob, id, offer.sha256) && !receiveWhole(&store, bob, offer, content).endsWith(QStringLiteral("/f")))
                     _exit(1);
                 if (write(acknowledged[1], &id, sizeof id) != sizeof id)
                     _exit(2);
@@ -348,7 +334,7 @@ TEST_F(InboxTest, KilledWhileReceiving)
         for (const ReceivedMessage& message : store->inbox().messages()) {
             ++found[message.id];
             EXPECT_EQ(sha256(readAll(message.path)), message.sha256);
-            EXPECT_TRUE(store->isStored(message.id, message.sha256));
+            EXPECT_TRUE(store->isStored(bob, message.id, message.sha256));
         }
         for (const quint64 id : ids)
             EXPECT_EQ(found.value(id), 1) << id;
@@ -369,14 +355,14 @@ TEST_F(InboxTest, SessionsOverDisks)
     const StorePaths alicePaths = pathsIn(QStringLiteral("alice"));
     SessionSettings alice;
     alice.abonentName = QStringLiteral("Alice");
-    alice.installationId = QByteArray(16, 'a');
+    alice.identity = testKey(1);
     SessionSettings bobs;
-    bobs.abonentName = bob;
-    bobs.installationId = QByteArray(16, 'b');
+    bobs.abonentName = bob.abonent;
+    bobs.identity = testKey(2);
     {
         OutgoingQueue queue(alicePaths.output, alicePaths.tasks);
-        ASSERT_EQ(queue.enqueue(bob, big), QString());
-        ASSERT_EQ(queue.enqueue(bob, empty), QString());
+        ASSERT_EQ(queue.enqueue(bob.abonent, big), QString());
+        ASSERT_EQ(queue.enqueue(bob.abonent, empty), QString());
     }
     qint64 now = 0;
     for (const qint64 cut : {100000, 90000, 1000000}) {
@@ -384,8 +370,11 @@ TEST_F(InboxTest, SessionsOverDisks)
         MessageStore from(alicePaths);
         from.open(&error);
         const auto to = open();
-        Session a(alice, &from, [](const SessionEvent&) {}, now);
-        Session b(bobs, to.get(), [](const SessionEvent&) {}, now);
+        TestDirectory directory;
+        directory.names[testKey(1)->publicKey()] = QStringLiteral("Alice");
+        directory.names[testKey(2)->publicKey()] = bob.abonent;
+        Session a(alice, SessionCall{true, bob.abonent}, &directory, &from, [](const SessionEvent&) {}, now);
+        Session b(bobs, SessionCall{}, &directory, to.get(), [](const SessionEvent&) {}, now);
         qint64 carried = 0;
         while (!a.isFinished() && !b.isFinished() && carried < cut) {
             now += 10;

@@ -12,7 +12,7 @@ namespace {
 class MemoryFile : public IncomingFile
 {
 public:
-    MemoryFile(MemoryStore* store, quint64 id) : m_store(store), m_id(id) {}
+    MemoryFile(MemoryStore* store, quint64 id) : m_store(store), m_id(id), m_generation(store->generations[id]) {}
 
     quint64 messageId() const override { return m_id; }
     qint64 length() const override { return m_store->standing[m_id].size(); }
@@ -24,10 +24,19 @@ public:
         return bytes;
     }
 
-    QString resume(qint64 bytes) override
+    quint64 generation() const override { return m_generation; }
+
+    bool resume(const OfferFrame& offer, quint64 generation, RefusedFrame* refused) override
     {
-        m_store->standing[m_id].truncate(static_cast<int>(bytes));
-        return QString();
+        QByteArray& stands = m_store->standing[m_id];
+        if (generation != m_store->generations[m_id] || offer.offset > stands.size()) {
+            refused->code = RefusalCode::WrongHash;
+            refused->reason = QStringLiteral("what stood of it has changed");
+            return false;
+        }
+        m_generation = ++m_store->generations[m_id];
+        stands.truncate(static_cast<int>(offer.offset));
+        return true;
     }
 
     QString append(const QByteArray& bytes) override
@@ -54,6 +63,7 @@ public:
 private:
     MemoryStore* m_store; // not owned
     quint64 m_id;
+    quint64 m_generation;
     int m_read = 0;
 };
 
@@ -73,8 +83,10 @@ quint64 MemoryStore::queue(const QString& fileName, const QByteArray& content)
     return entry.message.id;
 }
 
-std::optional<OutgoingMessage> MemoryStore::claimNext(const QString&, const void* session)
+std::optional<OutgoingMessage> MemoryStore::claimNext(const Peer& peer, const void* session)
 {
+    if (!peer.isProved)
+        return std::nullopt;
     for (Outgoing& entry : outgoing) {
         if (!entry.claimedBy) {
             entry.claimedBy = session;
@@ -84,8 +96,10 @@ std::optional<OutgoingMessage> MemoryStore::claimNext(const QString&, const void
     return std::nullopt;
 }
 
-bool MemoryStore::hasUnclaimed(const QString&)
+bool MemoryStore::hasUnclaimed(const Peer& peer)
 {
+    if (!peer.isProved)
+        return false;
     for (const Outgoing& entry : outgoing) {
         if (!entry.claimedBy)
             return true;
@@ -99,6 +113,16 @@ void MemoryStore::releaseAll(const void* session)
         if (entry.claimedBy == session)
             entry.claimedBy = nullptr;
     }
+}
+
+QSet<quint64> MemoryStore::queuedIds(const Peer& peer)
+{
+    QSet<quint64> ids;
+    if (peer.isProved) {
+        for (const Outgoing& entry : outgoing)
+            ids.insert(entry.message.id);
+    }
+    return ids;
 }
 
 std::unique_ptr<QIODevice> MemoryStore::openOutgoing(const OutgoingMessage& message, QString* error)
@@ -136,24 +160,24 @@ void MemoryStore::notDelivered(const OutgoingMessage& message, const QString& re
     failures.append(message.fileName + QStringLiteral(": ") + reason);
 }
 
-QVector<quint64> MemoryStore::unsettled(const QString&)
+QVector<quint64> MemoryStore::unsettled(const Peer&)
 {
     return QVector<quint64>(unsettledIds.begin(), unsettledIds.end());
 }
 
-void MemoryStore::settle(const QVector<quint64>& messageIds)
+void MemoryStore::settle(const Peer&, const QVector<quint64>& messageIds)
 {
     for (const quint64 id : messageIds)
         unsettledIds.erase(id);
 }
 
-bool MemoryStore::isStored(quint64 messageId, const QByteArray& sha256)
+bool MemoryStore::isStored(const Peer&, quint64 messageId, const QByteArray& sha256)
 {
     const auto found = storedHashes.find(messageId);
     return found != storedHashes.end() && found->second == sha256;
 }
 
-std::vector<std::unique_ptr<IncomingFile>> MemoryStore::parts(const QString&)
+std::vector<std::unique_ptr<IncomingFile>> MemoryStore::parts(const Peer&)
 {
     std::vector<std::unique_ptr<IncomingFile>> files;
     for (const auto& entry : standing)
@@ -161,19 +185,15 @@ std::vector<std::unique_ptr<IncomingFile>> MemoryStore::parts(const QString&)
     return files;
 }
 
-std::unique_ptr<IncomingFile> MemoryStore::beginIncoming(const QString&, const OfferFrame& offer, RefusedFrame* refused)
+std::unique_ptr<IncomingFile> MemoryStore::beginIncoming(const Peer&, const OfferFrame& offer, RefusedFrame* refused)
 {
     if (refuseBegin) {
         *refused = beginRefusal;
         return nullptr;
     }
     standing[offer.messageId].clear();
+    ++generations[offer.messageId];
     return std::make_unique<MemoryFile>(this, offer.messageId);
-}
-
-QString MemoryStore::refusesAbonent(const QString&)
-{
-    return refusal;
 }
 
 } // namespace hosttest

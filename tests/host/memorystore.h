@@ -8,7 +8,8 @@
 
 #include <QStringList>
 
-#include "host/sessionstore.h"
+#include "host/session/sessionstore.h"
+#include "tests/host/peers.h"
 
 namespace hosttest {
 
@@ -22,22 +23,22 @@ struct InboxEntry
 class MemoryStore : public host::SessionStore
 {
 public:
-    // Queues a message for whoever connects.
+    // Queues a message for whoever connects and is proved.
     quint64 queue(const QString& fileName, const QByteArray& content);
 
-    std::optional<host::OutgoingMessage> claimNext(const QString& abonent, const void* session) override;
-    bool hasUnclaimed(const QString& abonent) override;
+    std::optional<host::OutgoingMessage> claimNext(const host::Peer& peer, const void* session) override;
+    bool hasUnclaimed(const host::Peer& peer) override;
     void releaseAll(const void* session) override;
+    QSet<quint64> queuedIds(const host::Peer& peer) override;
     std::unique_ptr<QIODevice> openOutgoing(const host::OutgoingMessage& message, QString* error) override;
     QString delivered(const host::OutgoingMessage& message) override;
     void notDelivered(const host::OutgoingMessage& message, const QString& reason, Fault fault) override;
-    QVector<quint64> unsettled(const QString& abonent) override;
-    void settle(const QVector<quint64>& messageIds) override;
-    bool isStored(quint64 messageId, const QByteArray& sha256) override;
-    std::vector<std::unique_ptr<host::IncomingFile>> parts(const QString& abonent) override;
-    std::unique_ptr<host::IncomingFile> beginIncoming(const QString& abonent, const host::OfferFrame& offer,
+    QVector<quint64> unsettled(const host::Peer& peer) override;
+    void settle(const host::Peer& peer, const QVector<quint64>& messageIds) override;
+    bool isStored(const host::Peer& peer, quint64 messageId, const QByteArray& sha256) override;
+    std::vector<std::unique_ptr<host::IncomingFile>> parts(const host::Peer& peer) override;
+    std::unique_ptr<host::IncomingFile> beginIncoming(const host::Peer& peer, const host::OfferFrame& offer,
                                                       host::RefusedFrame* refused) override;
-    QString refusesAbonent(const QString& abonent) override;
 
     struct Outgoing
     {
@@ -49,13 +50,13 @@ public:
     std::vector<Outgoing> outgoing;
     std::vector<InboxEntry> inbox;
     std::map<quint64, QByteArray> standing; // parts
+    std::map<quint64, quint64> generations; // of the parts
     std::map<quint64, QByteArray> storedHashes;
     std::set<quint64> unsettledIds;
     QStringList failures; // "<file name>: <reason>"
     QStringList deliveredNames;
 
     // What goes wrong.
-    QString refusal;       // of every abonent
     QString openError;     // of every queued copy
     QString appendError;
     QString storeError;

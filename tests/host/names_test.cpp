@@ -1,4 +1,6 @@
-#include "host/names.h"
+#include "host/installation/names.h"
+
+#include <random>
 
 #include <QFile>
 
@@ -25,6 +27,7 @@ TEST(SafeFileName, NothingLeavesTheDirectory)
     EXPECT_EQ(safeFileName(QStringLiteral("   ")), QStringLiteral("file"));
     EXPECT_EQ(safeFileName(QStringLiteral("a") + QChar(0) + QStringLiteral("b\n\x7F\x1B[2J")), QStringLiteral("a_b___[2J"));
     EXPECT_EQ(safeFileName(QStringLiteral("gpj.\u202Eexe")), QStringLiteral("gpj._exe"));
+    EXPECT_EQ(safeFileName(QStringLiteral("gpj.\u061Cexe")), QStringLiteral("gpj._exe"));
     EXPECT_EQ(safeFileName(QString(QChar(0xD800))).toUtf8(), QByteArray("_")) << "a lone surrogate";
 }
 
@@ -43,6 +46,25 @@ TEST(SafeFileName, IsItsOwnSafeName)
 {
     for (const QString& name : {QStringLiteral("../x"), QString(700, QLatin1Char('.')), QStringLiteral(" a "), QStringLiteral("\t.x")})
         EXPECT_EQ(safeFileName(safeFileName(name)), safeFileName(name));
+}
+
+// A part whose name is not its own safe name is thrown away at the next start.
+TEST(SafeFileName, ANameThatIsCutIsItsOwnSafeName)
+{
+    const QString cutBehindABlank = QString(maxSafeNameBytes - 1, QLatin1Char('x')) + QStringLiteral(" yyyyyyyyyy");
+    EXPECT_EQ(safeFileName(cutBehindABlank), QString(maxSafeNameBytes - 1, QLatin1Char('x')));
+    constexpr unsigned seed = 20260715;
+    std::mt19937 random(seed);
+    const QString alphabet = QStringLiteral(" .\u00A0\u3000\u061C/жx報\t");
+    for (int round = 0; round < 20000; ++round) {
+        QString name;
+        const int length = 200 + static_cast<int>(random() % 80);
+        for (int i = 0; i < length; ++i)
+            name += random() % 3 == 0 ? alphabet.at(static_cast<int>(random() % static_cast<unsigned>(alphabet.size()))) : QLatin1Char('x');
+        const QString safe = safeFileName(name);
+        ASSERT_EQ(safeFileName(safe), safe) << "seed " << seed << ", round " << round;
+        ASSERT_LE(safe.toUtf8().size(), maxSafeNameBytes);
+    }
 }
 
 TEST(AbonentNames, KeyIgnoresCaseAndPunctuation)
@@ -66,4 +88,20 @@ TEST(DisplayName, ShowsNoControlCharacters)
 {
     EXPECT_EQ(displayName(QStringLiteral("a\x1B[2Jb\u202Ec/д")), QStringLiteral("a\uFFFD[2Jb\uFFFDc/д"));
     EXPECT_EQ(displayName(QStringLiteral("ATZ\r\n\t")), QStringLiteral("ATZ\\r\\n\\t"));
+}
+
+TEST(Names, WhatIsInvisibleIsNotShown)
+{
+    for (const uint character : {0x1Bu, 0x9Bu, 0x00ADu, 0x061Cu, 0x180Eu, 0x200Bu, 0x200Fu, 0x202Eu, 0x2060u, 0x2067u, 0x206Au, 0xFEFFu, 0xFFF9u, 0xE0041u}) {
+        const uint characters[] = {'a', character, 'b'};
+        const QString name = QString::fromUcs4(characters, 3);
+        EXPECT_EQ(host::displayName(name), QStringLiteral("a\uFFFDb")) << character;
+        EXPECT_EQ(host::safeFileName(name), QStringLiteral("a_b")) << character;
+        EXPECT_FALSE(host::isValidAbonentName(name)) << character;
+    }
+    for (const uint character : {0x200Cu, 0x200Du, 0x0600u, 0x0301u, 0x1F4E0u}) {
+        const uint characters[] = {'a', character, 'b'};
+        const QString name = QString::fromUcs4(characters, 3);
+        EXPECT_EQ(host::displayName(name), name) << character;
+    }
 }

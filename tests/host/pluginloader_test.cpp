@@ -1,4 +1,4 @@
-#include "host/pluginloader.h"
+#include "host/channel/pluginloader.h"
 #include "common/logger.h"
 #include "tests/support/testroot.h"
 

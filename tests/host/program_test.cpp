@@ -1,158 +1,16 @@
 // The program itself, over the socket plug-in: commands, exit codes, whole transfers,
 // breaks and kills.
-#include "host/names.h"
-#include "tests/host/sessionpair.h"
-#include "tests/host/storetools.h"
-#include "tests/support/deadline.h"
+#include "tests/host/programs.h"
 
 #include <csignal>
-#include <cstdlib>
 
-#include <unistd.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
 
-
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QProcess>
-
-#include <gtest/gtest.h>
+#include <QRegularExpression>
 
 using namespace hosttest;
 using testsupport::waitFor;
-
-namespace {
-
-// Paths of local sockets must be short; the tests' roots are not.
-QString shortDir()
-{
-    static const QString dir = [] {
-        char pattern[] = "/tmp/hXXXXXX";
-        return QString::fromLatin1(mkdtemp(pattern));
-    }();
-    return dir;
-}
-
-struct Result
-{
-    int status = -1;
-    QString out;
-    QString err;
-};
-
-// One installation: <root>/<name>/bin/transport-host with its plug-ins.
-class Installation
-{
-public:
-    explicit Installation(const QString& folder, bool withPlugin = true)
-        : root(testsupport::installRoot() + QLatin1Char('/') + folder), socket(shortDir() + QLatin1Char('/') + folder)
-    {
-        QDir().mkpath(root + QStringLiteral("/bin/channelPlugins"));
-        const QString program = QStringLiteral(TRANSPORT_HOST);
-        if (link(QFile::encodeName(program).constData(), QFile::encodeName(root + QStringLiteral("/bin/transport-host")).constData()) != 0)
-            QFile::copy(program, root + QStringLiteral("/bin/transport-host"));
-        if (withPlugin)
-            QFile::link(QStringLiteral(TEST_PLUGINS_DIR "/libsocketplugin.so"), root + QStringLiteral("/bin/channelPlugins/libsocketplugin.so"));
-    }
-
-    ~Installation()
-    {
-        if (process && process->state() != QProcess::NotRunning) {
-            process->kill();
-            process->waitForFinished();
-        }
-        QFile::remove(socket);
-        QDir().rmdir(shortDir());
-    }
-
-    void setUp(const QString& name)
-    {
-        EXPECT_EQ(call({QStringLiteral("name"), name}).status, 0);
-        EXPECT_EQ(call({QStringLiteral("port"), QStringLiteral("add"), socket}).status, 0);
-    }
-    void knows(const QString& name, const Installation& other)
-    {
-        const Result result = call({QStringLiteral("abonent"), QStringLiteral("add"), name, QStringLiteral("--number"), other.socket});
-        EXPECT_EQ(result.status, 0) << qPrintable(result.err);
-    }
-
-    Result call(const QStringList& arguments) const
-    {
-        QProcess child;
-        child.start(program(), arguments);
-        child.waitForFinished(60000);
-        return {child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -1, QString::fromUtf8(child.readAllStandardOutput()),
-                QString::fromUtf8(child.readAllStandardError())};
-    }
-
-    void run(const QStringList& options = {}, const QStringList& environment = {})
-    {
-        process = std::make_unique<QProcess>();
-        process->setStandardOutputFile(root + QStringLiteral("/out.txt"), QIODevice::Append);
-        process->setStandardErrorFile(root + QStringLiteral("/err.txt"), QIODevice::Append);
-        process->setEnvironment(QProcess::systemEnvironment() + environment);
-        process->start(program(), QStringList{QStringLiteral("run"), QStringLiteral("--retry-seconds"), QStringLiteral("0.05"),
-                                              QStringLiteral("--events"), root + QStringLiteral("/events.txt")} + options);
-        EXPECT_TRUE(process->waitForStarted());
-    }
-
-    int waitForEnd()
-    {
-        EXPECT_TRUE(process->waitForFinished(60000)) << output().constData();
-        return process->exitStatus() == QProcess::NormalExit ? process->exitCode() : -1;
-    }
-    QByteArray output() const { return readAll(root + QStringLiteral("/out.txt")) + readAll(root + QStringLiteral("/err.txt")); }
-
-    QJsonObject status() const
-    {
-        return QJsonDocument::fromJson(call({QStringLiteral("status"), QStringLiteral("--json")}).out.toUtf8()).object();
-    }
-    QJsonArray inbox() const { return status()[QStringLiteral("inbox")].toArray(); }
-    QJsonArray queue() const { return status()[QStringLiteral("queue")].toArray(); }
-    QList<QJsonObject> events(const QString& kind) const
-    {
-        QList<QJsonObject> found;
-        for (const QByteArray& line : readAll(root + QStringLiteral("/events.txt")).split('\n')) {
-            const QJsonObject event = QJsonDocument::fromJson(line).object();
-            if (event[QStringLiteral("event")].toString() == kind)
-                found.append(event);
-        }
-        return found;
-    }
-    QString program() const { return root + QStringLiteral("/bin/transport-host"); }
-
-    const QString root;
-    const QString socket;
-    std::unique_ptr<QProcess> process;
-};
-
-class Program : public testing::Test
-{
-protected:
-    Program() { host::useUtf8Names(); }
-
-    QString file(const QString& name, const QByteArray& content) const
-    {
-        return writeFile(testsupport::installRoot() + QStringLiteral("/files/") + name, content);
-    }
-};
-
-// Two installations that know each other.
-class TwoPrograms : public Program
-{
-protected:
-    TwoPrograms() : alice(QStringLiteral("alice")), bob(QStringLiteral("bob"))
-    {
-        alice.setUp(QStringLiteral("Alice"));
-        bob.setUp(QStringLiteral("Боб"));
-        alice.knows(QStringLiteral("Боб"), bob);
-        bob.knows(QStringLiteral("Alice"), alice);
-    }
-
-    Installation alice;
-    Installation bob;
-};
-
-} // namespace
 
 // ---- commands ----
 
@@ -162,7 +20,8 @@ TEST_F(Program, HelpOnEverything)
     const Result help = installation.call({QStringLiteral("--help")});
     EXPECT_EQ(help.status, 0);
     for (const char* command : {"run", "send", "cancel", "status", "name", "port add", "port list", "port remove", "port packet-size",
-                                "abonent add", "abonent list", "abonent remove"}) {
+                                "abonent add", "abonent list", "abonent remove", "abonent forget-key", "abonent block", "abonent unblock",
+                                "key", "key block", "key unblock", "setup"}) {
         EXPECT_TRUE(help.out.contains(QStringLiteral("\n  ") + QString::fromLatin1(command) + QLatin1Char(' '))) << command;
         const Result one = installation.call(QString::fromLatin1(command).split(QLatin1Char(' ')) + QStringList{QStringLiteral("--help")});
         EXPECT_EQ(one.status, 0) << command;
@@ -180,7 +39,11 @@ TEST_F(Program, WrongUsageIsToldWithStatus2)
                                       {QStringLiteral("port"), QStringLiteral("add")}, {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("x"), QStringLiteral("--flow"), QStringLiteral("wild")},
                                       {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("x"), QStringLiteral("--baud"), QStringLiteral("-3")},
                                       {QStringLiteral("port"), QStringLiteral("packet-size"), QStringLiteral("10")},
-                                      {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob")}, {QStringLiteral("abonent")}};
+                                      {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob")}, {QStringLiteral("abonent")},
+                                      {QStringLiteral("run"), QStringLiteral("--known-only"), QStringLiteral("--accept-unknown")},
+                                      {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob"), QStringLiteral("--key"), QStringLiteral("nonsense")},
+                                      {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob"), QStringLiteral("--port"), QStringLiteral("ttyS0")},
+                                      {QStringLiteral("key"), QStringLiteral("block")}, {QStringLiteral("key"), QStringLiteral("block"), QStringLiteral("nonsense")}};
     for (const QStringList& arguments : wrong) {
         const Result result = installation.call(arguments);
         EXPECT_EQ(result.status, 2) << qPrintable(arguments.join(QLatin1Char(' ')));
@@ -220,9 +83,111 @@ TEST_F(Program, AbonentsAreToldListedAndForgotten)
     EXPECT_EQ(noted.status, 0);
     EXPECT_TRUE(noted.err.contains(QStringLiteral("no port ttyS0 is defined yet")));
     EXPECT_EQ(abonent({QStringLiteral("add"), QStringLiteral("боб"), QStringLiteral("--number"), QStringLiteral("124")}).status, 0) << "the same one";
-    EXPECT_EQ(abonent({QStringLiteral("list")}).out, QStringLiteral("боб  124\nCarol  W9,5  through ttyS0, ttyS1\n"));
+    EXPECT_EQ(abonent({QStringLiteral("list")}).out, QStringLiteral("боб  124  no key: the first call to them pins it\n"
+                                                                    "Carol  W9,5  through ttyS0, ttyS1  no key: the first call to them pins it\n"));
     EXPECT_EQ(abonent({QStringLiteral("remove"), QStringLiteral("Carol")}).status, 0);
     EXPECT_EQ(abonent({QStringLiteral("remove"), QStringLiteral("Carol")}).status, 1);
+}
+
+TEST_F(Program, KeysAreShownPinnedForgottenAndBlocked)
+{
+    const Installation installation(QStringLiteral("i"));
+    const Installation other(QStringLiteral("o"));
+    const auto call = [&](const QString& words) { return installation.call(words.split(QLatin1Char(' '))); };
+    const QString key = other.call({QStringLiteral("key"), QStringLiteral("--text")}).out.trimmed();
+    const QString shown = other.call({QStringLiteral("key")}).out;
+    ASSERT_TRUE(shown.startsWith(QStringLiteral("fingerprint  "))) << qPrintable(shown);
+    EXPECT_TRUE(shown.endsWith(QStringLiteral("\nkey          ") + key + QLatin1Char('\n'))) << "the same each time";
+    const QString fingerprint = shown.section(QLatin1Char('\n'), 0, 0).section(QLatin1Char(' '), -1);
+    EXPECT_EQ(QFileInfo(other.root + QStringLiteral("/settings/identity.key")).permissions() &
+                  (QFileDevice::ReadGroup | QFileDevice::WriteGroup | QFileDevice::ReadOther | QFileDevice::WriteOther),
+              QFileDevice::Permissions());
+
+    EXPECT_EQ(call(QStringLiteral("abonent add Bob --number 1")).status, 0);
+    EXPECT_EQ(call(QStringLiteral("abonent add Bob --key ") + key).status, 0);
+    const QString today = QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd"));
+    EXPECT_EQ(call(QStringLiteral("abonent list")).out, QStringLiteral("Bob  1  key %1, told %2\n").arg(fingerprint, today));
+    EXPECT_EQ(call(QStringLiteral("abonent add Bob --number 2")).status, 0);
+    EXPECT_TRUE(call(QStringLiteral("abonent list")).out.startsWith(QStringLiteral("Bob  2  key ") + fingerprint)) << "another number, the same key";
+    const Result second = call(QStringLiteral("abonent add Carol --key ") + key);
+    EXPECT_EQ(second.status, 1);
+    EXPECT_TRUE(second.err.contains(QStringLiteral("this is the key of 'Bob'"))) << qPrintable(second.err);
+    EXPECT_EQ(call(QStringLiteral("abonent forget-key Bob")).status, 0);
+    EXPECT_EQ(call(QStringLiteral("abonent forget-key Dave")).status, 1);
+    EXPECT_EQ(call(QStringLiteral("abonent block Bob")).status, 0);
+    EXPECT_EQ(call(QStringLiteral("abonent list")).out, QStringLiteral("Bob  2  no key: the first call to them pins it  BLOCKED\n"));
+    EXPECT_EQ(call(QStringLiteral("abonent unblock Bob")).status, 0);
+    EXPECT_EQ(call(QStringLiteral("abonent add Carol --key ") + key).status, 0) << "who only calls in needs no number";
+    EXPECT_EQ(call(QStringLiteral("key block ") + key).status, 0);
+    EXPECT_TRUE(call(QStringLiteral("abonent list")).out.endsWith(QStringLiteral("\nblocked key %1  %2\n").arg(fingerprint, key)));
+    EXPECT_EQ(call(QStringLiteral("key unblock ") + key).status, 0);
+    EXPECT_EQ(call(QStringLiteral("key unblock ") + key).status, 1);
+}
+
+TEST_F(Program, ALostKeyIsToldAndNotReplacedUnasked)
+{
+    const Installation installation(QStringLiteral("i"));
+    installation.call({QStringLiteral("name"), QStringLiteral("I")});
+    const QString shown = installation.call({QStringLiteral("key")}).out;
+    const QString path = installation.root + QStringLiteral("/settings/identity.key");
+    ASSERT_TRUE(QFile::remove(path));
+    for (const QStringList& command : {QStringList{QStringLiteral("key")}, QStringList{QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("0.1")}}) {
+        const Result result = installation.call(command);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_TRUE(result.err.contains(path + QStringLiteral(" is gone"))) << qPrintable(result.err);
+        EXPECT_TRUE(result.err.contains(shown.section(QLatin1Char('\n'), 0, 0).section(QLatin1Char(' '), -1)));
+        EXPECT_TRUE(result.err.contains(QStringLiteral("transport-host key --new")));
+        EXPECT_FALSE(QFile::exists(path));
+    }
+    const Result made = installation.call({QStringLiteral("key"), QStringLiteral("--new")});
+    EXPECT_EQ(made.status, 0);
+    EXPECT_NE(made.out, shown);
+    EXPECT_EQ(installation.call({QStringLiteral("key")}).out, made.out);
+    EXPECT_EQ(installation.call({QStringLiteral("key"), QStringLiteral("--new")}).out, made.out) << "a key that is there stays";
+}
+
+// Each word's value in the record is that of the serial port's enumeration.
+TEST_F(Program, EveryWordOfAPortIsItsValueInTheRecord)
+{
+    const Installation installation(QStringLiteral("i"));
+    struct Word { const char* option; const char* word; int offset; int value; }; // offset: from the record's end, in numbers
+    const Word words[] = {{"--flow", "none", 4, 0}, {"--flow", "hardware", 4, 1}, {"--flow", "software", 4, 2},
+                          {"--data-bits", "5", 3, 5}, {"--data-bits", "6", 3, 6}, {"--data-bits", "7", 3, 7}, {"--data-bits", "8", 3, 8},
+                          {"--parity", "none", 2, 0}, {"--parity", "even", 2, 2}, {"--parity", "odd", 2, 3}, {"--parity", "space", 2, 4}, {"--parity", "mark", 2, 5},
+                          {"--stop-bits", "1", 1, 1}, {"--stop-bits", "1.5", 1, 3}, {"--stop-bits", "2", 1, 2}};
+    for (const Word& word : words) {
+        ASSERT_EQ(installation.call({QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("ttyS0"), QString::fromLatin1(word.option), QString::fromLatin1(word.word)}).status, 0);
+        const QByteArray record = readAll(installation.root + QStringLiteral("/settings/channelCom.conf"));
+        QByteArray value = record.right(4 * word.offset).left(4).toHex();
+        EXPECT_EQ(value, QByteArray::number(word.value, 16).rightJustified(8, '0')) << word.option << " " << word.word;
+    }
+}
+
+TEST_F(Program, HelpInEachSpelling)
+{
+    const Installation installation(QStringLiteral("i"));
+    const QString help = installation.call({QStringLiteral("--help")}).out;
+    ASSERT_TRUE(help.startsWith(QStringLiteral("Usage: transport-host COMMAND")));
+    for (const char* word : {"-h", "help"}) {
+        const Result result = installation.call({QString::fromLatin1(word)});
+        EXPECT_EQ(result.status, 0) << word;
+        EXPECT_EQ(result.out, help) << word;
+    }
+    EXPECT_EQ(installation.call({QStringLiteral("send"), QStringLiteral("-h")}).out, installation.call({QStringLiteral("send"), QStringLiteral("--help")}).out);
+}
+
+TEST_F(Program, ADamagedFileIsNotTakenForNoName)
+{
+    const Installation installation(QStringLiteral("i"));
+    installation.call({QStringLiteral("name"), QStringLiteral("I")});
+    const QString path = writeFile(installation.root + QStringLiteral("/settings/generalSettings.ini"), QByteArray(100, '\0'));
+    for (const QStringList& command : {QStringList{QStringLiteral("name")}, QStringList{QStringLiteral("name"), QStringLiteral("J")},
+                                       QStringList{QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("0.1")}, QStringList{QStringLiteral("status")}}) {
+        const Result result = installation.call(command);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_TRUE(result.err.contains(path + QStringLiteral(" is damaged"))) << qPrintable(result.err);
+    }
+    EXPECT_EQ(readAll(path), QByteArray(100, '\0'));
 }
 
 TEST_F(Program, NameIsSetAndShown)
@@ -351,6 +316,93 @@ TEST_F(TwoPrograms, FailedCallsAreRepeatedAndTheQueueSaysWhy)
     EXPECT_GE(alice.events(QStringLiteral("callPlaced")).size(), 5);
 }
 
+TEST_F(TwoPrograms, StatusTellsWhatIsBeingDoneNotWhatOnceFailed)
+{
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), QByteArray(300000, 'x'))});
+    const QStringList slow{QStringLiteral("SOCKETPLUGIN_RATE=30000"), QStringLiteral("SOCKETPLUGIN_BUSY=2")};
+    alice.run({}, slow);
+    const auto why = [&] { return alice.queue().first().toObject()[QStringLiteral("why")].toString(); };
+    ASSERT_TRUE(waitFor([&] { return why() == QStringLiteral("callsFailed"); }));
+    bob.run({QStringLiteral("--no-calls")}, slow);
+    QString reason;
+    ASSERT_TRUE(waitFor([&] {
+        reason = alice.queue().first().toObject()[QStringLiteral("reason")].toString();
+        return reason.startsWith(QStringLiteral("being sent, "));
+    })) << qPrintable(reason);
+    EXPECT_TRUE(alice.call({QStringLiteral("status")}).out.contains(QStringLiteral("  300.0 kB  being sent, ")));
+}
+
+// The port brings no outcome: the host sees it in its state and does not wait for one.
+TEST_F(TwoPrograms, AnotherPortTakesTheCallOfOneThatWentDown)
+{
+    EXPECT_EQ(alice.call({QStringLiteral("port"), QStringLiteral("add"), alice.socket + QStringLiteral("2")}).status, 0);
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
+    bob.run({QStringLiteral("--no-calls")});
+    ASSERT_TRUE(waitFor([&] { return bob.output().contains("Свободен"); }));
+    alice.run({QStringLiteral("--exit-when-sent"), QStringLiteral("--timeout"), QStringLiteral("20")},
+              {QStringLiteral("SOCKETPLUGIN_LOST=1")});
+    EXPECT_EQ(alice.waitForEnd(), 0);
+    EXPECT_EQ(alice.events(QStringLiteral("callPlaced")).size(), 2);
+    EXPECT_EQ(alice.events(QStringLiteral("callLost")).size(), 1);
+    EXPECT_EQ(alice.events(QStringLiteral("delivered")).size(), 1);
+}
+
+TEST_F(TwoPrograms, AServerThatNeverFinishesEndsTheRunWithStatus1)
+{
+    alice.run({}, {QStringLiteral("SOCKETPLUGIN_STUCK=1")});
+    ASSERT_TRUE(waitFor([&] { return alice.output().contains("Свободен"); }));
+    alice.process->terminate();
+    EXPECT_EQ(alice.waitForEnd(), 1);
+    EXPECT_TRUE(alice.output().contains("transport-host: the channel's server did not stop in time"));
+}
+
+// A terminal that does not know its width says 0 columns.
+TEST_F(TwoPrograms, TheLivePictureFitsTheTerminal)
+{
+    struct Case { unsigned short columns; int widest; };
+    for (const Case& terminal : {Case{0, 99}, Case{60, 59}, Case{10, 39}}) {
+        const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+        ASSERT_GE(master, 0);
+        ASSERT_EQ(grantpt(master), 0);
+        ASSERT_EQ(unlockpt(master), 0);
+        char slave[64];
+        ASSERT_EQ(ptsname_r(master, slave, sizeof slave), 0);
+        winsize size{};
+        size.ws_col = terminal.columns;
+        ASSERT_EQ(ioctl(master, TIOCSWINSZ, &size), 0);
+        QProcess host;
+        host.setStandardOutputFile(QString::fromLatin1(slave));
+        host.start(alice.program(), {QStringLiteral("run")});
+        QByteArray shown;
+        ASSERT_TRUE(waitFor([&] {
+            char bytes[4096];
+            const ssize_t count = ::read(master, bytes, sizeof bytes);
+            if (count > 0)
+                shown.append(bytes, static_cast<int>(count));
+            return shown.count("\x1B[J") >= 3 && shown.contains("Alice");
+        })) << shown.constData();
+        host.terminate();
+        EXPECT_TRUE(host.waitForFinished(60000));
+        EXPECT_EQ(host.exitCode(), 0);
+        close(master);
+        EXPECT_TRUE(QRegularExpression(QStringLiteral("\x1B\\[[0-9]+A")).match(QString::fromUtf8(shown)).hasMatch()) << "the cursor goes back up";
+        int widest = 0;
+        for (QByteArray line : shown.split('\n')) {
+            const int command = line.lastIndexOf("\x1B[K");
+            if (command < 0)
+                continue;
+            line.truncate(command);
+            QString text = QString::fromUtf8(line);
+            text.remove(QRegularExpression(QStringLiteral("\x1B\\[[0-9]*[AJK]")));
+            text.remove(QLatin1Char('\r'));
+            widest = qMax(widest, text.size());
+            EXPECT_FALSE(text.contains(QLatin1Char('\x1B'))) << qPrintable(text);
+        }
+        EXPECT_GT(widest, 20);
+        EXPECT_LE(widest, terminal.widest);
+    }
+}
+
 TEST_F(TwoPrograms, TimeRunsOut)
 {
     alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
@@ -383,9 +435,13 @@ TEST_F(TwoPrograms, KnownAbonentsOnly)
     alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
     bob.run({QStringLiteral("--known-only")});
     alice.run();
-    ASSERT_TRUE(waitFor([&] { return alice.output().contains("the other side ended the session: 'Alice' is not known here"); }));
+    ASSERT_TRUE(waitFor([&] { return alice.output().contains("the other side ended the session: your key is not known here"); }));
+    EXPECT_TRUE(waitFor([&] { return bob.output().contains("is not known here: if you know whose it is"); })) << bob.output().constData();
+    EXPECT_FALSE(bob.output().contains("Alice")) << "who does not prove it is not named";
     EXPECT_EQ(bob.inbox().size(), 0);
     EXPECT_EQ(alice.queue().size(), 1);
+    bob.knows(QStringLiteral("Alice"), alice);
+    EXPECT_TRUE(waitFor([&] { return bob.inbox().size() == 1; })) << "a change counts at once";
 }
 
 TEST_F(TwoPrograms, TooLargeIsRefusedStaysQueuedAndSaysWhy)

@@ -1,4 +1,4 @@
-#include "host/outgoingqueue.h"
+#include "host/store/outgoingqueue.h"
 #include "tests/host/storetools.h"
 #include "tests/support/deadline.h"
 
@@ -150,11 +150,68 @@ TEST_F(Queue, ReasonsSurviveARestart)
     OutgoingQueue queue(paths.output, paths.tasks);
     ASSERT_EQ(queue.enqueue(QStringLiteral("Bob"), source), QString());
     queue.rescan();
-    queue.setReason(queue.messages().first(), QStringLiteral("the line was busy"));
-    EXPECT_EQ(queue.messages().first().reason, QStringLiteral("the line was busy"));
+    EXPECT_EQ(queue.messages().first().reason, WaitReason());
+    WaitReason reason;
+    reason.kind = WaitReason::Kind::CallsFailed;
+    reason.calls = 3;
+    reason.text = QStringLiteral("the line was busy");
+    queue.setReason(queue.messages().first(), reason);
+    EXPECT_EQ(queue.messages().first().reason, reason);
     OutgoingQueue other(paths.output, paths.tasks);
     other.rescan();
-    EXPECT_EQ(other.messages().first().reason, QStringLiteral("the line was busy"));
+    EXPECT_EQ(other.messages().first().reason, reason);
+}
+
+TEST_F(Queue, AReasonOfAnEarlierVersionIsItsSentence)
+{
+    OutgoingQueue queue(paths.output, paths.tasks);
+    ASSERT_EQ(queue.enqueue(QStringLiteral("Bob"), source), QString());
+    writeFile(paths.output.absoluteFilePath(QStringLiteral("00000001/reason.json")),
+              "{\"reason\": \"2 calls in a row failed\", \"since\": \"2026-03-01T00:00:00Z\"}");
+    queue.rescan();
+    EXPECT_EQ(queue.messages().first().reason.kind, WaitReason::Kind::Other);
+    EXPECT_EQ(queue.messages().first().reason.sentence(QStringLiteral("Bob")), QStringLiteral("2 calls in a row failed"));
+    EXPECT_FALSE(queue.messages().first().reason.isOfTheMessage());
+}
+
+TEST_F(Queue, AReasonIsAskedOnceForEachAbonentAndWhatIsKnownOfAMessageStays)
+{
+    MessageStore store(paths);
+    OutgoingQueue& queue = store.queue();
+    for (const char* abonent : {"Bob", "Carol", "BOB", "bob", "Dave"})
+        ASSERT_EQ(queue.enqueue(QString::fromLatin1(abonent), source), QString());
+    queue.rescan();
+    store.notDelivered(queue.messages().at(2), QStringLiteral("'Bob' refused it: too large"), SessionStore::Fault::Remote);
+    QStringList asked;
+    const auto why = [&](const QString& abonent) -> std::optional<WaitReason> {
+        asked.append(abonent);
+        if (abonent == QLatin1String("Dave"))
+            return std::nullopt;
+        WaitReason reason;
+        reason.kind = abonent == QLatin1String("Bob") ? WaitReason::Kind::NoModem : WaitReason::Kind::NoNumber;
+        return reason;
+    };
+    queue.explain(why);
+    EXPECT_EQ(asked, (QStringList{QStringLiteral("Bob"), QStringLiteral("Carol"), QStringLiteral("Dave")}));
+    OutgoingQueue other(paths.output, paths.tasks);
+    other.rescan();
+    QStringList words;
+    for (const QueuedMessage& message : other.messages())
+        words.append(message.reason.word());
+    EXPECT_EQ(words, (QStringList{QStringLiteral("noModem"), QStringLiteral("noNumber"), QStringLiteral("refused"),
+                                  QStringLiteral("noModem"), QStringLiteral("notTried")}));
+}
+
+TEST_F(Queue, WaitingAbonentsAreThoseWithUnclaimedMessages)
+{
+    OutgoingQueue queue(paths.output, paths.tasks);
+    for (const char* abonent : {"Bob", "Carol", "BOB"})
+        ASSERT_EQ(queue.enqueue(QString::fromLatin1(abonent), source), QString());
+    queue.rescan();
+    EXPECT_EQ(queue.waitingAbonents(), (QStringList{QStringLiteral("Bob"), QStringLiteral("Carol")}));
+    const int one = 1;
+    ASSERT_TRUE(queue.claimNext(abonentKey(QStringLiteral("carol")), &one));
+    EXPECT_EQ(queue.waitingAbonents(), QStringList{QStringLiteral("Bob")});
 }
 
 TEST_F(Queue, ClaimsAreExclusiveAndInOrder)
@@ -184,8 +241,9 @@ TEST_F(Queue, ADamagedCopyIsFoundAndHeld)
     const QueuedMessage message = store.queue().messages().first();
     writeFile(paths.output.absoluteFilePath(QStringLiteral("00000001/content")), "the c0ntent");
     store.notDelivered(message, QStringLiteral("wrong hash"), SessionStore::Fault::Recheck);
-    EXPECT_TRUE(store.queue().messages().first().reason.contains(QStringLiteral("is damaged; cancel the message and send the file again")));
-    EXPECT_FALSE(store.hasUnclaimed(QStringLiteral("Bob")));
+    EXPECT_EQ(store.queue().messages().first().reason.kind, WaitReason::Kind::CopyAtFault);
+    EXPECT_TRUE(store.queue().messages().first().reason.text.contains(QStringLiteral("is damaged; cancel the message and send the file again")));
+    EXPECT_FALSE(store.hasUnclaimed(provedPeer(QStringLiteral("Bob"))));
     writeFile(paths.output.absoluteFilePath(QStringLiteral("00000001/content")), "longer than before");
     QString error;
     EXPECT_EQ(store.openOutgoing(message, &error), nullptr);

@@ -30,12 +30,25 @@ const SessionEvent* SessionPair::Side::last(SessionEvent::Kind kind) const
     return nullptr;
 }
 
+namespace {
+
+SessionCall callOf(bool isCaller)
+{
+    return SessionCall{isCaller, isCaller ? QStringLiteral("Боб") : QString()};
+}
+
+} // namespace
+
 SessionPair::SessionPair(unsigned seed, const LineOptions& options) : m_options(options), m_random(seed)
 {
     a.settings.abonentName = QStringLiteral("Alice");
-    a.settings.installationId = QByteArray(16, 'a');
+    a.settings.identity = testKey(1);
+    a.directory.names[testKey(2)->publicKey()] = QStringLiteral("Боб");
+    a.directory.everybodyElse = QStringLiteral("Mallory");
     b.settings.abonentName = QStringLiteral("Боб");
-    b.settings.installationId = QByteArray(16, 'b');
+    b.settings.identity = testKey(2);
+    b.directory.names[testKey(1)->publicKey()] = QStringLiteral("Alice");
+    b.directory.everybodyElse = QStringLiteral("Mallory");
     connect(options);
 }
 
@@ -49,7 +62,7 @@ void SessionPair::connect(const LineOptions& options)
         side->wire.clear();
         side->receivedBytes = 0;
         side->session = std::make_unique<Session>(
-            side->settings, &side->store, [side](const SessionEvent& event) { side->events.push_back(event); }, nowMs);
+            side->settings, callOf(side == &a), &side->directory, &side->store, [side](const SessionEvent& event) { side->events.push_back(event); }, nowMs);
     }
 }
 

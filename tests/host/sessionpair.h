@@ -9,8 +9,9 @@
 
 #include <QByteArray>
 
-#include "host/session.h"
+#include "host/session/session.h"
 #include "tests/host/memorystore.h"
+#include "tests/host/sealedpeer.h"
 
 namespace hosttest {
 
@@ -41,6 +42,7 @@ public:
     {
         MemoryStore store;
         host::SessionSettings settings;
+        TestDirectory directory;
         std::unique_ptr<host::Session> session;
         QByteArray wire; // on its way to this side
         qint64 receivedBytes = 0;
@@ -53,7 +55,7 @@ public:
         const host::SessionEvent* last(host::SessionEvent::Kind kind) const;
     };
 
-    Side a;
+    Side a; // calls
     Side b;
     qint64 nowMs = 1000;
     qint64 carriedBytes = 0; // both directions, on this connection

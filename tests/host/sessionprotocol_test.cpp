@@ -1,4 +1,4 @@
-#include "host/sessionprotocol.h"
+#include "host/channel/sessionprotocol.h"
 #include "tests/host/memorystore.h"
 #include "tests/host/pipechannel.h"
 #include "tests/host/sessionpair.h"
@@ -20,15 +20,20 @@ namespace {
 
 struct End
 {
-    explicit End(const QString& name, char id, int offered = 1024)
+    // called: whom it calls; empty when it is called.
+    explicit End(const QString& name, const QString& called, int offered = 1024)
     {
         context = std::make_shared<SessionContext>();
         context->settings.abonentName = name;
-        context->settings.installationId = QByteArray(16, id);
+        context->settings.identity = testKey(called.isEmpty() ? 2 : 1);
+        directory.names[testKey(1)->publicKey()] = QStringLiteral("Alice");
+        directory.names[testKey(2)->publicKey()] = QStringLiteral("Боб");
+        context->directory = &directory;
         context->store = &store;
         context->report = [this](const SessionReport& report) { reports.push_back(report); };
         channel = new PipeChannel(offered); // owned by the protocol
         protocol.reset(SessionProtocolFactory(context).createProtocol(channel));
+        protocol->remoteAbonentName = called; // as the port's worker presets it
         protocol->channelName = QStringLiteral("line ") + name;
         finished = std::make_unique<QSignalSpy>(protocol.get(), &CAbstractProtocol::finished);
         named = std::make_unique<QSignalSpy>(protocol.get(), &CAbstractProtocol::remoteAbonentNameChanged);
@@ -43,6 +48,7 @@ struct End
     }
 
     MemoryStore store;
+    TestDirectory directory;
     std::shared_ptr<SessionContext> context;
     std::vector<SessionReport> reports;
     PipeChannel* channel;
@@ -53,7 +59,7 @@ struct End
 
 struct Line
 {
-    explicit Line(int offered = 1024) : a(QStringLiteral("Alice"), 'a', offered), b(QStringLiteral("Боб"), 'b', offered)
+    explicit Line(int offered = 1024) : a(QStringLiteral("Alice"), QStringLiteral("Боб"), offered), b(QStringLiteral("Боб"), QString(), offered)
     {
         PipeChannel::join(a.channel, b.channel);
     }
@@ -95,7 +101,8 @@ TEST(SessionProtocol, ExchangesAndFinishes)
     EXPECT_EQ(line.b.protocol->remoteAbonentNameFiltered, QStringLiteral("alice"));
     EXPECT_EQ(line.a.reportCount(SessionReport::Kind::Begun), 1);
     EXPECT_EQ(line.a.reportCount(SessionReport::Kind::Ended), 1);
-    EXPECT_TRUE(line.a.reports.back().endedWell);
+    EXPECT_EQ(line.a.reports.back().end, SessionEnd::Agreed);
+    EXPECT_TRUE(line.a.reports.back().isProved);
     EXPECT_EQ(line.a.reports.back().channelName, QStringLiteral("line Alice"));
 }
 
@@ -169,7 +176,7 @@ TEST(SessionProtocol, StopFromAnotherThread)
 
 TEST(SessionProtocol, StopBeforeAnythingWasSaid)
 {
-    End alone(QStringLiteral("Alice"), 'a');
+    End alone(QStringLiteral("Alice"), QStringLiteral("Боб"));
     PipeChannel peer;
     PipeChannel::join(alone.channel, &peer);
     alone.protocol->start();
@@ -180,16 +187,32 @@ TEST(SessionProtocol, StopBeforeAnythingWasSaid)
 
 TEST(SessionProtocol, KeepAliveKeeps)
 {
+    // Beside it one that nothing keeps, in the same thread: however slowly both go, a pass of
+    // the one is a pass of the other.
+    Line kept;
+    Line usual;
+    kept.b.protocol->keepAlive = true;
+    kept.start();
+    usual.start();
+    ASSERT_TRUE(waitFor([&] { return usual.a.finished->count() > 0; }));
+    const int readsOfUsual = usual.a.channel->reads;
+    ASSERT_TRUE(waitFor([&] {
+        return kept.a.channel->reads > 3 * readsOfUsual || kept.a.finished->count() > 0 || kept.b.finished->count() > 0;
+    }));
+    EXPECT_EQ(kept.b.named->count(), 1);
+    EXPECT_FALSE(kept.a.finished->count() > 0 || kept.b.finished->count() > 0);
+    __atomic_store_n(&kept.b.protocol->keepAlive, false, __ATOMIC_RELAXED);
+    EXPECT_TRUE(waitFor([&] { return kept.a.finished->count() > 0; }));
+}
+
+// The port worker says so only when the host has heard of the connection.
+TEST(SessionProtocol, AHostThatKeepsConnectionsKeepsThemFromTheFirstMoment)
+{
     Line line;
-    line.b.protocol->keepAlive = true;
-    line.start();
-    ASSERT_TRUE(waitFor([&] { return line.b.named->count() > 0; }));
-    // Long after a session with nothing to send would have ended.
-    const int reads = line.a.channel->reads;
-    ASSERT_TRUE(waitFor([&] { return line.a.channel->reads > reads + 60; }));
-    EXPECT_FALSE(line.a.finished->count() > 0 || line.b.finished->count() > 0);
-    __atomic_store_n(&line.b.protocol->keepAlive, false, __ATOMIC_RELAXED);
-    EXPECT_TRUE(waitFor([&] { return line.a.finished->count() > 0; }));
+    line.b.context->keepsConnections = true;
+    EXPECT_FALSE(line.b.protocol->keepAlive);
+    const std::unique_ptr<CAbstractProtocol> made(SessionProtocolFactory(line.b.context).createProtocol(nullptr));
+    EXPECT_TRUE(made->keepAlive);
 }
 
 TEST(SessionProtocol, PausesBetweenPasses)
@@ -213,5 +236,5 @@ TEST(SessionProtocol, DeletedWhileItRuns)
     line.start();
     ASSERT_TRUE(waitFor([&] { return line.a.named->count() > 0; }));
     line.a.protocol.reset();
-    EXPECT_TRUE(line.a.store.hasUnclaimed(QString())) << "its messages are free again";
+    EXPECT_TRUE(line.a.store.hasUnclaimed(provedPeer(QString()))) << "its messages are free again";
 }

@@ -6,10 +6,11 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include "host/diskfile.h"
-#include "host/messagestore.h"
-#include "host/names.h"
+#include "host/installation/diskfile.h"
+#include "host/store/messagestore.h"
+#include "host/installation/names.h"
 
+#include "tests/host/peers.h"
 #include "tests/support/testroot.h"
 
 namespace hosttest {
@@ -59,10 +60,10 @@ inline host::OfferFrame offerOf(quint64 id, const QString& name, const QByteArra
 }
 
 // Receives a whole message; the path it came to, or the error text.
-inline QString receiveWhole(host::MessageStore* store, const QString& abonent, const host::OfferFrame& offer, const QByteArray& content)
+inline QString receiveWhole(host::MessageStore* store, const host::Peer& peer, const host::OfferFrame& offer, const QByteArray& content)
 {
     host::RefusedFrame refused;
-    const auto file = store->beginIncoming(abonent, offer, &refused);
+    const auto file = store->beginIncoming(peer, offer, &refused);
     if (!file)
         return refused.reason;
     QString place;

@@ -3,6 +3,11 @@
 //   SOCKETPLUGIN_RATE      bytes a second that a line takes
 //   SOCKETPLUGIN_CUT       "<bytes>:<calls>": the first calls break after so many bytes were written
 //   SOCKETPLUGIN_BUSY      so many first calls fail
+//   SOCKETPLUGIN_STUCK     the server never says that it has finished
+//   SOCKETPLUGIN_LOST      in so many first calls the port goes down for good while it dials: no
+//                          signal tells of it, only its state text
+//   SOCKETPLUGIN_CUTOFF    a line that is stopped in a session ends as if it were terminated: no
+//                          signal, and the session is left as it stands
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -20,7 +25,7 @@
 
 #include "common/global.h"
 #include "common/logger.h"
-#include "host/comsettingswriter.h"
+#include "host/installation/comsettingswriter.h"
 #include "plugin/cabstractchannelsstate.h"
 #include "plugin/cabstractjournal.h"
 #include "plugin/cabstractprotocol.h"
@@ -132,7 +137,9 @@ public:
     {
         m_stop = true;
         QMutexLocker locker(&m_mutex);
-        if (m_protocol)
+        if (m_protocol && qEnvironmentVariableIsSet("SOCKETPLUGIN_CUTOFF"))
+            quit();
+        else if (m_protocol)
             m_protocol->stop();
     }
     bool tryCall(const QString& abonent, const QString& number)
@@ -181,6 +188,12 @@ private:
         const sockaddr_un address = addressOf(m_number);
         m_server->journal->addRecord(0, m_path, QStringLiteral("Вызов '%1' (%2). Запись команды: ATD%2").arg(m_abonent, m_number));
         m_number.clear();
+        if (callsPlaced < qEnvironmentVariableIntValue("SOCKETPLUGIN_LOST")) {
+            ++callsPlaced;
+            close(descriptor);
+            m_server->channelsState->setState(m_row, QStringLiteral("Открытие COM порта"));
+            return;
+        }
         const bool isBusy = callsPlaced++ < qEnvironmentVariableIntValue("SOCKETPLUGIN_BUSY");
         if (isBusy || ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             close(descriptor);
@@ -224,8 +237,14 @@ private:
             if (m_stop)
                 m_protocol->stop();
         }
-        while (!isOver)
+        while (!isOver && !(m_stop && qEnvironmentVariableIsSet("SOCKETPLUGIN_CUTOFF")))
             exec();
+        if (!isOver) {
+            static auto* const left = new QList<CAbstractProtocol*>; // reachable, not to be taken for lost
+            left->append(m_protocol);
+            shutdown(descriptor, SHUT_RDWR);
+            return;
+        }
         if (!m_protocol->remoteAbonentName.isEmpty())
             emit m_server->disconnected(m_protocol->remoteAbonentName, m_id, m_protocol->wasUseful);
         QMutexLocker locker(&m_mutex);
@@ -279,7 +298,8 @@ public:
             QMetaObject::invokeMethod(this, [this] {
                 clear();
                 channelsState->setState(stateId, QStringLiteral("Выключен"));
-                emit finished();
+                if (!qEnvironmentVariableIsSet("SOCKETPLUGIN_STUCK"))
+                    emit finished();
             }, Qt::QueuedConnection);
     }
     void settingsWasChanged() override

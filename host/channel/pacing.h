@@ -1,0 +1,48 @@
+// How often a session protocol has its pass over a channel, and how much it writes in one.
+//
+// The link reads, confirms and repeats only while its host reads and writes: too rarely, and
+// the line runs empty; too often, and passes cost more than they do. And it writes all it is
+// given before it confirms what came in.
+#pragma once
+
+#include <QtGlobal>
+
+#include "host/session/ratemeter.h"
+
+namespace host {
+
+// A pass: received() for what was read, beginWriting(), written() for each block while
+// mayWrite(), and then a rest of pauseMs(). For one thread.
+class Pacing
+{
+public:
+    // nowMs, here and below: any steady clock, in milliseconds.
+    explicit Pacing(qint64 nowMs);
+
+    // Bytes that came in; to be called each pass, with 0 when none came.
+    void received(int bytes, qint64 nowMs);
+
+    // isFull: the channel takes nothing, since what was sent before is still on its way.
+    void beginWriting(bool isFull, qint64 nowMs);
+    void written(int bytes, qint64 nowMs);
+    // Whether one more block belongs into this pass.
+    [[nodiscard]] bool mayWrite() const { return m_writtenBytes == 0 || m_writtenBytes < m_mostBytes; }
+
+    // How long to rest before the next pass. isMuchComing: of a file that comes in.
+    [[nodiscard]] int pauseMs(bool isMuchComing, qint64 nowMs) const;
+    // The rest is over, the next pass begins.
+    void rested(qint64 nowMs) { m_passBeganMs = nowMs; }
+
+private:
+    [[nodiscard]] int onSlowLine(int usualMs, int longestMs) const;
+
+    RateMeter m_in;
+    RateMeter m_out;
+    qint64 m_passBeganMs;
+    qint64 m_writingBeganMs;
+    qint64 m_mostBytes = 0; // in this pass
+    qint64 m_writtenBytes = 0;
+    bool m_hasSent = false; // in the last pass, or could not for lack of room
+};
+
+} // namespace host

@@ -1,0 +1,46 @@
+#include "host/channel/sessionpass.h"
+
+#include <algorithm>
+
+namespace host {
+
+namespace {
+
+constexpr int readBytes = 64 * 1024;
+constexpr int linkOverheadBytes = 10; // of each packet: a block without them fills one packet exactly
+
+} // namespace
+
+SessionPass::SessionPass(Session* session, CChannel* channel, int maxBlockBytes, Clock clock)
+    : m_session(session), m_channel(channel), m_maxBlockBytes(maxBlockBytes), m_clock(std::move(clock)), m_pacing(m_clock())
+{
+}
+
+void SessionPass::readAll()
+{
+    for (;;) {
+        const QByteArray bytes = m_channel->read(readBytes);
+        m_pacing.received(bytes.size(), m_clock());
+        m_session->receive(bytes, m_clock());
+        if (bytes.size() < readBytes)
+            return;
+    }
+}
+
+void SessionPass::writeAll()
+{
+    m_pacing.beginWriting(m_channel->idealBlockSize() <= 0, m_clock());
+    while (m_pacing.mayWrite()) {
+        const int offered = m_channel->idealBlockSize();
+        if (offered <= 0)
+            return;
+        const int blockBytes = std::max(1, std::min(offered, m_maxBlockBytes) - linkOverheadBytes);
+        const QByteArray block = m_session->takeOutput(blockBytes, m_clock());
+        if (block.isEmpty())
+            return;
+        m_channel->write(block);
+        m_pacing.written(block.size(), m_clock());
+    }
+}
+
+} // namespace host

@@ -1,0 +1,111 @@
+#include "host/channel/sessionprotocol.h"
+
+#include <QThread>
+
+#include "common/global.h"
+
+namespace host {
+
+SessionProtocol::SessionProtocol(CChannel* ownedChannel, std::shared_ptr<const SessionContext> context)
+    : CAbstractProtocol(ownedChannel), m_context(std::move(context)), m_call([] {
+          static std::atomic<quint64> calls{0};
+          return ++calls;
+      }())
+{
+    keepAlive = m_context->keepsConnections;
+    // Reading from an event posted meanwhile would race the port's own notifier: a timer.
+    // Without an interval: a tick brings its own pause.
+    m_timer.setInterval(0);
+    connect(&m_timer, &QTimer::timeout, this, &SessionProtocol::tick);
+}
+
+SessionProtocol::~SessionProtocol()
+{
+    if (m_session)
+        m_session->connectionLost();
+}
+
+void SessionProtocol::start()
+{
+    CAbstractProtocol::start();
+    m_clock.start();
+    // The worker presets the name of whom it called, and of nobody else.
+    m_called = remoteAbonentName;
+    const SessionCall call{!m_called.isEmpty(), m_called};
+    m_session = std::make_unique<Session>(
+        m_context->settings, call, m_context->directory, m_context->store, [this](const SessionEvent& event) { onEvent(event); }, m_clock.elapsed());
+    m_pass = std::make_unique<SessionPass>(m_session.get(), channel, m_context->maxBlockBytes, [this] { return m_clock.elapsed(); });
+    report(SessionReport::Kind::Begun);
+    m_timer.start();
+}
+
+void SessionProtocol::stop()
+{
+    m_stopRequested = true;
+}
+
+void SessionProtocol::tick()
+{
+    if (m_ended)
+        return;
+    rest();
+    const bool isConnected = channel->isConnected();
+    if (m_stopRequested)
+        m_session->stop(QStringLiteral("stopped"), m_clock.elapsed());
+    // Set by an atomic store of the port worker.
+    m_session->setKeepAlive(__atomic_load_n(&keepAlive, __ATOMIC_RELAXED));
+    m_pass->readAll();
+    m_session->advance(m_clock.elapsed());
+    m_pass->writeAll();
+    // What came before the carrier fell has been read.
+    if (!isConnected)
+        m_session->connectionLost();
+    if (m_session->isFinished())
+        end();
+}
+
+// Between its passes the worker sleeps instead of waiting in the event loop, where the
+// port's notifier would wake it for each few bytes of a packet that comes in.
+void SessionProtocol::rest()
+{
+    QThread::msleep(static_cast<unsigned long>(m_pass->pauseMs()));
+    m_pass->rested();
+}
+
+void SessionProtocol::onEvent(const SessionEvent& event)
+{
+    if (event.kind == SessionEvent::Kind::PeerNamed) {
+        remoteAbonentName = event.text;
+        remoteAbonentNameFiltered = Global::filterName(event.text);
+        emit remoteAbonentNameChanged(event.text);
+    }
+    report(SessionReport::Kind::Event, event);
+}
+
+void SessionProtocol::report(SessionReport::Kind kind, const SessionEvent& event)
+{
+    SessionReport told;
+    told.kind = kind;
+    told.call = m_call;
+    told.claimant = m_session.get();
+    told.channelName = channelName;
+    told.called = m_called;
+    told.peer = m_session->peerName();
+    told.event = event;
+    told.end = m_session->end();
+    told.isProved = m_session->peer().isProved;
+    told.wasUseful = m_session->wasUseful();
+    told.reason = m_session->endReason();
+    m_context->report(told);
+}
+
+void SessionProtocol::end()
+{
+    m_ended = true;
+    m_timer.stop();
+    wasUseful = m_session->wasUseful();
+    report(SessionReport::Kind::Ended);
+    emit finished();
+}
+
+} // namespace host

@@ -1,0 +1,62 @@
+// The files on their way over a host's connections, for its views and its state file.
+#pragma once
+
+#include <map>
+#include <tuple>
+
+#include <QString>
+#include <QVector>
+
+#include "host/channel/sessionprotocol.h"
+
+namespace host {
+
+struct FileProgress
+{
+    bool outgoing = false;
+    quint64 messageId = 0;
+    QString peer;
+    QString channelName;
+    QString fileName;
+    qint64 size = 0;
+    qint64 done = 0;
+    qint64 resumedFrom = 0;
+    qint64 beganMs = 0;
+    qint64 changedMs = 0;
+    enum class State { Moving, Waiting, Whole, Failed } state = State::Moving; // Waiting: for the peer's word
+    QString text;
+
+    [[nodiscard]] bool isOver() const { return state == State::Whole || state == State::Failed; }
+};
+
+// Used in one thread.
+class FileTable
+{
+public:
+    // A session tells of a file; the row as it is now.
+    const FileProgress& update(const SessionReport& report, qint64 nowMs);
+
+    // A session has ended: what it had on the way is cut off. The rows that this changed.
+    QVector<FileProgress> cutOff(quint64 call, qint64 nowMs);
+
+    // Forgets what has been over for a while.
+    void prune(qint64 nowMs);
+
+    [[nodiscard]] QVector<FileProgress> rows() const;
+
+private:
+    struct Key
+    {
+        quint64 call;
+        bool outgoing;
+        quint64 id;
+        bool operator<(const Key& other) const
+        {
+            return std::tie(call, outgoing, id) < std::tie(other.call, other.outgoing, other.id);
+        }
+    };
+
+    std::map<Key, FileProgress> m_rows;
+};
+
+} // namespace host

@@ -1,0 +1,169 @@
+#include "host/installation/hostsettings.h"
+
+#include "common/csettings.h"
+#include "common/global.h"
+#include "common/plantedlinks.h"
+#include "host/installation/diskfile.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+#include <QTextCodec>
+
+namespace host {
+
+namespace {
+
+constexpr qint64 maxIniBytes = 1024 * 1024;
+
+const QString nameKey = QStringLiteral("Host/name");
+const QString keyFingerprintKey = QStringLiteral("Host/keyFingerprint");
+
+// QSettings passes over what it does not understand: of a file full of zeros it says that all
+// is well and that it holds nothing.
+bool isSoundIni(const QByteArray& bytes)
+{
+    QTextCodec::ConverterState state;
+    QTextCodec::codecForName("UTF-8")->toUnicode(bytes.constData(), bytes.size(), &state);
+    if (bytes.trimmed().isEmpty() || bytes.contains('\0') || state.invalidChars > 0 || state.remainingChars > 0)
+        return false;
+    for (const QByteArray& line : bytes.split('\n')) {
+        const QByteArray text = line.trimmed();
+        const bool isComment = text.startsWith(';');
+        const bool isSection = text.startsWith('[') && text.endsWith(']');
+        if (!text.isEmpty() && !isComment && !isSection && (text.startsWith('[') || text.indexOf('=') <= 0))
+            return false;
+    }
+    return true;
+}
+
+QString damagedIni(const QString& path)
+{
+    return QStringLiteral("%1 is damaged: put back a copy, or mend it by hand, or move it away and set the name again "
+                          "(its [Host] section holds this installation's name)").arg(path);
+}
+
+// An error text when the file is there and cannot be read as it was written, or is not ours.
+QString checkIni(const QString& path)
+{
+    if (isForeignLink(QFile::encodeName(path)))
+        return QStringLiteral("%1 is a link that another user has made: remove it, and see what else was changed there").arg(path);
+    QFile file(path);
+    if (!file.exists())
+        return QString();
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
+    return isSoundIni(file.read(maxIniBytes)) ? QString() : damagedIni(path);
+}
+
+// The file as far as it could be read and written. The texts of QSettings say neither.
+QString settingsError(QSettings* settings)
+{
+    const QString path = settings->fileName();
+    switch (settings->status()) {
+    case QSettings::NoError:
+        return QString();
+    case QSettings::FormatError:
+        return damagedIni(path);
+    case QSettings::AccessError:
+        break;
+    }
+    const QFileInfo file(path);
+    if (file.exists() && !file.isReadable())
+        return QStringLiteral("cannot read %1: check its permissions").arg(path);
+    return QStringLiteral("cannot write %1: check the permissions and the room on the disk").arg(path);
+}
+
+// Writes the changes; the error of that.
+QString written(QSettings* settings)
+{
+    settings->sync();
+    return settingsError(settings);
+}
+
+// What a file holds; one that does not exist holds nothing.
+QString readFile(const QString& path, std::optional<QByteArray>* bytes)
+{
+    const QString recovery = Global::recoverSaving(path);
+    if (!recovery.isEmpty())
+        return recovery;
+    QFile file(path);
+    if (!file.exists())
+        return QString();
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
+    *bytes = file.readAll();
+    return QString();
+}
+
+// Nothing is written into a file that cannot be read.
+QString saveIdentityValue(const QString& key, const QString& value)
+{
+    Identity identity;
+    QString error = loadIdentity(&identity);
+    if (error.isEmpty())
+        error = settingsBarred(Global::generalSettingsFilePath());
+    if (!error.isEmpty())
+        return error;
+    QSettings settings(Global::generalSettingsFilePath(), QSettings::IniFormat);
+    settings.setIniCodec("UTF-8");
+    settings.setValue(key, value);
+    return written(&settings);
+}
+
+} // namespace
+
+QString settingsBarred(const QString& path)
+{
+    const QString obstacle = obstacleToSettings(path);
+    return obstacle.isEmpty() ? obstacle
+                              : QStringLiteral("cannot write %1: %2 is in the way; remove it unless a program of yours runs that made it").arg(path, obstacle);
+}
+
+QString loadIdentity(Identity* identity)
+{
+    if (!Global::makePath(Global::settingsDir()))
+        return QStringLiteral("cannot create %1: check that you may write there").arg(Global::settingsDir().absolutePath());
+    // Nothing may be taken for missing, and so be made anew, that only could not be read.
+    const QString damage = checkIni(Global::generalSettingsFilePath());
+    if (!damage.isEmpty())
+        return damage;
+    QSettings settings(Global::generalSettingsFilePath(), QSettings::IniFormat);
+    settings.setIniCodec("UTF-8");
+    const QString error = settingsError(&settings);
+    if (!error.isEmpty())
+        return error;
+    identity->name = settings.value(nameKey).toString();
+    identity->keyFingerprint = settings.value(keyFingerprintKey).toString();
+    return QString();
+}
+
+QString saveOwnName(const QString& name)
+{
+    return saveIdentityValue(nameKey, name);
+}
+
+QString saveKeyFingerprint(const QString& fingerprint)
+{
+    return saveIdentityValue(keyFingerprintKey, fingerprint);
+}
+
+QString loadComSettings(ComSettingsRecord* settings)
+{
+    const QString path = Global::channelComSettingsFilePath();
+    std::optional<QByteArray> bytes;
+    QString error = readFile(path, &bytes);
+    if (!error.isEmpty())
+        return error;
+    *settings = ComSettingsRecord();
+    if (bytes)
+        error = readComSettings(*bytes, settings);
+    return error.isEmpty() ? QString() : QStringLiteral("%1: %2").arg(path, error);
+}
+
+QString saveComSettings(const ComSettingsRecord& settings)
+{
+    return saveFile(Global::channelComSettingsFilePath(), writeComSettings(settings));
+}
+
+} // namespace host

@@ -1,0 +1,205 @@
+#include "host/program/abonentcommands.h"
+
+#include "common/global.h"
+#include "host/installation/abonentbook.h"
+#include "host/installation/hostsettings.h"
+#include "host/installation/keytext.h"
+#include "host/installation/names.h"
+#include "host/program/exitstatus.h"
+
+#include <algorithm>
+#include <functional>
+
+namespace host {
+
+namespace {
+
+AbonentBook ourBook()
+{
+    return AbonentBook(Global::abonentsSettingsFilePath());
+}
+
+QString notKnown(const QString& name)
+{
+    return QStringLiteral("no abonent '%1' is known: \"transport-host abonent list\" shows those that are").arg(displayName(name));
+}
+
+void notePorts(const QStringList& ports, CommandStreams& io)
+{
+    ComSettingsRecord settings;
+    if (!loadComSettings(&settings).isEmpty())
+        return;
+    for (const QString& port : ports) {
+        const bool isDefined = std::any_of(settings.ports.cbegin(), settings.ports.cend(),
+                                           [&](const ComPortRecord& defined) { return defined.portName == port; });
+        if (!isDefined)
+            io.err << "transport-host: note: no port " << displayName(port) << " is defined yet" << Qt::endl;
+    }
+}
+
+// What "abonent add" was told; addressing is null where nothing was said about it.
+struct Told
+{
+    QString name;
+    std::optional<ComAbonentRecord> addressing;
+    QByteArray key;
+};
+
+// The exit status when the command line is wrong.
+std::optional<int> readTold(const CommandLine& line, CommandStreams& io, Told* told)
+{
+    told->name = line.parser.positionalArguments().first();
+    if (!isValidAbonentName(told->name))
+        return line.usage(io, QStringLiteral("'%1' cannot be a name: it needs letters or digits, at most %2 bytes, and no control characters")
+                                  .arg(displayName(told->name), QString::number(maxAbonentNameBytes)));
+    if (line.parser.isSet(QStringLiteral("key"))) {
+        QString error;
+        told->key = keyFromText(line.parser.value(QStringLiteral("key")), &error);
+        if (told->key.isEmpty())
+            return line.usage(io, error);
+    }
+    const QString number = line.parser.value(QStringLiteral("number"));
+    const QStringList ports = line.parser.values(QStringLiteral("port"));
+    if (number.isEmpty() && !ports.isEmpty())
+        return line.usage(io, QStringLiteral("--port needs --number"));
+    if (displayName(number) != number)
+        return line.usage(io, QStringLiteral("--number may hold no control characters"));
+    if (number.isEmpty() && told->key.isEmpty())
+        return line.usage(io, QStringLiteral("--number or --key is needed"));
+    if (!number.isEmpty())
+        told->addressing = ComAbonentRecord{number, ports};
+    return std::nullopt;
+}
+
+QString tell(const Told& told, AbonentRecords* records)
+{
+    int index = records->find(told.name);
+    if (index < 0) {
+        index = records->abonents.size();
+        records->abonents.append(Abonent());
+        records->abonents.last().channelData = writeComAbonent({});
+    }
+    records->abonents[index].name = told.name;
+    if (told.addressing)
+        records->abonents[index].channelData = writeComAbonent(*told.addressing);
+    return told.key.isEmpty() ? QString() : records->pin(index, told.key, Abonent::Pinned::ByHand);
+}
+
+QString keyColumn(const Abonent& abonent)
+{
+    const QString date = abonent.pinnedAt.toLocalTime().toString(QStringLiteral("yyyy-MM-dd"));
+    switch (abonent.pinned) {
+    case Abonent::Pinned::No:
+        break;
+    case Abonent::Pinned::ByHand:
+        return QStringLiteral("key %1, told %2").arg(keyFingerprint(abonent.key), date);
+    case Abonent::Pinned::OnFirstCall:
+        return QStringLiteral("key %1, pinned by the first call %2").arg(keyFingerprint(abonent.key), date);
+    }
+    return QStringLiteral("no key: the first call to them pins it");
+}
+
+QString numberColumn(const Abonent& abonent)
+{
+    ComAbonentRecord addressing;
+    const QString trouble = readComAbonent(abonent.channelData, &addressing);
+    if (!trouble.isEmpty())
+        return trouble;
+    const QString number = addressing.phoneNumber.isEmpty() ? QStringLiteral("(no number)") : displayName(addressing.phoneNumber);
+    return addressing.allowedPorts.isEmpty() ? number
+                                             : QStringLiteral("%1  through %2").arg(number, displayName(addressing.allowedPorts.join(QStringLiteral(", "))));
+}
+
+// A command that changes one abonent.
+int changeAbonent(const QString& command, const QString& description, const QStringList& arguments, CommandStreams& io,
+                  const std::function<QString(AbonentRecords*, int)>& change)
+{
+    CommandLine line(command, description);
+    line.parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The abonent's name."));
+    if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
+        return *status;
+    const QString name = line.parser.positionalArguments().first();
+    return statusOf(io, ourBook().change([&](AbonentRecords* records) {
+        const int index = records->find(name);
+        return index < 0 ? notKnown(name) : change(records, index);
+    }));
+}
+
+} // namespace
+
+int abonentAdd(const QStringList& arguments, CommandStreams& io)
+{
+    CommandLine line(QStringLiteral("abonent add"),
+                     QStringLiteral("Tells how an abonent is called and by which key it proves who it is, or changes what was told.\n"
+                                    "Without a key the first call to it pins the key that answers."));
+    line.parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The abonent's name."));
+    line.parser.addOption({QStringLiteral("number"), QStringLiteral("The telephone number, as it goes behind ATD."), QStringLiteral("NUMBER")});
+    line.parser.addOption({QStringLiteral("key"), QStringLiteral("Its key, as \"transport-host key\" shows it there; in place of one that is pinned."), QStringLiteral("TEXT")});
+    line.parser.addOption({QStringLiteral("port"), QStringLiteral("Call through this port only; may be given several times (default any port)."), QStringLiteral("DEVICE")});
+    if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
+        return *status;
+    Told told;
+    if (const std::optional<int> status = readTold(line, io, &told))
+        return *status;
+    if (told.addressing)
+        notePorts(told.addressing->allowedPorts, io);
+    return statusOf(io, ourBook().change([&](AbonentRecords* records) { return tell(told, records); }));
+}
+
+int abonentList(const QStringList& arguments, CommandStreams& io)
+{
+    CommandLine line(QStringLiteral("abonent list"), QStringLiteral("Shows the abonents that are known, the fingerprints of their keys, and blocked keys."));
+    if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
+        return *status;
+    AbonentRecords records;
+    const QString error = ourBook().read(&records);
+    if (!error.isEmpty())
+        return fail(io, error);
+    for (const Abonent& abonent : qAsConst(records.abonents)) {
+        io.out << displayName(abonent.name) << "  " << numberColumn(abonent) << "  " << keyColumn(abonent)
+               << (abonent.isBlocked ? "  BLOCKED" : "") << Qt::endl;
+    }
+    for (const QByteArray& key : qAsConst(records.blockedKeys))
+        io.out << "blocked key " << keyFingerprint(key) << "  " << keyText(key) << Qt::endl;
+    return exitDone;
+}
+
+int abonentForgetKey(const QStringList& arguments, CommandStreams& io)
+{
+    return changeAbonent(QStringLiteral("abonent forget-key"),
+                         QStringLiteral("Forgets the key of an abonent that has a new one; the next call to it pins the key that answers.\n"
+                                        "Safer is to ask for the new key and tell it: \"transport-host abonent add NAME --key TEXT\"."),
+                         arguments, io, [](AbonentRecords* records, int index) {
+                             records->forgetKey(index);
+                             return QString();
+                         });
+}
+
+int abonentBlock(const QStringList& arguments, CommandStreams& io)
+{
+    return changeAbonent(QStringLiteral("abonent block"), QStringLiteral("Neither calls an abonent nor lets it in; messages for it stay queued."),
+                         arguments, io, [](AbonentRecords* records, int index) {
+                             records->abonents[index].isBlocked = true;
+                             return QString();
+                         });
+}
+
+int abonentUnblock(const QStringList& arguments, CommandStreams& io)
+{
+    return changeAbonent(QStringLiteral("abonent unblock"), QStringLiteral("Takes the block of an abonent back."), arguments, io,
+                         [](AbonentRecords* records, int index) {
+                             records->abonents[index].isBlocked = false;
+                             return QString();
+                         });
+}
+
+int abonentRemove(const QStringList& arguments, CommandStreams& io)
+{
+    return changeAbonent(QStringLiteral("abonent remove"), QStringLiteral("Forgets an abonent, its number and its key; messages for it stay queued."),
+                         arguments, io, [](AbonentRecords* records, int index) {
+                             records->abonents.removeAt(index);
+                             return QString();
+                         });
+}
+
+} // namespace host

@@ -1,0 +1,33 @@
+// What "status" has found, and its two shapes.
+#pragma once
+
+#include <optional>
+
+#include <QJsonObject>
+#include <QStringList>
+#include <QTextStream>
+#include <QVector>
+
+#include "host/installation/hostsettings.h"
+#include "host/store/messagestore.h"
+
+namespace host {
+
+struct Status
+{
+    QStringList troubles; // of what could not be read
+    std::optional<Identity> identity; // null when its file could not be read
+    ComSettingsRecord settings;
+    QVector<QueuedMessage> queue;
+    QVector<ReceivedMessage> inbox;
+    InboxUsage usage;
+    QJsonObject running; // empty when no host runs
+};
+
+[[nodiscard]] QJsonObject statusJson(const Status& status);
+void printStatus(const Status& status, QTextStream& out);
+
+// What the user is told of a message: what the running host does about it, or why it waits.
+[[nodiscard]] QString tellWaiting(const QueuedMessage& message, const QJsonObject& running);
+
+} // namespace host

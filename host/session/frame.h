@@ -1,0 +1,95 @@
+// The frames of a session: how they are written into the byte stream of a channel and
+// taken out of it again.
+//
+//   length of the rest (2, big-endian) | sealed: type (1), payload | tag (16)
+//
+// Each direction has a key of its own, agreed in the handshake, and counts its frames: one
+// that was lost, repeated, moved, cut or changed on the way does not open, nor does one of
+// the other direction (a modem that has lost its carrier echoes what is still written to it)
+// or of another call. Whoever listens learns the frames' lengths and times.
+//
+// A length of 0 is a filler: two bytes that only move the link on. It proves nothing.
+#pragma once
+
+#include <QByteArray>
+
+#include "host/session/noisecipher.h"
+
+namespace host {
+
+constexpr int frameLengthBytes = 2;
+constexpr int frameTypeBytes = 1;
+constexpr int frameOverheadBytes = frameLengthBytes + frameTypeBytes + noiseTagBytes;
+constexpr int maxFramePayloadBytes = 16384;
+
+enum class FrameType : quint8 {
+    Hello = 1,    // who are you
+    State = 2,    // what have you got: messages stored, parts of messages
+    Offer = 3,    // a message begins; Data frames follow up to its size
+    Data = 4,     // the next bytes of the offered message
+    Abort = 5,    // the offered message's data ends here
+    Stored = 6,   // offers that were verified and stored
+    Refused = 7,  // an offer that was not
+    Settled = 8,  // so many acknowledgements were taken note of
+    Alive = 9,    // nothing to say
+    Finish = 10,  // nothing left to send, until something is
+    Continue = 11, // takes a Finish back
+    Bye = 12,     // shall we end?
+    ByeYes = 13,
+    ByeNo = 14,
+    Stop = 15,    // this side ends the session now, with the reason
+};
+
+struct Frame
+{
+    FrameType type = FrameType::Alive;
+    QByteArray payload;
+};
+
+[[nodiscard]] inline QByteArray frameFiller()
+{
+    return QByteArray(frameLengthBytes, '\0');
+}
+
+// Seals the frames of one direction.
+class FrameWriter
+{
+public:
+    FrameWriter() = default; // without a key: nothing can be written
+    explicit FrameWriter(NoiseCipher cipher) : m_cipher(std::move(cipher)) {}
+
+    [[nodiscard]] bool isUsable() const { return m_cipher.isUsable(); }
+
+    // payload: at most maxFramePayloadBytes.
+    [[nodiscard]] QByteArray write(FrameType type, const QByteArray& payload);
+
+private:
+    NoiseCipher m_cipher;
+};
+
+// Cuts the frames of one direction out of a stream that comes in pieces of any size.
+class FrameReader
+{
+public:
+    FrameReader() = default; // without a key: nothing opens
+    explicit FrameReader(NoiseCipher cipher) : m_cipher(std::move(cipher)) {}
+
+    enum class Result { None, Frame, Damaged };
+
+    void append(const QByteArray& bytes);
+
+    // Whether a frame has begun to come in.
+    [[nodiscard]] bool isInFrame() const { return m_buffer.size() - m_position >= frameLengthBytes; }
+
+    // Frame: one frame was taken out. None: more bytes are needed. Damaged: the stream is
+    // broken (for good, every later call says the same).
+    Result next(Frame* frame);
+
+private:
+    QByteArray m_buffer;
+    int m_position = 0;
+    NoiseCipher m_cipher;
+    bool m_damaged = false;
+};
+
+} // namespace host

@@ -1,0 +1,42 @@
+// Slows down whoever tries keys: each handshake that failed makes the next answers of the
+// process later, up to some seconds, and it wears off. Nobody is locked out by it.
+#pragma once
+
+#include <functional>
+
+#include <QMutex>
+
+namespace host {
+
+// Any thread may call any operation.
+class HandshakeGuard
+{
+public:
+    using Clock = std::function<qint64()>; // a steady one, in milliseconds
+
+    explicit HandshakeGuard(Clock clock = {});
+
+    // Somebody who called did not prove to be one who may.
+    void failed();
+
+    // How long to wait before the next caller's handshake is answered.
+    [[nodiscard]] int answerDelayMs() const;
+
+    // Since the start of the process.
+    [[nodiscard]] int failures() const;
+
+    static constexpr int firstDelayMs = 500; // doubled with each further failure
+    static constexpr int maxDelayMs = 8000;
+    static constexpr qint64 forgetMs = 60000; // one failure is forgotten after so long
+
+private:
+    [[nodiscard]] int remembered(qint64 nowMs) const;
+
+    const Clock m_clock;
+    mutable QMutex m_mutex; // guards the rest
+    int m_failures = 0;
+    int m_remembered = 0; // at m_sinceMs
+    qint64 m_sinceMs = 0;
+};
+
+} // namespace host

@@ -1,0 +1,98 @@
+// What arrives: parts in the incomplete directory, whole messages in the input directory.
+//
+//   incomplete/00000001/<name>     what stands of a message
+//   incomplete/00000001/.message   what was announced (JSON); "verified" once it is whole
+//   input/00000001/<name>          a whole message, its hash verified
+//   input/00000001/.message        from whom, when, under which name, with which hash
+//
+// A message becomes received in steps that can be cut off anywhere: content synced, record
+// marked verified, entry in the list of received messages, directory moved to the input
+// directory. From the record on, the start after a crash completes them. While they last
+// the part belongs to nobody: no session can take it up.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include <QDateTime>
+#include <QDir>
+#include <QMutex>
+#include <QString>
+#include <QStringList>
+
+#include "host/session/sessionstore.h"
+#include "host/store/parts.h"
+#include "host/store/quota.h"
+#include "host/store/receivedlist.h"
+
+namespace host {
+
+struct ReceivedMessage
+{
+    QString key; // the directory's name
+    quint64 id = 0;
+    QString abonent;
+    bool isProved = true;
+    QByteArray publicKey; // of the sender; empty when it is not known
+    QString claimedName;  // as an unproved sender calls itself
+    QString fileName;     // as the sender calls it
+    QString path;         // of the file
+    qint64 size = 0;
+    QByteArray sha256;
+    QDateTime received;
+};
+
+// Any thread may call any operation.
+class Inbox
+{
+public:
+    Inbox(const QDir& inputDir, const QDir& incompleteDir, const QString& receivedListPath, const InboxLimits& limits = {});
+    ~Inbox();
+
+    // Call it once, before anything else: creates the directories, completes what a crash
+    // cut off. Texts tell of what was found (for the journal); *error is set when the inbox
+    // cannot be used.
+    QStringList open(QString* error);
+
+    // Whole messages, oldest first, and what stands of whom. Need no open(); count afresh.
+    [[nodiscard]] QVector<ReceivedMessage> messages() const;
+    [[nodiscard]] InboxUsage usage() const;
+
+    // See SessionStore.
+    [[nodiscard]] QVector<quint64> unsettled(const Peer& peer);
+    void settle(const Peer& peer, const QVector<quint64>& messageIds);
+    [[nodiscard]] bool isStored(const Peer& peer, quint64 messageId, const QByteArray& sha256);
+    std::vector<std::unique_ptr<IncomingFile>> parts(const Peer& peer);
+    std::unique_ptr<IncomingFile> begin(const Peer& peer, const OfferFrame& offer, RefusedFrame* refused);
+
+private:
+    friend class PartFile;
+
+    [[nodiscard]] QString recoverPart(const QString& key); // a text for the journal, or empty
+    static bool refuse(RefusedFrame* refused, RefusalCode code, const QString& reason); // false
+
+    // False with *refused set. known: what stands of the message, if anything.
+    bool admits(const Peer& peer, const OfferFrame& offer, qint64 standing, const PartId& known, RefusedFrame* refused);
+    [[nodiscard]] QString volumeRefuses(const Peer& peer, qint64 wanted, bool isNew, qint64 promised) const;
+    [[nodiscard]] QString sharesRefuse(const Peer& peer, const OfferFrame& offer, const PartId& known);
+    [[nodiscard]] QString sharesRefuseWithout(const QVector<Counted>& counted, const Peer& peer, const OfferFrame& offer) const;
+    [[nodiscard]] QVector<Counted> countedWithout(const std::vector<PartId>& without) const;
+
+    // For PartFile. takeUp(): null with *refused set.
+    QString openPart(const PartId& id, QFile* file);
+    std::shared_ptr<PartHolding> takeUp(const PartId& id, const OfferFrame& offer, quint64 generation, RefusedFrame* refused);
+    QString storePart(const PartId& id, const std::shared_ptr<PartHolding>& holding, const OfferFrame& offer, QString* place);
+    void discardPart(const PartId& id, const std::shared_ptr<PartHolding>& holding);
+    [[nodiscard]] QString diskIsFull(qint64 wanted) const;
+
+    const QDir m_inputDir;
+    const QDir m_incompleteDir;
+    const InboxLimits m_limits;
+
+    QMutex m_mutex; // guards the rest; a holding's own mutex is taken inside it, never around it
+    ReceivedList m_received;
+    Parts m_parts;
+    DirectoryCount m_inputCount;
+};
+
+} // namespace host

@@ -1,0 +1,33 @@
+// What is written down beside the content of a message that is received: the file
+// ".message" (JSON). No name of a peer's file begins with a point.
+#pragma once
+
+#include <QDateTime>
+#include <QJsonObject>
+#include <QString>
+
+#include "host/session/peer.h"
+#include "host/session/sessionframes.h"
+
+namespace host {
+
+extern const QString messageRecordName;
+
+struct MessageRecord
+{
+    quint64 id = 0;
+    Peer sender;
+    QString fileName;    // as the sender calls it
+    QString contentName; // of the file in the directory
+    qint64 size = 0;
+    QByteArray sha256;
+    qint64 modifiedSecs = 0;
+    bool isVerified = false; // whole, its hash right, on the disk
+    QDateTime received;      // valid once verified
+
+    [[nodiscard]] static MessageRecord of(const Peer& sender, const OfferFrame& offer, const QString& contentName);
+    [[nodiscard]] static MessageRecord fromJson(const QJsonObject& json); // id 0 when there is none
+    [[nodiscard]] QJsonObject toJson() const;
+};
+
+} // namespace host

@@ -1,0 +1,114 @@
+// The messages that wait to be sent: one directory each in the output directory, one task
+// file each in the directory of tasks for the transport.
+//
+//   output/00000001/content        the file's bytes as they were when it was queued
+//   output/00000001/reason.json    why it has not been delivered yet
+//   tasks/toTransport/00000001.task  which message, to whom, under which name (JSON)
+//
+// The task is the message: it appears last and goes first, so a crash leaves at most a
+// directory that no task names. Several programs may queue at once.
+#pragma once
+
+#include <functional>
+#include <optional>
+
+#include <QDateTime>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QHash>
+#include <QMutex>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include "host/installation/opendirectory.h"
+#include "host/session/sessionstore.h"
+#include "host/store/waitreason.h"
+
+namespace host {
+
+struct QueuedMessage : OutgoingMessage
+{
+    QString taskPath;
+    QDateTime queued;
+    WaitReason reason;
+};
+
+// Any thread may call any operation.
+class OutgoingQueue
+{
+public:
+    OutgoingQueue(const QDir& outputDir, const QDir& tasksDir);
+
+    // Copies the file into the queue; it is queued whole and for good when this returns an
+    // empty text. An error text says what to do about it.
+    QString enqueue(const QString& abonent, const QString& filePath, QueuedMessage* queued = nullptr);
+
+    // Takes note of what other programs queued and removed. Texts tell of damaged tasks, once each.
+    QStringList rescan();
+
+    // As of the last rescan(), oldest first.
+    [[nodiscard]] QVector<QueuedMessage> messages() const;
+
+    // Removes what an interrupted enqueue() or remove() left. Only for the program that serves
+    // the queue. Texts tell of links that were left aside.
+    QStringList cleanUp();
+
+    // Takes a message out of the queue. An error text, empty on success.
+    QString remove(const OutgoingMessage& message);
+
+    // Keeps the reason with the message. Cheap when it is the same again.
+    void setReason(const OutgoingMessage& message, const WaitReason& reason);
+
+    // The same for all messages: why is asked once for each abonent, and must not call this
+    // object; null where something is being done about them. What is known of a single message
+    // (see WaitReason::isOfTheMessage()) stays.
+    using Why = std::function<std::optional<WaitReason>(const QString& abonent)>;
+    void explain(const Why& why);
+
+    // Those for whom messages wait that no session has claimed, in the order of the oldest.
+    [[nodiscard]] QStringList waitingAbonents() const;
+
+    // The message of which the copy in the queue is asked for; null with *error set.
+    std::unique_ptr<QIODevice> open(const OutgoingMessage& message, QString* error) const;
+
+    // Whether the copy still has its hash; an error text if not. Reads it all.
+    [[nodiscard]] QString verify(const OutgoingMessage& message) const;
+
+    // Claims: see SessionStore. key: of the abonent.
+    std::optional<OutgoingMessage> claimNext(const QString& abonentKey, const void* session);
+    [[nodiscard]] bool hasUnclaimed(const QString& abonentKey) const;
+    void releaseAll(const void* session);
+
+    // Leave the message alone for a while: its copy is at fault.
+    void hold(const OutgoingMessage& message);
+
+private:
+    struct Entry
+    {
+        QueuedMessage message;
+        QString abonentKey;
+        const void* claimedBy = nullptr; // not owned, only compared
+        qint64 heldUntilMs = 0;
+    };
+
+    [[nodiscard]] QString copyIntoQueue(const QString& filePath, const OpenDirectory& directory, QueuedMessage* message) const;
+    [[nodiscard]] QString commit(const OpenDirectory& output, const QString& newName, QueuedMessage* message) const;
+    [[nodiscard]] QString messagePath(const OutgoingMessage& message) const;
+    [[nodiscard]] QString contentPath(const OutgoingMessage& message) const;
+    [[nodiscard]] std::optional<Entry> load(const QString& taskPath) const;
+    [[nodiscard]] bool isClaimable(const Entry& entry, const QString& abonentKey) const;
+    Entry* find(quint64 id);
+    void saveReason(const OutgoingMessage& message, const WaitReason& reason) const;
+
+    const QDir m_outputDir;
+    const QDir m_tasksDir;
+    QElapsedTimer m_clock;
+
+    QMutex m_changes; // of the disk, one at a time; taken before the other, never inside it
+    mutable QMutex m_mutex; // guards the rest
+    QVector<Entry> m_entries;
+    QStringList m_damaged; // tasks already told of
+};
+
+} // namespace host

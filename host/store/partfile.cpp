@@ -1,0 +1,84 @@
+#include "host/store/partfile.h"
+
+#include "host/store/inbox.h"
+
+#include <QMutexLocker>
+
+namespace host {
+
+namespace {
+
+constexpr qint64 askEveryBytes = 1024 * 1024;
+
+} // namespace
+
+PartFile::PartFile(Inbox* inbox, const PartId& id, quint64 generation, qint64 standing)
+    : m_inbox(inbox), m_id(id), m_generation(generation), m_standing(standing), m_backLeft(standing)
+{
+}
+
+qint64 PartFile::length() const
+{
+    if (!m_holding)
+        return m_standing;
+    QMutexLocker locker(&m_holding->mutex);
+    return m_holding->file.size();
+}
+
+QByteArray PartFile::readBack(qint64 maxSize, QString* error)
+{
+    if (!m_back.isOpen()) {
+        const QString failure = m_inbox->openPart(m_id, &m_back);
+        if (!failure.isEmpty()) {
+            *error = failure;
+            return QByteArray();
+        }
+    }
+    const QByteArray bytes = m_back.read(qMin(maxSize, m_backLeft));
+    m_backLeft -= bytes.size();
+    return bytes;
+}
+
+bool PartFile::resume(const OfferFrame& offer, quint64 generation, RefusedFrame* refused)
+{
+    m_back.close();
+    m_holding = m_inbox->takeUp(m_id, offer, generation, refused);
+    if (m_holding)
+        m_generation = m_holding->part.generation;
+    return m_holding != nullptr;
+}
+
+QString PartFile::append(const QByteArray& bytes)
+{
+    if (!m_holding)
+        return QStringLiteral("not resumed");
+    QMutexLocker locker(&m_holding->mutex);
+    if (m_holding->isLost)
+        return QStringLiteral("another call has taken the message over");
+    if (bytes.size() > m_holding->part.announcedBytes - m_holding->file.pos())
+        return QStringLiteral("more arrives than was announced");
+    m_unaskedBytes += bytes.size();
+    if (m_unaskedBytes >= askEveryBytes) {
+        // Others write on the volume, too.
+        const QString full = m_inbox->diskIsFull(bytes.size());
+        if (!full.isEmpty())
+            return full;
+        m_unaskedBytes = 0;
+    }
+    if (m_holding->file.write(bytes) == bytes.size())
+        return QString();
+    return QStringLiteral("cannot write %1: %2").arg(m_holding->path, m_holding->file.errorString());
+}
+
+QString PartFile::store(const OfferFrame& offer, QString* place)
+{
+    return m_holding ? m_inbox->storePart(m_id, m_holding, offer, place) : QStringLiteral("not resumed");
+}
+
+void PartFile::discard()
+{
+    if (m_holding)
+        m_inbox->discardPart(m_id, m_holding);
+}
+
+} // namespace host

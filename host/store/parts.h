@@ -1,0 +1,105 @@
+// The parts of messages that stand in the incomplete directory: whose they are, who holds
+// them, how often they were taken up.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include <QDir>
+#include <QFile>
+#include <QHash>
+#include <QMutex>
+#include <QPair>
+#include <QString>
+
+#include "host/session/peer.h"
+#include "host/session/sessionframes.h"
+#include "host/store/messagerecord.h"
+#include "host/store/quota.h"
+
+namespace host {
+
+struct PartHolding;
+
+struct Part
+{
+    quint64 id = 0;
+    Peer sender;
+    QString key; // the directory's name
+    QString contentName;
+    QByteArray sha256;
+    qint64 announcedBytes = 0; // of the whole message
+    qint64 touchedMs = 0;
+    quint64 generation = 0; // another one with each taking up
+    bool isStoring = false; // being put into the inbox: belongs to nobody
+    std::weak_ptr<PartHolding> holder;
+};
+
+// One session's hold on a part. Another session may take it away.
+struct PartHolding
+{
+    Part part;
+    QMutex mutex; // guards the rest
+    bool isLost = false;
+    QFile file;
+    QString path; // of the file
+};
+
+// Two peers may use the same identifier for different messages.
+struct PartId
+{
+    QString peerKey;
+    quint64 id = 0;
+};
+
+// Not locked: the inbox that owns it does that.
+class Parts
+{
+public:
+    explicit Parts(const QDir& dir) : m_dir(dir) {}
+
+    [[nodiscard]] static PartId idOf(const Peer& peer, quint64 id) { return {peerKey(peer), id}; }
+
+    [[nodiscard]] const Part* find(const PartId& id) const;
+    [[nodiscard]] std::vector<PartId> of(const Peer& peer) const; // without those being stored
+    // One that is held counts as it is announced.
+    [[nodiscard]] QVector<Counted> countedWithout(const std::vector<PartId>& without) const;
+    [[nodiscard]] qint64 promisedBytes() const;     // that those who hold parts have yet to write
+
+    void insert(const Part& part);
+    void forget(const PartId& id);
+    void setStoring(const PartId& id, bool isStoring);
+
+    // A directory, an empty file and a record of what was announced. An error text, or empty.
+    QString create(const Peer& sender, const OfferFrame& offer);
+
+    // Takes it from whoever holds it and removes it from the disk.
+    QString drop(const PartId& id);
+
+    // The oldest of those that nobody holds.
+    [[nodiscard]] std::vector<PartId> idle(const QString& shareKey) const;
+    [[nodiscard]] Share shareOf(const PartId& id) const;
+    void dropOldest(const Peer& peer, int keep);
+
+    // The part's file, for writing behind its first length bytes. Fails when it is shorter.
+    QString hold(const PartId& id, qint64 length, std::shared_ptr<PartHolding>* holding);
+
+    // For reading back, from its beginning.
+    QString open(const PartId& id, QFile* file) const;
+
+    [[nodiscard]] QString pathOf(const Part& part) const { return m_dir.absoluteFilePath(part.key); }
+    [[nodiscard]] QString contentPathOf(const Part& part) const { return pathOf(part) + QLatin1Char('/') + part.contentName; }
+
+private:
+    using Key = QPair<QString, quint64>;
+
+    static Key keyOf(const PartId& id) { return {id.peerKey, id.id}; }
+    QString fill(const Peer& sender, const OfferFrame& offer, Part* part);
+    void takeAway(const Part& part);
+
+    const QDir m_dir;
+    QHash<Key, Part> m_parts;
+    quint64 m_lastGeneration = 0;
+};
+
+} // namespace host

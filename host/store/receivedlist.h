@@ -1,0 +1,64 @@
+// Which messages were received: so that one that is sent again, because its acknowledgement
+// was lost, is acknowledged and not stored twice.
+//
+// A text file that is appended to, one line an entry:
+//   + <id> <sha256> <peer's key>   stored
+//   - <id> <peer's key>            not stored after all
+//   s <id> <peer's key>            the sender knows: it will not come again
+// Without a key (as it was written once): of whatever peer.
+// A line without its end was torn by a crash and does not count.
+#pragma once
+
+#include <QByteArray>
+#include <QFile>
+#include <QHash>
+#include <QPair>
+#include <QString>
+#include <QVector>
+
+namespace host {
+
+// Not locked: the store that owns it does that.
+class ReceivedList
+{
+public:
+    explicit ReceivedList(const QString& path) : m_path(path) {}
+
+    // Reads the file and writes it anew without what is no longer needed. An error text,
+    // empty on success (a file that does not exist is empty).
+    QString load();
+
+    [[nodiscard]] bool contains(const QString& peerKey, quint64 id, const QByteArray& sha256) const;
+    [[nodiscard]] QVector<quint64> unsettled(const QString& peerKey) const;
+
+    // On the disk when they return without an error text.
+    QString add(const QString& peerKey, quint64 id, const QByteArray& sha256);
+    QString takeBack(const QString& peerKey, quint64 id);
+
+    // Not synced: what gets lost is settled again.
+    void settle(const QString& peerKey, const QVector<quint64>& ids);
+
+private:
+    using Key = QPair<QString, quint64>; // two peers may use the same identifier
+
+    struct Entry
+    {
+        QByteArray sha256;
+        bool settled = false;
+        quint64 order = 0;
+    };
+
+    void apply(const QByteArray& line);
+    QString rewrite();
+    QString append(const QByteArray& lines, bool sync);
+    void apply(char kind, const Key& key);
+    [[nodiscard]] QVector<Key> keysInOrder() const;
+    [[nodiscard]] QString openForAppending(QFile* file) const;
+
+    const QString m_path;
+    QHash<Key, Entry> m_entries;
+    quint64 m_nextOrder = 0;
+    int m_linesInFile = 0;
+};
+
+} // namespace host

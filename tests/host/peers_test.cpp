@@ -1,0 +1,209 @@
+#include "host/channel/peers.h"
+#include "common/global.h"
+#include "host/installation/keypair.h"
+#include "host/installation/keytext.h"
+#include "tests/host/storetools.h"
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+using namespace host;
+using namespace hosttest;
+using Kind = PeerDirectory::Verdict::Kind;
+using Cause = PeerDirectory::Verdict::Cause;
+
+namespace {
+
+class PeersTest : public testing::Test
+{
+protected:
+    PeersTest()
+    {
+        for (const char* name : {"Bob", "Carol"}) {
+            EXPECT_EQ(book.change([&](AbonentRecords* records) {
+                Abonent abonent;
+                abonent.name = QString::fromLatin1(name);
+                records->abonents.append(abonent);
+                return QString();
+            }), QString());
+        }
+    }
+    std::unique_ptr<Peers> peers(bool acceptUnknown = false)
+    {
+        return std::make_unique<Peers>(&book, own, acceptUnknown, [this](const PeerNews& what) {
+            std::lock_guard<std::mutex> lock(mutex);
+            news.append(what);
+        });
+    }
+    // As another program does it.
+    void change(const AbonentBook::Change& change) { EXPECT_EQ(AbonentBook(path).change(change), QString()); }
+    void pin(int index, const QByteArray& key)
+    {
+        change([&](AbonentRecords* records) { return records->pin(index, key, Abonent::Pinned::ByHand); });
+    }
+
+    const QString path = Global::abonentsSettingsFilePath();
+    AbonentBook book{path};
+    const QByteArray own = KeyPair::generate().publicKey();
+    const QByteArray bobs = KeyPair::generate().publicKey();
+    const QByteArray other = KeyPair::generate().publicKey();
+    const QString bob = QStringLiteral("Bob");
+    std::mutex mutex;
+    QVector<PeerNews> news;
+};
+
+} // namespace
+
+TEST_F(PeersTest, ACallerIsWhoseKeyItHas)
+{
+    pin(0, bobs);
+    const auto directory = peers();
+    const auto verdict = directory->whoCalls(bobs);
+    EXPECT_EQ(verdict.kind, Kind::Proved);
+    EXPECT_EQ(verdict.abonent, bob);
+    EXPECT_TRUE(news.isEmpty());
+}
+
+TEST_F(PeersTest, AnUnknownCallerIsRefusedWithTheWayToLetItIn)
+{
+    const auto directory = peers();
+    const auto verdict = directory->whoCalls(other);
+    EXPECT_EQ(verdict.kind, Kind::Refused);
+    EXPECT_EQ(verdict.cause, Cause::UnknownKey);
+    EXPECT_TRUE(verdict.reason.contains(keyFingerprint(other)));
+    EXPECT_TRUE(verdict.reason.contains(QStringLiteral("--key ") + keyText(other)));
+    // A change counts at once.
+    pin(1, other);
+    EXPECT_EQ(directory->whoCalls(other).abonent, QStringLiteral("Carol"));
+}
+
+TEST_F(PeersTest, AnUnknownCallerIsUnprovedWhereThatIsAllowed)
+{
+    const auto directory = peers(true);
+    const auto verdict = directory->whoCalls(other);
+    EXPECT_EQ(verdict.kind, Kind::Unproved);
+    EXPECT_TRUE(verdict.abonent.contains(keyFingerprint(other)));
+    change([&](AbonentRecords* records) {
+        records->blockedKeys.append(other);
+        return QString();
+    });
+    EXPECT_EQ(directory->whoCalls(other).kind, Kind::Refused);
+    EXPECT_EQ(directory->whoCalls(other).cause, Cause::BlockedKey);
+}
+
+TEST_F(PeersTest, TheFirstAnswerToACallOfOursIsPinnedAndSaidOnce)
+{
+    const auto directory = peers();
+    EXPECT_EQ(directory->whoAnswers(QStringLiteral("BOB"), bobs).kind, Kind::Proved);
+    EXPECT_EQ(directory->whoAnswers(bob, bobs).kind, Kind::Proved);
+    ASSERT_EQ(news.size(), 1);
+    EXPECT_EQ(news.first().kind, PeerNews::Kind::Pinned);
+    EXPECT_EQ(news.first().abonent, bob);
+    EXPECT_EQ(news.first().answered, keyFingerprint(bobs));
+    AbonentRecords records;
+    ASSERT_EQ(AbonentBook(path).read(&records), QString());
+    EXPECT_EQ(records.abonents.first().key, bobs);
+    EXPECT_EQ(records.abonents.first().pinned, Abonent::Pinned::OnFirstCall);
+    EXPECT_EQ(directory->whoCalls(bobs).abonent, bob) << "and now it may call";
+}
+
+TEST_F(PeersTest, AnotherKeyLaterIsRefusedUntilTheOldOneIsForgotten)
+{
+    pin(0, bobs);
+    const auto directory = peers();
+    const auto verdict = directory->whoAnswers(bob, other);
+    EXPECT_EQ(verdict.kind, Kind::Refused);
+    EXPECT_EQ(verdict.cause, Cause::WrongKey);
+    ASSERT_EQ(news.size(), 1);
+    EXPECT_EQ(news.first().kind, PeerNews::Kind::KeyChanged);
+    EXPECT_EQ(news.first().pinned, keyFingerprint(bobs));
+    EXPECT_EQ(news.first().answered, keyFingerprint(other));
+    AbonentRecords records;
+    ASSERT_EQ(book.read(&records), QString());
+    EXPECT_EQ(records.abonents.first().key, bobs) << "nothing is changed by it";
+    EXPECT_TRUE(directory->keyTrouble(records.abonents.at(0)));
+    EXPECT_FALSE(directory->keyTrouble(records.abonents.at(1)));
+    change([](AbonentRecords* changed) {
+        changed->forgetKey(0);
+        return QString();
+    });
+    ASSERT_EQ(book.read(&records), QString());
+    EXPECT_FALSE(directory->keyTrouble(records.abonents.at(0)));
+    EXPECT_EQ(directory->whoAnswers(bob, other).kind, Kind::Proved);
+}
+
+TEST_F(PeersTest, TheRightKeyLaterEndsTheTrouble)
+{
+    pin(0, bobs);
+    const auto directory = peers();
+    EXPECT_EQ(directory->whoAnswers(bob, other).kind, Kind::Refused);
+    AbonentRecords records;
+    ASSERT_EQ(book.read(&records), QString());
+    EXPECT_TRUE(directory->keyTrouble(records.abonents.at(0)));
+    EXPECT_EQ(directory->whoAnswers(bob, bobs).kind, Kind::Proved);
+    EXPECT_FALSE(directory->keyTrouble(records.abonents.at(0)));
+}
+
+TEST_F(PeersTest, AnotherAbonentOrWeOurselvesAreNotPinned)
+{
+    pin(1, other);
+    const auto directory = peers();
+    const auto carol = directory->whoAnswers(bob, other);
+    EXPECT_EQ(carol.kind, Kind::Refused);
+    EXPECT_EQ(carol.cause, Cause::WrongKey);
+    EXPECT_TRUE(carol.reason.contains(QStringLiteral("'Carol' answered"))) << qPrintable(carol.reason);
+    EXPECT_EQ(directory->whoAnswers(bob, own).kind, Kind::Refused);
+    AbonentRecords records;
+    ASSERT_EQ(book.read(&records), QString());
+    EXPECT_EQ(records.abonents.first().key, QByteArray());
+    EXPECT_TRUE(news.isEmpty());
+}
+
+TEST_F(PeersTest, WhoIsBlockedGetsNowhere)
+{
+    pin(0, bobs);
+    change([](AbonentRecords* records) {
+        records->abonents[0].isBlocked = true;
+        return QString();
+    });
+    const auto directory = peers(true);
+    EXPECT_EQ(directory->whoCalls(bobs).cause, Cause::BlockedKey);
+    EXPECT_EQ(directory->whoCalls(bobs).kind, Kind::Refused);
+    EXPECT_EQ(directory->whoAnswers(bob, bobs).kind, Kind::Refused);
+}
+
+TEST_F(PeersTest, WithoutAReadableBookNobodyIsLetIn)
+{
+    pin(0, bobs);
+    const auto directory = peers(true);
+    writeFile(path, "damaged");
+    EXPECT_EQ(directory->whoCalls(bobs).cause, Cause::Failed);
+    EXPECT_EQ(directory->whoCalls(other).kind, Kind::Refused);
+    EXPECT_EQ(directory->whoAnswers(bob, bobs).kind, Kind::Refused);
+    QFile::remove(path);
+    EXPECT_EQ(directory->whoAnswers(bob, bobs).cause, Cause::Failed);
+    EXPECT_FALSE(QFile::exists(path));
+}
+
+// Several lines reach numbers of one abonent at the same moment; behind them stand several keys.
+TEST_F(PeersTest, OnlyOneOfSeveralFirstAnswersIsPinned)
+{
+    constexpr int lines = 4;
+    std::atomic<int> provedCount{0};
+    std::vector<std::thread> threads;
+    const auto directory = peers();
+    for (int i = 0; i < lines; ++i) {
+        threads.emplace_back([&] {
+            if (directory->whoAnswers(bob, KeyPair::generate().publicKey()).kind == Kind::Proved)
+                ++provedCount;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(provedCount, 1);
+    EXPECT_EQ(std::count_if(news.cbegin(), news.cend(), [](const PeerNews& what) { return what.kind == PeerNews::Kind::Pinned; }), 1);
+}

@@ -1,0 +1,164 @@
+// Two threads at one queue and at one inbox. Each test has many rounds and an invariant that
+// breaks without the lock; under the thread sanitizer a single unlocked access is enough.
+#include "tests/host/inboxfixture.h"
+#include "tests/host/sessionpair.h"
+
+#include <atomic>
+#include <thread>
+
+using namespace host;
+using namespace hosttest;
+
+class StoreThreads : public InboxFixture
+{
+};
+
+// Whatever they do at once, each message is claimed by one of them and delivered once.
+TEST_F(StoreThreads, EachMessageIsClaimedOnce)
+{
+    constexpr int messages = 200;
+    constexpr int workers = 3;
+    const auto store = open();
+    OutgoingQueue& queue = store->queue();
+    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    std::atomic<int> queued{0};
+    std::atomic<int> delivered{0};
+    std::atomic<bool> isWrong{false};
+    std::vector<std::atomic<int>> owners(messages + 1); // by the message's number
+    std::thread producer([&] {
+        for (int i = 0; i < messages; ++i) {
+            isWrong = isWrong || !queue.enqueue(bob.abonent, source).isEmpty();
+            ++queued;
+            queue.rescan();
+        }
+    });
+    std::vector<std::thread> threads;
+    for (int worker = 0; worker < workers; ++worker) {
+        threads.emplace_back([&, worker] {
+            char session = 0;
+            int turns = 0;
+            while (delivered < messages && !isWrong) {
+                const std::optional<OutgoingMessage> mine = store->claimNext(bob, &session);
+                if (!mine) {
+                    (void)queue.messages();
+                    queue.rescan();
+                    std::this_thread::yield();
+                    continue;
+                }
+                std::atomic<int>& owner = owners[mine->key.toUInt() % owners.size()];
+                if (owner.exchange(worker + 1) != 0)
+                    isWrong = true; // two have it
+                if (++turns % 4 == 0) {
+                    store->notDelivered(*mine, QStringLiteral("try %1").arg(turns), SessionStore::Fault::Remote);
+                    owner = 0;
+                    store->releaseAll(&session);
+                    continue;
+                }
+                if (!store->delivered(*mine).isEmpty())
+                    isWrong = true;
+                owner = 0;
+                ++delivered;
+            }
+        });
+    }
+    producer.join();
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_FALSE(isWrong);
+    EXPECT_EQ(delivered, messages) << "once each";
+    queue.rescan();
+    EXPECT_EQ(queue.messages().size(), 0);
+    EXPECT_EQ(paths.output.entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot), QStringList())
+        << "no reason brought a removed message's directory back";
+}
+
+// Two threads note reasons for a message that a third takes out.
+TEST_F(StoreThreads, AReasonDoesNotBringAMessageBack)
+{
+    const auto store = open();
+    OutgoingQueue& queue = store->queue();
+    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    for (int round = 0; round < 60; ++round) {
+        QueuedMessage message;
+        ASSERT_EQ(queue.enqueue(bob.abonent, source, &message), QString());
+        queue.rescan();
+        std::atomic<int> ready{0};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 2; ++i) {
+            threads.emplace_back([&, i] {
+                ++ready;
+                for (int k = 0; k < 5; ++k)
+                    queue.setReason(message, WaitReason{WaitReason::Kind::Other, 10 * i + k, {}, {}, {}});
+            });
+        }
+        while (ready < 2)
+            std::this_thread::yield();
+        EXPECT_EQ(queue.remove(message), QString());
+        for (std::thread& thread : threads)
+            thread.join();
+        ASSERT_EQ(paths.output.entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot), QStringList()) << round;
+    }
+}
+
+// Sessions that take the same message from one another, store and resume at will: it is in
+// the inbox once, whole, under its hash.
+TEST_F(StoreThreads, SessionsFightForOneMessage)
+{
+    const auto store = open();
+    std::atomic<int> foreign{0};
+    for (quint64 id = 1; id <= 40; ++id) {
+        const QByteArray content = randomBytes(3000, static_cast<unsigned>(id));
+        const OfferFrame offer = offerOf(id, QStringLiteral("f"), content);
+        std::vector<std::thread> threads;
+        for (int worker = 0; worker < 3; ++worker) {
+            threads.emplace_back([&, worker] {
+                while (!store->isStored(bob, id, offer.sha256)) {
+                    RefusedFrame why;
+                    QCryptographicHash hash(QCryptographicHash::Sha256);
+                    std::unique_ptr<IncomingFile> file;
+                    qint64 stands = 0;
+                    auto parts = store->parts(bob);
+                    if (worker != 0 && !parts.empty()) {
+                        const quint64 generation = parts[0]->generation();
+                        QString error;
+                        for (QByteArray piece; !(piece = parts[0]->readBack(500, &error)).isEmpty(); stands += piece.size())
+                            hash.addData(piece);
+                        OfferFrame rest = offer;
+                        rest.offset = stands;
+                        if (stands > 0 && stands <= offer.size && parts[0]->resume(rest, generation, &why))
+                            file = std::move(parts[0]);
+                    } else {
+                        file = store->beginIncoming(bob, offer, &why);
+                    }
+                    if (!file)
+                        continue;
+                    // Worker 2 is another sender under the same name: its bytes differ.
+                    const QByteArray mine = worker == 2 ? QByteArray(3000, 'x') : content;
+                    bool lost = false;
+                    for (qint64 at = stands; at < offer.size && !lost; at += 700) {
+                        const QByteArray piece = mine.mid(static_cast<int>(at), 700);
+                        lost = !file->append(piece).isEmpty();
+                        hash.addData(piece);
+                    }
+                    QString place;
+                    if (!lost && hash.result() == offer.sha256 && file->store(offer, &place).isEmpty() && sha256(readAll(place)) != offer.sha256)
+                        ++foreign;
+                    else if (!lost && worker == 2)
+                        file->discard();
+                }
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+    EXPECT_EQ(foreign, 0);
+    QHash<quint64, int> found;
+    for (const ReceivedMessage& message : store->inbox().messages()) {
+        ++found[message.id];
+        EXPECT_EQ(sha256(readAll(message.path)), message.sha256);
+    }
+    EXPECT_EQ(found.size(), 40);
+    for (const int count : found)
+        EXPECT_EQ(count, 1);
+    EXPECT_EQ(partNames(), QStringList());
+}
