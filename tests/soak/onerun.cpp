@@ -5,9 +5,11 @@
 
 #include <QCoreApplication>
 
+#include "tests/soak/hubrun.h"
 #include "tests/soak/linkrun.h"
 #include "tests/soak/runprocess.h"
 #include "tests/soak/sessionrun.h"
+#include "tests/support/seededrandomness.h"
 
 namespace soak {
 
@@ -22,6 +24,8 @@ RunResult run(const Scenario& scenario)
     case Kind::Session:
     case Kind::SessionToPlain:
         return runSessions(scenario);
+    case Kind::Hub:
+        return runHub(makeHubScenario(scenario.seed), QCoreApplication::applicationDirPath().toStdString() + "/../data/hub");
     }
     return RunResult();
 }
@@ -34,6 +38,7 @@ bool runAndReport(const Scenario& scenario)
     char name[] = "soak";
     char* argv[] = {name, nullptr};
     beginRunProcess();
+    testsupport::seedRandomness(scenario.seed);
     QCoreApplication application(argc, argv);
     const RunResult result = run(scenario);
     std::printf("figures %" PRId64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRId64 " %016" PRIx64 "\n", result.virtualNs,

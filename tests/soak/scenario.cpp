@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "tests/soak/hubscenario.h"
 #include "tests/soak/wire.h"
 
 namespace soak {
@@ -159,6 +160,7 @@ const char* kindName(Kind kind)
     case Kind::LinkToPlain: return "link-plain";
     case Kind::Session: return "session";
     case Kind::SessionToPlain: return "session-plain";
+    case Kind::Hub: return "hub";
     }
     return "";
 }
@@ -169,6 +171,8 @@ Scenario makeScenario(Kind kind, std::uint64_t seed)
     Scenario scenario;
     scenario.seed = seed;
     scenario.kind = kind;
+    if (kind == Kind::Hub) // draws for itself
+        return scenario;
     scenario.line = makeLine(rng);
     scenario.channel = makeChannel(rng);
     scenario.plainPeer[1] = kind == Kind::LinkToPlain || kind == Kind::SessionToPlain;
@@ -218,6 +222,8 @@ double slowestGoodput(const Scenario& scenario)
 
 std::string describe(const Scenario& scenario)
 {
+    if (scenario.kind == Kind::Hub)
+        return describe(makeHubScenario(scenario.seed));
     char text[400];
     std::snprintf(text, sizeof(text),
                   "%s %llu: %d bit/s, delay %d ms, depth %d, packet %d, write %d, queue %d, resend %d, confirm %d, "

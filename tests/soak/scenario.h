@@ -18,9 +18,10 @@ enum class Kind {
     LinkToPlain,  // ours and a peer without our safeguards, on a line that loses nothing
     Session,      // two sessions over our channels
     SessionToPlain, // two sessions, one over a peer without our safeguards
+    Hub,          // several installations and lines at once, over their real stores (hubscenario.h)
 };
 
-constexpr std::array<Kind, 4> allKinds = {Kind::Link, Kind::LinkToPlain, Kind::Session, Kind::SessionToPlain};
+constexpr std::array<Kind, 5> allKinds = {Kind::Link, Kind::LinkToPlain, Kind::Session, Kind::SessionToPlain, Kind::Hub};
 const char* kindName(Kind kind);
 
 enum class Content { Random, Zeros, StartSymbols, Escapes, Headers, Packets };

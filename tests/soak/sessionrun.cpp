@@ -4,8 +4,9 @@
 #include <map>
 #include <memory>
 
-#include "host/session.h"
+#include "host/session/session.h"
 #include "tests/host/memorystore.h"
+#include "tests/host/sealedpeer.h"
 #include "tests/soak/scenarioend.h"
 #include "tests/soak/scenariorun.h"
 #include "tests/soak/turns.h"
@@ -45,9 +46,11 @@ public:
         m_channel = makeChannel(&m_state);
         host::SessionSettings settings;
         settings.abonentName = QString::number(m_end);
-        settings.installationId = QByteArray(host::installationIdBytes, static_cast<char>(m_end + 1));
+        settings.identity = hosttest::testKey(m_end);
+        m_directory.everybodyElse = QString::number(1 - m_end);
+        const host::SessionCall call{m_end == 0, m_directory.everybodyElse};
         m_session = std::make_unique<host::Session>(
-            settings, &store, [this](const host::SessionEvent& event) { onEvent(event); }, steadyMs());
+            settings, call, &m_directory, &store, [this](const host::SessionEvent& event) { onEvent(event); }, steadyMs());
         beginTurnsNow();
     }
 
@@ -124,6 +127,7 @@ private:
     const Site* m_other = nullptr; // not owned
     testsupport::SilentState m_state;
     std::unique_ptr<CChannel> m_channel;
+    hosttest::TestDirectory m_directory;
     std::unique_ptr<host::Session> m_session;
     std::size_t m_inboxChecked = 0;
     std::map<quint64, int> m_timesStored;

@@ -74,7 +74,7 @@ const char usageText[] =
     "\n"
     "  --hours N       virtual hours to run (default 1)\n"
     "  --seed S        the first seed; the following runs count on from it (default 1)\n"
-    "  --kinds K,...   link, link-plain, session, session-plain (default: all, in turn)\n"
+    "  --kinds K,...   link, link-plain, session, session-plain, hub (default: all, in turn)\n"
     "  --replay FILE   the runs listed in FILE instead, one \"KIND SEED\" a line\n"
     "  --once KIND SEED    that run instead\n"
     "  --twice         every run twice, which must go the same way\n"

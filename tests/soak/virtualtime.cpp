@@ -42,6 +42,9 @@ bool virtualTime = false;
 std::atomic<std::int64_t> clockNs{0};
 std::int64_t wallOffsetNs = 0;
 World* world = nullptr; // not owned
+bool (*sleeperIsMeant)() = nullptr;
+void (*sleeper)(std::int64_t ns) = nullptr;
+FileCalls* fileCalls = nullptr; // not owned
 std::array<OpenDevice, 8> devices;
 
 OpenDevice* deviceOf(int fd)
@@ -205,7 +208,7 @@ int openPath(const char* path, int flags, mode_t mode)
         errno = ENOENT;
         return -1;
     }
-    return realCall(SYS_openat, AT_FDCWD, path, flags, mode);
+    return fileCalls ? fileCalls->open(path, flags, mode) : realCall(SYS_openat, AT_FDCWD, path, flags, mode);
 }
 
 bool needsMode(int flags)
@@ -239,7 +242,11 @@ int deviceControl(OpenDevice* open, unsigned long request, void* argument)
 
 int virtualSleep(std::int64_t ns)
 {
-    sleepUntilNs(look() + std::max<std::int64_t>(ns, 0));
+    const std::int64_t until = look() + std::max<std::int64_t>(ns, 0);
+    if (sleeper && sleeperIsMeant())
+        sleeper(until);
+    else
+        sleepUntilNs(until);
     return 0;
 }
 
@@ -257,6 +264,11 @@ std::int64_t soak::nowNs()
     return clockNs.load(std::memory_order_relaxed);
 }
 
+std::int64_t soak::wallClockOffsetNs()
+{
+    return wallOffsetNs;
+}
+
 void soak::stepWallClock(std::int64_t ms)
 {
     wallOffsetNs += ms * nsPerMs;
@@ -271,6 +283,17 @@ void soak::sleepUntilNs(std::int64_t ns)
 {
     while (nowNs() < ns)
         jumpTo(std::min(ns, world ? world->nextEventNs() : never));
+}
+
+void soak::setSleeper(bool (*isMeant)(), void (*sleepUntil)(std::int64_t ns))
+{
+    sleeperIsMeant = isMeant;
+    sleeper = sleepUntil;
+}
+
+void soak::setFileCalls(FileCalls* calls)
+{
+    fileCalls = calls;
 }
 
 void soak::setDevice(const char* path, SerialDevice* device)
@@ -426,7 +449,7 @@ INTERPOSED int close(int fd)
 {
     if (OpenDevice* open = deviceOf(fd))
         open->fd = -1;
-    return realCall(SYS_close, fd);
+    return fileCalls ? fileCalls->close(fd) : realCall(SYS_close, fd);
 }
 
 INTERPOSED ssize_t read(int fd, void* data, std::size_t size)
@@ -446,7 +469,7 @@ INTERPOSED ssize_t write(int fd, const void* data, std::size_t size)
 {
     OpenDevice* open = deviceOf(fd);
     if (!open)
-        return syscall(SYS_write, fd, data, size);
+        return fileCalls ? fileCalls->write(fd, data, size) : syscall(SYS_write, fd, data, size);
     jumpTo(look());
     const std::size_t taken = open->device->write(static_cast<const char*>(data), size);
     jumpTo(nowNs());

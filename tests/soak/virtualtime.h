@@ -55,12 +55,26 @@ public:
     virtual void flushOutput() = 0;
 };
 
+// What open(), write() and close() do with everything that is no simulated device. Each
+// answers as the function does, errno too.
+class FileCalls
+{
+public:
+    virtual ~FileCalls() = default;
+    virtual int open(const char* path, int flags, mode_t mode) = 0;
+    virtual ssize_t write(int fd, const void* data, std::size_t size) = 0;
+    virtual int close(int fd) = 0;
+};
+
+void setFileCalls(FileCalls* calls); // not owned; null: the kernel's
+
 constexpr char devicePrefix[] = "/dev/soak";
 
 // From here on time is simulated. wallClockMs: what the wall clock shows, since the epoch.
 void startVirtualTime(std::int64_t wallClockMs);
 
 std::int64_t nowNs();
+std::int64_t wallClockOffsetNs(); // what the wall clock shows beyond nowNs(), since the epoch
 void stepWallClock(std::int64_t ms); // either way; the monotonic clock does not notice
 
 // Not owned; null: nothing happens by itself.
@@ -68,6 +82,10 @@ void setWorld(World* world);
 
 // Waits, as nanosleep would.
 void sleepUntilNs(std::int64_t ns);
+
+// What sleeps instead, where isMeant says so: one of several stacks that share the thread,
+// which must let the others run. Null: nothing.
+void setSleeper(bool (*isMeant)(), void (*sleepUntil)(std::int64_t ns));
 
 // Makes path (below devicePrefix) open device (not owned); null takes it away.
 void setDevice(const char* path, SerialDevice* device);

@@ -63,6 +63,20 @@ QString testsupport::installRoot()
     return QString::fromLocal8Bit(std::getenv(rootVariable));
 }
 
+bool testsupport::isRootPrivate()
+{
+    fs::path current = fs::canonical(std::getenv(rootVariable));
+    for (;; current = current.parent_path()) {
+        struct stat status{};
+        if (stat(current.c_str(), &status) != 0 || (status.st_uid != 0 && status.st_uid != geteuid()))
+            return false;
+        if ((status.st_mode & (S_IWGRP | S_IWOTH)) && !(status.st_mode & S_ISVTX))
+            return false;
+        if (current == current.root_path())
+            return true;
+    }
+}
+
 unsigned testsupport::seed()
 {
     return static_cast<unsigned>(std::strtoul(std::getenv(seedVariable), nullptr, 10));

@@ -10,6 +10,10 @@ namespace testsupport {
 // The installation root of this process, without a trailing slash.
 QString installRoot();
 
+// Whether nobody but root and this user can put something else in the place of the root: not so
+// in the checkout of another user, say, that is mounted into a container.
+bool isRootPrivate();
+
 // The seed of this run: TEST_SEED from the environment, else drawn; printed when a test fails.
 unsigned seed();
 

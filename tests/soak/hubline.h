@@ -1,0 +1,75 @@
+// One line between two ports of a run with several: bytes take their time, arrive in order
+// and whole, and are gone when the line dies, of which each end learns when it learns it.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+
+#include <QByteArray>
+
+#include "tests/soak/hubscenario.h"
+
+namespace soak {
+
+// One way.
+class HubPipe
+{
+public:
+    HubPipe(int bitsPerSecond, std::int64_t delayNs);
+
+    int room(std::int64_t now) const; // bytes that a write takes now
+    void send(const QByteArray& bytes, std::int64_t now);
+    QByteArray take(std::int64_t now); // what has arrived
+    std::int64_t nextArrivalNs() const; // never: nothing is under way
+    std::int64_t lastArrivalNs(std::int64_t now) const;
+    void clear(); // what is under way is gone
+    // How the last call began that said anything.
+    const QByteArray& tapped() const { return m_said.isEmpty() ? m_saidEarlier : m_said; }
+    void setDead(bool dead) { m_dead = dead; } // what is sent from now on is gone
+    std::uint64_t bytesCarried() const { return m_carried; }
+
+private:
+    struct Flight
+    {
+        std::int64_t arrivalNs;
+        QByteArray bytes;
+    };
+    const std::int64_t m_nsPerByte;
+    const std::int64_t m_delayNs;
+    std::int64_t m_freeNs = 0;
+    bool m_dead = false;
+    std::uint64_t m_carried = 0;
+    std::deque<Flight> m_flights;
+    QByteArray m_said; // in this call, as far as anybody taps it
+    QByteArray m_saidEarlier;
+};
+
+class HubLine
+{
+public:
+    explicit HubLine(const HubScenario::LinePlan& plan);
+
+    const HubScenario::LinePlan plan;
+
+    // A call stands from connect() until both ends have hung up.
+    void connect();
+    bool stands() const { return m_stands; }
+    std::uint64_t call() const { return m_call; } // counts them
+    // That end is done with the call; the other one learns it lateNs behind what was sent.
+    void hangUp(int end, std::int64_t lateNs);
+    // Nothing gets through any more; each end learns it at its time, or never.
+    void die(std::int64_t firstLearnsNs, std::int64_t secondLearnsNs);
+    bool isLost(int end) const { return nowNs() >= m_learnsNs[end]; }
+    std::int64_t learnsNs(int end) const { return m_learnsNs[end]; }
+
+    HubPipe& from(int end) { return m_pipes[end]; }
+
+private:
+    HubPipe m_pipes[2]; // by the end that writes
+    bool m_stands = false;
+    bool m_hungUp[2] = {true, true};
+    std::int64_t m_learnsNs[2] = {never, never};
+    std::uint64_t m_call = 0;
+};
+
+} // namespace soak

@@ -1,0 +1,187 @@
+#include "tests/soak/hubport.h"
+
+#include <algorithm>
+
+#include "host/session/session.h"
+#include "tests/soak/hubhostile.h"
+#include "tests/soak/hubsite.h"
+
+namespace soak {
+
+namespace {
+
+constexpr std::int64_t lookNs = 250 * nsPerMs;
+constexpr int blockBytes = 1014;
+constexpr qint64 slackMs = 15000; // of a disk that takes its time, several calls one behind the other
+
+qint64 steadyMs()
+{
+    return nowNs() / nsPerMs;
+}
+
+host::Peer peerOf(const HubSite& site)
+{
+    host::Peer peer;
+    peer.abonent = site.name();
+    peer.publicKey = hosttest::testKey(site.index())->publicKey();
+    peer.isProved = true;
+    return peer;
+}
+
+} // namespace
+
+HubCalls::HubCalls(const HubScenario::LinePlan& plan, const HubScenario& scenario, std::uint64_t seed)
+    : m_scenario(scenario), m_line(plan), m_rng(seed)
+{
+}
+
+void HubCalls::start(Fibers* fibers, HubSite* first, HubSite* second, HubLine* tapped, HubLedger* ledger, Checks* checks)
+{
+    m_tapped = tapped;
+    m_ledger = ledger;
+    m_sites[0] = first;
+    m_sites[1] = second;
+    m_checks = checks;
+    for (const HubSite* site : m_sites) {
+        if (site)
+            m_directory.names[hosttest::testKey(site->index())->publicKey()] = site->name();
+    }
+    m_directory.acceptsUnknown = m_rng.chance(0.7);
+    fibers->start([this] { placeCalls(); });
+    for (int end = 0; end < 2; ++end) {
+        if (m_sites[end])
+            fibers->start([this, end] { servePort(end); }, m_sites[end]->process());
+    }
+    if (!second)
+        fibers->start([this] { beHostile(); });
+}
+
+// ---- the line ----
+
+void HubCalls::placeCalls()
+{
+    while (!m_over) {
+        const double pauseS = m_faultsOver ? 1 + 2 * m_rng.unit() : m_rng.logBetween(1, 30);
+        Fibers::sleepFor(static_cast<std::int64_t>(pauseS * nsPerS));
+        if (m_over || !isWanted())
+            continue;
+        m_line.connect();
+        watchCall();
+    }
+}
+
+bool HubCalls::isWanted() const
+{
+    if (!m_sites[0]->isUp())
+        return false;
+    if (!m_sites[1])
+        return !m_faultsOver;
+    if (!m_sites[1]->isUp())
+        return false;
+    return m_sites[0]->store().hasUnclaimed(peerOf(*m_sites[1])) || m_sites[1]->store().hasUnclaimed(peerOf(*m_sites[0]));
+}
+
+void HubCalls::watchCall()
+{
+    const bool isCut = !m_faultsOver && m_rng.chance(m_scenario.cutShare);
+    const std::int64_t cutNs = isCut ? nowNs() + static_cast<std::int64_t>(m_rng.logBetween(0.05, 120) * nsPerS) : never;
+    bool isDead = false;
+    while (m_line.stands()) {
+        const bool mustEnd = m_over || (m_faultsOver && (isDead || m_line.plan.isHostile));
+        if (mustEnd) {
+            m_line.die(nowNs(), nowNs());
+        } else if (!isDead && !m_faultsOver && nowNs() >= cutNs) {
+            cut();
+            isDead = true;
+        }
+        Fibers::sleepFor(lookNs);
+    }
+}
+
+// The ends learn it at once, one after the other, or not at all.
+void HubCalls::cut()
+{
+    ++m_faultsMade;
+    std::int64_t learnsNs[2];
+    for (std::int64_t& at : learnsNs) {
+        switch (m_rng.below(3)) {
+        case 0:
+            at = nowNs();
+            break;
+        case 1:
+            at = nowNs() + static_cast<std::int64_t>(m_rng.logBetween(0.01, 200) * nsPerS);
+            break;
+        default:
+            at = never;
+        }
+    }
+    m_line.die(learnsNs[0], learnsNs[1]);
+}
+
+// ---- the ends ----
+
+void HubCalls::servePort(int end)
+{
+    std::uint64_t served = 0;
+    while (!m_over) {
+        Fibers::sleepFor(lookNs);
+        if (!m_line.stands() || m_line.call() == served)
+            continue;
+        served = m_line.call();
+        if (m_sites[end]->isUp())
+            serveSession(end);
+        const std::int64_t lateNs = m_faultsOver || m_rng.chance(0.5) ? 0 : static_cast<std::int64_t>(m_rng.logBetween(0.01, 60) * nsPerS);
+        m_line.hangUp(end, lateNs);
+    }
+}
+
+void HubCalls::serveSession(int end)
+{
+    HubSite& site = *m_sites[end];
+    HubPipe& in = m_line.from(1 - end);
+    HubPipe& out = m_line.from(end);
+    site.sessionBegins();
+    host::SessionSettings settings;
+    settings.abonentName = site.name();
+    settings.identity = hosttest::testKey(site.index());
+    // Either end calls, in turn; a stranger is never called.
+    const bool isOutgoing = m_sites[1 - end] && m_line.call() % 2 == static_cast<std::uint64_t>(end);
+    const host::SessionCall call{isOutgoing, isOutgoing ? m_sites[1 - end]->name() : QString()};
+    const qint64 beganMs = steadyMs();
+    auto session = std::make_unique<host::Session>(
+        settings, call, &m_directory, &site.store(), [&site](const host::SessionEvent& event) { site.onEvent(event); }, steadyMs());
+    while (!session->isFinished() && site.isUp()) {
+        session->receive(in.take(nowNs()), steadyMs());
+        session->advance(steadyMs());
+        while (site.isUp() && out.room(nowNs()) > 0) {
+            const QByteArray bytes = session->takeOutput(std::min(blockBytes, out.room(nowNs())), steadyMs());
+            if (bytes.isEmpty() || !site.isUp())
+                break;
+            out.send(bytes, nowNs());
+        }
+        if (m_line.isLost(end) && in.nextArrivalNs() > nowNs())
+            session->connectionLost();
+        const std::int64_t next = std::min({in.nextArrivalNs(), nowNs() + site.tickMs() * nsPerMs, std::max(nowNs() + nsPerMs, m_line.learnsNs(end))});
+        if (!session->isFinished())
+            Fibers::sleepUntil(std::max(next, nowNs()));
+    }
+    if (!m_sites[1 - end] && steadyMs() - beganMs > settings.strangerMs + settings.closingMs + slackMs)
+        m_checks->violation("a stranger held a line for " + std::to_string((steadyMs() - beganMs) / 1000) + " s");
+    session.reset();
+    site.sessionEnds();
+}
+
+void HubCalls::beHostile()
+{
+    HubHostile hostile(&m_line, m_tapped, m_ledger, m_checks, &m_rng, m_directory.acceptsUnknown);
+    std::uint64_t served = 0;
+    while (!m_over) {
+        Fibers::sleepFor(lookNs);
+        if (!m_line.stands() || m_line.call() == served)
+            continue;
+        served = m_line.call();
+        hostile.call();
+    }
+}
+
+} // namespace soak

@@ -1,0 +1,46 @@
+// What one run with several lines does, drawn from a seed: installations, the lines between
+// them, their disks, what is sent, and what goes wrong how often.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/soak/rng.h"
+#include "tests/soak/virtualtime.h"
+
+namespace soak {
+
+struct HubScenario
+{
+    struct SitePlan
+    {
+        std::int64_t syncNs = 0;  // about so long the disk takes for a sync
+        std::int64_t callNs = 0;  // and for any other change
+        int tickMs = 100;         // how often a session looks at its line
+        std::int64_t maxMessageBytes = 0;
+        double messagesPerHour = 0;
+    };
+    struct LinePlan
+    {
+        int ends[2] = {0, 1}; // sites; the second one of a hostile line is nobody's
+        bool isHostile = false;
+        int bitsPerSecond = 9600;
+        std::int64_t delayNs = 0;
+    };
+
+    std::uint64_t seed = 0;
+    std::int64_t durationNs = 0; // with faults; a time without follows
+    std::vector<SitePlan> sites;
+    std::vector<LinePlan> lines;
+    int largestMessage = 0;
+    double cutShare = 0; // of the calls
+    double deathsPerHour = 0; // of each site
+    double powerShare = 0; // of the deaths: the whole machine
+    double fullPerHour = 0;
+};
+
+HubScenario makeHubScenario(std::uint64_t seed);
+std::string describe(const HubScenario& scenario);
+
+} // namespace soak

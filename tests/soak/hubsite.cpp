@@ -1,0 +1,185 @@
+#include "tests/soak/hubsite.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include <QCryptographicHash>
+
+#include "tests/soak/fibers.h"
+#include "tests/soak/hubpaths.h"
+
+namespace soak {
+
+namespace {
+
+constexpr std::int64_t lookNs = nsPerS;
+constexpr std::int64_t rescanNs = 5 * nsPerS;
+
+host::InboxLimits limitsOf(const HubScenario::SitePlan& plan)
+{
+    host::InboxLimits limits;
+    limits.maxMessageBytes = plan.maxMessageBytes;
+    return limits;
+}
+
+} // namespace
+
+HubSite::HubSite(int index, const HubScenario& scenario, const std::string& directory, HubLedger* ledger, Checks* checks)
+    : m_index(index), m_scenario(scenario), m_plan(scenario.sites[static_cast<std::size_t>(index)]), m_ledger(ledger), m_checks(checks),
+      m_name(QStringLiteral("Site%1").arg(index)), m_sources(directory + "/sources-" + std::to_string(index)),
+      m_disk(directory + "/disk-" + std::to_string(index), scenario.seed * 64 + static_cast<std::uint64_t>(index)),
+      m_rng(scenario.seed * 64 + 32 + static_cast<std::uint64_t>(index))
+{
+    std::filesystem::create_directories(m_sources);
+    m_disk.setTimes(m_plan.syncNs, m_plan.callNs);
+    ledger->addSite(m_disk.root(), m_name, m_plan.maxMessageBytes);
+}
+
+// ---- the process ----
+
+void HubSite::live()
+{
+    while (!m_over) {
+        beginProcess();
+        if (!m_disk.isDead() && m_up)
+            serve();
+        endProcess();
+    }
+}
+
+void HubSite::beginProcess()
+{
+    static int lastProcess = firstProcess;
+    m_process = ++lastProcess;
+    m_restart = false;
+    ++m_starts;
+    setProcessAlive(m_process, true);
+    setDiskOfProcess(m_process, &m_disk);
+    m_store = std::make_unique<host::MessageStore>(hubPaths(m_disk.root()), limitsOf(m_plan));
+    QString error;
+    m_store->open(&error);
+    m_up = error.isEmpty();
+    if (!m_up && !m_disk.isDead() && !m_disk.isFull())
+        m_checks->violation("the store does not open: " + error.toStdString());
+}
+
+void HubSite::serve()
+{
+    std::int64_t nextRescan = nowNs();
+    while (isUp() && !m_over && !m_restart) {
+        if (!m_wishes.empty())
+            queueNext();
+        if (nowNs() >= nextRescan) {
+            m_store->queue().rescan();
+            nextRescan = nowNs() + rescanNs;
+        }
+        Fibers::sleepFor(lookNs);
+    }
+}
+
+void HubSite::endProcess()
+{
+    m_up = false;
+    if (!m_disk.isDead() && m_rng.chance(0.5) && !m_over && !m_faultsOver)
+        m_disk.die();
+    while (m_sessions > 0)
+        Fibers::sleepFor(lookNs / 10);
+    m_store.reset();
+    setProcessAlive(m_process, false);
+    setDiskOfProcess(m_process, nullptr);
+    m_disk.restart(m_losesPower);
+    m_losesPower = false;
+    m_ledger->check();
+    if (!m_over)
+        Fibers::sleepFor(m_faultsOver ? nsPerS : static_cast<std::int64_t>(m_rng.logBetween(1, 60)) * nsPerS);
+}
+
+// ---- what it sends ----
+
+void HubSite::giveMessage(int to, int size)
+{
+    m_wishes.push_back({to, size});
+}
+
+// As another program does it, with a queue object of its own.
+void HubSite::queueNext()
+{
+    const Wish wish = m_wishes.front();
+    m_wishes.erase(m_wishes.begin());
+    SentMessage message;
+    message.from = m_index;
+    message.to = wish.to;
+    message.fileName = QStringLiteral("%1-%2").arg(m_index).arg(m_ledger->messages().size());
+    message.size = wish.size;
+    std::string bytes(static_cast<std::size_t>(wish.size), '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(m_rng.next());
+    message.sha256 = QCryptographicHash::hash(QByteArray(bytes.data(), wish.size), QCryptographicHash::Sha256);
+    const std::string path = m_sources + '/' + message.fileName.toStdString();
+    std::ofstream(path, std::ios::binary) << bytes;
+    const std::size_t index = m_ledger->add(message);
+    const host::StorePaths paths = hubPaths(m_disk.root());
+    host::OutgoingQueue queue(paths.output, paths.tasks);
+    host::QueuedMessage queued;
+    const QString error = queue.enqueue(m_ledger->nameOf(wish.to), QString::fromStdString(path), &queued);
+    m_ledger->message(index).id = queued.id;
+    // What is said behind its death nobody hears.
+    if (error.isEmpty() && !m_disk.isDead())
+        m_ledger->message(index).isQueued = true;
+    else if (!m_disk.isDead() && !m_disk.isFull() && m_faultsOver)
+        m_checks->violation("cannot queue: " + error.toStdString());
+    std::filesystem::remove(path);
+}
+
+void HubSite::onEvent(const host::SessionEvent& event)
+{
+    if (m_disk.isDead())
+        return;
+    m_checks->note(static_cast<std::uint64_t>(nowNs()));
+    m_checks->note(static_cast<std::uint64_t>(event.kind));
+    if (event.kind == host::SessionEvent::Kind::FileDelivered)
+        m_ledger->delivered(m_index, event.fileName);
+}
+
+// ---- what goes wrong ----
+
+void HubSite::suffer()
+{
+    const double rate = m_scenario.deathsPerHour + m_scenario.fullPerHour;
+    if (rate <= 0)
+        return;
+    while (!m_faultsOver) {
+        const double wait = -std::log1p(-m_rng.unit()) * 3600 / rate;
+        for (const std::int64_t until = nowNs() + static_cast<std::int64_t>(wait * nsPerS); nowNs() < until && !m_faultsOver;)
+            Fibers::sleepFor(std::min<std::int64_t>(until - nowNs(), 5 * nsPerS));
+        if (m_faultsOver)
+            return;
+        if (m_rng.unit() * rate < m_scenario.fullPerHour) {
+            fillDisk(static_cast<std::int64_t>(m_rng.logBetween(1, 120)) * nsPerS);
+        } else {
+            m_losesPower = m_rng.chance(m_scenario.powerShare);
+            if (m_rng.chance(0.8))
+                m_disk.dieAtCall(1 + static_cast<std::uint64_t>(m_rng.logBetween(1, 60)));
+            else
+                m_disk.die();
+        }
+    }
+}
+
+void HubSite::fillDisk(std::int64_t ns)
+{
+    m_disk.setFull(true);
+    for (const std::int64_t until = nowNs() + ns; nowNs() < until && !m_faultsOver;)
+        Fibers::sleepFor(std::min<std::int64_t>(until - nowNs(), nsPerS));
+    m_disk.setFull(false);
+}
+
+void HubSite::endFaults()
+{
+    m_faultsOver = true;
+    m_disk.setFull(false);
+    m_disk.dieAtCall(0); // no such call any more
+}
+
+} // namespace soak
