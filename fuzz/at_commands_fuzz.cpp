@@ -7,7 +7,7 @@
 
 #include "fuzz/check.h"
 #include "fuzz/input.h"
-#include "sim/modem.h"
+#include "sim/modem/modem.h"
 
 using fuzz::require;
 using namespace sim;

@@ -10,8 +10,10 @@
 
 #include "fuzz/check.h"
 #include "fuzz/input.h"
-#include "host/session.h"
+#include "host/session/session.h"
 #include "tests/host/memorystore.h"
+#include "tests/host/sealedpeer.h"
+#include "tests/support/seededrandomness.h"
 
 using fuzz::require;
 using namespace host;
@@ -39,14 +41,14 @@ QByteArray sha256(const QByteArray& bytes)
 class Listener
 {
 public:
-    explicit Listener(const std::map<quint64, QByteArray>* messages) : m_messages(messages) {}
+    Listener(const std::map<quint64, QByteArray>* messages, hosttest::SealedPeer* peer) : m_messages(messages), m_peer(peer) {}
 
     void hear(const QByteArray& bytes)
     {
-        m_reader.append(bytes);
+        m_peer->append(bytes);
         Frame frame;
         for (;;) {
-            switch (m_reader.next(&frame)) {
+            switch (m_peer->next(&frame)) {
             case FrameReader::Result::None:
                 return;
             case FrameReader::Result::Damaged:
@@ -60,6 +62,7 @@ public:
     }
 
     bool isStopped() const { return m_isStopped; }
+    bool wasOffered() const { return m_wasOffered; }
 
 private:
     void check(const Frame& frame)
@@ -68,6 +71,7 @@ private:
         switch (frame.type) {
         case FrameType::Offer: {
             require(!m_isOffered, "one message at a time");
+            m_wasOffered = true;
             OfferFrame offer;
             require(offer.decode(frame.payload), "an offer can be read");
             const auto found = m_messages->find(offer.messageId);
@@ -108,7 +112,8 @@ private:
     }
 
     const std::map<quint64, QByteArray>* m_messages; // not owned
-    FrameReader m_reader;
+    hosttest::SealedPeer* m_peer; // not owned
+    bool m_wasOffered = false;
     QByteArray m_content;
     int m_position = 0;
     bool m_isOffered = false;
@@ -127,12 +132,18 @@ public:
             m_store.standing[firstStandingId + static_cast<quint64>(i)] = standingPart(i);
         SessionSettings settings;
         settings.abonentName = QStringLiteral("Боб");
-        settings.installationId = QByteArray(16, 'h');
-        m_session = std::make_unique<Session>(settings, &m_store, [this](const SessionEvent& event) { onEvent(event); }, m_nowMs);
+        settings.identity = hosttest::testKey(1);
+        // Proved as a rule, else unproved or refused.
+        m_isProved = choice / 16 % 4 < 2;
+        if (m_isProved)
+            m_directory.everybodyElse = QStringLiteral("Mallory");
+        m_directory.acceptsUnknown = choice / 16 % 4 == 2;
+        m_session = std::make_unique<Session>(settings, SessionCall{}, &m_directory, &m_store, [this](const SessionEvent& event) { onEvent(event); }, m_nowMs);
     }
 
     void run()
     {
+        require(m_peer.shakeHands(m_session.get(), m_nowMs), "whoever has a key can shake hands");
         while (!m_input.atEnd() && !m_session->isFinished())
             act();
         finish();
@@ -173,7 +184,6 @@ private:
             break;
         case Hello: {
             HelloFrame hello;
-            hello.installationId = QByteArray(16, choice < 128 ? 'a' : 'z');
             hello.abonentName = QString::fromUtf8(m_input.run(m_input.byte() % 64));
             say(FrameType::Hello, hello.encode());
             break;
@@ -219,8 +229,8 @@ private:
             m_session->advance(m_nowMs);
             break;
         case StoreFault: {
-            const std::array<QString*, 4> faults{&m_store.refusal, &m_store.openError, &m_store.appendError, &m_store.storeError};
-            *faults[static_cast<std::size_t>(m_input.byte() % 4)] = choice < 128 ? QStringLiteral("the disk is full") : QString();
+            const std::array<QString*, 3> faults{&m_store.openError, &m_store.appendError, &m_store.storeError};
+            *faults[static_cast<std::size_t>(m_input.byte() % 3)] = choice < 128 ? QStringLiteral("the disk is full") : QString();
             m_store.refuseBegin = m_input.byte() % 4 == 3;
             break;
         }
@@ -271,7 +281,7 @@ private:
         say(FrameType::Offer, frame.encode());
     }
 
-    void say(FrameType type, const QByteArray& payload) { hear(m_writer.write(type, payload)); }
+    void say(FrameType type, const QByteArray& payload) { hear(m_peer.seal(type, payload)); }
 
     void hear(const QByteArray& bytes)
     {
@@ -303,6 +313,8 @@ private:
             m_session->connectionLost();
         }
         require(m_session->isFinished(), "every session ends");
+        require(m_isProved || !m_listener.wasOffered(), "nothing is handed out to a peer that is not proved");
+        require(m_isProved || m_directory.acceptsUnknown || m_store.inbox.empty(), "nothing is taken from a refused peer");
         require(m_session->endedWell() || !m_session->endReason().isEmpty(), "a session that ended badly says why");
         for (const auto& entry : m_store.outgoing)
             require(!entry.claimedBy, "what was not sent is free again");
@@ -316,9 +328,11 @@ private:
     fuzz::Input& m_input;
     hosttest::MemoryStore m_store;
     std::map<quint64, QByteArray> m_queued;
-    Listener m_listener{&m_queued};
+    hosttest::TestDirectory m_directory;
+    hosttest::SealedPeer m_peer{true};
+    Listener m_listener{&m_queued, &m_peer};
     std::unique_ptr<Session> m_session;
-    FrameWriter m_writer;
+    bool m_isProved = false;
     qint64 m_nowMs = 1000;
     qint64 m_saidBytes = 0;
     std::size_t m_stored = 0;
@@ -328,6 +342,7 @@ private:
 
 extern "C" __attribute__((visibility("default"))) int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
+    testsupport::seedRandomness(0); // the same input is the same run
     fuzz::Input input(data, size);
     HostilePeer(input).run();
     return 0;
