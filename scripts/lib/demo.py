@@ -93,10 +93,17 @@ class Installation:
         if done.returncode != 0:
             raise Failure(f"transport-host {' '.join(command)}: {done.stdout.decode(errors='replace').strip()}")
 
+    def key(self):
+        """The fingerprint to compare and the key to hand over."""
+        done = subprocess.run([str(self.program), "key", "--json"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        if done.returncode != 0:
+            raise Failure(f"transport-host key: {done.stderr.decode(errors='replace').strip()}")
+        return json.loads(done.stdout)
+
     def configure(self, peer):
         self.host("name", self.name)
         self.host("port", "add", str(self.port), "--baud", str(min(self.arguments.rate * 2, 4000000)))
-        self.host("abonent", "add", peer.name, "--number", peer.number)
+        self.host("abonent", "add", peer.name, "--number", peer.number, "--key", peer.key()["key"])
         if self.to_send:
             self.host("send", peer.name, *map(str, self.to_send))
 
@@ -105,7 +112,9 @@ class Installation:
         self.output = open(self.root / "output.txt", "wb")
         self.process = subprocess.Popen(
             [str(self.program), "run", "--plain", "--events", str(self.events_path), "--retry-seconds", "0.05",
-             "--exit-when-sent", "--exit-when-received", str(expected), "--timeout", str(timeout)],
+             "--exit-when-sent", "--exit-when-received", str(expected), "--timeout", str(timeout)]
+            # Kept ones lie where the user says, who may be somebody else than runs this with sudo.
+            + (["--allow-shared"] if self.arguments.keep else []),
             env=environment, stdin=subprocess.DEVNULL, stdout=self.output, stderr=subprocess.STDOUT)
 
     def read_events(self):
@@ -255,8 +264,10 @@ def column(text, width):
     return text + " " * max(0, width - len(text))
 
 
-def print_table(rows):
-    titles = ("file", "to", "bytes", "hash verified", "goodput B/s", "share of the line", "calls")
+FILE_TITLES = ("file", "to", "bytes", "hash verified", "goodput B/s", "share of the line", "calls")
+
+
+def print_table(rows, titles=FILE_TITLES):
     widths = [max(len(str(row[i])) for row in [titles, *rows]) for i in range(len(titles))]
     print()
     print("  ".join(column(title, width) for title, width in zip(titles, widths)))
@@ -345,6 +356,8 @@ def run(arguments, directory):
             host.lay_out()
         north.configure(south)
         south.configure(north)
+        for host in hosts:
+            print(f"{host.name} is known by its key {host.key()['fingerprint']}")
         north.start(len(south.to_send), exchange.lines_table, timeout)
         south.start(len(north.to_send), exchange.lines_table, timeout)
         progress = Progress()

@@ -5,7 +5,9 @@
 tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
 # What building, testing and demonstrating need beyond a bare Debian 12.
-packages_build=(g++ cmake ninja-build ccache qtbase5-dev libqt5serialport5-dev libgtest-dev libgmock-dev python3 binutils)
+packages_build=(g++ cmake ninja-build ccache qtbase5-dev libqt5serialport5-dev libsodium-dev libgtest-dev libgmock-dev python3 binutils)
+# What the tests need besides: two implementations of the handshake that are not ours.
+packages_test=(python3-dissononce golang-github-flynn-noise-dev)
 
 say() { printf '%s\n' "$*" >&2; }
 fail() { say "error: $*"; exit 1; }
@@ -29,7 +31,7 @@ as_root() {
 
 # install_missing PACKAGE...: nothing to do, and no network, when all are there.
 install_missing() {
-    command -v dpkg-query >/dev/null || fail "this script sets up Debian 12 machines; elsewhere install CMake 3.21, Ninja, a C++17 compiler, Qt 5.15 (Core, SerialPort) and GoogleTest by hand and see README.md"
+    command -v dpkg-query >/dev/null || fail "this script sets up Debian 12 machines; elsewhere install CMake 3.21, Ninja, a C++17 compiler, Qt 5.15 (Core, SerialPort), libsodium 1.0.18 and GoogleTest by hand and see README.md"
     mapfile -t missing < <(missing_packages "$@")
     [ "${#missing[@]}" -eq 0 ] && return
     say "installing: ${missing[*]}"
