@@ -36,6 +36,7 @@ install(FILES
         plugin/cchannelplugin.h
         plugin/cchannelserver.h
         plugin/channelapi_export.h
+        plugin/comcalltexts.h
         plugin/entrypoints.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/transportCom/plugin
     COMPONENT development)

@@ -4,7 +4,7 @@
 
 #include <poll.h>
 
-#include "sim/moments.h"
+#include "sim/line/moments.h"
 
 namespace benchline {
 

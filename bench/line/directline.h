@@ -7,9 +7,9 @@
 #include <QJsonObject>
 #include <QString>
 
-#include "sim/backlog.h"
-#include "sim/line.h"
-#include "sim/ptyendpoint.h"
+#include "sim/pty/backlog.h"
+#include "sim/line/line.h"
+#include "sim/pty/ptyendpoint.h"
 
 namespace benchline {
 

@@ -8,8 +8,8 @@
 
 #include "bench/line/directline.h"
 #include "bench/line/latenesswatch.h"
-#include "sim/linetable.h"
-#include "sim/stopsignals.h"
+#include "sim/pty/linetable.h"
+#include "sim/program/stopsignals.h"
 
 namespace {
 

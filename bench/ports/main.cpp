@@ -19,7 +19,7 @@
 #include <QJsonObject>
 
 #include "bench/ports/threadtimes.h"
-#include "sim/exchange.h"
+#include "sim/exchange/exchange.h"
 #include "tests/stress/resources.h"
 #include "tests/stress/stressbed.h"
 #include "tests/support/deadline.h"

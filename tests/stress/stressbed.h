@@ -11,7 +11,7 @@
 #include <QStringList>
 #include <QThread>
 
-#include "sim/exchange.h"
+#include "sim/exchange/exchange.h"
 #include "tests/boundary/serverfixture.h"
 #include "tests/stress/portboard.h"
 #include "tests/stress/traffic.h"

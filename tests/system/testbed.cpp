@@ -154,14 +154,29 @@ int Installation::command(const QStringList& arguments)
     return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
 
+void Installation::addSettings(const QByteArray& lines)
+{
+    QFile file(m_root + QStringLiteral("/settings/settings.ini"));
+    EXPECT_TRUE(file.open(QIODevice::Append) && file.write('\n' + lines) == lines.size() + 1) << file.errorString().toStdString();
+}
+
 void Installation::addPort(const QString& port)
 {
     EXPECT_EQ(command({QStringLiteral("port"), QStringLiteral("add"), port}), 0) << output().toStdString();
 }
 
+QString Installation::key() const
+{
+    QProcess process;
+    process.start(m_root + QStringLiteral("/bin/transport-host"), {QStringLiteral("key"), QStringLiteral("--text")});
+    EXPECT_TRUE(process.waitForFinished(commandDeadlineMs));
+    return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+}
+
 void Installation::addAbonent(const Installation& peer, const QString& number)
 {
-    EXPECT_EQ(command({QStringLiteral("abonent"), QStringLiteral("add"), peer.name(), QStringLiteral("--number"), number}), 0)
+    EXPECT_EQ(command({QStringLiteral("abonent"), QStringLiteral("add"), peer.name(), QStringLiteral("--number"), number,
+                       QStringLiteral("--key"), peer.key()}), 0)
         << output().toStdString();
 }
 
@@ -187,7 +202,7 @@ void Installation::run(const PhoneExchange& exchange, const QStringList& options
     m_process->start(m_root + QStringLiteral("/bin/transport-host"),
                      QStringList{QStringLiteral("run"), QStringLiteral("--plain"), QStringLiteral("--retry-seconds"), QStringLiteral("0.03"),
                                  QStringLiteral("--events"), m_root + QStringLiteral("/events.json")}
-                         + options);
+                         + (isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) + options);
     EXPECT_TRUE(m_process->waitForStarted(startDeadlineMs));
 }
 

@@ -53,7 +53,13 @@ public:
     int command(const QStringList& arguments);
     QString output() const { return m_output; }
 
+    // Lines for settings.ini, before the first run.
+    void addSettings(const QByteArray& lines);
+    // By which the others know it.
+    QString key() const;
+
     void addPort(const QString& port);
+    // With its key.
     void addAbonent(const Installation& peer, const QString& number);
     void send(const Installation& peer, const QStringList& files);
 

@@ -1,5 +1,6 @@
 // The recommended settings on simulated lines, in simulated time: they get what the rule
 // promises.
+#include <cstdio>
 #include <fstream>
 
 #include <QDir>
@@ -58,6 +59,34 @@ TEST_P(RecommendedSettings, GetWhatTheRulePromises)
     if (c.bothWays) {
         EXPECT_GE(outcome.share[1], expected.bothWays - margin);
     }
+}
+
+// The handshake, the greetings, what each side has got, and the first offer.
+TEST(SessionOpening, IsSoonOverOnTheSlowestLine)
+{
+    measure::Course course;
+    course.line.rate = 1200;
+    course.line.delayMs = 300;
+    course.bytes[0] = 1; // so that nothing else is on the line
+    const tune::LinkProfile profile = tune::recommendedProfile(course.line);
+    const QString settingsDir = testsupport::installRoot() + QStringLiteral("/settings");
+    ASSERT_TRUE(QDir().mkpath(settingsDir));
+    std::ofstream(settingsDir.toStdString() + "/settings.ini") << soak::settingsText(measure::channelSettings(profile));
+
+    soak::beginRunProcess();
+    const measure::Outcome outcome = measure::run(course, profile);
+    EXPECT_EQ(outcome.error, "");
+    const auto tell = [](const char* what, const measure::Outcome::Moment& moment) {
+        std::printf("%s after %.2f s, %lld bytes carried from the caller, %lld from the answerer\n", what, moment.seconds,
+                    static_cast<long long>(moment.bytes[0]), static_cast<long long>(moment.bytes[1]));
+    };
+    tell("both proved", outcome.bothProved);
+    tell("first offer", outcome.firstOffer);
+    // Three times across the line, and the handshake's bytes, at 120 a second.
+    EXPECT_GT(outcome.bothProved.seconds, 3 * 0.3 + (50 + 114 + 65) / 120.0);
+    EXPECT_LT(outcome.bothProved.seconds, 6);
+    EXPECT_LT(outcome.firstOffer.seconds, 10);
+    EXPECT_LT(outcome.firstOffer.bytes[0] + outcome.firstOffer.bytes[1], 1000);
 }
 
 // What is not measured must not be told as if it were.

@@ -9,9 +9,10 @@
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "common/csettings.h"
-#include "host/session.h"
-#include "host/sessionpass.h"
+#include "host/session/session.h"
+#include "host/channel/sessionpass.h"
 #include "tests/host/memorystore.h"
+#include "tests/host/sealedpeer.h"
 #include "tests/soak/line.h"
 #include "tests/soak/rng.h"
 #include "tests/soak/turns.h"
@@ -46,8 +47,11 @@ public:
         m_channel = std::make_unique<CComChannel>(&m_port, &m_state, end);
         host::SessionSettings settings;
         settings.abonentName = QString::number(end);
-        settings.installationId = QByteArray(host::installationIdBytes, static_cast<char>(end + 1));
-        m_session = std::make_unique<host::Session>(settings, &store, [](const host::SessionEvent&) {}, nowMs());
+        settings.identity = hosttest::testKey(end);
+        m_directory.everybodyElse = QString::number(1 - end);
+        const host::SessionCall call{end == 0, m_directory.everybodyElse};
+        m_session = std::make_unique<host::Session>(settings, call, &m_directory, &store,
+                                                    [this](const host::SessionEvent& event) { note(event); }, nowMs());
         m_pass = std::make_unique<host::SessionPass>(m_session.get(), m_channel.get(), profile.maxBytesToWrite, nowMs);
     }
 
@@ -55,6 +59,8 @@ public:
 
     bool isOpen() const { return m_isOpen; }
     std::int64_t nextTurnNs() const { return m_nextTurnNs; }
+    bool knowsPeer() const { return m_knowsPeer; }
+    bool wasOffered() const { return m_wasOffered; }
     QString endReason() const { return m_session->isFinished() ? m_session->endReason() : QString(); }
 
     void turn()
@@ -74,6 +80,12 @@ public:
 private:
     static qint64 nowMs() { return nowNs() / nsPerMs; }
 
+    void note(const host::SessionEvent& event)
+    {
+        m_knowsPeer = m_knowsPeer || event.kind == host::SessionEvent::Kind::PeerNamed;
+        m_wasOffered = m_wasOffered || (event.kind == host::SessionEvent::Kind::FileBegun && !event.outgoing);
+    }
+
     void schedulePause()
     {
         m_nextPauseNs = nowNs() + static_cast<std::int64_t>(m_rng.below(2 * meanBetweenPausesNs));
@@ -86,9 +98,12 @@ private:
     QSerialPort m_port;
     bool m_isOpen = false;
     std::unique_ptr<CComChannel> m_channel;
+    hosttest::TestDirectory m_directory;
     std::unique_ptr<host::Session> m_session;
     std::unique_ptr<host::SessionPass> m_pass;
     std::int64_t m_nextTurnNs = 0;
+    bool m_knowsPeer = false;
+    bool m_wasOffered = false;
 };
 
 soak::LineSettings lineSettings(const Course& course)
@@ -156,6 +171,10 @@ public:
         while (!isDone) {
             End& end = soak::awaitNextTurn(m_ends);
             end.turn();
+            if (m_ends[0].knowsPeer() && m_ends[1].knowsPeer())
+                noteMoment(startNs, &outcome.bothProved);
+            if (end.wasOffered())
+                noteMoment(startNs, &outcome.firstOffer);
             isDone = true;
             for (int from = 0; from < 2; ++from)
                 isDone = note(from, startNs, &outcome) && isDone;
@@ -169,6 +188,15 @@ public:
 
 private:
     double bytesPerS() const { return static_cast<double>(m_course.line.rate) / bitsPerByteOnLine; }
+
+    void noteMoment(std::int64_t startNs, Outcome::Moment* moment)
+    {
+        if (moment->seconds > 0)
+            return;
+        moment->seconds = static_cast<double>(nowNs() - startNs) / nsPerS;
+        for (int from = 0; from < 2; ++from)
+            moment->bytes[from] = m_line.from(from).bytesCarried();
+    }
 
     // Whether the file from that end has arrived; when it just has, takes the figures down.
     bool note(int from, std::int64_t startNs, Outcome* outcome)

@@ -25,6 +25,14 @@ struct Outcome
     std::string error; // empty: all files arrived bit-exact
     std::array<double, 2> share{}; // of rate / 10, from that end, the session's opening counted
     std::array<double, 2> busy{};  // share of the time in which the line carried bytes from that end
+
+    struct Moment
+    {
+        double seconds = 0; // since the connection stands
+        std::array<std::int64_t, 2> bytes{}; // carried by then from that end, packets, repeats and confirmations
+    };
+    Moment bothProved; // each end has heard who the other is
+    Moment firstOffer; // has arrived
 };
 
 soak::ChannelSettings channelSettings(const tune::LinkProfile& profile);
