@@ -1,13 +1,5 @@
 #include "com/ccomchannel.h"
 
-#include <algorithm>
-#include <bitset>
-#include <utility>
-
-#include <QDateTime>
-#include <QSerialPort>
-#include <QThread>
-
 #include "com/ccomsettings.h"
 #include "com/linkrules.h"
 #include "com/portwait.h"
@@ -16,10 +8,18 @@
 #include "common/logger.h"
 #include "plugin/cabstractchannelsstate.h"
 
+#include <QDateTime>
+#include <QSerialPort>
+#include <QThread>
+
+#include <algorithm>
+#include <bitset>
+#include <utility>
+
 namespace {
 
 constexpr int readWaitMs = 10;
-constexpr int writtenWaitMs = 10;       // after each packet
+constexpr int writtenWaitMs = 10; // after each packet
 constexpr int newPacketRoomWaitMs = 50; // no room for a packet
 constexpr int repeatRoomWaitMs = 100;
 
@@ -148,7 +148,8 @@ void CComChannel::computePackets()
     for (bool found = true; found;) {
         CComPacket packet;
         int end = 0;
-        found = packet.cut(m_receiveBuffer.constData() + taken, m_receiveBuffer.size() - taken, &end) == CComPacket::Cut::Packet;
+        found = packet.cut(m_receiveBuffer.constData() + taken, m_receiveBuffer.size() - taken, &end) ==
+                CComPacket::Cut::Packet;
         taken += end;
         if (found)
             computePacket(packet);
@@ -243,8 +244,9 @@ void CComChannel::sendQueue()
     static const int resendIntervalMs = CSettings().detailsTransportComResendInterval();
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
     const int packetSize = currentPacketSize(); // what a host offers to one write
-    const int newPacketsLimit = std::min(m_sendWindow.newPacketsLimit(m_sendQueue),
-                                         SendWindow::writeLimit(packetSize, linkrules::blockSize(packetSize, maxBytesToWrite)));
+    const int newPacketsLimit =
+        std::min(m_sendWindow.newPacketsLimit(m_sendQueue),
+                 SendWindow::writeLimit(packetSize, linkrules::blockSize(packetSize, maxBytesToWrite)));
     const quint8 oldest = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
     quint8 previous = oldest;
     int ahead = 0; // of the oldest; does not wrap, however long the queue

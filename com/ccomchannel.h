@@ -2,14 +2,14 @@
 // and repeats. docs/link-protocol.md tells the life of a packet.
 #pragma once
 
+#include "com/ccompacket.h"
+#include "com/sendwindow.h"
+#include "plugin/cchannel.h"
+
 #include <QByteArray>
 #include <QElapsedTimer>
 #include <QList>
 #include <QSet>
-
-#include "com/ccompacket.h"
-#include "com/sendwindow.h"
-#include "plugin/cchannel.h"
 
 class CAbstractChannelsState;
 class QSerialPort;
@@ -61,18 +61,18 @@ private:
     void discardInput();
     bool waitForOk(int timeoutMs);
 
-    QSerialPort* m_port;                     // not owned
+    QSerialPort* m_port; // not owned
     CAbstractChannelsState* m_channelsState; // not owned
     int m_channelIndex;
     bool m_connected = true;
-    QByteArray m_received;         // in order, waiting for read()
-    QByteArray m_receiveBuffer;    // from the port, not yet cut into packets
+    QByteArray m_received; // in order, waiting for read()
+    QByteArray m_receiveBuffer; // from the port, not yet cut into packets
     QList<CComPacket> m_sendQueue; // oldest first, until confirmed
-    QList<CComPacket> m_held;      // arrived ahead of a gap
-    quint8 m_nextNumber = 1;       // of the next data packet written
-    quint8 m_expectedNumber = 1;   // of the next data packet to deliver
-    int m_queuedBytes = 0;         // payload bytes in the send queue
-    QSet<quint8> m_toConfirm;      // received and not yet confirmed
+    QList<CComPacket> m_held; // arrived ahead of a gap
+    quint8 m_nextNumber = 1; // of the next data packet written
+    quint8 m_expectedNumber = 1; // of the next data packet to deliver
+    int m_queuedBytes = 0; // payload bytes in the send queue
+    QSet<quint8> m_toConfirm; // received and not yet confirmed
     QElapsedTimer m_confirmationTimer; // since the last confirmation, at first since construction
     SendWindow m_sendWindow;
 };

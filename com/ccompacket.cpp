@@ -1,18 +1,18 @@
 #include "com/ccompacket.h"
 
-#include <cstring>
+#include "com/crc.h"
 
 #include <QDebug>
 #include <QtEndian>
 
-#include "com/crc.h"
+#include <cstring>
 
 namespace {
 
 bool isHeader(const char* position)
 {
-    return crc16(position, CComPacket::headerCheckOffset)
-        == qFromLittleEndian<quint16>(position + CComPacket::headerCheckOffset);
+    return crc16(position, CComPacket::headerCheckOffset) ==
+           qFromLittleEndian<quint16>(position + CComPacket::headerCheckOffset);
 }
 
 // The first start symbol at or after from whose header check holds; end if there is none
@@ -20,8 +20,8 @@ bool isHeader(const char* position)
 const char* findHeader(const char* from, const char* end)
 {
     while (from < end) {
-        from = static_cast<const char*>(
-            std::memchr(from, CComPacket::startSymbol, static_cast<std::size_t>(end - from)));
+        from =
+            static_cast<const char*>(std::memchr(from, CComPacket::startSymbol, static_cast<std::size_t>(end - from)));
         if (!from)
             return end;
         if (isHeader(from))

@@ -18,7 +18,7 @@ public:
     static constexpr char startSymbol = 0x7C;
     static constexpr int typeOffset = 1;
     static constexpr int numberOffset = 2;
-    static constexpr int lengthOffset = 3;                     // 2 bytes: the payload's
+    static constexpr int lengthOffset = 3; // 2 bytes: the payload's
     static constexpr int headerCheckOffset = lengthOffset + 2; // 2 bytes: crc16 of what stands before it
     static constexpr int headerSize = headerCheckOffset + 2;
     static constexpr int payloadCheckSize = 4; // crc32 of header and payload, if there is a payload
@@ -34,18 +34,19 @@ public:
     // same, and this object may have changed.
     bool readPacket(QByteArray* buffer);
 
-    enum class Cut {
-        Packet,     // one was taken; it ends at *end
+    enum class Cut
+    {
+        Packet, // one was taken; it ends at *end
         Incomplete, // one has begun at *end; the bytes in front of it need no second look
-        Nothing,    // what comes next may make a packet of the bytes from *end on
+        Nothing, // what comes next may make a packet of the bytes from *end on
     };
 
     // The same over bytes that stay where they are.
     Cut cut(const char* buffer, int size, int* end);
 
     quint8 type = DataPacket; // a PacketType; other values travel, and are ignored
-    quint8 number = 0;        // of a data packet: 255 is followed by 0
-    QByteArray data;          // payload: a slice of the stream, or one confirmed number a byte
-    QByteArray bytes;         // the wire image
-    qint64 sentTime = 0;      // last written, ms since the epoch; 0: never. Not on the wire
+    quint8 number = 0; // of a data packet: 255 is followed by 0
+    QByteArray data; // payload: a slice of the stream, or one confirmed number a byte
+    QByteArray bytes; // the wire image
+    qint64 sentTime = 0; // last written, ms since the epoch; 0: never. Not on the wire
 };

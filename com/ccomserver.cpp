@@ -1,14 +1,5 @@
 #include "com/ccomserver.h"
 
-#include <algorithm>
-
-#include <QDeadlineTimer>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QMutexLocker>
-#include <QSerialPort>
-#include <QThread>
-
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "com/comsettings.h"
@@ -19,6 +10,15 @@
 #include "plugin/cabstractchannelsstate.h"
 #include "plugin/cabstractjournal.h"
 #include "plugin/comcalltexts.h"
+
+#include <QDeadlineTimer>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QMutexLocker>
+#include <QSerialPort>
+#include <QThread>
+
+#include <algorithm>
 
 namespace {
 

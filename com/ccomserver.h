@@ -2,12 +2,12 @@
 // routing of the host's calls, hang-ups and keep-alives to them.
 #pragma once
 
+#include "com/ccomthread.h"
+#include "plugin/cchannelserver.h"
+
 #include <QList>
 #include <QMutex>
 #include <QString>
-
-#include "com/ccomthread.h"
-#include "plugin/cchannelserver.h"
 
 // How long internalStop() waits for the workers: 90 % of the host's own stop budget, so
 // that the rest is left for cleaning up. The product is one of single precision: in
@@ -34,7 +34,7 @@ public:
 
     // Polled from any thread.
     bool hasFreeChannel() const override; // a worker is free
-    bool isHardwareOn() const override;   // a worker's device has answered
+    bool isHardwareOn() const override; // a worker's device has answered
     bool canCheckOnline() const override; // never
 
     void start() override;

@@ -1,11 +1,11 @@
 // The channel's own settings: its serial ports and the link's block size.
 #pragma once
 
+#include "com/comsettings.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QString>
-
-#include "com/comsettings.h"
 
 struct ChannelComSettings
 {

@@ -1,10 +1,5 @@
 #include "com/ccomthread.h"
 
-#include <utility>
-
-#include <QElapsedTimer>
-#include <QMutexLocker>
-
 #include "com/ccomchannel.h"
 #include "com/ccomserver.h"
 #include "com/modemdialogue.h"
@@ -20,6 +15,11 @@
 #include "plugin/cabstractjournal.h"
 #include "plugin/cabstractprotocol.h"
 #include "plugin/comcalltexts.h"
+
+#include <QElapsedTimer>
+#include <QMutexLocker>
+
+#include <utility>
 
 namespace {
 
@@ -59,9 +59,7 @@ bool runsLongerThan(const QElapsedTimer& timer, int timeoutMs)
 
 } // namespace
 
-CComThread::CComThread(const ComPortSettings& settings, CComServer* server) : m_settings(settings), m_server(server)
-{
-}
+CComThread::CComThread(const ComPortSettings& settings, CComServer* server) : m_settings(settings), m_server(server) {}
 
 CComThread::~CComThread() = default;
 
@@ -214,7 +212,7 @@ void CComThread::waitForDevice(PortSession& session)
     session.lines = modemLines(session.port);
     if (session.lines.testFlag(QSerialPort::DataSetReadySignal)) {
         writeLog(QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(m_settings.portName),
-            DebugTransportComAtCommands);
+                 DebugTransportComAtCommands);
         report(QStringLiteral("Устройство включено"));
         moveState(WaitingForDevice, CheckingDevice);
     } else if (!closeVanishedPort(session.port)) {
@@ -279,9 +277,7 @@ void CComThread::readCheckAnswer(PortSession& session)
         noAnswerPause.reset();
         break;
     case ResponseNone:
-    case ResponseAtEcho:
-        dropEndlessInput(session.port);
-        break;
+    case ResponseAtEcho: dropEndlessInput(session.port); break;
     case ResponseUnknown:
     case ResponseError:
     case ResponseBusy:
@@ -326,8 +322,8 @@ void CComThread::serveFreeLine(PortSession& session)
         return;
     // This look serves the test for the loss of DSR at the end of the pass as well.
     session.lines = modemLines(session.port);
-    if (session.lines.testFlag(QSerialPort::RingIndicatorSignal) || std::exchange(session.hasRung, false)
-        || readModemResponse(session.port, session.lastAnswer) == ResponseRing) {
+    if (session.lines.testFlag(QSerialPort::RingIndicatorSignal) || std::exchange(session.hasRung, false) ||
+        readModemResponse(session.port, session.lastAnswer) == ResponseRing) {
         answerCall(session);
         return;
     }
@@ -372,18 +368,11 @@ void CComThread::awaitConnect(PortSession& session)
     const bool isOutgoing = !abonentName().isEmpty();
     bool hasFailed = false;
     switch (readModemResponse(session.port, session.lastAnswer)) {
-    case ResponseConnect:
-        runConnection(session);
-        return;
+    case ResponseConnect: runConnection(session); return;
     case ResponseNone:
-    case ResponseUnknown:
-        break;
-    case ResponseDialEcho:
-        hasFailed = !isOutgoing;
-        break;
-    case ResponseAnswerEcho:
-        hasFailed = isOutgoing;
-        break;
+    case ResponseUnknown: break;
+    case ResponseDialEcho: hasFailed = !isOutgoing; break;
+    case ResponseAnswerEcho: hasFailed = isOutgoing; break;
     case ResponseError:
     case ResponseOk:
     case ResponseBusy:
@@ -391,9 +380,7 @@ void CComThread::awaitConnect(PortSession& session)
     case ResponseNoCarrier:
     case ResponseNoDialtone:
     case ResponseNoAnswer:
-    case ResponseAtEcho:
-        hasFailed = true;
-        break;
+    case ResponseAtEcho: hasFailed = true; break;
     }
     if (hasFailed)
         connectFailed(session, ComCallTexts::failed().arg(session.lastAnswer));
@@ -467,7 +454,8 @@ void CComThread::leaveFreeOnDsrLoss(PortSession& session)
     // A call may have been taken meanwhile.
     if (state() != LineFree)
         return;
-    writeLog(QStringLiteral("Устройство на COM порту '%1' выключено").arg(m_settings.portName), DebugTransportComAtCommands);
+    writeLog(QStringLiteral("Устройство на COM порту '%1' выключено").arg(m_settings.portName),
+             DebugTransportComAtCommands);
     report(QStringLiteral("COM порт открыт"));
     m_state = WaitingForDevice;
 }
@@ -479,7 +467,8 @@ void CComThread::portErrorOccurred(const QSerialPort& port, QSerialPort::SerialP
 {
     const int stateNow = state();
     if (m_errors.note(code, port, stateNow, stateNow != PortClosed))
-        QMetaObject::invokeMethod(this, [this, code] { comPortError(code); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, code] { comPortError(code); }, Qt::QueuedConnection);
 }
 
 // The error as it was noted when it was raised; of one that came another way, what can
@@ -498,8 +487,8 @@ void CComThread::comPortError(QSerialPort::SerialPortError error)
     if (PortErrors::isIgnored(error))
         return;
     const PortError raised = noted(error);
-    const QString text = QStringLiteral("COM port error: %1").arg(static_cast<int>(error))
-        + QStringLiteral(". %1").arg(raised.text);
+    const QString text =
+        QStringLiteral("COM port error: %1").arg(static_cast<int>(error)) + QStringLiteral(". %1").arg(raised.text);
     writeLog(text, DebugTransportComPortError);
     addError(text);
 

@@ -2,16 +2,16 @@
 // to the modem, dials, answers, runs a connection and hangs up.
 #pragma once
 
-#include <atomic>
+#include "com/comsettings.h"
+#include "com/porterrors.h"
+#include "common/logger.h"
 
 #include <QMutex>
 #include <QSerialPort>
 #include <QString>
 #include <QThread>
 
-#include "com/comsettings.h"
-#include "com/porterrors.h"
-#include "common/logger.h"
+#include <atomic>
 
 class CAbstractProtocol;
 class CComServer;
@@ -25,14 +25,15 @@ class CComThread : public QThread
     Q_OBJECT
 
 public:
-    enum State {
-        PortClosed = 0,       // to be opened
+    enum State
+    {
+        PortClosed = 0, // to be opened
         WaitingForDevice = 1, // open, DSR is off
-        CheckingDevice = 2,   // "AT" is written, "OK" expected
-        LineFree = 3,         // waits for a call
-        CallRequested = 4,    // handed a call by tryConnect()
+        CheckingDevice = 2, // "AT" is written, "OK" expected
+        LineFree = 3, // waits for a call
+        CallRequested = 4, // handed a call by tryConnect()
         WaitingForConnect = 5, // "ATD" or "ATA" is written, "CONNECT " expected; also the connection itself
-        ResettingModem = 6,   // hangs up and closes the port
+        ResettingModem = 6, // hangs up and closes the port
     };
 
     // Keeps a copy of settings; server is not owned. The connection identifier is 0
@@ -86,9 +87,10 @@ private slots:
     void remoteAbonentNameChanged(QString name);
 
 private:
-    enum class SessionStart {
+    enum class SessionStart
+    {
         Running,
-        Refused,   // the host made no protocol
+        Refused, // the host made no protocol
         CalledOff, // a stop or a forced reset came first
     };
 
@@ -137,8 +139,8 @@ private:
 
     const ComPortSettings m_settings;
     int m_connectionId = 0;
-    CComServer* const m_server;              // not owned
-    int m_index = 0;                         // this port's identifier in channelsState, from the start of run() on
+    CComServer* const m_server; // not owned
+    int m_index = 0; // this port's identifier in channelsState, from the start of run() on
     CAbstractProtocol* m_protocol = nullptr; // owned; not null only while a connection runs
 
     // Both are read without a lock in every pass, and the state by the server as well.
@@ -148,8 +150,8 @@ private:
     std::atomic<int> m_state{PortClosed};
 
     mutable QMutex m_mutex; // guards what tryConnect(), disconnectFromAbonent() and stop() look at
-    QString m_abonentName;  // guarded by m_lifeMutex
-    QString m_number;       // written under m_mutex in state LineFree, read in CallRequested
+    QString m_abonentName; // guarded by m_lifeMutex
+    QString m_number; // written under m_mutex in state LineFree, read in CallRequested
 
     // Guards the life of m_protocol and m_abonentName. A leaf: nothing is called out to
     // and no other lock is taken while it is held.

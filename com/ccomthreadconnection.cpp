@@ -1,10 +1,7 @@
 // The port worker's part that runs a connection, from "CONNECT " to the end of the session.
-#include "com/ccomthread.h"
-
-#include <QMutexLocker>
-
 #include "com/ccomchannel.h"
 #include "com/ccomserver.h"
+#include "com/ccomthread.h"
 #include "com/portsession.h"
 #include "common/functiondebug.h"
 #include "common/global.h"
@@ -12,6 +9,8 @@
 #include "plugin/cabstractprotocol.h"
 #include "plugin/cabstractprotocolfactory.h"
 #include "plugin/comcalltexts.h"
+
+#include <QMutexLocker>
 
 namespace {
 
@@ -42,8 +41,7 @@ void CComThread::runConnection(PortSession& session)
         if (!calledName.isEmpty())
             emit m_server->notConnected(calledName);
         break;
-    case SessionStart::CalledOff:
-        break;
+    case SessionStart::CalledOff: break;
     }
     QMutexLocker locker(&m_mutex);
     m_state = ResettingModem;
@@ -97,8 +95,8 @@ void CComThread::reportConnectionEnd(const QString& calledName)
     const QString text = QStringLiteral("Потеряно соединение с абонентом '%1'").arg(remoteName);
     writeLog(text, DebugTransportConnects);
     addEvent(text);
-    if (!calledName.isEmpty() && !remoteName.isEmpty()
-        && Global::filterName(remoteName) != Global::filterName(calledName)) {
+    if (!calledName.isEmpty() && !remoteName.isEmpty() &&
+        Global::filterName(remoteName) != Global::filterName(calledName)) {
         emit m_server->notConnected(calledName);
         addEvent(QStringLiteral("Не удалось установить соединение с '%1'").arg(calledName));
     }

@@ -22,9 +22,9 @@ QStringList readStrings(QDataStream& stream)
 
 bool operator==(const ComPortSettings& left, const ComPortSettings& right)
 {
-    return left.enabled == right.enabled && left.portName == right.portName && left.initString == right.initString
-        && left.baudRate == right.baudRate && left.flowControl == right.flowControl && left.dataBits == right.dataBits
-        && left.parity == right.parity && left.stopBits == right.stopBits;
+    return left.enabled == right.enabled && left.portName == right.portName && left.initString == right.initString &&
+           left.baudRate == right.baudRate && left.flowControl == right.flowControl &&
+           left.dataBits == right.dataBits && left.parity == right.parity && left.stopBits == right.stopBits;
 }
 
 QDataStream& operator<<(QDataStream& stream, const ComPortSettings& settings)
@@ -35,8 +35,8 @@ QDataStream& operator<<(QDataStream& stream, const ComPortSettings& settings)
 
 QDataStream& operator>>(QDataStream& stream, ComPortSettings& settings)
 {
-    return stream >> settings.enabled >> settings.portName >> settings.initString >> settings.baudRate
-        >> settings.flowControl >> settings.dataBits >> settings.parity >> settings.stopBits;
+    return stream >> settings.enabled >> settings.portName >> settings.initString >> settings.baudRate >>
+           settings.flowControl >> settings.dataBits >> settings.parity >> settings.stopBits;
 }
 
 QByteArray AbonentComSettings::toByteArray() const

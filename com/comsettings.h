@@ -16,13 +16,16 @@ struct ComPortSettings
     QString initString; // sent to the modem after opening; may hold control characters
     int baudRate = -1;
     int flowControl = -1; // a QSerialPort::FlowControl
-    int dataBits = -1;    // a QSerialPort::DataBits
-    int parity = -1;      // a QSerialPort::Parity
-    int stopBits = -1;    // a QSerialPort::StopBits
+    int dataBits = -1; // a QSerialPort::DataBits
+    int parity = -1; // a QSerialPort::Parity
+    int stopBits = -1; // a QSerialPort::StopBits
 };
 
 bool operator==(const ComPortSettings& left, const ComPortSettings& right);
-inline bool operator!=(const ComPortSettings& left, const ComPortSettings& right) { return !(left == right); }
+inline bool operator!=(const ComPortSettings& left, const ComPortSettings& right)
+{
+    return !(left == right);
+}
 
 QDataStream& operator<<(QDataStream& stream, const ComPortSettings& settings);
 // After a failed read the fields behind the failure are false, empty or zero.

@@ -1,8 +1,8 @@
 #include "com/crc.h"
 
-#include <array>
-
 #include <QtEndian>
+
+#include <array>
 
 namespace {
 
@@ -105,14 +105,14 @@ constexpr HeaderTable makeHeaderTable()
 
 constexpr HeaderTable headerTable = makeHeaderTable();
 
-template<typename Rows>
+template <typename Rows>
 quint32 lookUpWord(const Rows& rows, int lastRow, quint32 word)
 {
-    return rows[lastRow][word & 0xFF] ^ rows[lastRow - 1][(word >> 8) & 0xFF] ^ rows[lastRow - 2][(word >> 16) & 0xFF]
-        ^ rows[lastRow - 3][word >> 24];
+    return rows[lastRow][word & 0xFF] ^ rows[lastRow - 1][(word >> 8) & 0xFF] ^ rows[lastRow - 2][(word >> 16) & 0xFF] ^
+           rows[lastRow - 3][word >> 24];
 }
 
-template<typename Rows>
+template <typename Rows>
 quint32 lookUpLongWord(const Rows& rows, quint64 word)
 {
     return lookUpWord(rows, 7, static_cast<quint32>(word)) ^ lookUpWord(rows, 3, static_cast<quint32>(word >> 32));
@@ -140,10 +140,10 @@ quint32 addToCrc32(quint32 crc, const char* data, int length)
     if (length >= 4 * round) // fewer do not make up for the joining
         crc = addRounds(crc, bytes, length);
     for (; length >= stride; bytes += stride, length -= stride) {
-        crc = lookUpWord(rows32, 15, crc ^ qFromLittleEndian<quint32>(bytes))
-            ^ lookUpWord(rows32, 11, qFromLittleEndian<quint32>(bytes + 4))
-            ^ lookUpWord(rows32, 7, qFromLittleEndian<quint32>(bytes + 8))
-            ^ lookUpWord(rows32, 3, qFromLittleEndian<quint32>(bytes + 12));
+        crc = lookUpWord(rows32, 15, crc ^ qFromLittleEndian<quint32>(bytes)) ^
+              lookUpWord(rows32, 11, qFromLittleEndian<quint32>(bytes + 4)) ^
+              lookUpWord(rows32, 7, qFromLittleEndian<quint32>(bytes + 8)) ^
+              lookUpWord(rows32, 3, qFromLittleEndian<quint32>(bytes + 12));
     }
     for (; length > 0; ++bytes, --length)
         crc = (crc >> 8) ^ rows32[0][(crc ^ *bytes) & 0xFF];

@@ -1,8 +1,8 @@
 #include "com/linkrules.h"
 
-#include <algorithm>
-
 #include <QStringList>
+
+#include <algorithm>
 
 namespace linkrules {
 

@@ -2,11 +2,11 @@
 // may wait. No port and no clock: bytes, numbers and times are handed in.
 #pragma once
 
+#include "com/ccompacket.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QSet>
-
-#include "com/ccompacket.h"
 
 namespace linkrules {
 
@@ -35,7 +35,10 @@ constexpr int overtakenGrace = 8;
 bool numberLessThen(quint8 a, quint8 b);
 
 // How many steps lead from one number on to another, 0 to 255.
-inline int stepsFrom(quint8 from, quint8 to) { return static_cast<quint8>(to - from); }
+inline int stepsFrom(quint8 from, quint8 to)
+{
+    return static_cast<quint8>(to - from);
+}
 
 // Payload bytes of a full packet; at least 1 whatever the settings say.
 int blockSize(int packetSize, int maxBytesToWrite);

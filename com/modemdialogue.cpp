@@ -1,11 +1,11 @@
 #include "com/modemdialogue.h"
 
-#include <QIODevice>
-#include <QSerialPort>
-
 #include "com/portwait.h"
 #include "common/csettings.h"
 #include "common/logger.h"
+
+#include <QIODevice>
+#include <QSerialPort>
 
 namespace {
 
@@ -15,9 +15,14 @@ constexpr int maxLineSize = 1024;
 constexpr qint64 maxEndlessInputBytes = 64 * 1024;
 constexpr qint64 maxWaitingInputBytes = 1024 * 1024;
 
-enum class Match { WholeLine, Prefix };
+enum class Match
+{
+    WholeLine,
+    Prefix
+};
 
-struct ResponseRule {
+struct ResponseRule
+{
     const char* text; // upper case, no carriage return
     Match match;
     ModemResponse response;

@@ -8,19 +8,20 @@
 class QIODevice;
 class QSerialPort;
 
-enum ModemResponse {
-    ResponseUnknown = -1,   // a line that means nothing to us
-    ResponseNone = 0,       // no complete line yet, or a blank one
-    ResponseError = 1,      // command refused
-    ResponseOk = 2,         // command accepted
-    ResponseBusy = 3,       // the called party is busy
-    ResponseRing = 4,       // incoming call
-    ResponseConnect = 5,    // connection established
-    ResponseNoCarrier = 6,  // carrier lost or never there
+enum ModemResponse
+{
+    ResponseUnknown = -1, // a line that means nothing to us
+    ResponseNone = 0, // no complete line yet, or a blank one
+    ResponseError = 1, // command refused
+    ResponseOk = 2, // command accepted
+    ResponseBusy = 3, // the called party is busy
+    ResponseRing = 4, // incoming call
+    ResponseConnect = 5, // connection established
+    ResponseNoCarrier = 6, // carrier lost or never there
     ResponseNoDialtone = 7, // no dial tone on the line
-    ResponseNoAnswer = 8,   // the called party does not answer
-    ResponseAtEcho = 9,     // echo of "AT"
-    ResponseDialEcho = 10,  // echo of "ATD..."
+    ResponseNoAnswer = 8, // the called party does not answer
+    ResponseAtEcho = 9, // echo of "AT"
+    ResponseDialEcho = 10, // echo of "ATD..."
     ResponseAnswerEcho = 11 // echo of "ATA"
 };
 
@@ -29,10 +30,11 @@ enum ModemResponse {
 ModemResponse classifyModemLine(const QByteArray& line);
 
 // What one look at the input gave.
-struct ModemReading {
+struct ModemReading
+{
     ModemResponse response = ResponseNone;
     bool isBlank = true; // nothing was read, or only a frame of CR and LF
-    QString text;        // the line as it came, without CR and LF; null when isBlank
+    QString text; // the line as it came, without CR and LF; null when isBlank
 };
 
 // Takes at most one line out of input and classifies it. A line without its line feed
@@ -60,9 +62,9 @@ void writeCommand(QSerialPort& port, const QByteArray& command, int waitMs);
 // The commands. Each that ends in the control symbol reads it from the settings anew, so
 // that an edit takes effect with the next command. What Latin-1 does not have becomes "?".
 QByteArray initCommand(const QString& initString); // as configured, nothing added
-QByteArray checkCommand();                         // "AT"
-QByteArray answerCommand();                        // "ATA"
-QByteArray dialCommand(const QString& number);     // "ATD" and the number, unchanged
-QByteArray escapeCommand();                        // "+++", without a line end
-QByteArray resetHangUpCommand();                   // "ATH" after a control symbol that ends whatever stands before
-QByteArray exitHangUpCommand();                    // "ATH"
+QByteArray checkCommand(); // "AT"
+QByteArray answerCommand(); // "ATA"
+QByteArray dialCommand(const QString& number); // "ATD" and the number, unchanged
+QByteArray escapeCommand(); // "+++", without a line end
+QByteArray resetHangUpCommand(); // "ATH" after a control symbol that ends whatever stands before
+QByteArray exitHangUpCommand(); // "ATH"

@@ -1,16 +1,16 @@
 #include "com/modemport.h"
 
-#include <sys/stat.h>
-
 #include <QFile>
+
+#include <sys/stat.h>
 
 namespace {
 
 // Where QSerialPort looks for a port of this name.
 QString deviceFilePath(const QString& portName)
 {
-    const bool isPath = portName.startsWith(QLatin1Char('/')) || portName.startsWith(QLatin1String("./"))
-        || portName.startsWith(QLatin1String("../"));
+    const bool isPath = portName.startsWith(QLatin1Char('/')) || portName.startsWith(QLatin1String("./")) ||
+                        portName.startsWith(QLatin1String("../"));
     return isPath ? portName : QStringLiteral("/dev/") + portName;
 }
 
@@ -23,8 +23,12 @@ QSerialPort::PinoutSignals modemLines(QSerialPort& port)
 
 bool deviceHasVanished(const QSerialPort& port, const QString& portName)
 {
-    struct stat opened {};
-    struct stat named {};
+    struct stat opened
+    {
+    };
+    struct stat named
+    {
+    };
     if (::fstat(port.handle(), &opened) != 0)
         return false;
     if (::stat(QFile::encodeName(deviceFilePath(portName)).constData(), &named) != 0)

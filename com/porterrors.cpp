@@ -13,8 +13,8 @@ unsigned bitOf(QSerialPort::SerialPortError code)
 
 bool PortErrors::isIgnored(QSerialPort::SerialPortError code)
 {
-    return code == QSerialPort::NoError || code == QSerialPort::DeviceNotFoundError
-        || code == QSerialPort::ResourceError || code == QSerialPort::TimeoutError;
+    return code == QSerialPort::NoError || code == QSerialPort::DeviceNotFoundError ||
+           code == QSerialPort::ResourceError || code == QSerialPort::TimeoutError;
 }
 
 bool PortErrors::note(QSerialPort::SerialPortError code, const QSerialPort& port, int state, bool portIsInUse)

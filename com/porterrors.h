@@ -2,20 +2,21 @@
 // to the server's thread, where they are told and acted on.
 #pragma once
 
-#include <atomic>
-#include <optional>
-
 #include <QList>
 #include <QMutex>
 #include <QSerialPort>
 #include <QString>
 
+#include <atomic>
+#include <optional>
+
 // An error as it was when it was raised: by the time the server's thread learns of it the
 // port may tell another text, be closed, or be opened anew.
-struct PortError {
+struct PortError
+{
     QSerialPort::SerialPortError code = QSerialPort::NoError;
     QString text;
-    int state = 0;   // the worker's
+    int state = 0; // the worker's
     int opening = 0; // which opening of the port raised it
 };
 
@@ -45,7 +46,7 @@ public:
     int opening() const { return m_opening; }
 
 private:
-    QMutex m_mutex;             // guards m_noted; a leaf
+    QMutex m_mutex; // guards m_noted; a leaf
     QList<PortError> m_noted;
     std::atomic<int> m_opening{0};
     unsigned m_heldBack = 0; // codes (as bits) whose reset is still to come; the worker's thread only

@@ -1,12 +1,11 @@
 #include "com/portwait.h"
 
-#include <algorithm>
-
-#include <poll.h>
-
 #include <QElapsedTimer>
 #include <QSerialPort>
 #include <QThread>
+
+#include <algorithm>
+#include <poll.h>
 
 namespace {
 

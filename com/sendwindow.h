@@ -6,12 +6,12 @@
 // arrives ahead. Until then the peer's window ends earlier than the confirmations tell.
 #pragma once
 
-#include <array>
+#include "com/ccompacket.h"
+#include "com/linkrules.h"
 
 #include <QList>
 
-#include "com/ccompacket.h"
-#include "com/linkrules.h"
+#include <array>
 
 class SendWindow
 {
@@ -59,6 +59,6 @@ private:
     // as many numbers as the grace of an overtaken packet.
     bool m_mayLag = false;
     quint8 m_leastExpected = 0; // as proved, while it may lag
-    quint8 m_lastRepeated = 0;  // the furthest since it may lag
+    quint8 m_lastRepeated = 0; // the furthest since it may lag
     std::array<quint8, 256> m_oldestWhenSent{};
 };

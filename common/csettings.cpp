@@ -1,10 +1,9 @@
 #include "common/csettings.h"
 
-#include <atomic>
-#include <memory>
-#include <utility>
-
-#include <sys/stat.h>
+#include "common/cancelguard.h"
+#include "common/global.h"
+#include "common/plantedlinks.h"
+#include "common/qtmessages.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -14,10 +13,10 @@
 #include <QMutex>
 #include <QMutexLocker>
 
-#include "common/cancelguard.h"
-#include "common/global.h"
-#include "common/plantedlinks.h"
-#include "common/qtmessages.h"
+#include <atomic>
+#include <memory>
+#include <sys/stat.h>
+#include <utility>
 
 namespace {
 
@@ -160,9 +159,10 @@ void SettingsPointer::refuseWriting(const QString& path)
 {
     if (std::exchange(m_isRefused, true))
         return;
-    sendQtMessageItems(QtWarningMsg,
-                       "Настройки не записаны, используются значения по умолчанию. Удалите, если это осталось от другой программы:",
-                       path);
+    sendQtMessageItems(
+        QtWarningMsg,
+        "Настройки не записаны, используются значения по умолчанию. Удалите, если это осталось от другой программы:",
+        path);
 }
 
 void SettingsPointer::createDirectory() const

@@ -1,14 +1,14 @@
 // Typed access to the installation's tuning values in settings.ini.
 #pragma once
 
+#include "common/settingskeys.h"
+
 #include <QByteArray>
 #include <QDateTime>
 #include <QFileInfo>
 #include <QSettings>
 #include <QString>
 #include <QVariant>
-
-#include "common/settingskeys.h"
 
 constexpr int settingsLockPatienceMs = 1000;
 
@@ -36,7 +36,7 @@ public:
 
     QFileInfo fileInfo;
     QDateTime lastModified; // of the file, as last seen; null at first
-    bool changed = false;   // written to since the last sync()
+    bool changed = false; // written to since the last sync()
     const bool writable;
 
 protected:
@@ -53,7 +53,7 @@ private:
     void giveFilePermissions() const;
 
     const QByteArray m_encodedPath; // of the file, for the system
-    bool m_isRefused = false;       // what was written last could not be brought to the disk
+    bool m_isRefused = false; // what was written last could not be brought to the disk
 };
 
 // A handle on settings.ini, made for one or a few look-ups. Making it reads edits of the file,

@@ -1,7 +1,8 @@
 #include "common/csysteminfo.h"
 
-#include <sys/sysinfo.h>
-#include <sys/utsname.h>
+#include "common/global.h"
+#include "common/qtmessages.h"
+#include "common/storage.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -9,9 +10,8 @@
 #include <QSysInfo>
 #include <QTimeZone>
 
-#include "common/global.h"
-#include "common/qtmessages.h"
-#include "common/storage.h"
+#include <sys/sysinfo.h>
+#include <sys/utsname.h>
 
 namespace {
 
@@ -28,7 +28,8 @@ QString kernelText()
     utsname names;
     if (uname(&names) == 0) {
         return QStringLiteral("%1 %2 %3")
-            .arg(QString::fromLocal8Bit(names.sysname), QString::fromLocal8Bit(names.release), QString::fromLocal8Bit(names.machine));
+            .arg(QString::fromLocal8Bit(names.sysname), QString::fromLocal8Bit(names.release),
+                 QString::fromLocal8Bit(names.machine));
     }
     const QString version = QSysInfo::kernelVersion();
     return version.isEmpty() ? QString::fromLatin1(unknownValue) : version;
@@ -82,7 +83,8 @@ QString CSystemInfo::envInfo()
 QString CSystemInfo::byteOrder()
 {
     const bool isLittle = QSysInfo::ByteOrder == QSysInfo::LittleEndian;
-    return QStringLiteral("Порядок байт:         %1").arg(isLittle ? QStringLiteral("LittleEndian") : QStringLiteral("BigEndian"));
+    return QStringLiteral("Порядок байт:         %1")
+        .arg(isLittle ? QStringLiteral("LittleEndian") : QStringLiteral("BigEndian"));
 }
 
 QString CSystemInfo::uptimeInfo()
@@ -114,7 +116,8 @@ QString CSystemInfo::timezoneInfo()
 {
     const QDateTime now = QDateTime::currentDateTime();
     const QTimeZone zone = QTimeZone::systemTimeZone();
-    const QString season = zone.isDaylightTime(now) ? QStringLiteral("летнее время") : QStringLiteral("стандартное время");
+    const QString season =
+        zone.isDaylightTime(now) ? QStringLiteral("летнее время") : QStringLiteral("стандартное время");
     return QStringLiteral("Часовой пояс:         %1 %2").arg(zone.displayName(now), season);
 }
 
@@ -151,7 +154,8 @@ QString CSystemInfo::userGroupsInfo()
 {
     const QString user = Global::currentSystemUserName();
     return QStringLiteral("Пользователь:         %1@%2\nГруппы:               %3")
-        .arg(user, QSysInfo::machineHostName(), groupsOf(user, QStringLiteral("/etc/group")).join(QStringLiteral(", ")));
+        .arg(user, QSysInfo::machineHostName(),
+             groupsOf(user, QStringLiteral("/etc/group")).join(QStringLiteral(", ")));
 }
 
 QStringList CSystemInfo::groupsOf(const QString& user, const QString& filePath)
@@ -178,7 +182,7 @@ QStringList CSystemInfo::groupsOf(const QString& user, const QString& filePath)
 QString CSystemInfo::summaryInfo()
 {
     // Joined, since values may hold what looks like markers.
-    const QStringList lines{headerInfo(), OSInfo(),     CPUInfo(),    RAMInfo(),      HDDInfo(),    userGroupsInfo(),
-                            envInfo(),    byteOrder(),  uptimeInfo(), timezoneInfo(), appPathInfo()};
+    const QStringList lines{headerInfo(), OSInfo(),    CPUInfo(),    RAMInfo(),      HDDInfo(),    userGroupsInfo(),
+                            envInfo(),    byteOrder(), uptimeInfo(), timezoneInfo(), appPathInfo()};
     return lines.join(QLatin1Char('\n')) + QStringLiteral("\n\n");
 }

@@ -1,11 +1,10 @@
+#include "common/cancelguard.h"
+#include "common/logfile.h"
 #include "common/logger.h"
-
-#include <memory>
 
 #include <QStringList>
 
-#include "common/cancelguard.h"
-#include "common/logfile.h"
+#include <memory>
 
 namespace {
 

@@ -1,13 +1,13 @@
 #include "common/functiondebug.h"
 
-#include <cstring>
+#include "common/cancelguard.h"
+#include "common/csettings.h"
+#include "common/logger.h"
 
 #include <QMutex>
 #include <QMutexLocker>
 
-#include "common/cancelguard.h"
-#include "common/csettings.h"
-#include "common/logger.h"
+#include <cstring>
 
 std::atomic<int> gFunctionsDebuging{-1};
 
@@ -90,7 +90,8 @@ QList<QString>* _CFunctionDebug::stack()
     return &gStack();
 }
 
-_CFunctionMeasure::_CFunctionMeasure(const char* name, bool always) : m_name(QString::fromLatin1(name)), m_always(always)
+_CFunctionMeasure::_CFunctionMeasure(const char* name, bool always)
+    : m_name(QString::fromLatin1(name)), m_always(always)
 {
     m_timer.start();
 }
@@ -100,6 +101,6 @@ _CFunctionMeasure::~_CFunctionMeasure()
     const qint64 elapsedMs = m_timer.elapsed();
     if (!m_always && elapsedMs < 1)
         return;
-    debug(QStringLiteral("_CFunctionMeasure"), QStringLiteral("%1 ms - %2").arg(QString::number(elapsedMs), m_name), DebugAlways,
-          DebugFlagNone);
+    debug(QStringLiteral("_CFunctionMeasure"), QStringLiteral("%1 ms - %2").arg(QString::number(elapsedMs), m_name),
+          DebugAlways, DebugFlagNone);
 }

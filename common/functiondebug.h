@@ -1,11 +1,11 @@
 // Tracing of entered functions, and timing of scopes.
 #pragma once
 
-#include <atomic>
-
 #include <QElapsedTimer>
 #include <QList>
 #include <QString>
+
+#include <atomic>
 
 // Whether every traced function is logged: -1 not read yet, 0 off, 1 on. Read from the setting
 // "Debug/all" by the first trace scope of the process. Above 0 the log also ignores its categories.

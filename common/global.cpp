@@ -1,9 +1,8 @@
 #include "common/global.h"
 
-#include <atomic>
-#include <memory>
-
-#include <unistd.h>
+#include "common/legacyrandom.h"
+#include "common/plantedlinks.h"
+#include "common/qtmessages.h"
 
 #include <QCalendar>
 #include <QCoreApplication>
@@ -11,9 +10,9 @@
 #include <QMutex>
 #include <QMutexLocker>
 
-#include "common/legacyrandom.h"
-#include "common/plantedlinks.h"
-#include "common/qtmessages.h"
+#include <atomic>
+#include <memory>
+#include <unistd.h>
 
 namespace {
 
@@ -62,7 +61,8 @@ QDir Global::installDir()
     if (const QString* path = known.load(std::memory_order_acquire))
         return QDir(*path);
     // By the path's text: going up must not fail because the directory is missing.
-    auto path = std::make_unique<const QString>(QDir::cleanPath(applicationDir().absolutePath() + QStringLiteral("/..")));
+    auto path =
+        std::make_unique<const QString>(QDir::cleanPath(applicationDir().absolutePath() + QStringLiteral("/..")));
     const QDir dir(*path);
     if (!QCoreApplication::instance())
         return dir;

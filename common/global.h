@@ -18,7 +18,7 @@ namespace Global {
 constexpr int secrecyLevels = 4; // data is split by secrecy level, 0 to 3
 
 QDir applicationDir(); // the directory of the running executable
-QDir installDir();     // its parent; computed once per process (not before there is an application object)
+QDir installDir(); // its parent; computed once per process (not before there is an application object)
 
 QDir settingsDir();
 QString internalSettingsFilePath();
@@ -129,10 +129,10 @@ QString nextTaskFileName(const QDir& dir);
 // --- Texts --------------------------------------------------------------------------------
 // Pure functions, for any thread, but for the last two.
 
-QString sizeString(const qint64& bytes);               // "1.5 КБайт"; units of 1024
+QString sizeString(const qint64& bytes); // "1.5 КБайт"; units of 1024
 QString speedStringBits(const qint64& bytesPerSecond); // "12.0 Кбит/с"; units of 1024
-QString speedString(const qint64& bytesPerSecond);     // "1.5 КБайт/с (12.0 Кбит/с)"
-QString timeStringSec(const qint64& seconds);          // "59 сек.", "1 м. 0 сек.", "25 ч. 0 м."
+QString speedString(const qint64& bytesPerSecond); // "1.5 КБайт/с (12.0 Кбит/с)"
+QString timeStringSec(const qint64& seconds); // "59 сек.", "1 м. 0 сек.", "25 ч. 0 м."
 
 // The Russian plural of n: 1, 21: one; 2 to 4, 22: few; 0, 5, 11 and negative numbers: many.
 QString declension(int n, const QString& one, const QString& few, const QString& many);

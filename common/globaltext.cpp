@@ -1,9 +1,8 @@
 #include "common/global.h"
+#include "common/storage.h"
 
 #include <algorithm>
 #include <limits>
-
-#include "common/storage.h"
 
 namespace {
 
@@ -60,8 +59,7 @@ bool isForbiddenInFileName(QChar c)
     case '/':
     case '|':
     case '?':
-    case '*':
-        return true;
+    case '*': return true;
     }
     return false;
 }
@@ -85,8 +83,9 @@ QString Global::speedStringBits(const qint64& bytesPerSecond)
 
 QString Global::speedString(const qint64& bytesPerSecond)
 {
-    const QString bytes = inUnits(bytesPerSecond, {QStringLiteral("ТБайт/с"), QStringLiteral("ГБайт/с"), QStringLiteral("МБайт/с"),
-                                                   QStringLiteral("КБайт/с"), QStringLiteral("%1 байт/с")});
+    const QString bytes =
+        inUnits(bytesPerSecond, {QStringLiteral("ТБайт/с"), QStringLiteral("ГБайт/с"), QStringLiteral("МБайт/с"),
+                                 QStringLiteral("КБайт/с"), QStringLiteral("%1 байт/с")});
     return QStringLiteral("%1 (%2)").arg(bytes, speedStringBits(bytesPerSecond));
 }
 
@@ -137,7 +136,8 @@ QString Global::filterNotValidSymbols(QString name)
     QString valid;
     valid.reserve(name.length());
     for (int i = 0; i < name.length(); ++i) {
-        const bool pairOfPoints = name.at(i) == QLatin1Char('.') && i + 1 < name.length() && name.at(i + 1) == QLatin1Char('.');
+        const bool pairOfPoints =
+            name.at(i) == QLatin1Char('.') && i + 1 < name.length() && name.at(i + 1) == QLatin1Char('.');
         if (pairOfPoints)
             ++i;
         else if (!isForbiddenInFileName(name.at(i)))

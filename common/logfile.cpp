@@ -1,18 +1,17 @@
 #include "common/logfile.h"
 
-#include <atomic>
-#include <cerrno>
-#include <ctime>
-
-#include <unistd.h>
+#include "common/global.h"
+#include "common/plantedlinks.h"
+#include "common/qtmessages.h"
 
 #include <QCoreApplication>
 #include <QDate>
 #include <QDateTime>
 
-#include "common/global.h"
-#include "common/plantedlinks.h"
-#include "common/qtmessages.h"
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <unistd.h>
 
 namespace {
 
@@ -42,18 +41,15 @@ void LogTarget::find()
         return;
     m_secrecy = Global::currentSecrecy();
     m_directory = Global::logDir(m_secrecy);
-    const QString name = QStringLiteral("%1_%2_%3.log")
-                             .arg(QCoreApplication::applicationName(),
-                                  Global::filterNotValidSymbols(Global::currentSystemUserName()),
-                                  QDate::currentDate().toString(QStringLiteral("yyyy.MM.dd")));
+    const QString name =
+        QStringLiteral("%1_%2_%3.log")
+            .arg(QCoreApplication::applicationName(), Global::filterNotValidSymbols(Global::currentSystemUserName()),
+                 QDate::currentDate().toString(QStringLiteral("yyyy.MM.dd")));
     m_filePath = m_directory.absoluteFilePath(name);
     m_encodedPath = QFile::encodeName(m_filePath);
 }
 
-ExistingLog::ExistingLog(const QByteArray& encodedPath)
-    : m_descriptor(openExistingForAppending(encodedPath))
-{
-}
+ExistingLog::ExistingLog(const QByteArray& encodedPath) : m_descriptor(openExistingForAppending(encodedPath)) {}
 
 ExistingLog::~ExistingLog()
 {
@@ -82,7 +78,8 @@ bool openLog(QFile& file)
     const QString path = file.fileName(); // a file that is opened by its descriptor forgets it
     const int descriptor = openForAppending(QFile::encodeName(path));
     const QString error = qt_error_string(errno);
-    if (descriptor >= 0 && file.open(descriptor, QIODevice::Append | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle))
+    if (descriptor >= 0 &&
+        file.open(descriptor, QIODevice::Append | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle))
         return true;
     sendQtMessageItems(QtWarningMsg, "Ошибка открытия файла для записи:", path, error);
     return false;

@@ -1,16 +1,5 @@
 #include "common/logger.h"
 
-#include <atomic>
-#include <cerrno>
-#include <memory>
-
-#include <QDebug>
-#include <QMutexLocker>
-#include <QScopedValueRollback>
-#include <QStringBuilder>
-#include <QStringList>
-#include <QThread>
-
 #include "common/cancelguard.h"
 #include "common/csettings.h"
 #include "common/csysteminfo.h"
@@ -19,8 +8,19 @@
 #include "common/plantedlinks.h"
 #include "common/qtmessages.h"
 
-static_assert(int(DebugMessagesLock) == lastDebugCategory && int(DebugIpcData) == int(Setting::DebugIpcData)
-                  && int(DebugTransportComPackets) == int(Setting::DebugTransportComPackets),
+#include <QDebug>
+#include <QMutexLocker>
+#include <QScopedValueRollback>
+#include <QStringBuilder>
+#include <QStringList>
+#include <QThread>
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
+
+static_assert(int(DebugMessagesLock) == lastDebugCategory && int(DebugIpcData) == int(Setting::DebugIpcData) &&
+                  int(DebugTransportComPackets) == int(Setting::DebugTransportComPackets),
               "the levels are those of the settings' categories");
 
 namespace {
@@ -48,7 +48,8 @@ DebugData* currentRecord()
 bool isSwitchedOn(DebugLevel level)
 {
     // Full tracing switches every category on.
-    return level == DebugAlways || gFunctionsDebuging.load(std::memory_order_relaxed) > 0 || CSettings().debugCategory(level);
+    return level == DebugAlways || gFunctionsDebuging.load(std::memory_order_relaxed) > 0 ||
+           CSettings().debugCategory(level);
 }
 
 QString fittedLabel(const QString& label)
@@ -78,7 +79,8 @@ QStringList formattedParts(const QString& label, const QString& text, int column
         if (part.isEmpty())
             continue;
         if (isStamped) {
-            part = formattedLine(QString(timeWidth, QLatin1Char(' ')), QString(labelWidth, QLatin1Char(' ')), indentation, part);
+            part = formattedLine(QString(timeWidth, QLatin1Char(' ')), QString(labelWidth, QLatin1Char(' ')),
+                                 indentation, part);
         } else {
             part = formattedLine(logTimeStamp(), fittedLabel(label), indentation, part);
             isStamped = true;
@@ -110,7 +112,12 @@ class LogWriter
 {
 public:
     // What write() cannot do without, of what is read only when it is first needed, once per process.
-    enum Need { NeedNothing = 0, NeedDirPermissions = 1, NeedFilePermissions = 2 };
+    enum Need
+    {
+        NeedNothing = 0,
+        NeedDirPermissions = 1,
+        NeedFilePermissions = 2
+    };
 
     // Under the record's mutex. Answers a set of Need; unless that is empty, nothing was written.
     int write(const QStringList& parts);
@@ -227,7 +234,8 @@ void LogWriter::beginFile(QFile& file)
         m_target.forget();
     // Unread only when the file went this very moment.
     if (m_filePermissions != 0 && !file.setPermissions(QFileDevice::Permissions(m_filePermissions.load())))
-        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа для файла:", m_target.filePath(), file.errorString());
+        sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа для файла:", m_target.filePath(),
+                           file.errorString());
 }
 
 // False when the file refused the bytes; what a file still has not taken after some attempts is

@@ -9,7 +9,8 @@ class QThread;
 
 // The category of a message. Level 0 and levels above the last are always logged; each other
 // one is switched by its own key "Debug/..." of settings.ini, read on every call.
-enum DebugLevel {
+enum DebugLevel
+{
     DebugAlways = 0,
     DebugIpcData = 1,
     DebugIpcExtra = 2,
@@ -34,8 +35,9 @@ enum DebugLevel {
 };
 
 // Only bit 0 is looked at.
-enum DebugFlag {
-    DebugFlagNone = 0,    // also to the Qt debug stream
+enum DebugFlag
+{
+    DebugFlagNone = 0, // also to the Qt debug stream
     DebugFlagFileOnly = 1 // to the file only
 };
 
@@ -44,13 +46,13 @@ enum DebugFlag {
 struct Tabulation
 {
     QThread* thread; // not owned; null when the row is free
-    int level;       // the column, fixed when the row is appended; from 1
+    int level; // the column, fixed when the row is appended; from 1
 };
 
 struct DebugData
 {
     QList<Tabulation> tabs; // rows are freed and taken again, never removed
-    QMutex mutex;           // not recursive; guards tabs and all access to the log file
+    QMutex mutex; // not recursive; guards tabs and all access to the log file
 };
 
 // Holds the pointer to the current record. Any thread.

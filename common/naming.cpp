@@ -1,11 +1,10 @@
 #include "common/global.h"
-
-#include <algorithm>
+#include "common/legacyrandom.h"
 
 #include <QFileInfo>
 #include <QHash>
 
-#include "common/legacyrandom.h"
+#include <algorithm>
 
 namespace {
 

@@ -1,12 +1,11 @@
 #include "common/plantedlinks.h"
 
-#include <cerrno>
+#include <QFile>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QFile>
 
 namespace {
 
@@ -60,7 +59,8 @@ int openDevice(const QByteArray& path, int flags)
 bool isOursAlone(int descriptor)
 {
     struct stat facts = {};
-    return ::fstat(descriptor, &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_nlink == 1 && facts.st_uid == ::geteuid();
+    return ::fstat(descriptor, &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_nlink == 1 &&
+           facts.st_uid == ::geteuid();
 }
 
 // A file that we may neither read nor write is still ours to change.
@@ -137,7 +137,8 @@ bool changePermissions(const QString& path, QFileDevice::Permissions permissions
     QFile file;
     if (isPlace)
         file.setFileName(QStringLiteral("/proc/self/fd/%1").arg(descriptor));
-    const bool isChanged = !isLink && (isPlace || file.open(descriptor, QIODevice::ReadOnly)) && file.setPermissions(permissions);
+    const bool isChanged =
+        !isLink && (isPlace || file.open(descriptor, QIODevice::ReadOnly)) && file.setPermissions(permissions);
     if (!isChanged)
         *error = isLink ? qt_error_string(ELOOP) : file.errorString();
     ::close(descriptor);

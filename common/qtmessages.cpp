@@ -1,8 +1,8 @@
 #include "common/qtmessages.h"
 
-#include <cstdio>
-
 #include <QMessageLogger>
+
+#include <cstdio>
 
 namespace {
 
@@ -12,15 +12,9 @@ void sendNow(QtMsgType type, const QString& text)
 {
     const QMessageLogger logger(nullptr, 0, nullptr); // without a place, of the category "default"
     switch (type) {
-    case QtDebugMsg:
-        logger.debug().noquote() << text;
-        return;
-    case QtInfoMsg:
-        logger.info().noquote() << text;
-        return;
-    case QtWarningMsg:
-        logger.warning().noquote() << text;
-        return;
+    case QtDebugMsg: logger.debug().noquote() << text; return;
+    case QtInfoMsg: logger.info().noquote() << text; return;
+    case QtWarningMsg: logger.warning().noquote() << text; return;
     case QtCriticalMsg:
     case QtFatalMsg: // nothing here is worth ending the program for
         logger.critical().noquote() << text;

@@ -38,7 +38,7 @@ void sendQtMessage(QtMsgType type, const QString& text);
 void writeToStandardError(const QString& text);
 
 // The same as sendQtMessage() for items, formatted as the Qt debug stream formats them.
-template<typename... Items>
+template <typename... Items>
 void sendQtMessageItems(QtMsgType type, const Items&... items)
 {
     QString text;

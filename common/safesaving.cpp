@@ -1,12 +1,7 @@
+#include "common/csettings.h"
 #include "common/global.h"
-
-#include <atomic>
-#include <cerrno>
-#include <cstdio>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "common/logger.h"
+#include "common/plantedlinks.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -14,9 +9,12 @@
 #include <QIODevice>
 #include <QThread>
 
-#include "common/csettings.h"
-#include "common/logger.h"
-#include "common/plantedlinks.h"
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -123,8 +121,8 @@ bool openSideFile(QFile& file, const QString& path, QString* error)
 {
     const int descriptor = openEmpty(QFile::encodeName(path));
     *error = lastSystemError();
-    return descriptor >= 0
-        && file.open(descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle);
+    return descriptor >= 0 &&
+           file.open(descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle);
 }
 
 // Every byte of data on the disk, or an error text.
@@ -140,12 +138,14 @@ bool writeToDisk(QFile& file, const QByteArray& data, QString* error)
 void logFilePermissionsFailed(const QString& path, const QString& error)
 {
     log(QStringLiteral("Не удалось изменить права доступа 0x%1 для файла %2 (0x%3). %4")
-            .arg(QString::number(filePermissions.value(), 16), path, QString::number(int(QFile::permissions(path)), 16), error));
+            .arg(QString::number(filePermissions.value(), 16), path, QString::number(int(QFile::permissions(path)), 16),
+                 error));
 }
 
 QString writingFailed(const QString& error)
 {
-    log(QStringLiteral("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. %1").arg(error));
+    log(QStringLiteral("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. %1")
+            .arg(error));
     return QStringLiteral("Не удалось записать все данные в файл за отведенное время. %1").arg(error);
 }
 
@@ -176,7 +176,8 @@ QString swapIn(const QString& path, const QString& newPath)
 
     const QString backupPath = backupPathOf(path);
     if (QFile::exists(backupPath) && !QFile::remove(backupPath)) {
-        log(QStringLiteral("safeSaving file removing failed. Не удалось удалить старый файл при безопасном сохранении %1.")
+        log(QStringLiteral(
+                "safeSaving file removing failed. Не удалось удалить старый файл при безопасном сохранении %1.")
                 .arg(backupPath));
         return QStringLiteral("Не удалось удалить файл %1").arg(backupPath);
     }
@@ -192,7 +193,8 @@ QString swapIn(const QString& path, const QString& newPath)
     syncDirectoryOf(path);
     QFile backup(backupPath);
     if (!backup.remove()) {
-        log(QStringLiteral("safeSaving file removing failed. Не удалось удалить старый файл при безопасном сохранении %1. %2")
+        log(QStringLiteral(
+                "safeSaving file removing failed. Не удалось удалить старый файл при безопасном сохранении %1. %2")
                 .arg(backupPath, backup.errorString()));
     }
     return {};
@@ -206,9 +208,9 @@ bool setDirPermissions(const QString& path, bool isInner)
     QString error;
     if (changePermissions(path, QFileDevice::Permissions(wanted), &error))
         return true;
-    const QString pattern = isInner
-        ? QStringLiteral("Не удалось изменить права доступа 0x%1 для внутреннего каталога %2 (0x%3). %4")
-        : QStringLiteral("Не удалось изменить права доступа 0x%1 для каталога %2 (0x%3). %4");
+    const QString pattern =
+        isInner ? QStringLiteral("Не удалось изменить права доступа 0x%1 для внутреннего каталога %2 (0x%3). %4")
+                : QStringLiteral("Не удалось изменить права доступа 0x%1 для каталога %2 (0x%3). %4");
     log(pattern.arg(QString::number(wanted, 16), path, QString::number(int(QFile::permissions(path)), 16), error));
     return false;
 }
@@ -243,7 +245,8 @@ QString Global::safeSaving(const QString& path, const QByteArray& data)
         return swapIn(path, newPath);
     QFile torn(newPath);
     if (!torn.remove())
-        log(QStringLiteral("safeSaving failed 5. Не удалось удалить временный файл при ошибке записи. %1.").arg(torn.errorString()));
+        log(QStringLiteral("safeSaving failed 5. Не удалось удалить временный файл при ошибке записи. %1.")
+                .arg(torn.errorString()));
     return writingFailed(error);
 }
 
@@ -252,7 +255,8 @@ QString Global::safeSaving(const QString& path, const QString& newPath)
     // Whoever wrote the file may have left it in the system's memory. One that cannot be opened is
     // left to the renames.
     QString error;
-    const int descriptor = ::open(QFile::encodeName(newPath).constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    const int descriptor =
+        ::open(QFile::encodeName(newPath).constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     const bool isSynced = descriptor < 0 || syncToDisk(descriptor, &error);
     if (descriptor >= 0)
         ::close(descriptor);

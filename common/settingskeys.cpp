@@ -12,7 +12,8 @@ constexpr SettingKey category(Setting setting, const char* name, bool defaultVal
     return {setting, name, SettingKey::Bool, defaultValue, 0, 1, nullptr};
 }
 
-constexpr SettingKey number(Setting setting, const char* name, int defaultValue, int minimum = lowest, int maximum = highest)
+constexpr SettingKey number(Setting setting, const char* name, int defaultValue, int minimum = lowest,
+                            int maximum = highest)
 {
     return {setting, name, SettingKey::Int, defaultValue, minimum, maximum, nullptr};
 }
@@ -51,7 +52,8 @@ constexpr SettingKey keys[] = {
 
     // Milliseconds, and bytes where the name says so.
     number(Setting::DetailsMaxWritingTime, "Details/maxWritingTime", 5000, 100, 10000),
-    number(Setting::DetailsTransportServerThreadStopTimeout, "Details/transportServerThreadStopTimeout", 10000, 100, 60000),
+    number(Setting::DetailsTransportServerThreadStopTimeout, "Details/transportServerThreadStopTimeout", 10000, 100,
+           60000),
     number(Setting::DetailsTransportComAtOkTimeout, "Details/transportComAtOkTimeout", 1000),
     number(Setting::DetailsTransportComAtReadyCheckTimeout, "Details/transportComAtReadyCheckTimeout", 60000),
     number(Setting::DetailsTransportComDsrCheckInterval, "Details/transportComDsrCheckInterval", 1000),
@@ -61,7 +63,8 @@ constexpr SettingKey keys[] = {
     number(Setting::DetailsTransportComMaxBytesToWrite, "Details/transportComMaxBytesToWrite", 1024, 32, 32768),
     number(Setting::DetailsTransportComMaxBytesInQueue, "Details/transportComMaxBytesInQueue", 10240, 128, 1048576),
     number(Setting::DetailsTransportComResendInterval, "Details/transportComResendInterval", 2000, 100, 60000),
-    number(Setting::DetailsTransportComConfirmationInterval, "Details/transportComConfirmationInterval", 500, 50, 30000),
+    number(Setting::DetailsTransportComConfirmationInterval, "Details/transportComConfirmationInterval", 500, 50,
+           30000),
     text(Setting::DetailsTransportComControlSymbol, "Details/transportComControlSymbol", "\r"),
 };
 

@@ -5,7 +5,8 @@
 
 // The keys of categories stand in the order of the logger's levels, DebugAll in place of
 // level 0.
-enum class Setting {
+enum class Setting
+{
     DebugAll,
     DebugIpcData,
     DebugIpcExtra,
@@ -55,9 +56,10 @@ constexpr int lastDebugCategory = int(Setting::DebugMessagesLock);
 
 struct SettingKey
 {
-    enum Type {
+    enum Type
+    {
         Bool,
-        Int,  // any integer from minimum to maximum
+        Int, // any integer from minimum to maximum
         Text,
     };
 
@@ -65,7 +67,7 @@ struct SettingKey
     const char* name; // with its group
     Type type;
     int defaultNumber; // of Bool (0 or 1) and Int
-    int minimum;       // of Int, inclusive
+    int minimum; // of Int, inclusive
     int maximum;
     const char* defaultText; // of Text
 

@@ -1,11 +1,11 @@
 #include "common/storage.h"
 
-#include <sys/statvfs.h>
-
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QStorageInfo>
+
+#include <sys/statvfs.h>
 
 namespace {
 
@@ -18,7 +18,9 @@ VolumeSpace space(qint64 totalBytes, qint64 availableBytes, qint64 freeBytes)
 // none even for "/", while the file system still answers.
 VolumeSpace askFileSystem(const QString& path)
 {
-    struct statvfs answer {};
+    struct statvfs answer
+    {
+    };
     if (::statvfs(QFile::encodeName(path).constData(), &answer) != 0)
         return {};
     const qint64 unit = static_cast<qint64>(answer.f_frsize);

@@ -1,14 +1,14 @@
 // The file of abonents and their keys: any bytes are read without harm and in bounded memory;
 // what was read says of each name and of each key only once whose it is, comes out the same
 // when it is written and read again, and a key never gets a second owner.
-#include <cstdint>
+#include "fuzz/check.h"
+#include "host/installation/abonentbook.h"
+#include "host/installation/names.h"
 
 #include <QByteArray>
 #include <QSet>
 
-#include "fuzz/check.h"
-#include "host/installation/abonentbook.h"
-#include "host/installation/names.h"
+#include <cstdint>
 
 using fuzz::require;
 using namespace host;
@@ -22,7 +22,8 @@ constexpr int leastKeyBytes = 4 + keyBytes;
 bool isSame(const Abonent& one, const Abonent& other)
 {
     return one.name == other.name && one.channelType == other.channelType && one.channelData == other.channelData &&
-           one.key == other.key && one.pinned == other.pinned && one.pinnedAt == other.pinnedAt && one.isBlocked == other.isBlocked;
+           one.key == other.key && one.pinned == other.pinned && one.pinnedAt == other.pinnedAt &&
+           one.isBlocked == other.isBlocked;
 }
 
 bool isSame(const AbonentRecords& one, const AbonentRecords& other)
@@ -47,7 +48,8 @@ void checkContent(const AbonentRecords& records, int size)
         require(!names.contains(abonentKey(abonent.name)), "a name belongs to one abonent");
         names.insert(abonentKey(abonent.name));
         require(records.find(abonent.name) == i, "an abonent is found by its name");
-        require(abonent.key.isEmpty() == (abonent.pinned == Abonent::Pinned::No), "a key is pinned somehow, or there is none");
+        require(abonent.key.isEmpty() == (abonent.pinned == Abonent::Pinned::No),
+                "a key is pinned somehow, or there is none");
         if (abonent.key.isEmpty())
             continue;
         require(abonent.key.size() == keyBytes, "a key has its length");

@@ -1,13 +1,13 @@
 // The exchange's modem: whatever its program types and its line does, it dials only when
 // it may and only what can be dialled, answers in proportion, and its carrier tells the
 // truth.
-#include <cstdint>
-
-#include <QByteArray>
-
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "sim/modem/modem.h"
+
+#include <QByteArray>
+
+#include <cstdint>
 
 using fuzz::require;
 using namespace sim;
@@ -53,7 +53,8 @@ public:
 class Terminal
 {
 public:
-    explicit Terminal(int choice) : m_modem(&m_host, QStringLiteral("101"), choice % 2 == 0 ? RingStyle::Line : RingStyle::Pin)
+    explicit Terminal(int choice)
+        : m_modem(&m_host, QStringLiteral("101"), choice % 2 == 0 ? RingStyle::Line : RingStyle::Pin)
     {
         m_modem.powerOn();
     }
@@ -81,15 +82,9 @@ private:
     void happen(int choice)
     {
         switch (choice % 12) {
-        case 0:
-            m_modem.ring(m_nowNs);
-            break;
-        case 1:
-            m_modem.ringPauses();
-            break;
-        case 2:
-            m_modem.ringingStopped();
-            break;
+        case 0: m_modem.ring(m_nowNs); break;
+        case 1: m_modem.ringPauses(); break;
+        case 2: m_modem.ringingStopped(); break;
         case 3:
             if (isAwaitingCall())
                 m_modem.connected(300 * (1 + choice), m_nowNs);
@@ -111,16 +106,12 @@ private:
             m_modem.setDtr(false);
             m_modem.dtrDropped(m_nowNs);
             break;
-        case 8:
-            m_modem.setDtr(true);
-            break;
+        case 8: m_modem.setDtr(true); break;
         case 9:
             m_nowNs += choice * 20 * nsPerMs;
             m_modem.advance(m_nowNs);
             break;
-        case 10:
-            m_nowNs += choice * nsPerMs;
-            break;
+        case 10: m_nowNs += choice * nsPerMs; break;
         case 11:
             m_host.isCalling = false;
             m_modem.powerOn();
@@ -135,7 +126,8 @@ private:
 
     void check()
     {
-        require(m_host.isCalling == (isAwaitingCall() || m_modem.isConnected()), "the exchange and the modem agree whether there is a call");
+        require(m_host.isCalling == (isAwaitingCall() || m_modem.isConnected()),
+                "the exchange and the modem agree whether there is a call");
         require(m_host.carrier || !m_modem.isConnected(), "a connection shows a carrier");
         require(m_modem.nextEventNs() < 0 || m_modem.state() == ModemState::Data, "only an escape is waited for");
     }

@@ -5,15 +5,6 @@
 // What no link can hold is kept out: the streams and the garbage contain no start symbol,
 // so that they show no image of a packet, and a chunk gets one wrong bit at most, which
 // every check finds.
-#include <algorithm>
-#include <array>
-#include <cstdint>
-#include <deque>
-#include <memory>
-
-#include <QByteArray>
-#include <QSettings>
-
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "common/global.h"
@@ -24,6 +15,15 @@
 #include "tests/support/fakeserialport.h"
 #include "tests/support/virtualclock.h"
 
+#include <QByteArray>
+#include <QSettings>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <memory>
+
 using fuzz::require;
 
 namespace {
@@ -31,7 +31,7 @@ namespace {
 constexpr char startSymbol = 0x7C;
 constexpr int everything = 1 << 28;
 constexpr int stepMs = 50;
-constexpr int mostSteps = 100;           // of whole exchanges within an input
+constexpr int mostSteps = 100; // of whole exchanges within an input
 constexpr qint64 healingMs = 600 * 1000; // all must have arrived so long after the last fault
 constexpr qint64 heartbeatMs = 1000;
 constexpr qint64 hourMs = 3600 * 1000;
@@ -121,9 +121,22 @@ public:
     }
 
 private:
-    enum Action {
-        Write, Read, Wait, Deliver, Exchange, // what peers do
-        Drop, Double, Flip, Cut, Garbage, Split, Room, StepClock, DropAll, // what lines do
+    enum Action
+    {
+        Write,
+        Read,
+        Wait,
+        Deliver,
+        Exchange, // what peers do
+        Drop,
+        Double,
+        Flip,
+        Cut,
+        Garbage,
+        Split,
+        Room,
+        StepClock,
+        DropAll, // what lines do
         ActionCount
     };
 
@@ -134,15 +147,9 @@ private:
         Party& to = *m_parties[static_cast<std::size_t>(1 - (choice >> 7))];
         std::deque<Chunk>& line = from.sent;
         switch (static_cast<Action>((choice & 127) % ActionCount)) {
-        case Write:
-            from.write(4 * input.byte());
-            break;
-        case Read:
-            from.read(16 * input.byte());
-            break;
-        case Wait:
-            m_clock.advanceMs(8 * input.byte());
-            break;
+        case Write: from.write(4 * input.byte()); break;
+        case Read: from.read(16 * input.byte()); break;
+        case Wait: m_clock.advanceMs(8 * input.byte()); break;
         case Deliver:
             for (int chunks = 1 + input.byte(); chunks > 0 && !line.empty(); --chunks)
                 deliver(line, to);
@@ -161,16 +168,12 @@ private:
             if (!line.empty())
                 line.push_front(line.front());
             break;
-        case Flip:
-            flip(line, input.word());
-            break;
+        case Flip: flip(line, input.word()); break;
         case Cut:
             if (!line.empty())
                 line.front().bytes.truncate(input.byte());
             break;
-        case Garbage:
-            to.port.inject(input.run(input.byte() % 64).replace(startSymbol, 'x'));
-            break;
+        case Garbage: to.port.inject(input.run(input.byte() % 64).replace(startSymbol, 'x')); break;
         case Split:
             if (!line.empty()) {
                 const int size = input.byte();
@@ -178,17 +181,10 @@ private:
                 line.front().bytes.remove(0, size);
             }
             break;
-        case Room:
-            from.port.setRoom(input.byte() * 4);
-            break;
-        case StepClock:
-            m_clock.stepWallClockMs(input.byte() % 2 == 0 ? hourMs : -hourMs);
-            break;
-        case DropAll:
-            line.clear();
-            break;
-        case ActionCount:
-            break;
+        case Room: from.port.setRoom(input.byte() * 4); break;
+        case StepClock: m_clock.stepWallClockMs(input.byte() % 2 == 0 ? hourMs : -hourMs); break;
+        case DropAll: line.clear(); break;
+        case ActionCount: break;
         }
     }
 
@@ -267,7 +263,15 @@ public:
     }
 
 private:
-    enum Action { Receive, Write, Read, Wait, Room, ActionCount };
+    enum Action
+    {
+        Receive,
+        Write,
+        Read,
+        Wait,
+        Room,
+        ActionCount
+    };
 
     void act(fuzz::Input& input)
     {
@@ -275,7 +279,8 @@ private:
         switch (static_cast<Action>(choice % ActionCount)) {
         case Receive: {
             const QByteArray script = input.run(input.byte());
-            fuzz::Input pieces(reinterpret_cast<const std::uint8_t*>(script.constData()), static_cast<std::size_t>(script.size()));
+            fuzz::Input pieces(reinterpret_cast<const std::uint8_t*>(script.constData()),
+                               static_cast<std::size_t>(script.size()));
             const QByteArray bytes = fuzz::lineBytes(pieces);
             m_injected += bytes.size();
             m_port.inject(bytes);
@@ -287,17 +292,10 @@ private:
             m_writtenBytes += size;
             break;
         }
-        case Read:
-            read(16 * input.byte());
-            break;
-        case Wait:
-            m_clock.advanceMs(8 * input.byte());
-            break;
-        case Room:
-            m_port.setRoom(input.byte() == 0 ? -1 : 64);
-            break;
-        case ActionCount:
-            break;
+        case Read: read(16 * input.byte()); break;
+        case Wait: m_clock.advanceMs(8 * input.byte()); break;
+        case Room: m_port.setRoom(input.byte() == 0 ? -1 : 64); break;
+        case ActionCount: break;
         }
     }
 
@@ -315,9 +313,10 @@ private:
         while (fuzz::plainRead(bytes, packet)) {
             require(packet.type == 0 || packet.type == 1, "the type is one of the two");
             require(packet.type != 0 || packet.data.count('w') == packet.data.size(), "the payload is the host's");
-            require(packet.type != 1 || std::is_sorted(packet.data.cbegin(), packet.data.cend(), [](char a, char b) {
-                return static_cast<quint8>(a) < static_cast<quint8>(b);
-            }), "confirmed numbers ascend");
+            require(packet.type != 1 ||
+                        std::is_sorted(packet.data.cbegin(), packet.data.cend(),
+                                       [](char a, char b) { return static_cast<quint8>(a) < static_cast<quint8>(b); }),
+                    "confirmed numbers ascend");
         }
         require(bytes.isEmpty(), "what goes out is whole packets");
     }

@@ -1,12 +1,12 @@
 // The handshake between two sides over a line that belongs to an enemy: whoever takes a message
 // but the first for genuine has got the other side's own, in its turn, in a handshake in which
 // both have heard the same.
-#include <cstdint>
+#include "fuzz/check.h"
+#include "fuzz/noisesides.h"
 
 #include <QList>
 
-#include "fuzz/check.h"
-#include "fuzz/noisesides.h"
+#include <cstdint>
 
 using fuzz::require;
 using host::NoiseHandshake;
@@ -16,7 +16,8 @@ namespace {
 constexpr int messageCount = 3;
 constexpr int maxSteps = 24; // each may take a good deal of arithmetic
 
-struct Side {
+struct Side
+{
     NoiseHandshake handshake;
     QByteArray key;
     QList<QByteArray> transcript; // what it wrote, and what it took
@@ -52,18 +53,12 @@ private:
         Side& side = choice & 1 ? m_initiator : m_responder;
         Side& other = choice & 1 ? m_responder : m_initiator;
         switch (choice / 2 % 5) {
-        case 0:
-            write(side);
-            break;
-        case 1:
-            read(side, other, other.written.isEmpty() ? QByteArray() : other.written.last());
-            break;
+        case 0: write(side); break;
+        case 1: read(side, other, other.written.isEmpty() ? QByteArray() : other.written.last()); break;
         case 2:
             read(side, other, fuzz::damaged(m_input, other.written.isEmpty() ? QByteArray() : other.written.last()));
             break;
-        case 3:
-            read(side, other, m_input.run(m_input.byte()));
-            break;
+        case 3: read(side, other, m_input.run(m_input.byte())); break;
         default:
             // Its own comes back, or what was the first on the line.
             read(side, other, side.written.isEmpty() ? m_initiator.written.value(0) : side.written.last());
@@ -79,7 +74,8 @@ private:
         require(message.isEmpty() != isItsTurn, "one writes in one's turn");
         side.hasFailed |= message.isEmpty();
         if (!message.isEmpty()) {
-            require(message.size() == host::noiseMessageBytes[side.transcript.size()] + payload.size(), "a message is as long as said");
+            require(message.size() == host::noiseMessageBytes[side.transcript.size()] + payload.size(),
+                    "a message is as long as said");
             side.written.append(message);
             side.transcript.append(message);
         }
@@ -100,7 +96,8 @@ private:
         }
         side.transcript.append(message);
         if (number > 0)
-            require(side.transcript == other.transcript.mid(0, number + 1), "what is taken was said to whom it is taken from");
+            require(side.transcript == other.transcript.mid(0, number + 1),
+                    "what is taken was said to whom it is taken from");
         else
             require(payload == message.mid(host::publicKeyBytes), "the first payload is in the clear");
     }
@@ -108,9 +105,11 @@ private:
     void check(Side& side, Side& other)
     {
         NoiseHandshake& handshake = side.handshake;
-        require(handshake.isDone() == (!side.hasFailed && side.transcript.size() == messageCount), "three messages make it");
+        require(handshake.isDone() == (!side.hasFailed && side.transcript.size() == messageCount),
+                "three messages make it");
         require(handshake.hash().isEmpty() != handshake.isDone(), "there is a hash once it is done");
-        require(handshake.remotePublicKey().isEmpty() || handshake.remotePublicKey() == other.key, "the key is the other side's");
+        require(handshake.remotePublicKey().isEmpty() || handshake.remotePublicKey() == other.key,
+                "the key is the other side's");
         host::NoiseCipher sending = handshake.takeSending();
         require(sending.isUsable() == handshake.isDone(), "there are keys once it is done");
         if (!handshake.isDone() || !other.handshake.isDone())

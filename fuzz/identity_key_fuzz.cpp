@@ -1,13 +1,13 @@
 // The file of the identity key with any contents: it gives the key that it holds, or is told to
 // be damaged; it stays as it is.
-#include <cstdint>
+#include "common/global.h"
+#include "fuzz/check.h"
+#include "host/installation/identitykey.h"
 
 #include <QDir>
 #include <QFile>
 
-#include "common/global.h"
-#include "fuzz/check.h"
-#include "host/installation/identitykey.h"
+#include <cstdint>
 
 using fuzz::require;
 
@@ -50,8 +50,8 @@ extern "C" __attribute__((visibility("default"))) int LLVMFuzzerTestOneInput(con
     require((key == nullptr) != error.isEmpty(), "a key, or what is wrong");
     require(readFile(path) == contents, "the file stays");
     if (key) {
-        const QByteArray expected = "transport-host identity 1\npublic " + key->publicKey().toHex() + "\nsecret "
-            + hexOf(key->secretKey()) + "\n";
+        const QByteArray expected = "transport-host identity 1\npublic " + key->publicKey().toHex() + "\nsecret " +
+                                    hexOf(key->secretKey()) + "\n";
         require(contents.left(26) == expected.left(26) && contents.toLower() == expected, "the key is the file's");
         require(host::isUsablePublicKey(key->publicKey()), "the key can be used");
     }

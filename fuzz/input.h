@@ -1,11 +1,11 @@
 // A fuzz input as a row of choices. At its end every choice is zero and every run empty.
 #pragma once
 
+#include <QByteArray>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-
-#include <QByteArray>
 
 namespace fuzz {
 

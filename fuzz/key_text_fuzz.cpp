@@ -1,11 +1,11 @@
 // A key as somebody typed it: what is read is what the same characters would be written for.
-#include <cstdint>
-
-#include <QString>
-
 #include "fuzz/check.h"
 #include "host/installation/keypair.h"
 #include "host/installation/keytext.h"
+
+#include <QString>
+
+#include <cstdint>
 
 using fuzz::require;
 
@@ -19,7 +19,9 @@ QString spelledOut(const QString& text)
         if (!character.isSpace() && character != QLatin1Char('-'))
             characters.append(character);
     }
-    return characters.replace(QLatin1Char('O'), QLatin1Char('0')).replace(QLatin1Char('I'), QLatin1Char('1')).replace(QLatin1Char('L'), QLatin1Char('1'));
+    return characters.replace(QLatin1Char('O'), QLatin1Char('0'))
+        .replace(QLatin1Char('I'), QLatin1Char('1'))
+        .replace(QLatin1Char('L'), QLatin1Char('1'));
 }
 
 void checkText(const QString& text)

@@ -1,15 +1,15 @@
 // The reader of a modem's answers: the same answers as a plain second reading of the line
 // rules gives, however the bytes are split, and nothing left but a line without its end.
-#include <cstdint>
-#include <vector>
+#include "com/modemdialogue.h"
+#include "fuzz/check.h"
+#include "fuzz/input.h"
 
 #include <QBuffer>
 #include <QByteArray>
 #include <QString>
 
-#include "com/modemdialogue.h"
-#include "fuzz/check.h"
-#include "fuzz/input.h"
+#include <cstdint>
+#include <vector>
 
 using fuzz::require;
 

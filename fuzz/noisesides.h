@@ -2,13 +2,13 @@
 // that are nearly what the other side said.
 #pragma once
 
-#include <algorithm>
-#include <memory>
+#include "fuzz/input.h"
+#include "host/session/noise.h"
 
 #include <QByteArray>
 
-#include "fuzz/input.h"
-#include "host/session/noise.h"
+#include <algorithm>
+#include <memory>
 
 namespace fuzz {
 
@@ -29,15 +29,9 @@ inline QByteArray damaged(Input& input, QByteArray bytes)
             if (!bytes.isEmpty())
                 bytes[position] = static_cast<char>(bytes.at(position) ^ (1 << input.byte() % 8));
             break;
-        case 1:
-            bytes.truncate(position);
-            break;
-        case 2:
-            bytes.insert(position, input.run(input.byte() % 40));
-            break;
-        default:
-            bytes.remove(position, input.byte() % 40);
-            break;
+        case 1: bytes.truncate(position); break;
+        case 2: bytes.insert(position, input.run(input.byte() % 40)); break;
+        default: bytes.remove(position, input.byte() % 40); break;
         }
     }
     return bytes;

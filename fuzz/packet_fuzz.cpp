@@ -1,14 +1,14 @@
 // The packet cutter: finds what the plain description finds, call by call, and the same
 // packets however the bytes are split.
-#include <cstdint>
-#include <vector>
-
-#include <QByteArray>
-
 #include "com/ccompacket.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "fuzz/packets.h"
+
+#include <QByteArray>
+
+#include <cstdint>
+#include <vector>
 
 using fuzz::require;
 
@@ -16,8 +16,8 @@ namespace {
 
 bool isSame(const CComPacket& packet, const fuzz::PlainPacket& plain)
 {
-    return packet.type == plain.type && packet.number == plain.number && packet.data == plain.data
-        && packet.bytes == plain.bytes;
+    return packet.type == plain.type && packet.number == plain.number && packet.data == plain.data &&
+           packet.bytes == plain.bytes;
 }
 
 std::vector<fuzz::PlainPacket> cutWhole(const QByteArray& bytes)

@@ -99,8 +99,9 @@ bool plainRead(QByteArray& buffer, PlainPacket& packet)
 {
     int at = 0;
     while (at + headerBytes <= buffer.size()) {
-        const bool isHeader = byteAt(buffer, at) == 0x7C
-            && plainHeaderCheck(QByteArray::fromRawData(buffer.constData() + at, 5)) == (byteAt(buffer, at + 5) | byteAt(buffer, at + 6) << 8);
+        const bool isHeader =
+            byteAt(buffer, at) == 0x7C && plainHeaderCheck(QByteArray::fromRawData(buffer.constData() + at, 5)) ==
+                                              (byteAt(buffer, at + 5) | byteAt(buffer, at + 6) << 8);
         if (!isHeader) {
             ++at;
             continue;
@@ -110,7 +111,8 @@ bool plainRead(QByteArray& buffer, PlainPacket& packet)
         if (at + wireBytes > buffer.size())
             return false;
         const QByteArray checked = QByteArray::fromRawData(buffer.constData() + at, headerBytes + length);
-        if (length == 0 || buffer.mid(at + headerBytes + length, checkBytes) == littleEndian(plainPayloadCheck(checked), checkBytes)) {
+        if (length == 0 ||
+            buffer.mid(at + headerBytes + length, checkBytes) == littleEndian(plainPayloadCheck(checked), checkBytes)) {
             packet.type = byteAt(buffer, at + 1);
             packet.number = byteAt(buffer, at + 2);
             packet.data = buffer.mid(at + headerBytes, length);
@@ -127,16 +129,24 @@ bool plainRead(QByteArray& buffer, PlainPacket& packet)
 QByteArray lineBytes(Input& input)
 {
     // The upper bits of the choice say how many such packets come, with numbers counting up.
-    enum Piece { Run, Packet, EmptyPacket, DamagedPacket, LonelyHeader, LongPacket, PacketInPacket, PieceCount };
+    enum Piece
+    {
+        Run,
+        Packet,
+        EmptyPacket,
+        DamagedPacket,
+        LonelyHeader,
+        LongPacket,
+        PacketInPacket,
+        PieceCount
+    };
     QByteArray bytes;
     // A few bytes of input make many here; long rows only make the target slow.
     while (!input.atEnd() && bytes.size() < maxLineBytes) {
         const int choice = input.byte();
         const int times = 1 + (choice >> 4);
         switch (static_cast<Piece>((choice & 15) % PieceCount)) {
-        case Run:
-            bytes += input.run(input.byte());
-            break;
+        case Run: bytes += input.run(input.byte()); break;
         case Packet: {
             const int type = input.byte();
             const int number = input.byte();
@@ -176,8 +186,7 @@ QByteArray lineBytes(Input& input)
             bytes += plainWire(0, number, inner).chopped(input.byte() % 12);
             break;
         }
-        case PieceCount:
-            break;
+        case PieceCount: break;
         }
     }
     return bytes;

@@ -2,9 +2,9 @@
 // com/: what the fuzz targets hold the channel's own code against.
 #pragma once
 
-#include <QByteArray>
-
 #include "fuzz/input.h"
+
+#include <QByteArray>
 
 namespace fuzz {
 

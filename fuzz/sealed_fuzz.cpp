@@ -1,12 +1,12 @@
 // Sealed messages on a line that belongs to an enemy: what opens is the next that was sealed,
 // as it was; after anything else nothing opens.
-#include <cstdint>
-#include <limits>
+#include "fuzz/check.h"
+#include "fuzz/noisesides.h"
 
 #include <QList>
 
-#include "fuzz/check.h"
-#include "fuzz/noisesides.h"
+#include <cstdint>
+#include <limits>
 
 using fuzz::require;
 using host::NoiseCipher;
@@ -20,7 +20,8 @@ NoiseCipher cipherFrom(quint64 nextNonce)
     return NoiseCipher(std::move(key), nextNonce);
 }
 
-struct Sealed {
+struct Sealed
+{
     QByteArray plain;
     QByteArray bytes;
 };
@@ -49,15 +50,9 @@ private:
     {
         const int choice = m_input.byte();
         switch (choice % 4) {
-        case 0:
-            seal();
-            break;
-        case 1:
-            open(m_sealed.value(m_opened).bytes);
-            break;
-        case 2:
-            open(fuzz::damaged(m_input, m_sealed.value(m_opened).bytes));
-            break;
+        case 0: seal(); break;
+        case 1: open(m_sealed.value(m_opened).bytes); break;
+        case 2: open(fuzz::damaged(m_input, m_sealed.value(m_opened).bytes)); break;
         default:
             open(m_sealed.isEmpty() ? m_input.run(choice) : m_sealed.at(m_input.byte() % m_sealed.size()).bytes);
             break;

@@ -1,19 +1,19 @@
 // The session protocol with a hostile peer: whatever it says, what is stored has the hash
 // that was announced, what is sent is whole frames with the messages' own bytes, and the
 // session ends.
-#include <array>
-#include <cstdint>
-#include <map>
-
-#include <QByteArray>
-#include <QCryptographicHash>
-
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "host/session/session.h"
 #include "tests/host/memorystore.h"
 #include "tests/host/sealedpeer.h"
 #include "tests/support/seededrandomness.h"
+
+#include <QByteArray>
+#include <QCryptographicHash>
+
+#include <array>
+#include <cstdint>
+#include <map>
 
 using fuzz::require;
 using namespace host;
@@ -41,7 +41,10 @@ QByteArray sha256(const QByteArray& bytes)
 class Listener
 {
 public:
-    Listener(const std::map<quint64, QByteArray>* messages, hosttest::SealedPeer* peer) : m_messages(messages), m_peer(peer) {}
+    Listener(const std::map<quint64, QByteArray>* messages, hosttest::SealedPeer* peer)
+        : m_messages(messages), m_peer(peer)
+    {
+    }
 
     void hear(const QByteArray& bytes)
     {
@@ -49,14 +52,9 @@ public:
         Frame frame;
         for (;;) {
             switch (m_peer->next(&frame)) {
-            case FrameReader::Result::None:
-                return;
-            case FrameReader::Result::Damaged:
-                require(false, "the session's frames are whole");
-                return;
-            case FrameReader::Result::Frame:
-                check(frame);
-                break;
+            case FrameReader::Result::None: return;
+            case FrameReader::Result::Damaged: require(false, "the session's frames are whole"); return;
+            case FrameReader::Result::Frame: check(frame); break;
             }
         }
     }
@@ -93,9 +91,7 @@ private:
             require(m_isOffered, "only what is under way is broken off");
             m_isOffered = false;
             break;
-        case FrameType::Stop:
-            m_isStopped = true;
-            break;
+        case FrameType::Stop: m_isStopped = true; break;
         case FrameType::Hello:
         case FrameType::State:
         case FrameType::Stored:
@@ -106,8 +102,7 @@ private:
         case FrameType::Continue:
         case FrameType::Bye:
         case FrameType::ByeYes:
-        case FrameType::ByeNo:
-            break;
+        case FrameType::ByeNo: break;
         }
     }
 
@@ -138,7 +133,9 @@ public:
         if (m_isProved)
             m_directory.everybodyElse = QStringLiteral("Mallory");
         m_directory.acceptsUnknown = choice / 16 % 4 == 2;
-        m_session = std::make_unique<Session>(settings, SessionCall{}, &m_directory, &m_store, [this](const SessionEvent& event) { onEvent(event); }, m_nowMs);
+        m_session = std::make_unique<Session>(
+            settings, SessionCall{}, &m_directory, &m_store, [this](const SessionEvent& event) { onEvent(event); },
+            m_nowMs);
     }
 
     void run()
@@ -150,9 +147,23 @@ public:
     }
 
 private:
-    enum Action {
-        AnyFrame, AnyBytes, Hello, EmptyState, StateWithPart, Message, ResumedMessage, LargeData,
-        Take, Pass, StoreFault, KeepAlive, Stop, Acknowledge, Ending,
+    enum Action
+    {
+        AnyFrame,
+        AnyBytes,
+        Hello,
+        EmptyState,
+        StateWithPart,
+        Message,
+        ResumedMessage,
+        LargeData,
+        Take,
+        Pass,
+        StoreFault,
+        KeepAlive,
+        Stop,
+        Acknowledge,
+        Ending,
         ActionCount
     };
 
@@ -179,9 +190,7 @@ private:
             say(static_cast<FrameType>(type), m_input.run(m_input.word() % maxFramePayloadBytes));
             break;
         }
-        case AnyBytes:
-            hear(m_input.run(m_input.byte()));
-            break;
+        case AnyBytes: hear(m_input.run(m_input.byte())); break;
         case Hello: {
             HelloFrame hello;
             hello.abonentName = QString::fromUtf8(m_input.run(m_input.byte() % 64));
@@ -206,40 +215,32 @@ private:
             say(FrameType::State, state.encode());
             break;
         }
-        case Message:
-            sendMessage(choice);
-            break;
+        case Message: sendMessage(choice); break;
         case ResumedMessage: {
             const int index = m_input.byte() % 4;
             const QByteArray part = standingPart(index);
             const QByteArray more = m_input.run(m_input.byte());
-            offer(firstStandingId + static_cast<quint64>(index), part + more, choice < 128 ? part.size() : m_input.word());
+            offer(firstStandingId + static_cast<quint64>(index), part + more,
+                  choice < 128 ? part.size() : m_input.word());
             if (!more.isEmpty())
                 say(FrameType::Data, more);
             break;
         }
-        case LargeData:
-            say(FrameType::Data, pattern(1 + m_input.word() % maxFramePayloadBytes, choice));
-            break;
-        case Take:
-            m_listener.hear(m_session->takeOutput(m_input.word() % 4000, m_nowMs));
-            break;
+        case LargeData: say(FrameType::Data, pattern(1 + m_input.word() % maxFramePayloadBytes, choice)); break;
+        case Take: m_listener.hear(m_session->takeOutput(m_input.word() % 4000, m_nowMs)); break;
         case Pass:
             m_nowMs += m_input.word();
             m_session->advance(m_nowMs);
             break;
         case StoreFault: {
             const std::array<QString*, 3> faults{&m_store.openError, &m_store.appendError, &m_store.storeError};
-            *faults[static_cast<std::size_t>(m_input.byte() % 3)] = choice < 128 ? QStringLiteral("the disk is full") : QString();
+            *faults[static_cast<std::size_t>(m_input.byte() % 3)] =
+                choice < 128 ? QStringLiteral("the disk is full") : QString();
             m_store.refuseBegin = m_input.byte() % 4 == 3;
             break;
         }
-        case KeepAlive:
-            m_session->setKeepAlive(choice < 128);
-            break;
-        case Stop:
-            m_session->stop(QStringLiteral("stopped"), m_nowMs);
-            break;
+        case KeepAlive: m_session->setKeepAlive(choice < 128); break;
+        case Stop: m_session->stop(QStringLiteral("stopped"), m_nowMs); break;
         case Acknowledge: {
             const int numbers = m_input.byte() % 4;
             QVector<quint64> offers;
@@ -249,12 +250,12 @@ private:
             break;
         }
         case Ending: {
-            constexpr std::array<FrameType, 5> endings{FrameType::Finish, FrameType::Bye, FrameType::ByeYes, FrameType::ByeNo, FrameType::Continue};
+            constexpr std::array<FrameType, 5> endings{FrameType::Finish, FrameType::Bye, FrameType::ByeYes,
+                                                       FrameType::ByeNo, FrameType::Continue};
             say(endings[static_cast<std::size_t>(m_input.byte()) % endings.size()], QByteArray());
             break;
         }
-        case ActionCount:
-            break;
+        case ActionCount: break;
         }
     }
 
@@ -294,7 +295,8 @@ private:
         if (event.kind == SessionEvent::Kind::FileStored) {
             require(m_store.inbox.size() == ++m_stored, "what is told stored is in the inbox");
             const QByteArray& content = m_store.inbox.back().content;
-            require(event.sha256 == sha256(content) && event.size == content.size(), "what is stored has the hash announced");
+            require(event.sha256 == sha256(content) && event.size == content.size(),
+                    "what is stored has the hash announced");
         }
     }
 
@@ -314,7 +316,8 @@ private:
         }
         require(m_session->isFinished(), "every session ends");
         require(m_isProved || !m_listener.wasOffered(), "nothing is handed out to a peer that is not proved");
-        require(m_isProved || m_directory.acceptsUnknown || m_store.inbox.empty(), "nothing is taken from a refused peer");
+        require(m_isProved || m_directory.acceptsUnknown || m_store.inbox.empty(),
+                "nothing is taken from a refused peer");
         require(m_session->endedWell() || !m_session->endReason().isEmpty(), "a session that ended badly says why");
         for (const auto& entry : m_store.outgoing)
             require(!entry.claimedBy, "what was not sent is free again");

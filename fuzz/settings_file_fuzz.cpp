@@ -1,20 +1,19 @@
 // The settings file with any contents: every value that is used is within its limits, and
 // the file then lists each key with the value that was used.
-#include <cstdint>
-#include <ctime>
-
-#include <fcntl.h>
-#include <sys/stat.h>
+#include "common/csettings.h"
+#include "common/global.h"
+#include "common/settingskeys.h"
+#include "fuzz/check.h"
 
 #include <QDir>
 #include <QFile>
 #include <QSettings>
 #include <QStringList>
 
-#include "common/csettings.h"
-#include "common/global.h"
-#include "common/settingskeys.h"
-#include "fuzz/check.h"
+#include <cstdint>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 using fuzz::require;
 
@@ -52,13 +51,14 @@ QStringList valuesInUse()
     QStringList values{QVariant(settings.debugAll()).toString()};
     for (int level = 1; level <= lastDebugCategory; ++level)
         values += QVariant(settings.debugCategory(level)).toString();
-    for (const int number : {settings.dirPermissions(), settings.filePermissions(), settings.detailsMaxWritingTime(),
-                             settings.detailsTransportServerThreadStopTimeout(), settings.detailsTransportComAtOkTimeout(),
-                             settings.detailsTransportComAtReadyCheckTimeout(), settings.detailsTransportComDsrCheckInterval(),
-                             settings.detailsTransportComOpenInterval(), settings.detailsTransportComConnectTimeout(),
-                             settings.detailsTransportComResetTimeout(), settings.detailsTransportComMaxBytesToWrite(),
-                             settings.detailsTransportComMaxBytesInQueue(), settings.detailsTransportComResendInterval(),
-                             settings.detailsTransportComConfirmationInterval()})
+    for (const int number :
+         {settings.dirPermissions(), settings.filePermissions(), settings.detailsMaxWritingTime(),
+          settings.detailsTransportServerThreadStopTimeout(), settings.detailsTransportComAtOkTimeout(),
+          settings.detailsTransportComAtReadyCheckTimeout(), settings.detailsTransportComDsrCheckInterval(),
+          settings.detailsTransportComOpenInterval(), settings.detailsTransportComConnectTimeout(),
+          settings.detailsTransportComResetTimeout(), settings.detailsTransportComMaxBytesToWrite(),
+          settings.detailsTransportComMaxBytesInQueue(), settings.detailsTransportComResendInterval(),
+          settings.detailsTransportComConfirmationInterval()})
         values += QString::number(number);
     values += settings.detailsTransportComControlSymbol();
     return values;
@@ -70,7 +70,8 @@ void checkLimits(const QStringList& values)
     for (int i = 0; i < settingCount; ++i) {
         const SettingKey& key = settingKey(Setting(i));
         const int value = values.at(i).toInt();
-        require(key.type != SettingKey::Int || (value >= key.minimum && value <= key.maximum), "a number is within its limits");
+        require(key.type != SettingKey::Int || (value >= key.minimum && value <= key.maximum),
+                "a number is within its limits");
     }
 }
 
@@ -85,7 +86,8 @@ void checkFileLists(const QStringList& values, const QByteArray& contents)
         require(file.contains(key.key()), "the file lists every key");
         const QVariant value = file.value(key.key());
         const QString text = key.type == SettingKey::Bool ? QVariant(value.toBool()).toString() : value.toString();
-        require(key.type == SettingKey::Int ? text.toInt() == values.at(i).toInt() : text == values.at(i), "the value listed is the one used");
+        require(key.type == SettingKey::Int ? text.toInt() == values.at(i).toInt() : text == values.at(i),
+                "the value listed is the one used");
     }
 }
 

@@ -1,14 +1,14 @@
 // The two settings records: any bytes are read without harm and in bounded memory, and
 // what was read without an error is written as the same bytes again.
-#include <algorithm>
-#include <cstdint>
-
-#include <QByteArray>
-
 #include "com/ccomsettings.h"
 #include "com/comsettings.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"
+
+#include <QByteArray>
+
+#include <algorithm>
+#include <cstdint>
 
 using fuzz::require;
 
@@ -43,8 +43,9 @@ int versionOf(const QByteArray& data)
 void checkError(const QString& error, const QByteArray& data, int version)
 {
     if (versionOf(data) != version) {
-        require(error == QStringLiteral("Версия настроек ") + QString::number(versionOf(data))
-                    + QStringLiteral(" не совпадает с текущей ") + QString::number(version), "another version is told");
+        require(error == QStringLiteral("Версия настроек ") + QString::number(versionOf(data)) +
+                             QStringLiteral(" не совпадает с текущей ") + QString::number(version),
+                "another version is told");
     } else {
         require(error.isEmpty() || error == QStringLiteral("Данные повреждены"), "the other error is damage");
     }
@@ -53,9 +54,9 @@ void checkError(const QString& error, const QByteArray& data, int version)
 // A bool may come as any byte but goes out as 0 or 1.
 bool isRewritten(const QByteArray& data, const QByteArray& again)
 {
-    return data.size() >= again.size() && std::equal(again.cbegin(), again.cend(), data.cbegin(), [](char out, char in) {
-        return out == in || (out == 1 && in != 0);
-    });
+    return data.size() >= again.size() &&
+           std::equal(again.cbegin(), again.cend(), data.cbegin(),
+                      [](char out, char in) { return out == in || (out == 1 && in != 0); });
 }
 
 void readChannel(const QByteArray& data)
@@ -95,7 +96,8 @@ void readAbonent(const QByteArray& data)
     const QString error = settings.fromByteArray(data);
     checkError(error, data, 4);
     if (versionOf(data) != 4)
-        require(settings.phoneNumber == QStringLiteral("before") && settings.allowedPorts.size() == 1, "another version changes nothing");
+        require(settings.phoneNumber == QStringLiteral("before") && settings.allowedPorts.size() == 1,
+                "another version changes nothing");
     else
         require(error.isEmpty() || settings.allowedPorts.isEmpty(), "damaged data allow no port");
 
@@ -109,7 +111,8 @@ void readAbonent(const QByteArray& data)
     const QByteArray again = settings.toByteArray();
     AbonentComSettings copy;
     require(copy.fromByteArray(again).isEmpty(), "what was written is read");
-    require(copy.phoneNumber == settings.phoneNumber && copy.allowedPorts == settings.allowedPorts, "the record is what it was");
+    require(copy.phoneNumber == settings.phoneNumber && copy.allowedPorts == settings.allowedPorts,
+            "the record is what it was");
     require(copy.toByteArray() == again, "null and empty texts stay apart");
     if (error.isEmpty())
         require(data.startsWith(again), "the bytes are the described ones");

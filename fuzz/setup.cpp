@@ -1,10 +1,10 @@
 // What runs before the first input: a fresh installation root, an application object, and
 // silence in place of Qt's debug output, which would take most of the time.
-#include <cstdlib>
+#include "tests/support/freshroot.h"
 
 #include <QCoreApplication>
 
-#include "tests/support/freshroot.h"
+#include <cstdlib>
 
 extern "C" __attribute__((visibility("default"))) int LLVMFuzzerInitialize(int* argc, char*** argv)
 {

@@ -24,8 +24,7 @@ const FileProgress& FileTable::update(const SessionReport& report, qint64 nowMs)
     file.changedMs = nowMs;
     switch (event.kind) {
     case Kind::PeerNamed:
-    case Kind::Note:
-        break;
+    case Kind::Note: break;
     case Kind::FileBegun:
         file.state = State::Moving;
         file.beganMs = nowMs;

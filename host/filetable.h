@@ -1,13 +1,13 @@
 // The files on their way over a host's connections, for its views and its state file.
 #pragma once
 
-#include <map>
-#include <tuple>
+#include "host/channel/sessionprotocol.h"
 
 #include <QString>
 #include <QVector>
 
-#include "host/channel/sessionprotocol.h"
+#include <map>
+#include <tuple>
 
 namespace host {
 
@@ -23,7 +23,13 @@ struct FileProgress
     qint64 resumedFrom = 0;
     qint64 beganMs = 0;
     qint64 changedMs = 0;
-    enum class State { Moving, Waiting, Whole, Failed } state = State::Moving; // Waiting: for the peer's word
+    enum class State
+    {
+        Moving,
+        Waiting,
+        Whole,
+        Failed
+    } state = State::Moving; // Waiting: for the peer's word
     QString text;
 
     [[nodiscard]] bool isOver() const { return state == State::Whole || state == State::Failed; }

@@ -4,14 +4,13 @@
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 
-#include <cerrno>
-#include <csignal>
-
-#include <unistd.h>
-
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+
+#include <cerrno>
+#include <csignal>
+#include <unistd.h>
 
 namespace host {
 
@@ -50,8 +49,10 @@ QJsonObject sendingOf(const QVector<FileProgress>& files)
     for (const FileProgress& file : files) {
         if (!file.outgoing || file.isOver())
             continue;
-        sending[idText(file.messageId)] = file.state == FileProgress::State::Waiting ? QStringLiteral("sent, waiting for their word")
-            : QStringLiteral("being sent, %1 of %2 bytes").arg(QString::number(file.done), QString::number(file.size));
+        sending[idText(file.messageId)] = file.state == FileProgress::State::Waiting
+                                              ? QStringLiteral("sent, waiting for their word")
+                                              : QStringLiteral("being sent, %1 of %2 bytes")
+                                                    .arg(QString::number(file.done), QString::number(file.size));
     }
     return sending;
 }
@@ -81,7 +82,8 @@ void takeShare(const QJsonValue& value, Share* share)
 
 QJsonObject shareJson(const Share& share)
 {
-    return {{bytesKey, static_cast<double>(share.bytes)}, {messagesKey, static_cast<double>(share.messages)},
+    return {{bytesKey, static_cast<double>(share.bytes)},
+            {messagesKey, static_cast<double>(share.messages)},
             {inodesKey, static_cast<double>(share.inodes)}};
 }
 
@@ -93,7 +95,8 @@ void HostStateFile::write(const HostState& state)
     record[sendingKey] = sendingOf(state.files);
     record[callingKey] = keysOf(state.calling);
     record[connectedKey] = keysOf(state.connected);
-    record[limitsKey] = QJsonObject{{ofAbonentKey, shareJson(state.limits.ofAbonent)}, {ofUnprovedKey, shareJson(state.limits.ofUnproved)},
+    record[limitsKey] = QJsonObject{{ofAbonentKey, shareJson(state.limits.ofAbonent)},
+                                    {ofUnprovedKey, shareJson(state.limits.ofUnproved)},
                                     {ofAllKey, shareJson(state.limits.ofAll)}};
     const QByteArray bytes = QJsonDocument(record).toJson();
     if (bytes == m_written && QFile::exists(m_path))
@@ -104,7 +107,8 @@ void HostStateFile::write(const HostState& state)
     if (descriptor < 0)
         return;
     QFile file;
-    if (!file.open(descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle) || file.write(bytes) != bytes.size())
+    if (!file.open(descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle) ||
+        file.write(bytes) != bytes.size())
         return;
     file.close();
     if (renamePath(newPath, m_path).isEmpty())

@@ -2,14 +2,14 @@
 // each second. Only for show: whole, but not synced.
 #pragma once
 
+#include "host/channel/channelstable.h"
+#include "host/filetable.h"
+#include "host/store/quota.h"
+
 #include <QJsonObject>
 #include <QString>
 #include <QStringList>
 #include <QVector>
-
-#include "host/channel/channelstable.h"
-#include "host/filetable.h"
-#include "host/store/quota.h"
 
 namespace host {
 
@@ -17,7 +17,7 @@ struct HostState
 {
     QVector<ChannelRow> ports;
     QVector<FileProgress> files;
-    QStringList calling;   // abonents
+    QStringList calling; // abonents
     QStringList connected;
     InboxLimits limits;
     QJsonObject more; // further figures, each under its name

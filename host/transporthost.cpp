@@ -6,12 +6,12 @@
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 
-#include <algorithm>
-
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
 #include <QRandomGenerator>
+
+#include <algorithm>
 
 namespace host {
 
@@ -20,7 +20,7 @@ namespace {
 constexpr int pollMs = 100;
 constexpr qint64 queuePollMs = 300;
 constexpr qint64 stateEveryMs = 1000;
-constexpr qint64 stopGraceMs = 5000;     // beyond the server's own stop time-out
+constexpr qint64 stopGraceMs = 5000; // beyond the server's own stop time-out
 
 const QString ownName = QStringLiteral("transport-host");
 
@@ -43,8 +43,9 @@ void seedRandom()
 QByteArray fileStamp(const QString& path)
 {
     const QFileInfo info(path);
-    return info.exists() ? QByteArray::number(info.lastModified().toMSecsSinceEpoch()) + '/' + QByteArray::number(info.size())
-                         : QByteArray("-");
+    return info.exists()
+               ? QByteArray::number(info.lastModified().toMSecsSinceEpoch()) + '/' + QByteArray::number(info.size())
+               : QByteArray("-");
 }
 
 } // namespace
@@ -114,8 +115,10 @@ QString TransportHost::start(HostEnd* end)
         QString application;
         *end = HostEnd::Busy;
         if (!lock->getLockInfo(&process, &host, &application))
-            return QStringLiteral("%1 cannot be taken: remove it if no transport-host serves this installation").arg(lockFilePath());
-        return QStringLiteral("another transport-host (process %1) serves this installation: stop it first").arg(process);
+            return QStringLiteral("%1 cannot be taken: remove it if no transport-host serves this installation")
+                .arg(lockFilePath());
+        return QStringLiteral("another transport-host (process %1) serves this installation: stop it first")
+            .arg(process);
     }
     m_lock = std::move(lock);
     if (!m_options.eventsPath.isEmpty()) {
@@ -124,10 +127,12 @@ QString TransportHost::start(HostEnd* end)
             return error;
     }
     m_journal = std::make_unique<HostJournal>(journalPath(), [this](const JournalRecord& record) {
-        QMetaObject::invokeMethod(this, [this, record] { onJournalRecord(record); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, record] { onJournalRecord(record); }, Qt::QueuedConnection);
     });
     m_channels = std::make_unique<ChannelsTable>([this](const ChannelRow& row) {
-        QMetaObject::invokeMethod(this, [this, row] { onStateChanged(row); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, row] { onStateChanged(row); }, Qt::QueuedConnection);
     });
     QString error = loadSettings();
     if (error.isEmpty())
@@ -160,9 +165,11 @@ QString TransportHost::loadSettings()
         journal(false, note);
     if (!m_key)
         return error;
-    m_peers = std::make_unique<Peers>(&m_book, m_key->publicKey(), m_options.acceptUnknown, [this](const PeerNews& news) {
-        QMetaObject::invokeMethod(this, [this, news] { onPeerNews(news); }, Qt::QueuedConnection);
-    });
+    m_peers =
+        std::make_unique<Peers>(&m_book, m_key->publicKey(), m_options.acceptUnknown, [this](const PeerNews& news) {
+            QMetaObject::invokeMethod(
+                this, [this, news] { onPeerNews(news); }, Qt::QueuedConnection);
+        });
     ComSettingsRecord settings;
     error = loadComSettings(&settings);
     if (!error.isEmpty())
@@ -209,7 +216,8 @@ QString TransportHost::startServer()
     m_context->keepsConnections = m_options.keepConnections;
     m_context->maxBlockBytes = CSettings().detailsTransportComMaxBytesToWrite();
     m_context->report = [this](const SessionReport& report) {
-        QMetaObject::invokeMethod(this, [this, report] { onReport(report); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, report] { onReport(report); }, Qt::QueuedConnection);
     };
 
     m_server.reset((*m_plugin)->create());
@@ -228,10 +236,13 @@ QString TransportHost::startServer()
     m_serverThread.setObjectName(QStringLiteral("channel server"));
     m_serverThread.start();
     CChannelServer* server = m_server.get();
-    QMetaObject::invokeMethod(server, [server] {
-        seedRandom();
-        server->start();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        server,
+        [server] {
+            seedRandom();
+            server->start();
+        },
+        Qt::QueuedConnection);
     return QString();
 }
 
@@ -287,7 +298,8 @@ void TransportHost::onStateChanged(const ChannelRow& row)
     const QStringList lost = row.isGone ? m_failures.portGone(row.name) : m_failures.portState(row.name, row.state);
     for (const QString& abonent : lost) {
         m_scheduler->callLost(abonent, m_clock.elapsed());
-        m_events.write(QStringLiteral("callLost"), {{QStringLiteral("peer"), abonent}, {QStringLiteral("port"), row.name}});
+        m_events.write(QStringLiteral("callLost"),
+                       {{QStringLiteral("peer"), abonent}, {QStringLiteral("port"), row.name}});
         journal(true, QStringLiteral("the call to '%1' is over: %2 went down while it dialled").arg(abonent, row.name));
     }
     followConnections(row);

@@ -2,15 +2,6 @@
 // wait, and keeps the books that the views show.
 #pragma once
 
-#include <memory>
-#include <optional>
-
-#include <QElapsedTimer>
-#include <QLockFile>
-#include <QObject>
-#include <QThread>
-#include <QTimer>
-
 #include "common/global.h"
 #include "host/calls/callfailures.h"
 #include "host/calls/callscheduler.h"
@@ -29,29 +20,39 @@
 #include "host/store/messagestore.h"
 #include "plugin/cchannelserver.h"
 
+#include <QElapsedTimer>
+#include <QLockFile>
+#include <QObject>
+#include <QThread>
+#include <QTimer>
+
+#include <memory>
+#include <optional>
+
 namespace host {
 
 struct HostOptions
 {
-    bool exitWhenSent = false;      // ends when nothing is left in the queue
-    int exitWhenReceived = -1;      // ends when so many messages were received; -1: does not matter
-    qint64 timeoutMs = -1;          // gives up after so long; -1: never
-    qint64 retryUnitMs = 1000;      // the unit in which the plug-in's rules count the pauses between calls
+    bool exitWhenSent = false; // ends when nothing is left in the queue
+    int exitWhenReceived = -1; // ends when so many messages were received; -1: does not matter
+    qint64 timeoutMs = -1; // gives up after so long; -1: never
+    qint64 retryUnitMs = 1000; // the unit in which the plug-in's rules count the pauses between calls
     int silenceMs = SessionSettings().silenceMs; // a connection on which nothing comes for so long is dead
-    bool keepConnections = false;   // connections stay when nothing is left to send
-    bool acceptUnknown = false;     // those with unknown keys may leave messages
+    bool keepConnections = false; // connections stay when nothing is left to send
+    bool acceptUnknown = false; // those with unknown keys may leave messages
     bool placeCalls = true;
     InboxLimits limits;
     QString eventsPath; // empty: none
 };
 
 // How a run ended; the program's exit status.
-enum class HostEnd {
-    Done = 0,     // stopped, or everything that was waited for is done
-    Failed = 1,   // could not run
-    Usage = 2,    // (of the command line)
+enum class HostEnd
+{
+    Done = 0, // stopped, or everything that was waited for is done
+    Failed = 1, // could not run
+    Usage = 2, // (of the command line)
     TimedOut = 3, // the time ran out first
-    Busy = 4,     // another host serves this installation
+    Busy = 4, // another host serves this installation
     KeyChanged = 5, // an abonent answered with another key than the pinned one; its messages are still queued
 };
 
@@ -129,7 +130,7 @@ private:
     Identity m_identity;
     AbonentBook m_book{Global::abonentsSettingsFilePath()};
     AbonentRecords m_abonents; // as last read
-    QString m_bookError;       // told once
+    QString m_bookError; // told once
     std::unique_ptr<QLockFile> m_lock;
     EventLog m_events;
 

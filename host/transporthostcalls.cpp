@@ -1,7 +1,6 @@
 // The running host: whom it calls, and why messages wait.
-#include "host/transporthost.h"
-
 #include "host/installation/names.h"
+#include "host/transporthost.h"
 
 #include <algorithm>
 
@@ -13,7 +12,8 @@ namespace {
 bool canBeCalled(const Abonent& abonent)
 {
     ComAbonentRecord addressing;
-    return !abonent.isBlocked && readComAbonent(abonent.channelData, &addressing).isEmpty() && !addressing.phoneNumber.isEmpty();
+    return !abonent.isBlocked && readComAbonent(abonent.channelData, &addressing).isEmpty() &&
+           !addressing.phoneNumber.isEmpty();
 }
 
 } // namespace
@@ -38,16 +38,21 @@ void TransportHost::onPeerNews(const PeerNews& news)
 {
     const QString abonent = displayName(news.abonent);
     if (news.kind == PeerNews::Kind::Pinned) {
-        m_events.write(QStringLiteral("keyPinned"), {{QStringLiteral("peer"), news.abonent}, {QStringLiteral("fingerprint"), news.answered}});
+        m_events.write(QStringLiteral("keyPinned"),
+                       {{QStringLiteral("peer"), news.abonent}, {QStringLiteral("fingerprint"), news.answered}});
         journal(false, QStringLiteral("'%1' answered for the first time: its key %2 is pinned; compare it with what "
-                                      "\"transport-host key\" shows there").arg(abonent, news.answered));
+                                      "\"transport-host key\" shows there")
+                           .arg(abonent, news.answered));
         return;
     }
-    m_events.write(QStringLiteral("keyChanged"), {{QStringLiteral("peer"), news.abonent}, {QStringLiteral("pinned"), news.pinned},
+    m_events.write(QStringLiteral("keyChanged"), {{QStringLiteral("peer"), news.abonent},
+                                                  {QStringLiteral("pinned"), news.pinned},
                                                   {QStringLiteral("answered"), news.answered}});
-    journal(true, QStringLiteral("THE KEY OF '%1' HAS CHANGED: %2 answered, %3 is pinned. Somebody else may have answered; nothing was sent. "
+    journal(true, QStringLiteral("THE KEY OF '%1' HAS CHANGED: %2 answered, %3 is pinned. Somebody else may have "
+                                 "answered; nothing was sent. "
                                  "Ask them; if theirs is new: \"transport-host abonent add %1 --key TEXT\", or "
-                                 "\"transport-host abonent forget-key %1\"").arg(abonent, news.answered, news.pinned));
+                                 "\"transport-host abonent forget-key %1\"")
+                      .arg(abonent, news.answered, news.pinned));
     explainWaiting();
 }
 

@@ -1,9 +1,9 @@
 // The host's table of channels with their state texts and traffic counters.
 #pragma once
 
-#include <QString>
-
 #include "plugin/channelapi_export.h"
+
+#include <QString>
 
 // Called from the server's thread and from every port worker's thread: the host's
 // implementation must accept calls from any thread. The order of the virtual

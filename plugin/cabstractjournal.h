@@ -1,9 +1,9 @@
 // The host's journal of events, as its users see it.
 #pragma once
 
-#include <QString>
-
 #include "plugin/channelapi_export.h"
+
+#include <QString>
 
 class CHANNELAPI_EXPORT CAbstractJournal
 {

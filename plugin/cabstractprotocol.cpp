@@ -10,6 +10,4 @@ void CAbstractProtocol::start()
     wasUseful = false;
 }
 
-void CAbstractProtocol::stop()
-{
-}
+void CAbstractProtocol::stop() {}

@@ -1,11 +1,11 @@
 // The host's session protocol, run over one channel by a port worker.
 #pragma once
 
-#include <QObject>
-#include <QString>
-
 #include "plugin/cchannel.h"
 #include "plugin/channelapi_export.h"
+
+#include <QObject>
+#include <QString>
 
 // A protocol is made by the host's factory in the port worker's thread, lives there
 // and is deleted there by the worker. start() and stop() are called by the worker;
@@ -29,12 +29,12 @@ public:
     // Asks the session to end; finished() follows. The base does nothing.
     virtual void stop();
 
-    CChannel* channel;                // owned, may be null
-    QString remoteAbonentName;        // the other party; preset to the called one on an outgoing call
+    CChannel* channel; // owned, may be null
+    QString remoteAbonentName; // the other party; preset to the called one on an outgoing call
     QString remoteAbonentNameFiltered; // the same without punctuation, in lower case
-    QString channelName;              // the serial port's name, set before start()
-    bool keepAlive = false;           // the host asks to keep the connection although nothing is left to send
-    bool wasUseful = false;           // set by the protocol when the connection carried useful work
+    QString channelName; // the serial port's name, set before start()
+    bool keepAlive = false; // the host asks to keep the connection although nothing is left to send
+    bool wasUseful = false; // set by the protocol when the connection carried useful work
 
 signals:
     // The session is over; the worker then hangs up and deletes the protocol.

@@ -1,9 +1,9 @@
 // The byte channel that a host's session protocol reads and writes.
 #pragma once
 
-#include <QByteArray>
-
 #include "plugin/channelapi_export.h"
+
+#include <QByteArray>
 
 // A channel is made by a port worker for one connection, is owned by the protocol
 // that runs over it and is used only from that worker's thread. The order of the

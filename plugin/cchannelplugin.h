@@ -1,9 +1,9 @@
 // The plug-in object: what one kind of channel is called and how its server is made.
 #pragma once
 
-#include <QString>
-
 #include "plugin/channelapi_export.h"
+
+#include <QString>
 
 class CChannelServer;
 

@@ -9,14 +9,8 @@ CChannelServer::~CChannelServer()
     delete protocolFactory;
 }
 
-void CChannelServer::start()
-{
-}
+void CChannelServer::start() {}
 
-void CChannelServer::stop()
-{
-}
+void CChannelServer::stop() {}
 
-void CChannelServer::settingsWasChanged()
-{
-}
+void CChannelServer::settingsWasChanged() {}

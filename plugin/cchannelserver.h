@@ -2,11 +2,11 @@
 // through it, asks for calls and learns what became of them.
 #pragma once
 
+#include "plugin/channelapi_export.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QString>
-
-#include "plugin/channelapi_export.h"
 
 class CAbstractChannelsState;
 class CAbstractJournal;
@@ -26,18 +26,18 @@ public:
     // Deletes protocolFactory. The server must have been stopped before.
     ~CChannelServer() override;
 
-    int type = 0;    // the channel type number, set by the implementation
+    int type = 0; // the channel type number, set by the implementation
     int stateId = 0; // this server's identifier in channelsState, given by the host
 
     // The host sets these three before start(), stop() or connectToAbonent(); nothing
     // guards against null.
     CAbstractProtocolFactory* protocolFactory = nullptr; // owned
-    CAbstractChannelsState* channelsState = nullptr;     // not owned
-    CAbstractJournal* journal = nullptr;                 // not owned
+    CAbstractChannelsState* channelsState = nullptr; // not owned
+    CAbstractJournal* journal = nullptr; // not owned
 
     // Polled by the host, from any thread; the answer may be a moment old.
     virtual bool hasFreeChannel() const = 0; // a line is free for a call
-    virtual bool isHardwareOn() const = 0;   // a device answers
+    virtual bool isHardwareOn() const = 0; // a device answers
     virtual bool canCheckOnline() const = 0; // the channel can tell whether an abonent is reachable
 
     // Starts the channel; call it in the server's thread.

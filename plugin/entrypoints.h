@@ -22,5 +22,4 @@ using DeleteInstanceFunction = void (*)(CChannelPlugin* plugin);
 // Hands the host's logging record over, so that host and plug-in write their log
 // under one lock. Call it before instance(); the record must outlive the library.
 using InitDebugFunction = void (*)(DebugData* data);
-
 }

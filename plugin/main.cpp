@@ -1,9 +1,9 @@
 // The functions that a host resolves in the loaded library.
-#include <type_traits>
-
 #include "common/logger.h"
 #include "plugin/ccomplugin.h"
 #include "plugin/entrypoints.h"
+
+#include <type_traits>
 
 extern "C" {
 

@@ -1,10 +1,10 @@
 #include "tools/linkprofile.h"
 
-#include <algorithm>
-#include <cmath>
-
 #include "com/linkrules.h"
 #include "common/settingskeys.h"
+
+#include <algorithm>
+#include <cmath>
 
 namespace tune {
 
@@ -46,7 +46,7 @@ constexpr double standingThatCounts = 0.05;
 constexpr double lessForStanding = 2; // for each share of the time beyond that
 constexpr double cleanResendFactor = 1.25; // of the longest round trip there can be
 
-constexpr double leastQueue = 512;   // bytes: room for what a session says beside its data
+constexpr double leastQueue = 512; // bytes: room for what a session says beside its data
 constexpr double leastToWrite = 512; // bytes: that a port's output does not run dry over one small packet
 constexpr double leastToWriteS = 0.05; // of the line, or a fast one runs dry while a host has its turn
 
@@ -138,9 +138,9 @@ double movingShare(double lost, double resendS, double roundTripS, double packet
 
 bool operator==(const LinkProfile& left, const LinkProfile& right)
 {
-    return left.packetSize == right.packetSize && left.maxBytesToWrite == right.maxBytesToWrite
-        && left.maxBytesInQueue == right.maxBytesInQueue && left.resendIntervalMs == right.resendIntervalMs
-        && left.confirmationIntervalMs == right.confirmationIntervalMs;
+    return left.packetSize == right.packetSize && left.maxBytesToWrite == right.maxBytesToWrite &&
+           left.maxBytesInQueue == right.maxBytesInQueue && left.resendIntervalMs == right.resendIntervalMs &&
+           left.confirmationIntervalMs == right.confirmationIntervalMs;
 }
 
 LinkProfile recommendedProfile(const LineFacts& facts)
@@ -195,8 +195,8 @@ Goodput expectedGoodput(const LineFacts& facts)
 
     Goodput goodput;
     goodput.oneWay = sessionShare * payload * arriving * moving * inFlight / (1 + repeatedInVain);
-    goodput.bothWays = (bothWaysShare - bothWaysLoss * (1 - arriving)) * goodput.oneWay
-        * std::max(0.0, 1 - confirmationBytes / (confirmed * onLine));
+    goodput.bothWays = (bothWaysShare - bothWaysLoss * (1 - arriving)) * goodput.oneWay *
+                       std::max(0.0, 1 - confirmationBytes / (confirmed * onLine));
     return goodput;
 }
 

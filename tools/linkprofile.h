@@ -7,10 +7,10 @@ namespace tune {
 // A line as an operator knows it.
 struct LineFacts
 {
-    int rate = 0;             // bit/s; a byte takes ten
-    int delayMs = 0;          // one way
-    double bitErrorRate = 0;  // of the bits on the line, 0 to below 1
-    int bufferBytes = 4096;   // what driver and modem hold of what was written to the port
+    int rate = 0; // bit/s; a byte takes ten
+    int delayMs = 0; // one way
+    double bitErrorRate = 0; // of the bits on the line, 0 to below 1
+    int bufferBytes = 4096; // what driver and modem hold of what was written to the port
 };
 
 constexpr int lowestRate = 300;
@@ -23,11 +23,11 @@ constexpr int largestBufferBytes = 1 << 20;
 // maxBytesToWrite is never less than packetSize, or it would cut the packets.
 struct LinkProfile
 {
-    int packetSize = 1024;             // bytes
-    int maxBytesToWrite = 1024;        // Details/transportComMaxBytesToWrite, bytes
-    int maxBytesInQueue = 10240;       // Details/transportComMaxBytesInQueue, bytes
-    int resendIntervalMs = 2000;       // Details/transportComResendInterval
-    int confirmationIntervalMs = 500;  // Details/transportComConfirmationInterval
+    int packetSize = 1024; // bytes
+    int maxBytesToWrite = 1024; // Details/transportComMaxBytesToWrite, bytes
+    int maxBytesInQueue = 10240; // Details/transportComMaxBytesInQueue, bytes
+    int resendIntervalMs = 2000; // Details/transportComResendInterval
+    int confirmationIntervalMs = 500; // Details/transportComConfirmationInterval
 };
 
 bool operator==(const LinkProfile& left, const LinkProfile& right);

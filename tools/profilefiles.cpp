@@ -1,13 +1,13 @@
 #include "tools/profilefiles.h"
 
+#include "com/ccomsettings.h"
+#include "common/global.h"
+#include "common/settingskeys.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
-
-#include "com/ccomsettings.h"
-#include "common/global.h"
-#include "common/settingskeys.h"
 
 namespace tune {
 

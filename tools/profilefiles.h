@@ -1,9 +1,9 @@
 // Writes a profile into an installation's settings, and reads what stands there.
 #pragma once
 
-#include <QString>
-
 #include "tools/linkprofile.h"
+
+#include <QString>
 
 namespace tune {
 

@@ -1,16 +1,16 @@
 #include "tools/tunecommand.h"
 
-#include <cmath>
-#include <optional>
+#include "common/global.h"
+#include "common/settingskeys.h"
+#include "tools/linkprofile.h"
+#include "tools/profilefiles.h"
 
 #include <QCommandLineParser>
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include "common/global.h"
-#include "common/settingskeys.h"
-#include "tools/linkprofile.h"
-#include "tools/profilefiles.h"
+#include <cmath>
+#include <optional>
 
 namespace tune {
 
@@ -25,16 +25,15 @@ const char description[] =
     "out of a line of that rate, delay and bit error rate, with the goodput to expect, or writes them into an\n"
     "installation's settings. Both ends of the line want the same values.";
 
-const char examples[] =
-    "\n"
-    "Examples:\n"
-    "  transport-tune --rate 33600                          a clean telephone line\n"
-    "  transport-tune --rate 9600 --delay 300 --ber 1e-5    slow, far away and noisy\n"
-    "  transport-tune --rate 115200 --write                 into this program's installation\n"
-    "  transport-tune --rate 115200 --write --installation /opt/transport\n"
-    "\n"
-    "A host reads these settings when it starts: start it again after --write.\n"
-    "Exit status: 0 done, 1 failed, 2 wrong usage.\n";
+const char examples[] = "\n"
+                        "Examples:\n"
+                        "  transport-tune --rate 33600                          a clean telephone line\n"
+                        "  transport-tune --rate 9600 --delay 300 --ber 1e-5    slow, far away and noisy\n"
+                        "  transport-tune --rate 115200 --write                 into this program's installation\n"
+                        "  transport-tune --rate 115200 --write --installation /opt/transport\n"
+                        "\n"
+                        "A host reads these settings when it starts: start it again after --write.\n"
+                        "Exit status: 0 done, 1 failed, 2 wrong usage.\n";
 
 struct Options
 {
@@ -43,8 +42,8 @@ struct Options
     QCommandLineOption rate{"rate", "The line's rate in bit/s, as the modems agree on it; a byte takes ten bits.", "R"};
     QCommandLineOption delay{"delay", "The time a byte takes from one end to the other, in ms (default 0).", "D"};
     QCommandLineOption ber{"ber", "Bit error rate: 1e-5 is one wrong bit in 100000 (default 0).", "P"};
-    QCommandLineOption buffer{"buffer",
-                              "What driver and modem hold of what was written to the port, in bytes (default 4096).", "B"};
+    QCommandLineOption buffer{
+        "buffer", "What driver and modem hold of what was written to the port, in bytes (default 4096).", "B"};
     QCommandLineOption json{"json", "Print a JSON object instead of a table."};
     QCommandLineOption write{"write", "Write the values into the installation's settings."};
     QCommandLineOption installation{"installation", "Its root (default: the one that this program stands in).", "DIR"};
@@ -99,7 +98,8 @@ QString readRequest(const QCommandLineParser& parser, const Options& options, Re
     if (error.isEmpty() && parser.isSet(options.ber))
         error = takeBitErrorRate(parser.value(options.ber), &line.bitErrorRate);
     if (error.isEmpty() && parser.isSet(options.buffer))
-        error = takeNumber(QStringLiteral("buffer"), parser.value(options.buffer), 0, largestBufferBytes, &line.bufferBytes);
+        error = takeNumber(QStringLiteral("buffer"), parser.value(options.buffer), 0, largestBufferBytes,
+                           &line.bufferBytes);
     request->json = parser.isSet(options.json);
     request->write = parser.isSet(options.write);
     request->installation = parser.value(options.installation);

@@ -1,10 +1,9 @@
 #include "bench/line/directline.h"
 
-#include <algorithm>
-
-#include <poll.h>
-
 #include "sim/line/moments.h"
+
+#include <algorithm>
+#include <poll.h>
 
 namespace benchline {
 

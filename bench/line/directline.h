@@ -2,14 +2,14 @@
 // on a call which stands already.
 #pragma once
 
-#include <memory>
+#include "sim/line/line.h"
+#include "sim/pty/backlog.h"
+#include "sim/pty/ptyendpoint.h"
 
 #include <QJsonObject>
 #include <QString>
 
-#include "sim/pty/backlog.h"
-#include "sim/line/line.h"
-#include "sim/pty/ptyendpoint.h"
+#include <memory>
 
 namespace benchline {
 
@@ -30,7 +30,8 @@ public:
     QJsonObject statistics() const;
 
 private:
-    struct End {
+    struct End
+    {
         sim::PtyEndpoint endpoint;
         sim::Backlog backlog; // what its program has not taken yet
         qint64 mostWaiting = 0; // of its program's bytes, in the driver

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <ctime>
-
 #include <poll.h>
 #include <unistd.h>
 

@@ -1,36 +1,40 @@
 // bench-line: a connected line between two ports, for programs that are measured on it.
-#include <cstdio>
+#include "bench/line/directline.h"
+#include "bench/line/latenesswatch.h"
+#include "sim/program/stopsignals.h"
+#include "sim/pty/linetable.h"
 
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QStringList>
 
-#include "bench/line/directline.h"
-#include "bench/line/latenesswatch.h"
-#include "sim/pty/linetable.h"
-#include "sim/program/stopsignals.h"
+#include <cstdio>
 
 namespace {
 
-enum ExitStatus { Ended = 0, CannotRun = 1, BadOptions = 2 };
+enum ExitStatus
+{
+    Ended = 0,
+    CannotRun = 1,
+    BadOptions = 2
+};
 
 constexpr int mostDepthBytes = 65536; // more than a pty holds would never be reached
 
-constexpr char help[] =
-    "Usage: bench-line --table FILE [--line KEY=VALUE,...] [--depth BYTES]\n"
-    "       bench-line --watch\n"
-    "Makes two ports with a line between them, prints their paths as one line of JSON, and\n"
-    "carries bytes until SIGTERM; then prints what it carried, and how late it was woken, as\n"
-    "another. Programs on the ports need libptylines.so and PTYLINES_TABLE=FILE.\n"
-    "\n"
-    "  --table FILE   the table of modem lines; made if missing\n"
-    "  --line TEXT    as rate=115200,delay=100,ber=1e-5,seed=7 (33600 bit/s without noise);\n"
-    "                 keys as for a line of phone-exchange, except those that drop a call\n"
-    "  --depth BYTES  what a program may have outstanding in its driver, 1 to 65536 (4096)\n"
-    "  --watch        no line: tell, until standard input ends, when a process that sleeps\n"
-    "                 was woken late: seconds of the monotonic clock, milliseconds\n"
-    "Exit status: 0 ended as told, 1 it cannot run, 2 an option is wrong.\n";
+constexpr char help[] = "Usage: bench-line --table FILE [--line KEY=VALUE,...] [--depth BYTES]\n"
+                        "       bench-line --watch\n"
+                        "Makes two ports with a line between them, prints their paths as one line of JSON, and\n"
+                        "carries bytes until SIGTERM; then prints what it carried, and how late it was woken, as\n"
+                        "another. Programs on the ports need libptylines.so and PTYLINES_TABLE=FILE.\n"
+                        "\n"
+                        "  --table FILE   the table of modem lines; made if missing\n"
+                        "  --line TEXT    as rate=115200,delay=100,ber=1e-5,seed=7 (33600 bit/s without noise);\n"
+                        "                 keys as for a line of phone-exchange, except those that drop a call\n"
+                        "  --depth BYTES  what a program may have outstanding in its driver, 1 to 65536 (4096)\n"
+                        "  --watch        no line: tell, until standard input ends, when a process that sleeps\n"
+                        "                 was woken late: seconds of the monotonic clock, milliseconds\n"
+                        "Exit status: 0 ended as told, 1 it cannot run, 2 an option is wrong.\n";
 
 int complain(const QString& problem, ExitStatus status)
 {
@@ -98,7 +102,9 @@ int main(int argc, char* argv[])
             return complain(QStringLiteral("%1: unknown; see --help").arg(option), BadOptions);
         }
         if (!good)
-            return complain(option + QStringLiteral(": ") + (error.isEmpty() ? QStringLiteral("a number of bytes from 1 to 65536") : error), BadOptions);
+            return complain(option + QStringLiteral(": ") +
+                                (error.isEmpty() ? QStringLiteral("a number of bytes from 1 to 65536") : error),
+                            BadOptions);
     }
     if (table.isEmpty())
         return complain(QStringLiteral("--table FILE is needed"), BadOptions);

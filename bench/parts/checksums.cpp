@@ -1,12 +1,11 @@
 // The two checksums, and zlib's for comparison.
-#include <zlib.h>
-
-#include <QByteArray>
-
-#include <benchmark/benchmark.h>
-
 #include "bench/parts/traffic.h"
 #include "com/crc.h"
+
+#include <QByteArray>
+#include <benchmark/benchmark.h>
+
+#include <zlib.h>
 
 namespace {
 

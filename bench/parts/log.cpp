@@ -1,17 +1,16 @@
 // What a line of the log, a trace scope and a look-up of a setting cost.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <QCoreApplication>
-#include <QFile>
-
-#include <benchmark/benchmark.h>
-
 #include "common/csettings.h"
 #include "common/functiondebug.h"
 #include "common/global.h"
 #include "common/logger.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 

@@ -1,9 +1,8 @@
 // Runs the benchmarks in a fresh installation root, for the log and the settings they write.
-#include <QCoreApplication>
-
-#include <benchmark/benchmark.h>
-
 #include "tests/support/freshroot.h"
+
+#include <QCoreApplication>
+#include <benchmark/benchmark.h>
 
 int main(int argc, char** argv)
 {

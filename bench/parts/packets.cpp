@@ -1,11 +1,10 @@
 // Making packets, and cutting them out of what a line may carry.
-#include <QByteArray>
-
-#include <benchmark/benchmark.h>
-
 #include "bench/parts/traffic.h"
 #include "com/ccompacket.h"
 #include "tests/support/allocations.h"
+
+#include <QByteArray>
+#include <benchmark/benchmark.h>
 
 namespace {
 
@@ -103,7 +102,8 @@ void cutRandomGarbage(benchmark::State& state)
 // One look at it: where the packet arrives in pieces, see below and channel.cpp.
 void cutGarbageBeforeAnUnfinishedPacket(benchmark::State& state)
 {
-    cutRepeatedly(state, QByteArray(garbageBytes / 2, 'g') + traffic::wire(DataPacket, 1, 60000).left(garbageBytes / 2));
+    cutRepeatedly(state,
+                  QByteArray(garbageBytes / 2, 'g') + traffic::wire(DataPacket, 1, 60000).left(garbageBytes / 2));
 }
 
 // As many as a serial port's driver holds; all 64 move up as each one is taken.

@@ -1,12 +1,11 @@
 // What proving who calls and sealing what is said cost the processor.
-#include <memory>
-
-#include <QByteArray>
-
-#include <benchmark/benchmark.h>
-
 #include "bench/parts/traffic.h"
 #include "host/session/noise.h"
+
+#include <QByteArray>
+#include <benchmark/benchmark.h>
+
+#include <memory>
 
 namespace {
 
@@ -55,8 +54,9 @@ void handshake(benchmark::State& state)
         host::NoiseHandshake initiator(host::NoiseHandshake::Role::Initiator, "prologue", identity);
         host::NoiseHandshake responder(host::NoiseHandshake::Role::Responder, "prologue", identity);
         QByteArray payload;
-        const bool isDone = responder.read(initiator.write(payload), &payload) && initiator.read(responder.write(payload), &payload)
-            && responder.read(initiator.write(payload), &payload);
+        const bool isDone = responder.read(initiator.write(payload), &payload) &&
+                            initiator.read(responder.write(payload), &payload) &&
+                            responder.read(initiator.write(payload), &payload);
         if (!isDone)
             state.SkipWithError("the handshake fails");
     }

@@ -1,14 +1,14 @@
 // What a line may carry, made up.
 #pragma once
 
-#include <QByteArray>
-
 #include "com/ccompacket.h"
+
+#include <QByteArray>
 
 namespace traffic {
 
 constexpr int payloadBytes = 1014; // of a full packet with the usual settings
-constexpr int pieceBytes = 64;     // as a port hands them over that is asked often
+constexpr int pieceBytes = 64; // as a port hands them over that is asked often
 
 // Each payload byte is 'a': no start symbol in it.
 QByteArray wire(int type, int number, int size);
@@ -26,7 +26,7 @@ constexpr int ignoredType = 2;
 // looked through again with each piece, by a reader that does not take care.
 struct Burst
 {
-    QByteArray atOnce;   // arrives in one piece
+    QByteArray atOnce; // arrives in one piece
     QByteArray inPieces; // then this
     int bytes() const { return atOnce.size() + inPieces.size(); }
 };
@@ -39,7 +39,7 @@ Burst garbageAtOnce(int size);
 Burst damagedPacketAtOnce(int size);
 
 // Hands burst over as it arrives: take(bytes).
-template<typename Take>
+template <typename Take>
 void play(const Burst& burst, Take take)
 {
     if (!burst.atOnce.isEmpty())

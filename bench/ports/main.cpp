@@ -1,14 +1,12 @@
 // Measures ports in number: what idle ones cost, how fast calls come and go. JSON on the
 // standard output, progress on the other.
-#include <algorithm>
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <thread>
-#include <vector>
-
-#include <poll.h>
-#include <time.h>
+#include "bench/ports/threadtimes.h"
+#include "sim/exchange/exchange.h"
+#include "tests/stress/resources.h"
+#include "tests/stress/stressbed.h"
+#include "tests/support/deadline.h"
+#include "tests/support/freshroot.h"
+#include "tests/support/testroot.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -18,13 +16,14 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include "bench/ports/threadtimes.h"
-#include "sim/exchange/exchange.h"
-#include "tests/stress/resources.h"
-#include "tests/stress/stressbed.h"
-#include "tests/support/deadline.h"
-#include "tests/support/freshroot.h"
-#include "tests/support/testroot.h"
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <poll.h>
+#include <thread>
+#include <time.h>
+#include <vector>
 
 using testsupport::StressBed;
 using testsupport::waitFor;
@@ -139,7 +138,8 @@ QJsonObject measureIdle(int ports, const Lengths& lengths)
             {QStringLiteral("cpuPercentPerPort"), percentOfCore(used, passedNs, ports)},
             {QStringLiteral("bareThreadCpuPercent"), bare},
             {QStringLiteral("heapKiBPerPort"), static_cast<double>(idle.heapBytes - before.heapBytes) / 1024 / ports},
-            {QStringLiteral("residentKiBPerPort"), static_cast<double>(idle.residentBytes - before.residentBytes) / 1024 / ports},
+            {QStringLiteral("residentKiBPerPort"),
+             static_cast<double>(idle.residentBytes - before.residentBytes) / 1024 / ports},
             {QStringLiteral("threadsPerPort"), static_cast<double>(idle.threads - before.threads) / ports},
             {QStringLiteral("descriptorsPerPort"), static_cast<double>(idle.descriptors - before.descriptors) / ports},
             {QStringLiteral("startMs"), static_cast<double>(startMs)},
@@ -198,7 +198,8 @@ int main(int argc, char** argv)
         return testsupport::runInFreshRoot(argv);
     QCoreApplication application(argc, argv);
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Measures what ports cost a process, idle and in calls. Prints JSON."));
+    parser.setApplicationDescription(
+        QStringLiteral("Measures what ports cost a process, idle and in calls. Prints JSON."));
     parser.addHelpOption();
     const QCommandLineOption quick(QStringLiteral("quick"), QStringLiteral("Shorter, fewer ports."));
     parser.addOption(quick);

@@ -1,9 +1,9 @@
 // Processor time of single threads of this process.
 #pragma once
 
-#include <map>
-
 #include <QtGlobal>
+
+#include <map>
 
 // By thread number, in ns.
 using ThreadTimes = std::map<int, qint64>;

@@ -21,7 +21,8 @@ constexpr PointValue pointValues[] = {
     {"--rate", true, true, 10, tune::highestRate, [](Point& p, double v) { p.line.rate = int(v); }},
     {"--delay", true, true, 0, 60000, [](Point& p, double v) { p.line.delayMs = int(v); }},
     {"--ber", true, false, 0, 1, [](Point& p, double v) { p.line.bitErrorRate = v; }},
-    {"--packet", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.packetSize = p.profile.maxBytesToWrite = int(v); }},
+    {"--packet", false, true, 1, 1 << 20,
+     [](Point& p, double v) { p.profile.packetSize = p.profile.maxBytesToWrite = int(v); }},
     {"--write", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.maxBytesToWrite = int(v); }},
     {"--queue", false, true, 1, 1 << 20, [](Point& p, double v) { p.profile.maxBytesInQueue = int(v); }},
     {"--resend", false, true, 1, 60000, [](Point& p, double v) { p.profile.resendIntervalMs = int(v); }},
@@ -57,7 +58,8 @@ const PointValue* pointValueOf(const std::string& option)
     return nullptr;
 }
 
-std::vector<Point> spread(const std::vector<Point>& points, const std::vector<double>& values, void (*set)(Point&, double))
+std::vector<Point> spread(const std::vector<Point>& points, const std::vector<double>& values,
+                          void (*set)(Point&, double))
 {
     std::vector<Point> result;
     for (const Point& point : points) {

@@ -2,13 +2,13 @@
 // the command line gives, or a list.
 #pragma once
 
+#include "tests/soak/commandline.h"
+#include "tools/linkprofile.h"
+
 #include <istream>
 #include <map>
 #include <string>
 #include <vector>
-
-#include "tests/soak/commandline.h"
-#include "tools/linkprofile.h"
 
 namespace sweep {
 

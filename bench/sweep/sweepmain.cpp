@@ -1,5 +1,14 @@
 // link-sweep: goodput of the link over lines and settings, in simulated time. Each point
 // runs in a process of its own, since the channel reads its settings once in a process.
+#include "bench/sweep/points.h"
+#include "tests/soak/commandline.h"
+#include "tests/soak/runinstallation.h"
+#include "tests/soak/runprocess.h"
+#include "tests/soak/stoprequest.h"
+#include "tests/tools/linkmeasure.h"
+
+#include <QCoreApplication>
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -8,20 +17,10 @@
 #include <limits>
 #include <sstream>
 #include <string>
-#include <utility>
-#include <vector>
-
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <QCoreApplication>
-
-#include "bench/sweep/points.h"
-#include "tests/soak/commandline.h"
-#include "tests/soak/runinstallation.h"
-#include "tests/soak/runprocess.h"
-#include "tests/soak/stoprequest.h"
-#include "tests/tools/linkmeasure.h"
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -119,10 +118,10 @@ std::string runText(const Point& point, const Options& options, int seed)
     const tune::LinkProfile& p = point.profile;
     std::ostringstream text;
     text.precision(std::numeric_limits<double>::max_digits10);
-    text << point.line.rate << ' ' << point.line.delayMs << ' ' << point.line.bitErrorRate << ' ' << point.line.bufferBytes
-         << ' ' << p.packetSize << ' ' << p.maxBytesToWrite << ' ' << p.maxBytesInQueue << ' ' << p.resendIntervalMs << ' '
-         << p.confirmationIntervalMs << ' ' << point.bothWays << ' ' << options.wakesWhenLow << ' ' << options.pauseMs
-         << ' ' << options.seconds << ' ' << seed;
+    text << point.line.rate << ' ' << point.line.delayMs << ' ' << point.line.bitErrorRate << ' '
+         << point.line.bufferBytes << ' ' << p.packetSize << ' ' << p.maxBytesToWrite << ' ' << p.maxBytesInQueue << ' '
+         << p.resendIntervalMs << ' ' << p.confirmationIntervalMs << ' ' << point.bothWays << ' '
+         << options.wakesWhenLow << ' ' << options.pauseMs << ' ' << options.seconds << ' ' << seed;
     return text.str();
 }
 
@@ -135,8 +134,7 @@ int runHere(const std::string& text)
     double seconds = 0;
     words >> course.line.rate >> course.line.delayMs >> course.line.bitErrorRate >> course.line.bufferBytes >>
         profile.packetSize >> profile.maxBytesToWrite >> profile.maxBytesInQueue >> profile.resendIntervalMs >>
-        profile.confirmationIntervalMs >> bothWays >> course.wakesWhenLow >> course.pauseMs >> seconds >>
-        course.seed;
+        profile.confirmationIntervalMs >> bothWays >> course.wakesWhenLow >> course.pauseMs >> seconds >> course.seed;
     if (!words)
         soak::fail("not a run: " + text);
     course.bytes[0] = static_cast<std::int64_t>(seconds * course.line.rate / 10);
@@ -158,7 +156,7 @@ int runHere(const std::string& text)
 struct Figures
 {
     double share = 0; // of the slower way
-    double busy = 0;  // of the same
+    double busy = 0; // of the same
     int runs = 0;
     std::string error;
 };
@@ -330,8 +328,8 @@ int runProgram(int argc, char** argv)
     if (argc == 3 && std::string(argv[1]) == "--run")
         return runHere(argv[2]);
     const Options options = readOptions(argc, argv);
-    const std::vector<Point> points = options.points ? sweep::readPoints(std::cin, options.grid.bufferBytes())
-                                                           : options.grid.points();
+    const std::vector<Point> points =
+        options.points ? sweep::readPoints(std::cin, options.grid.bufferBytes()) : options.grid.points();
     checkLengths(points, options);
     soak::StopRequest stop;
     const bool isGood = Sweep(points, options, stop).run();

@@ -45,14 +45,14 @@ private:
     struct Call
     {
         QString abonent; // as the plug-in was asked to call it
-        QString source;  // who calls; empty until it is known
+        QString source; // who calls; empty until it is known
         QString reason;
         bool isOver = false;
     };
 
     QStringList cutOff(const QString& port);
 
-    QHash<QString, Call> m_calls;         // by the abonent's key
+    QHash<QString, Call> m_calls; // by the abonent's key
     QHash<QString, QString> m_lastRecord; // by source
 };
 

@@ -20,7 +20,8 @@ std::optional<QString> CallScheduler::nextCall(qint64 nowMs)
 {
     for (const QString& abonent : qAsConst(m_waiting)) {
         State& state = m_states[abonentKey(abonent)];
-        if (state.isCalling && nowMs - state.calledMs >= (state.hasBegun ? m_rules.outcomeTimeoutMs : m_rules.beginTimeoutMs))
+        if (state.isCalling &&
+            nowMs - state.calledMs >= (state.hasBegun ? m_rules.outcomeTimeoutMs : m_rules.beginTimeoutMs))
             failed(&state, nowMs);
         if (!state.isCalling && !isConnectedTo(abonent) && nowMs >= state.dueMs)
             return abonent;

@@ -1,13 +1,13 @@
 // Decides whom to call and when: pure rules, with the time handed in.
 #pragma once
 
-#include <functional>
-#include <optional>
-
 #include <QHash>
 #include <QSet>
 #include <QString>
 #include <QStringList>
+
+#include <functional>
+#include <optional>
 
 namespace host {
 
@@ -18,7 +18,7 @@ struct CallRules
     std::function<void(int*)> shorten;
     qint64 unitMs = 1000;
     qint64 outcomeTimeoutMs = 300 * 1000; // a call of which nothing was heard has failed
-    qint64 beginTimeoutMs = 30 * 1000;    // so has one that no port has begun
+    qint64 beginTimeoutMs = 30 * 1000; // so has one that no port has begun
 };
 
 // Used in one thread.
@@ -73,8 +73,8 @@ private:
 
     const CallRules m_rules;
     QStringList m_waiting;
-    QHash<QString, State> m_states;     // by the abonent's key
-    QHash<int, QString> m_connections;  // keys by connection
+    QHash<QString, State> m_states; // by the abonent's key
+    QHash<int, QString> m_connections; // keys by connection
 };
 
 } // namespace host

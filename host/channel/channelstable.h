@@ -1,13 +1,13 @@
 // The host's table of channels: what each port does and how much it has carried.
 #pragma once
 
-#include <functional>
+#include "plugin/cabstractchannelsstate.h"
 
 #include <QMutex>
 #include <QString>
 #include <QVector>
 
-#include "plugin/cabstractchannelsstate.h"
+#include <functional>
 
 namespace host {
 
@@ -19,7 +19,7 @@ struct ChannelRow
     QString state;
     qint64 receivedBytes = 0;
     qint64 sentBytes = 0; // confirmed by the peer
-    bool isGone = false;  // told once, when the channel leaves the table
+    bool isGone = false; // told once, when the channel leaves the table
 };
 
 // Any thread may call any operation.

@@ -6,18 +6,19 @@
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 
-#include <cerrno>
-
 #include <QFile>
 #include <QFileInfo>
 #include <QMutexLocker>
+
+#include <cerrno>
 
 namespace host {
 
 QString JournalRecord::line() const
 {
-    return time.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz ")) + (isError ? QStringLiteral("ERROR ") : QString()) +
-           displayName(source) + QStringLiteral(": ") + displayName(text);
+    return time.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz ")) +
+           (isError ? QStringLiteral("ERROR ") : QString()) + displayName(source) + QStringLiteral(": ") +
+           displayName(text);
 }
 
 HostJournal::HostJournal(const QString& path, Listener listener, qint64 maxBytes)
@@ -49,7 +50,8 @@ void HostJournal::append(const QByteArray& line)
         m_failed = !error.isEmpty();
     }
     if (!failure.isEmpty())
-        debug(QStringLiteral("HostJournal"), QStringLiteral("cannot write %1: %2").arg(m_path, failure), DebugAlways, DebugFlagNone);
+        debug(QStringLiteral("HostJournal"), QStringLiteral("cannot write %1: %2").arg(m_path, failure), DebugAlways,
+              DebugFlagNone);
 }
 
 QString HostJournal::write(const QByteArray& line) const
@@ -59,9 +61,11 @@ QString HostJournal::write(const QByteArray& line) const
     const bool isNew = !QFile::exists(m_path);
     const int descriptor = openForAppending(QFile::encodeName(m_path));
     if (descriptor < 0)
-        return errno == ELOOP ? QStringLiteral("it is a link, and links are not followed here: remove it") : qt_error_string(errno);
+        return errno == ELOOP ? QStringLiteral("it is a link, and links are not followed here: remove it")
+                              : qt_error_string(errno);
     QFile file;
-    if (!file.open(descriptor, QIODevice::Append | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle) || file.write(line) != line.size())
+    if (!file.open(descriptor, QIODevice::Append | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle) ||
+        file.write(line) != line.size())
         return file.errorString();
     if (isNew)
         Global::setFilePermissions(m_path);

@@ -1,13 +1,13 @@
 // The journal: what happened, for the users of the installation, in a text file.
 #pragma once
 
-#include <functional>
+#include "plugin/cabstractjournal.h"
 
 #include <QDateTime>
 #include <QMutex>
 #include <QString>
 
-#include "plugin/cabstractjournal.h"
+#include <functional>
 
 namespace host {
 

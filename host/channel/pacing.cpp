@@ -11,7 +11,7 @@ constexpr qint64 rateWindowMs = 500;
 
 constexpr int sendingPauseMs = 5;
 constexpr int longestSendingPauseMs = 25;
-constexpr int receivingPauseMs = 10;     // while nothing is to be sent
+constexpr int receivingPauseMs = 10; // while nothing is to be sent
 constexpr int bulkReceivingPauseMs = 20; // and much is still to come, on a line that is not fast
 constexpr int longestBulkReceivingPauseMs = 40;
 constexpr qint64 fastBytesPerS = 20000;
@@ -26,7 +26,10 @@ constexpr qint64 turnMs = 30;
 
 } // namespace
 
-Pacing::Pacing(qint64 nowMs) : m_in(rateWindowMs, nowMs), m_out(rateWindowMs, nowMs), m_passBeganMs(nowMs), m_writingBeganMs(nowMs) {}
+Pacing::Pacing(qint64 nowMs)
+    : m_in(rateWindowMs, nowMs), m_out(rateWindowMs, nowMs), m_passBeganMs(nowMs), m_writingBeganMs(nowMs)
+{
+}
 
 void Pacing::received(int bytes, qint64 nowMs)
 {

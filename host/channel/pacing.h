@@ -5,9 +5,9 @@
 // given before it confirms what came in.
 #pragma once
 
-#include <QtGlobal>
-
 #include "host/session/ratemeter.h"
+
+#include <QtGlobal>
 
 namespace host {
 

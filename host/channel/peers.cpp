@@ -32,12 +32,15 @@ Verdict refused(Cause cause, const QString& reason)
 
 Verdict keyIsBlocked(const QByteArray& key)
 {
-    return refused(Cause::BlockedKey, QStringLiteral("the key %1 is blocked here (transport-host key unblock)").arg(keyFingerprint(key)));
+    return refused(Cause::BlockedKey,
+                   QStringLiteral("the key %1 is blocked here (transport-host key unblock)").arg(keyFingerprint(key)));
 }
 
 Verdict abonentIsBlocked(const Abonent& abonent)
 {
-    return refused(Cause::BlockedKey, QStringLiteral("'%1' is blocked here (transport-host abonent unblock)").arg(displayName(abonent.name)));
+    return refused(
+        Cause::BlockedKey,
+        QStringLiteral("'%1' is blocked here (transport-host abonent unblock)").arg(displayName(abonent.name)));
 }
 
 } // namespace
@@ -58,7 +61,8 @@ Verdict Peers::whoCalls(const QByteArray& publicKey)
         return keyIsBlocked(publicKey);
     const int owner = records.findKey(publicKey);
     if (owner >= 0)
-        return records.abonents.at(owner).isBlocked ? abonentIsBlocked(records.abonents.at(owner)) : proved(records.abonents.at(owner));
+        return records.abonents.at(owner).isBlocked ? abonentIsBlocked(records.abonents.at(owner))
+                                                    : proved(records.abonents.at(owner));
     if (!m_acceptUnknown)
         return refused(Cause::UnknownKey, QStringLiteral("the key %1 is not known here: if you know whose it is, "
                                                          "\"transport-host abonent add NAME --number NUMBER --key %2\"")
@@ -77,7 +81,8 @@ Verdict Peers::whoAnswers(const QString& calledAbonent, const QByteArray& public
         return refused(Cause::Failed, error);
     const int index = records.find(calledAbonent);
     if (index < 0)
-        return refused(Cause::Failed, QStringLiteral("'%1' is not known here any more").arg(displayName(calledAbonent)));
+        return refused(Cause::Failed,
+                       QStringLiteral("'%1' is not known here any more").arg(displayName(calledAbonent)));
     const Abonent& called = records.abonents.at(index);
     if (called.isBlocked)
         return abonentIsBlocked(called);
@@ -98,7 +103,8 @@ Verdict Peers::answeredByAnother(const Abonent& called, const AbonentRecords& re
     const int owner = records.findKey(publicKey);
     const QString answered = keyFingerprint(publicKey);
     if (called.key.isEmpty()) {
-        const QString who = owner < 0 ? QStringLiteral("this installation itself") : QStringLiteral("'%1'").arg(displayName(records.abonents.at(owner).name));
+        const QString who = owner < 0 ? QStringLiteral("this installation itself")
+                                      : QStringLiteral("'%1'").arg(displayName(records.abonents.at(owner).name));
         return refused(Cause::WrongKey, QStringLiteral("'%1' was called and %2 answered (key %3): check the number")
                                             .arg(displayName(called.name), who, answered));
     }
@@ -108,7 +114,9 @@ Verdict Peers::answeredByAnother(const Abonent& called, const AbonentRecords& re
     }
     const PeerNews news{PeerNews::Kind::KeyChanged, called.name, keyFingerprint(called.key), answered};
     m_tell(news);
-    const QString known = owner < 0 ? QString() : QStringLiteral(", which is that of '%1'").arg(displayName(records.abonents.at(owner).name));
+    const QString known =
+        owner < 0 ? QString()
+                  : QStringLiteral(", which is that of '%1'").arg(displayName(records.abonents.at(owner).name));
     return refused(Cause::WrongKey, QStringLiteral("'%1' answered with the key %2%3, but %4 is pinned")
                                         .arg(displayName(called.name), answered, known, news.pinned));
 }
@@ -130,7 +138,8 @@ Verdict Peers::pinFirstAnswer(const QString& called, const QByteArray& publicKey
         return trouble;
     });
     if (!error.isEmpty())
-        return refused(Cause::Failed, QStringLiteral("the key of '%1' cannot be pinned: %2").arg(displayName(called), error));
+        return refused(Cause::Failed,
+                       QStringLiteral("the key of '%1' cannot be pinned: %2").arg(displayName(called), error));
     if (!isPinnedHere)
         return whoAnswers(called, publicKey); // somebody was faster: this key is looked at as any other
     m_tell(PeerNews{PeerNews::Kind::Pinned, now.name, QString(), keyFingerprint(publicKey)});
@@ -143,7 +152,8 @@ std::optional<PeerNews> Peers::keyTrouble(const Abonent& abonent) const
     const auto trouble = m_troubles.constFind(abonentKey(abonent.name));
     if (trouble == m_troubles.constEnd() || trouble->pinned != abonent.key)
         return std::nullopt;
-    return PeerNews{PeerNews::Kind::KeyChanged, abonent.name, keyFingerprint(trouble->pinned), keyFingerprint(trouble->answered)};
+    return PeerNews{PeerNews::Kind::KeyChanged, abonent.name, keyFingerprint(trouble->pinned),
+                    keyFingerprint(trouble->answered)};
 }
 
 } // namespace host

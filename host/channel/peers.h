@@ -1,27 +1,28 @@
 // Who may have a session with this installation: its book of abonents, as sessions ask it.
 #pragma once
 
-#include <functional>
+#include "host/installation/abonentbook.h"
+#include "host/session/peerdirectory.h"
 
 #include <QHash>
 #include <QMutex>
 #include <QString>
 
-#include "host/installation/abonentbook.h"
-#include "host/session/peerdirectory.h"
+#include <functional>
 
 namespace host {
 
 // What came of a look at a peer's key, for the journal and the views. Fingerprints, no keys.
 struct PeerNews
 {
-    enum class Kind {
-        Pinned,     // the first answer to a call of ours: the key is the abonent's from now on
+    enum class Kind
+    {
+        Pinned, // the first answer to a call of ours: the key is the abonent's from now on
         KeyChanged, // the called abonent is known by another key
     };
     Kind kind = Kind::Pinned;
     QString abonent;
-    QString pinned;   // KeyChanged: the fingerprint that was expected
+    QString pinned; // KeyChanged: the fingerprint that was expected
     QString answered; // the fingerprint that answered
 };
 

@@ -36,7 +36,8 @@ std::unique_ptr<LoadedPlugin> loadPlugin(const QDir& dir, int channelType, Debug
 {
     QStringList troubles;
     QSet<QString> seen; // a library stands there under several names
-    const QFileInfoList files = dir.entryInfoList({QStringLiteral("*.so"), QStringLiteral("*.so.*")}, QDir::Files, QDir::Name);
+    const QFileInfoList files =
+        dir.entryInfoList({QStringLiteral("*.so"), QStringLiteral("*.so.*")}, QDir::Files, QDir::Name);
     for (const QFileInfo& file : files) {
         const QString path = file.canonicalFilePath();
         if (path.isEmpty() || seen.contains(path))
@@ -48,8 +49,10 @@ std::unique_ptr<LoadedPlugin> loadPlugin(const QDir& dir, int channelType, Debug
             return plugin;
         troubles.append(plugin ? QStringLiteral("%1 is for another kind of channel").arg(path) : trouble);
     }
-    *error = troubles.isEmpty() ? QStringLiteral("there is no channel plug-in in %1: install libtransportCom.so.1 there").arg(dir.absolutePath())
-                                : troubles.join(QStringLiteral("; "));
+    *error = troubles.isEmpty()
+                 ? QStringLiteral("there is no channel plug-in in %1: install libtransportCom.so.1 there")
+                       .arg(dir.absolutePath())
+                 : troubles.join(QStringLiteral("; "));
     return nullptr;
 }
 

@@ -2,14 +2,14 @@
 // the interface.
 #pragma once
 
-#include <memory>
+#include "plugin/cchannelplugin.h"
+#include "plugin/entrypoints.h"
 
 #include <QDir>
 #include <QString>
 #include <QStringList>
 
-#include "plugin/cchannelplugin.h"
-#include "plugin/entrypoints.h"
+#include <memory>
 
 struct DebugData;
 
@@ -40,7 +40,8 @@ private:
 // The first plug-in of this channel type in dir. Null with *error set when there is none; the
 // text says what was found instead. debugData: handed to the library before anything else is
 // asked of it, must outlive the process' last log line.
-[[nodiscard]] std::unique_ptr<LoadedPlugin> loadPlugin(const QDir& dir, int channelType, DebugData* debugData, QString* error);
+[[nodiscard]] std::unique_ptr<LoadedPlugin> loadPlugin(const QDir& dir, int channelType, DebugData* debugData,
+                                                       QString* error);
 
 // One library; null with *error set.
 [[nodiscard]] std::unique_ptr<LoadedPlugin> loadPluginFile(const QString& path, DebugData* debugData, QString* error);

@@ -12,7 +12,8 @@ constexpr int linkOverheadBytes = 10; // of each packet: a block without them fi
 } // namespace
 
 SessionPass::SessionPass(Session* session, CChannel* channel, int maxBlockBytes, Clock clock)
-    : m_session(session), m_channel(channel), m_maxBlockBytes(maxBlockBytes), m_clock(std::move(clock)), m_pacing(m_clock())
+    : m_session(session), m_channel(channel), m_maxBlockBytes(maxBlockBytes), m_clock(std::move(clock)),
+      m_pacing(m_clock())
 {
 }
 

@@ -2,11 +2,11 @@
 // link's packets, as much as the pace allows.
 #pragma once
 
-#include <functional>
-
 #include "host/channel/pacing.h"
 #include "host/session/session.h"
 #include "plugin/cchannel.h"
+
+#include <functional>
 
 namespace host {
 

@@ -1,8 +1,8 @@
 #include "host/channel/sessionprotocol.h"
 
-#include <QThread>
-
 #include "common/global.h"
+
+#include <QThread>
 
 namespace host {
 
@@ -33,8 +33,10 @@ void SessionProtocol::start()
     m_called = remoteAbonentName;
     const SessionCall call{!m_called.isEmpty(), m_called};
     m_session = std::make_unique<Session>(
-        m_context->settings, call, m_context->directory, m_context->store, [this](const SessionEvent& event) { onEvent(event); }, m_clock.elapsed());
-    m_pass = std::make_unique<SessionPass>(m_session.get(), channel, m_context->maxBlockBytes, [this] { return m_clock.elapsed(); });
+        m_context->settings, call, m_context->directory, m_context->store,
+        [this](const SessionEvent& event) { onEvent(event); }, m_clock.elapsed());
+    m_pass = std::make_unique<SessionPass>(m_session.get(), channel, m_context->maxBlockBytes,
+                                           [this] { return m_clock.elapsed(); });
     report(SessionReport::Kind::Begun);
     m_timer.start();
 }

@@ -2,24 +2,29 @@
 // makes it.
 #pragma once
 
-#include <atomic>
-#include <functional>
-#include <memory>
+#include "host/channel/sessionpass.h"
+#include "host/session/session.h"
+#include "plugin/cabstractprotocol.h"
+#include "plugin/cabstractprotocolfactory.h"
 
 #include <QElapsedTimer>
 #include <QTimer>
 
-#include "host/session/session.h"
-#include "host/channel/sessionpass.h"
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
+#include <atomic>
+#include <functional>
+#include <memory>
 
 namespace host {
 
 // What a session tells the host, in the port worker's thread.
 struct SessionReport
 {
-    enum class Kind { Begun, Event, Ended };
+    enum class Kind
+    {
+        Begun,
+        Event,
+        Ended
+    };
 
     Kind kind = Kind::Event;
     quint64 call = 0; // counts the sessions of the process
@@ -27,7 +32,7 @@ struct SessionReport
     QString channelName;
     QString called; // whom we called; empty when the call came in
     QString peer; // empty until it is known
-    SessionEvent event;  // Event
+    SessionEvent event; // Event
     SessionEnd end = SessionEnd::None; // Ended
     bool isProved = false; // the peer, once it is known
     bool wasUseful = false;
@@ -38,7 +43,7 @@ struct SessionReport
 struct SessionContext
 {
     SessionSettings settings;
-    SessionStore* store = nullptr;      // not owned
+    SessionStore* store = nullptr; // not owned
     PeerDirectory* directory = nullptr; // not owned
     std::function<void(const SessionReport&)> report; // called from several threads at once
     int maxBlockBytes = 1024; // what the link takes as one packet, together with its own bytes

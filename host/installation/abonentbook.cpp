@@ -4,11 +4,6 @@
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 
-#include <cerrno>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <QDataStream>
 #include <QFile>
 #include <QFileInfo>
@@ -16,6 +11,10 @@
 #include <QLockFile>
 #include <QMutexLocker>
 #include <QSet>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace host {
 
@@ -39,8 +38,10 @@ QByteArray stampOf(const QString& path)
     struct stat facts = {};
     if (::stat(QFile::encodeName(path).constData(), &facts) != 0)
         return QByteArray("-");
-    return QByteArray::number(static_cast<qulonglong>(facts.st_ino)) + '/' + QByteArray::number(static_cast<qint64>(facts.st_size)) + '/' +
-           QByteArray::number(static_cast<qint64>(facts.st_mtim.tv_sec)) + '.' + QByteArray::number(static_cast<qint64>(facts.st_mtim.tv_nsec));
+    return QByteArray::number(static_cast<qulonglong>(facts.st_ino)) + '/' +
+           QByteArray::number(static_cast<qint64>(facts.st_size)) + '/' +
+           QByteArray::number(static_cast<qint64>(facts.st_mtim.tv_sec)) + '.' +
+           QByteArray::number(static_cast<qint64>(facts.st_mtim.tv_nsec));
 }
 
 void readKey(QDataStream* stream, Abonent* abonent)
@@ -48,8 +49,8 @@ void readKey(QDataStream* stream, Abonent* abonent)
     quint8 pinned = 0;
     qint64 pinnedAtMs = 0;
     *stream >> abonent->key >> pinned >> pinnedAtMs >> abonent->isBlocked;
-    const bool isSound = abonent->key.isEmpty() ? pinned == 0
-                                                : abonent->key.size() == publicKeyLength && (pinned == 1 || pinned == 2);
+    const bool isSound =
+        abonent->key.isEmpty() ? pinned == 0 : abonent->key.size() == publicKeyLength && (pinned == 1 || pinned == 2);
     if (!isSound)
         stream->setStatus(QDataStream::ReadCorruptData);
     abonent->pinned = static_cast<Abonent::Pinned>(pinned);
@@ -113,7 +114,8 @@ QString AbonentRecords::pin(int index, const QByteArray& key, Abonent::Pinned ho
 {
     const int owner = findKey(key);
     if (owner >= 0 && owner != index)
-        return QStringLiteral("this is the key of '%1': an abonent has a key of its own").arg(displayName(abonents.at(owner).name));
+        return QStringLiteral("this is the key of '%1': an abonent has a key of its own")
+            .arg(displayName(abonents.at(owner).name));
     Abonent& abonent = abonents[index];
     abonent.key = key;
     abonent.pinned = how;
@@ -135,8 +137,10 @@ QByteArray writeAbonents(const AbonentRecords& records)
     QDataStream stream(&bytes, QIODevice::WriteOnly);
     stream << currentVersion << static_cast<qint32>(records.abonents.size());
     for (const Abonent& abonent : records.abonents) {
-        stream << abonent.name << abonent.channelType << abonent.channelData << abonent.key << static_cast<quint8>(abonent.pinned)
-               << (abonent.pinnedAt.isValid() ? abonent.pinnedAt.toMSecsSinceEpoch() : Q_INT64_C(0)) << abonent.isBlocked;
+        stream << abonent.name << abonent.channelType << abonent.channelData << abonent.key
+               << static_cast<quint8>(abonent.pinned)
+               << (abonent.pinnedAt.isValid() ? abonent.pinnedAt.toMSecsSinceEpoch() : Q_INT64_C(0))
+               << abonent.isBlocked;
     }
     stream << static_cast<qint32>(records.blockedKeys.size());
     for (const QByteArray& key : records.blockedKeys)
@@ -171,9 +175,7 @@ QString readAbonents(const QByteArray& bytes, AbonentRecords* records)
     return QString();
 }
 
-AbonentBook::AbonentBook(const QString& path) : m_path(path)
-{
-}
+AbonentBook::AbonentBook(const QString& path) : m_path(path) {}
 
 QString AbonentBook::read(AbonentRecords* records)
 {
@@ -222,7 +224,8 @@ QString AbonentBook::change(const Change& change)
     QLockFile lock(m_path + QStringLiteral(".lock"));
     if (!lock.tryLock(lockTimeoutMs)) {
         return lock.error() == QLockFile::LockFailedError
-                   ? QStringLiteral("%1.lock is held by another program: try again, and remove it if none runs").arg(m_path)
+                   ? QStringLiteral("%1.lock is held by another program: try again, and remove it if none runs")
+                         .arg(m_path)
                    : QStringLiteral("cannot lock %1: check that you may write there").arg(m_path);
     }
     QString error = Global::recoverSaving(m_path); // of an earlier version, which moved the file away first

@@ -3,14 +3,14 @@
 // directory, which commands and a running host change side by side.
 #pragma once
 
-#include <functional>
-#include <optional>
-
 #include <QByteArray>
 #include <QDateTime>
 #include <QMutex>
 #include <QString>
 #include <QVector>
+
+#include <functional>
+#include <optional>
 
 namespace host {
 
@@ -23,7 +23,12 @@ struct Abonent
     qint32 channelType = comChannelType;
     QByteArray channelData;
 
-    enum class Pinned { No, ByHand, OnFirstCall };
+    enum class Pinned
+    {
+        No,
+        ByHand,
+        OnFirstCall
+    };
     QByteArray key; // public; empty while none is pinned
     Pinned pinned = Pinned::No;
     QDateTime pinnedAt; // UTC

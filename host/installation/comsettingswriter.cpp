@@ -12,7 +12,8 @@ constexpr int minPortBytes = 1 + 2 * 4 + 5 * 4;
 
 QString wrongVersion(qint32 found, qint32 known)
 {
-    return QStringLiteral("the format has version %1, this program knows version %2").arg(QString::number(found), QString::number(known));
+    return QStringLiteral("the format has version %1, this program knows version %2")
+        .arg(QString::number(found), QString::number(known));
 }
 
 QString damaged()
@@ -48,8 +49,8 @@ QString readComSettings(const QByteArray& bytes, ComSettingsRecord* settings)
         return damaged();
     for (qint32 i = 0; i < count; ++i) {
         ComPortRecord port;
-        stream >> port.enabled >> port.portName >> port.initString >> port.baudRate >> port.flowControl >> port.dataBits >>
-            port.parity >> port.stopBits;
+        stream >> port.enabled >> port.portName >> port.initString >> port.baudRate >> port.flowControl >>
+            port.dataBits >> port.parity >> port.stopBits;
         read.ports.append(port);
     }
     if (stream.status() != QDataStream::Ok)

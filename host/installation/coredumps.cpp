@@ -1,7 +1,6 @@
 #include "host/installation/coredumps.h"
 
 #include <cerrno>
-
 #include <sys/prctl.h>
 #include <sys/resource.h>
 

@@ -3,16 +3,15 @@
 #include "common/global.h"
 #include "host/installation/opendirectory.h"
 
-#include <cerrno>
-#include <cstdio>
-
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QMutex>
 #include <QMutexLocker>
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace host {
 
@@ -34,7 +33,8 @@ QString syncFile(QFile* file)
 
 void syncDirectory(const QDir& dir)
 {
-    const int descriptor = ::open(QFile::encodeName(dir.absolutePath()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int descriptor =
+        ::open(QFile::encodeName(dir.absolutePath()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor < 0)
         return;
     ::fsync(descriptor);

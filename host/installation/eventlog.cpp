@@ -2,10 +2,10 @@
 
 #include "common/plantedlinks.h"
 
-#include <ctime>
-
 #include <QDateTime>
 #include <QJsonDocument>
+
+#include <ctime>
 
 namespace host {
 
@@ -27,7 +27,8 @@ void EventLog::write(const QString& event, QJsonObject fields)
     clock_gettime(CLOCK_MONOTONIC, &now);
     fields[QStringLiteral("event")] = event;
     fields[QStringLiteral("time")] = QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs);
-    fields[QStringLiteral("monotonic")] = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec / 1000000) / 1000.0;
+    fields[QStringLiteral("monotonic")] =
+        static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec / 1000000) / 1000.0;
     m_file.write(QJsonDocument(fields).toJson(QJsonDocument::Compact) + '\n');
 }
 

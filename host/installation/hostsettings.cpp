@@ -40,14 +40,16 @@ bool isSoundIni(const QByteArray& bytes)
 QString damagedIni(const QString& path)
 {
     return QStringLiteral("%1 is damaged: put back a copy, or mend it by hand, or move it away and set the name again "
-                          "(its [Host] section holds this installation's name)").arg(path);
+                          "(its [Host] section holds this installation's name)")
+        .arg(path);
 }
 
 // An error text when the file is there and cannot be read as it was written, or is not ours.
 QString checkIni(const QString& path)
 {
     if (isForeignLink(QFile::encodeName(path)))
-        return QStringLiteral("%1 is a link that another user has made: remove it, and see what else was changed there").arg(path);
+        return QStringLiteral("%1 is a link that another user has made: remove it, and see what else was changed there")
+            .arg(path);
     QFile file(path);
     if (!file.exists())
         return QString();
@@ -61,12 +63,9 @@ QString settingsError(QSettings* settings)
 {
     const QString path = settings->fileName();
     switch (settings->status()) {
-    case QSettings::NoError:
-        return QString();
-    case QSettings::FormatError:
-        return damagedIni(path);
-    case QSettings::AccessError:
-        break;
+    case QSettings::NoError: return QString();
+    case QSettings::FormatError: return damagedIni(path);
+    case QSettings::AccessError: break;
     }
     const QFileInfo file(path);
     if (file.exists() && !file.isReadable())
@@ -116,14 +115,18 @@ QString saveIdentityValue(const QString& key, const QString& value)
 QString settingsBarred(const QString& path)
 {
     const QString obstacle = obstacleToSettings(path);
-    return obstacle.isEmpty() ? obstacle
-                              : QStringLiteral("cannot write %1: %2 is in the way; remove it unless a program of yours runs that made it").arg(path, obstacle);
+    return obstacle.isEmpty()
+               ? obstacle
+               : QStringLiteral(
+                     "cannot write %1: %2 is in the way; remove it unless a program of yours runs that made it")
+                     .arg(path, obstacle);
 }
 
 QString loadIdentity(Identity* identity)
 {
     if (!Global::makePath(Global::settingsDir()))
-        return QStringLiteral("cannot create %1: check that you may write there").arg(Global::settingsDir().absolutePath());
+        return QStringLiteral("cannot create %1: check that you may write there")
+            .arg(Global::settingsDir().absolutePath());
     // Nothing may be taken for missing, and so be made anew, that only could not be read.
     const QString damage = checkIni(Global::generalSettingsFilePath());
     if (!damage.isEmpty())

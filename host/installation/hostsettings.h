@@ -2,13 +2,13 @@
 // channel. (Its abonents: see abonentbook.h.)
 #pragma once
 
-#include <optional>
+#include "host/installation/comsettingswriter.h"
 
 #include <QByteArray>
 #include <QString>
 #include <QVector>
 
-#include "host/installation/comsettingswriter.h"
+#include <optional>
 
 namespace host {
 
@@ -19,7 +19,7 @@ namespace host {
 // written over it.
 struct Identity
 {
-    QString name;           // empty until it was set
+    QString name; // empty until it was set
     QString keyFingerprint; // of the identity key as it was last seen; empty before the first
 };
 [[nodiscard]] QString loadIdentity(Identity* identity);

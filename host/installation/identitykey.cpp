@@ -2,19 +2,17 @@
 
 #include "common/global.h"
 
+#include <QFile>
+#include <QFileInfo>
+#include <sodium.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <sodium.h>
-
-#include <QFile>
-#include <QFileInfo>
 
 namespace host {
 
@@ -136,10 +134,10 @@ SecretBytes contentOf(const KeyPair& pair)
 // Empty when it is not what contentOf() wrote.
 KeyPair pairOf(const SecretBytes& content)
 {
-    if (!hasText(content, 0, heading) || !hasText(content, sizeof heading - 1, publicLabel)
-        || !hasText(content, publicAt + hexBytes, "\n")
-        || !hasText(content, secretAt - static_cast<int>(sizeof secretLabel) + 1, secretLabel)
-        || !hasText(content, secretAt + hexBytes, "\n"))
+    if (!hasText(content, 0, heading) || !hasText(content, sizeof heading - 1, publicLabel) ||
+        !hasText(content, publicAt + hexBytes, "\n") ||
+        !hasText(content, secretAt - static_cast<int>(sizeof secretLabel) + 1, secretLabel) ||
+        !hasText(content, secretAt + hexBytes, "\n"))
         return KeyPair();
     const SecretBytes publicHalf = takeHex(content, publicAt);
     SecretBytes secretHalf = takeHex(content, secretAt);
@@ -152,8 +150,9 @@ KeyPair pairOf(const SecretBytes& content)
 
 QString damaged(const QString& path)
 {
-    return QStringLiteral("the identity key in %1 is damaged: put the file back from a backup. Without one, move it away; "
-                          "\"transport-host key --new\" makes a new key, and whoever knows the old one must be given the new")
+    return QStringLiteral(
+               "the identity key in %1 is damaged: put the file back from a backup. Without one, move it away; "
+               "\"transport-host key --new\" makes a new key, and whoever knows the old one must be given the new")
         .arg(path);
 }
 
@@ -166,16 +165,24 @@ QString whyUnsafe(const Descriptor& file, const QString& path, qint64* size)
     if (!S_ISREG(status.st_mode))
         return QStringLiteral("%1 is not a file: move it away; the identity key belongs there").arg(path);
     if (status.st_uid != ::geteuid())
-        return QStringLiteral("%1 belongs to another user: run as that user, or give the file to this one with \"chown\"").arg(path);
+        return QStringLiteral(
+                   "%1 belongs to another user: run as that user, or give the file to this one with \"chown\"")
+            .arg(path);
     if (status.st_mode & othersBits)
-        return QStringLiteral("others may read or change the identity key: chmod 600 %1 (and if somebody may have read it, "
-                              "move it away: \"transport-host key --new\" makes a new one)")
+        return QStringLiteral(
+                   "others may read or change the identity key: chmod 600 %1 (and if somebody may have read it, "
+                   "move it away: \"transport-host key --new\" makes a new one)")
             .arg(path);
     *size = status.st_size;
     return QString();
 }
 
-enum class Reading { Read, Missing, Failed };
+enum class Reading
+{
+    Read,
+    Missing,
+    Failed
+};
 
 Reading readKey(const QString& path, KeyPair* pair, QString* error)
 {
@@ -185,8 +192,10 @@ Reading readKey(const QString& path, KeyPair* pair, QString* error)
         if (errno == ENOENT)
             return Reading::Missing;
         *error = errno == ELOOP
-            ? QStringLiteral("%1 is a link: put the file itself there; the identity key is not looked for elsewhere").arg(path)
-            : QStringLiteral("cannot read %1: %2").arg(path, systemError());
+                     ? QStringLiteral(
+                           "%1 is a link: put the file itself there; the identity key is not looked for elsewhere")
+                           .arg(path)
+                     : QStringLiteral("cannot read %1: %2").arg(path, systemError());
         return Reading::Failed;
     }
     qint64 size = 0;
@@ -215,8 +224,8 @@ QString writeNew(const QString& path, const SecretBytes& content)
     if (!file.isOpen())
         return QStringLiteral("cannot write %1: %2").arg(path, systemError());
     // The mode once more: the process may have been told to make files nobody may use.
-    if (::fchmod(file.number(), ownerOnly) == 0 && writeAll(file, content)
-        && (::fsync(file.number()) == 0 || errno == EINVAL || errno == ENOTSUP))
+    if (::fchmod(file.number(), ownerOnly) == 0 && writeAll(file, content) &&
+        (::fsync(file.number()) == 0 || errno == EINVAL || errno == ENOTSUP))
         return QString();
     const QString error = QStringLiteral("cannot write %1: %2").arg(path, systemError());
     ::unlink(name.constData());

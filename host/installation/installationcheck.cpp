@@ -1,16 +1,15 @@
 // Who can change an installation, as far as owners and modes tell it.
-#include "host/installation/privacy.h"
-
 #include "common/global.h"
-
-#include <sys/stat.h>
-#include <unistd.h>
+#include "host/installation/privacy.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace host {
 
@@ -34,10 +33,13 @@ QString modeTrouble(const QString& path, const QString& mode, const QString& cur
 // What others could reach and change below a directory that they may enter.
 QString troubleWithin(const QString& top, gid_t trustedGroup)
 {
-    QDirIterator entries(top, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    QDirIterator entries(top, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                         QDirIterator::Subdirectories);
     while (entries.hasNext()) {
         const QString path = entries.next();
-        struct stat status{};
+        struct stat status
+        {
+        };
         if (::lstat(QFile::encodeName(path).constData(), &status) != 0 || S_ISLNK(status.st_mode))
             continue; // gone meanwhile; or a link, whose mode means nothing
         const QString owner = ownerTrouble(path, status);
@@ -53,7 +55,9 @@ QString troubleWithin(const QString& top, gid_t trustedGroup)
 // A tree of settings or data. One with the set-group-ID bit was given to its group on purpose.
 QString treeTrouble(const QString& path)
 {
-    struct stat status{};
+    struct stat status
+    {
+    };
     if (::stat(QFile::encodeName(path).constData(), &status) != 0)
         return QString(); // missing: it is made private
     const QString owner = ownerTrouble(path, status);
@@ -79,7 +83,9 @@ void addPathTroubles(const QString& path, bool isAbove, QStringList* troubles)
     };
     QString current = QFileInfo(path).canonicalFilePath();
     for (; !current.isEmpty(); isAbove = true) {
-        struct stat status{};
+        struct stat status
+        {
+        };
         if (::stat(QFile::encodeName(current).constData(), &status) == 0) {
             add(ownerTrouble(current, status));
             const bool isSticky = isAbove && (status.st_mode & S_ISVTX);

@@ -25,7 +25,8 @@ constexpr char alphabet[] = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
 QByteArray sha256(const QByteArray& data)
 {
     QByteArray hash(crypto_hash_sha256_BYTES, Qt::Uninitialized);
-    crypto_hash_sha256(reinterpret_cast<unsigned char*>(hash.data()), reinterpret_cast<const unsigned char*>(data.constData()),
+    crypto_hash_sha256(reinterpret_cast<unsigned char*>(hash.data()),
+                       reinterpret_cast<const unsigned char*>(data.constData()),
                        static_cast<unsigned long long>(data.size()));
     return hash;
 }
@@ -39,13 +40,10 @@ QByteArray checkOf(const QByteArray& publicKey)
 int valueOf(QChar character)
 {
     switch (character.toUpper().unicode()) {
-    case 'O':
-        return 0;
+    case 'O': return 0;
     case 'I':
-    case 'L':
-        return 1;
-    default:
-        break;
+    case 'L': return 1;
+    default: break;
     }
     const char letter = character.toUpper().toLatin1();
     for (int value = 0; letter != 0 && alphabet[value] != 0; ++value) {
@@ -74,9 +72,11 @@ bool looksLikeFingerprint(const QString& characters)
 
 QString strangeCharacter(QChar character, int position)
 {
-    const QString shown = character.isPrint() ? QStringLiteral("\"%1\"").arg(character)
-                                              : QStringLiteral("U+%1").arg(character.unicode(), 4, 16, QLatin1Char('0'));
-    return QStringLiteral("%1 (character %2) does not occur in a key: it consists of digits and Latin letters without U")
+    const QString shown = character.isPrint()
+                              ? QStringLiteral("\"%1\"").arg(character)
+                              : QStringLiteral("U+%1").arg(character.unicode(), 4, 16, QLatin1Char('0'));
+    return QStringLiteral(
+               "%1 (character %2) does not occur in a key: it consists of digits and Latin letters without U")
         .arg(shown, QString::number(position + 1));
 }
 
@@ -97,7 +97,8 @@ QString charactersOf(const QString& text, QString* error)
     if (characters.isEmpty())
         *error = QStringLiteral("no key is given");
     else if (looksLikeFingerprint(characters))
-        *error = QStringLiteral("this is a key's fingerprint; the whole key is needed, as \"transport-host key\" shows it there");
+        *error = QStringLiteral(
+            "this is a key's fingerprint; the whole key is needed, as \"transport-host key\" shows it there");
     else if (characters.size() != textCharacters)
         *error = QStringLiteral("a key has %1 characters, this one has %2").arg(textCharacters).arg(characters.size());
     return characters;

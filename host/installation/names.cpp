@@ -28,10 +28,8 @@ bool isTreacherous(uint character)
     case QChar::Other_Control:
     case QChar::Other_Surrogate:
     case QChar::Separator_Line:
-    case QChar::Separator_Paragraph:
-        return true;
-    default:
-        break;
+    case QChar::Separator_Paragraph: return true;
+    default: break;
     }
     const bool isNonCharacter = (character & 0xFFFE) == 0xFFFE || (character >= 0xFDD0 && character <= 0xFDEF);
     return isNonCharacter || isInvisibleFormat(character) || character == QChar::ReplacementCharacter;
@@ -84,7 +82,8 @@ QString safeFileName(const QString& name)
 {
     QString safe;
     for (const uint character : name.toUcs4())
-        safe += isTreacherous(character) || character == '/' || character == '\\' ? QStringLiteral("_") : fromCharacter(character);
+        safe += isTreacherous(character) || character == '/' || character == '\\' ? QStringLiteral("_")
+                                                                                  : fromCharacter(character);
     safe = safe.trimmed();
     if (safe.startsWith(QLatin1Char('.')))
         safe[0] = QLatin1Char('_');
@@ -96,7 +95,8 @@ QString safeFileName(const QString& name)
     QString extension = dot > 0 ? safe.mid(dot) : QString();
     if (extension.toUtf8().size() > maxExtensionBytes)
         extension.clear();
-    const QString cut = cutToBytes(safe.left(safe.size() - extension.size()), maxSafeNameBytes - extension.toUtf8().size());
+    const QString cut =
+        cutToBytes(safe.left(safe.size() - extension.size()), maxSafeNameBytes - extension.toUtf8().size());
     return (cut + extension).trimmed(); // the cut may leave a blank at the end
 }
 

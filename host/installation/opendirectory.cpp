@@ -1,15 +1,14 @@
 #include "host/installation/opendirectory.h"
 
+#include <QFileInfo>
+
 #include <cerrno>
 #include <cstdio>
-#include <utility>
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QFileInfo>
+#include <utility>
 
 namespace host {
 
@@ -101,8 +100,9 @@ OpenDirectory OpenDirectory::at(const QString& path, QString* error)
     if (descriptor >= 0)
         return OpenDirectory(descriptor, path);
     const int number = errno;
-    *error = isLink(AT_FDCWD, encoded) ? linkText(path)
-                                       : QStringLiteral("cannot use the directory %1: %2").arg(path, qt_error_string(number));
+    *error = isLink(AT_FDCWD, encoded)
+                 ? linkText(path)
+                 : QStringLiteral("cannot use the directory %1: %2").arg(path, qt_error_string(number));
     return OpenDirectory();
 }
 
@@ -149,10 +149,12 @@ QString OpenDirectory::openForWriting(const QString& name, QFile* file) const
 QString OpenDirectory::open(const QString& name, int flags, QFile* file) const
 {
     const bool isForReading = (flags & O_ACCMODE) == O_RDONLY;
-    const QString cannot = (isForReading ? QStringLiteral("cannot read %1: %2") : QStringLiteral("cannot write %1: %2")).arg(pathOf(name));
+    const QString cannot =
+        (isForReading ? QStringLiteral("cannot read %1: %2") : QStringLiteral("cannot write %1: %2")).arg(pathOf(name));
     const QByteArray encoded = QFile::encodeName(name);
     // Without waiting: a pipe has to be refused.
-    const int descriptor = ::openat(m_descriptor, encoded.constData(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+    const int descriptor =
+        ::openat(m_descriptor, encoded.constData(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
     if (descriptor < 0) {
         const int number = errno;
         return isLink(m_descriptor, encoded) ? linkText(pathOf(name)) : cannot.arg(qt_error_string(number));
@@ -180,7 +182,8 @@ QString OpenDirectory::removeTree(const QString& name) const
 
 QString OpenDirectory::moveDirectory(const QString& name, const OpenDirectory& to, const QString& newName) const
 {
-    if (::renameat(m_descriptor, QFile::encodeName(name).constData(), to.m_descriptor, QFile::encodeName(newName).constData()) == 0)
+    if (::renameat(m_descriptor, QFile::encodeName(name).constData(), to.m_descriptor,
+                   QFile::encodeName(newName).constData()) == 0)
         return QString();
     return QStringLiteral("cannot move %1 to %2: %3").arg(pathOf(name), to.pathOf(newName), qt_error_string(errno));
 }

@@ -23,9 +23,12 @@ std::shared_ptr<const KeyPair> openOwnKey(bool replaceLost, QStringList* notes, 
     const QFileInfo file(path);
     const bool isLost = !identity.keyFingerprint.isEmpty() && !file.exists() && !file.isSymLink();
     if (isLost && !replaceLost) {
-        *error = QStringLiteral("the identity key %1 is gone (it was %2): put it back from a copy. With another key this installation is "
-                                "a stranger to those who know it, until they forget the old one (\"transport-host abonent forget-key\"); to go "
-                                "on so: \"transport-host key --new\"").arg(path, identity.keyFingerprint);
+        *error = QStringLiteral("the identity key %1 is gone (it was %2): put it back from a copy. With another key "
+                                "this installation is "
+                                "a stranger to those who know it, until they forget the old one (\"transport-host "
+                                "abonent forget-key\"); to go "
+                                "on so: \"transport-host key --new\"")
+                     .arg(path, identity.keyFingerprint);
         return nullptr;
     }
     bool created = false;
@@ -38,8 +41,9 @@ std::shared_ptr<const KeyPair> openOwnKey(bool replaceLost, QStringList* notes, 
     if (created)
         notes->append(QStringLiteral("made the identity key of this installation: %1").arg(fingerprint));
     else if (!identity.keyFingerprint.isEmpty())
-        notes->append(QStringLiteral("the identity key is now %1, it was %2: those who know the old one refuse this installation")
-                          .arg(fingerprint, identity.keyFingerprint));
+        notes->append(
+            QStringLiteral("the identity key is now %1, it was %2: those who know the old one refuse this installation")
+                .arg(fingerprint, identity.keyFingerprint));
     *error = saveKeyFingerprint(fingerprint);
     return error->isEmpty() ? key : nullptr;
 }

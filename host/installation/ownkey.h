@@ -1,11 +1,11 @@
 // The key of this installation: where it is kept, and what its loss means.
 #pragma once
 
-#include <memory>
+#include "host/installation/identitykey.h"
 
 #include <QString>
 
-#include "host/installation/identitykey.h"
+#include <memory>
 
 namespace host {
 

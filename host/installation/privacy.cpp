@@ -3,19 +3,18 @@
 #include "common/global.h"
 #include "host/installation/hostsettings.h"
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+
 #include <cerrno>
 #include <cstring>
-
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QSettings>
 
 namespace host {
 
@@ -49,7 +48,9 @@ bool statusOf(const QString& path, struct stat* status)
 
 bool exists(const QString& path)
 {
-    struct stat status{};
+    struct stat status
+    {
+    };
     return statusOf(path, &status) || errno != ENOENT;
 }
 
@@ -62,7 +63,8 @@ QString userName()
 QString cannotMake(const QString& path)
 {
     const QString reason = QString::fromLocal8Bit(strerror(errno));
-    return QStringLiteral("cannot make %1: %2; have somebody who may do so give the command \"install -d -m 700 -o %3 %4 %5\"")
+    return QStringLiteral(
+               "cannot make %1: %2; have somebody who may do so give the command \"install -d -m 700 -o %3 %4 %5\"")
         .arg(path, reason, userName(), shellWord(settingsPath()), shellWord(dataPath()));
 }
 
@@ -74,8 +76,8 @@ QString makePrivate(const QString& path, gid_t group)
         return cannotMake(path);
     const int fd = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     const bool hasGroup = group != static_cast<gid_t>(-1);
-    const bool isMade = fd >= 0 && (!hasGroup || ::fchown(fd, static_cast<uid_t>(-1), group) == 0)
-        && ::fchmod(fd, hasGroup ? ownerAndGroup : ownerOnly) == 0;
+    const bool isMade = fd >= 0 && (!hasGroup || ::fchown(fd, static_cast<uid_t>(-1), group) == 0) &&
+                        ::fchmod(fd, hasGroup ? ownerAndGroup : ownerOnly) == 0;
     const QString error = isMade ? QString() : cannotMake(path);
     if (fd >= 0)
         ::close(fd);
@@ -88,8 +90,9 @@ QString makePrivate(const QString& path, gid_t group)
 // group on to what is made in them.
 QString makeDataDirectories(gid_t group)
 {
-    for (const QDir& dir : {Global::dataDir(), Global::dataSecrecyDir(0), Global::logDir(0), Global::messagesDir(0), Global::inputMessagesDir(0),
-                            Global::outputMessagesDir(0), Global::incompleteMessagesDir(0), Global::tasksDir(0), Global::tasksToTransportDir(0)}) {
+    for (const QDir& dir : {Global::dataDir(), Global::dataSecrecyDir(0), Global::logDir(0), Global::messagesDir(0),
+                            Global::inputMessagesDir(0), Global::outputMessagesDir(0), Global::incompleteMessagesDir(0),
+                            Global::tasksDir(0), Global::tasksToTransportDir(0)}) {
         const QString error = makePrivate(QDir::cleanPath(dir.absolutePath()), group);
         if (!error.isEmpty())
             return error;
@@ -116,8 +119,8 @@ QString writePermissions(mode_t directory)
     settings.setValue(QStringLiteral("Permissions/filePermissions"), isShared ? groupFiles : ownerFiles);
     settings.sync();
     return settings.status() == QSettings::NoError
-        ? QString()
-        : QStringLiteral("cannot write %1: check that you may write in its directory").arg(settings.fileName());
+               ? QString()
+               : QStringLiteral("cannot write %1: check that you may write in its directory").arg(settings.fileName());
 }
 
 // Makes what is missing.
@@ -125,7 +128,9 @@ QString complete(gid_t group)
 {
     const bool isNew = !exists(settingsPath());
     QString error = isNew ? makePrivate(settingsPath(), group) : QString();
-    struct stat status{};
+    struct stat status
+    {
+    };
     if (!error.isEmpty() || ::stat(QFile::encodeName(settingsPath()).constData(), &status) != 0)
         return error;
     followMode(status.st_mode);
@@ -134,7 +139,8 @@ QString complete(gid_t group)
     if (!exists(dataPath()))
         error = makeDataDirectories(status.st_mode & S_ISGID ? status.st_gid : static_cast<gid_t>(-1));
     // Not where we may not write: then it is somebody else's, and reading has to do.
-    if (error.isEmpty() && !exists(Global::internalSettingsFilePath()) && ::access(QFile::encodeName(settingsPath()).constData(), W_OK) == 0)
+    if (error.isEmpty() && !exists(Global::internalSettingsFilePath()) &&
+        ::access(QFile::encodeName(settingsPath()).constData(), W_OK) == 0)
         error = writePermissions(status.st_mode);
     return error;
 }
@@ -149,7 +155,8 @@ QString findGroup(const QString& name, gid_t* id)
     getgroups(own.size(), own.data());
     if (geteuid() == 0 || getegid() == *id || own.contains(*id))
         return QString();
-    return QStringLiteral("you are no member of the group %1: have an administrator add you, and log in again").arg(name);
+    return QStringLiteral("you are no member of the group %1: have an administrator add you, and log in again")
+        .arg(name);
 }
 
 } // namespace
@@ -159,7 +166,8 @@ QString shellWord(const QString& path)
     static const QString plain = QStringLiteral("/._-+,");
     for (const QChar character : path) {
         if (!character.isLetterOrNumber() && !plain.contains(character))
-            return QLatin1Char('\'') + QString(path).replace(QLatin1Char('\''), QStringLiteral("'\\''")) + QLatin1Char('\'');
+            return QLatin1Char('\'') + QString(path).replace(QLatin1Char('\''), QStringLiteral("'\\''")) +
+                   QLatin1Char('\'');
     }
     return path;
 }

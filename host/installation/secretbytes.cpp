@@ -1,11 +1,10 @@
 #include "host/installation/secretbytes.h"
 
-#include <new>
-#include <utility>
-
+#include <QtGlobal>
 #include <sodium.h>
 
-#include <QtGlobal>
+#include <new>
+#include <utility>
 
 namespace host {
 

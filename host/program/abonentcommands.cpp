@@ -21,7 +21,8 @@ AbonentBook ourBook()
 
 QString notKnown(const QString& name)
 {
-    return QStringLiteral("no abonent '%1' is known: \"transport-host abonent list\" shows those that are").arg(displayName(name));
+    return QStringLiteral("no abonent '%1' is known: \"transport-host abonent list\" shows those that are")
+        .arg(displayName(name));
 }
 
 void notePorts(const QStringList& ports, CommandStreams& io)
@@ -50,8 +51,10 @@ std::optional<int> readTold(const CommandLine& line, CommandStreams& io, Told* t
 {
     told->name = line.parser.positionalArguments().first();
     if (!isValidAbonentName(told->name))
-        return line.usage(io, QStringLiteral("'%1' cannot be a name: it needs letters or digits, at most %2 bytes, and no control characters")
-                                  .arg(displayName(told->name), QString::number(maxAbonentNameBytes)));
+        return line.usage(
+            io, QStringLiteral(
+                    "'%1' cannot be a name: it needs letters or digits, at most %2 bytes, and no control characters")
+                    .arg(displayName(told->name), QString::number(maxAbonentNameBytes)));
     if (line.parser.isSet(QStringLiteral("key"))) {
         QString error;
         told->key = keyFromText(line.parser.value(QStringLiteral("key")), &error);
@@ -89,10 +92,8 @@ QString keyColumn(const Abonent& abonent)
 {
     const QString date = abonent.pinnedAt.toLocalTime().toString(QStringLiteral("yyyy-MM-dd"));
     switch (abonent.pinned) {
-    case Abonent::Pinned::No:
-        break;
-    case Abonent::Pinned::ByHand:
-        return QStringLiteral("key %1, told %2").arg(keyFingerprint(abonent.key), date);
+    case Abonent::Pinned::No: break;
+    case Abonent::Pinned::ByHand: return QStringLiteral("key %1, told %2").arg(keyFingerprint(abonent.key), date);
     case Abonent::Pinned::OnFirstCall:
         return QStringLiteral("key %1, pinned by the first call %2").arg(keyFingerprint(abonent.key), date);
     }
@@ -105,9 +106,12 @@ QString numberColumn(const Abonent& abonent)
     const QString trouble = readComAbonent(abonent.channelData, &addressing);
     if (!trouble.isEmpty())
         return trouble;
-    const QString number = addressing.phoneNumber.isEmpty() ? QStringLiteral("(no number)") : displayName(addressing.phoneNumber);
-    return addressing.allowedPorts.isEmpty() ? number
-                                             : QStringLiteral("%1  through %2").arg(number, displayName(addressing.allowedPorts.join(QStringLiteral(", "))));
+    const QString number =
+        addressing.phoneNumber.isEmpty() ? QStringLiteral("(no number)") : displayName(addressing.phoneNumber);
+    return addressing.allowedPorts.isEmpty()
+               ? number
+               : QStringLiteral("%1  through %2")
+                     .arg(number, displayName(addressing.allowedPorts.join(QStringLiteral(", "))));
 }
 
 // A command that changes one abonent.
@@ -129,13 +133,22 @@ int changeAbonent(const QString& command, const QString& description, const QStr
 
 int abonentAdd(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("abonent add"),
-                     QStringLiteral("Tells how an abonent is called and by which key it proves who it is, or changes what was told.\n"
-                                    "Without a key the first call to it pins the key that answers."));
+    CommandLine line(
+        QStringLiteral("abonent add"),
+        QStringLiteral(
+            "Tells how an abonent is called and by which key it proves who it is, or changes what was told.\n"
+            "Without a key the first call to it pins the key that answers."));
     line.parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The abonent's name."));
-    line.parser.addOption({QStringLiteral("number"), QStringLiteral("The telephone number, as it goes behind ATD."), QStringLiteral("NUMBER")});
-    line.parser.addOption({QStringLiteral("key"), QStringLiteral("Its key, as \"transport-host key\" shows it there; in place of one that is pinned."), QStringLiteral("TEXT")});
-    line.parser.addOption({QStringLiteral("port"), QStringLiteral("Call through this port only; may be given several times (default any port)."), QStringLiteral("DEVICE")});
+    line.parser.addOption({QStringLiteral("number"), QStringLiteral("The telephone number, as it goes behind ATD."),
+                           QStringLiteral("NUMBER")});
+    line.parser.addOption(
+        {QStringLiteral("key"),
+         QStringLiteral("Its key, as \"transport-host key\" shows it there; in place of one that is pinned."),
+         QStringLiteral("TEXT")});
+    line.parser.addOption(
+        {QStringLiteral("port"),
+         QStringLiteral("Call through this port only; may be given several times (default any port)."),
+         QStringLiteral("DEVICE")});
     if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
         return *status;
     Told told;
@@ -148,7 +161,9 @@ int abonentAdd(const QStringList& arguments, CommandStreams& io)
 
 int abonentList(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("abonent list"), QStringLiteral("Shows the abonents that are known, the fingerprints of their keys, and blocked keys."));
+    CommandLine line(
+        QStringLiteral("abonent list"),
+        QStringLiteral("Shows the abonents that are known, the fingerprints of their keys, and blocked keys."));
     if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
         return *status;
     AbonentRecords records;
@@ -166,18 +181,21 @@ int abonentList(const QStringList& arguments, CommandStreams& io)
 
 int abonentForgetKey(const QStringList& arguments, CommandStreams& io)
 {
-    return changeAbonent(QStringLiteral("abonent forget-key"),
-                         QStringLiteral("Forgets the key of an abonent that has a new one; the next call to it pins the key that answers.\n"
-                                        "Safer is to ask for the new key and tell it: \"transport-host abonent add NAME --key TEXT\"."),
-                         arguments, io, [](AbonentRecords* records, int index) {
-                             records->forgetKey(index);
-                             return QString();
-                         });
+    return changeAbonent(
+        QStringLiteral("abonent forget-key"),
+        QStringLiteral(
+            "Forgets the key of an abonent that has a new one; the next call to it pins the key that answers.\n"
+            "Safer is to ask for the new key and tell it: \"transport-host abonent add NAME --key TEXT\"."),
+        arguments, io, [](AbonentRecords* records, int index) {
+            records->forgetKey(index);
+            return QString();
+        });
 }
 
 int abonentBlock(const QStringList& arguments, CommandStreams& io)
 {
-    return changeAbonent(QStringLiteral("abonent block"), QStringLiteral("Neither calls an abonent nor lets it in; messages for it stay queued."),
+    return changeAbonent(QStringLiteral("abonent block"),
+                         QStringLiteral("Neither calls an abonent nor lets it in; messages for it stay queued."),
                          arguments, io, [](AbonentRecords* records, int index) {
                              records->abonents[index].isBlocked = true;
                              return QString();
@@ -186,8 +204,8 @@ int abonentBlock(const QStringList& arguments, CommandStreams& io)
 
 int abonentUnblock(const QStringList& arguments, CommandStreams& io)
 {
-    return changeAbonent(QStringLiteral("abonent unblock"), QStringLiteral("Takes the block of an abonent back."), arguments, io,
-                         [](AbonentRecords* records, int index) {
+    return changeAbonent(QStringLiteral("abonent unblock"), QStringLiteral("Takes the block of an abonent back."),
+                         arguments, io, [](AbonentRecords* records, int index) {
                              records->abonents[index].isBlocked = false;
                              return QString();
                          });
@@ -195,7 +213,8 @@ int abonentUnblock(const QStringList& arguments, CommandStreams& io)
 
 int abonentRemove(const QStringList& arguments, CommandStreams& io)
 {
-    return changeAbonent(QStringLiteral("abonent remove"), QStringLiteral("Forgets an abonent, its number and its key; messages for it stay queued."),
+    return changeAbonent(QStringLiteral("abonent remove"),
+                         QStringLiteral("Forgets an abonent, its number and its key; messages for it stay queued."),
                          arguments, io, [](AbonentRecords* records, int index) {
                              records->abonents.removeAt(index);
                              return QString();

@@ -12,7 +12,8 @@ CommandLine::CommandLine(const QString& command, const QString& description) : m
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
 }
 
-std::optional<int> CommandLine::parse(const QStringList& arguments, CommandStreams& io, int minArguments, int maxArguments)
+std::optional<int> CommandLine::parse(const QStringList& arguments, CommandStreams& io, int minArguments,
+                                      int maxArguments)
 {
     if (!parser.parse(QStringList{QStringLiteral("transport-host ") + m_command} + arguments))
         return usage(io, parser.errorText());
@@ -36,7 +37,8 @@ std::optional<int> CommandLine::parse(const QStringList& arguments, CommandStrea
 
 int CommandLine::usage(CommandStreams& io, const QString& text) const
 {
-    io.err << "transport-host: " << displayName(text) << "\n\"transport-host " << m_command << " --help\" tells more" << Qt::endl;
+    io.err << "transport-host: " << displayName(text) << "\n\"transport-host " << m_command << " --help\" tells more"
+           << Qt::endl;
     return exitWrongUsage;
 }
 

@@ -1,11 +1,11 @@
 // What all commands share: their streams, their command line, how they end.
 #pragma once
 
-#include <optional>
-
 #include <QCommandLineParser>
 #include <QStringList>
 #include <QTextStream>
+
+#include <optional>
 
 namespace host {
 

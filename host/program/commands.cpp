@@ -12,10 +12,10 @@
 #include "host/program/setupcommand.h"
 #include "host/program/statuscommand.h"
 
-#include <cstdio>
-
 #include <QCoreApplication>
 #include <QVector>
+
+#include <cstdio>
 
 namespace host {
 

@@ -15,7 +15,8 @@ namespace {
 // Null when the command line is not to be carried out; *status then.
 QByteArray keyArgument(CommandLine* line, const QStringList& arguments, CommandStreams& io, int* status)
 {
-    line->parser.addPositionalArgument(QStringLiteral("KEY"), QStringLiteral("The key as text, as the journal and \"key\" show it."));
+    line->parser.addPositionalArgument(QStringLiteral("KEY"),
+                                       QStringLiteral("The key as text, as the journal and \"key\" show it."));
     if (const std::optional<int> end = line->parse(arguments, io, 1, 1)) {
         *status = *end;
         return QByteArray();
@@ -31,13 +32,19 @@ QByteArray keyArgument(CommandLine* line, const QStringList& arguments, CommandS
 
 int keyCommand(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("key"),
-                     QStringLiteral("Shows the key by which the others know this installation: its fingerprint, to be compared, for example on\n"
-                                    "the telephone, and the text to hand over, for their \"transport-host abonent add NAME --key TEXT\".\n"
-                                    "The key is made at the first time. Its file, settings/identity.key, is a secret."));
+    CommandLine line(
+        QStringLiteral("key"),
+        QStringLiteral(
+            "Shows the key by which the others know this installation: its fingerprint, to be compared, for example "
+            "on\n"
+            "the telephone, and the text to hand over, for their \"transport-host abonent add NAME --key TEXT\".\n"
+            "The key is made at the first time. Its file, settings/identity.key, is a secret."));
     line.parser.addOption({QStringLiteral("text"), QStringLiteral("Print the text alone, for scripts.")});
-    line.parser.addOption({QStringLiteral("json"), QStringLiteral("For programs: one JSON object with \"fingerprint\" and \"key\".")});
-    line.parser.addOption({QStringLiteral("new"), QStringLiteral("Make a new key where the file is lost; the others must forget the old one.")});
+    line.parser.addOption(
+        {QStringLiteral("json"), QStringLiteral("For programs: one JSON object with \"fingerprint\" and \"key\".")});
+    line.parser.addOption(
+        {QStringLiteral("new"),
+         QStringLiteral("Make a new key where the file is lost; the others must forget the old one.")});
     if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
         return *status;
     QString error;
@@ -49,8 +56,11 @@ int keyCommand(const QStringList& arguments, CommandStreams& io)
         io.err << "transport-host: " << note << Qt::endl;
     const QString text = keyText(key->publicKey());
     if (line.parser.isSet(QStringLiteral("json")))
-        io.out << QString::fromUtf8(QJsonDocument(QJsonObject{{QStringLiteral("fingerprint"), keyFingerprint(key->publicKey())},
-                                                              {QStringLiteral("key"), text}}).toJson(QJsonDocument::Compact)) << Qt::endl;
+        io.out << QString::fromUtf8(
+                      QJsonDocument(QJsonObject{{QStringLiteral("fingerprint"), keyFingerprint(key->publicKey())},
+                                                {QStringLiteral("key"), text}})
+                          .toJson(QJsonDocument::Compact))
+               << Qt::endl;
     else if (line.parser.isSet(QStringLiteral("text")))
         io.out << text << Qt::endl;
     else
@@ -60,7 +70,8 @@ int keyCommand(const QStringList& arguments, CommandStreams& io)
 
 int keyBlock(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("key block"), QStringLiteral("Lets nobody in who has this key, whatever else is allowed."));
+    CommandLine line(QStringLiteral("key block"),
+                     QStringLiteral("Lets nobody in who has this key, whatever else is allowed."));
     int status = exitDone;
     const QByteArray key = keyArgument(&line, arguments, io, &status);
     if (key.isEmpty())
@@ -81,7 +92,9 @@ int keyUnblock(const QStringList& arguments, CommandStreams& io)
         return status;
     return statusOf(io, AbonentBook(Global::abonentsSettingsFilePath()).change([&](AbonentRecords* records) {
         return records->blockedKeys.removeAll(key) > 0
-            ? QString() : QStringLiteral("the key %1 is not blocked: \"transport-host abonent list\" shows those that are").arg(keyFingerprint(key));
+                   ? QString()
+                   : QStringLiteral("the key %1 is not blocked: \"transport-host abonent list\" shows those that are")
+                         .arg(keyFingerprint(key));
     }));
 }
 

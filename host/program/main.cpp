@@ -1,6 +1,6 @@
 // transport-host: exchanges files with other installations over modems.
-#include "host/program/commands.h"
 #include "host/installation/names.h"
+#include "host/program/commands.h"
 
 #include <QCoreApplication>
 

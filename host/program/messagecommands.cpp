@@ -11,10 +11,13 @@ namespace host {
 
 int sendCommand(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("send"), QStringLiteral("Queues files for an abonent; a running host sends them at once, else the next one does.\n"
-                                                            "The files are copied: later changes do not matter."));
+    CommandLine line(
+        QStringLiteral("send"),
+        QStringLiteral("Queues files for an abonent; a running host sends them at once, else the next one does.\n"
+                       "The files are copied: later changes do not matter."));
     line.parser.addPositionalArgument(QStringLiteral("ABONENT"), QStringLiteral("Who is to receive them."));
-    line.parser.addPositionalArgument(QStringLiteral("FILE"), QStringLiteral("Any regular files, of any size."), QStringLiteral("FILE..."));
+    line.parser.addPositionalArgument(QStringLiteral("FILE"), QStringLiteral("Any regular files, of any size."),
+                                      QStringLiteral("FILE..."));
     if (const std::optional<int> status = line.parse(arguments, io, 2, -1))
         return *status;
     QStringList files = line.parser.positionalArguments();
@@ -36,7 +39,8 @@ int sendCommand(const QStringList& arguments, CommandStreams& io)
         QueuedMessage message;
         error = queue.enqueue(known < 0 ? abonent : records.abonents.at(known).name, file, &message);
         if (error.isEmpty())
-            io.out << message.key << "  " << displayName(message.fileName) << "  " << sizeText(message.size) << Qt::endl;
+            io.out << message.key << "  " << displayName(message.fileName) << "  " << sizeText(message.size)
+                   << Qt::endl;
         else
             status = fail(io, error);
     }
@@ -46,7 +50,8 @@ int sendCommand(const QStringList& arguments, CommandStreams& io)
 int cancelCommand(const QStringList& arguments, CommandStreams& io)
 {
     CommandLine line(QStringLiteral("cancel"), QStringLiteral("Takes messages out of the queue."));
-    line.parser.addPositionalArgument(QStringLiteral("NUMBER"), QStringLiteral("As \"send\" and \"status\" show it."), QStringLiteral("NUMBER..."));
+    line.parser.addPositionalArgument(QStringLiteral("NUMBER"), QStringLiteral("As \"send\" and \"status\" show it."),
+                                      QStringLiteral("NUMBER..."));
     if (const std::optional<int> status = line.parse(arguments, io, 1, -1))
         return *status;
     const StorePaths paths = StorePaths::of(Global::currentSecrecy());

@@ -52,9 +52,9 @@ bool wordValue(const QVector<Word>& words, const QString& text, qint32* value)
 QString portLine(const ComPortRecord& port)
 {
     return QStringLiteral("%1  %2 baud, %3 data bits, parity %4, stop bits %5, flow control %6, init string '%7'%8")
-        .arg(port.portName, QString::number(port.baudRate), wordOf(dataWords, port.dataBits), wordOf(parityWords, port.parity),
-             wordOf(stopWords, port.stopBits), wordOf(flowWords, port.flowControl), displayName(port.initString),
-             port.enabled ? QString() : QStringLiteral(", disabled"));
+        .arg(port.portName, QString::number(port.baudRate), wordOf(dataWords, port.dataBits),
+             wordOf(parityWords, port.parity), wordOf(stopWords, port.stopBits), wordOf(flowWords, port.flowControl),
+             displayName(port.initString), port.enabled ? QString() : QStringLiteral(", disabled"));
 }
 
 int findPort(const ComSettingsRecord& settings, const QString& name)
@@ -70,15 +70,28 @@ int findPort(const ComSettingsRecord& settings, const QString& name)
 
 int portAdd(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("port add"), QStringLiteral("Defines a serial port with a modem, or changes one that is defined."));
+    CommandLine line(QStringLiteral("port add"),
+                     QStringLiteral("Defines a serial port with a modem, or changes one that is defined."));
     QCommandLineParser& parser = line.parser;
     parser.addPositionalArgument(QStringLiteral("DEVICE"), QStringLiteral("The serial port, as /dev/ttyS0 or ttyS0."));
-    parser.addOption({QStringLiteral("baud"), QStringLiteral("Speed between computer and modem (default 115200)."), QStringLiteral("N"), QStringLiteral("115200")});
-    parser.addOption({QStringLiteral("init"), QStringLiteral("Sent to the modem when the port opens; \\r, \\n and \\t stand for the characters (default ATZ\\r)."), QStringLiteral("TEXT"), QStringLiteral("ATZ\\r")});
-    parser.addOption({QStringLiteral("flow"), QStringLiteral("Flow control: %1 (default hardware).").arg(wordList(flowWords)), QStringLiteral("WORD"), QStringLiteral("hardware")});
-    parser.addOption({QStringLiteral("data-bits"), QStringLiteral("Data bits: %1 (default 8).").arg(wordList(dataWords)), QStringLiteral("N"), QStringLiteral("8")});
-    parser.addOption({QStringLiteral("parity"), QStringLiteral("Parity: %1 (default none).").arg(wordList(parityWords)), QStringLiteral("WORD"), QStringLiteral("none")});
-    parser.addOption({QStringLiteral("stop-bits"), QStringLiteral("Stop bits: %1 (default 1).").arg(wordList(stopWords)), QStringLiteral("N"), QStringLiteral("1")});
+    parser.addOption({QStringLiteral("baud"), QStringLiteral("Speed between computer and modem (default 115200)."),
+                      QStringLiteral("N"), QStringLiteral("115200")});
+    parser.addOption(
+        {QStringLiteral("init"),
+         QStringLiteral(
+             "Sent to the modem when the port opens; \\r, \\n and \\t stand for the characters (default ATZ\\r)."),
+         QStringLiteral("TEXT"), QStringLiteral("ATZ\\r")});
+    parser.addOption({QStringLiteral("flow"),
+                      QStringLiteral("Flow control: %1 (default hardware).").arg(wordList(flowWords)),
+                      QStringLiteral("WORD"), QStringLiteral("hardware")});
+    parser.addOption({QStringLiteral("data-bits"),
+                      QStringLiteral("Data bits: %1 (default 8).").arg(wordList(dataWords)), QStringLiteral("N"),
+                      QStringLiteral("8")});
+    parser.addOption({QStringLiteral("parity"), QStringLiteral("Parity: %1 (default none).").arg(wordList(parityWords)),
+                      QStringLiteral("WORD"), QStringLiteral("none")});
+    parser.addOption({QStringLiteral("stop-bits"),
+                      QStringLiteral("Stop bits: %1 (default 1).").arg(wordList(stopWords)), QStringLiteral("N"),
+                      QStringLiteral("1")});
     parser.addOption({QStringLiteral("disabled"), QStringLiteral("Keep the definition but do not use the port.")});
     if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
         return *status;
@@ -139,7 +152,8 @@ int portRemove(const QStringList& arguments, CommandStreams& io)
     const QString name = line.parser.positionalArguments().first();
     const int index = findPort(settings, name);
     if (index < 0)
-        return fail(io, QStringLiteral("no port %1 is defined: \"transport-host port list\" shows those that are").arg(name));
+        return fail(
+            io, QStringLiteral("no port %1 is defined: \"transport-host port list\" shows those that are").arg(name));
     settings.ports.removeAt(index);
     error = saveComSettings(settings);
     return statusOf(io, error);
@@ -147,8 +161,10 @@ int portRemove(const QStringList& arguments, CommandStreams& io)
 
 int portPacketSize(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("port packet-size"), QStringLiteral("Sets the largest packet of the link, for all ports (default 1024)."));
-    line.parser.addPositionalArgument(QStringLiteral("BYTES"), QStringLiteral("11 to 16384. Small ones suit bad lines."));
+    CommandLine line(QStringLiteral("port packet-size"),
+                     QStringLiteral("Sets the largest packet of the link, for all ports (default 1024)."));
+    line.parser.addPositionalArgument(QStringLiteral("BYTES"),
+                                      QStringLiteral("11 to 16384. Small ones suit bad lines."));
     if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
         return *status;
     bool ok = false;

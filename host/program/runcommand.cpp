@@ -1,22 +1,21 @@
 #include "host/program/runcommand.h"
 
 #include "host/installation/coredumps.h"
-#include "host/installation/privacy.h"
 #include "host/installation/names.h"
+#include "host/installation/privacy.h"
 #include "host/program/sizeoption.h"
 #include "host/program/terminalview.h"
 #include "host/transporthost.h"
+
+#include <QCoreApplication>
+#include <QSocketNotifier>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-
 #include <fcntl.h>
 #include <unistd.h>
-
-#include <QCoreApplication>
-#include <QSocketNotifier>
 
 namespace host {
 
@@ -57,7 +56,8 @@ void onQtMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
     if (type == QtDebugMsg || type == QtInfoMsg)
         return;
     if (messageView)
-        QMetaObject::invokeMethod(messageView, [text] { messageView->showTrouble(text); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            messageView, [text] { messageView->showTrouble(text); }, Qt::QueuedConnection);
     else
         std::fprintf(stderr, "%s\n", displayName(text).toUtf8().constData());
     if (type == QtFatalMsg)
@@ -80,23 +80,54 @@ bool numberOption(const QCommandLineParser& parser, const QString& name, double 
 void addOptions(QCommandLineParser* parser)
 {
     parser->addOption({QStringLiteral("exit-when-sent"), QStringLiteral("End when nothing is left in the queue.")});
-    parser->addOption({QStringLiteral("exit-when-received"), QStringLiteral("End when N messages were received."), QStringLiteral("N")});
-    parser->addOption({QStringLiteral("timeout"), QStringLiteral("End after S seconds; with status 3 when something that was waited for is not done by then."), QStringLiteral("S")});
-    parser->addOption({QStringLiteral("retry-seconds"), QStringLiteral("The unit of the pauses between calls (default 1): with 1, a first call that failed is repeated after half a minute to three minutes."), QStringLiteral("S")});
-    parser->addOption({QStringLiteral("silence-seconds"), QStringLiteral("A connection on which nothing comes for so long is dead (default 120). Give both ends the same."), QStringLiteral("S")});
-    parser->addOption({QStringLiteral("max-size"), QStringLiteral("Refuse messages of more than SIZE: bytes, or with K, M, G or T behind the number, 1024 each."), QStringLiteral("SIZE")});
-    parser->addOption({QStringLiteral("abonent-quota"), QStringLiteral("So much of each abonent may stand in the inbox or be under way (default 8G)."), QStringLiteral("SIZE")});
-    parser->addOption({QStringLiteral("unproved-quota"), QStringLiteral("So much of all those with unknown keys together (default 16M)."), QStringLiteral("SIZE")});
-    parser->addOption({QStringLiteral("total-quota"), QStringLiteral("So much of all together (default 32G)."), QStringLiteral("SIZE")});
-    parser->addOption({QStringLiteral("keep-free"), QStringLiteral("Receive nothing that would leave less free on the disk (default 16M)."), QStringLiteral("SIZE")});
-    parser->addOption({QStringLiteral("known-only"), QStringLiteral("Let in only those whose keys are known; so it is by default.")});
-    parser->addOption({QStringLiteral("accept-unknown"), QStringLiteral("Let those with unknown keys leave messages, marked as unproved; they get nothing.")});
-    parser->addOption({QStringLiteral("keep-connected"), QStringLiteral("Keep connections although nothing is left to send.")});
+    parser->addOption({QStringLiteral("exit-when-received"), QStringLiteral("End when N messages were received."),
+                       QStringLiteral("N")});
+    parser->addOption(
+        {QStringLiteral("timeout"),
+         QStringLiteral("End after S seconds; with status 3 when something that was waited for is not done by then."),
+         QStringLiteral("S")});
+    parser->addOption({QStringLiteral("retry-seconds"),
+                       QStringLiteral("The unit of the pauses between calls (default 1): with 1, a first call that "
+                                      "failed is repeated after half a minute to three minutes."),
+                       QStringLiteral("S")});
+    parser->addOption(
+        {QStringLiteral("silence-seconds"),
+         QStringLiteral(
+             "A connection on which nothing comes for so long is dead (default 120). Give both ends the same."),
+         QStringLiteral("S")});
+    parser->addOption(
+        {QStringLiteral("max-size"),
+         QStringLiteral("Refuse messages of more than SIZE: bytes, or with K, M, G or T behind the number, 1024 each."),
+         QStringLiteral("SIZE")});
+    parser->addOption({QStringLiteral("abonent-quota"),
+                       QStringLiteral("So much of each abonent may stand in the inbox or be under way (default 8G)."),
+                       QStringLiteral("SIZE")});
+    parser->addOption({QStringLiteral("unproved-quota"),
+                       QStringLiteral("So much of all those with unknown keys together (default 16M)."),
+                       QStringLiteral("SIZE")});
+    parser->addOption({QStringLiteral("total-quota"), QStringLiteral("So much of all together (default 32G)."),
+                       QStringLiteral("SIZE")});
+    parser->addOption({QStringLiteral("keep-free"),
+                       QStringLiteral("Receive nothing that would leave less free on the disk (default 16M)."),
+                       QStringLiteral("SIZE")});
+    parser->addOption(
+        {QStringLiteral("known-only"), QStringLiteral("Let in only those whose keys are known; so it is by default.")});
+    parser->addOption(
+        {QStringLiteral("accept-unknown"),
+         QStringLiteral("Let those with unknown keys leave messages, marked as unproved; they get nothing.")});
+    parser->addOption(
+        {QStringLiteral("keep-connected"), QStringLiteral("Keep connections although nothing is left to send.")});
     parser->addOption({QStringLiteral("no-calls"), QStringLiteral("Only answer calls.")});
-    parser->addOption({QStringLiteral("allow-shared"), QStringLiteral("Run although others may change the installation: its settings, data, program or plug-ins.")});
-    parser->addOption({QStringLiteral("core-dumps"), QStringLiteral("Let a crash leave a core dump. It holds the secret key.")});
-    parser->addOption({QStringLiteral("events"), QStringLiteral("Append machine-readable progress to FILE, one JSON object a line."), QStringLiteral("FILE")});
-    parser->addOption({QStringLiteral("plain"), QStringLiteral("Print plain lines, as is done where the output is no terminal.")});
+    parser->addOption(
+        {QStringLiteral("allow-shared"),
+         QStringLiteral("Run although others may change the installation: its settings, data, program or plug-ins.")});
+    parser->addOption(
+        {QStringLiteral("core-dumps"), QStringLiteral("Let a crash leave a core dump. It holds the secret key.")});
+    parser->addOption({QStringLiteral("events"),
+                       QStringLiteral("Append machine-readable progress to FILE, one JSON object a line."),
+                       QStringLiteral("FILE")});
+    parser->addOption(
+        {QStringLiteral("plain"), QStringLiteral("Print plain lines, as is done where the output is no terminal.")});
     parser->addOption({QStringLiteral("quiet"), QStringLiteral("Print nothing but errors.")});
 }
 
@@ -119,7 +150,8 @@ QString readLimits(const QCommandLineParser& parser, InboxLimits* limits)
             continue;
         const std::optional<qint64> bytes = sizeFromText(parser.value(name));
         if (!bytes)
-            return QStringLiteral("--%1 needs a size: a number of bytes, or one with K, M, G or T behind it, as 500M").arg(name);
+            return QStringLiteral("--%1 needs a size: a number of bytes, or one with K, M, G or T behind it, as 500M")
+                .arg(name);
         if (*bytes < size.min)
             return QStringLiteral("--%1 0 would let no content in at all: give a size, as 500M").arg(name);
         *size.value = *bytes;
@@ -140,11 +172,14 @@ std::optional<HostOptions> readOptions(const QCommandLineParser& parser, QString
         const char* name;
         double min;
         double* value;
-    } const numbers[] = {{"exit-when-received", 0, &received}, {"timeout", 0, &timeout}, {"retry-seconds", 0.001, &retry},
+    } const numbers[] = {{"exit-when-received", 0, &received},
+                         {"timeout", 0, &timeout},
+                         {"retry-seconds", 0.001, &retry},
                          {"silence-seconds", 3, &silence}};
     for (const auto& number : numbers) {
         if (!numberOption(parser, QString::fromLatin1(number.name), number.min, number.value)) {
-            *wrong = QStringLiteral("--%1 needs a number of at least %2").arg(QString::fromLatin1(number.name), QString::number(number.min));
+            *wrong = QStringLiteral("--%1 needs a number of at least %2")
+                         .arg(QString::fromLatin1(number.name), QString::number(number.min));
             return std::nullopt;
         }
     }
@@ -174,7 +209,9 @@ bool isTrusted(const QCommandLineParser& parser, CommandStreams& io)
     for (const QString& trouble : troubles)
         io.err << "transport-host: " << trouble << Qt::endl;
     if (!troubles.isEmpty())
-        io.err << "transport-host: not started: see what was changed there before you end it; --allow-shared runs all the same" << Qt::endl;
+        io.err << "transport-host: not started: see what was changed there before you end it; --allow-shared runs all "
+                  "the same"
+               << Qt::endl;
     return troubles.isEmpty();
 }
 
@@ -182,7 +219,10 @@ bool isTrusted(const QCommandLineParser& parser, CommandStreams& io)
 
 int runHostCommand(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("run"), QStringLiteral("Serves the ports until it is stopped (Ctrl+C): answers calls, and calls those for whom messages wait."));
+    CommandLine line(
+        QStringLiteral("run"),
+        QStringLiteral(
+            "Serves the ports until it is stopped (Ctrl+C): answers calls, and calls those for whom messages wait."));
     addOptions(&line.parser);
     if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
         return *status;
@@ -198,7 +238,9 @@ int runHostCommand(const QStringList& arguments, CommandStreams& io)
 
     TransportHost host(*options);
     const bool isTerminal = isatty(fileno(stdout)) != 0 && !line.parser.isSet(QStringLiteral("plain"));
-    TerminalView view(&host, line.parser.isSet(QStringLiteral("quiet")) ? ViewKind::Quiet : isTerminal ? ViewKind::Live : ViewKind::Plain);
+    TerminalView view(&host, line.parser.isSet(QStringLiteral("quiet")) ? ViewKind::Quiet
+                             : isTerminal                               ? ViewKind::Live
+                                                                        : ViewKind::Plain);
     messageView = &view;
     qInstallMessageHandler(onQtMessage);
     if (!catchSignals()) {
@@ -228,9 +270,12 @@ int runHostCommand(const QStringList& arguments, CommandStreams& io)
     qInstallMessageHandler(nullptr);
     view.finish();
     if (end == HostEnd::TimedOut)
-        io.err << "transport-host: the time ran out: " << host.queue().size() << " queued, " << host.receivedCount() << " received" << Qt::endl;
+        io.err << "transport-host: the time ran out: " << host.queue().size() << " queued, " << host.receivedCount()
+               << " received" << Qt::endl;
     if (end == HostEnd::KeyChanged)
-        io.err << "transport-host: an abonent answered with another key than the pinned one; \"transport-host status\" tells more" << Qt::endl;
+        io.err << "transport-host: an abonent answered with another key than the pinned one; \"transport-host status\" "
+                  "tells more"
+               << Qt::endl;
     if (host.isStuck()) {
         io.err << "transport-host: the channel's server did not stop in time" << Qt::endl;
         std::_Exit(static_cast<int>(HostEnd::Failed));

@@ -17,9 +17,16 @@ QString directories()
 
 int setUpCommand(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("setup"), QStringLiteral("Lays a new installation out for you alone, as the first of the other commands does, or also for a group.\n"
-                                                             "An installation that exists is not changed."));
-    line.parser.addOption({QStringLiteral("group"), QStringLiteral("Its members may use the installation and read and change all that is in it, but for the secret key."), QStringLiteral("NAME")});
+    CommandLine line(
+        QStringLiteral("setup"),
+        QStringLiteral(
+            "Lays a new installation out for you alone, as the first of the other commands does, or also for a group.\n"
+            "An installation that exists is not changed."));
+    line.parser.addOption(
+        {QStringLiteral("group"),
+         QStringLiteral(
+             "Its members may use the installation and read and change all that is in it, but for the secret key."),
+         QStringLiteral("NAME")});
     if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
         return *status;
     const QString group = line.parser.value(QStringLiteral("group"));
@@ -30,7 +37,8 @@ int setUpCommand(const QStringList& arguments, CommandStreams& io)
     if (!error.isEmpty())
         return fail(io, error);
     if (isNew) {
-        io.out << "made " << directories() << " for you " << (group.isEmpty() ? QStringLiteral("alone") : QStringLiteral("and the group ") + group) << Qt::endl;
+        io.out << "made " << directories() << " for you "
+               << (group.isEmpty() ? QStringLiteral("alone") : QStringLiteral("and the group ") + group) << Qt::endl;
         return exitDone;
     }
     io.out << directories() << " are laid out already; nothing was changed" << Qt::endl;

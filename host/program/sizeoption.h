@@ -1,9 +1,9 @@
 // Sizes on the command line.
 #pragma once
 
-#include <optional>
-
 #include <QString>
+
+#include <optional>
 
 namespace host {
 

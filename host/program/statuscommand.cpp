@@ -45,8 +45,9 @@ Status gather()
 
 int statusCommand(const QStringList& arguments, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("status"), QStringLiteral("Shows the queue, the inbox, the ports, and how much room is taken.\n"
-                                                              "Ends with status 1 when something could not be read; the rest is shown."));
+    CommandLine line(QStringLiteral("status"),
+                     QStringLiteral("Shows the queue, the inbox, the ports, and how much room is taken.\n"
+                                    "Ends with status 1 when something could not be read; the rest is shown."));
     line.parser.addOption({QStringLiteral("json"), QStringLiteral("For programs: one JSON object.")});
     if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
         return *status;
@@ -54,7 +55,8 @@ int statusCommand(const QStringList& arguments, CommandStreams& io)
     for (const QString& trouble : status.troubles)
         (void)fail(io, trouble);
     if (line.parser.isSet(QStringLiteral("json")))
-        io.out << escapedJson(QString::fromUtf8(QJsonDocument(statusJson(status)).toJson(QJsonDocument::Compact))) << Qt::endl;
+        io.out << escapedJson(QString::fromUtf8(QJsonDocument(statusJson(status)).toJson(QJsonDocument::Compact)))
+               << Qt::endl;
     else
         printStatus(status, io.out);
     return status.troubles.isEmpty() ? exitDone : exitFailed;

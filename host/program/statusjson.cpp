@@ -1,9 +1,8 @@
 // The status for programs.
-#include "host/program/statusreport.h"
-
 #include "host/hoststate.h"
 #include "host/installation/diskfile.h"
 #include "host/installation/keytext.h"
+#include "host/program/statusreport.h"
 
 #include <QJsonArray>
 
@@ -76,7 +75,9 @@ QJsonObject statusJson(const Status& status)
 {
     QJsonArray ports;
     for (const ComPortRecord& port : status.settings.ports)
-        ports.append(QJsonObject{{QStringLiteral("name"), port.portName}, {QStringLiteral("enabled"), port.enabled}, {QStringLiteral("baud"), port.baudRate}});
+        ports.append(QJsonObject{{QStringLiteral("name"), port.portName},
+                                 {QStringLiteral("enabled"), port.enabled},
+                                 {QStringLiteral("baud"), port.baudRate}});
     return {{QStringLiteral("name"), status.identity ? status.identity->name : QString()},
             {QStringLiteral("troubles"), QJsonArray::fromStringList(status.troubles)},
             {QStringLiteral("queue"), queueJson(status)},

@@ -1,15 +1,15 @@
 // What "status" has found, and its two shapes.
 #pragma once
 
-#include <optional>
+#include "host/installation/hostsettings.h"
+#include "host/store/messagestore.h"
 
 #include <QJsonObject>
 #include <QStringList>
 #include <QTextStream>
 #include <QVector>
 
-#include "host/installation/hostsettings.h"
-#include "host/store/messagestore.h"
+#include <optional>
 
 namespace host {
 

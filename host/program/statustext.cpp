@@ -1,9 +1,8 @@
 // The status for people.
-#include "host/program/statusreport.h"
-
 #include "host/hoststate.h"
 #include "host/installation/keytext.h"
 #include "host/installation/names.h"
+#include "host/program/statusreport.h"
 #include "host/program/terminalview.h"
 
 #include <QJsonArray>
@@ -16,7 +15,8 @@ QString ownName(const Status& status)
 {
     if (!status.identity)
         return QStringLiteral("(not known: its file cannot be read)");
-    return status.identity->name.isEmpty() ? QStringLiteral("(none: transport-host name NAME)") : displayName(status.identity->name);
+    return status.identity->name.isEmpty() ? QStringLiteral("(none: transport-host name NAME)")
+                                           : displayName(status.identity->name);
 }
 
 QString portState(const Status& status, const ComPortRecord& port)
@@ -26,8 +26,10 @@ QString portState(const Status& status, const ComPortRecord& port)
     for (const QJsonValue& value : status.running[QStringLiteral("ports")].toArray()) {
         const QJsonObject row = value.toObject();
         if (row[QStringLiteral("name")].toString() == port.portName)
-            return QStringLiteral("%1, in %2, out %3").arg(row[QStringLiteral("state")].toString(), sizeText(static_cast<qint64>(row[QStringLiteral("received")].toDouble())),
-                                                           sizeText(static_cast<qint64>(row[QStringLiteral("sent")].toDouble())));
+            return QStringLiteral("%1, in %2, out %3")
+                .arg(row[QStringLiteral("state")].toString(),
+                     sizeText(static_cast<qint64>(row[QStringLiteral("received")].toDouble())),
+                     sizeText(static_cast<qint64>(row[QStringLiteral("sent")].toDouble())));
     }
     return status.running.isEmpty() ? QStringLiteral("(no host runs)") : QStringLiteral("(not in use)");
 }
@@ -37,15 +39,18 @@ QString senderOf(const ReceivedMessage& message)
 {
     if (message.isProved)
         return displayName(message.abonent);
-    const QString who = QStringLiteral("UNPROVED ") + (message.publicKey.isEmpty() ? displayName(message.abonent) : keyFingerprint(message.publicKey));
-    return message.claimedName.isEmpty() ? who : QStringLiteral("%1, calls itself '%2'").arg(who, displayName(message.claimedName));
+    const QString who = QStringLiteral("UNPROVED ") + (message.publicKey.isEmpty() ? displayName(message.abonent)
+                                                                                   : keyFingerprint(message.publicKey));
+    return message.claimedName.isEmpty()
+               ? who
+               : QStringLiteral("%1, calls itself '%2'").arg(who, displayName(message.claimedName));
 }
 
 QString usedText(const Share& used, const Share& limit)
 {
     return QStringLiteral("%1 of %2, %3 of %4 messages, %5 of %6 inodes")
-        .arg(sizeText(used.bytes), sizeText(limit.bytes), QString::number(used.messages), QString::number(limit.messages),
-             QString::number(used.inodes), QString::number(limit.inodes));
+        .arg(sizeText(used.bytes), sizeText(limit.bytes), QString::number(used.messages),
+             QString::number(limit.messages), QString::number(used.inodes), QString::number(limit.inodes));
 }
 
 // Only what is getting near its limit is worth a line.
@@ -67,8 +72,10 @@ void printRoom(const InboxUsage& usage, QTextStream& out)
 
 void printHost(const Status& status, QTextStream& out)
 {
-    out << "host:  " << (status.running.isEmpty() ? QStringLiteral("not running")
-                                                  : QStringLiteral("running, process %1").arg(status.running[QStringLiteral("process")].toInt()));
+    out << "host:  "
+        << (status.running.isEmpty()
+                ? QStringLiteral("not running")
+                : QStringLiteral("running, process %1").arg(status.running[QStringLiteral("process")].toInt()));
     const qint64 failed = failedHandshakesOf(status.running);
     if (failed > 0)
         out << ", " << failed << (failed == 1 ? " call" : " calls") << " failed to prove who called";
@@ -92,8 +99,8 @@ void printStatus(const Status& status, QTextStream& out)
         out << "  " << displayName(port.portName) << "  " << displayName(portState(status, port)) << Qt::endl;
     out << "queue: " << status.queue.size() << Qt::endl;
     for (const QueuedMessage& message : status.queue) {
-        out << "  " << message.key << "  to " << displayName(message.abonent) << "  " << displayName(message.fileName) << "  "
-            << sizeText(message.size) << "  " << displayName(tellWaiting(message, status.running)) << Qt::endl;
+        out << "  " << message.key << "  to " << displayName(message.abonent) << "  " << displayName(message.fileName)
+            << "  " << sizeText(message.size) << "  " << displayName(tellWaiting(message, status.running)) << Qt::endl;
     }
     out << "inbox: " << status.inbox.size() << Qt::endl;
     for (const ReceivedMessage& message : status.inbox) {

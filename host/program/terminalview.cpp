@@ -2,10 +2,10 @@
 
 #include "host/installation/names.h"
 
+#include <QTime>
+
 #include <sys/ioctl.h>
 #include <unistd.h>
-
-#include <QTime>
 
 namespace host {
 
@@ -40,15 +40,11 @@ QString fileLine(const FileProgress& file, qint64 nowMs)
         state = QStringLiteral("%1/s").arg(sizeText((file.done - file.resumedFrom) * 1000 / elapsedMs));
         break;
     }
-    case FileProgress::State::Waiting:
-        state = QStringLiteral("sent, waiting for their word");
-        break;
+    case FileProgress::State::Waiting: state = QStringLiteral("sent, waiting for their word"); break;
     case FileProgress::State::Whole:
         state = file.text.isEmpty() || !file.outgoing ? QStringLiteral("done, hash verified") : displayName(file.text);
         break;
-    case FileProgress::State::Failed:
-        state = displayName(file.text);
-        break;
+    case FileProgress::State::Failed: state = displayName(file.text); break;
     }
     return QStringLiteral("  %1 %2 %3 of %4  %5  %6")
         .arg(file.outgoing ? QStringLiteral("->") : QStringLiteral("<-"), progressBar(file.done, file.size, barColumns),
@@ -73,7 +69,8 @@ QString sizeText(qint64 bytes)
 
 QString progressBar(qint64 done, qint64 size, int width)
 {
-    const double share = size > 0 ? qBound(0.0, static_cast<double>(done) / static_cast<double>(size), 1.0) : (done >= size ? 1.0 : 0.0);
+    const double share =
+        size > 0 ? qBound(0.0, static_cast<double>(done) / static_cast<double>(size), 1.0) : (done >= size ? 1.0 : 0.0);
     const int filled = static_cast<int>(share * width);
     return QLatin1Char('[') + QString(filled, QLatin1Char('#')) + QString(width - filled, QLatin1Char('-')) +
            QString::asprintf("] %3d%%", static_cast<int>(share * 100));
@@ -84,8 +81,9 @@ QStringList renderPicture(const Picture& picture, int width)
     QStringList lines{picture.title};
     for (const Picture::Port& port : picture.ports) {
         lines.append(QStringLiteral("%1 %2  in %3 (%4/s)  out %5 (%6/s)")
-                         .arg(displayName(port.row.name).leftJustified(14), displayName(port.row.state), sizeText(port.row.receivedBytes),
-                              sizeText(port.receivedPerSecond), sizeText(port.row.sentBytes), sizeText(port.sentPerSecond)));
+                         .arg(displayName(port.row.name).leftJustified(14), displayName(port.row.state),
+                              sizeText(port.row.receivedBytes), sizeText(port.receivedPerSecond),
+                              sizeText(port.row.sentBytes), sizeText(port.sentPerSecond)));
         for (const FileProgress& file : picture.files) {
             if (file.channelName == port.row.name)
                 lines.append(fileLine(file, picture.nowMs));
@@ -117,8 +115,9 @@ void TerminalView::onJournal(const JournalRecord& record)
 {
     if (m_kind == ViewKind::Plain)
         print(record.line());
-    m_journal.append(record.time.toString(QStringLiteral("HH:mm:ss ")) + (record.isError ? QStringLiteral("! ") : QString()) +
-                     displayName(record.source) + QStringLiteral(": ") + displayName(record.text));
+    m_journal.append(record.time.toString(QStringLiteral("HH:mm:ss ")) +
+                     (record.isError ? QStringLiteral("! ") : QString()) + displayName(record.source) +
+                     QStringLiteral(": ") + displayName(record.text));
     while (m_journal.size() > journalLines)
         m_journal.removeFirst();
 }

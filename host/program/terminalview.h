@@ -1,14 +1,14 @@
 // What a running host shows: a live picture on a terminal, plain lines elsewhere.
 #pragma once
 
-#include <cstdio>
+#include "host/transporthost.h"
 
 #include <QHash>
 #include <QObject>
 #include <QStringList>
 #include <QTimer>
 
-#include "host/transporthost.h"
+#include <cstdio>
 
 namespace host {
 
@@ -35,7 +35,12 @@ struct Picture
 // "1.5 kB", units of 1000.
 [[nodiscard]] QString sizeText(qint64 bytes);
 
-enum class ViewKind { Live, Plain, Quiet };
+enum class ViewKind
+{
+    Live,
+    Plain,
+    Quiet
+};
 
 // Lives in the host's thread.
 class TerminalView : public QObject

@@ -44,7 +44,8 @@ FrameReader::Result FrameReader::next(Frame* frame)
 {
     if (m_damaged)
         return Result::Damaged;
-    while (m_buffer.size() - m_position >= frameLengthBytes && m_buffer.at(m_position) == 0 && m_buffer.at(m_position + 1) == 0)
+    while (m_buffer.size() - m_position >= frameLengthBytes && m_buffer.at(m_position) == 0 &&
+           m_buffer.at(m_position + 1) == 0)
         m_position += frameLengthBytes;
     const int available = m_buffer.size() - m_position;
     if (available < frameLengthBytes)

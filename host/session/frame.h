@@ -11,9 +11,9 @@
 // A length of 0 is a filler: two bytes that only move the link on. It proves nothing.
 #pragma once
 
-#include <QByteArray>
-
 #include "host/session/noisecipher.h"
+
+#include <QByteArray>
 
 namespace host {
 
@@ -22,22 +22,23 @@ constexpr int frameTypeBytes = 1;
 constexpr int frameOverheadBytes = frameLengthBytes + frameTypeBytes + noiseTagBytes;
 constexpr int maxFramePayloadBytes = 16384;
 
-enum class FrameType : quint8 {
-    Hello = 1,    // who are you
-    State = 2,    // what have you got: messages stored, parts of messages
-    Offer = 3,    // a message begins; Data frames follow up to its size
-    Data = 4,     // the next bytes of the offered message
-    Abort = 5,    // the offered message's data ends here
-    Stored = 6,   // offers that were verified and stored
-    Refused = 7,  // an offer that was not
-    Settled = 8,  // so many acknowledgements were taken note of
-    Alive = 9,    // nothing to say
-    Finish = 10,  // nothing left to send, until something is
+enum class FrameType : quint8
+{
+    Hello = 1, // who are you
+    State = 2, // what have you got: messages stored, parts of messages
+    Offer = 3, // a message begins; Data frames follow up to its size
+    Data = 4, // the next bytes of the offered message
+    Abort = 5, // the offered message's data ends here
+    Stored = 6, // offers that were verified and stored
+    Refused = 7, // an offer that was not
+    Settled = 8, // so many acknowledgements were taken note of
+    Alive = 9, // nothing to say
+    Finish = 10, // nothing left to send, until something is
     Continue = 11, // takes a Finish back
-    Bye = 12,     // shall we end?
+    Bye = 12, // shall we end?
     ByeYes = 13,
     ByeNo = 14,
-    Stop = 15,    // this side ends the session now, with the reason
+    Stop = 15, // this side ends the session now, with the reason
 };
 
 struct Frame
@@ -74,7 +75,12 @@ public:
     FrameReader() = default; // without a key: nothing opens
     explicit FrameReader(NoiseCipher cipher) : m_cipher(std::move(cipher)) {}
 
-    enum class Result { None, Frame, Damaged };
+    enum class Result
+    {
+        None,
+        Frame,
+        Damaged
+    };
 
     void append(const QByteArray& bytes);
 

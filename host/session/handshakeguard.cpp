@@ -1,8 +1,8 @@
 #include "host/session/handshakeguard.h"
 
-#include <chrono>
-
 #include <QMutexLocker>
+
+#include <chrono>
 
 namespace host {
 
@@ -18,9 +18,7 @@ qint64 steadyMs()
 
 } // namespace
 
-HandshakeGuard::HandshakeGuard(Clock clock) : m_clock(clock ? std::move(clock) : Clock(steadyMs))
-{
-}
+HandshakeGuard::HandshakeGuard(Clock clock) : m_clock(clock ? std::move(clock) : Clock(steadyMs)) {}
 
 int HandshakeGuard::remembered(qint64 nowMs) const
 {

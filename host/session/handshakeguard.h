@@ -2,9 +2,9 @@
 // process later, up to some seconds, and it wears off. Nobody is locked out by it.
 #pragma once
 
-#include <functional>
-
 #include <QMutex>
+
+#include <functional>
 
 namespace host {
 

@@ -92,8 +92,8 @@ bool NoiseHandshake::readKeys(const QByteArray& message, QByteArray* remoteStati
         return false;
     if (!showsStatic(m_messages))
         return true;
-    return m_symmetric.decryptAndHash(message.mid(position, sealedKeyBytes), remoteStatic)
-        && mixAgreed(m_ephemeral, *remoteStatic);
+    return m_symmetric.decryptAndHash(message.mid(position, sealedKeyBytes), remoteStatic) &&
+           mixAgreed(m_ephemeral, *remoteStatic);
 }
 
 bool NoiseHandshake::readEphemeral(const QByteArray& key)

@@ -25,7 +25,11 @@ constexpr int noiseMessageBytes[] = {32, 96, 64}; // of each message, without it
 class NoiseHandshake
 {
 public:
-    enum class Role { Initiator, Responder };
+    enum class Role
+    {
+        Initiator,
+        Responder
+    };
 
     // prologue: what both sides must have in common for the handshake to succeed. ephemeral
     // is given only to repeat a handshake whose bytes are known.

@@ -1,10 +1,9 @@
 #include "host/session/noisecipher.h"
 
-#include <limits>
-
+#include <QtEndian>
 #include <sodium.h>
 
-#include <QtEndian>
+#include <limits>
 
 namespace host {
 
@@ -17,7 +16,8 @@ static_assert(noiseTagBytes == crypto_aead_chacha20poly1305_ietf_ABYTES);
 constexpr quint64 lastNonce = std::numeric_limits<quint64>::max();
 
 // Four bytes of zero, then the counter, low byte first.
-struct Nonce {
+struct Nonce
+{
     unsigned char bytes[crypto_aead_chacha20poly1305_ietf_NPUBBYTES] = {};
 
     explicit Nonce(quint64 counter) { qToLittleEndian(counter, bytes + 4); }
@@ -53,8 +53,9 @@ QByteArray NoiseCipher::seal(const QByteArray& plain, const QByteArray& associat
         return QByteArray();
     QByteArray sealed(plain.size() + noiseTagBytes, Qt::Uninitialized);
     const Nonce nonce(m_nextNonce++);
-    crypto_aead_chacha20poly1305_ietf_encrypt(bytesOf(sealed), nullptr, bytesOf(plain), sizeOf(plain), bytesOf(associated),
-                                              sizeOf(associated), nullptr, nonce.bytes, m_key.data());
+    crypto_aead_chacha20poly1305_ietf_encrypt(bytesOf(sealed), nullptr, bytesOf(plain), sizeOf(plain),
+                                              bytesOf(associated), sizeOf(associated), nullptr, nonce.bytes,
+                                              m_key.data());
     wipeStack();
     return sealed;
 }
@@ -68,10 +69,9 @@ bool NoiseCipher::open(const QByteArray& sealed, QByteArray* plain, const QByteA
         return false;
     QByteArray opened(sealed.size() - noiseTagBytes, Qt::Uninitialized);
     const Nonce nonce(m_nextNonce++);
-    const bool isGenuine = crypto_aead_chacha20poly1305_ietf_decrypt(bytesOf(opened), nullptr, nullptr, bytesOf(sealed),
-                                                                     sizeOf(sealed), bytesOf(associated),
-                                                                     sizeOf(associated), nonce.bytes, m_key.data())
-        == 0;
+    const bool isGenuine = crypto_aead_chacha20poly1305_ietf_decrypt(
+                               bytesOf(opened), nullptr, nullptr, bytesOf(sealed), sizeOf(sealed), bytesOf(associated),
+                               sizeOf(associated), nonce.bytes, m_key.data()) == 0;
     wipeStack();
     if (isGenuine)
         *plain = opened;

@@ -1,8 +1,8 @@
 #include "host/session/noisesymmetric.h"
 
-#include <algorithm>
-
 #include <sodium.h>
+
+#include <algorithm>
 
 namespace host {
 
@@ -62,8 +62,7 @@ void derive(const SecretBytes& salt, const SecretBytes& secret, SecretBytes* fir
 
 } // namespace
 
-NoiseSymmetric::NoiseSymmetric(const QByteArray& prologue)
-    : m_hash(protocolName, hashBytes), m_chainingKey(hashBytes)
+NoiseSymmetric::NoiseSymmetric(const QByteArray& prologue) : m_hash(protocolName, hashBytes), m_chainingKey(hashBytes)
 {
     std::copy_n(protocolName, hashBytes, m_chainingKey.data());
     mixHash(prologue);

@@ -17,7 +17,7 @@ constexpr char answererRole = 'A';
 
 constexpr char fillerItem = 0;
 constexpr char lastMessageItem = 3; // message 3 follows
-constexpr char sealedItem = 4;      // sealed frames follow
+constexpr char sealedItem = 4; // sealed frames follow
 
 // The first version began with a frame in the clear: type 1, length (2), the magic, its version.
 constexpr char firstVersionItem = 1;
@@ -143,8 +143,9 @@ bool Opening::takeMessage(int header, qint64 nowMs)
         return false;
     QByteArray payload;
     if (!m_handshake.read(m_input.mid(header, bytes), &payload)) {
-        fail(SessionEnd::Damaged, QStringLiteral("the handshake failed: its bytes were changed on the way, or the other side is no %1")
-                                      .arg(QString::fromLatin1(magic)));
+        fail(SessionEnd::Damaged,
+             QStringLiteral("the handshake failed: its bytes were changed on the way, or the other side is no %1")
+                 .arg(QString::fromLatin1(magic)));
         return false;
     }
     m_input.remove(0, header + bytes);
@@ -159,7 +160,8 @@ bool Opening::takeMessage(int header, qint64 nowMs)
         return false;
     m_isOver = number == 3;
     m_outputDueMs = 0;
-    m_output = m_call.isOutgoing ? QByteArray(1, lastMessageItem) + m_handshake.write(QByteArray()) : QByteArray(1, sealedItem);
+    m_output = m_call.isOutgoing ? QByteArray(1, lastMessageItem) + m_handshake.write(QByteArray())
+                                 : QByteArray(1, sealedItem);
     return true;
 }
 
@@ -167,7 +169,8 @@ void Opening::judge()
 {
     const QByteArray& key = m_handshake.remotePublicKey();
     if (key == m_identity->publicKey()) {
-        fail(SessionEnd::SelfCall, QStringLiteral("the line leads back to this installation, or its identity key was copied from here"));
+        fail(SessionEnd::SelfCall,
+             QStringLiteral("the line leads back to this installation, or its identity key was copied from here"));
         return;
     }
     m_verdict = m_call.isOutgoing ? m_directory->whoAnswers(m_call.calledAbonent, key) : m_directory->whoCalls(key);
@@ -207,14 +210,10 @@ SessionEnd refusalEnd(PeerDirectory::Verdict::Cause cause)
 {
     using Cause = PeerDirectory::Verdict::Cause;
     switch (cause) {
-    case Cause::UnknownKey:
-        return SessionEnd::UnknownKey;
-    case Cause::BlockedKey:
-        return SessionEnd::BlockedKey;
-    case Cause::WrongKey:
-        return SessionEnd::WrongKey;
-    case Cause::Failed:
-        break;
+    case Cause::UnknownKey: return SessionEnd::UnknownKey;
+    case Cause::BlockedKey: return SessionEnd::BlockedKey;
+    case Cause::WrongKey: return SessionEnd::WrongKey;
+    case Cause::Failed: break;
     }
     return SessionEnd::DirectoryFailed;
 }

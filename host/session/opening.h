@@ -16,17 +16,17 @@
 // when something comes behind it.
 #pragma once
 
-#include <memory>
-#include <utility>
-
-#include <QByteArray>
-#include <QString>
-
 #include "host/session/handshakeguard.h"
 #include "host/session/noise.h"
 #include "host/session/peer.h"
 #include "host/session/peerdirectory.h"
 #include "host/session/sessioncall.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <memory>
+#include <utility>
 
 namespace host {
 
@@ -78,10 +78,10 @@ private:
     const SessionCall m_call;
     const std::shared_ptr<const KeyPair> m_identity;
     PeerDirectory* const m_directory; // not owned
-    HandshakeGuard* const m_guard;    // not owned, may be null
+    HandshakeGuard* const m_guard; // not owned, may be null
     NoiseHandshake m_handshake;
     PeerDirectory::Verdict m_verdict;
-    QByteArray m_input;  // not yet taken apart
+    QByteArray m_input; // not yet taken apart
     QByteArray m_output; // not yet taken
     qint64 m_outputDueMs = 0;
     bool m_hasWord = false; // the peer's, with its first message

@@ -1,20 +1,20 @@
 // Who stands at the other end of a session.
 #pragma once
 
+#include "host/installation/names.h"
+
 #include <QByteArray>
 #include <QString>
-
-#include "host/installation/names.h"
 
 namespace host {
 
 struct Peer
 {
-    QString abonent;        // proved: the name under which this installation knows it;
-                            // unproved: a name made of its key's fingerprint
-    QByteArray publicKey;   // 32 bytes; empty only where nothing depends on it
+    QString abonent; // proved: the name under which this installation knows it;
+                     // unproved: a name made of its key's fingerprint
+    QByteArray publicKey; // 32 bytes; empty only where nothing depends on it
     bool isProved = false;
-    QString claimedName;    // as it called itself; shown only, never a key for anything
+    QString claimedName; // as it called itself; shown only, never a key for anything
 };
 
 // Whose parts, acknowledgements and share of the disk are meant. An unproved peer never has

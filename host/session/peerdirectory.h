@@ -15,17 +15,23 @@ public:
 
     struct Verdict
     {
-        enum class Kind { Proved, Unproved, Refused };
-        enum class Cause {
+        enum class Kind
+        {
+            Proved,
+            Unproved,
+            Refused
+        };
+        enum class Cause
+        {
             UnknownKey,
             BlockedKey,
             WrongKey, // the called abonent is known by another one
-            Failed,   // the directory could not be asked, or could not remember the key
+            Failed, // the directory could not be asked, or could not remember the key
         };
 
         Kind kind = Kind::Refused;
         QString abonent; // the name under which the peer is known here; unproved: one made of its key
-        QString reason;  // of a refusal: for our journal, never told to the peer
+        QString reason; // of a refusal: for our journal, never told to the peer
         Cause cause = Cause::UnknownKey; // of a refusal
     };
 

@@ -17,8 +17,8 @@ constexpr int maxDataBytes = maxFramePayloadBytes;
 // With its confirmation a filler takes 25 bytes of the line, and whoever takes a file in may
 // have nothing else to say for long.
 constexpr int heartbeatsWhileMuchComes = 5; // times as long between two
-constexpr int heartbeatsAfterWords = 20;    // as usual, or words would wait behind a gap for the next one
-constexpr int heartbeatsBeforeSilence = 3;  // but the other side must not take us for dead: its limit is as ours
+constexpr int heartbeatsAfterWords = 20; // as usual, or words would wait behind a gap for the next one
+constexpr int heartbeatsBeforeSilence = 3; // but the other side must not take us for dead: its limit is as ours
 constexpr qint64 muchBytes = 4096;
 
 constexpr qint64 hashSliceBytes = 2 * 1024 * 1024; // hashed in one call of advance()
@@ -27,7 +27,7 @@ constexpr int maxStoredInFrame = 1000;
 constexpr int maxRetriesInSession = 1; // after a wrong hash
 constexpr int maxOutputBytes = 1024 * 1024; // a peer that makes us answer and takes no answers
 constexpr int maxToAcknowledge = 100000;
-constexpr int maxToSettle = 1000000;        // acknowledgements of one call
+constexpr int maxToSettle = 1000000; // acknowledgements of one call
 constexpr int mostRefusalsOfStrangers = 20; // each is a line in the journal
 
 // What the peer is told: nothing of our disk, and a stranger nothing of our limits either.
@@ -35,7 +35,8 @@ QString toldReason(RefusalCode code, const QString& reason, bool isProved)
 {
     if (!isProved)
         return QStringLiteral("it is not taken here");
-    return code == RefusalCode::Failed ? QStringLiteral("it could not be stored there; that side's journal tells why") : reason;
+    return code == RefusalCode::Failed ? QStringLiteral("it could not be stored there; that side's journal tells why")
+                                       : reason;
 }
 
 } // namespace
@@ -44,8 +45,7 @@ Session::Session(const SessionSettings& settings, const SessionCall& call, PeerD
                  SessionStore* store, EventSink sink, qint64 nowMs)
     : m_settings(settings), m_isCaller(call.isOutgoing), m_store(store), m_sink(std::move(sink)),
       m_opening(std::make_unique<Opening>(call, settings.identity, directory, settings.guard.get())),
-      m_lastHeardMs(nowMs), m_lastSentMs(nowMs), m_lastSaidMs(nowMs), m_lastAliveMs(nowMs),
-      m_beganMs(nowMs),
+      m_lastHeardMs(nowMs), m_lastSentMs(nowMs), m_lastSaidMs(nowMs), m_lastAliveMs(nowMs), m_beganMs(nowMs),
       m_lastUsefulMs(nowMs)
 {
 }
@@ -113,9 +113,12 @@ void Session::refusePeer(const PeerDirectory::Verdict& verdict, qint64 nowMs)
 {
     const bool isBlocked = verdict.cause == PeerDirectory::Verdict::Cause::BlockedKey;
     const bool isUnknown = verdict.cause == PeerDirectory::Verdict::Cause::UnknownKey;
-    const QString told = isBlocked ? QStringLiteral("your key is blocked here")
-        : isUnknown ? QStringLiteral("your key is not known here: give what \"transport-host key\" shows to the operator of this side")
-                    : QStringLiteral("your key cannot be looked up here just now: call again later");
+    const QString told =
+        isBlocked ? QStringLiteral("your key is blocked here")
+        : isUnknown
+            ? QStringLiteral(
+                  "your key is not known here: give what \"transport-host key\" shows to the operator of this side")
+            : QStringLiteral("your key cannot be looked up here just now: call again later");
     put(FrameType::Stop, encodeReason(told));
     beginClosing(refusalEnd(verdict.cause), verdict.reason, nowMs);
 }
@@ -127,8 +130,7 @@ bool Session::receiveFrames(qint64 nowMs)
     bool wasHeard = false;
     while (!isFinished() && m_phase != Phase::Closing) {
         switch (m_reader.next(&frame)) {
-        case FrameReader::Result::None:
-            return wasHeard;
+        case FrameReader::Result::None: return wasHeard;
         case FrameReader::Result::Damaged:
             close(SessionEnd::Damaged, QStringLiteral("the data arrives damaged"), nowMs);
             return true;
@@ -180,45 +182,20 @@ void Session::dispatch(const Frame& frame, qint64 nowMs)
     }
     QString reason;
     switch (frame.type) {
-    case FrameType::Hello:
-        onHello(frame, nowMs);
-        return;
-    case FrameType::State:
-        onState(frame);
-        break;
-    case FrameType::Offer:
-        onOffer(frame, nowMs);
-        break;
-    case FrameType::Data:
-        onData(frame, nowMs);
-        break;
-    case FrameType::Abort:
-        onAbort(frame);
-        break;
-    case FrameType::Stored:
-        onStored(frame, nowMs);
-        break;
-    case FrameType::Refused:
-        onRefused(frame);
-        break;
-    case FrameType::Settled:
-        onSettled(frame);
-        break;
-    case FrameType::Alive:
-        return;
-    case FrameType::Finish:
-        onFinish();
-        break;
-    case FrameType::Continue:
-        m_peerFinished = false;
-        break;
-    case FrameType::Bye:
-        onBye(nowMs);
-        break;
+    case FrameType::Hello: onHello(frame, nowMs); return;
+    case FrameType::State: onState(frame); break;
+    case FrameType::Offer: onOffer(frame, nowMs); break;
+    case FrameType::Data: onData(frame, nowMs); break;
+    case FrameType::Abort: onAbort(frame); break;
+    case FrameType::Stored: onStored(frame, nowMs); break;
+    case FrameType::Refused: onRefused(frame); break;
+    case FrameType::Settled: onSettled(frame); break;
+    case FrameType::Alive: return;
+    case FrameType::Finish: onFinish(); break;
+    case FrameType::Continue: m_peerFinished = false; break;
+    case FrameType::Bye: onBye(nowMs); break;
     case FrameType::ByeYes:
-    case FrameType::ByeNo:
-        onByeAnswer(frame.type == FrameType::ByeYes);
-        break;
+    case FrameType::ByeNo: onByeAnswer(frame.type == FrameType::ByeYes); break;
     case FrameType::Stop:
         if (!decodeReason(frame.payload, &reason))
             reason = QStringLiteral("no reason given");
@@ -226,8 +203,8 @@ void Session::dispatch(const Frame& frame, qint64 nowMs)
                QStringLiteral("the other side ended the session: %1").arg(reason));
         return;
     }
-    const bool piledUp = m_output.size() - m_outputPosition > maxOutputBytes || m_toAcknowledge.size() > maxToAcknowledge ||
-        m_toSettle.size() > maxToSettle;
+    const bool piledUp = m_output.size() - m_outputPosition > maxOutputBytes ||
+                         m_toAcknowledge.size() > maxToAcknowledge || m_toSettle.size() > maxToSettle;
     if (m_closingReason.isEmpty() && piledUp)
         m_closingReason = QStringLiteral("the other side takes no answers");
     if (!m_closingReason.isEmpty() && m_phase != Phase::Closing)
@@ -350,7 +327,8 @@ bool Session::produce(qint64 nowMs)
         if (produceEnding())
             return true;
     }
-    if (m_phase != Phase::Closing && nowMs - m_lastSentMs >= heartbeatMs(nowMs) && m_output.size() == m_outputPosition) {
+    if (m_phase != Phase::Closing && nowMs - m_lastSentMs >= heartbeatMs(nowMs) &&
+        m_output.size() == m_outputPosition) {
         sayAlive(nowMs);
         return true;
     }
@@ -399,7 +377,8 @@ bool Session::produceMessageData()
     const qint64 wanted = qMin(frameBytes, m_sending->message.size - m_sending->position);
     const QByteArray bytes = m_sending->device->read(wanted);
     if (bytes.size() != wanted) {
-        const QString reason = QStringLiteral("the queued copy cannot be read to its end: %1").arg(m_sending->device->errorString());
+        const QString reason =
+            QStringLiteral("the queued copy cannot be read to its end: %1").arg(m_sending->device->errorString());
         put(FrameType::Abort, encodeReason(reason));
         sendingFailed(reason, SessionStore::Fault::Local);
         return true;
@@ -466,7 +445,8 @@ void Session::hashSendingPrefix()
     const bool isSame = bytes.size() == wanted && sending.prefixHash->result() == sending.peerPart.sha256;
     const qint64 offset = isSame ? sending.position : 0;
     if (!isSame)
-        note(QStringLiteral("what '%1' has of '%2' differs: sending it from the beginning").arg(m_peer.abonent, sending.message.fileName));
+        note(QStringLiteral("what '%1' has of '%2' differs: sending it from the beginning")
+                 .arg(m_peer.abonent, sending.message.fileName));
     sending.prefixHash.reset();
     if (!sending.device->seek(offset)) {
         sendingFailed(QStringLiteral("the queued copy cannot be read: %1").arg(sending.device->errorString()),
@@ -812,8 +792,7 @@ void Session::onByeAnswer(bool yes)
 void Session::advance(qint64 nowMs)
 {
     switch (m_phase) {
-    case Phase::Finished:
-        return;
+    case Phase::Finished: return;
     case Phase::Closing:
         if (nowMs >= m_deadlineMs)
             finish(m_closingEnd, m_closingReason);
@@ -833,8 +812,7 @@ void Session::advance(qint64 nowMs)
         }
         break;
     case Phase::Opening:
-    case Phase::ByeSent:
-        break;
+    case Phase::ByeSent: break;
     }
     checkLimits(nowMs);
 }
@@ -845,16 +823,23 @@ void Session::checkLimits(qint64 nowMs)
     if (m_keepAlive)
         m_lastUsefulMs = nowMs;
     if (m_isPeerNamed && !m_peer.isProved && nowMs - m_beganMs >= m_settings.strangerMs) {
-        close(SessionEnd::TimeUsedUp, QStringLiteral("a peer that is not known here may stay for %1 s").arg(seconds(m_settings.strangerMs)), nowMs);
+        close(SessionEnd::TimeUsedUp,
+              QStringLiteral("a peer that is not known here may stay for %1 s").arg(seconds(m_settings.strangerMs)),
+              nowMs);
     } else if (nowMs - m_lastHeardMs >= m_settings.silenceMs) {
-        finish(SessionEnd::Silence, QStringLiteral("nothing was heard from the other side for %1 s").arg(seconds(m_settings.silenceMs)));
+        finish(SessionEnd::Silence,
+               QStringLiteral("nothing was heard from the other side for %1 s").arg(seconds(m_settings.silenceMs)));
     } else if (m_phase == Phase::Opening && nowMs - m_beganMs >= m_settings.openingMs) {
-        close(SessionEnd::OpeningTimedOut, QStringLiteral("the other side did not say who it is within %1 s").arg(seconds(m_settings.openingMs)), nowMs);
+        close(SessionEnd::OpeningTimedOut,
+              QStringLiteral("the other side did not say who it is within %1 s").arg(seconds(m_settings.openingMs)),
+              nowMs);
     } else if (!m_unacknowledged.empty()) {
         if (nowMs - m_lastUsefulMs >= m_settings.stallMs)
             close(SessionEnd::Stalled, QStringLiteral("the other side acknowledges nothing"), nowMs);
     } else if (nowMs - m_lastUsefulMs >= m_settings.uselessMs) {
-        close(SessionEnd::Useless, QStringLiteral("nothing of use came from the other side for %1 s").arg(seconds(m_settings.uselessMs)), nowMs);
+        close(SessionEnd::Useless,
+              QStringLiteral("nothing of use came from the other side for %1 s").arg(seconds(m_settings.uselessMs)),
+              nowMs);
     }
 }
 

@@ -9,17 +9,6 @@
 // left says Finish; when both have, the caller asks Bye and the other agrees.
 #pragma once
 
-#include <functional>
-#include <map>
-#include <memory>
-#include <optional>
-
-#include <QByteArray>
-#include <QCryptographicHash>
-#include <QSet>
-#include <QString>
-#include <QVector>
-
 #include "host/session/frame.h"
 #include "host/session/handshakeguard.h"
 #include "host/session/opening.h"
@@ -27,6 +16,17 @@
 #include "host/session/sessioncall.h"
 #include "host/session/sessionframes.h"
 #include "host/session/sessionstore.h"
+
+#include <QByteArray>
+#include <QCryptographicHash>
+#include <QSet>
+#include <QString>
+#include <QVector>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
 
 namespace host {
 
@@ -46,27 +46,28 @@ struct SessionSettings
     // may well pass between two packets that bring anything new, since a driver full of
     // repeats (4 KiB, 35 s) stands in front of them.
     int silenceMs = 120000;
-    int stallMs = 600000;   // acknowledgements are due and nothing but heartbeats came for so long (a full
-                            // queue alone takes two minutes at 1200 bit/s)
-    int openingMs = 60000;  // the other side has not said who it is after so long
+    int stallMs = 600000; // acknowledgements are due and nothing but heartbeats came for so long (a full
+                          // queue alone takes two minutes at 1200 bit/s)
+    int openingMs = 60000; // the other side has not said who it is after so long
     int uselessMs = 300000; // nothing of use came or went for so long, and our host does not keep the session
     int strangerMs = 900000; // in all, for a peer that is not proved
-    int closingMs = 300;    // time for a last Stop frame to get out
-    int lingerMs = 10000;   // the side that agreed to end waits for the other to hang up, at most so long,
+    int closingMs = 300; // time for a last Stop frame to get out
+    int lingerMs = 10000; // the side that agreed to end waits for the other to hang up, at most so long,
     int lingerSilenceMs = 2500; // or until it has been silent for so long
 };
 
 struct SessionEvent
 {
-    enum class Kind {
-        PeerNamed,       // text: the peer's name
-        FileBegun,       // done: where it is taken up
-        FileProgress,    // done: bytes received, or handed to the channel
-        FileStored,      // incoming: whole, verified, in the inbox (text: where)
-        FileDelivered,   // outgoing: the peer has stored it
-        FileDuplicate,   // incoming: it was stored before; acknowledged again
-        FileFailed,      // text: why; an outgoing one stays queued
-        Note,            // text, for the journal
+    enum class Kind
+    {
+        PeerNamed, // text: the peer's name
+        FileBegun, // done: where it is taken up
+        FileProgress, // done: bytes received, or handed to the channel
+        FileStored, // incoming: whole, verified, in the inbox (text: where)
+        FileDelivered, // outgoing: the peer has stored it
+        FileDuplicate, // incoming: it was stored before; acknowledged again
+        FileFailed, // text: why; an outgoing one stays queued
+        Note, // text, for the journal
     };
 
     Kind kind = Kind::Note;
@@ -122,13 +123,14 @@ public:
     [[nodiscard]] bool isMuchComing() const;
 
 private:
-    enum class Phase {
-        Opening,   // the handshake, until the peer's Hello
+    enum class Phase
+    {
+        Opening, // the handshake, until the peer's Hello
         Preparing, // theirs came; hashing the parts that stand for our State
         Running,
-        ByeSent,   // we asked to end and wait for the answer
+        ByeSent, // we asked to end and wait for the answer
         Lingering, // we agreed to end and let the answer get out
-        Closing,   // we said Stop and let it get out
+        Closing, // we said Stop and let it get out
         Finished,
     };
 
@@ -206,7 +208,8 @@ private:
     void close(SessionEnd end, const QString& reason, qint64 nowMs);
     void beginClosing(SessionEnd end, const QString& reason, qint64 nowMs);
     void finish(SessionEnd end, const QString& reason);
-    void emitFileEvent(SessionEvent::Kind kind, const OutgoingMessage& message, qint64 done, const QString& text = QString());
+    void emitFileEvent(SessionEvent::Kind kind, const OutgoingMessage& message, qint64 done,
+                       const QString& text = QString());
     void emitFileEvent(SessionEvent::Kind kind, const OfferFrame& offer, qint64 done, const QString& text = QString());
     void note(const QString& text);
     [[nodiscard]] bool isSendingPhase() const { return m_phase == Phase::Running; }
@@ -243,8 +246,8 @@ private:
     std::optional<QSet<quint64>> m_queuedIds; // as they were when the peer's State came
     std::optional<Sending> m_sending;
     std::map<quint64, OutgoingMessage> m_unacknowledged; // by offer
-    std::map<quint64, int> m_retries;                    // by message
-    std::vector<OutgoingMessage> m_again;                // to be offered once more from the beginning
+    std::map<quint64, int> m_retries; // by message
+    std::vector<OutgoingMessage> m_again; // to be offered once more from the beginning
     quint64 m_nextOfferOut = 0;
     quint64 m_acknowledgementsSeen = 0; // of the peer's State and Stored frames
     quint64 m_settledTold = 0;
@@ -258,7 +261,7 @@ private:
     QVector<quint64> m_toAcknowledge; // offers
     int m_refusals = 0;
     int m_settledCount = 0;
-    QVector<quint64> m_toSettle;      // message ids in the order they were told to the peer
+    QVector<quint64> m_toSettle; // message ids in the order they were told to the peer
 
     // Ending
     bool m_finishSent = false;

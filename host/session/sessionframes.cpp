@@ -100,8 +100,8 @@ bool OfferFrame::decode(const QByteArray& payload)
     sha256 = reader.take(sha256Bytes);
     const quint64 wireModified = reader.number();
     const QByteArray name = reader.rest();
-    if (!reader.ok() || messageId == noMessageId || wireSize > static_cast<quint64>(maxMessageBytes) || wireOffset > wireSize ||
-        wireModified > static_cast<quint64>(maxMessageBytes) || name.size() > maxFileNameBytes)
+    if (!reader.ok() || messageId == noMessageId || wireSize > static_cast<quint64>(maxMessageBytes) ||
+        wireOffset > wireSize || wireModified > static_cast<quint64>(maxMessageBytes) || name.size() > maxFileNameBytes)
         return false;
     size = static_cast<qint64>(wireSize);
     offset = static_cast<qint64>(wireOffset);

@@ -1,20 +1,20 @@
 // What stands in the payload of each kind of session frame.
 #pragma once
 
+#include "host/installation/names.h"
+#include "host/session/frame.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QVector>
 
-#include "host/installation/names.h"
-#include "host/session/frame.h"
-
 namespace host {
 
 constexpr quint8 sessionVersion = 2; // 1 knew no keys
-constexpr quint64 noMessageId = 0;       // no message has it
+constexpr quint64 noMessageId = 0; // no message has it
 constexpr int sha256Bytes = 32;
-constexpr int maxFileNameBytes = 1024;   // in UTF-8; a name of any file system fits
-constexpr int maxReasonBytes = 400;      // in UTF-8
+constexpr int maxFileNameBytes = 1024; // in UTF-8; a name of any file system fits
+constexpr int maxReasonBytes = 400; // in UTF-8
 constexpr qint64 maxMessageBytes = Q_INT64_C(1) << 53;
 
 // Each decode answers false on a payload that is short, long or absurd.
@@ -44,7 +44,7 @@ struct StateFrame
     QVector<MessagePart> parts;
 
     static constexpr int maxStoredIds = 1000; // in one frame
-    static constexpr int maxParts = 64;       // in one frame
+    static constexpr int maxParts = 64; // in one frame
 
     [[nodiscard]] QByteArray encode() const;
     [[nodiscard]] bool decode(const QByteArray& payload);
@@ -57,17 +57,18 @@ struct OfferFrame
     qint64 offset = 0; // the data begins here: what stands before it was compared by hash
     QByteArray sha256; // of the whole
     qint64 modifiedSecs = 0; // seconds since the epoch, 0 when not known
-    QString fileName;  // as the sender calls it: to be shown, never to be used as a path
+    QString fileName; // as the sender calls it: to be shown, never to be used as a path
 
     [[nodiscard]] QByteArray encode() const;
     [[nodiscard]] bool decode(const QByteArray& payload);
 };
 
-enum class RefusalCode : quint8 {
-    NoRoom = 1,     // the disk is full
-    WrongHash = 2,  // what arrived is not what was offered
+enum class RefusalCode : quint8
+{
+    NoRoom = 1, // the disk is full
+    WrongHash = 2, // what arrived is not what was offered
     NotAllowed = 3, // by this installation's settings
-    Failed = 4,     // could not be written
+    Failed = 4, // could not be written
 };
 
 struct RefusedFrame

@@ -1,9 +1,8 @@
 // What a session needs of the place where messages are kept.
 #pragma once
 
-#include <memory>
-#include <optional>
-#include <vector>
+#include "host/session/peer.h"
+#include "host/session/sessionframes.h"
 
 #include <QByteArray>
 #include <QIODevice>
@@ -11,8 +10,9 @@
 #include <QString>
 #include <QVector>
 
-#include "host/session/peer.h"
-#include "host/session/sessionframes.h"
+#include <memory>
+#include <optional>
+#include <vector>
 
 namespace host {
 
@@ -20,7 +20,7 @@ namespace host {
 struct OutgoingMessage
 {
     quint64 id = 0; // random; the same over all attempts
-    QString key;    // the store's own name for it
+    QString key; // the store's own name for it
     QString abonent;
     QString fileName;
     qint64 size = 0;
@@ -87,7 +87,12 @@ public:
 
     // It stays queued; reason is shown to the user. localFault: our own copy is to blame, do
     // not try again soon. recheck: compare the copy with its hash.
-    enum class Fault { Remote, Local, Recheck };
+    enum class Fault
+    {
+        Remote,
+        Local,
+        Recheck
+    };
     virtual void notDelivered(const OutgoingMessage& message, const QString& reason, Fault fault) = 0;
 
     // Messages stored from peer of which it may not have heard.

@@ -25,7 +25,8 @@ bool Inbox::refuse(RefusedFrame* refused, RefusalCode code, const QString& reaso
     return false;
 }
 
-bool Inbox::admits(const Peer& peer, const OfferFrame& offer, qint64 standing, const PartId& known, RefusedFrame* refused)
+bool Inbox::admits(const Peer& peer, const OfferFrame& offer, qint64 standing, const PartId& known,
+                   RefusedFrame* refused)
 {
     if (offer.size > m_limits.maxMessageBytes)
         return refuse(refused, RefusalCode::NotAllowed,
@@ -47,7 +48,8 @@ QString Inbox::volumeRefuses(const Peer& peer, qint64 wanted, bool isNew, qint64
     const VolumeRoom room = volumeRoom(m_incompleteDir.absolutePath());
     const qint64 free = qMax<qint64>(0, room.freeBytes - m_limits.keepFreeBytes - promised);
     const bool hasNoBytes = room.freeBytes >= 0 && wanted > free;
-    const bool hasNoInodes = isNew && room.freeInodes >= 0 && room.freeInodes < m_limits.keepFreeInodes + inodesOfMessage;
+    const bool hasNoInodes =
+        isNew && room.freeInodes >= 0 && room.freeInodes < m_limits.keepFreeInodes + inodesOfMessage;
     if (!hasNoBytes && !hasNoInodes)
         return QString();
     if (!peer.isProved)
@@ -86,8 +88,9 @@ QString Inbox::sharesRefuseWithout(const QVector<Counted>& counted, const Peer& 
         return QString();
     if (!peer.isProved)
         return noRoomForStrangers;
-    return isOwnFull ? QStringLiteral("too much from this sender waits in the inbox: there is room when it is taken out")
-                     : QStringLiteral("the inbox is full: there is room when messages are taken out");
+    return isOwnFull
+               ? QStringLiteral("too much from this sender waits in the inbox: there is room when it is taken out")
+               : QStringLiteral("the inbox is full: there is room when messages are taken out");
 }
 
 QString Inbox::sharesRefuse(const Peer& peer, const OfferFrame& offer, const PartId& known)
@@ -109,7 +112,8 @@ QString Inbox::sharesRefuse(const Peer& peer, const OfferFrame& offer, const Par
         without.push_back(id);
         if (!sharesRefuseWithout(countedWithout(without), peer, offer).isEmpty())
             continue;
-        const bool allGone = std::all_of(givingWay.begin(), givingWay.end(), [this](const PartId& part) { return m_parts.drop(part).isEmpty(); });
+        const bool allGone = std::all_of(givingWay.begin(), givingWay.end(),
+                                         [this](const PartId& part) { return m_parts.drop(part).isEmpty(); });
         return allGone ? QString() : reason;
     }
     return reason;

@@ -7,12 +7,12 @@
 #include "host/store/partfile.h"
 #include "host/store/storing.h"
 
-#include <algorithm>
-
 #include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
 #include <QMutexLocker>
+
+#include <algorithm>
 
 namespace host {
 
@@ -27,9 +27,10 @@ bool hasHash(const QString& path, const QByteArray& sha256)
 
 } // namespace
 
-Inbox::Inbox(const QDir& inputDir, const QDir& incompleteDir, const QString& receivedListPath, const InboxLimits& limits)
-    : m_inputDir(inputDir), m_incompleteDir(incompleteDir), m_limits(limits), m_received(receivedListPath), m_parts(incompleteDir),
-      m_inputCount(inputDir)
+Inbox::Inbox(const QDir& inputDir, const QDir& incompleteDir, const QString& receivedListPath,
+             const InboxLimits& limits)
+    : m_inputDir(inputDir), m_incompleteDir(incompleteDir), m_limits(limits), m_received(receivedListPath),
+      m_parts(incompleteDir), m_inputCount(inputDir)
 {
 }
 
@@ -78,8 +79,8 @@ QString Inbox::recoverPart(const QString& key)
     part.sha256 = record.sha256;
     part.announcedBytes = record.size;
     const QFileInfo content(m_parts.contentPathOf(part));
-    const bool isWhole = part.id != noMessageId && !part.contentName.isEmpty() && content.isFile() && !content.isSymLink() &&
-                         safeFileName(part.contentName) == part.contentName;
+    const bool isWhole = part.id != noMessageId && !part.contentName.isEmpty() && content.isFile() &&
+                         !content.isSymLink() && safeFileName(part.contentName) == part.contentName;
     const QDateTime touched = content.metadataChangeTime(); // not modified: that time is the sender's
     const bool isOld = touched.daysTo(QDateTime::currentDateTime()) > m_limits.partDays;
     // A full disk may have kept the record from being taken back, and more was written since.
@@ -156,7 +157,7 @@ bool Inbox::isStored(const Peer& peer, quint64 messageId, const QByteArray& sha2
     QMutexLocker locker(&m_mutex);
     // What it sent before its key was known here came from the same sender.
     return m_received.contains(peerKey(peer), messageId, sha256) ||
-        m_received.contains(unprovedPeerKey(peer.publicKey), messageId, sha256);
+           m_received.contains(unprovedPeerKey(peer.publicKey), messageId, sha256);
 }
 
 // ---- parts ----
@@ -167,7 +168,8 @@ std::vector<std::unique_ptr<IncomingFile>> Inbox::parts(const Peer& peer)
     std::vector<std::unique_ptr<IncomingFile>> files;
     for (const PartId& id : m_parts.of(peer)) {
         const Part* const part = m_parts.find(id);
-        files.push_back(std::make_unique<PartFile>(this, id, part->generation, QFileInfo(m_parts.contentPathOf(*part)).size()));
+        files.push_back(
+            std::make_unique<PartFile>(this, id, part->generation, QFileInfo(m_parts.contentPathOf(*part)).size()));
     }
     return files;
 }
@@ -215,7 +217,8 @@ std::unique_ptr<IncomingFile> Inbox::begin(const Peer& peer, const OfferFrame& o
     return file->resume(fromTheBeginning, generation, refused) ? std::move(file) : nullptr;
 }
 
-std::shared_ptr<PartHolding> Inbox::takeUp(const PartId& id, const OfferFrame& offer, quint64 generation, RefusedFrame* refused)
+std::shared_ptr<PartHolding> Inbox::takeUp(const PartId& id, const OfferFrame& offer, quint64 generation,
+                                           RefusedFrame* refused)
 {
     QMutexLocker locker(&m_mutex);
     const Part* const part = m_parts.find(id);
@@ -255,7 +258,8 @@ void Inbox::discardPart(const PartId& id, const std::shared_ptr<PartHolding>& ho
     (void)m_parts.drop(id); // tried again at the next start
 }
 
-QString Inbox::storePart(const PartId& id, const std::shared_ptr<PartHolding>& holding, const OfferFrame& offer, QString* place)
+QString Inbox::storePart(const PartId& id, const std::shared_ptr<PartHolding>& holding, const OfferFrame& offer,
+                         QString* place)
 {
     {
         QMutexLocker locker(&m_mutex);

@@ -11,8 +11,10 @@
 // the part belongs to nobody: no session can take it up.
 #pragma once
 
-#include <memory>
-#include <vector>
+#include "host/session/sessionstore.h"
+#include "host/store/parts.h"
+#include "host/store/quota.h"
+#include "host/store/receivedlist.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -20,10 +22,8 @@
 #include <QString>
 #include <QStringList>
 
-#include "host/session/sessionstore.h"
-#include "host/store/parts.h"
-#include "host/store/quota.h"
-#include "host/store/receivedlist.h"
+#include <memory>
+#include <vector>
 
 namespace host {
 
@@ -34,9 +34,9 @@ struct ReceivedMessage
     QString abonent;
     bool isProved = true;
     QByteArray publicKey; // of the sender; empty when it is not known
-    QString claimedName;  // as an unproved sender calls itself
-    QString fileName;     // as the sender calls it
-    QString path;         // of the file
+    QString claimedName; // as an unproved sender calls itself
+    QString fileName; // as the sender calls it
+    QString path; // of the file
     qint64 size = 0;
     QByteArray sha256;
     QDateTime received;
@@ -46,7 +46,8 @@ struct ReceivedMessage
 class Inbox
 {
 public:
-    Inbox(const QDir& inputDir, const QDir& incompleteDir, const QString& receivedListPath, const InboxLimits& limits = {});
+    Inbox(const QDir& inputDir, const QDir& incompleteDir, const QString& receivedListPath,
+          const InboxLimits& limits = {});
     ~Inbox();
 
     // Call it once, before anything else: creates the directories, completes what a crash
@@ -75,13 +76,16 @@ private:
     bool admits(const Peer& peer, const OfferFrame& offer, qint64 standing, const PartId& known, RefusedFrame* refused);
     [[nodiscard]] QString volumeRefuses(const Peer& peer, qint64 wanted, bool isNew, qint64 promised) const;
     [[nodiscard]] QString sharesRefuse(const Peer& peer, const OfferFrame& offer, const PartId& known);
-    [[nodiscard]] QString sharesRefuseWithout(const QVector<Counted>& counted, const Peer& peer, const OfferFrame& offer) const;
+    [[nodiscard]] QString sharesRefuseWithout(const QVector<Counted>& counted, const Peer& peer,
+                                              const OfferFrame& offer) const;
     [[nodiscard]] QVector<Counted> countedWithout(const std::vector<PartId>& without) const;
 
     // For PartFile. takeUp(): null with *refused set.
     QString openPart(const PartId& id, QFile* file);
-    std::shared_ptr<PartHolding> takeUp(const PartId& id, const OfferFrame& offer, quint64 generation, RefusedFrame* refused);
-    QString storePart(const PartId& id, const std::shared_ptr<PartHolding>& holding, const OfferFrame& offer, QString* place);
+    std::shared_ptr<PartHolding> takeUp(const PartId& id, const OfferFrame& offer, quint64 generation,
+                                        RefusedFrame* refused);
+    QString storePart(const PartId& id, const std::shared_ptr<PartHolding>& holding, const OfferFrame& offer,
+                      QString* place);
     void discardPart(const PartId& id, const std::shared_ptr<PartHolding>& holding);
     [[nodiscard]] QString diskIsFull(qint64 wanted) const;
 

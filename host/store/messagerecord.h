@@ -2,12 +2,12 @@
 // ".message" (JSON). No name of a peer's file begins with a point.
 #pragma once
 
+#include "host/session/peer.h"
+#include "host/session/sessionframes.h"
+
 #include <QDateTime>
 #include <QJsonObject>
 #include <QString>
-
-#include "host/session/peer.h"
-#include "host/session/sessionframes.h"
 
 namespace host {
 
@@ -17,13 +17,13 @@ struct MessageRecord
 {
     quint64 id = 0;
     Peer sender;
-    QString fileName;    // as the sender calls it
+    QString fileName; // as the sender calls it
     QString contentName; // of the file in the directory
     qint64 size = 0;
     QByteArray sha256;
     qint64 modifiedSecs = 0;
     bool isVerified = false; // whole, its hash right, on the disk
-    QDateTime received;      // valid once verified
+    QDateTime received; // valid once verified
 
     [[nodiscard]] static MessageRecord of(const Peer& sender, const OfferFrame& offer, const QString& contentName);
     [[nodiscard]] static MessageRecord fromJson(const QJsonObject& json); // id 0 when there is none

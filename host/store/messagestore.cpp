@@ -105,7 +105,8 @@ std::vector<std::unique_ptr<IncomingFile>> MessageStore::parts(const Peer& peer)
     return m_inbox.parts(peer);
 }
 
-std::unique_ptr<IncomingFile> MessageStore::beginIncoming(const Peer& peer, const OfferFrame& offer, RefusedFrame* refused)
+std::unique_ptr<IncomingFile> MessageStore::beginIncoming(const Peer& peer, const OfferFrame& offer,
+                                                          RefusedFrame* refused)
 {
     return m_inbox.begin(peer, offer, refused);
 }

@@ -1,11 +1,11 @@
 // The messages of an installation on its disk: the queue and the inbox, as sessions see them.
 #pragma once
 
-#include <QString>
-
+#include "host/session/sessionstore.h"
 #include "host/store/inbox.h"
 #include "host/store/outgoingqueue.h"
-#include "host/session/sessionstore.h"
+
+#include <QString>
 
 namespace host {
 
@@ -45,7 +45,8 @@ public:
     void settle(const Peer& peer, const QVector<quint64>& messageIds) override;
     bool isStored(const Peer& peer, quint64 messageId, const QByteArray& sha256) override;
     std::vector<std::unique_ptr<IncomingFile>> parts(const Peer& peer) override;
-    std::unique_ptr<IncomingFile> beginIncoming(const Peer& peer, const OfferFrame& offer, RefusedFrame* refused) override;
+    std::unique_ptr<IncomingFile> beginIncoming(const Peer& peer, const OfferFrame& offer,
+                                                RefusedFrame* refused) override;
 
 private:
     OutgoingQueue m_queue;

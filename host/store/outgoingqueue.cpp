@@ -1,16 +1,10 @@
 #include "host/store/outgoingqueue.h"
 
-#include "common/global.h"
 #include "common/csettings.h"
+#include "common/global.h"
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 #include "host/installation/opendirectory.h"
-
-#include <cerrno>
-#include <csignal>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <QCryptographicHash>
 #include <QFileInfo>
@@ -18,6 +12,11 @@
 #include <QMutexLocker>
 #include <QRandomGenerator>
 #include <QSet>
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace host {
 
@@ -99,7 +98,8 @@ QString OutgoingQueue::enqueue(const QString& abonent, const QString& filePath, 
     return QString();
 }
 
-QString OutgoingQueue::copyIntoQueue(const QString& filePath, const OpenDirectory& directory, QueuedMessage* message) const
+QString OutgoingQueue::copyIntoQueue(const QString& filePath, const OpenDirectory& directory,
+                                     QueuedMessage* message) const
 {
     // Opened without waiting: a pipe must be refused, not waited for.
     const int descriptor = ::open(QFile::encodeName(filePath).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -175,10 +175,12 @@ std::optional<OutgoingQueue::Entry> OutgoingQueue::load(const QString& taskPath)
     message.modifiedSecs = static_cast<qint64>(record[QStringLiteral("modified")].toDouble());
     message.queued = QDateTime::fromString(record[QStringLiteral("queued")].toString(), Qt::ISODate);
     // The number becomes a path.
-    const bool isNumber = !message.key.isEmpty() && std::all_of(message.key.cbegin(), message.key.cend(), [](QChar digit) {
-        return digit >= QLatin1Char('0') && digit <= QLatin1Char('9');
-    });
-    if (!isNumber || message.id == 0 || message.size < 0 || message.sha256.size() != sha256Bytes || message.abonent.isEmpty())
+    const bool isNumber =
+        !message.key.isEmpty() && std::all_of(message.key.cbegin(), message.key.cend(), [](QChar digit) {
+            return digit >= QLatin1Char('0') && digit <= QLatin1Char('9');
+        });
+    if (!isNumber || message.id == 0 || message.size < 0 || message.sha256.size() != sha256Bytes ||
+        message.abonent.isEmpty())
         return std::nullopt;
     message.reason = WaitReason::fromJson(loadRecord(messagePath(message) + QLatin1Char('/') + reasonName));
     entry.abonentKey = abonentKey(message.abonent);
@@ -368,7 +370,8 @@ QString OutgoingQueue::verify(const OutgoingMessage& message) const
     QCryptographicHash hash(QCryptographicHash::Sha256);
     if (hash.addData(file.get()) && hash.result() == message.sha256)
         return QString();
-    return QStringLiteral("the queued copy %1 is damaged; cancel the message and send the file again").arg(contentPath(message));
+    return QStringLiteral("the queued copy %1 is damaged; cancel the message and send the file again")
+        .arg(contentPath(message));
 }
 
 // ---- claims ----
@@ -393,7 +396,8 @@ std::optional<OutgoingMessage> OutgoingQueue::claimNext(const QString& key, cons
 bool OutgoingQueue::hasUnclaimed(const QString& key) const
 {
     QMutexLocker locker(&m_mutex);
-    return std::any_of(m_entries.cbegin(), m_entries.cend(), [&](const Entry& entry) { return isClaimable(entry, key); });
+    return std::any_of(m_entries.cbegin(), m_entries.cend(),
+                       [&](const Entry& entry) { return isClaimable(entry, key); });
 }
 
 QStringList OutgoingQueue::waitingAbonents() const

@@ -9,8 +9,9 @@
 // directory that no task names. Several programs may queue at once.
 #pragma once
 
-#include <functional>
-#include <optional>
+#include "host/installation/opendirectory.h"
+#include "host/session/sessionstore.h"
+#include "host/store/waitreason.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -21,9 +22,8 @@
 #include <QStringList>
 #include <QVector>
 
-#include "host/installation/opendirectory.h"
-#include "host/session/sessionstore.h"
-#include "host/store/waitreason.h"
+#include <functional>
+#include <optional>
 
 namespace host {
 
@@ -92,7 +92,8 @@ private:
         qint64 heldUntilMs = 0;
     };
 
-    [[nodiscard]] QString copyIntoQueue(const QString& filePath, const OpenDirectory& directory, QueuedMessage* message) const;
+    [[nodiscard]] QString copyIntoQueue(const QString& filePath, const OpenDirectory& directory,
+                                        QueuedMessage* message) const;
     [[nodiscard]] QString commit(const OpenDirectory& output, const QString& newName, QueuedMessage* message) const;
     [[nodiscard]] QString messagePath(const OutgoingMessage& message) const;
     [[nodiscard]] QString contentPath(const OutgoingMessage& message) const;

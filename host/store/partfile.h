@@ -1,12 +1,12 @@
 // A part as a session sees it.
 #pragma once
 
-#include <memory>
+#include "host/session/sessionstore.h"
+#include "host/store/parts.h"
 
 #include <QFile>
 
-#include "host/session/sessionstore.h"
-#include "host/store/parts.h"
+#include <memory>
 
 namespace host {
 

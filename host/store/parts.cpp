@@ -4,12 +4,12 @@
 #include "host/installation/names.h"
 #include "host/installation/opendirectory.h"
 
-#include <algorithm>
-
 #include <QDateTime>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QMutexLocker>
+
+#include <algorithm>
 
 namespace host {
 

@@ -2,8 +2,10 @@
 // them, how often they were taken up.
 #pragma once
 
-#include <memory>
-#include <vector>
+#include "host/session/peer.h"
+#include "host/session/sessionframes.h"
+#include "host/store/messagerecord.h"
+#include "host/store/quota.h"
 
 #include <QDir>
 #include <QFile>
@@ -12,10 +14,8 @@
 #include <QPair>
 #include <QString>
 
-#include "host/session/peer.h"
-#include "host/session/sessionframes.h"
-#include "host/store/messagerecord.h"
-#include "host/store/quota.h"
+#include <memory>
+#include <vector>
 
 namespace host {
 
@@ -64,7 +64,7 @@ public:
     [[nodiscard]] std::vector<PartId> of(const Peer& peer) const; // without those being stored
     // One that is held counts as it is announced.
     [[nodiscard]] QVector<Counted> countedWithout(const std::vector<PartId>& without) const;
-    [[nodiscard]] qint64 promisedBytes() const;     // that those who hold parts have yet to write
+    [[nodiscard]] qint64 promisedBytes() const; // that those who hold parts have yet to write
 
     void insert(const Part& part);
     void forget(const PartId& id);
@@ -88,7 +88,10 @@ public:
     QString open(const PartId& id, QFile* file) const;
 
     [[nodiscard]] QString pathOf(const Part& part) const { return m_dir.absoluteFilePath(part.key); }
-    [[nodiscard]] QString contentPathOf(const Part& part) const { return pathOf(part) + QLatin1Char('/') + part.contentName; }
+    [[nodiscard]] QString contentPathOf(const Part& part) const
+    {
+        return pathOf(part) + QLatin1Char('/') + part.contentName;
+    }
 
 private:
     using Key = QPair<QString, quint64>;

@@ -1,17 +1,16 @@
 #include "host/store/quota.h"
 
-#include <map>
-
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "host/installation/diskfile.h"
+#include "host/store/messagerecord.h"
 
 #include <QDateTime>
 #include <QFile>
 
-#include "host/installation/diskfile.h"
-#include "host/store/messagerecord.h"
+#include <dirent.h>
+#include <fcntl.h>
+#include <map>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace host {
 
@@ -36,7 +35,8 @@ Share shareOf(const QString& path)
     while (const dirent* const entry = ::readdir(entries)) {
         const QByteArray name(entry->d_name);
         struct stat facts = {};
-        if (name == "." || name == ".." || ::fstatat(::dirfd(entries), name.constData(), &facts, AT_SYMLINK_NOFOLLOW) != 0)
+        if (name == "." || name == ".." ||
+            ::fstatat(::dirfd(entries), name.constData(), &facts, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         ++share.inodes;
         if (S_ISREG(facts.st_mode) && !name.startsWith('.')) // not the record: small, and known to be an inode
@@ -89,8 +89,10 @@ void DirectoryCount::count(const QString& name, QHash<QString, Entry>* entries) 
     const qint64 changedNs = changeTimeNs(facts);
     const auto known = m_entries.constFind(name);
     // File systems tell times in steps: what was counted soon after a change may have changed again.
-    const bool isKnown = known != m_entries.constEnd() && known->changedNs == changedNs && known->countedNs - changedNs > clockStepNs;
-    entries->insert(name, isKnown ? *known : Entry{countOf(path), changedNs, QDateTime::currentMSecsSinceEpoch() * 1000000});
+    const bool isKnown =
+        known != m_entries.constEnd() && known->changedNs == changedNs && known->countedNs - changedNs > clockStepNs;
+    entries->insert(name,
+                    isKnown ? *known : Entry{countOf(path), changedNs, QDateTime::currentMSecsSinceEpoch() * 1000000});
 }
 
 QVector<Counted> DirectoryCount::entries() const

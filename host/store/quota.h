@@ -3,14 +3,14 @@
 // received; what the user takes out of the inbox is free again.
 #pragma once
 
+#include "host/session/peer.h"
+#include "host/session/sessionframes.h"
+#include "host/store/volume.h"
+
 #include <QDir>
 #include <QHash>
 #include <QString>
 #include <QVector>
-
-#include "host/session/peer.h"
-#include "host/session/sessionframes.h"
-#include "host/store/volume.h"
 
 namespace host {
 
@@ -28,12 +28,12 @@ struct InboxLimits
 {
     qint64 maxMessageBytes = host::maxMessageBytes;
     qint64 keepFreeBytes = 16 * 1024 * 1024; // of the volume
-    qint64 keepFreeInodes = 1000;            // of the volume
+    qint64 keepFreeInodes = 1000; // of the volume
     Share ofAbonent{Q_INT64_C(8) << 30, 10000, 40000};
     Share ofUnproved{16 * 1024 * 1024, 50, 200}; // all of them together
     Share ofAll{Q_INT64_C(32) << 30, 50000, 200000};
-    int maxPartsOfAbonent = 16;              // of an unproved peer, too; the oldest give way
-    int partDays = 30;                       // untouched parts are removed at the start
+    int maxPartsOfAbonent = 16; // of an unproved peer, too; the oldest give way
+    int partDays = 30; // untouched parts are removed at the start
 };
 
 // For those who are shown it.

@@ -5,9 +5,9 @@
 #include "host/installation/opendirectory.h"
 #include "host/session/sessionframes.h"
 
-#include <algorithm>
-
 #include <QFileInfo>
+
+#include <algorithm>
 
 namespace host {
 
@@ -99,14 +99,16 @@ QVector<ReceivedList::Key> ReceivedList::keysInOrder() const
     QVector<Key> keys;
     for (auto it = m_entries.cbegin(); it != m_entries.cend(); ++it)
         keys.append(it.key());
-    std::sort(keys.begin(), keys.end(), [this](const Key& a, const Key& b) { return m_entries[a].order < m_entries[b].order; });
+    std::sort(keys.begin(), keys.end(),
+              [this](const Key& a, const Key& b) { return m_entries[a].order < m_entries[b].order; });
     return keys;
 }
 
 QString ReceivedList::rewrite()
 {
     const QVector<Key> keys = keysInOrder();
-    int settledCount = static_cast<int>(std::count_if(keys.cbegin(), keys.cend(), [this](const Key& key) { return m_entries[key].settled; }));
+    int settledCount = static_cast<int>(
+        std::count_if(keys.cbegin(), keys.cend(), [this](const Key& key) { return m_entries[key].settled; }));
     QByteArray lines;
     m_linesInFile = 0;
     for (const Key& key : keys) {

@@ -27,7 +27,8 @@ QString syncContent(PartHolding* holding, const OfferFrame& offer)
 }
 
 // The directory itself was found to be no link.
-QString saveVerified(const PartHolding& holding, const OpenDirectory& directory, const OfferFrame& offer, bool isVerified)
+QString saveVerified(const PartHolding& holding, const OpenDirectory& directory, const OfferFrame& offer,
+                     bool isVerified)
 {
     MessageRecord record = MessageRecord::of(holding.part.sender, offer, holding.part.contentName);
     record.isVerified = isVerified;
@@ -60,7 +61,8 @@ void markUnverified(const PartHolding& holding, const QDir& incompleteDir, const
         (void)saveVerified(holding, directory, offer, false); // failing, the next start completes it: known as received
 }
 
-QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& inputDir, ReceivedList* received, QString* place)
+QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& inputDir, ReceivedList* received,
+                      QString* place)
 {
     const QString key = peerKey(part.sender);
     const bool isListed = received->contains(key, part.id, part.sha256);

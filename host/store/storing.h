@@ -2,12 +2,12 @@
 // before a crash; from the record on, the next start completes them.
 #pragma once
 
-#include <QDir>
-#include <QString>
-
 #include "host/session/sessionframes.h"
 #include "host/store/parts.h"
 #include "host/store/receivedlist.h"
+
+#include <QDir>
+#include <QString>
 
 namespace host {
 
@@ -22,7 +22,7 @@ namespace host {
 void markUnverified(const PartHolding& holding, const QDir& incompleteDir, const OfferFrame& offer);
 
 // Entry in the list, directory moved. *place: of the file.
-[[nodiscard]] QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& inputDir, ReceivedList* received,
-                                    QString* place);
+[[nodiscard]] QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& inputDir,
+                                    ReceivedList* received, QString* place);
 
 } // namespace host

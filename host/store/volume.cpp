@@ -1,8 +1,8 @@
 #include "host/store/volume.h"
 
-#include <sys/statvfs.h>
-
 #include <QFile>
+
+#include <sys/statvfs.h>
 
 namespace host {
 

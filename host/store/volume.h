@@ -7,7 +7,7 @@ namespace host {
 
 struct VolumeRoom
 {
-    qint64 freeBytes = -1;  // to this user; -1: not known
+    qint64 freeBytes = -1; // to this user; -1: not known
     qint64 freeInodes = -1; // -1: not known, or the file system does not count them
 };
 

@@ -12,9 +12,9 @@ const struct
     Kind kind;
     const char* word;
 } words[] = {
-    {Kind::NotTried, "notTried"},       {Kind::NoNumber, "noNumber"},     {Kind::NumberDamaged, "numberDamaged"},
-    {Kind::Blocked, "blocked"},         {Kind::NoCalls, "noCalls"},       {Kind::NoModem, "noModem"},
-    {Kind::CallsFailed, "callsFailed"}, {Kind::BrokenOff, "brokenOff"},   {Kind::KeyChanged, "keyChanged"},
+    {Kind::NotTried, "notTried"},       {Kind::NoNumber, "noNumber"},       {Kind::NumberDamaged, "numberDamaged"},
+    {Kind::Blocked, "blocked"},         {Kind::NoCalls, "noCalls"},         {Kind::NoModem, "noModem"},
+    {Kind::CallsFailed, "callsFailed"}, {Kind::BrokenOff, "brokenOff"},     {Kind::KeyChanged, "keyChanged"},
     {Kind::Refused, "refused"},         {Kind::CopyAtFault, "copyAtFault"}, {Kind::Other, "other"},
 };
 
@@ -43,29 +43,26 @@ QString failedCalls(int calls, const QString& last)
 QString WaitReason::sentence(const QString& abonent) const
 {
     switch (kind) {
-    case Kind::NotTried:
-        return QStringLiteral("not tried yet");
+    case Kind::NotTried: return QStringLiteral("not tried yet");
     case Kind::NoNumber:
-        return QStringLiteral("no number is known for '%1' (transport-host abonent add): it waits for their call").arg(abonent);
+        return QStringLiteral("no number is known for '%1' (transport-host abonent add): it waits for their call")
+            .arg(abonent);
     case Kind::NumberDamaged:
-        return QStringLiteral("the number of '%1' cannot be read (%2): tell it again with \"transport-host abonent add\"").arg(abonent, text);
-    case Kind::Blocked:
-        return QStringLiteral("'%1' is blocked here (transport-host abonent unblock)").arg(abonent);
-    case Kind::NoCalls:
-        return QStringLiteral("this host places no calls: it waits for theirs");
-    case Kind::NoModem:
-        return QStringLiteral("no modem is ready");
-    case Kind::CallsFailed:
-        return failedCalls(calls, text);
-    case Kind::BrokenOff:
-        return QStringLiteral("the last call broke off: %1").arg(text);
+        return QStringLiteral(
+                   "the number of '%1' cannot be read (%2): tell it again with \"transport-host abonent add\"")
+            .arg(abonent, text);
+    case Kind::Blocked: return QStringLiteral("'%1' is blocked here (transport-host abonent unblock)").arg(abonent);
+    case Kind::NoCalls: return QStringLiteral("this host places no calls: it waits for theirs");
+    case Kind::NoModem: return QStringLiteral("no modem is ready");
+    case Kind::CallsFailed: return failedCalls(calls, text);
+    case Kind::BrokenOff: return QStringLiteral("the last call broke off: %1").arg(text);
     case Kind::KeyChanged:
         return QStringLiteral("'%1' answered with the key %2, but %3 is pinned: ask them; if theirs is new, "
-                              "\"transport-host abonent forget-key\" lets the next call pin it").arg(abonent, answered, pinned);
+                              "\"transport-host abonent forget-key\" lets the next call pin it")
+            .arg(abonent, answered, pinned);
     case Kind::Refused:
     case Kind::CopyAtFault:
-    case Kind::Other:
-        break;
+    case Kind::Other: break;
     }
     return text;
 }

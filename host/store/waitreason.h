@@ -9,19 +9,20 @@ namespace host {
 
 struct WaitReason
 {
-    enum class Kind {
-        NotTried,      // or everything is in order and its turn comes
-        NoNumber,      // the abonent is not known here
+    enum class Kind
+    {
+        NotTried, // or everything is in order and its turn comes
+        NoNumber, // the abonent is not known here
         NumberDamaged, // text: what is wrong with its addressing data
-        Blocked,       // the abonent is blocked here
-        NoCalls,       // this host was told to place none
+        Blocked, // the abonent is blocked here
+        NoCalls, // this host was told to place none
         NoModem,
-        CallsFailed,   // calls: in a row; text: the channel's or the session's word for the last one
-        BrokenOff,     // text: how the last session ended
-        KeyChanged,    // pinned, answered: fingerprints
-        Refused,       // text: the peer's word
-        CopyAtFault,   // text: what is wrong with the copy in the queue
-        Other,         // text: a sentence
+        CallsFailed, // calls: in a row; text: the channel's or the session's word for the last one
+        BrokenOff, // text: how the last session ended
+        KeyChanged, // pinned, answered: fingerprints
+        Refused, // text: the peer's word
+        CopyAtFault, // text: what is wrong with the copy in the queue
+        Other, // text: a sentence
     };
 
     Kind kind = Kind::NotTried;
@@ -45,7 +46,8 @@ struct WaitReason
 
     bool operator==(const WaitReason& other) const
     {
-        return kind == other.kind && calls == other.calls && text == other.text && pinned == other.pinned && answered == other.answered;
+        return kind == other.kind && calls == other.calls && text == other.text && pinned == other.pinned &&
+               answered == other.answered;
     }
     bool operator!=(const WaitReason& other) const { return !(*this == other); }
 };

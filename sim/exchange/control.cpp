@@ -21,18 +21,12 @@ QString wantModem(const QString& command)
 QString stateText(ModemState state)
 {
     switch (state) {
-    case ModemState::OnHook:
-        return QStringLiteral("on hook");
-    case ModemState::OffHook:
-        return QStringLiteral("off hook");
-    case ModemState::Dialling:
-        return QStringLiteral("dialling");
-    case ModemState::Answering:
-        return QStringLiteral("answering");
-    case ModemState::Data:
-        return QStringLiteral("connected");
-    case ModemState::OnlineCommand:
-        return QStringLiteral("connected, in command mode");
+    case ModemState::OnHook: return QStringLiteral("on hook");
+    case ModemState::OffHook: return QStringLiteral("off hook");
+    case ModemState::Dialling: return QStringLiteral("dialling");
+    case ModemState::Answering: return QStringLiteral("answering");
+    case ModemState::Data: return QStringLiteral("connected");
+    case ModemState::OnlineCommand: return QStringLiteral("connected, in command mode");
     }
     return {};
 }
@@ -40,7 +34,8 @@ QString stateText(ModemState state)
 QString linesText(const ModemStatus& status)
 {
     QStringList names;
-    const struct {
+    const struct
+    {
         bool up;
         const char* name;
     } lines[] = {{(status.programLines & LineDtr) != 0, "DTR"}, {(status.programLines & LineRts) != 0, "RTS"},
@@ -56,7 +51,8 @@ QString linesText(const ModemStatus& status)
 QString faultsText(const ModemStatus& status)
 {
     QString text;
-    const struct {
+    const struct
+    {
         bool on;
         const char* name;
     } faults[] = {{!status.plugged, "unplugged"},

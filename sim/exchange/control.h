@@ -1,14 +1,15 @@
 // The commands of an exchange as lines of text, for people and for scripts.
 #pragma once
 
+#include "sim/exchange/exchange.h"
+
 #include <QString>
 #include <QStringList>
 
-#include "sim/exchange/exchange.h"
-
 namespace sim {
 
-struct ControlReply {
+struct ControlReply
+{
     QStringList lines; // the last is "ok" or begins with "error: "
     bool quit = false;
 };

@@ -1,21 +1,20 @@
 #include "sim/exchange/exchange.h"
 
-#include <algorithm>
-
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
+#include "sim/line/moments.h"
 
 #include <QFile>
 
-#include "sim/line/moments.h"
+#include <algorithm>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace sim {
 
 namespace {
 
 constexpr qint64 backlogNs = 2 * nsPerMs; // between tries at a program that does not read
-constexpr qint64 watchNs = 5 * nsPerMs;   // between looks at DTR, of which nothing wakes us
+constexpr qint64 watchNs = 5 * nsPerMs; // between looks at DTR, of which nothing wakes us
 
 QString noModem(int modem)
 {
@@ -24,13 +23,22 @@ QString noModem(int modem)
 
 } // namespace
 
-struct Exchange::Call {
-    enum Phase { Dialling, Ringing, Training, Connected, Ending, Ended };
+struct Exchange::Call
+{
+    enum Phase
+    {
+        Dialling,
+        Ringing,
+        Training,
+        Connected,
+        Ending,
+        Ended
+    };
 
     Phase phase = Dialling;
     VirtualModem* caller = nullptr; // not owned; null: nobody, or has hung up
     VirtualModem* called = nullptr; // not owned; likewise
-    qint64 phaseEndNs = 0;          // of dialling, ringing, training, and the last of a connection
+    qint64 phaseEndNs = 0; // of dialling, ringing, training, and the last of a connection
     qint64 nextRingNs = 0;
     qint64 ringEndNs = -1;
     int ringsLeft = -1; // -1: until it is answered
@@ -480,15 +488,9 @@ void Exchange::serve(VirtualModem& modem, qint64 now)
         const ModemRequest request = modem.requests.front();
         modem.requests.pop_front();
         switch (request.kind) {
-        case ModemRequest::Dial:
-            beginCall(modem, request.number, request.pauseNs, now);
-            break;
-        case ModemRequest::Answer:
-            answerCall(modem, now);
-            break;
-        case ModemRequest::HangUp:
-            hangUp(modem, now);
-            break;
+        case ModemRequest::Dial: beginCall(modem, request.number, request.pauseNs, now); break;
+        case ModemRequest::Answer: answerCall(modem, now); break;
+        case ModemRequest::HangUp: hangUp(modem, now); break;
         }
     }
 }
@@ -628,9 +630,7 @@ void Exchange::hangUp(VirtualModem& modem, qint64 now)
     switch (call->phase) {
     case Call::Dialling:
     case Call::Ringing:
-    case Call::Training:
-        failCall(*call, CallFailure::NoCarrier, why);
-        return;
+    case Call::Training: failCall(*call, CallFailure::NoCarrier, why); return;
     case Call::Connected:
         // The other side hears of it when the last bytes under way have come out.
         call->phase = Call::Ending;
@@ -638,11 +638,8 @@ void Exchange::hangUp(VirtualModem& modem, qint64 now)
         call->statistics.connectedNs = now - call->connectedAtNs;
         call->phaseEndNs = now + call->line->settings().delayMs * nsPerMs;
         return;
-    case Call::Ending:
-        endCall(*call, call->statistics.end);
-        return;
-    case Call::Ended:
-        return;
+    case Call::Ending: endCall(*call, call->statistics.end); return;
+    case Call::Ended: return;
     }
 }
 
@@ -706,21 +703,14 @@ void Exchange::stepCall(Call& call, qint64 now)
         if (call.phase == Call::Ringing)
             stepRinging(call, now);
         return;
-    case Call::Ringing:
-        stepRinging(call, now);
-        return;
+    case Call::Ringing: stepRinging(call, now); return;
     case Call::Training:
         if (now >= call.phaseEndNs)
             connectCall(call, now);
         return;
-    case Call::Connected:
-        stepConnected(call, now);
-        return;
-    case Call::Ending:
-        stepEnding(call, now);
-        return;
-    case Call::Ended:
-        return;
+    case Call::Connected: stepConnected(call, now); return;
+    case Call::Ending: stepEnding(call, now); return;
+    case Call::Ended: return;
     }
 }
 
@@ -808,10 +798,8 @@ qint64 Exchange::nextCallEventNs(const Call& call) const
 {
     switch (call.phase) {
     case Call::Dialling:
-    case Call::Training:
-        return call.phaseEndNs;
-    case Call::Ringing:
-        return earlier(earlier(call.nextRingNs, call.ringEndNs), call.phaseEndNs);
+    case Call::Training: return call.phaseEndNs;
+    case Call::Ringing: return earlier(earlier(call.nextRingNs, call.ringEndNs), call.phaseEndNs);
     case Call::Connected: {
         qint64 next = call.line->dropNs();
         for (const LineDirection* direction : {&call.line->forward, &call.line->backward}) {
@@ -823,8 +811,7 @@ qint64 Exchange::nextCallEventNs(const Call& call) const
     }
     case Call::Ending:
         return earlier(call.phaseEndNs, (call.caller ? call.line->backward : call.line->forward).nextDeliveryNs());
-    case Call::Ended:
-        return -1;
+    case Call::Ended: return -1;
     }
     return -1;
 }

@@ -6,6 +6,13 @@
 // returns. Modems are counted from 1.
 #pragma once
 
+#include "sim/line/callstatistics.h"
+#include "sim/line/linesettings.h"
+#include "sim/modem/virtualmodem.h"
+
+#include <QString>
+#include <QVector>
+
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -15,32 +22,28 @@
 #include <thread>
 #include <vector>
 
-#include <QString>
-#include <QVector>
-
-#include "sim/line/callstatistics.h"
-#include "sim/line/linesettings.h"
-#include "sim/modem/virtualmodem.h"
-
 struct pollfd;
 
 namespace sim {
 
-struct ExchangeSettings {
-    LineSettings line;           // of every call, until changeLine()
-    int ringIntervalMs = 5000;   // from the beginning of one ring to that of the next
-    int ringLengthMs = 1000;     // how long RI stands, for modems that raise it
+struct ExchangeSettings
+{
+    LineSettings line; // of every call, until changeLine()
+    int ringIntervalMs = 5000; // from the beginning of one ring to that of the next
+    int ringLengthMs = 1000; // how long RI stands, for modems that raise it
     int noAnswerAfterMs = 60000; // of ringing; S7 of the caller may make it shorter
-    int trainingMs = 0;          // from the answer to CONNECT
+    int trainingMs = 0; // from the answer to CONNECT
 };
 
-struct ExchangeEvent {
+struct ExchangeEvent
+{
     qint64 timeNs = 0; // since the exchange was made
-    int modem = 0;     // 0: the exchange itself
+    int modem = 0; // 0: the exchange itself
     QString text;
 };
 
-struct ModemStatus {
+struct ModemStatus
+{
     QString number;
     QString portPath;
     ModemState state = ModemState::OnHook;
@@ -79,17 +82,17 @@ public:
     void stop();
 
     // Commands. Each returns an empty text, or what is wrong.
-    QString dropCarrier(int modem);         // of the modem's call; both sides lose carrier
-    QString setSilent(int modem, bool on);  // takes everything, answers nothing
+    QString dropCarrier(int modem); // of the modem's call; both sides lose carrier
+    QString setSilent(int modem, bool on); // takes everything, answers nothing
     QString setPowered(int modem, bool on); // off: DSR falls, the port stays
-    QString unplug(int modem);              // the port fails and its link is gone
+    QString unplug(int modem); // the port fails and its link is gone
     QString plugIn(int modem);
-    QString setBusy(int modem, bool on);         // callers hear busy
-    QString setDialTone(int modem, bool on);     // off: its calls end in no dial tone
-    QString setAnswering(int modem, bool on);    // off: it is not told of calls
-    QString setNoise(int modem, bool on);        // of its lines; 0: of all; at once
-    QString changeLine(const QString& text);     // of calls dialled later; see LineSettings::change
-    QString ring(int modem, int times);          // by nobody: answering it finds no carrier
+    QString setBusy(int modem, bool on); // callers hear busy
+    QString setDialTone(int modem, bool on); // off: its calls end in no dial tone
+    QString setAnswering(int modem, bool on); // off: it is not told of calls
+    QString setNoise(int modem, bool on); // of its lines; 0: of all; at once
+    QString changeLine(const QString& text); // of calls dialled later; see LineSettings::change
+    QString ring(int modem, int times); // by nobody: answering it finds no carrier
     QString say(int modem, const QString& text); // a line of text from the modem to its program
 
     LineSettings line() const;
@@ -160,14 +163,15 @@ private:
     int m_wakeFd = -1;
     std::thread m_thread;
     std::atomic<bool> m_stopping{false};
-    struct Task {
+    struct Task
+    {
         const std::function<void()>* work;
         bool done;
     };
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_taskDone;
     mutable std::deque<Task*> m_tasks; // guarded by m_mutex
-    std::thread::id m_worker;          // guarded by m_mutex; none while no thread runs
+    std::thread::id m_worker; // guarded by m_mutex; none while no thread runs
 };
 
 } // namespace sim

@@ -1,8 +1,8 @@
 #include "sim/line/line.h"
 
-#include <algorithm>
-
 #include "sim/line/moments.h"
+
+#include <algorithm>
 
 namespace sim {
 

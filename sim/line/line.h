@@ -2,19 +2,20 @@
 // Time is handed in, as nanoseconds of any one monotonic clock. Not thread-safe.
 #pragma once
 
-#include <deque>
-
-#include <QByteArray>
-
 #include "sim/line/linesettings.h"
 #include "sim/line/noise.h"
 
+#include <QByteArray>
+
+#include <deque>
+
 namespace sim {
 
-struct DirectionStatistics {
-    qint64 bytesCarried = 0;   // taken from the sender's driver
+struct DirectionStatistics
+{
+    qint64 bytesCarried = 0; // taken from the sender's driver
     qint64 bytesDelivered = 0; // that came out at the other end
-    qint64 bytesLost = 0;      // that did not: in flight when the call ended, or not taken in there
+    qint64 bytesLost = 0; // that did not: in flight when the call ended, or not taken in there
     qint64 bitsFlipped = 0;
     qint64 bytesSpoiled = 0;
     qint64 busyNs = 0;
@@ -56,7 +57,8 @@ public:
     int rate() const { return m_rate; }
 
 private:
-    struct Flight {
+    struct Flight
+    {
         qint64 arrivesNs;
         QByteArray bytes;
     };
@@ -84,7 +86,7 @@ public:
     // those that settings.dropTimes lets drop. callNumber: makes each call's noise its own.
     Line(const LineSettings& settings, int callNumber, bool mayDrop, qint64 connectedNs);
 
-    LineDirection forward;  // from the caller
+    LineDirection forward; // from the caller
     LineDirection backward; // to the caller
 
     const LineSettings& settings() const { return m_settings; }

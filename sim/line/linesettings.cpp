@@ -112,7 +112,8 @@ QString changeSeed(LineSettings& line, const QString& value)
     return {};
 }
 
-struct Key {
+struct Key
+{
     const char* name;
     QString (*change)(LineSettings& line, const QString& value);
 };

@@ -10,7 +10,8 @@ constexpr int bitsPerByte = 10; // on the line: start bit, eight data bits, stop
 
 // Bursts of noise. Intervals are counted in the bits that the line carries, so that the
 // same bytes and the same seed always meet the same noise, however fast the machine is.
-struct BurstSettings {
+struct BurstSettings
+{
     double meanIntervalSeconds = 0; // of a busy line, between the ends of bursts and the next; 0: no bursts
     int lengthBits = 0;
     double errorRate = 0.5; // chance of each bit inside a burst to be flipped
@@ -18,19 +19,20 @@ struct BurstSettings {
     bool operator==(const BurstSettings& other) const;
 };
 
-struct LineSettings {
+struct LineSettings
+{
     static constexpr int lowestRate = 10;
     static constexpr int highestRate = 10000000;
 
-    int rateForward = 33600;  // bit/s from the caller to the called modem, ten bits to a byte
+    int rateForward = 33600; // bit/s from the caller to the called modem, ten bits to a byte
     int rateBackward = 33600; // bit/s the other way
-    int delayMs = 0;          // each way
-    double bitErrorRate = 0;  // chance of each data bit to be flipped
+    int delayMs = 0; // each way
+    double bitErrorRate = 0; // chance of each data bit to be flipped
     BurstSettings burst;
     double dropAfterSeconds = 0; // of a connection: carrier is lost then; 0: never
-    qint64 dropAfterBytes = 0;   // delivered, both ways together: likewise; 0: never
-    int dropTimes = 0;           // how many calls are dropped so, the first ones; 0: all
-    quint64 seed = 1;            // of the noise
+    qint64 dropAfterBytes = 0; // delivered, both ways together: likewise; 0: never
+    int dropTimes = 0; // how many calls are dropped so, the first ones; 0: all
+    quint64 seed = 1; // of the noise
 
     bool operator==(const LineSettings& other) const;
 

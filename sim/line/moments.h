@@ -1,10 +1,10 @@
 // Moments of the monotonic clock, in nanoseconds; -1 is none.
 #pragma once
 
+#include <QtGlobal>
+
 #include <algorithm>
 #include <ctime>
-
-#include <QtGlobal>
 
 namespace sim {
 

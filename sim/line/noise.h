@@ -2,11 +2,11 @@
 // Depends on the bytes' place in the stream and the seed alone.
 #pragma once
 
-#include <random>
+#include "sim/line/linesettings.h"
 
 #include <QByteArray>
 
-#include "sim/line/linesettings.h"
+#include <random>
 
 namespace sim {
 
@@ -30,9 +30,9 @@ private:
     const BurstSettings m_burst;
     const double m_burstIntervalBits;
     std::mt19937_64 m_random; // its numbers are the same on every platform
-    double m_untilError;      // data bits that pass before the next single error
-    double m_untilBurst;      // line bits before the next burst
-    int m_burstLeft = 0;      // line bits of the burst that is on
+    double m_untilError; // data bits that pass before the next single error
+    double m_untilBurst; // line bits before the next burst
+    int m_burstLeft = 0; // line bits of the burst that is on
 };
 
 } // namespace sim

@@ -6,15 +6,16 @@
 
 namespace sim {
 
-struct DialString {
-    QString number;              // digits, *, # and A to D only
-    int pauses = 0;              // commas, of S8 seconds each
-    bool waitsForTone = false;   // W: no dial tone is told apart whatever X says
-    bool waitsForQuiet = false;  // @: no answer is told apart whatever X says
+struct DialString
+{
+    QString number; // digits, *, # and A to D only
+    int pauses = 0; // commas, of S8 seconds each
+    bool waitsForTone = false; // W: no dial tone is told apart whatever X says
+    bool waitsForQuiet = false; // @: no answer is told apart whatever X says
     bool staysInCommand = false; // a semicolon at the end
     bool pulse = false;
     bool last = false; // L: the last number again
-    int stored = -1;   // S=n: the number stored by &Zn=
+    int stored = -1; // S=n: the number stored by &Zn=
     bool valid = true;
 };
 

@@ -5,7 +5,8 @@ namespace sim {
 namespace {
 
 // The S registers that this modem acts on; the others are only kept.
-enum Register : std::size_t {
+enum Register : std::size_t
+{
     RingsToAnswer = 0,
     RingCount = 1,
     EscapeByte = 2,
@@ -58,9 +59,7 @@ void Modem::byteFromProgram(char byte, qint64 nowNs)
 {
     advance(nowNs);
     switch (m_state) {
-    case ModemState::Data:
-        dataByte(byte, nowNs);
-        return;
+    case ModemState::Data: dataByte(byte, nowNs); return;
     case ModemState::Dialling:
     case ModemState::Answering:
         // Any key gives the call up; a line feed belongs to the command before it.
@@ -72,9 +71,7 @@ void Modem::byteFromProgram(char byte, qint64 nowNs)
         return;
     case ModemState::OnHook:
     case ModemState::OffHook:
-    case ModemState::OnlineCommand:
-        commandByte(byte);
-        return;
+    case ModemState::OnlineCommand: commandByte(byte); return;
     }
 }
 
@@ -82,8 +79,7 @@ void Modem::dtrDropped(qint64 nowNs)
 {
     advance(nowNs);
     switch (m_profile.dtrAction) {
-    case 0:
-        return;
+    case 0: return;
     case 1:
         if (m_state == ModemState::Data) {
             setState(ModemState::OnlineCommand);
@@ -91,8 +87,7 @@ void Modem::dtrDropped(qint64 nowNs)
         }
         return;
     case 2:
-    case 3:
-        break;
+    case 3: break;
     }
     const bool hadCall = m_state != ModemState::OnHook && m_state != ModemState::OffHook;
     if (m_state != ModemState::OnHook) {
@@ -113,12 +108,8 @@ void Modem::ring(qint64 nowNs)
     quint8& count = m_profile.registers[RingCount];
     count = static_cast<quint8>(qMin(count + 1, 255));
     switch (m_ringStyle) {
-    case RingStyle::Line:
-        result(ResultCode::Ring);
-        break;
-    case RingStyle::Pin:
-        m_host->setRingIndicator(true);
-        break;
+    case RingStyle::Line: result(ResultCode::Ring); break;
+    case RingStyle::Pin: m_host->setRingIndicator(true); break;
     }
     const int wanted = m_profile.registers[RingsToAnswer];
     if (wanted > 0 && count >= wanted) {
@@ -155,18 +146,12 @@ void Modem::callFailed(CallFailure failure)
     const bool hearsBusy = m_profile.resultLevel >= 3;
     const bool hearsTone = m_profile.resultLevel == 2 || m_profile.resultLevel == 4 || dialled.waitsForTone;
     switch (failure) {
-    case CallFailure::Busy:
-        result(hearsBusy ? ResultCode::Busy : ResultCode::NoCarrier);
-        return;
-    case CallFailure::NoDialTone:
-        result(hearsTone ? ResultCode::NoDialTone : ResultCode::NoCarrier);
-        return;
+    case CallFailure::Busy: result(hearsBusy ? ResultCode::Busy : ResultCode::NoCarrier); return;
+    case CallFailure::NoDialTone: result(hearsTone ? ResultCode::NoDialTone : ResultCode::NoCarrier); return;
     case CallFailure::NoAnswer:
         result(hearsBusy || dialled.waitsForQuiet ? ResultCode::NoAnswer : ResultCode::NoCarrier);
         return;
-    case CallFailure::NoCarrier:
-        result(ResultCode::NoCarrier);
-        return;
+    case CallFailure::NoCarrier: result(ResultCode::NoCarrier); return;
     }
 }
 
@@ -230,12 +215,8 @@ void Modem::commandByte(char byte)
         m_host->toProgram(QByteArray(1, byte));
     switch (m_input) {
     case Input::Idle:
-    case Input::GotA:
-        beginLine(byte);
-        return;
-    case Input::Line:
-        editLine(byte);
-        return;
+    case Input::GotA: beginLine(byte); return;
+    case Input::Line: editLine(byte); return;
     }
 }
 
@@ -282,13 +263,9 @@ void Modem::execute(const QByteArray& line)
     int at = 0;
     while (at < line.size()) {
         switch (executeOne(line, at)) {
-        case Outcome::Next:
-            break;
-        case Outcome::Failed:
-            result(ResultCode::Error);
-            return;
-        case Outcome::Finished:
-            return;
+        case Outcome::Next: break;
+        case Outcome::Failed: result(ResultCode::Error); return;
+        case Outcome::Finished: return;
         }
     }
     result(ResultCode::Ok);
@@ -298,40 +275,25 @@ Modem::Outcome Modem::executeOne(const QByteArray& line, int& at)
 {
     const char command = line.at(at++);
     switch (command) {
-    case 'A':
-        return answer();
-    case 'D':
-        return dial(line.mid(at));
-    case 'E':
-        return setChoice(m_profile.echo, takeNumber(line, at));
-    case 'H':
-        return hook(takeNumber(line, at));
-    case 'I':
-        return information(takeNumber(line, at));
-    case 'O':
-        takeNumber(line, at);
-        return returnOnline();
-    case 'Q':
-        return setChoice(m_profile.quiet, takeNumber(line, at));
-    case 'V':
-        return setChoice(m_profile.verbose, takeNumber(line, at));
-    case 'X':
-        return setLevel(m_profile.resultLevel, takeNumber(line, at), 4);
+    case 'A': return answer();
+    case 'D': return dial(line.mid(at));
+    case 'E': return setChoice(m_profile.echo, takeNumber(line, at));
+    case 'H': return hook(takeNumber(line, at));
+    case 'I': return information(takeNumber(line, at));
+    case 'O': takeNumber(line, at); return returnOnline();
+    case 'Q': return setChoice(m_profile.quiet, takeNumber(line, at));
+    case 'V': return setChoice(m_profile.verbose, takeNumber(line, at));
+    case 'X': return setLevel(m_profile.resultLevel, takeNumber(line, at), 4);
     case 'Z':
         takeNumber(line, at);
         hook(0);
         resetTo(m_storedProfile);
         result(ResultCode::Ok);
         return Outcome::Finished;
-    case 'S':
-        m_selectedRegister = takeNumber(line, at);
-        return executeRegister(line, at);
+    case 'S': m_selectedRegister = takeNumber(line, at); return executeRegister(line, at);
     case '=':
-    case '?':
-        --at;
-        return executeRegister(line, at);
-    case '&':
-        return executeAmpersand(line, at);
+    case '?': --at; return executeRegister(line, at);
+    case '&': return executeAmpersand(line, at);
     case 'B': // modulation
     case 'C': // transmitter
     case 'F': // echo of data
@@ -345,7 +307,7 @@ Modem::Outcome Modem::executeOne(const QByteArray& line, int& at)
         takeNumber(line, at);
         return Outcome::Next;
     case '\\': // error correction
-    case '%':  // compression
+    case '%': // compression
         if (at >= line.size())
             return Outcome::Failed;
         ++at;
@@ -369,17 +331,10 @@ Modem::Outcome Modem::executeAmpersand(const QByteArray& line, int& at)
         showCarrier();
         return outcome;
     }
-    case 'D':
-        return setLevel(m_profile.dtrAction, value, 3);
-    case 'F':
-        resetTo(Profile());
-        return Outcome::Next;
-    case 'V':
-        say(settingsText());
-        return Outcome::Next;
-    case 'W':
-        m_storedProfile = m_profile;
-        return Outcome::Next;
+    case 'D': return setLevel(m_profile.dtrAction, value, 3);
+    case 'F': resetTo(Profile()); return Outcome::Next;
+    case 'V': say(settingsText()); return Outcome::Next;
+    case 'W': m_storedProfile = m_profile; return Outcome::Next;
     case 'G': // guard tone
     case 'J': // jack
     case 'K': // flow control
@@ -498,20 +453,12 @@ Modem::Outcome Modem::returnOnline()
 Modem::Outcome Modem::information(int value)
 {
     switch (value) {
-    case 0:
-        say("PHONE-EXCHANGE MODEM");
-        return Outcome::Next;
-    case 1:
-        say(m_number.toLatin1());
-        return Outcome::Next;
+    case 0: say("PHONE-EXCHANGE MODEM"); return Outcome::Next;
+    case 1: say(m_number.toLatin1()); return Outcome::Next;
     case 2: // self-test passed
         return Outcome::Next;
-    case 3:
-        say("1.0");
-        return Outcome::Next;
-    case 4:
-        say(settingsText());
-        return Outcome::Next;
+    case 3: say("1.0"); return Outcome::Next;
+    case 4: say(settingsText()); return Outcome::Next;
     }
     return Outcome::Failed;
 }

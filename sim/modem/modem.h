@@ -5,15 +5,15 @@
 // Times are nanoseconds of any one monotonic clock. Not thread-safe.
 #pragma once
 
-#include <array>
+#include "sim/line/moments.h"
+#include "sim/modem/dialstring.h"
+#include "sim/modem/resultcodes.h"
 
 #include <QByteArray>
 #include <QString>
 #include <QtGlobal>
 
-#include "sim/modem/dialstring.h"
-#include "sim/line/moments.h"
-#include "sim/modem/resultcodes.h"
+#include <array>
 
 namespace sim {
 
@@ -38,19 +38,30 @@ public:
     virtual void trace(const QString& text) = 0;
 };
 
-enum class ModemState {
-    OnHook,        // idle, takes commands
-    OffHook,       // ATH1 or ATD...;  takes commands, its line is busy
-    Dialling,      // after ATD, until CONNECT or a failure
-    Answering,     // after ATA, likewise
-    Data,          // connected, transparent
+enum class ModemState
+{
+    OnHook, // idle, takes commands
+    OffHook, // ATH1 or ATD...;  takes commands, its line is busy
+    Dialling, // after ATD, until CONNECT or a failure
+    Answering, // after ATA, likewise
+    Data, // connected, transparent
     OnlineCommand, // connected, after the escape
 };
 
-enum class CallFailure { Busy, NoDialTone, NoAnswer, NoCarrier };
+enum class CallFailure
+{
+    Busy,
+    NoDialTone,
+    NoAnswer,
+    NoCarrier
+};
 
 // A ring is told by a line "RING" or by the RI pin, never by both.
-enum class RingStyle { Line, Pin };
+enum class RingStyle
+{
+    Line,
+    Pin
+};
 
 class Modem
 {
@@ -70,8 +81,8 @@ public:
 
     // From the line.
     void ring(qint64 nowNs); // one ring begins
-    void ringPauses();       // that ring ends
-    void ringingStopped();   // the caller gave up, or the call was answered
+    void ringPauses(); // that ring ends
+    void ringingStopped(); // the caller gave up, or the call was answered
     void connected(int bitsPerSecond, qint64 nowNs);
     void callFailed(CallFailure failure);
     void carrierLost();
@@ -89,20 +100,31 @@ public:
     int registerValue(int index) const { return m_profile.registers[static_cast<size_t>(index)]; }
 
 private:
-    struct Profile {
+    struct Profile
+    {
         bool echo = true;
         bool verbose = true;
         bool quiet = false;
-        int resultLevel = 4;        // X
+        int resultLevel = 4; // X
         bool carrierFollows = true; // &C1
-        int dtrAction = 2;          // &D
+        int dtrAction = 2; // &D
         std::array<quint8, registerCount> registers{};
 
         Profile();
     };
 
-    enum class Input { Idle, GotA, Line };
-    enum class Outcome { Next, Failed, Finished }; // Finished: the command has answered, or will
+    enum class Input
+    {
+        Idle,
+        GotA,
+        Line
+    };
+    enum class Outcome
+    {
+        Next,
+        Failed,
+        Finished
+    }; // Finished: the command has answered, or will
 
     void dataByte(char byte, qint64 nowNs);
     void commandByte(char byte);

@@ -4,7 +4,8 @@ namespace sim {
 
 namespace {
 
-struct Result {
+struct Result
+{
     ResultCode code;
     int number;
     const char* text;
@@ -17,7 +18,8 @@ constexpr Result results[] = {
     {ResultCode::Busy, 7, "BUSY"},   {ResultCode::NoAnswer, 8, "NO ANSWER"},
 };
 
-struct Speed {
+struct Speed
+{
     int bitsPerSecond;
     int number;
 };

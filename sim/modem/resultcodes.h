@@ -5,7 +5,17 @@
 
 namespace sim {
 
-enum class ResultCode { Ok, Connect, Ring, NoCarrier, Error, NoDialTone, Busy, NoAnswer };
+enum class ResultCode
+{
+    Ok,
+    Connect,
+    Ring,
+    NoCarrier,
+    Error,
+    NoDialTone,
+    Busy,
+    NoAnswer
+};
 
 // As in "NO CARRIER".
 QByteArray resultText(ResultCode code);

@@ -2,16 +2,17 @@
 // faults it was told to have. Used in the exchange's thread only.
 #pragma once
 
+#include "sim/modem/modem.h"
+#include "sim/pty/backlog.h"
+#include "sim/pty/ptyendpoint.h"
+
 #include <deque>
 #include <functional>
 
-#include "sim/pty/backlog.h"
-#include "sim/modem/modem.h"
-#include "sim/pty/ptyendpoint.h"
-
 namespace sim {
 
-struct ModemSettings {
+struct ModemSettings
+{
     QString number;
     QString linkPath; // stable name of the port; empty: none
     RingStyle ringStyle = RingStyle::Line;
@@ -19,19 +20,26 @@ struct ModemSettings {
 };
 
 // What a modem asks of the exchange.
-struct ModemRequest {
-    enum Kind { Dial, Answer, HangUp };
+struct ModemRequest
+{
+    enum Kind
+    {
+        Dial,
+        Answer,
+        HangUp
+    };
     Kind kind;
     QString number = {};
     qint64 pauseNs = 0;
 };
 
-struct ModemFaults {
-    bool silent = false;     // takes everything, answers nothing
-    bool busy = false;       // whoever calls it hears busy
+struct ModemFaults
+{
+    bool silent = false; // takes everything, answers nothing
+    bool busy = false; // whoever calls it hears busy
     bool noDialTone = false; // when it dials
-    bool noAnswer = false;   // is not told that it is called
-    bool noNoise = false;    // the noise of its lines is off
+    bool noAnswer = false; // is not told that it is called
+    bool noNoise = false; // the noise of its lines is off
 };
 
 class VirtualModem : private ModemHost

@@ -1,16 +1,15 @@
 #include "sim/program/controlserver.h"
 
+#include <QFile>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <QFile>
 
 namespace sim {
 
@@ -37,15 +36,19 @@ bool isDead(const sockaddr_un& address)
 // Removes a socket that a process of ours has left behind; why the name cannot be had.
 QString freeName(const QString& path, const sockaddr_un& address)
 {
-    struct stat status{};
+    struct stat status
+    {
+    };
     if (::lstat(address.sun_path, &status) != 0)
         return QString(); // missing, or bind() will tell what is wrong
     if (!S_ISSOCK(status.st_mode))
-        return QStringLiteral("%1 is no socket and is left alone; remove it or give another path with --control").arg(path);
+        return QStringLiteral("%1 is no socket and is left alone; remove it or give another path with --control")
+            .arg(path);
     if (status.st_uid != geteuid())
         return QStringLiteral("the control socket %1 belongs to somebody else; give another with --control").arg(path);
     if (!isDead(address))
-        return QStringLiteral("another process listens on the control socket %1; give another with --control").arg(path);
+        return QStringLiteral("another process listens on the control socket %1; give another with --control")
+            .arg(path);
     if (::unlink(address.sun_path) != 0)
         return QStringLiteral("cannot replace the control socket %1: %2").arg(path, reason());
     return QString();
@@ -75,7 +78,9 @@ ControlServer::~ControlServer()
 void ControlServer::removeSocket()
 {
     const QByteArray name = QFile::encodeName(m_path);
-    struct stat status{};
+    struct stat status
+    {
+    };
     if (::lstat(name.constData(), &status) == 0 && S_ISSOCK(status.st_mode) && status.st_ino == m_inode)
         ::unlink(name.constData());
 }
@@ -97,7 +102,8 @@ bool ControlServer::listen(const QString& path, QString* error)
     *error = freeName(path, address);
     if (error->isEmpty() && !m_lock->tryLock(0)) {
         *error = m_lock->error() == QLockFile::LockFailedError
-                     ? QStringLiteral("another process listens on the control socket %1; give another with --control").arg(path)
+                     ? QStringLiteral("another process listens on the control socket %1; give another with --control")
+                           .arg(path)
                      : QStringLiteral("cannot listen on the control socket %1: %1.lock cannot be made").arg(path);
     } else if (error->isEmpty()) {
         *error = freeName(path, address);
@@ -111,12 +117,14 @@ bool ControlServer::listen(const QString& path, QString* error)
 bool ControlServer::bindAt(const QString& path, const sockaddr_un& address)
 {
     m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    struct stat status{};
+    struct stat status
+    {
+    };
     // The mode that the socket has before it is bound is that of its name: nobody else can
     // connect, not even for a moment.
-    if (m_listener >= 0 && fchmod(m_listener, S_IRUSR | S_IWUSR) == 0
-        && bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0
-        && ::lstat(address.sun_path, &status) == 0) {
+    if (m_listener >= 0 && fchmod(m_listener, S_IRUSR | S_IWUSR) == 0 &&
+        bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+        ::lstat(address.sun_path, &status) == 0) {
         m_path = path;
         m_inode = status.st_ino;
         if (::listen(m_listener, 16) == 0)

@@ -2,17 +2,16 @@
 // control socket until it is told to end.
 #pragma once
 
-#include <functional>
-#include <memory>
-#include <vector>
-
-#include <sys/types.h>
+#include "sim/exchange/control.h"
 
 #include <QByteArray>
 #include <QLockFile>
 #include <QString>
 
-#include "sim/exchange/control.h"
+#include <functional>
+#include <memory>
+#include <sys/types.h>
+#include <vector>
 
 struct sockaddr_un;
 
@@ -34,7 +33,8 @@ public:
     void run(int stopFd);
 
 private:
-    struct Peer {
+    struct Peer
+    {
         int in = -1;
         bool isSocket = false; // else standard input
         QByteArray pending;
@@ -53,7 +53,7 @@ private:
     int m_listener = -1;
     QString m_path;
     std::unique_ptr<QLockFile> m_lock; // while somebody else may replace the socket
-    ino_t m_inode = 0;                 // of the socket's name
+    ino_t m_inode = 0; // of the socket's name
     std::vector<Peer> m_peers;
     bool m_quit = false;
 };

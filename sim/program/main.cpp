@@ -1,21 +1,26 @@
 // phone-exchange: parses its command line and runs an exchange until it is told to end.
-#include <csignal>
-#include <cstdio>
-#include <mutex>
+#include "sim/program/controlserver.h"
+#include "sim/program/ownfiles.h"
+#include "sim/program/programoptions.h"
+#include "sim/program/stopsignals.h"
+#include "sim/pty/linetable.h"
 
 #include <QFile>
 
-#include "sim/program/controlserver.h"
-#include "sim/program/ownfiles.h"
-#include "sim/pty/linetable.h"
-#include "sim/program/programoptions.h"
-#include "sim/program/stopsignals.h"
+#include <csignal>
+#include <cstdio>
+#include <mutex>
 
 using namespace sim;
 
 namespace {
 
-enum ExitStatus { Ended = 0, CannotRun = 1, BadOptions = 2 };
+enum ExitStatus
+{
+    Ended = 0,
+    CannotRun = 1,
+    BadOptions = 2
+};
 
 // Lines of two threads go to standard output.
 void print(const QString& line)

@@ -1,17 +1,16 @@
 #include "sim/program/ownfiles.h"
 
+#include <QDir>
+#include <QFile>
+#include <QTemporaryFile>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QDir>
-#include <QFile>
-#include <QTemporaryFile>
 
 namespace sim {
 
@@ -28,7 +27,7 @@ QString reason()
 // False with errno when one of the directories cannot be made.
 bool makeDirectories(const QString& path)
 {
-    for (int end = path.indexOf(QLatin1Char('/'), 1); ; end = path.indexOf(QLatin1Char('/'), end + 1)) {
+    for (int end = path.indexOf(QLatin1Char('/'), 1);; end = path.indexOf(QLatin1Char('/'), end + 1)) {
         const QByteArray part = QFile::encodeName(path.left(end));
         if (::mkdir(part.constData(), ownerOnly) != 0 && errno != EEXIST)
             return false;
@@ -39,7 +38,9 @@ bool makeDirectories(const QString& path)
 
 QString whyNotOpened(const QString& path)
 {
-    struct stat status{};
+    struct stat status
+    {
+    };
     const int error = errno;
     if (::lstat(QFile::encodeName(path).constData(), &status) == 0 && S_ISLNK(status.st_mode))
         return QStringLiteral("%1 is a link; give the directory itself with --link-dir").arg(path);
@@ -50,13 +51,17 @@ QString whyNotOpened(const QString& path)
 // Empty for a directory in which nobody else can put something in our way.
 QString whyNotOurs(const QString& path, int fd)
 {
-    struct stat status{};
+    struct stat status
+    {
+    };
     if (fstat(fd, &status) != 0)
         return whyNotOpened(path);
     if (status.st_uid != geteuid())
-        return QStringLiteral("the directory %1 belongs to somebody else; give one of your own with --link-dir").arg(path);
+        return QStringLiteral("the directory %1 belongs to somebody else; give one of your own with --link-dir")
+            .arg(path);
     if (status.st_mode & othersWrite)
-        return QStringLiteral("others may write in the directory %1; \"chmod go-w %1\" ends that, or give another with --link-dir")
+        return QStringLiteral(
+                   "others may write in the directory %1; \"chmod go-w %1\" ends that, or give another with --link-dir")
             .arg(path);
     if (flock(fd, LOCK_EX | LOCK_NB) == 0)
         return QString();
@@ -95,7 +100,9 @@ bool LinkDirectory::take(const QString& path, QString* error)
 bool replaceFile(const QString& path, const QByteArray& text, QString* error)
 {
     const QByteArray name = QFile::encodeName(path);
-    struct stat status{};
+    struct stat status
+    {
+    };
     if (::lstat(name.constData(), &status) == 0 && !S_ISREG(status.st_mode)) {
         *error = QStringLiteral("cannot write %1: it is a link or no regular file; name the file itself").arg(path);
         return false;

@@ -1,9 +1,9 @@
 #include "sim/program/programoptions.h"
 
+#include "sim/exchange/control.h"
+
 #include <QDir>
 #include <QHash>
-
-#include "sim/exchange/control.h"
 
 namespace sim {
 
@@ -12,7 +12,8 @@ namespace {
 constexpr int mostModems = 1000;
 constexpr int firstNumber = 101;
 
-struct Option {
+struct Option
+{
     const char* name;
     const char* argument; // null: a switch
     const char* help;
@@ -91,7 +92,8 @@ bool takeSeconds(const QString& name, const QString& text, double least, int* ms
     return true;
 }
 
-struct Parser {
+struct Parser
+{
     Parser(ProgramOptions* parsed, QString* problem) : result(parsed), error(problem) {}
 
     ProgramOptions* result;

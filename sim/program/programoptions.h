@@ -1,15 +1,16 @@
 // The command line of phone-exchange.
 #pragma once
 
+#include "sim/exchange/exchange.h"
+
 #include <QString>
 #include <QStringList>
 #include <QVector>
 
-#include "sim/exchange/exchange.h"
-
 namespace sim {
 
-struct ProgramOptions {
+struct ProgramOptions
+{
     ExchangeSettings exchange;
     QVector<ModemSettings> modems;
     QString linkDir;

@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <initializer_list>
-
 #include <sys/signalfd.h>
 
 int sim::stopSignalDescriptor()

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>

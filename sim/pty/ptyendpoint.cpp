@@ -9,14 +9,14 @@
 #include <ctime>
 
 // Not <termios.h>: only the kernel's own record holds the speed as a number.
+#include <QFile>
+
 #include <asm/termbits.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QFile>
 
 namespace sim {
 
@@ -26,7 +26,8 @@ namespace {
 // stays this long with nothing to read is such a one.
 constexpr std::int64_t lostReservationMs = 200;
 
-struct LinePair {
+struct LinePair
+{
     int line;
     unsigned tiocm;
 };
@@ -59,14 +60,10 @@ bool makeRaw(int fd)
 QString whyNoTable(int error)
 {
     switch (error) {
-    case ELOOP:
-        return QStringLiteral("it is a link; name the file itself");
-    case EPERM:
-        return QStringLiteral("it belongs to somebody else; name another file");
-    case EINVAL:
-        return QStringLiteral("it is no table of this version; remove it or name another file");
-    default:
-        return QString::fromLocal8Bit(strerror(error));
+    case ELOOP: return QStringLiteral("it is a link; name the file itself");
+    case EPERM: return QStringLiteral("it belongs to somebody else; name another file");
+    case EINVAL: return QStringLiteral("it is no table of this version; remove it or name another file");
+    default: return QString::fromLocal8Bit(strerror(error));
     }
 }
 
@@ -75,12 +72,14 @@ QString whyNoTable(int error)
 bool mayReplace(const QByteArray& name)
 {
     constexpr char ports[] = "/dev/pts/";
-    struct stat status{};
+    struct stat status
+    {
+    };
     if (::lstat(name.constData(), &status) != 0)
         return true; // missing; what else is wrong shows when the link is made
     char target[sizeof(ports)] = {};
-    return S_ISLNK(status.st_mode) && status.st_uid == geteuid()
-        && ::readlink(name.constData(), target, sizeof(ports) - 1) > 0 && strcmp(target, ports) == 0;
+    return S_ISLNK(status.st_mode) && status.st_uid == geteuid() &&
+           ::readlink(name.constData(), target, sizeof(ports) - 1) > 0 && strcmp(target, ports) == 0;
 }
 
 } // namespace
@@ -288,8 +287,9 @@ bool PtyEndpoint::makeLink()
         return true;
     const QByteArray link = QFile::encodeName(m_linkPath);
     if (!mayReplace(link)) {
-        m_errorString = QStringLiteral("%1 is no link to a port and is left alone; remove it or make the links elsewhere")
-                            .arg(m_linkPath);
+        m_errorString =
+            QStringLiteral("%1 is no link to a port and is left alone; remove it or make the links elsewhere")
+                .arg(m_linkPath);
         closePty();
         return false;
     }

@@ -6,17 +6,27 @@
 // it (lines, room) takes effect at once, in any thread and process.
 #pragma once
 
-#include <cstdint>
-
 #include <QByteArray>
 #include <QString>
+
+#include <cstdint>
 
 namespace sim {
 
 struct LineRow;
 
-enum ModemLine { LineDsr = 1, LineDcd = 2, LineRi = 4, LineCts = 8 };
-enum ProgramLine { LineDtr = 1, LineRts = 2 };
+enum ModemLine
+{
+    LineDsr = 1,
+    LineDcd = 2,
+    LineRi = 4,
+    LineCts = 8
+};
+enum ProgramLine
+{
+    LineDtr = 1,
+    LineRts = 2
+};
 
 class PtyEndpoint
 {

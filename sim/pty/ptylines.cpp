@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -35,7 +34,7 @@ namespace {
 using sim::LineRow;
 
 constexpr long nsPerSecond = 1000000000;
-constexpr long sliceNs = 1000000;         // how soon a waiter for room sees that room opened
+constexpr long sliceNs = 1000000; // how soon a waiter for room sees that room opened
 constexpr long mostWakeUpBytes = 1L << 20; // far above any depth
 constexpr long longestSliceNs = 50000000; // where the line's pace tells that it takes long: it may be unplugged
 constexpr unsigned programBits = TIOCM_DTR | TIOCM_RTS;

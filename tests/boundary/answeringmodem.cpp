@@ -2,9 +2,9 @@
 
 #include "tests/support/testroot.h"
 
-#include <poll.h>
-
 #include <QMutexLocker>
+
+#include <poll.h>
 
 namespace {
 
@@ -14,8 +14,7 @@ constexpr int pollIntervalMs = 5;
 
 AnsweringModem::AnsweringModem(const QString& name, int lines)
     : m_endpoint(testsupport::installRoot() + QLatin1Char('/') + name),
-      m_answers{{"AT", "OK"}, {"+++", "OK"}, {"ATH", "OK"}, {"ATD", ""}, {"ATA", ""}},
-      m_lines(lines)
+      m_answers{{"AT", "OK"}, {"+++", "OK"}, {"ATH", "OK"}, {"ATD", ""}, {"ATA", ""}}, m_lines(lines)
 {
     m_endpoint.setModemLines(lines);
     m_thread = std::thread([this] { run(); });

@@ -2,8 +2,7 @@
 // each command by a table and raises its lines as a modem does.
 #pragma once
 
-#include <atomic>
-#include <thread>
+#include "sim/pty/ptyendpoint.h"
 
 #include <QByteArray>
 #include <QMap>
@@ -11,7 +10,8 @@
 #include <QString>
 #include <QStringList>
 
-#include "sim/pty/ptyendpoint.h"
+#include <atomic>
+#include <thread>
 
 class AnsweringModem
 {

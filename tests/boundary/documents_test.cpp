@@ -3,7 +3,6 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QRegularExpression>
-
 #include <gtest/gtest.h>
 
 namespace {
@@ -36,7 +35,8 @@ QStringList captures(const QString& text, const char* pattern)
         QRegularExpression(QLatin1String(pattern), QRegularExpression::MultilineOption).globalMatch(text);
     while (it.hasNext()) {
         const QRegularExpressionMatch match = it.next();
-        found.append(match.captured(1) + (match.lastCapturedIndex() > 1 ? QLatin1Char('.') + match.captured(2) : QString()));
+        found.append(match.captured(1) +
+                     (match.lastCapturedIndex() > 1 ? QLatin1Char('.') + match.captured(2) : QString()));
     }
     return found;
 }
@@ -64,8 +64,8 @@ const QStringList& testNames()
 
 QStringList fuzzTargets()
 {
-    return QDir(source(QStringLiteral("fuzz"))).entryList({"*.cpp", "*.txt"}, QDir::Files)
-        + captures(textOf(source(QStringLiteral("fuzz/CMakeLists.txt"))), "\\b([a-z_]+)\\b");
+    return QDir(source(QStringLiteral("fuzz"))).entryList({"*.cpp", "*.txt"}, QDir::Files) +
+           captures(textOf(source(QStringLiteral("fuzz/CMakeLists.txt"))), "\\b([a-z_]+)\\b");
 }
 
 QString allSoakSources()
@@ -83,7 +83,8 @@ bool isHeld(const QString& name, const QString& words)
     const bool isTarget = words.contains(afterFuzz) && fuzzTargets().contains(name);
     if (isTarget || words.trimmed().endsWith(QLatin1String("fuzz")))
         return isTarget;
-    if (words.contains(QLatin1String("soak kind")) && allSoakSources().contains(QLatin1Char('"') + name + QLatin1Char('"')))
+    if (words.contains(QLatin1String("soak kind")) &&
+        allSoakSources().contains(QLatin1Char('"') + name + QLatin1Char('"')))
         return true;
     if (name.startsWith(QLatin1String("scripts/")))
         return QFile::exists(source(name));
@@ -107,7 +108,8 @@ QStringList unheld(const QString& cell)
     return missing;
 }
 
-struct Row {
+struct Row
+{
     QString text;
     QString heldBy;
 };
@@ -146,7 +148,8 @@ TEST(Documents, EachTestThatATableNamesExists)
 TEST(Documents, EachTestThatACommandNamesExists)
 {
     int seen = 0;
-    for (const QString& file : filesBelow(QStringLiteral("docs"), {"*.md"}) + QStringList{source(QStringLiteral("README.md"))}) {
+    for (const QString& file :
+         filesBelow(QStringLiteral("docs"), {"*.md"}) + QStringList{source(QStringLiteral("README.md"))}) {
         for (const QString& name : captures(textOf(file), "scripts/test [^\\n`]*-R '?([\\w.|/*]+)")) {
             if (name == QLatin1String("NAME"))
                 continue;
@@ -160,9 +163,12 @@ TEST(Documents, EachTestThatACommandNamesExists)
 TEST(Documents, ANameThatNothingBearsIsSeen)
 {
     EXPECT_GT(testNames().size(), 500);
-    EXPECT_EQ(unheld(QStringLiteral(" `Documents`, `NoSuchTest.AtAll`, fuzz `packet`, fuzz `nosuchtarget`, `scripts/nothing` ")),
-              (QStringList{QStringLiteral("NoSuchTest.AtAll"), QStringLiteral("nosuchtarget"), QStringLiteral("scripts/nothing")}));
-    EXPECT_EQ(unheld(QStringLiteral(" soak kinds `session`, `no-such-kind` ")), QStringList{QStringLiteral("no-such-kind")});
+    EXPECT_EQ(unheld(QStringLiteral(
+                  " `Documents`, `NoSuchTest.AtAll`, fuzz `packet`, fuzz `nosuchtarget`, `scripts/nothing` ")),
+              (QStringList{QStringLiteral("NoSuchTest.AtAll"), QStringLiteral("nosuchtarget"),
+                           QStringLiteral("scripts/nothing")}));
+    EXPECT_EQ(unheld(QStringLiteral(" soak kinds `session`, `no-such-kind` ")),
+              QStringList{QStringLiteral("no-such-kind")});
     EXPECT_EQ(unheld(QStringLiteral("  ")), QStringList{QStringLiteral("nothing")});
     EXPECT_EQ(heldRows(QStringLiteral("| a | held by |\n|---|---|\n| b | c |\n\n| d | e |\n")).size(), 1);
 }

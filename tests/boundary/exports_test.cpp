@@ -2,7 +2,6 @@
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
-
 #include <gtest/gtest.h>
 
 namespace {
@@ -71,8 +70,8 @@ TEST(Exports, TheGeneratorIsNeverSeeded)
 
 TEST(Exports, SonameAndNeededLibraries)
 {
-    const QString dynamic = outputOf(QStringLiteral(READELF_PROGRAM), {QStringLiteral("-d"), QStringLiteral("-W"),
-                                                               QStringLiteral(PLUGIN_FILE)});
+    const QString dynamic = outputOf(QStringLiteral(READELF_PROGRAM),
+                                     {QStringLiteral("-d"), QStringLiteral("-W"), QStringLiteral(PLUGIN_FILE)});
     const QRegularExpression soname(QStringLiteral("\\(SONAME\\)[^\\[]*\\[([^\\]]*)\\]"));
     EXPECT_EQ(soname.match(dynamic).captured(1), QStringLiteral("libtransportCom.so.1"));
 

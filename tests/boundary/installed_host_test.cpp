@@ -7,14 +7,14 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
-
 #include <gtest/gtest.h>
 
 namespace {
 
 constexpr int stepDeadlineMs = 240000;
 
-struct Outcome {
+struct Outcome
+{
     int exitCode = -1;
     QString output; // both streams
 };
@@ -58,9 +58,9 @@ protected:
 
     void install(const QString& component)
     {
-        const Outcome installed = runCMake({QStringLiteral("--install"), QStringLiteral(BUILD_DIR),
-                                            QStringLiteral("--prefix"), prefix, QStringLiteral("--component"),
-                                            component});
+        const Outcome installed =
+            runCMake({QStringLiteral("--install"), QStringLiteral(BUILD_DIR), QStringLiteral("--prefix"), prefix,
+                      QStringLiteral("--component"), component});
         ASSERT_EQ(installed.exitCode, 0) << installed.output.toStdString();
     }
 };
@@ -81,7 +81,8 @@ TEST_F(InstalledHost, ProgramsRunWhereTheyAreInstalled)
 {
     ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("programs")));
     EXPECT_EQ(filesIn(prefix + QStringLiteral("/bin")),
-              (QStringList{QStringLiteral("phone-exchange"), QStringLiteral("transport-host"), QStringLiteral("transport-tune")}));
+              (QStringList{QStringLiteral("phone-exchange"), QStringLiteral("transport-host"),
+                           QStringLiteral("transport-tune")}));
     EXPECT_FALSE(QDir(prefix).entryList({QStringLiteral("lib*")}, QDir::Dirs).isEmpty());
     for (const QString& program : filesIn(prefix + QStringLiteral("/bin"))) {
         const Outcome help = runProgram(prefix + QStringLiteral("/bin/") + program, {QStringLiteral("--help")});
@@ -94,8 +95,8 @@ TEST_F(InstalledHost, DevelopmentHasEveryHeaderOfBothRooms)
 {
     ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
     for (const QString& room : {QStringLiteral("plugin"), QStringLiteral("common")}) {
-        QStringList headers = QDir(QStringLiteral(SOURCE_DIR "/") + room)
-                                  .entryList({QStringLiteral("*.h")}, QDir::Files, QDir::Name);
+        QStringList headers =
+            QDir(QStringLiteral(SOURCE_DIR "/") + room).entryList({QStringLiteral("*.h")}, QDir::Files, QDir::Name);
         headers.removeOne(QStringLiteral("ccomplugin.h")); // the plug-in's own
         EXPECT_EQ(filesIn(prefix + QStringLiteral("/include/transportCom/") + room), headers);
         EXPECT_FALSE(headers.isEmpty());
@@ -107,13 +108,12 @@ TEST_F(InstalledHost, BuildsAndRunsAgainstTheInstalledTree)
     ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("runtime")));
     ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
 
-    const Outcome configured =
-        runCMake({QStringLiteral("-S"), QStringLiteral(SOURCE_DIR "/tests/boundary/installed_host"),
-                  QStringLiteral("-B"), hostBuild, QStringLiteral("-G"), QStringLiteral(BUILD_GENERATOR),
-                  QStringLiteral("-DCMAKE_MAKE_PROGRAM=" BUILD_MAKE_PROGRAM),
-                  QStringLiteral("-DCMAKE_CXX_COMPILER=" BUILD_CXX_COMPILER),
-                  QStringLiteral("-DCMAKE_CXX_FLAGS=" BUILD_CXX_FLAGS),
-                  QStringLiteral("-DCMAKE_PREFIX_PATH=") + prefix});
+    const Outcome configured = runCMake(
+        {QStringLiteral("-S"), QStringLiteral(SOURCE_DIR "/tests/boundary/installed_host"), QStringLiteral("-B"),
+         hostBuild, QStringLiteral("-G"), QStringLiteral(BUILD_GENERATOR),
+         QStringLiteral("-DCMAKE_MAKE_PROGRAM=" BUILD_MAKE_PROGRAM),
+         QStringLiteral("-DCMAKE_CXX_COMPILER=" BUILD_CXX_COMPILER),
+         QStringLiteral("-DCMAKE_CXX_FLAGS=" BUILD_CXX_FLAGS), QStringLiteral("-DCMAKE_PREFIX_PATH=") + prefix});
     ASSERT_EQ(configured.exitCode, 0) << configured.output.toStdString();
     const Outcome built = runCMake({QStringLiteral("--build"), hostBuild});
     ASSERT_EQ(built.exitCode, 0) << built.output.toStdString();
@@ -124,9 +124,18 @@ TEST_F(InstalledHost, BuildsAndRunsAgainstTheInstalledTree)
     ASSERT_TRUE(QDir().mkpath(prefix + QStringLiteral("/settings")));
     QFile settings(prefix + QStringLiteral("/settings/channelCom.conf"));
     ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
-    settings.write(QByteArray::fromHex("00000003" "00000001" "00000400" "01"
-                                       "00000008" "006E006F006E0065" // "none"
-                                       "FFFFFFFF" "FFFFFFFF" "FFFFFFFF" "FFFFFFFF" "FFFFFFFF" "FFFFFFFF"));
+    settings.write(QByteArray::fromHex("00000003"
+                                       "00000001"
+                                       "00000400"
+                                       "01"
+                                       "00000008"
+                                       "006E006F006E0065" // "none"
+                                       "FFFFFFFF"
+                                       "FFFFFFFF"
+                                       "FFFFFFFF"
+                                       "FFFFFFFF"
+                                       "FFFFFFFF"
+                                       "FFFFFFFF"));
     settings.close();
 
     const Outcome ran = runProgram(prefix + QStringLiteral("/bin/installed-host"), {});

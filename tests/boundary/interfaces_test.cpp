@@ -8,18 +8,17 @@
 #include "plugin/cchannelplugin.h"
 #include "plugin/cchannelserver.h"
 
+#include <QMetaMethod>
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <type_traits>
-
-#include <QMetaMethod>
-
-#include <gtest/gtest.h>
 
 namespace {
 
 // The Itanium C++ ABI writes a pointer to a virtual function as 1 plus the byte offset
 // into the table of virtual operations, and a pointer to a data member as its offset.
-template<typename Function>
+template <typename Function>
 int slotOf(Function function)
 {
     std::ptrdiff_t words[2];
@@ -29,7 +28,7 @@ int slotOf(Function function)
     return static_cast<int>((words[0] - 1) / static_cast<std::ptrdiff_t>(sizeof(void*)));
 }
 
-template<typename Class, typename Member>
+template <typename Class, typename Member>
 int offsetOf(Member Class::*member)
 {
     std::ptrdiff_t offset;
@@ -211,10 +210,14 @@ TEST(Interfaces, ServerDeletesItsProtocolFactoryAndNothingElse)
 TEST(Interfaces, ServerMethodsStandInTheContractsOrder)
 {
     const QMetaObject& meta = CChannelServer::staticMetaObject;
-    const QByteArrayList expected{
-        "connected(QString,int)", "notConnected(QString)", "disconnected(QString,int,bool)", "finished()",
-        "settingsWasChanged()", "connectToAbonent(QString,QByteArray)", "disconnectFromAbonent(QString,int)",
-        "keepAliveConnection(int)"};
+    const QByteArrayList expected{"connected(QString,int)",
+                                  "notConnected(QString)",
+                                  "disconnected(QString,int,bool)",
+                                  "finished()",
+                                  "settingsWasChanged()",
+                                  "connectToAbonent(QString,QByteArray)",
+                                  "disconnectFromAbonent(QString,int)",
+                                  "keepAliveConnection(int)"};
     EXPECT_EQ(ownSignatures(meta), expected);
     for (int i = 0; i < expected.size(); ++i) {
         const QMetaMethod method = meta.method(meta.methodOffset() + i);
@@ -242,10 +245,10 @@ TEST(Interfaces, ServerParameterNames)
 
 TEST(Interfaces, ServerStringTable)
 {
-    const QByteArrayList expected{
-        "CChannelServer", "connected", "abonentName", "connectionId", "notConnected", "disconnected", "wasUseful",
-        "finished", "settingsWasChanged", "connectToAbonent", "abonentsData", "disconnectFromAbonent",
-        "keepAliveConnection"};
+    const QByteArrayList expected{"CChannelServer",     "connected",        "abonentName",  "connectionId",
+                                  "notConnected",       "disconnected",     "wasUseful",    "finished",
+                                  "settingsWasChanged", "connectToAbonent", "abonentsData", "disconnectFromAbonent",
+                                  "keepAliveConnection"};
     EXPECT_EQ(ownNames(CChannelServer::staticMetaObject), expected);
 }
 
@@ -260,8 +263,8 @@ TEST(Interfaces, ServerSignalArguments)
     static_assert(std::is_same_v<decltype(&CChannelServer::connected), void (CChannelServer::*)(const QString&, int)>);
     static_assert(std::is_same_v<decltype(&CChannelServer::notConnected), void (CChannelServer::*)(QString)>,
                   "by value");
-    static_assert(std::is_same_v<decltype(&CChannelServer::disconnected),
-                                 void (CChannelServer::*)(const QString&, int, bool)>);
+    static_assert(
+        std::is_same_v<decltype(&CChannelServer::disconnected), void (CChannelServer::*)(const QString&, int, bool)>);
     static_assert(std::is_same_v<decltype(&CChannelServer::finished), void (CChannelServer::*)()>);
 }
 
@@ -310,8 +313,8 @@ TEST(Interfaces, ProtocolMetaObject)
 {
     const QMetaObject& meta = CAbstractProtocol::staticMetaObject;
     EXPECT_EQ(ownSignatures(meta), (QByteArrayList{"finished()", "remoteAbonentNameChanged(QString)"}));
-    EXPECT_EQ(ownNames(meta), (QByteArrayList{"CAbstractProtocol", "finished", "remoteAbonentNameChanged",
-                                              "remoteAbonentName"}));
+    EXPECT_EQ(ownNames(meta),
+              (QByteArrayList{"CAbstractProtocol", "finished", "remoteAbonentNameChanged", "remoteAbonentName"}));
     for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
         EXPECT_EQ(meta.method(i).methodType(), QMetaMethod::Signal);
     static_assert(std::is_same_v<decltype(&CAbstractProtocol::remoteAbonentNameChanged),

@@ -6,17 +6,16 @@
 #include "tests/support/fakehost.h"
 #include "tests/support/testroot.h"
 
-#include <memory>
-#include <random>
-#include <thread>
-
 #include <QDirIterator>
 #include <QFile>
 #include <QLibrary>
 #include <QMetaMethod>
 #include <QThread>
-
 #include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <thread>
 
 QT_WARNING_DISABLE_DEPRECATED
 
@@ -72,7 +71,7 @@ protected:
     }
 
     // Runs in a thread of its own, whose generator nobody has seeded.
-    template<typename Function>
+    template <typename Function>
     static int unseeded(Function function)
     {
         int result = 0;
@@ -81,13 +80,14 @@ protected:
         return result;
     }
 
-    struct Range {
+    struct Range
+    {
         int least = INT_MAX;
         int greatest = INT_MIN;
     };
 
     // So many draws miss an outcome of probability 1/920 once in a thousand million runs.
-    template<typename Function>
+    template <typename Function>
     static Range rangeOf(Function function, int draws = 20000)
     {
         qsrand(testsupport::seed());
@@ -293,7 +293,8 @@ TEST_F(PluginTest, ShortTimeoutsJumpAndAreThenShortened)
 
 TEST_F(PluginTest, TimeoutsShrinkByTenAtLeast)
 {
-    const struct {
+    const struct
+    {
         int timeout, least, greatest;
     } rows[] = {{30, 9, 20}, {59, 27, 49}, {100, 51, 90}, {899, 531, 889}, {900, 531, 890}};
     for (const auto& row : rows) {
@@ -332,7 +333,8 @@ TEST(PluginLibrary, SettingsAtLoad)
 {
     QLibrary library(QStringLiteral(PLUGIN_SONAME_FILE));
     ASSERT_TRUE(library.load());
-    struct Settings {
+    struct Settings
+    {
         QList<void*> ports; // any list: it is empty
         int packetSize;
     };

@@ -3,12 +3,12 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QRegularExpression>
-
 #include <gtest/gtest.h>
 
 namespace {
 
-struct Room {
+struct Room
+{
     const char* folder;
     QStringList mayInclude; // besides itself
     bool mayUseSerialPort;
@@ -29,7 +29,8 @@ const QList<Room>& rooms()
 
 // Inside a room: its folders, each with what it may reach into besides itself. Files beside
 // the folders ("") stand above them; only program/ stands above those.
-struct Inside {
+struct Inside
+{
     const char* room;
     const char* folder;
     QStringList mayInclude; // folders of the same room
@@ -57,7 +58,8 @@ const QList<Inside>& insides()
 const QStringList pluginUnits{"main", "ccomplugin"};
 const QStringList pluginMayInclude{"com", "common", "plugin"};
 
-struct Include {
+struct Include
+{
     QString file;
     int line;
     QString target;
@@ -100,12 +102,15 @@ bool isGenerated(const Include& include)
 
 std::string where(const Include& include)
 {
-    return QStringLiteral("%1:%2 includes %3").arg(include.file, QString::number(include.line), include.target).toStdString();
+    return QStringLiteral("%1:%2 includes %3")
+        .arg(include.file, QString::number(include.line), include.target)
+        .toStdString();
 }
 
 bool isSerialPort(const Include& include)
 {
-    return include.target.startsWith(QStringLiteral("QSerialPort")) || include.target.startsWith(QStringLiteral("QtSerialPort"));
+    return include.target.startsWith(QStringLiteral("QSerialPort")) ||
+           include.target.startsWith(QStringLiteral("QtSerialPort"));
 }
 
 QString roomOf(const Include& include)
@@ -151,9 +156,11 @@ TEST(Rooms, ArrowsInsideARoomRunDown)
         EXPECT_GT(files, 0) << known.last().toStdString();
     }
     for (const char* room : {"host", "sim"}) {
-        const QStringList folders = QDir(QStringLiteral(SOURCE_DIR "/") + room).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+        const QStringList folders =
+            QDir(QStringLiteral(SOURCE_DIR "/") + room).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
         for (const QString& folder : folders)
-            EXPECT_TRUE(known.contains(room + (QLatin1Char('/') + folder))) << room << "/" << folder.toStdString() << " has no rule";
+            EXPECT_TRUE(known.contains(room + (QLatin1Char('/') + folder)))
+                << room << "/" << folder.toStdString() << " has no rule";
     }
 }
 

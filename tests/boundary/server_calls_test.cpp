@@ -1,18 +1,16 @@
 // The server with modems at its ports: which worker gets which request, and stopping a
 // channel in whatever it is doing.
+#include "com/ccomsettings.h"
 #include "tests/boundary/answeringmodem.h"
 #include "tests/boundary/serverfixture.h"
-
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <thread>
 
 #include <QElapsedTimer>
 #include <QFile>
 
-#include "com/ccomsettings.h"
+#include <chrono>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
 
 using testsupport::waitFor;
 
@@ -93,10 +91,7 @@ protected:
         return !modem.commands().filter(QStringLiteral("ATD")).isEmpty();
     }
 
-    bool lostConnectionIsLogged() const
-    {
-        return logText().contains(QStringLiteral("Не удалось найти соединение"));
-    }
+    bool lostConnectionIsLogged() const { return logText().contains(QStringLiteral("Не удалось найти соединение")); }
 
     std::vector<std::unique_ptr<AnsweringModem>> modems;
 };
@@ -176,8 +171,8 @@ TEST_F(ServerCalls, AllowedPortsAreKeptTo)
     // The other one is free, but not allowed.
     server->connectToAbonent(QStringLiteral("B2"), onlyB);
     EXPECT_EQ(emitted.entries(), QStringList{QStringLiteral("notConnected B2")});
-    EXPECT_TRUE(log.contains(recordOf(QStringLiteral(
-        "Не удалось вызвать абонента 'B2' т.к. не удалось найти свободный COM порт"))));
+    EXPECT_TRUE(log.contains(
+        recordOf(QStringLiteral("Не удалось вызвать абонента 'B2' т.к. не удалось найти свободный COM порт"))));
 }
 
 TEST_F(ServerCalls, AllowedPortsAreComparedWithCase)
@@ -259,7 +254,8 @@ TEST_F(ServerCalls, HangUpByNumberIgnoresTheName)
     server->disconnectFromAbonent(QStringLiteral("somebody else"), 2);
     EXPECT_TRUE(emitted.waitForEntry(QStringLiteral("disconnected 2 1 B")));
     EXPECT_FALSE(lostConnectionIsLogged());
-    EXPECT_TRUE(waitFor([&] { return modems[1]->heard(QStringLiteral("+++")) && modems[1]->heard(QStringLiteral("ATH")); }));
+    EXPECT_TRUE(
+        waitFor([&] { return modems[1]->heard(QStringLiteral("+++")) && modems[1]->heard(QStringLiteral("ATH")); }));
 }
 
 TEST_F(ServerCalls, HangUpByNameComparesFilteredNames)
@@ -278,7 +274,8 @@ TEST_F(ServerCalls, NamesSelectOnlyWithMinusOne)
     server->disconnectFromAbonent(QStringLiteral("A"), -2);
     server->disconnectFromAbonent(QStringLiteral("A"), 0);
     server->disconnectFromAbonent(QStringLiteral("A"), 5);
-    const QString lost = QStringLiteral("Не удалось найти соединение чтобы разорвать соединение с абонентом 'A', connectionId ");
+    const QString lost =
+        QStringLiteral("Не удалось найти соединение чтобы разорвать соединение с абонентом 'A', connectionId ");
     EXPECT_TRUE(logHas(lost + QStringLiteral("-2")));
     EXPECT_TRUE(logHas(lost + QStringLiteral("0")));
     EXPECT_TRUE(logHas(lost + QStringLiteral("5")));
@@ -387,13 +384,14 @@ TEST_F(ServerCalls, PacketSizeChangeLeavesAConnectionAlone)
 
 // --- stopping, in whatever a port is doing
 
-struct StopRow {
+struct StopRow
+{
     const char* name;
     bool fromAnotherThread;
-    int state;            // in which the stop comes
-    int lines;            // the modem's, at first
+    int state; // in which the stop comes
+    int lines; // the modem's, at first
     const char* silentTo; // the command that the modem does not answer
-    bool calls;           // whether a call is placed
+    bool calls; // whether a call is placed
 };
 
 void PrintTo(const StopRow& row, std::ostream* stream)
@@ -463,7 +461,8 @@ std::vector<StopRow> stopRows()
         rows.push_back({"free", fromAnotherThread, CComThread::LineFree, ready, nullptr, false});
         rows.push_back({"dialling", fromAnotherThread, CComThread::WaitingForConnect, ready, "ATD", true});
         rows.push_back({"connected", fromAnotherThread, CComThread::WaitingForConnect, ready, nullptr, true});
-        rows.push_back({"resetting", fromAnotherThread, CComThread::ResettingModem, ready | sim::LineDcd, "+++", false});
+        rows.push_back(
+            {"resetting", fromAnotherThread, CComThread::ResettingModem, ready | sim::LineDcd, "+++", false});
     }
     return rows;
 }
@@ -548,7 +547,8 @@ TEST_F(ServerStuck, IsTerminated)
     EXPECT_GE(timer.elapsed(), workersStopTimeoutMs(threadStopTimeoutMs));
     qInstallMessageHandler(nullptr);
     EXPECT_TRUE(isEchoed);
-    EXPECT_TRUE(logHas(QStringLiteral("Некоторые потоки не остановились во время и будет убиты"))) << logText().toStdString();
+    EXPECT_TRUE(logHas(QStringLiteral("Некоторые потоки не остановились во время и будет убиты")))
+        << logText().toStdString();
     EXPECT_TRUE(server->workers().isEmpty());
     EXPECT_EQ(log.entriesWith(QStringLiteral("remove ")).size(), 1);
     // The channel can be started again; the log is not held by the one that was ended.

@@ -1,13 +1,12 @@
 // How the server reads channelCom.conf, and what it makes of files that are none.
+#include "com/ccomsettings.h"
 #include "tests/boundary/serverfixture.h"
+#include "tests/support/testroot.h"
 
 #include <QDataStream>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-
-#include "com/ccomsettings.h"
-#include "tests/support/testroot.h"
 
 using testsupport::installRoot;
 
@@ -37,11 +36,27 @@ TestPort portWithInit(const QString& initString)
 TEST_F(ServerSettings, EveryFieldIsLoaded)
 {
     // Three records as they stand in a file; the middle one with every field different.
-    writeSettingsBytes(QByteArray::fromHex(
-        "00000003" "00000002" "00000200"
-        "01" "0000000A" "00740074007900530030" "0000000A" "00410054005A005C0072"
-        "00002580" "00000001" "00000008" "00000002" "00000003"
-        "00" "FFFFFFFF" "00000000" "FFFFFFFF" "00000000" "00000007" "00000001" "00000002"));
+    writeSettingsBytes(QByteArray::fromHex("00000003"
+                                           "00000002"
+                                           "00000200"
+                                           "01"
+                                           "0000000A"
+                                           "00740074007900530030"
+                                           "0000000A"
+                                           "00410054005A005C0072"
+                                           "00002580"
+                                           "00000001"
+                                           "00000008"
+                                           "00000002"
+                                           "00000003"
+                                           "00"
+                                           "FFFFFFFF"
+                                           "00000000"
+                                           "FFFFFFFF"
+                                           "00000000"
+                                           "00000007"
+                                           "00000001"
+                                           "00000002"));
     server->loadSettings();
     ASSERT_EQ(gComSettings.ports.size(), 2);
     const ComPortSettings& first = gComSettings.ports[0];
@@ -117,8 +132,7 @@ TEST_F(ServerSettings, AnotherVersionIsRefusedAsAWhole)
     server->loadSettings();
     EXPECT_TRUE(gComSettings.ports.isEmpty());
     EXPECT_EQ(gComSettings.packetSize, 300);
-    EXPECT_TRUE(logHas(QStringLiteral(
-        "Ошибка чтения настроек COM канала. Версия настроек 2 не совпадает с текущей 3")))
+    EXPECT_TRUE(logHas(QStringLiteral("Ошибка чтения настроек COM канала. Версия настроек 2 не совпадает с текущей 3")))
         << logText().toStdString();
     server->start();
     EXPECT_FALSE(server->hasFreeChannel());
@@ -128,7 +142,8 @@ TEST_F(ServerSettings, AnotherVersionIsRefusedAsAWhole)
 
 TEST_F(ServerSettings, DamagedFileKeepsWhatWasRead)
 {
-    const QByteArray whole = channelBytes({portWithInit(QStringLiteral("ATZ\\r")), portWithInit(QStringLiteral("\\n"))});
+    const QByteArray whole =
+        channelBytes({portWithInit(QStringLiteral("ATZ\\r")), portWithInit(QStringLiteral("\\n"))});
     writeSettingsBytes(whole.left(whole.size() - 2));
     server->loadSettings();
     ASSERT_EQ(gComSettings.ports.size(), 2);
@@ -143,8 +158,8 @@ TEST_F(ServerSettings, EmptyFileIsOfVersionZero)
     writeSettingsBytes({});
     server->loadSettings();
     EXPECT_TRUE(gComSettings.ports.isEmpty());
-    EXPECT_TRUE(logHas(QStringLiteral(
-        "Ошибка чтения настроек COM канала. Версия настроек 0 не совпадает с текущей 3")));
+    EXPECT_TRUE(
+        logHas(QStringLiteral("Ошибка чтения настроек COM канала. Версия настроек 0 не совпадает с текущей 3")));
 }
 
 // A cut at every place: no crash, never more ports than announced, always a word in the log.
@@ -181,7 +196,9 @@ TEST_F(ServerSettings, AbsurdNumbersOfPorts)
 TEST_F(ServerSettings, AbsurdStringLengths)
 {
     for (const char* length : {"7FFFFFFE", "FFFFFFFE", "80000000", "00000003"}) {
-        writeSettingsBytes(QByteArray::fromHex(QByteArray("000000030000000100000400" "01") + length + "00410042"));
+        writeSettingsBytes(QByteArray::fromHex(QByteArray("000000030000000100000400"
+                                                          "01") +
+                                               length + "00410042"));
         server->loadSettings();
         ASSERT_EQ(gComSettings.ports.size(), 1) << length;
         EXPECT_TRUE(gComSettings.ports[0].portName.isEmpty()) << length;
@@ -225,13 +242,20 @@ TEST_F(ServerSettings, AbsurdAbonentData)
     QList<QByteArray> arrays;
     for (int size = 0; size < whole.size(); ++size)
         arrays.append(whole.left(size));
-    arrays.append(QByteArray::fromHex("00000004" "FFFFFFFF" "7FFFFFFF"));
-    arrays.append(QByteArray::fromHex("00000004" "FFFFFFFF" "FFFFFFFF"));
-    arrays.append(QByteArray::fromHex("00000004" "7FFFFFFE" "00410042"));
+    arrays.append(QByteArray::fromHex("00000004"
+                                      "FFFFFFFF"
+                                      "7FFFFFFF"));
+    arrays.append(QByteArray::fromHex("00000004"
+                                      "FFFFFFFF"
+                                      "FFFFFFFF"));
+    arrays.append(QByteArray::fromHex("00000004"
+                                      "7FFFFFFE"
+                                      "00410042"));
     arrays.append(QByteArray(1024 * 1024, '\xFF'));
     for (const QByteArray& data : arrays)
         server->connectToAbonent(QStringLiteral("X"), data);
-    EXPECT_EQ(logText().count(QStringLiteral("Невозможно вызвать абонента 'X' т.к. настройки не верны. ")), arrays.size());
+    EXPECT_EQ(logText().count(QStringLiteral("Невозможно вызвать абонента 'X' т.к. настройки не верны. ")),
+              arrays.size());
     EXPECT_TRUE(emitted.entries().isEmpty());
     EXPECT_TRUE(log.entries().isEmpty());
 }

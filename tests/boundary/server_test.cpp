@@ -1,8 +1,10 @@
 // The server without a single device: its meta-object, its order of reports, what it says
 // to requests that it cannot serve, starting, restarting and stopping.
+#include "com/ccomsettings.h"
+#include "common/functiondebug.h"
+#include "common/logger.h"
 #include "tests/boundary/serverfixture.h"
-
-#include <atomic>
+#include "tests/support/testroot.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -14,10 +16,7 @@
 #include <QSemaphore>
 #include <QSerialPort>
 
-#include "com/ccomsettings.h"
-#include "common/functiondebug.h"
-#include "common/logger.h"
-#include "tests/support/testroot.h"
+#include <atomic>
 
 using testsupport::waitFor;
 
@@ -107,9 +106,9 @@ TEST_F(ServerAlone, MetaObject)
     QByteArrayList signatures;
     for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
         signatures.append(meta.method(i).methodSignature());
-    EXPECT_EQ(signatures, (QByteArrayList{"settingsWasChanged()", "connectToAbonent(QString,QByteArray)",
-                                          "disconnectFromAbonent(QString,int)", "keepAliveConnection(int)",
-                                          "internalStopSlot()"}));
+    EXPECT_EQ(signatures,
+              (QByteArrayList{"settingsWasChanged()", "connectToAbonent(QString,QByteArray)",
+                              "disconnectFromAbonent(QString,int)", "keepAliveConnection(int)", "internalStopSlot()"}));
     for (int i = 0; i < signatures.size(); ++i) {
         const QMetaMethod method = meta.method(meta.methodOffset() + i);
         EXPECT_EQ(method.methodType(), QMetaMethod::Slot);
@@ -159,7 +158,8 @@ TEST_F(ServerAlone, StateIsReportedBeforeTheSettingsAreRead)
 
 TEST_F(ServerAlone, OneWorkerForEachEnabledPort)
 {
-    writeSettings({TestPort{QStringLiteral("noneA")}, disabled(QStringLiteral("noneB")), TestPort{QStringLiteral("noneC")}});
+    writeSettings(
+        {TestPort{QStringLiteral("noneA")}, disabled(QStringLiteral("noneB")), TestPort{QStringLiteral("noneC")}});
     server->start();
     ASSERT_TRUE(waitForPorts(2));
     EXPECT_EQ(addedNames(), (QStringList{QStringLiteral("noneA"), QStringLiteral("noneC")}));
@@ -179,7 +179,8 @@ TEST_F(ServerAlone, OneWorkerForEachEnabledPort)
     EXPECT_FALSE(logText().contains(QStringLiteral("Не удалось найти соединение")));
     server->disconnectFromAbonent(QStringLiteral("X"), 3);
     server->keepAliveConnection(3);
-    EXPECT_TRUE(logHas(QStringLiteral("Не удалось найти соединение чтобы разорвать соединение с абонентом 'X', connectionId 3")));
+    EXPECT_TRUE(logHas(
+        QStringLiteral("Не удалось найти соединение чтобы разорвать соединение с абонентом 'X', connectionId 3")));
     EXPECT_TRUE(logHas(QStringLiteral("Не удалось найти соединение чтобы удержать connectionId 3")));
 }
 
@@ -289,12 +290,26 @@ TEST_F(ServerAlone, WhatIsWrongWithTheSettingsIsToldWithAllCategoriesOff)
     QFile settings(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
     ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
     settings.write("[Debug]\n");
-    for (const char* category :
-         {"ipcData", "ipcExtra", "ipcSecurityDaemon", "ipcTransport", "transportAbonents", "transportTransit",
-          "transportConnects", "transportDataLifetime", "transportBaseProtocol", "transportProtocol",
-          "transportProtocolAttaches", "transportIpSocketError", "transportComPortError", "transportComAtCommands",
-          "transportComPackets", "transportComData", "transportTasks", "journals", "messagesAutodelete",
-          "messagesLock"})
+    for (const char* category : {"ipcData",
+                                 "ipcExtra",
+                                 "ipcSecurityDaemon",
+                                 "ipcTransport",
+                                 "transportAbonents",
+                                 "transportTransit",
+                                 "transportConnects",
+                                 "transportDataLifetime",
+                                 "transportBaseProtocol",
+                                 "transportProtocol",
+                                 "transportProtocolAttaches",
+                                 "transportIpSocketError",
+                                 "transportComPortError",
+                                 "transportComAtCommands",
+                                 "transportComPackets",
+                                 "transportComData",
+                                 "transportTasks",
+                                 "journals",
+                                 "messagesAutodelete",
+                                 "messagesLock"})
         settings.write(QByteArray(category) + "=false\n");
     settings.close();
     server->connectToAbonent(QStringLiteral("X"), {});
@@ -370,16 +385,23 @@ TEST_F(ServerAlone, StopFromAnotherThreadReturnsAtOnce)
     // The server's thread is busy, so that all the caller gets is what stop() itself does.
     QSemaphore busy;
     QSemaphore release;
-    QMetaObject::invokeMethod(server.get(), [&] { busy.release(); release.acquire(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        server.get(),
+        [&] {
+            busy.release();
+            release.acquire();
+        },
+        Qt::QueuedConnection);
     busy.acquire();
     server->stop();
     EXPECT_EQ(serverEntries().last(), recordOf(QStringLiteral("Остановка")));
     EXPECT_TRUE(emitted.entries().isEmpty());
     release.release();
     ASSERT_TRUE(emitted.waitForEntry(QStringLiteral("finished")));
-    EXPECT_EQ(serverEntries(), (QStringList{recordOf(QStringLiteral("Запуск")), stateOf(QStringLiteral("Работает")),
-                                            recordOf(QStringLiteral("Остановка")), stateOf(QStringLiteral("Выключение")),
-                                            stateOf(QStringLiteral("Выключен"))}));
+    EXPECT_EQ(serverEntries(),
+              (QStringList{recordOf(QStringLiteral("Запуск")), stateOf(QStringLiteral("Работает")),
+                           recordOf(QStringLiteral("Остановка")), stateOf(QStringLiteral("Выключение")),
+                           stateOf(QStringLiteral("Выключен"))}));
     EXPECT_EQ(stateThreads, (QList<QThread*>{thread.get(), thread.get(), thread.get()}));
     EXPECT_EQ(emitted.count(QStringLiteral("finished")), 1);
     EXPECT_EQ(log.entriesWith(QStringLiteral("remove ")).size(), 1);
@@ -486,7 +508,8 @@ TEST_F(ServerAlone, SettingsChangeRestartsTheWorkers)
     writeSettings({TestPort{QStringLiteral("noneA")}, TestPort{QStringLiteral("noneB")}});
     server->start();
     ASSERT_TRUE(waitForPorts(2));
-    const struct {
+    const struct
+    {
         const char* what;
         std::function<void(QList<TestPort>&)> change;
     } changes[] = {
@@ -509,8 +532,9 @@ TEST_F(ServerAlone, SettingsChangeRestartsTheWorkers)
         writeSettings(ports);
         server->settingsWasChanged();
         EXPECT_EQ(serverEntries(), QStringList{recordOf(QStringLiteral("Остановка"))}) << row.what;
-        EXPECT_TRUE(waitForPorts(std::count_if(ports.begin(), ports.end(), [](const TestPort& port) { return port.enabled; })))
-            << row.what;
+        EXPECT_TRUE(waitForPorts(std::count_if(ports.begin(), ports.end(), [](const TestPort& port) {
+            return port.enabled;
+        }))) << row.what;
         // Told again without a change: nothing happens.
         log.clear();
         server->settingsWasChanged();
@@ -625,10 +649,11 @@ TEST_F(ServerAlone, TracesItsOperations)
 
 TEST(WorkersStopTimeout, IsAProductOfSinglePrecision)
 {
-    const struct {
+    const struct
+    {
         int configured, waited;
-    } rows[] = {{100, 90}, {110, 99}, {333, 299}, {999, 899}, {2000, 1800}, {10000, 9000}, {12345, 11110},
-                {59999, 53999}, {60000, 54000}};
+    } rows[] = {{100, 90},     {110, 99},      {333, 299},     {999, 899},    {2000, 1800},
+                {10000, 9000}, {12345, 11110}, {59999, 53999}, {60000, 54000}};
     for (const auto& row : rows)
         EXPECT_EQ(workersStopTimeoutMs(row.configured), row.waited) << row.configured;
 }
@@ -648,7 +673,8 @@ TEST_F(ServerAlone, StopTimeoutIsReadAtTheFirstStop)
     EXPECT_TRUE(detailsText().contains(key + QStringLiteral("=50"))) << detailsText().toStdString();
 }
 
-struct StopTimeoutRow {
+struct StopTimeoutRow
+{
     const char* name;
     const char* written;
     const char* kept;
@@ -672,12 +698,10 @@ TEST_P(StopTimeoutKey, IsPutRightWhenOutOfRange)
         << detailsText().toStdString();
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, StopTimeoutKey,
-                         testing::Values(StopTimeoutRow{"belowRange", "50", "10000"},
-                                         StopTimeoutRow{"justBelowRange", "99", "10000"},
-                                         StopTimeoutRow{"least", "100", "100"},
-                                         StopTimeoutRow{"greatest", "60000", "60000"},
-                                         StopTimeoutRow{"aboveRange", "60001", "10000"},
-                                         StopTimeoutRow{"negative", "-1", "10000"},
-                                         StopTimeoutRow{"noNumber", "abc", "10000"}),
-                         [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Values, StopTimeoutKey,
+    testing::Values(StopTimeoutRow{"belowRange", "50", "10000"}, StopTimeoutRow{"justBelowRange", "99", "10000"},
+                    StopTimeoutRow{"least", "100", "100"}, StopTimeoutRow{"greatest", "60000", "60000"},
+                    StopTimeoutRow{"aboveRange", "60001", "10000"}, StopTimeoutRow{"negative", "-1", "10000"},
+                    StopTimeoutRow{"noNumber", "abc", "10000"}),
+    [](const auto& row) { return std::string(row.param.name); });

@@ -1,6 +1,7 @@
 #include "tests/boundary/serverfixture.h"
 
-#include <algorithm>
+#include "com/ccomsettings.h"
+#include "tests/support/testroot.h"
 
 #include <QCoreApplication>
 #include <QDataStream>
@@ -10,8 +11,7 @@
 #include <QMutexLocker>
 #include <QRegularExpression>
 
-#include "com/ccomsettings.h"
-#include "tests/support/testroot.h"
+#include <algorithm>
 
 namespace {
 
@@ -97,8 +97,7 @@ QStringList SessionFactory::keptChannelNames() const
     return names;
 }
 
-Session::Session(CChannel* ownedChannel, SessionFactory* factory)
-    : CAbstractProtocol(ownedChannel), m_factory(factory)
+Session::Session(CChannel* ownedChannel, SessionFactory* factory) : CAbstractProtocol(ownedChannel), m_factory(factory)
 {
 }
 

@@ -1,16 +1,6 @@
 // A server with recording host objects around it, and its settings in the test's root.
 #pragma once
 
-#include <functional>
-#include <memory>
-
-#include <QMutex>
-#include <QString>
-#include <QStringList>
-#include <QThread>
-
-#include <gtest/gtest.h>
-
 #include "com/ccomserver.h"
 #include "plugin/cabstractprotocol.h"
 #include "plugin/cabstractprotocolfactory.h"
@@ -18,10 +8,20 @@
 #include "tests/support/deadline.h"
 #include "tests/support/fakehost.h"
 
+#include <QMutex>
+#include <QString>
+#include <QStringList>
+#include <QThread>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
 constexpr int serverStateId = 7;
 
 // One port of a settings file; what a test does not name is what a modem wants.
-struct TestPort {
+struct TestPort
+{
     QString name;
     bool enabled = true;
     QString initString = {};
@@ -85,7 +85,7 @@ public:
     int addChannel(int type, const QString& name, const QString& state) override;
     void setState(int id, const QString& text) override;
 
-    std::function<void()> whenAdding;                     // before anything is recorded
+    std::function<void()> whenAdding; // before anything is recorded
     std::function<void(int, const QString&)> whenSetting; // after it has been recorded
 };
 
@@ -115,8 +115,8 @@ protected:
     void stopAndDelete();
 
     QString settingsPath() const; // channelCom.conf
-    QString detailsText() const;  // settings.ini as it stands
-    QString logText() const;      // all log files
+    QString detailsText() const; // settings.ini as it stands
+    QString logText() const; // all log files
     // Whether the log has a line of the server with exactly this text.
     bool logHas(const QString& text) const;
     QString recordOf(const QString& text) const; // an event of the server as the call log shows it

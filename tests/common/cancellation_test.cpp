@@ -1,25 +1,23 @@
 // Threads that are ended by force in the middle of logging, tracing and reading settings: the process
 // lives on, and nothing stays locked or half written.
-#include <atomic>
-#include <functional>
-#include <memory>
-#include <utility>
-#include <vector>
-
-#include <QRegularExpression>
-#include <QThread>
-
-#include <gtest/gtest.h>
-
-#include <pthread.h>
-#include <sys/stat.h>
-
 #include "common/cancelguard.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
 #include "common/logger.h"
 #include "tests/common/logsupport.h"
 #include "tests/support/deadline.h"
+
+#include <QRegularExpression>
+#include <QThread>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
 
 using namespace logtest;
 
@@ -40,7 +38,7 @@ private:
 
 // Runs work over and over in threads that are ended by force, each somewhere in it. Between two
 // rounds stands a point where the thread may end.
-template<typename Work>
+template <typename Work>
 void endByForce(Work work)
 {
     for (int i = 0; i < 20; ++i) {
@@ -63,7 +61,8 @@ void endByForce(Work work)
 
 void expectWhole(const QStringList& lines)
 {
-    static const QRegularExpression whole(QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} .{25} +(text|void f\\(\\) [{}])$"));
+    static const QRegularExpression whole(
+        QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} .{25} +(text|void f\\(\\) [{}])$"));
     for (const QString& line : lines)
         EXPECT_TRUE(whole.match(line).hasMatch()) << qPrintable(line);
 }

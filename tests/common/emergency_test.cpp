@@ -1,22 +1,19 @@
 // The emergency log: the same file by the shortest way.
 #include "common/logger.h"
-
-#include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <thread>
-#include <vector>
+#include "tests/common/logsupport.h"
+#include "tests/support/virtualclock.h"
 
 #include <QCoreApplication>
 #include <QMutexLocker>
 #include <QRegularExpression>
-
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
-
-#include "tests/common/logsupport.h"
-#include "tests/support/virtualclock.h"
+#include <thread>
+#include <vector>
 
 using namespace logtest;
 
@@ -179,8 +176,9 @@ TEST(EmergencyLog, AFailureFindsTheFileAnew)
     const MessageRecorder recorder;
     emergency("lost");
     ASSERT_EQ(recorder.texts(QtWarningMsg).size(), 1);
-    EXPECT_TRUE(recorder.texts(QtWarningMsg).value(0).startsWith(
-        QStringLiteral("Ошибка открытия файла для записи: \"%1\" \"").arg(logPath(today))));
+    EXPECT_TRUE(recorder.texts(QtWarningMsg)
+                    .value(0)
+                    .startsWith(QStringLiteral("Ошибка открытия файла для записи: \"%1\" \"").arg(logPath(today))));
     emergency("tomorrow");
     EXPECT_EQ(unstamped(logLines(logPath(today.addDays(1))).value(0)), marked("tomorrow"));
 }
@@ -193,8 +191,9 @@ TEST(EmergencyLog, AFullDiskLosesOnlyTheLinesAtHand)
     testsupport::VirtualClock clock;
     const MessageRecorder recorder;
     emergency("lost");
-    EXPECT_EQ(recorder.texts(QtWarningMsg).last(), QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"")
-                                                       .arg(QString::fromLocal8Bit(std::strerror(ENOSPC))));
+    EXPECT_EQ(recorder.texts(QtWarningMsg).last(),
+              QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"")
+                  .arg(QString::fromLocal8Bit(std::strerror(ENOSPC))));
     ASSERT_TRUE(QFile::remove(logPath()));
     // And finds its file anew.
     clock.stepWallClockMs(24 * 3600 * 1000);

@@ -1,15 +1,14 @@
 // Tracing of functions and timing of scopes.
-#include "common/functiondebug.h"
-
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "common/csettings.h"
+#include "common/functiondebug.h"
 #include "common/logger.h"
 #include "tests/common/logsupport.h"
 #include "tests/support/virtualclock.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
 
 using namespace logtest;
 
@@ -57,8 +56,8 @@ TEST(FunctionDebug, OffItRemembersEntriesAndLogsNothing)
         const _CFunctionDebug inner("void inner()");
     }
     const _CFunctionDebug last("../../a/b.cpp", 7, "f");
-    EXPECT_EQ(*_CFunctionDebug::stack(),
-              (QList<QString>{QStringLiteral("void outer()"), QStringLiteral("void inner()"), QStringLiteral("a/b.cpp:7 f")}));
+    EXPECT_EQ(*_CFunctionDebug::stack(), (QList<QString>{QStringLiteral("void outer()"), QStringLiteral("void inner()"),
+                                                         QStringLiteral("a/b.cpp:7 f")}));
     EXPECT_EQ(contentOf(logPath()), QByteArray());
     EXPECT_TRUE(recorder.messages().isEmpty());
     EXPECT_EQ(LoggerData::debugData(), nullptr);
@@ -174,7 +173,8 @@ TEST(FunctionDebug, SwitchingOffTakesARestart)
     {
         const _CFunctionDebug trace("g");
     }
-    EXPECT_EQ(logTexts(), (QStringList{QStringLiteral("f {"), QStringLiteral("f }"), QStringLiteral("g {"), QStringLiteral("g }")}));
+    EXPECT_EQ(logTexts(), (QStringList{QStringLiteral("f {"), QStringLiteral("f }"), QStringLiteral("g {"),
+                                       QStringLiteral("g }")}));
 }
 
 TEST(FunctionDebug, AnyValueButZeroTraces)

@@ -1,34 +1,31 @@
 // Where everything lives, the access test and the secrecy level.
 #include "common/global.h"
+#include "tests/common/printing.h"
+#include "tests/common/streammessages.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/testroot.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
-#include <thread>
-
 #include <fcntl.h>
+#include <future>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
-#include <QFile>
-#include <QFileInfo>
-#include <QRegularExpression>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "tests/common/printing.h"
-#include "tests/common/streammessages.h"
-#include "tests/support/systemcalls.h"
-#include "tests/support/testroot.h"
-
+using logtest::MessageRecorder;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using logtest::MessageRecorder;
 using testsupport::installRoot;
 using testsupport::SystemCall;
 using testsupport::SystemCallWatch;
@@ -317,8 +314,8 @@ TEST(Access, RemovalIsTriedTwice)
     int removals = 0;
     MessageRecorder messages;
     {
-        const SystemCallWatch watch(path.toStdString(),
-                                    [&](SystemCall& call) { return call.name == "unlink" && ++removals == 1 ? EBUSY : 0; });
+        const SystemCallWatch watch(
+            path.toStdString(), [&](SystemCall& call) { return call.name == "unlink" && ++removals == 1 ? EBUSY : 0; });
         EXPECT_TRUE(Global::checkAccess(QDir(path)));
     }
     EXPECT_EQ(removals, 2);
@@ -343,9 +340,10 @@ TEST(Access, ProbeThatCannotBeRemoved)
         EXPECT_FALSE(Global::checkAccess(QDir(path)));
     }
     EXPECT_EQ(removals, 2);
-    EXPECT_EQ(taken(messages), QStringList{QStringLiteral("warning: Global::checkAccess: Не удалось удалить временный файл "
-                                                          "\"Device or resource busy\" \"%1\"")
-                                               .arg(probe)});
+    EXPECT_EQ(taken(messages),
+              QStringList{QStringLiteral("warning: Global::checkAccess: Не удалось удалить временный файл "
+                                         "\"Device or resource busy\" \"%1\"")
+                              .arg(probe)});
 }
 
 // Another program with the same random numbers was quicker.
@@ -404,8 +402,9 @@ TEST(Secrecy, NoLevelPasses)
     putFile(inRoot(QStringLiteral("data")));
     QStringList expected;
     for (int level = 0; level < 4; ++level) {
-        expected.append(
-            QStringLiteral("warning: Global::checkAccess: Не удалось создать каталог \"%1/%2\"").arg(inRoot(QStringLiteral("data"))).arg(level));
+        expected.append(QStringLiteral("warning: Global::checkAccess: Не удалось создать каталог \"%1/%2\"")
+                            .arg(inRoot(QStringLiteral("data")))
+                            .arg(level));
     }
     expected.append(QStringLiteral("critical: Global: Error! Can not get current secrecy level."));
     MessageRecorder messages;

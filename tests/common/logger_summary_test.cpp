@@ -1,10 +1,9 @@
 // What holds while the log asks for the summary, by a summary of our own in place of the real one.
 #include "common/csysteminfo.h"
-
-#include <gtest/gtest.h>
-
 #include "common/logger.h"
 #include "tests/common/logsupport.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 

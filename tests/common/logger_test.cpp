@@ -1,5 +1,19 @@
 // The log: layout, categories, columns, file and directory, troubles.
+#include "common/csettings.h"
+#include "common/functiondebug.h"
+#include "common/logfile.h"
 #include "common/logger.h"
+#include "tests/common/logsupport.h"
+#include "tests/common/refusedchmod.h"
+#include "tests/support/blockedthread.h"
+#include "tests/support/deadline.h"
+#include "tests/support/virtualclock.h"
+
+#include <QCoreApplication>
+#include <QRegularExpression>
+#include <QSet>
+#include <QThread>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cerrno>
@@ -8,28 +22,11 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <thread>
-#include <vector>
-
-#include <QCoreApplication>
-#include <QRegularExpression>
-#include <QSet>
-#include <QThread>
-
-#include <gtest/gtest.h>
-
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
-
-#include "common/csettings.h"
-#include "common/functiondebug.h"
-#include "common/logfile.h"
-#include "tests/common/logsupport.h"
-#include "tests/common/refusedchmod.h"
-#include "tests/support/blockedthread.h"
-#include "tests/support/deadline.h"
-#include "tests/support/virtualclock.h"
+#include <vector>
 
 using namespace logtest;
 
@@ -68,7 +65,7 @@ bool lockIsFree()
 class OwnThread
 {
 public:
-    template<typename Work>
+    template <typename Work>
     explicit OwnThread(Work work) : m_thread(QThread::create(work))
     {
         m_thread->start();
@@ -287,7 +284,8 @@ TEST(LogCategories, MissingKeysDecideByTheirDefaultsAndEnterTheFile)
     QStringList expectedTexts;
     for (const Category& category : categories) {
         logText(category.key, category.level);
-        expectedKeys.insert(QString::fromLatin1(category.key), category.defaultValue ? QStringLiteral("true") : QStringLiteral("false"));
+        expectedKeys.insert(QString::fromLatin1(category.key),
+                            category.defaultValue ? QStringLiteral("true") : QStringLiteral("false"));
         if (category.defaultValue)
             expectedTexts.append(QString::fromLatin1(category.key));
         EXPECT_EQ(settingsOnDisk(), expectedKeys);
@@ -303,7 +301,8 @@ TEST(LogCategories, KeysDecideOnEveryCall)
     for (const Category& category : categories) {
         editSettings(everyCategoryOff());
         logText("off", category.level);
-        editSettings(everyCategoryOff().replace(QByteArray(category.key).mid(6) + "=false", QByteArray(category.key).mid(6) + "=true"));
+        editSettings(everyCategoryOff().replace(QByteArray(category.key).mid(6) + "=false",
+                                                QByteArray(category.key).mid(6) + "=true"));
         logText(category.key, category.level);
         expected.append(QString::fromLatin1(category.key));
     }
@@ -364,7 +363,8 @@ TEST(LogEcho, GoesToTheDebugStreamUnlessBitZeroIsSet)
     const MessageRecorder recorder;
     for (const int flag : {0, 1, 2, 3})
         debug(label, QStringLiteral("text %1").arg(flag), DebugAlways, DebugFlag(flag));
-    EXPECT_EQ(recorder.texts(QtDebugMsg), (QStringList{QStringLiteral("\"CComServer\" \"text 0\""), QStringLiteral("\"CComServer\" \"text 2\"")}));
+    EXPECT_EQ(recorder.texts(QtDebugMsg),
+              (QStringList{QStringLiteral("\"CComServer\" \"text 0\""), QStringLiteral("\"CComServer\" \"text 2\"")}));
     EXPECT_EQ(recorder.messages().size(), 2);
     EXPECT_EQ(recorder.messages().value(0).category, QStringLiteral("default"));
     EXPECT_EQ(logTexts().size(), 4);
@@ -377,7 +377,8 @@ TEST(LogEcho, ComesBeforeTheFileWithTheLabelUnfitted)
     QByteArray contentThen("not called");
     recorder.setHandler([&](const Message&) { contentThen = contentOf(logPath()); });
     debug(QStringLiteral("abcdefghijklmnopqrstuvwxyz"), QStringLiteral("two\nlines"), DebugAlways, DebugFlagNone);
-    EXPECT_EQ(recorder.texts(QtDebugMsg), QStringList{QStringLiteral("\"abcdefghijklmnopqrstuvwxyz\" \"two\\nlines\"")});
+    EXPECT_EQ(recorder.texts(QtDebugMsg),
+              QStringList{QStringLiteral("\"abcdefghijklmnopqrstuvwxyz\" \"two\\nlines\"")});
     EXPECT_EQ(contentThen, QByteArray());
     EXPECT_EQ(logLines().size(), 2);
 }
@@ -513,7 +514,8 @@ TEST(LogFile, WithoutAUserHasTwoUnderlines)
     qunsetenv("USER");
     QCoreApplication::setApplicationName(QStringLiteral("app"));
     testsupport::VirtualClock clock;
-    clock.stepWallClockMs(QDateTime(QDate(2025, 1, 2), QTime(12, 0)).toMSecsSinceEpoch() - QDateTime::currentMSecsSinceEpoch());
+    clock.stepWallClockMs(QDateTime(QDate(2025, 1, 2), QTime(12, 0)).toMSecsSinceEpoch() -
+                          QDateTime::currentMSecsSinceEpoch());
     logText("text");
     EXPECT_EQ(QDir(logDirPath()).entryList(QDir::Files), QStringList{QStringLiteral("app__2025.01.02.log")});
 }
@@ -646,7 +648,11 @@ TEST(LogFile, IsClosedAfterEachCall)
 {
     beginEmptyLog();
     logText("text");
-    const auto openFiles = [] { return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size(); };
+    const auto openFiles = [] {
+        return QDir(QStringLiteral("/proc/self/fd"))
+            .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
+            .size();
+    };
     const int before = openFiles();
     for (int i = 0; i < 20; ++i)
         logText("text");
@@ -770,10 +776,12 @@ TEST(LogTroubles, RefusedPermissionsAreReportedAndTheLineIsWritten)
     ASSERT_EQ(recorder.messages().size(), 2);
     EXPECT_EQ(recorder.messages().at(0).type, QtDebugMsg);
     EXPECT_EQ(recorder.messages().at(0).text,
-              QStringLiteral("Не удалось изменить права доступа для каталога \"%1\" \"%2\"").arg(logDirPath(), systemText(EPERM)));
+              QStringLiteral("Не удалось изменить права доступа для каталога \"%1\" \"%2\"")
+                  .arg(logDirPath(), systemText(EPERM)));
     EXPECT_EQ(recorder.messages().at(1).type, QtWarningMsg);
-    EXPECT_EQ(recorder.messages().at(1).text,
-              QStringLiteral("Не удалось изменить права доступа для файла: \"%1\" \"%2\"").arg(logPath(), systemText(EPERM)));
+    EXPECT_EQ(
+        recorder.messages().at(1).text,
+        QStringLiteral("Не удалось изменить права доступа для файла: \"%1\" \"%2\"").arg(logPath(), systemText(EPERM)));
     EXPECT_EQ(logTexts().last(), QStringLiteral("text"));
 }
 
@@ -891,8 +899,10 @@ TEST(LogTroubles, AWriteThatTakesNothingIsAnError)
         errno = ENOENT; // of something before
         logText("lost");
     }
-    EXPECT_EQ(recorder.texts(QtWarningMsg),
-              QStringList{QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"").arg(systemText(EIO))});
+    EXPECT_EQ(
+        recorder.texts(QtWarningMsg),
+        QStringList{
+            QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"").arg(systemText(EIO))});
     EXPECT_EQ(contentOf(logPath()), QByteArray());
 }
 
@@ -914,13 +924,14 @@ TEST(LogTroubles, ARefusedWriteFindsTheFileAnew)
     clock.stepWallClockMs(24 * 3600 * 1000);
     const MessageRecorder recorder;
     {
-        const testsupport::SystemCallWatch watch(logPath().toStdString(), [](testsupport::SystemCall& call) {
-            return call.name == "write" ? EIO : 0;
-        });
+        const testsupport::SystemCallWatch watch(
+            logPath().toStdString(), [](testsupport::SystemCall& call) { return call.name == "write" ? EIO : 0; });
         logText("lost");
     }
-    EXPECT_EQ(recorder.texts(QtWarningMsg),
-              QStringList{QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"").arg(systemText(EIO))});
+    EXPECT_EQ(
+        recorder.texts(QtWarningMsg),
+        QStringList{
+            QStringLiteral("Не удалось записать данные в лог файл. Ошибка записи.  \"%1\"").arg(systemText(EIO))});
     logText("after");
     EXPECT_EQ(logTexts(), QStringList{QStringLiteral("before")});
     EXPECT_EQ(logTexts(logPath(firstDay().addDays(1))).last(), QStringLiteral("after"));
@@ -930,7 +941,8 @@ TEST(LogTroubles, AMessageHandlerMayLog)
 {
     beginEmptyLog();
     MessageRecorder recorder;
-    recorder.setHandler([](const Message& message) { debug(QStringLiteral("Qt"), message.text, DebugAlways, DebugFlagFileOnly); });
+    recorder.setHandler(
+        [](const Message& message) { debug(QStringLiteral("Qt"), message.text, DebugAlways, DebugFlagFileOnly); });
     debug(label, QStringLiteral("text"), DebugAlways, DebugFlagNone);
     EXPECT_EQ(logTexts(), (QStringList{QStringLiteral("\"CComServer\" \"text\""), QStringLiteral("text")}));
 }
@@ -948,7 +960,8 @@ TEST(LogTroubles, AMessageHandlerMayLogTheTroublesOfTheLog)
     const QStringList texts = logTexts();
     ASSERT_GE(texts.size(), 3);
     EXPECT_EQ(texts.at(texts.size() - 3), QStringLiteral("text"));
-    EXPECT_TRUE(texts.at(texts.size() - 2).startsWith(QStringLiteral("Не удалось изменить права доступа для каталога")));
+    EXPECT_TRUE(
+        texts.at(texts.size() - 2).startsWith(QStringLiteral("Не удалось изменить права доступа для каталога")));
     EXPECT_TRUE(texts.at(texts.size() - 1).startsWith(QStringLiteral("Не удалось изменить права доступа для файла:")));
 }
 
@@ -957,7 +970,8 @@ TEST(LogTroubles, AMessageHandlerThatLogsIntoABrokenLogComesToAnEnd)
     qputenv("USER", "operator");
     ASSERT_TRUE(writeFile(logDirPath()));
     MessageRecorder recorder;
-    recorder.setHandler([](const Message& message) { debug(QStringLiteral("Qt"), message.text, DebugAlways, DebugFlagFileOnly); });
+    recorder.setHandler(
+        [](const Message& message) { debug(QStringLiteral("Qt"), message.text, DebugAlways, DebugFlagFileOnly); });
     logText("lost");
     EXPECT_EQ(recorder.texts(QtWarningMsg).size(), 1);
     logText("lost too");
@@ -973,10 +987,12 @@ TEST(LogTroubles, AMessageHandlerMayLogWhatQtSaysWhileTheFileIsWritten)
     qputenv("USER", "operator");
     editSettings("[Permissions]\ndirPermissions=30583\nfilePermissions=26214\n");
     MessageRecorder recorder;
-    recorder.setHandler([](const Message& message) { debug(QStringLiteral("Qt"), message.text, DebugAlways, DebugFlagFileOnly); });
+    recorder.setHandler(
+        [](const Message& message) { debug(QStringLiteral("Qt"), message.text, DebugAlways, DebugFlagFileOnly); });
     testing::internal::CaptureStderr();
     {
-        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod([] { qWarning("from within"); }));
+        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(),
+                                                 testsupport::refusedChmod([] { qWarning("from within"); }));
         logText("text");
     }
     const std::string errorOutput = testing::internal::GetCapturedStderr();
@@ -1036,16 +1052,17 @@ TEST(LogThreads, SettingsAreReadWithoutTheLock)
     LoggerData::initDebug(nullptr);
     int looks = 0;
     {
-        const testsupport::SystemCallWatch watch(rootPath(QStringLiteral("settings")).toStdString(), [&](testsupport::SystemCall&) {
-            ++looks;
-            EXPECT_TRUE(lockIsFree());
-            return 0;
-        });
+        const testsupport::SystemCallWatch watch(rootPath(QStringLiteral("settings")).toStdString(),
+                                                 [&](testsupport::SystemCall&) {
+                                                     ++looks;
+                                                     EXPECT_TRUE(lockIsFree());
+                                                     return 0;
+                                                 });
         logText("text");
     }
     EXPECT_GT(looks, 0);
-    EXPECT_EQ(settingsOnDisk().keys(),
-              (QStringList{QStringLiteral("Permissions/dirPermissions"), QStringLiteral("Permissions/filePermissions")}));
+    EXPECT_EQ(settingsOnDisk().keys(), (QStringList{QStringLiteral("Permissions/dirPermissions"),
+                                                    QStringLiteral("Permissions/filePermissions")}));
 }
 
 TEST(LogThreads, MessagesOfManyThreadsStayWhole)
@@ -1058,7 +1075,8 @@ TEST(LogThreads, MessagesOfManyThreadsStayWhole)
         threads.emplace_back(QThread::create([number] {
             for (int message = 0; message < messageCount; ++message) {
                 const QString text = QStringLiteral("%1 %2").arg(number).arg(message);
-                debug(label, text + QStringLiteral(" begin\n\n") + text + QStringLiteral(" end"), DebugTransportConnects, DebugFlagFileOnly);
+                debug(label, text + QStringLiteral(" begin\n\n") + text + QStringLiteral(" end"),
+                      DebugTransportConnects, DebugFlagFileOnly);
             }
         }));
     }
@@ -1081,7 +1099,8 @@ TEST(LogThreads, MessagesOfManyThreadsStayWhole)
         EXPECT_EQ(columnOf.value(number, column), column);
         columnOf.insert(number, column);
         ASSERT_EQ(lines.at(line + 1), QString());
-        ASSERT_EQ(lines.at(line + 2), blanks(38 + column * 4) + words.at(0) + QLatin1Char(' ') + words.at(1) + QStringLiteral(" end"));
+        ASSERT_EQ(lines.at(line + 2),
+                  blanks(38 + column * 4) + words.at(0) + QLatin1Char(' ') + words.at(1) + QStringLiteral(" end"));
     }
     EXPECT_EQ(QSet<int>(columnOf.cbegin(), columnOf.cend()).size(), threadCount);
 }
@@ -1119,7 +1138,9 @@ TEST(LogThreads, TheLockIsHeldWhileTheFileIsOpen)
     thread->start();
     EXPECT_TRUE(testsupport::waitFor([] { return !lockIsFree(); }));
     // It may have been the short hold for the column: the pipe's is for good.
-    EXPECT_TRUE(testsupport::waitFor([] { return !LoggerData::debugData()->mutex.tryLock(20) || (LoggerData::debugData()->mutex.unlock(), false); }));
+    EXPECT_TRUE(testsupport::waitFor([] {
+        return !LoggerData::debugData()->mutex.tryLock(20) || (LoggerData::debugData()->mutex.unlock(), false);
+    }));
     const int reader = open(QFile::encodeName(logPath()).constData(), O_RDONLY | O_NONBLOCK);
     ASSERT_GE(reader, 0);
     EXPECT_TRUE(thread->wait(30000));

@@ -2,8 +2,8 @@
 // and a record of the messages on the Qt streams.
 #pragma once
 
-#include <functional>
-#include <utility>
+#include "tests/common/printing.h"
+#include "tests/support/testroot.h"
 
 #include <QDate>
 #include <QDir>
@@ -16,13 +16,12 @@
 #include <QVector>
 
 #include <fcntl.h>
+#include <functional>
 #include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#include "tests/common/printing.h"
-#include "tests/support/testroot.h"
+#include <utility>
 
 namespace logtest {
 
@@ -97,8 +96,8 @@ inline QMap<QString, QString> settingsOnDisk()
 inline QByteArray iniOf(const QString& key, const QString& value)
 {
     const int slash = key.indexOf(QLatin1Char('/'));
-    return (QLatin1Char('[') + key.left(slash) + QStringLiteral("]\n") + key.mid(slash + 1) + QLatin1Char('=') + value
-            + QLatin1Char('\n'))
+    return (QLatin1Char('[') + key.left(slash) + QStringLiteral("]\n") + key.mid(slash + 1) + QLatin1Char('=') + value +
+            QLatin1Char('\n'))
         .toUtf8();
 }
 
@@ -118,8 +117,8 @@ inline QDate firstDay()
 
 inline QString logPath(const QDate& date = firstDay(), int level = 0)
 {
-    return logDirPath(level) + QStringLiteral("/test_operator_") + date.toString(QStringLiteral("yyyy.MM.dd"))
-           + QStringLiteral(".log");
+    return logDirPath(level) + QStringLiteral("/test_operator_") + date.toString(QStringLiteral("yyyy.MM.dd")) +
+           QStringLiteral(".log");
 }
 
 // The lines, each without its line end; a last one without a line end counts too.

@@ -1,13 +1,11 @@
 // Names of messages and tasks.
 #include "common/global.h"
+#include "tests/common/printing.h"
+#include "tests/support/testroot.h"
 
 #include <QFile>
 #include <QFileInfo>
-
 #include <gtest/gtest.h>
-
-#include "tests/common/printing.h"
-#include "tests/support/testroot.h"
 
 namespace {
 

@@ -1,20 +1,17 @@
 // What another user has planted where files are made, written to or removed.
+#include "common/global.h"
+#include "common/logger.h"
 #include "common/plantedlinks.h"
+#include "tests/common/logsupport.h"
+#include "tests/support/systemcalls.h"
+
+#include <QFileInfo>
+#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QFileInfo>
-
-#include <gtest/gtest.h>
-
-#include "common/global.h"
-#include "common/logger.h"
-#include "tests/common/logsupport.h"
-#include "tests/support/systemcalls.h"
 
 using namespace logtest;
 using testsupport::SystemCall;
@@ -54,7 +51,7 @@ protected:
     }
 
     // Plants each kind in turn and calls back.
-    template<typename Check>
+    template <typename Check>
     void forEachPlanted(const QString& path, Check check)
     {
         ASSERT_TRUE(QDir().mkpath(QFileInfo(path).path()));
@@ -226,8 +223,10 @@ TEST_F(PlantedLinks, InPlaceOfTheLogAreRefused)
                 emergecyDebug(QStringLiteral("text"));
             else
                 debug(QStringLiteral("Label"), QStringLiteral("text"), DebugAlways, DebugFlagFileOnly);
-            EXPECT_EQ(recorder.texts(QtWarningMsg), QStringList{QStringLiteral("Ошибка открытия файла для записи: \"%1\" \"%2\"")
-                                                                    .arg(logPath(), tooManyLinks())});
+            EXPECT_EQ(
+                recorder.texts(QtWarningMsg),
+                QStringList{
+                    QStringLiteral("Ошибка открытия файла для записи: \"%1\" \"%2\"").arg(logPath(), tooManyLinks())});
             ASSERT_EQ(unlink(encoded(logPath()).constData()), 0);
         }
     }
@@ -264,8 +263,9 @@ TEST_F(PlantedLinks, InPlaceOfTheLogDirectoryAreNotGivenPermissions)
         });
         debug(QStringLiteral("Label"), QStringLiteral("text"), DebugAlways, DebugFlagFileOnly);
     }
-    EXPECT_EQ(recorder.texts(QtDebugMsg), QStringList{QStringLiteral("Не удалось изменить права доступа для каталога \"%1\" \"%2\"")
-                                                          .arg(logDirPath(), QString::fromLocal8Bit(std::strerror(ELOOP)))});
+    EXPECT_EQ(recorder.texts(QtDebugMsg),
+              QStringList{QStringLiteral("Не удалось изменить права доступа для каталога \"%1\" \"%2\"")
+                              .arg(logDirPath(), QString::fromLocal8Bit(std::strerror(ELOOP)))});
 }
 
 TEST_F(PlantedLinks, ToADeviceOfTheAdministratorsChoiceAreFollowed)

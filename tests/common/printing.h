@@ -1,9 +1,9 @@
 // Readable texts in the failures of tests.
 #pragma once
 
-#include <ostream>
-
 #include <QString>
+
+#include <ostream>
 
 inline void PrintTo(const QString& text, std::ostream* out)
 {

@@ -1,10 +1,10 @@
 // A system that refuses to change permissions, for SystemCallWatch.
 #pragma once
 
+#include "tests/support/systemcalls.h"
+
 #include <cerrno>
 #include <functional>
-
-#include "tests/support/systemcalls.h"
 
 namespace testsupport {
 

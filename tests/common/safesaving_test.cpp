@@ -1,26 +1,23 @@
 // Replacing files, writing in bounded time, directories and permissions.
 #include "common/global.h"
-
-#include <cerrno>
-#include <functional>
-
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "tests/common/logsupport.h"
+#include "tests/common/printing.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/testroot.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QIODevice>
 #include <QThread>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/common/logsupport.h"
-#include "tests/common/printing.h"
-#include "tests/support/systemcalls.h"
-#include "tests/support/testroot.h"
+#include <cerrno>
+#include <functional>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using logtest::contentOf;
 using logtest::rootPath;
@@ -72,7 +69,8 @@ protected:
     QByteArray content(const QString& name) const { return contentOf(pathOf(name)); }
     QStringList names() const
     {
-        return QDir(directory).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+        return QDir(directory).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                                         QDir::Name);
     }
     // In the way of a file: a directory that unlink() and rmdir() refuse.
     void putFullDirectory(const QString& name) { put(name + u("/inside"), "x"); }
@@ -177,7 +175,8 @@ TEST_F(SafeSaving, NewContentIsOnTheDiskBeforeItGetsItsName)
     const SystemCallWatch watch(directory.toStdString());
     ASSERT_EQ(save("new"), QString());
     EXPECT_THAT(watch.callsOf({"write", "fsync", "fchmod", "rename", "unlink"}),
-                ElementsAre("write /target.new", "fsync /target.new", "fchmod /target.new", "rename /target.new /target", "fsync "));
+                ElementsAre("write /target.new", "fsync /target.new", "fchmod /target.new",
+                            "rename /target.new /target", "fsync "));
 }
 
 TEST_F(SafeSaving, OldContentIsKeptUntilTheNewOneIsInItsPlace)
@@ -188,7 +187,8 @@ TEST_F(SafeSaving, OldContentIsKeptUntilTheNewOneIsInItsPlace)
     ASSERT_EQ(save("new"), QString());
     EXPECT_THAT(watch.callsOf({"write", "fsync", "fchmod", "rename", "unlink"}),
                 ElementsAre("write /target.new", "fsync /target.new", "fchmod /target.new", "unlink /target.old",
-                            "rename /target /target.old", "rename /target.new /target", "fsync ", "unlink /target.old"));
+                            "rename /target /target.old", "rename /target.new /target", "fsync ",
+                            "unlink /target.old"));
 }
 
 TEST_F(SafeSaving, FileOfTheCallerIsSyncedToo)
@@ -198,7 +198,8 @@ TEST_F(SafeSaving, FileOfTheCallerIsSyncedToo)
     const SystemCallWatch watch(directory.toStdString());
     ASSERT_EQ(Global::safeSaving(target, pathOf(u("ready"))), QString());
     EXPECT_THAT(watch.callsOf({"fsync", "rename", "unlink"}),
-                ElementsAre("fsync /ready", "rename /target /target.old", "rename /ready /target", "fsync ", "unlink /target.old"));
+                ElementsAre("fsync /ready", "rename /target /target.old", "rename /ready /target", "fsync ",
+                            "unlink /target.old"));
 }
 
 // --- Step by step, what fails
@@ -220,10 +221,12 @@ TEST_F(SafeSaving, SideFileIsOpenedTwice)
         const SystemCallWatch watch(directory.toStdString(), [&](SystemCall& call) {
             return call.is("open", side.toStdString()) && ++openings <= failures ? EMFILE : 0;
         });
-        EXPECT_EQ(save("new"), failures == 1 ? QString() : u("Не удалось открыть файл для записи. Too many open files."));
+        EXPECT_EQ(save("new"),
+                  failures == 1 ? QString() : u("Не удалось открыть файл для записи. Too many open files."));
         EXPECT_EQ(openings, 2);
     }
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 7. Не удалось открыть файл для записи. Too many open files.")});
+    EXPECT_EQ(globalLog(),
+              QStringList{u("safeSaving failed 7. Не удалось открыть файл для записи. Too many open files.")});
 }
 
 TEST_F(SafeSaving, DirectoryIsNotForUs)
@@ -241,8 +244,9 @@ TEST_F(SafeSaving, DirectoryCannotBeMade)
     put(u("file"), "x");
     EXPECT_EQ(Global::safeSaving(pathOf(u("file/below/target")), QByteArray("new")),
               u("Не удалось открыть файл для записи. Not a directory."));
-    EXPECT_EQ(globalLog(), (QStringList{u("Не удалось создать путь ") + pathOf(u("file/below")),
-                                        u("safeSaving failed 7. Не удалось открыть файл для записи. Not a directory.")}));
+    EXPECT_EQ(globalLog(),
+              (QStringList{u("Не удалось создать путь ") + pathOf(u("file/below")),
+                           u("safeSaving failed 7. Не удалось открыть файл для записи. Not a directory.")}));
 }
 
 TEST_F(SafeSaving, FullDisk)
@@ -250,8 +254,8 @@ TEST_F(SafeSaving, FullDisk)
     put(u("target"), "old");
     ASSERT_TRUE(QFile::link(u("/dev/full"), side));
     EXPECT_EQ(save("new"), u("Не удалось записать все данные в файл за отведенное время. No space left on device"));
-    EXPECT_EQ(globalLog(),
-              QStringList{u("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. No space left on device")});
+    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 6. Не удалось записать все данные в файл за отведенное "
+                                         "время. No space left on device")});
     EXPECT_EQ(content(u("target")), "old");
     EXPECT_EQ(names(), onlyTarget);
 }
@@ -266,7 +270,8 @@ TEST_F(SafeSaving, DiskThatFillsUp)
         call.bytes = 10;
         return ++writes > 1 ? ENOSPC : 0;
     });
-    EXPECT_EQ(save(patternOf('a', 1000)), u("Не удалось записать все данные в файл за отведенное время. No space left on device"));
+    EXPECT_EQ(save(patternOf('a', 1000)),
+              u("Не удалось записать все данные в файл за отведенное время. No space left on device"));
     EXPECT_GE(writes, 2);
     EXPECT_EQ(content(u("target")), "old");
     EXPECT_EQ(names(), onlyTarget);
@@ -289,7 +294,10 @@ TEST_F(SafeSaving, DiskThatFailsLate)
     put(u("target"), "old");
     const SystemCallWatch watch(directory.toStdString(), failing("fsync", side, EIO));
     EXPECT_EQ(save("new"), u("Не удалось записать все данные в файл за отведенное время. Input/output error"));
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. Input/output error")});
+    EXPECT_EQ(
+        globalLog(),
+        QStringList{
+            u("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. Input/output error")});
     EXPECT_EQ(content(u("target")), "old");
     EXPECT_EQ(names(), onlyTarget);
 }
@@ -310,7 +318,8 @@ TEST_F(SafeSaving, FileSystemsThatCannotSync)
 {
     put(u("target"), "old");
     for (int error : {EINVAL, ENOSYS, EOPNOTSUPP}) {
-        const SystemCallWatch watch(directory.toStdString(), [error](SystemCall& call) { return call.name == "fsync" ? error : 0; });
+        const SystemCallWatch watch(directory.toStdString(),
+                                    [error](SystemCall& call) { return call.name == "fsync" ? error : 0; });
         const QByteArray data = QByteArray::number(error);
         EXPECT_EQ(save(data), QString());
         EXPECT_EQ(content(u("target")), data);
@@ -336,9 +345,12 @@ TEST_F(SafeSaving, SideFileCannotBeRemovedAfterAFailedWrite)
         return call.is("unlink", side.toStdString()) ? EBUSY : 0;
     });
     EXPECT_EQ(save("new"), u("Не удалось записать все данные в файл за отведенное время. No space left on device"));
-    EXPECT_EQ(globalLog(),
-              (QStringList{u("safeSaving failed 5. Не удалось удалить временный файл при ошибке записи. Device or resource busy."),
-                           u("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. No space left on device")}));
+    EXPECT_EQ(
+        globalLog(),
+        (QStringList{
+            u("safeSaving failed 5. Не удалось удалить временный файл при ошибке записи. Device or resource busy."),
+            u("safeSaving failed 6. Не удалось записать все данные в файл за отведенное время. No space left on "
+              "device")}));
     EXPECT_EQ(content(u("target")), "old");
 }
 
@@ -348,8 +360,10 @@ TEST_F(SafeSaving, LeftBackupThatCannotBeRemovedStopsTheSave)
     putFullDirectory(u("target.old"));
     const SystemCallWatch watch(directory.toStdString());
     EXPECT_EQ(save("new"), u("Не удалось удалить файл ") + backup);
-    EXPECT_EQ(globalLog(),
-              QStringList{u("safeSaving file removing failed. Не удалось удалить старый файл при безопасном сохранении ") + backup + u(".")});
+    EXPECT_EQ(
+        globalLog(),
+        QStringList{u("safeSaving file removing failed. Не удалось удалить старый файл при безопасном сохранении ") +
+                    backup + u(".")});
     EXPECT_EQ(content(u("target")), "old");
     EXPECT_THAT(watch.callsOf({"rename"}), ElementsAre());
 }
@@ -359,7 +373,8 @@ TEST_F(SafeSaving, TargetCannotBePutAside)
     put(u("target"), "old");
     const SystemCallWatch watch(directory.toStdString(), failing("rename", target, EACCES));
     EXPECT_EQ(save("new"), u("Не удалось переименовать файл ") + target);
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 1. Не удалось переименовать файл %1. Permission denied").arg(target)});
+    EXPECT_EQ(globalLog(),
+              QStringList{u("safeSaving failed 1. Не удалось переименовать файл %1. Permission denied").arg(target)});
     EXPECT_EQ(content(u("target")), "old");
     EXPECT_FALSE(QFile::exists(backup));
 }
@@ -372,7 +387,8 @@ TEST_F(SafeSaving, TargetCannotBePutAsideInAnothersDirectory)
     ASSERT_TRUE(writeFile(ready, "new"));
     logtest::obeyPermissionBits();
     EXPECT_EQ(Global::safeSaving(target, ready), u("Не удалось переименовать файл ") + target);
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 1. Не удалось переименовать файл %1. Permission denied").arg(target)});
+    EXPECT_EQ(globalLog(),
+              QStringList{u("safeSaving failed 1. Не удалось переименовать файл %1. Permission denied").arg(target)});
     EXPECT_EQ(content(u("target")), "old");
     EXPECT_EQ(contentOf(ready), "new");
 }
@@ -382,7 +398,8 @@ TEST_F(SafeSaving, NewFileCannotTakeThePlace)
     put(u("target"), "old");
     const SystemCallWatch watch(directory.toStdString(), failing("rename", side, EIO));
     EXPECT_EQ(save("new"), u("Не удалось переименовать файл ") + side);
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 2. Не удалось переименовать файл %1. Input/output error").arg(side)});
+    EXPECT_EQ(globalLog(),
+              QStringList{u("safeSaving failed 2. Не удалось переименовать файл %1. Input/output error").arg(side)});
     EXPECT_EQ(content(u("target")), "old");
     EXPECT_FALSE(QFile::exists(backup));
 }
@@ -392,7 +409,9 @@ TEST_F(SafeSaving, MissingNewFileBringsTheOldOneBack)
     put(u("target"), "old");
     const QString missing = pathOf(u("missing"));
     EXPECT_EQ(Global::safeSaving(target, missing), u("Не удалось переименовать файл ") + missing);
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 2. Не удалось переименовать файл %1. No such file or directory").arg(missing)});
+    EXPECT_EQ(globalLog(),
+              QStringList{
+                  u("safeSaving failed 2. Не удалось переименовать файл %1. No such file or directory").arg(missing)});
     EXPECT_EQ(content(u("target")), "old");
     EXPECT_EQ(names(), onlyTarget);
 }
@@ -408,7 +427,9 @@ TEST_F(SafeSaving, OldFileCannotBeBroughtBack)
         });
         EXPECT_EQ(save("new"), u("Не удалось переименовать файл ") + side);
     }
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 3. Не удалось переименовать файл %1. Read-only file system").arg(backup)});
+    EXPECT_EQ(
+        globalLog(),
+        QStringList{u("safeSaving failed 3. Не удалось переименовать файл %1. Read-only file system").arg(backup)});
     EXPECT_EQ(names(), (QStringList{u("target.new"), u("target.old")}));
     EXPECT_EQ(content(u("target.old")), "old");
     EXPECT_EQ(content(u("target.new")), "new");
@@ -418,7 +439,8 @@ TEST_F(SafeSaving, NewFileCannotTakeTheFreePlace)
 {
     const SystemCallWatch watch(directory.toStdString(), failing("rename", side, EIO));
     EXPECT_EQ(save("new"), u("Не удалось переименовать файл ") + side);
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 4. Не удалось переименовать файл %1. Input/output error").arg(side)});
+    EXPECT_EQ(globalLog(),
+              QStringList{u("safeSaving failed 4. Не удалось переименовать файл %1. Input/output error").arg(side)});
     EXPECT_FALSE(QFile::exists(target));
 }
 
@@ -426,7 +448,9 @@ TEST_F(SafeSaving, MissingNewFileForAFreePlace)
 {
     const QString missing = pathOf(u("missing"));
     EXPECT_EQ(Global::safeSaving(target, missing), u("Не удалось переименовать файл ") + missing);
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 4. Не удалось переименовать файл %1. No such file or directory").arg(missing)});
+    EXPECT_EQ(globalLog(),
+              QStringList{
+                  u("safeSaving failed 4. Не удалось переименовать файл %1. No such file or directory").arg(missing)});
     EXPECT_EQ(names(), QStringList());
 }
 
@@ -437,9 +461,9 @@ TEST_F(SafeSaving, BackupThatStaysIsNoFailure)
         const SystemCallWatch watch(directory.toStdString(), failing("unlink", backup, EBUSY));
         EXPECT_EQ(save("new"), QString());
     }
-    EXPECT_EQ(globalLog(),
-              QStringList{u("safeSaving file removing failed. Не удалось удалить старый файл при безопасном сохранении %1. Device or resource busy")
-                              .arg(backup)});
+    EXPECT_EQ(globalLog(), QStringList{u("safeSaving file removing failed. Не удалось удалить старый файл при "
+                                         "безопасном сохранении %1. Device or resource busy")
+                                           .arg(backup)});
     EXPECT_EQ(content(u("target")), "new");
     EXPECT_EQ(content(u("target.old")), "old");
     EXPECT_EQ(save("newer"), QString());
@@ -452,7 +476,8 @@ TEST_F(SafeSaving, PermissionsThatCannotBeSetAreNoFailure)
     const SystemCallWatch watch(directory.toStdString(), failing("fchmod", side, EPERM));
     EXPECT_EQ(save("new"), QString());
     EXPECT_EQ(globalLog().size(), 1);
-    EXPECT_TRUE(globalLog().first().startsWith(u("Не удалось изменить права доступа 0x6666 для файла %1 (0x").arg(side)));
+    EXPECT_TRUE(
+        globalLog().first().startsWith(u("Не удалось изменить права доступа 0x6666 для файла %1 (0x").arg(side)));
     EXPECT_TRUE(globalLog().first().endsWith(u("). Operation not permitted")));
     EXPECT_EQ(content(u("target")), "new");
 }
@@ -463,7 +488,8 @@ TEST_F(SafeSaving, MarkersInNamesStay)
     ASSERT_TRUE(writeFile(path, "old"));
     const SystemCallWatch watch(directory.toStdString(), failing("rename", path, EIO));
     EXPECT_EQ(Global::safeSaving(path, QByteArray("new")), u("Не удалось переименовать файл ") + path);
-    EXPECT_EQ(globalLog(), QStringList{u("safeSaving failed 1. Не удалось переименовать файл ") + path + u(". Input/output error")});
+    EXPECT_EQ(globalLog(),
+              QStringList{u("safeSaving failed 1. Не удалось переименовать файл ") + path + u(". Input/output error")});
 }
 
 TEST_F(SafeSaving, FailuresAreEchoed)
@@ -471,8 +497,9 @@ TEST_F(SafeSaving, FailuresAreEchoed)
     ASSERT_TRUE(QDir().mkpath(side));
     logtest::MessageRecorder messages;
     EXPECT_NE(save("new"), QString());
-    EXPECT_EQ(messages.texts(QtDebugMsg),
-              QStringList{u("\"Global\" \"safeSaving failed 7. Не удалось открыть файл для записи. Is a directory.\"")});
+    EXPECT_EQ(
+        messages.texts(QtDebugMsg),
+        QStringList{u("\"Global\" \"safeSaving failed 7. Не удалось открыть файл для записи. Is a directory.\"")});
 }
 
 // --- After a crash
@@ -587,11 +614,24 @@ struct Report
     bool reached;
 };
 
-enum class Outcome { Saved, Refused, Killed, Broken };
+enum class Outcome
+{
+    Saved,
+    Refused,
+    Killed,
+    Broken
+};
 
 constexpr int killedCode = 99;
 
-enum class Fault { FailsOnce, FailsForGood, Kills, TearsAndKills, FillsTheDisk };
+enum class Fault
+{
+    FailsOnce,
+    FailsForGood,
+    Kills,
+    TearsAndKills,
+    FillsTheDisk
+};
 
 struct FaultRow
 {
@@ -621,7 +661,8 @@ class SafeSavingUnderFaults : public SafeSaving, public testing::WithParamInterf
 {
 protected:
     SafeSavingUnderFaults()
-        : report(static_cast<Report*>(mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
+        : report(static_cast<Report*>(
+              mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
     {
         // Thousands of messages about the faults would hide the one that matters.
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
@@ -651,12 +692,9 @@ protected:
             return isSaved ? 0 : 1;
         });
         switch (code) {
-        case 0:
-            return Outcome::Saved;
-        case 1:
-            return Outcome::Refused;
-        case killedCode:
-            return Outcome::Killed;
+        case 0: return Outcome::Saved;
+        case 1: return Outcome::Refused;
+        case killedCode: return Outcome::Killed;
         }
         return Outcome::Broken;
     }
@@ -671,12 +709,9 @@ protected:
             return 0;
         const bool isNow = call.index == faultIndex;
         switch (GetParam().fault) {
-        case Fault::FailsOnce:
-            return isNow ? GetParam().error : 0;
-        case Fault::FailsForGood:
-            return GetParam().error;
-        case Fault::Kills:
-            _exit(killedCode);
+        case Fault::FailsOnce: return isNow ? GetParam().error : 0;
+        case Fault::FailsForGood: return GetParam().error;
+        case Fault::Kills: _exit(killedCode);
         case Fault::TearsAndKills:
             // The half of a write is on the disk when the process ends at its next call.
             if (isNow && call.name == "write") {
@@ -707,7 +742,8 @@ void SafeSavingUnderFaults::tryEveryCall(const std::string& prefix, const std::f
     ASSERT_GT(calls, 8);
     for (int index = 0; index < calls; ++index) {
         for (bool isRecovered : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "call " << index << " of " << calls << (isRecovered ? ", recovered" : ""));
+            SCOPED_TRACE(testing::Message()
+                         << "call " << index << " of " << calls << (isRecovered ? ", recovered" : ""));
             prepare();
             const Outcome outcome = saveWithFault(prefix, index);
             ASSERT_TRUE(report->reached);
@@ -730,22 +766,13 @@ void SafeSavingUnderFaults::expectNothingLost(Outcome outcome, bool oldStood)
 {
     const bool isThere = QFile::exists(target);
     const bool isNew = isThere && content(u("target")) == newContent;
-    const bool isOld = oldStood
-        ? (isThere ? content(u("target")) == oldContent : content(u("target.old")) == oldContent)
-        : !isThere;
+    const bool isOld =
+        oldStood ? (isThere ? content(u("target")) == oldContent : content(u("target.old")) == oldContent) : !isThere;
     switch (outcome) {
-    case Outcome::Saved:
-        EXPECT_TRUE(isNew) << "reported as saved, but it is not";
-        return;
-    case Outcome::Refused:
-        EXPECT_TRUE(isOld) << "refused, but what stood there is gone";
-        return;
-    case Outcome::Killed:
-        EXPECT_TRUE(isNew || isOld) << "neither old nor new is whole";
-        return;
-    case Outcome::Broken:
-        ADD_FAILURE() << "the process crashed";
-        return;
+    case Outcome::Saved: EXPECT_TRUE(isNew) << "reported as saved, but it is not"; return;
+    case Outcome::Refused: EXPECT_TRUE(isOld) << "refused, but what stood there is gone"; return;
+    case Outcome::Killed: EXPECT_TRUE(isNew || isOld) << "neither old nor new is whole"; return;
+    case Outcome::Broken: ADD_FAILURE() << "the process crashed"; return;
     }
 }
 
@@ -753,7 +780,8 @@ void SafeSavingUnderFaults::expectNothingLost(Outcome outcome, bool oldStood)
 
 TEST_P(SafeSavingUnderFaults, OfANewFile)
 {
-    tryEveryCall(directory.toStdString(), [this] { QDir(directory).removeRecursively(); }, false);
+    tryEveryCall(
+        directory.toStdString(), [this] { QDir(directory).removeRecursively(); }, false);
 }
 
 TEST_P(SafeSavingUnderFaults, OfAnExistingFile)
@@ -1038,8 +1066,9 @@ TEST_P(DirectoryPermissions, BecomeModes)
 
 // Owner, user, group and others; on this system owner and user are one. Out of range: 0777.
 INSTANTIATE_TEST_SUITE_P(Each, DirectoryPermissions,
-                         testing::Values(PermissionRow{0x7777, 0777}, PermissionRow{0x7755, 0755}, PermissionRow{0x7750, 0750},
-                                         PermissionRow{0x7711, 0711}, PermissionRow{0x7111, 0711}, PermissionRow{0x7700, 0700},
+                         testing::Values(PermissionRow{0x7777, 0777}, PermissionRow{0x7755, 0755},
+                                         PermissionRow{0x7750, 0750}, PermissionRow{0x7711, 0711},
+                                         PermissionRow{0x7111, 0711}, PermissionRow{0x7700, 0700},
                                          PermissionRow{0x7110, 0777}, PermissionRow{0x7778, 0777}));
 
 TEST_P(OrdinaryFilePermissions, BecomeModes)
@@ -1054,8 +1083,9 @@ TEST_P(OrdinaryFilePermissions, BecomeModes)
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, OrdinaryFilePermissions,
-                         testing::Values(PermissionRow{0x6666, 0666}, PermissionRow{0x6644, 0644}, PermissionRow{0x6640, 0640},
-                                         PermissionRow{0x6604, 0604}, PermissionRow{0x6000, 0600}, PermissionRow{0x6100, 0700},
+                         testing::Values(PermissionRow{0x6666, 0666}, PermissionRow{0x6644, 0644},
+                                         PermissionRow{0x6640, 0640}, PermissionRow{0x6604, 0604},
+                                         PermissionRow{0x6000, 0600}, PermissionRow{0x6100, 0700},
                                          PermissionRow{0x5fff, 0666}, PermissionRow{0x6667, 0666}));
 
 TEST_F(SafeSaving, PermissionsAreReadOnce)
@@ -1108,8 +1138,8 @@ TEST_F(SafeSaving, DirectoryWhosePermissionsCannotBeSet)
         EXPECT_FALSE(Global::makePath(QDir(path)));
     }
     EXPECT_TRUE(QFileInfo(path).isDir());
-    EXPECT_EQ(globalLog(),
-              QStringList{u("Не удалось изменить права доступа 0x7777 для каталога ") + path + u(" (0x7750). Operation not permitted")});
+    EXPECT_EQ(globalLog(), QStringList{u("Не удалось изменить права доступа 0x7777 для каталога ") + path +
+                                       u(" (0x7750). Operation not permitted")});
 }
 
 TEST_F(SafeSaving, InnerDirectoryWhosePermissionsCannotBeSet)
@@ -1121,8 +1151,8 @@ TEST_F(SafeSaving, InnerDirectoryWhosePermissionsCannotBeSet)
         EXPECT_FALSE(Global::makePath(QDir(inner + u("/y"))));
     }
     EXPECT_EQ(logtest::modeOf(inner + u("/y")), 0777);
-    EXPECT_EQ(globalLog(), QStringList{u("Не удалось изменить права доступа 0x7777 для внутреннего каталога ") + inner
-                                       + u(" (0x7750). Operation not permitted")});
+    EXPECT_EQ(globalLog(), QStringList{u("Не удалось изменить права доступа 0x7777 для внутреннего каталога ") + inner +
+                                       u(" (0x7750). Operation not permitted")});
 }
 
 TEST_F(SafeSaving, FileWhosePermissionsCannotBeSet)
@@ -1134,8 +1164,8 @@ TEST_F(SafeSaving, FileWhosePermissionsCannotBeSet)
         const SystemCallWatch watch(directory.toStdString(), failing("fchmod", pathOf(u("file")), EPERM));
         EXPECT_FALSE(Global::setFilePermissions(pathOf(u("file"))));
     }
-    EXPECT_EQ(globalLog(),
-              (QStringList{u("Не удалось изменить права доступа 0x6666 для файла ") + missing + u(" (0x0). No such file or directory"),
-                           u("Не удалось изменить права доступа 0x6666 для файла ") + pathOf(u("file"))
-                               + u(" (0x6600). Operation not permitted")}));
+    EXPECT_EQ(globalLog(), (QStringList{u("Не удалось изменить права доступа 0x6666 для файла ") + missing +
+                                            u(" (0x0). No such file or directory"),
+                                        u("Не удалось изменить права доступа 0x6666 для файла ") + pathOf(u("file")) +
+                                            u(" (0x6600). Operation not permitted")}));
 }

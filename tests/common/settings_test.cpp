@@ -1,24 +1,21 @@
 // The settings store: each key, the file's life, other processes, other threads.
 #include "common/csettings.h"
+#include "tests/common/logsupport.h"
+#include "tests/common/refusedchmod.h"
+#include "tests/support/blockedthread.h"
+
+#include <QCoreApplication>
+#include <QThread>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <sys/stat.h>
 #include <thread>
 #include <vector>
-
-#include <QCoreApplication>
-#include <QThread>
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
-#include "tests/common/logsupport.h"
-#include "tests/common/refusedchmod.h"
-#include "tests/support/blockedthread.h"
 
 using namespace logtest;
 
@@ -72,9 +69,11 @@ const IntKey intKeys[] = {
     {"Permissions/dirPermissions", 30583, 28945, 30583, &CSettings::dirPermissions},
     {"Permissions/filePermissions", 26214, 24576, 26214, &CSettings::filePermissions},
     {"Details/maxWritingTime", 5000, 100, 10000, &CSettings::detailsMaxWritingTime},
-    {"Details/transportServerThreadStopTimeout", 10000, 100, 60000, &CSettings::detailsTransportServerThreadStopTimeout},
+    {"Details/transportServerThreadStopTimeout", 10000, 100, 60000,
+     &CSettings::detailsTransportServerThreadStopTimeout},
     {"Details/transportComAtOkTimeout", 1000, lowest, highest, &CSettings::detailsTransportComAtOkTimeout},
-    {"Details/transportComAtReadyCheckTimeout", 60000, lowest, highest, &CSettings::detailsTransportComAtReadyCheckTimeout},
+    {"Details/transportComAtReadyCheckTimeout", 60000, lowest, highest,
+     &CSettings::detailsTransportComAtReadyCheckTimeout},
     {"Details/transportComDsrCheckInterval", 1000, lowest, highest, &CSettings::detailsTransportComDsrCheckInterval},
     {"Details/transportComOpenInterval", 3000, lowest, highest, &CSettings::detailsTransportComOpenInterval},
     {"Details/transportComConnectTimeout", 30000, lowest, highest, &CSettings::detailsTransportComConnectTimeout},
@@ -285,7 +284,8 @@ TEST(SettingsKeys, TheControlSymbolIsACarriageReturnUnlessSet)
 
     for (const char* text : {"\\r\\n", "\\n", "\";\"", "", "abc"}) {
         editSettings(iniOf(symbolKey, keyText(text)));
-        const QString expected = keyText(text).replace(QStringLiteral("\\r"), QStringLiteral("\r"))
+        const QString expected = keyText(text)
+                                     .replace(QStringLiteral("\\r"), QStringLiteral("\r"))
                                      .replace(QStringLiteral("\\n"), QStringLiteral("\n"))
                                      .remove(QLatin1Char('"'));
         EXPECT_EQ(CSettings().detailsTransportComControlSymbol(), expected) << text;
@@ -324,13 +324,19 @@ TEST(SettingsKeys, AreDocumentedAsTheyAre)
 {
     const QString page = QString::fromUtf8(contentOf(QStringLiteral(SETTINGS_PAGE)));
     ASSERT_FALSE(page.isEmpty());
-    const auto name = [](const char* key) { return QLatin1Char('`') + keyText(key).section(QLatin1Char('/'), 1) + QLatin1Char('`'); };
+    const auto name = [](const char* key) {
+        return QLatin1Char('`') + keyText(key).section(QLatin1Char('/'), 1) + QLatin1Char('`');
+    };
     for (const BoolKey& key : boolKeys)
-        EXPECT_TRUE(page.contains(QStringLiteral("| ") + name(key.key) + QStringLiteral(" | ") + boolText(key.defaultValue) + QStringLiteral(" |")))
+        EXPECT_TRUE(page.contains(QStringLiteral("| ") + name(key.key) + QStringLiteral(" | ") +
+                                  boolText(key.defaultValue) + QStringLiteral(" |")))
             << key.key;
     for (const IntKey& key : intKeys) {
-        const QString range = key.minimum == lowest ? QStringLiteral("any") : QStringLiteral("%1 to %2").arg(key.minimum).arg(key.maximum);
-        const QStringList row = page.section(QStringLiteral("\n| ") + name(key.key) + QStringLiteral(" | "), 1).section(QLatin1Char('\n'), 0, 0).split(QStringLiteral(" | "));
+        const QString range = key.minimum == lowest ? QStringLiteral("any")
+                                                    : QStringLiteral("%1 to %2").arg(key.minimum).arg(key.maximum);
+        const QStringList row = page.section(QStringLiteral("\n| ") + name(key.key) + QStringLiteral(" | "), 1)
+                                    .section(QLatin1Char('\n'), 0, 0)
+                                    .split(QStringLiteral(" | "));
         ASSERT_GE(row.size(), 4) << key.key;
         EXPECT_TRUE(row.at(0).startsWith(QStringLiteral("int"))) << key.key;
         EXPECT_EQ(row.at(1).section(QLatin1Char(' '), 0, 0), QString::number(key.defaultValue)) << key.key;
@@ -466,12 +472,13 @@ TEST(SettingsFile, EditsFromBothSidesAreMerged)
 
 TEST(SettingsFile, AnEditWhileItIsWrittenIsSeen)
 {
-    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), [](testsupport::SystemCall& call) {
-        // Between the writing and the look at the file's time.
-        if (call.is("chmod", settingsPath().toStdString()))
-            editSettings("[Details]\nmaxWritingTime=200\n");
-        return 0;
-    });
+    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(),
+                                             [](testsupport::SystemCall& call) {
+                                                 // Between the writing and the look at the file's time.
+                                                 if (call.is("chmod", settingsPath().toStdString()))
+                                                     editSettings("[Details]\nmaxWritingTime=200\n");
+                                                 return 0;
+                                             });
     EXPECT_FALSE(CSettings().debugAll());
     EXPECT_EQ(CSettings().detailsMaxWritingTime(), 200);
 }
@@ -587,7 +594,8 @@ TEST(SettingsPointerClass, SyncTakesTheFilesTimeAndTheMark)
 // Each change posts one, and a thread without an event loop would pile them up.
 TEST(SettingsPointerClass, SyncTakesBackTheDelayedWriteBack)
 {
-    struct Counter : QObject {
+    struct Counter : QObject
+    {
         bool eventFilter(QObject*, QEvent* event) override
         {
             count += event->type() == QEvent::UpdateRequest ? 1 : 0;
@@ -673,7 +681,8 @@ TEST(SettingsTroubles, AHandlerOfQtsOwnMessagesGetsDefaults)
         }
     });
     {
-        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod([] { qWarning("from within"); }));
+        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(),
+                                                 testsupport::refusedChmod([] { qWarning("from within"); }));
         EXPECT_FALSE(CSettings().debugAll());
     }
     EXPECT_GE(handled, 2);
@@ -741,14 +750,16 @@ TEST(SettingsThreads, OneOperationWaitsForAnother)
 {
     std::unique_ptr<testsupport::ObservedThread> other;
     {
-        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), [&](testsupport::SystemCall& call) {
-            // In the middle of this thread's operation, where Qt holds no lock of its own.
-            if ((call.name == "chmod" || call.name == "fchmod") && call.path == rootPath(QStringLiteral("settings")).toStdString() && !other) {
-                other = std::make_unique<testsupport::ObservedThread>([] { CSettings().debugIpcData(); });
-                EXPECT_TRUE(other->sleepsBeforeItsEnd());
-            }
-            return 0;
-        });
+        const testsupport::SystemCallWatch watch(
+            testsupport::installRoot().toStdString(), [&](testsupport::SystemCall& call) {
+                // In the middle of this thread's operation, where Qt holds no lock of its own.
+                if ((call.name == "chmod" || call.name == "fchmod") &&
+                    call.path == rootPath(QStringLiteral("settings")).toStdString() && !other) {
+                    other = std::make_unique<testsupport::ObservedThread>([] { CSettings().debugIpcData(); });
+                    EXPECT_TRUE(other->sleepsBeforeItsEnd());
+                }
+                return 0;
+            });
         EXPECT_FALSE(CSettings().debugAll());
     }
     ASSERT_TRUE(other);

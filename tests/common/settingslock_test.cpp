@@ -1,19 +1,16 @@
 // The settings file when something stands in the way of writing it.
 #include "common/csettings.h"
-
-#include <functional>
-#include <memory>
+#include "tests/common/logsupport.h"
 
 #include <QDir>
 #include <QLockFile>
 #include <QThread>
-
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "tests/common/logsupport.h"
 
 using namespace logtest;
 

@@ -12,7 +12,8 @@ inline QStringList taken(logtest::MessageRecorder& recorder)
     static const char* const names[] = {"debug", "warning", "critical", "fatal", "info"};
     QStringList texts;
     for (const logtest::Message& message : recorder.messages()) {
-        const QString category = message.category == QLatin1String("default") ? QString() : message.category + QLatin1Char(' ');
+        const QString category =
+            message.category == QLatin1String("default") ? QString() : message.category + QLatin1Char(' ');
         texts.append(category + QString::fromLatin1(names[message.type]) + QStringLiteral(": ") + message.text);
     }
     recorder.clear();

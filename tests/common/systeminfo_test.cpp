@@ -1,9 +1,10 @@
 // The report on build and machine at the head of every log.
 #include "common/csysteminfo.h"
-
-#include <sys/sysinfo.h>
-#include <sys/utsname.h>
-#include <unistd.h>
+#include "common/global.h"
+#include "tests/common/printing.h"
+#include "tests/common/streammessages.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/testroot.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -11,14 +12,11 @@
 #include <QRegularExpression>
 #include <QSysInfo>
 #include <QTimeZone>
-
 #include <gtest/gtest.h>
 
-#include "common/global.h"
-#include "tests/common/printing.h"
-#include "tests/common/streammessages.h"
-#include "tests/support/systemcalls.h"
-#include "tests/support/testroot.h"
+#include <sys/sysinfo.h>
+#include <sys/utsname.h>
+#include <unistd.h>
 
 using logtest::MessageRecorder;
 using testsupport::taken;
@@ -112,7 +110,8 @@ TEST(SystemInfo, Memory)
     const QString line = CSystemInfo::RAMInfo();
     EXPECT_TRUE(matches(line, "ОЗУ:                  свободно [0-9.]+ (байт|[КМГТ]Байт) из [0-9.]+ [КМГТ]Байт"))
         << qPrintable(line);
-    EXPECT_TRUE(line.endsWith(u(" из ") + Global::sizeString(qint64(info.totalram) * info.mem_unit))) << qPrintable(line);
+    EXPECT_TRUE(line.endsWith(u(" из ") + Global::sizeString(qint64(info.totalram) * info.mem_unit)))
+        << qPrintable(line);
 }
 
 TEST(SystemInfo, OperatingSystem)
@@ -141,8 +140,9 @@ TEST(SystemInfo, EnvironmentInItsOrder)
     qputenv("SESSIONNAME", "s");
     qputenv("HOME", "/home/me");
     qputenv("OTHER", "not shown");
-    EXPECT_EQ(CSystemInfo::envInfo(),
-              u("Окружение:            HOME - /home/me, SESSIONNAME - s, SystemDrive - d, WINDIR - w, PATH - /bin:/usr/bin"));
+    EXPECT_EQ(
+        CSystemInfo::envInfo(),
+        u("Окружение:            HOME - /home/me, SESSIONNAME - s, SystemDrive - d, WINDIR - w, PATH - /bin:/usr/bin"));
 }
 
 TEST(SystemInfo, EnvironmentOfOneVariable)
@@ -202,13 +202,15 @@ TEST(SystemInfo, TimeZone)
     const QTimeZone zone = QTimeZone::systemTimeZone();
     const QDateTime now = QDateTime::currentDateTime();
     const QString season = zone.isDaylightTime(now) ? u("летнее время") : u("стандартное время");
-    EXPECT_EQ(CSystemInfo::timezoneInfo(), u("Часовой пояс:         ") + zone.displayName(now) + QLatin1Char(' ') + season);
+    EXPECT_EQ(CSystemInfo::timezoneInfo(),
+              u("Часовой пояс:         ") + zone.displayName(now) + QLatin1Char(' ') + season);
 }
 
 TEST(SystemInfo, TimeZoneWithoutSummerTime)
 {
     qputenv("TZ", "UTC");
-    EXPECT_TRUE(CSystemInfo::timezoneInfo().endsWith(u(" стандартное время"))) << qPrintable(CSystemInfo::timezoneInfo());
+    EXPECT_TRUE(CSystemInfo::timezoneInfo().endsWith(u(" стандартное время")))
+        << qPrintable(CSystemInfo::timezoneInfo());
 }
 
 TEST(SystemInfo, ProcessorHasItsModel)
@@ -219,14 +221,16 @@ TEST(SystemInfo, ProcessorHasItsModel)
     for (QByteArray chunk = file.read(65536); !chunk.isEmpty(); chunk = file.read(65536))
         text += QString::fromUtf8(chunk);
     const QString model = QRegularExpression(u("model name[^\n]*?: ([^\n]*)")).match(text).captured(1);
-    EXPECT_EQ(CSystemInfo::CPUInfo(), u("Процессор:            ") + model + u(", ") + QSysInfo::currentCpuArchitecture());
+    EXPECT_EQ(CSystemInfo::CPUInfo(),
+              u("Процессор:            ") + model + u(", ") + QSysInfo::currentCpuArchitecture());
     EXPECT_EQ(text.contains(u("model name")), !model.isEmpty());
 }
 
 TEST(SystemInfo, ProcessorModelIsTheFirst)
 {
-    const QString path =
-        put("cpuinfo", "processor\t: 0\nvendor_id\t: V: W\nmodel\t\t: 6\nmodel name\t: First: CPU @ 2.0 %1  \nmodel name\t: Second\n");
+    const QString path = put(
+        "cpuinfo",
+        "processor\t: 0\nvendor_id\t: V: W\nmodel\t\t: 6\nmodel name\t: First: CPU @ 2.0 %1  \nmodel name\t: Second\n");
     EXPECT_EQ(CSystemInfo::processorModel(path), u("First: CPU @ 2.0 %1  "));
     EXPECT_EQ(CSystemInfo::processorModel(put("b", "model name\t: No line end")), u("No line end"));
     EXPECT_EQ(CSystemInfo::processorModel(put("c", "model name\t: \n")), u(""));
@@ -250,7 +254,8 @@ TEST(SystemInfo, ProcessorFileClosed)
 
 TEST(SystemInfo, LineOfAProcessorWithoutFile)
 {
-    const testsupport::SystemCallWatch watch("/proc/cpuinfo", [](testsupport::SystemCall& call) { return call.name == "open" ? EACCES : 0; });
+    const testsupport::SystemCallWatch watch(
+        "/proc/cpuinfo", [](testsupport::SystemCall& call) { return call.name == "open" ? EACCES : 0; });
     MessageRecorder messages;
     EXPECT_EQ(CSystemInfo::CPUInfo(), u("Процессор:            , ") + QSysInfo::currentCpuArchitecture());
     EXPECT_EQ(taken(messages), QStringList{u("warning: Ошибка открытия файла для чтения: /proc/cpuinfo")});
@@ -285,14 +290,15 @@ TEST(SystemInfo, GroupFileClosed)
 {
     MessageRecorder messages;
     EXPECT_EQ(CSystemInfo::groupsOf(u("ab"), inRoot("bin")), QStringList());
-    EXPECT_EQ(taken(messages), QStringList{u("warning: SystemInfo: Ошибка открытия файла для чтения: ") + inRoot("bin")});
+    EXPECT_EQ(taken(messages),
+              QStringList{u("warning: SystemInfo: Ошибка открытия файла для чтения: ") + inRoot("bin")});
 }
 
 TEST(SystemInfo, UserOfNoGroup)
 {
     qputenv("USER", "in%1nogroup%2whatever");
-    EXPECT_EQ(CSystemInfo::userGroupsInfo(), u("Пользователь:         in%1nogroup%2whatever@") + QSysInfo::machineHostName()
-                                                 + u("\nГруппы:               "));
+    EXPECT_EQ(CSystemInfo::userGroupsInfo(), u("Пользователь:         in%1nogroup%2whatever@") +
+                                                 QSysInfo::machineHostName() + u("\nГруппы:               "));
 }
 
 TEST(SystemInfo, GroupsComeFromTheSystem)
@@ -314,7 +320,8 @@ TEST(SystemInfo, GroupsComeFromTheSystem)
 TEST(SystemInfo, Header)
 {
     const QString header = CSystemInfo::summaryInfo().section(QLatin1Char('\n'), 0, 0);
-    EXPECT_TRUE(matches(header, "Версия [^ ]+ .*[^ ] {8}Builded at [A-Z][a-z]{2} [ 1-3][0-9] [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2} with Qt 5\\.[0-9.]+"))
+    EXPECT_TRUE(matches(header, "Версия [^ ]+ .*[^ ] {8}Builded at [A-Z][a-z]{2} [ 1-3][0-9] [0-9]{4} "
+                                "[0-9]{2}:[0-9]{2}:[0-9]{2} with Qt 5\\.[0-9.]+"))
         << qPrintable(header);
     EXPECT_TRUE(header.endsWith(u(" with Qt " QT_VERSION_STR))) << qPrintable(header);
 }
@@ -328,8 +335,8 @@ TEST(SystemInfo, SummaryHoldsEachPartOnce)
     const QStringList lines = summary.chopped(2).split(QLatin1Char('\n'));
     ASSERT_EQ(lines.size(), 12); // the user takes two
     EXPECT_TRUE(lines.first().startsWith(u("Версия ")));
-    for (const char* label : {"Версия ОС:", "Процессор:", "ОЗУ:", "Жесткий диск:", "Пользователь:", "Группы:", "Окружение:",
-                              "Порядок байт:", "Аптайм:", "Часовой пояс:", "Каталог:"}) {
+    for (const char* label : {"Версия ОС:", "Процессор:", "ОЗУ:", "Жесткий диск:", "Пользователь:", "Группы:",
+                              "Окружение:", "Порядок байт:", "Аптайм:", "Часовой пояс:", "Каталог:"}) {
         EXPECT_EQ(lines.filter(QRegularExpression(QLatin1Char('^') + u(label))).size(), 1) << label;
     }
     EXPECT_EQ(taken(messages), QStringList());

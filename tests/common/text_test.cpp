@@ -1,22 +1,19 @@
 // Numbers as display texts, names fit for files, the user and the free space.
 #include "common/global.h"
-
-#include <clocale>
-#include <cstdarg>
-#include <cstdio>
-#include <limits>
-
-#include <dlfcn.h>
-#include <sys/statvfs.h>
+#include "tests/common/printing.h"
+#include "tests/support/testroot.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QLocale>
-
 #include <gtest/gtest.h>
 
-#include "tests/common/printing.h"
-#include "tests/support/testroot.h"
+#include <clocale>
+#include <cstdarg>
+#include <cstdio>
+#include <dlfcn.h>
+#include <limits>
+#include <sys/statvfs.h>
 
 namespace {
 
@@ -151,9 +148,9 @@ TEST(TimeText, SecondsMinutesHours)
         qint64 seconds;
         const char* text;
     } rows[] = {
-        {0, "0 сек."},         {59, "59 сек."},          {60, "1 м. 0 сек."},    {61, "1 м. 1 сек."},
-        {3599, "59 м. 59 сек."}, {3600, "1 ч. 0 м."},      {3659, "1 ч. 0 м."},    {3660, "1 ч. 1 м."},
-        {7199, "1 ч. 59 м."},  {90000, "25 ч. 0 м."},    {8640000, "2400 ч. 0 м."},
+        {0, "0 сек."},           {59, "59 сек."},       {60, "1 м. 0 сек."},       {61, "1 м. 1 сек."},
+        {3599, "59 м. 59 сек."}, {3600, "1 ч. 0 м."},   {3659, "1 ч. 0 м."},       {3660, "1 ч. 1 м."},
+        {7199, "1 ч. 59 м."},    {90000, "25 ч. 0 м."}, {8640000, "2400 ч. 0 м."},
     };
     for (const auto& row : rows)
         EXPECT_EQ(Global::timeStringSec(row.seconds), u(row.text)) << row.seconds;
@@ -288,5 +285,6 @@ TEST(FreeSpace, OfTheNearestExistingAncestor)
 // Only a volume of another size shows that the way up stops where it should.
 TEST(FreeSpace, OfTheVolumeInBetween)
 {
-    EXPECT_TRUE(isFreeSpaceOf(Global::diskFreeSpace(QStringLiteral("/dev/shm/missing_for_sure/too")), QStringLiteral("/dev/shm")));
+    EXPECT_TRUE(isFreeSpaceOf(Global::diskFreeSpace(QStringLiteral("/dev/shm/missing_for_sure/too")),
+                              QStringLiteral("/dev/shm")));
 }

@@ -1,15 +1,14 @@
-#include "host/installation/abonentbook.h"
 #include "common/global.h"
+#include "host/installation/abonentbook.h"
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 #include "tests/host/storetools.h"
 
-#include <thread>
-
 #include <QDataStream>
 #include <QFileInfo>
-
 #include <gtest/gtest.h>
+
+#include <thread>
 
 using namespace host;
 using namespace hosttest;
@@ -63,7 +62,8 @@ TEST_F(Book, KeepsAbonentsKeysAndWhatIsBlocked)
         records->abonents[1].isBlocked = true;
         records->blockedKeys.append(key('x'));
         return records->pin(0, key('b'), Abonent::Pinned::OnFirstCall);
-    }), QString());
+    }),
+              QString());
     AbonentBook other(path);
     AbonentRecords records;
     ASSERT_EQ(other.read(&records), QString());
@@ -95,16 +95,19 @@ TEST_F(Book, TheOldVersionIsReadAndRewrittenByTheFirstChange)
     EXPECT_EQ(read().abonents.first().channelData, QByteArray("abc"));
     EXPECT_EQ(readAll(path), old) << "reading writes nothing";
     ASSERT_EQ(add(QStringLiteral("Carol")), QString());
-    EXPECT_TRUE(readAll(path).startsWith(QByteArray::fromHex("00000002 00000002 00000006 0042006F0062 00000002 00000003 616263")));
+    EXPECT_TRUE(readAll(path).startsWith(
+        QByteArray::fromHex("00000002 00000002 00000006 0042006F0062 00000002 00000003 616263")));
     EXPECT_EQ(read().abonents.size(), 2);
 }
 
 TEST_F(Book, DamageIsToldAndNotWrittenOver)
 {
     ASSERT_EQ(add(QStringLiteral("Bob")), QString());
-    ASSERT_EQ(book.change([](AbonentRecords* records) { return records->pin(0, key('b'), Abonent::Pinned::ByHand); }), QString());
+    ASSERT_EQ(book.change([](AbonentRecords* records) { return records->pin(0, key('b'), Abonent::Pinned::ByHand); }),
+              QString());
     const QByteArray good = readAll(path);
-    QVector<QByteArray> damages{QByteArray(), QByteArray::fromHex("000000017FFFFFFF"), QByteArray::fromHex("00000002FFFFFFFF"),
+    QVector<QByteArray> damages{QByteArray(), QByteArray::fromHex("000000017FFFFFFF"),
+                                QByteArray::fromHex("00000002FFFFFFFF"),
                                 QByteArray::fromHex("0000000200000000FFFFFFFF")};
     for (int length = 4; length < good.size(); ++length)
         damages.append(good.left(length));
@@ -112,7 +115,8 @@ TEST_F(Book, DamageIsToldAndNotWrittenOver)
         writeFile(path, damage);
         AbonentRecords records;
         AbonentBook fresh(path);
-        EXPECT_TRUE(fresh.read(&records).startsWith(path + QStringLiteral(": the data is damaged"))) << damage.toHex().constData();
+        EXPECT_TRUE(fresh.read(&records).startsWith(path + QStringLiteral(": the data is damaged")))
+            << damage.toHex().constData();
         EXPECT_FALSE(add(QStringLiteral("Eve")).isEmpty());
         EXPECT_EQ(readAll(path), damage);
     }
@@ -128,7 +132,8 @@ TEST_F(Book, AKeyHasOneAbonentAndAnAbonentOneKey)
     ASSERT_EQ(add(QStringLiteral("Bob")), QString());
     ASSERT_EQ(add(QStringLiteral("Carol")), QString());
     const auto pin = [&](int index, char letter) {
-        return book.change([&](AbonentRecords* records) { return records->pin(index, key(letter), Abonent::Pinned::ByHand); });
+        return book.change(
+            [&](AbonentRecords* records) { return records->pin(index, key(letter), Abonent::Pinned::ByHand); });
     };
     EXPECT_EQ(pin(0, 'b'), QString());
     EXPECT_EQ(pin(1, 'b'), QStringLiteral("this is the key of 'Bob': an abonent has a key of its own"));
@@ -138,7 +143,8 @@ TEST_F(Book, AKeyHasOneAbonentAndAnAbonentOneKey)
     ASSERT_EQ(book.change([](AbonentRecords* records) {
         records->forgetKey(0);
         return QString();
-    }), QString());
+    }),
+              QString());
     EXPECT_EQ(read().abonents.first().key, QByteArray());
     EXPECT_EQ(read().abonents.first().pinned, Abonent::Pinned::No);
 }
@@ -151,7 +157,8 @@ TEST_F(Book, ARunningHostSeesAChangeAtOnce)
         ASSERT_EQ(command.change([&](AbonentRecords* records) {
             records->abonents = {abonent(QStringLiteral("A%1").arg(i % 2))}; // of the same size each time
             return QString();
-        }), QString());
+        }),
+                  QString());
         ASSERT_EQ(read().abonents.size(), 1);
         EXPECT_EQ(read().abonents.first().name, QStringLiteral("A%1").arg(i % 2));
     }
@@ -180,7 +187,8 @@ TEST_F(Book, NoChangeOfSeveralAtOnceIsLost)
                 EXPECT_EQ(own.change([&](AbonentRecords* records) {
                     records->abonents.append(abonent(QStringLiteral("w%1n%2").arg(writer).arg(i)));
                     return QString();
-                }), QString());
+                }),
+                          QString());
             }
         });
     }
@@ -212,8 +220,11 @@ TEST_F(Book, ALinkInTheWayIsReplacedNotFollowed)
 TEST(DiskFile, AFullDiskIsToldAsOne)
 {
     EXPECT_EQ(savingFailed(QStringLiteral("/x"), QString()), QString());
-    EXPECT_EQ(savingFailed(QStringLiteral("/x"), QStringLiteral("Не удалось записать все данные в файл за отведенное время. No space left on device")),
+    EXPECT_EQ(savingFailed(
+                  QStringLiteral("/x"),
+                  QStringLiteral("Не удалось записать все данные в файл за отведенное время. No space left on device")),
               QStringLiteral("cannot write /x: the disk is full; make room there and try again"));
-    EXPECT_EQ(savingFailed(QStringLiteral("/x"), QStringLiteral("Не удалось открыть файл для записи. Permission denied.")),
-              QStringLiteral("cannot write /x: Не удалось открыть файл для записи. Permission denied."));
+    EXPECT_EQ(
+        savingFailed(QStringLiteral("/x"), QStringLiteral("Не удалось открыть файл для записи. Permission denied.")),
+        QStringLiteral("cannot write /x: Не удалось открыть файл для записи. Permission denied."));
 }

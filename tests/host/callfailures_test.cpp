@@ -123,7 +123,8 @@ TEST(CallFailures, ACallIsNotOverWhileItLasts)
     CallFailures failures;
     failures.callPlaced(bob);
     failures.journalRecord(first, dials(bob));
-    for (const char* state : {"Вызов 'Bob' (102)", "Соединение установлено: CONNECT 33600", "Установлено соединение с 'Carol'"})
+    for (const char* state :
+         {"Вызов 'Bob' (102)", "Соединение установлено: CONNECT 33600", "Установлено соединение с 'Carol'"})
         EXPECT_EQ(failures.portState(first, QString::fromUtf8(state)), QStringList()) << state;
     failures.disconnected(bob);
     EXPECT_EQ(failures.portState(first, opens), QStringList()) << "its outcome was told";

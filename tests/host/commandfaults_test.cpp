@@ -4,11 +4,10 @@
 #include "tests/host/storetools.h"
 #include "tests/support/systemcalls.h"
 
-#include <cerrno>
-
 #include <QDir>
-
 #include <gtest/gtest.h>
+
+#include <cerrno>
 
 using namespace hosttest;
 using testsupport::SystemCall;
@@ -44,7 +43,10 @@ protected:
     }
 
     static QString settings() { return QDir::cleanPath(Global::settingsDir().absolutePath()) + QLatin1Char('/'); }
-    static QString messages() { return QDir::cleanPath(Global::outputMessagesDir(0).absolutePath()) + QLatin1Char('/'); }
+    static QString messages()
+    {
+        return QDir::cleanPath(Global::outputMessagesDir(0).absolutePath()) + QLatin1Char('/');
+    }
 
     // What stands in a directory, beside the locks of programs.
     static QStringList entries(const QString& path)
@@ -70,9 +72,15 @@ protected:
 // Of an earlier saving that was cut off: what cannot be put back is not taken for missing.
 TEST_F(CommandFaults, ABackupThatCannotBePutBackIsToldAndNothingIsWritten)
 {
-    struct Case { const char* name; QStringList command; };
+    struct Case
+    {
+        const char* name;
+        QStringList command;
+    };
     const Case cases[] = {{"channelCom.conf", {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("ttyS0")}},
-                          {"abonents.conf", {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob"), QStringLiteral("--number"), QStringLiteral("1")}}};
+                          {"abonents.conf",
+                           {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob"),
+                            QStringLiteral("--number"), QStringLiteral("1")}}};
     for (const Case& fault : cases) {
         const QString path = settings() + QString::fromLatin1(fault.name);
         ASSERT_EQ(call(fault.command).status, 0) << fault.name;
@@ -105,7 +113,8 @@ TEST_F(CommandFaults, ASettingsDirectoryThatIsNoneIsToldUnderName)
     const QString path = QDir::cleanPath(Global::settingsDir().absolutePath());
     ASSERT_TRUE(QDir().rename(path, path + QStringLiteral("-aside")));
     writeFile(path, "not a directory");
-    for (const QStringList& command : {QStringList{QStringLiteral("name"), QStringLiteral("South")}, QStringList{QStringLiteral("name")}}) {
+    for (const QStringList& command :
+         {QStringList{QStringLiteral("name"), QStringLiteral("South")}, QStringList{QStringLiteral("name")}}) {
         const Result result = call(command);
         EXPECT_EQ(result.status, 1);
         EXPECT_TRUE(result.err.contains(path)) << qPrintable(result.err);
@@ -131,7 +140,8 @@ TEST_F(CommandFaults, ASettingsDirectoryThatTakesNothingIsToldUnderName)
     }
     EXPECT_GE(refused, 1);
     EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(result.err.contains(QStringLiteral("cannot write %1generalSettings.ini").arg(settings()))) << qPrintable(result.err);
+    EXPECT_TRUE(result.err.contains(QStringLiteral("cannot write %1generalSettings.ini").arg(settings())))
+        << qPrintable(result.err);
     EXPECT_EQ(readAll(settings() + QStringLiteral("generalSettings.ini")), before);
     EXPECT_EQ(entries(settings()), standing);
 }
@@ -171,7 +181,8 @@ TEST_F(CommandFaults, SendOnAFullDiskQueuesNothingAndLeavesNothing)
     EXPECT_TRUE(result.err.contains(QStringLiteral("No space left on device"))) << qPrintable(result.err);
     EXPECT_EQ(entries(messages()), standing);
     EXPECT_TRUE(call({QStringLiteral("status")}).out.contains(QStringLiteral("queue: 1\n")));
-    EXPECT_EQ(call({QStringLiteral("send"), QStringLiteral("Bob"), file}).status, 0) << "as soon as there is room again";
+    EXPECT_EQ(call({QStringLiteral("send"), QStringLiteral("Bob"), file}).status, 0)
+        << "as soon as there is room again";
 }
 
 // The copy fits, its task does not: a message is there wholly or not at all.
@@ -181,16 +192,18 @@ TEST_F(CommandFaults, SendWhoseTaskDoesNotFitQueuesNothing)
     int failed = 0;
     Result result;
     {
-        SystemCallWatch watch(QDir::cleanPath(Global::tasksToTransportDir(0).absolutePath()).toStdString(), [&](SystemCall& call) {
-            const bool fails = call.name == "write";
-            failed += fails;
-            return fails ? ENOSPC : 0;
-        });
+        SystemCallWatch watch(QDir::cleanPath(Global::tasksToTransportDir(0).absolutePath()).toStdString(),
+                              [&](SystemCall& call) {
+                                  const bool fails = call.name == "write";
+                                  failed += fails;
+                                  return fails ? ENOSPC : 0;
+                              });
         result = call({QStringLiteral("send"), QStringLiteral("Bob"), file});
     }
     EXPECT_GE(failed, 1);
     EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(result.err.contains(QStringLiteral("00000001.task: the disk is full; make room there and try again"))) << qPrintable(result.err);
+    EXPECT_TRUE(result.err.contains(QStringLiteral("00000001.task: the disk is full; make room there and try again")))
+        << qPrintable(result.err);
     EXPECT_EQ(entries(messages()), QStringList());
     EXPECT_EQ(entries(Global::tasksToTransportDir(0).absolutePath()), QStringList());
 }

@@ -12,8 +12,9 @@ QByteArray bytes(const char* hex)
 }
 
 // One port: ttyS0, ATZ\r as typed, 9600 baud, hardware flow control, 8 bits, no parity, one stop bit.
-const QByteArray onePort = bytes("00000003 00000001 00000400 01 0000000A 00740074007900530030 0000000A 00410054005A005C0072"
-                                 "00002580 00000001 00000008 00000000 00000001");
+const QByteArray onePort =
+    bytes("00000003 00000001 00000400 01 0000000A 00740074007900530030 0000000A 00410054005A005C0072"
+          "00002580 00000001 00000008 00000000 00000001");
 
 } // namespace
 
@@ -48,8 +49,9 @@ TEST(ComSettingsWriter, EmptyListAndUnsetRecord)
     port.enabled = false;
     port.baudRate = port.flowControl = port.dataBits = port.parity = port.stopBits = -1;
     settings.ports = {port};
-    EXPECT_EQ(writeComSettings(settings).toHex(),
-              bytes("00000003 00000001 00000400 00 FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF").toHex());
+    EXPECT_EQ(
+        writeComSettings(settings).toHex(),
+        bytes("00000003 00000001 00000400 00 FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF").toHex());
 }
 
 TEST(ComSettingsWriter, Abonent)
@@ -58,7 +60,8 @@ TEST(ComSettingsWriter, Abonent)
     EXPECT_EQ(writeComAbonent(abonent).toHex(), bytes("00000004 FFFFFFFF 00000000").toHex());
     abonent.phoneNumber = QStringLiteral("123");
     abonent.allowedPorts = QStringList{QStringLiteral("ttyS0"), QStringLiteral("ttyS1")};
-    const QByteArray expected = bytes("00000004 00000006 003100320033 00000002 0000000A 00740074007900530030 0000000A 00740074007900530031");
+    const QByteArray expected =
+        bytes("00000004 00000006 003100320033 00000002 0000000A 00740074007900530030 0000000A 00740074007900530031");
     EXPECT_EQ(writeComAbonent(abonent).toHex(), expected.toHex());
     ComAbonentRecord read;
     ASSERT_EQ(readComAbonent(expected, &read), QString());
@@ -73,7 +76,8 @@ TEST(ComSettingsWriter, BadBytesAreRefusedAndChangeNothing)
     for (int size = 0; size < onePort.size(); ++size)
         EXPECT_NE(readComSettings(onePort.left(size), &settings), QString()) << size;
     EXPECT_NE(readComSettings(bytes("00000002 00000000 00000400"), &settings), QString());
-    EXPECT_NE(readComSettings(bytes("00000003 7FFFFFFF 00000400"), &settings), QString()) << "two thousand million ports";
+    EXPECT_NE(readComSettings(bytes("00000003 7FFFFFFF 00000400"), &settings), QString())
+        << "two thousand million ports";
     EXPECT_EQ(settings.packetSize, 77);
     ComAbonentRecord abonent;
     EXPECT_NE(readComAbonent(QByteArray(), &abonent), QString());

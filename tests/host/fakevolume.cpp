@@ -8,7 +8,7 @@ std::atomic<long long> hosttest::fakeFreeInodes{-1};
 
 namespace {
 
-template<typename Facts>
+template <typename Facts>
 int pretend(int result, Facts* facts)
 {
     if (result == 0 && hosttest::fakeFreeBytes >= 0) {

@@ -2,9 +2,9 @@
 #include "host/session/sessionframes.h"
 #include "tests/support/testroot.h"
 
-#include <random>
-
 #include <gtest/gtest.h>
+
+#include <random>
 
 using namespace host;
 
@@ -172,7 +172,9 @@ TEST(SessionFrames, OfferTravelsWhole)
     EXPECT_EQ(read.modifiedSecs, offer.modifiedSecs);
     EXPECT_EQ(read.fileName, offer.fileName);
     // id, 70000 and 300 in sevens, hash, time in sevens, name
-    EXPECT_EQ(offer.encode().left(13).toHex(), QByteArray("0123456789abcdef" "f0a204" "ac02"));
+    EXPECT_EQ(offer.encode().left(13).toHex(), QByteArray("0123456789abcdef"
+                                                          "f0a204"
+                                                          "ac02"));
 }
 
 TEST(SessionFrames, NoCutPayloadIsAccepted)

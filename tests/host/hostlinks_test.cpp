@@ -8,10 +8,10 @@
 #include "host/installation/privacy.h"
 #include "tests/host/storetools.h"
 
+#include <gtest/gtest.h>
+
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 using namespace host;
 using namespace hosttest;
@@ -34,8 +34,9 @@ protected:
         EXPECT_EQ(::stat(QFile::encodeName(victim).constData(), &facts), 0) << "removed";
         EXPECT_EQ(facts.st_mode & 07777, 0640u);
         EXPECT_EQ(readAll(victim).left(300), QByteArray("precious\n"));
-        EXPECT_EQ(QFileInfo(victim).dir().entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
-                  QStringList{QStringLiteral("victim")});
+        EXPECT_EQ(
+            QFileInfo(victim).dir().entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
+            QStringList{QStringLiteral("victim")});
     }
 
     static void plant(const QString& target, const QString& path)
@@ -44,7 +45,10 @@ protected:
         ASSERT_EQ(::symlink(QFile::encodeName(target).constData(), QFile::encodeName(path).constData()), 0);
     }
 
-    static void giveAway(const QString& path) { ASSERT_EQ(::lchown(QFile::encodeName(path).constData(), otherUser, otherUser), 0); }
+    static void giveAway(const QString& path)
+    {
+        ASSERT_EQ(::lchown(QFile::encodeName(path).constData(), otherUser, otherUser), 0);
+    }
 
     QString nowhere() const { return victim + QStringLiteral(".new"); }
 
@@ -123,7 +127,9 @@ TEST_F(HostLinks, TheGeneralSettingsOfSomebodyElse)
         giveAway(path);
         Identity identity;
         const QString error = loadIdentity(&identity);
-        EXPECT_EQ(error, path + QStringLiteral(" is a link that another user has made: remove it, and see what else was changed there"));
+        EXPECT_EQ(error,
+                  path + QStringLiteral(
+                             " is a link that another user has made: remove it, and see what else was changed there"));
         EXPECT_EQ(saveOwnName(QStringLiteral("North")), error);
         EXPECT_TRUE(isLink(path));
         ASSERT_TRUE(QFile::remove(path));
@@ -137,8 +143,11 @@ TEST_F(HostLinks, TheLockOfTheSettings)
         const QString lock = path + QStringLiteral(".lock");
         plant(nowhere(), lock);
         ASSERT_EQ(::chmod(QFile::encodeName(QFileInfo(lock).absolutePath()).constData(), 0700), 0);
-        const QString error = path == Global::internalSettingsFilePath() ? prepareInstallation() : saveOwnName(QStringLiteral("North"));
-        EXPECT_EQ(error, QStringLiteral("cannot write %1: %2 is in the way; remove it unless a program of yours runs that made it").arg(path, lock));
+        const QString error =
+            path == Global::internalSettingsFilePath() ? prepareInstallation() : saveOwnName(QStringLiteral("North"));
+        EXPECT_EQ(error, QStringLiteral(
+                             "cannot write %1: %2 is in the way; remove it unless a program of yours runs that made it")
+                             .arg(path, lock));
         EXPECT_TRUE(isLink(lock));
         ASSERT_TRUE(QFile::remove(lock));
     }

@@ -1,17 +1,16 @@
-#include "host/installation/hostsettings.h"
 #include "common/global.h"
 #include "host/channel/channelstable.h"
 #include "host/channel/hostjournal.h"
+#include "host/installation/hostsettings.h"
 #include "host/program/terminalview.h"
 #include "tests/host/storetools.h"
 
-#include <atomic>
-#include <thread>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace host;
 using namespace hosttest;
@@ -47,13 +46,14 @@ TEST(HostSettings, AFileOfAnEarlierVersionStillReads)
 TEST(HostSettings, DamageIsToldWithTheCureAndNothingIsWrittenOverIt)
 {
     const QString path = Global::generalSettingsFilePath();
-    for (const QByteArray& damage : {QByteArray("[Host\nname=North\n"), QByteArray(200, '\0'), QByteArray(), QByteArray("\n"),
-                                     QByteArray("[Host]\nname=North\nins"), QByteArray("[Host]\nname=\xff\xfe\n"),
-                                     QByteArray("\x01\x02binary")}) {
+    for (const QByteArray& damage :
+         {QByteArray("[Host\nname=North\n"), QByteArray(200, '\0'), QByteArray(), QByteArray("\n"),
+          QByteArray("[Host]\nname=North\nins"), QByteArray("[Host]\nname=\xff\xfe\n"), QByteArray("\x01\x02binary")}) {
         writeFile(path, damage);
         Identity identity;
         const QString error = loadIdentity(&identity);
-        EXPECT_TRUE(error.startsWith(path + QStringLiteral(" is damaged: put back a copy"))) << damage.toHex().constData() << qPrintable(error);
+        EXPECT_TRUE(error.startsWith(path + QStringLiteral(" is damaged: put back a copy")))
+            << damage.toHex().constData() << qPrintable(error);
         EXPECT_EQ(saveOwnName(QStringLiteral("South")), error);
         EXPECT_EQ(readAll(path), damage);
     }
@@ -73,7 +73,8 @@ TEST(HostSettings, ComSettingsGoWhereThePluginLooks)
     port.portName = QStringLiteral("ttyS0");
     settings.ports = {port};
     ASSERT_EQ(saveComSettings(settings), QString());
-    EXPECT_EQ(readAll(testsupport::installRoot() + QStringLiteral("/settings/channelCom.conf")), writeComSettings(settings));
+    EXPECT_EQ(readAll(testsupport::installRoot() + QStringLiteral("/settings/channelCom.conf")),
+              writeComSettings(settings));
     ComSettingsRecord read;
     ASSERT_EQ(loadComSettings(&read), QString());
     EXPECT_EQ(read.ports.size(), 1);
@@ -82,7 +83,9 @@ TEST(HostSettings, ComSettingsGoWhereThePluginLooks)
 TEST(ChannelsTable, KeepsStatesAndTraffic)
 {
     QStringList told;
-    ChannelsTable table([&](const ChannelRow& row) { told.append(QString::number(row.id) + row.state + (row.isGone ? QStringLiteral(" gone") : QString())); });
+    ChannelsTable table([&](const ChannelRow& row) {
+        told.append(QString::number(row.id) + row.state + (row.isGone ? QStringLiteral(" gone") : QString()));
+    });
     const int first = table.addChannel(2, QStringLiteral("ttyS0"), QStringLiteral("a"));
     const int second = table.addChannel(2, QStringLiteral("ttyS1"), QStringLiteral("b"));
     EXPECT_NE(first, second);
@@ -109,7 +112,8 @@ TEST(HostJournal, WritesOneLineARecordAndGivesWayWhenLarge)
 {
     const QString path = testsupport::installRoot() + QStringLiteral("/data/0/journal.txt");
     int told = 0;
-    HostJournal journal(path, [&](const JournalRecord&) { ++told; }, 200);
+    HostJournal journal(
+        path, [&](const JournalRecord&) { ++told; }, 200);
     journal.addRecord(0, QStringLiteral("ttyS0"), QStringLiteral("Входящий\nвызов"));
     journal.addRecord(1, QStringLiteral("ttyS0"), QStringLiteral("failed"));
     const QList<QByteArray> lines = readAll(path).split('\n');
@@ -172,7 +176,8 @@ TEST(HostJournal, LinesOfTwoThreadsDoNotMix)
     EXPECT_EQ(lines.takeLast(), QByteArray());
     ASSERT_EQ(lines.size(), 2 * rounds);
     for (const QByteArray& line : qAsConst(lines))
-        ASSERT_TRUE(line.endsWith(" a: " + QByteArray(200, 'a')) || line.endsWith(" b: " + QByteArray(200, 'b'))) << line.constData();
+        ASSERT_TRUE(line.endsWith(" a: " + QByteArray(200, 'a')) || line.endsWith(" b: " + QByteArray(200, 'b')))
+            << line.constData();
 }
 
 // Two ports that write the first records of a process at one moment.
@@ -241,7 +246,8 @@ TEST(TerminalView, PictureFitsTheTerminalAndShowsNoControlCharacters)
     const QStringList lines = renderPicture(picture, 80);
     ASSERT_EQ(lines.size(), 4);
     EXPECT_EQ(lines.at(1), QStringLiteral("ttyS0          Свободен  in 1.5 kB (750 B/s)  out 0 B (0 B/s)"));
-    EXPECT_TRUE(lines.at(2).startsWith(QStringLiteral("  <- [###############---------------]  50% 50 B of 100 B  evil\uFFFD[2J")));
+    EXPECT_TRUE(lines.at(2).startsWith(
+        QStringLiteral("  <- [###############---------------]  50% 50 B of 100 B  evil\uFFFD[2J")));
     for (const QString& line : lines) {
         EXPECT_LE(line.size(), 80);
         EXPECT_FALSE(line.contains(QLatin1Char('\x1B')));

@@ -1,21 +1,18 @@
 // The file of the identity key. The known pair is that of RFC 7748, section 6.1.
-#include "host/installation/identitykey.h"
-
 #include "common/global.h"
+#include "host/installation/identitykey.h"
 #include "tests/support/testroot.h"
-
-#include <memory>
-#include <thread>
-#include <vector>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <QDir>
 #include <QFile>
-
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 using host::KeyPair;
 using host::loadOrCreateIdentityKey;
@@ -195,7 +192,9 @@ TEST_F(IdentityKey, ALinkInThePlaceOfTheNewFileIsRemoved)
     precious.write("content");
     precious.close();
     ASSERT_EQ(::chmod(QFile::encodeName(target).constData(), 0644), 0);
-    ASSERT_EQ(::symlink(QFile::encodeName(target).constData(), QFile::encodeName(path + QStringLiteral(".new")).constData()), 0);
+    ASSERT_EQ(
+        ::symlink(QFile::encodeName(target).constData(), QFile::encodeName(path + QStringLiteral(".new")).constData()),
+        0);
     bool created = false;
     QString error;
     EXPECT_TRUE(loadOrCreateIdentityKey(path, &created, &error)) << error.toStdString();

@@ -1,21 +1,19 @@
-#include "host/store/inbox.h"
 #include "host/session/session.h"
+#include "host/store/inbox.h"
+#include "tests/host/inboxfixture.h"
 #include "tests/host/sealedpeer.h"
 #include "tests/host/sessionpair.h"
-#include "tests/host/inboxfixture.h"
-
-#include <csignal>
-
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <QCryptographicHash>
 #include <QDirIterator>
 #include <QJsonDocument>
-
 #include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace host;
 using namespace hosttest;
@@ -76,16 +74,19 @@ TEST_F(InboxTest, HostileNamesStayInside)
 {
     const auto store = open();
     quint64 id = 1;
-    for (const QString& name : {QStringLiteral("../../../evil"), QStringLiteral(".message"), QStringLiteral("/etc/passwd"),
-                                QStringLiteral(".."), QString(2000, QChar(0x0416)).left(500), QString(), QStringLiteral("a\nb")}) {
+    for (const QString& name :
+         {QStringLiteral("../../../evil"), QStringLiteral(".message"), QStringLiteral("/etc/passwd"),
+          QStringLiteral(".."), QString(2000, QChar(0x0416)).left(500), QString(), QStringLiteral("a\nb")}) {
         const QString place = receiveWhole(store.get(), bob, offerOf(id, name, "x"), "x");
-        EXPECT_EQ(QFileInfo(place).absolutePath(), paths.input.absoluteFilePath(QString::number(id).rightJustified(8, QLatin1Char('0'))))
+        EXPECT_EQ(QFileInfo(place).absolutePath(),
+                  paths.input.absoluteFilePath(QString::number(id).rightJustified(8, QLatin1Char('0'))))
             << qPrintable(place);
         EXPECT_EQ(readAll(place), QByteArray("x"));
         ++id;
     }
     EXPECT_FALSE(QFile::exists(testsupport::installRoot() + QStringLiteral("/evil")));
-    EXPECT_EQ(store->inbox().messages().at(1).fileName, QStringLiteral(".message")) << "the original name is kept for show";
+    EXPECT_EQ(store->inbox().messages().at(1).fileName, QStringLiteral(".message"))
+        << "the original name is kept for show";
 }
 
 TEST_F(InboxTest, PartsAreTakenUpAfterARestart)
@@ -137,7 +138,8 @@ TEST_F(InboxTest, TheNewerCallTakesAPartOver)
 TEST_F(InboxTest, AnotherMessageUnderTheSameIdReplacesThePart)
 {
     const auto store = open();
-    EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("old"), "old content"), &refused)->append("old"), QString());
+    EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("old"), "old content"), &refused)->append("old"),
+              QString());
     const QString place = receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("new"), "new"), "new");
     EXPECT_TRUE(place.endsWith(QStringLiteral("/new")));
     EXPECT_EQ(partNames(), QStringList());
@@ -185,11 +187,13 @@ TEST_F(InboxTest, ACrashAfterTheRecordIsCompleted)
         const quint64 id = wasListed ? 8 : 7;
         const QString dir = paths.incomplete.absoluteFilePath(QStringLiteral("00000001"));
         writeFile(dir + QStringLiteral("/f"), "content");
-        writeFile(dir + QStringLiteral("/.message"),
-                  "{\"id\":\"000000000000000" + QByteArray::number(id) + "\",\"from\":\"Боб\",\"name\":\"f\",\"file\":\"f\",\"size\":7,"
-                  "\"sha256\":\"" + offer.sha256.toHex() + "\",\"verified\":true}");
+        writeFile(dir + QStringLiteral("/.message"), "{\"id\":\"000000000000000" + QByteArray::number(id) +
+                                                         "\",\"from\":\"Боб\",\"name\":\"f\",\"file\":\"f\",\"size\":7,"
+                                                         "\"sha256\":\"" +
+                                                         offer.sha256.toHex() + "\",\"verified\":true}");
         if (wasListed) {
-            writeFile(paths.receivedList, readAll(paths.receivedList) + "+ 0000000000000008 " + offer.sha256.toHex() + " %D0%B1%D0%BE%D0%B1\n");
+            writeFile(paths.receivedList, readAll(paths.receivedList) + "+ 0000000000000008 " + offer.sha256.toHex() +
+                                              " %D0%B1%D0%BE%D0%B1\n");
         }
         const auto store = open();
         EXPECT_EQ(notes.size(), 1);
@@ -206,7 +210,8 @@ TEST_F(InboxTest, UselessPartsAreRemoved)
     writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("00000001/f")), "no record");
     writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("00000002/.message")), "{torn");
     writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("00000003/.message")),
-              "{\"id\":\"0000000000000009\",\"from\":\"B\",\"name\":\"f\",\"file\":\"../../x\",\"size\":7,\"sha256\":\"00\",\"verified\":true}");
+              "{\"id\":\"0000000000000009\",\"from\":\"B\",\"name\":\"f\",\"file\":\"../../"
+              "x\",\"size\":7,\"sha256\":\"00\",\"verified\":true}");
     const auto store = open();
     EXPECT_EQ(notes.size(), 3);
     EXPECT_EQ(partNames(), QStringList());
@@ -223,7 +228,8 @@ TEST_F(InboxTest, WhatCannotBeMovedIsNotReceived)
     ASSERT_TRUE(QDir().rmdir(paths.input.absolutePath()));
     writeFile(paths.input.absolutePath(), "in the way");
     QString place;
-    EXPECT_TRUE(file->store(offer, &place).startsWith(QStringLiteral("cannot use the directory ") + paths.input.absolutePath()));
+    EXPECT_TRUE(file->store(offer, &place)
+                    .startsWith(QStringLiteral("cannot use the directory ") + paths.input.absolutePath()));
     EXPECT_FALSE(store->isStored(bob, 7, offer.sha256));
     file.reset();
     ASSERT_TRUE(QFile::remove(paths.input.absolutePath()));
@@ -270,7 +276,8 @@ TEST_F(InboxTest, WhatStandsUnderItsBackupsNameIsPutBackAtTheStart)
         EXPECT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
     }
     QStringList backups;
-    QDirIterator files(testsupport::installRoot(), {QStringLiteral(".message")}, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator files(testsupport::installRoot(), {QStringLiteral(".message")}, QDir::Files | QDir::Hidden,
+                       QDirIterator::Subdirectories);
     while (files.hasNext())
         backups.append(files.next());
     ASSERT_FALSE(backups.isEmpty());
@@ -315,7 +322,8 @@ TEST_F(InboxTest, KilledWhileReceiving)
             for (quint64 id = nextId;; ++id) {
                 const QByteArray content = randomBytes(5000, static_cast<unsigned>(id));
                 const OfferFrame offer = offerOf(id, QStringLiteral("f"), content);
-                if (!store.isStored(bob, id, offer.sha256) && !receiveWhole(&store, bob, offer, content).endsWith(QStringLiteral("/f")))
+                if (!store.isStored(bob, id, offer.sha256) &&
+                    !receiveWhole(&store, bob, offer, content).endsWith(QStringLiteral("/f")))
                     _exit(1);
                 if (write(acknowledged[1], &id, sizeof id) != sizeof id)
                     _exit(2);
@@ -373,8 +381,10 @@ TEST_F(InboxTest, SessionsOverDisks)
         TestDirectory directory;
         directory.names[testKey(1)->publicKey()] = QStringLiteral("Alice");
         directory.names[testKey(2)->publicKey()] = bob.abonent;
-        Session a(alice, SessionCall{true, bob.abonent}, &directory, &from, [](const SessionEvent&) {}, now);
-        Session b(bobs, SessionCall{}, &directory, to.get(), [](const SessionEvent&) {}, now);
+        Session a(
+            alice, SessionCall{true, bob.abonent}, &directory, &from, [](const SessionEvent&) {}, now);
+        Session b(
+            bobs, SessionCall{}, &directory, to.get(), [](const SessionEvent&) {}, now);
         qint64 carried = 0;
         while (!a.isFinished() && !b.isFinished() && carried < cut) {
             now += 10;

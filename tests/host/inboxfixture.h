@@ -1,11 +1,11 @@
 // One inbox in the test's own installation, opened as often as the test likes.
 #pragma once
 
-#include <memory>
-
 #include "tests/host/storetools.h"
 
 #include <gtest/gtest.h>
+
+#include <memory>
 
 namespace hosttest {
 

@@ -88,7 +88,8 @@ TEST_F(InboxSessions, APartOfAnotherFileIsNotGoneOnWith)
 {
     const auto store = open();
     ASSERT_EQ(store->beginIncoming(bob, offer, &refused)->append(content.left(300)), QString());
-    for (const OfferFrame& other : {offerOf(7, QStringLiteral("f"), randomBytes(900, 2)), offerOf(7, QStringLiteral("f"), content + 'x')}) {
+    for (const OfferFrame& other :
+         {offerOf(7, QStringLiteral("f"), randomBytes(900, 2)), offerOf(7, QStringLiteral("f"), content + 'x')}) {
         auto parts = store->parts(bob);
         ASSERT_EQ(parts.size(), 1u);
         EXPECT_FALSE(resume(parts[0].get(), other, 300, &refused));
@@ -107,7 +108,8 @@ TEST_F(InboxSessions, WhatCouldNotBeSyncedIsNotGoneOnWith)
     ASSERT_EQ(file->append(content), QString());
     QString place;
     {
-        SystemCallWatch watch(paths.incomplete.absolutePath().toStdString(), [](SystemCall& call) { return call.name == "fsync" ? EIO : 0; });
+        SystemCallWatch watch(paths.incomplete.absolutePath().toStdString(),
+                              [](SystemCall& call) { return call.name == "fsync" ? EIO : 0; });
         EXPECT_TRUE(file->store(offer, &place).startsWith(QStringLiteral("cannot write ")));
     }
     EXPECT_FALSE(store->isStored(bob, 7, offer.sha256));
@@ -124,7 +126,8 @@ TEST_F(InboxSessions, WhatWasStoredMeanwhileDoesNotComeTwice)
     ASSERT_TRUE(receiveWhole(store.get(), bob, offer, content).endsWith(QStringLiteral("/f")));
     EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
     EXPECT_EQ(refused.reason, QStringLiteral("another call has just put it into the inbox"));
-    EXPECT_TRUE(receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("f"), "another"), "another").endsWith(QStringLiteral("/f")));
+    EXPECT_TRUE(receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("f"), "another"), "another")
+                    .endsWith(QStringLiteral("/f")));
 }
 
 TEST_F(InboxSessions, TheIdentifierZeroIsRefused)
@@ -242,7 +245,8 @@ TEST_F(StaleRecord, BringsNoSecondCopy)
     leaveVerified().reset();
     std::unique_ptr<MessageStore> store;
     {
-        SystemCallWatch watch(testsupport::installRoot().toStdString() + "/i", [](SystemCall& call) { return failMoving(call); });
+        SystemCallWatch watch(testsupport::installRoot().toStdString() + "/i",
+                              [](SystemCall& call) { return failMoving(call); });
         store = open();
     }
     const QString place = receiveWhole(store.get(), bob, offer, content);

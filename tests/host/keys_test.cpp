@@ -13,7 +13,8 @@ const QString bobs = QStringLiteral("Боб");
 QString fingerprintOf(const Installation& installation)
 {
     return QJsonDocument::fromJson(installation.call({QStringLiteral("key"), QStringLiteral("--json")}).out.toUtf8())
-        .object()[QStringLiteral("fingerprint")].toString();
+        .object()[QStringLiteral("fingerprint")]
+        .toString();
 }
 
 QString keyOf(const Installation& installation)
@@ -44,7 +45,8 @@ QString queueField(const Installation& installation, const QString& field)
 bool hasEnded(const Installation& installation, const QString& end)
 {
     const QList<QJsonObject> ended = installation.events(QStringLiteral("callEnded"));
-    return std::any_of(ended.begin(), ended.end(), [&](const QJsonObject& event) { return event[QStringLiteral("end")].toString() == end; });
+    return std::any_of(ended.begin(), ended.end(),
+                       [&](const QJsonObject& event) { return event[QStringLiteral("end")].toString() == end; });
 }
 
 // Answers calls only, and does so by now.
@@ -80,7 +82,8 @@ protected:
 TEST_F(Keys, TheFirstCallPinsTheKeyAndSaysSoOnce)
 {
     EXPECT_EQ(abonent(alice, {QStringLiteral("forget-key"), bobs}), 0);
-    EXPECT_TRUE(alice.call({QStringLiteral("abonent"), QStringLiteral("list")}).out.contains(QStringLiteral("no key: the first call to them pins it")));
+    EXPECT_TRUE(alice.call({QStringLiteral("abonent"), QStringLiteral("list")})
+                    .out.contains(QStringLiteral("no key: the first call to them pins it")));
     send(alice, bobs, QStringLiteral("one"));
     bob.run({QStringLiteral("--no-calls")});
     alice.run({QStringLiteral("--exit-when-sent")});
@@ -95,11 +98,13 @@ TEST_F(Keys, TheFirstCallPinsTheKeyAndSaysSoOnce)
     ASSERT_EQ(pinned.size(), 1);
     EXPECT_EQ(pinned.first()[QStringLiteral("peer")].toString(), bobs);
     EXPECT_EQ(pinned.first()[QStringLiteral("fingerprint")].toString(), fingerprint);
-    const QString told = QStringLiteral("'%1' answered for the first time: its key %2 is pinned").arg(bobs, fingerprint);
+    const QString told =
+        QStringLiteral("'%1' answered for the first time: its key %2 is pinned").arg(bobs, fingerprint);
     EXPECT_EQ(count(alice, told), 1) << alice.output().constData();
     EXPECT_EQ(QString::fromUtf8(readAll(alice.root + QStringLiteral("/data/0/journal.txt"))).count(told), 1);
     const QString list = alice.call({QStringLiteral("abonent"), QStringLiteral("list")}).out;
-    EXPECT_TRUE(list.contains(QStringLiteral("key %1, pinned by the first call ").arg(fingerprint))) << qPrintable(list);
+    EXPECT_TRUE(list.contains(QStringLiteral("key %1, pinned by the first call ").arg(fingerprint)))
+        << qPrintable(list);
 }
 
 // ---- a key that has changed ----
@@ -120,7 +125,9 @@ TEST_F(Keys, AChangedKeyIsRefusedLoudlyAndTheRunEndsWithStatus5)
     EXPECT_EQ(changed.first()[QStringLiteral("peer")].toString(), bobs);
     EXPECT_EQ(changed.first()[QStringLiteral("pinned")].toString(), before);
     EXPECT_EQ(changed.first()[QStringLiteral("answered")].toString(), now);
-    EXPECT_EQ(count(alice, QStringLiteral("THE KEY OF '%1' HAS CHANGED: %2 answered, %3 is pinned").arg(bobs, now, before)), 1)
+    EXPECT_EQ(
+        count(alice, QStringLiteral("THE KEY OF '%1' HAS CHANGED: %2 answered, %3 is pinned").arg(bobs, now, before)),
+        1)
         << alice.output().constData();
     EXPECT_TRUE(alice.output().contains("an abonent answered with another key than the pinned one"));
     EXPECT_EQ(count(alice, QStringLiteral("an unproved caller")), 0) << "it was our call";
@@ -133,7 +140,8 @@ TEST_F(Keys, AChangedKeyIsRefusedLoudlyAndTheRunEndsWithStatus5)
     EXPECT_EQ(queueField(alice, QStringLiteral("why")), QStringLiteral("keyChanged"));
     const QString reason = queueField(alice, QStringLiteral("reason"));
     EXPECT_EQ(reason, QStringLiteral("'%1' answered with the key %2, but %3 is pinned: ask them; if theirs is new, "
-                                     "\"transport-host abonent forget-key\" lets the next call pin it").arg(bobs, now, before));
+                                     "\"transport-host abonent forget-key\" lets the next call pin it")
+                          .arg(bobs, now, before));
     EXPECT_TRUE(alice.call({QStringLiteral("status")}).out.contains(reason));
 
     EXPECT_EQ(abonent(alice, {QStringLiteral("add"), bobs, QStringLiteral("--key"), keyOf(bob)}), 0);
@@ -156,12 +164,15 @@ TEST_F(Keys, ARunningHostTakesTheNewKeyAtOnceAndUntilThenPausesGrow)
     ASSERT_GE(placed.size(), 4);
     const double pausesSeconds[] = {0.050, 0.150, 0.350};
     for (int i = 0; i < 3; ++i) {
-        const double pause = placed.at(i + 1)[QStringLiteral("monotonic")].toDouble() - placed.at(i)[QStringLiteral("monotonic")].toDouble();
+        const double pause = placed.at(i + 1)[QStringLiteral("monotonic")].toDouble() -
+                             placed.at(i)[QStringLiteral("monotonic")].toDouble();
         EXPECT_GE(pause, pausesSeconds[i] - 0.002) << "after call " << i + 1;
     }
-    EXPECT_TRUE(alice.events(QStringLiteral("notConnected")).isEmpty()) << "the channel says disconnected of such a call";
+    EXPECT_TRUE(alice.events(QStringLiteral("notConnected")).isEmpty())
+        << "the channel says disconnected of such a call";
     EXPECT_EQ(abonent(alice, {QStringLiteral("forget-key"), bobs}), 0);
-    ASSERT_TRUE(waitFor([&] { return bob.inbox().size() == 1 && alice.queue().isEmpty(); })) << alice.output().constData();
+    ASSERT_TRUE(waitFor([&] { return bob.inbox().size() == 1 && alice.queue().isEmpty(); }))
+        << alice.output().constData();
     EXPECT_EQ(alice.events(QStringLiteral("keyPinned")).size(), 1);
     stop(&alice);
 }
@@ -171,13 +182,19 @@ TEST_F(Keys, TheRightKeyLaterEndsTheTrouble)
 {
     Installation carol(QStringLiteral("carol"));
     carol.setUp(QStringLiteral("Carol"));
-    EXPECT_EQ(alice.call({QStringLiteral("abonent"), QStringLiteral("add"), bobs, QStringLiteral("--number"), carol.socket}).status, 0);
+    EXPECT_EQ(
+        alice.call({QStringLiteral("abonent"), QStringLiteral("add"), bobs, QStringLiteral("--number"), carol.socket})
+            .status,
+        0);
     send(alice, bobs, QStringLiteral("f"));
     carol.run({QStringLiteral("--no-calls")});
     bob.run({QStringLiteral("--no-calls")});
     alice.run({QStringLiteral("--exit-when-received"), QStringLiteral("1")});
     ASSERT_TRUE(waitFor([&] { return !alice.events(QStringLiteral("keyChanged")).isEmpty(); }));
-    EXPECT_EQ(alice.call({QStringLiteral("abonent"), QStringLiteral("add"), bobs, QStringLiteral("--number"), bob.socket}).status, 0);
+    EXPECT_EQ(
+        alice.call({QStringLiteral("abonent"), QStringLiteral("add"), bobs, QStringLiteral("--number"), bob.socket})
+            .status,
+        0);
     ASSERT_TRUE(waitFor([&] { return bob.inbox().size() == 1 && alice.queue().isEmpty(); }));
     stop(&bob);
     send(alice, bobs, QStringLiteral("g"));
@@ -198,13 +215,18 @@ TEST_F(Keys, AStrangerWhoCallsItselfAsAFriendGetsNothing)
     send(stranger, QStringLiteral("Target"), QStringLiteral("leaflet"));
     runAnswering(&bob);
     stranger.run({QStringLiteral("--retry-seconds"), QStringLiteral("1000")});
-    ASSERT_TRUE(waitFor([&] { return hasEnded(bob, QStringLiteral("unknownKey")) && hasEnded(stranger, QStringLiteral("refusedByPeer")); }));
-    const QString told = QStringLiteral("the key %1 is not known here: if you know whose it is, \"transport-host abonent add NAME "
-                                        "--number NUMBER --key %2\"").arg(fingerprintOf(stranger), keyOf(stranger));
+    ASSERT_TRUE(waitFor([&] {
+        return hasEnded(bob, QStringLiteral("unknownKey")) && hasEnded(stranger, QStringLiteral("refusedByPeer"));
+    }));
+    const QString told =
+        QStringLiteral("the key %1 is not known here: if you know whose it is, \"transport-host abonent add NAME "
+                       "--number NUMBER --key %2\"")
+            .arg(fingerprintOf(stranger), keyOf(stranger));
     EXPECT_TRUE(waitFor([&] { return count(bob, told) == 1; })) << bob.output().constData();
     EXPECT_TRUE(waitFor([&] { return bob.status()[QStringLiteral("failedHandshakes")].toInt() == 1; }));
-    EXPECT_TRUE(waitFor([&] { return bob.call({QStringLiteral("status")}).out.contains(QStringLiteral(", 1 call failed to prove who called")); }))
-        << qPrintable(bob.call({QStringLiteral("status")}).out);
+    EXPECT_TRUE(waitFor([&] {
+        return bob.call({QStringLiteral("status")}).out.contains(QStringLiteral(", 1 call failed to prove who called"));
+    })) << qPrintable(bob.call({QStringLiteral("status")}).out);
     stop(&stranger);
     EXPECT_TRUE(queueField(stranger, QStringLiteral("reason")).contains(QStringLiteral("your key is not known here")))
         << qPrintable(queueField(stranger, QStringLiteral("reason")));
@@ -267,9 +289,12 @@ TEST_F(Keys, ABlockedKeyIsRefusedBothWays)
     send(bob, QStringLiteral("Alice"), QStringLiteral("to alice"));
     runAnswering(&bob);
     alice.run({QStringLiteral("--retry-seconds"), QStringLiteral("1000")});
-    ASSERT_TRUE(waitFor([&] { return hasEnded(bob, QStringLiteral("blockedKey")) && hasEnded(alice, QStringLiteral("refusedByPeer")); }));
-    EXPECT_TRUE(waitFor([&] { return queueField(alice, QStringLiteral("reason")).contains(QStringLiteral("your key is blocked here")); }))
-        << qPrintable(queueField(alice, QStringLiteral("reason")));
+    ASSERT_TRUE(waitFor([&] {
+        return hasEnded(bob, QStringLiteral("blockedKey")) && hasEnded(alice, QStringLiteral("refusedByPeer"));
+    }));
+    EXPECT_TRUE(waitFor([&] {
+        return queueField(alice, QStringLiteral("reason")).contains(QStringLiteral("your key is blocked here"));
+    })) << qPrintable(queueField(alice, QStringLiteral("reason")));
     EXPECT_TRUE(waitFor([&] { return bob.status()[QStringLiteral("failedHandshakes")].toInt() == 1; }));
     EXPECT_EQ(count(bob, QStringLiteral("'Alice'")), 0) << bob.output().constData();
     stop(&alice);
@@ -277,12 +302,14 @@ TEST_F(Keys, ABlockedKeyIsRefusedBothWays)
 
     alice.run({QStringLiteral("--no-calls")});
     bob.run();
-    const QString told = QStringLiteral("the key %1 is blocked here (transport-host key unblock)").arg(fingerprintOf(alice));
+    const QString told =
+        QStringLiteral("the key %1 is blocked here (transport-host key unblock)").arg(fingerprintOf(alice));
     // Not from status: while it calls again and again, that says so.
     ASSERT_TRUE(waitFor([&] { return bob.output().contains(told.toUtf8()); })) << bob.output().constData();
     EXPECT_EQ(alice.inbox().size() + bob.inbox().size(), 0);
     EXPECT_EQ(bob.call({QStringLiteral("key"), QStringLiteral("unblock"), keyOf(alice)}).status, 0);
-    EXPECT_TRUE(waitFor([&] { return alice.inbox().size() == 1 && bob.inbox().size() == 1; })) << bob.output().constData();
+    EXPECT_TRUE(waitFor([&] { return alice.inbox().size() == 1 && bob.inbox().size() == 1; }))
+        << bob.output().constData();
     stop(&alice);
     stop(&bob);
 }
@@ -294,14 +321,18 @@ TEST_F(Keys, ABlockedAbonentIsNeitherCalledNorLetIn)
     send(bob, QStringLiteral("Alice"), QStringLiteral("to alice"));
     bob.run();
     alice.run();
-    ASSERT_TRUE(waitFor([&] { return hasEnded(bob, QStringLiteral("blockedKey")) && hasEnded(alice, QStringLiteral("refusedByPeer")); }));
-    EXPECT_TRUE(waitFor([&] { return bob.output().contains("'Alice' is blocked here (transport-host abonent unblock)"); }))
-        << bob.output().constData();
+    ASSERT_TRUE(waitFor([&] {
+        return hasEnded(bob, QStringLiteral("blockedKey")) && hasEnded(alice, QStringLiteral("refusedByPeer"));
+    }));
+    EXPECT_TRUE(waitFor([&] {
+        return bob.output().contains("'Alice' is blocked here (transport-host abonent unblock)");
+    })) << bob.output().constData();
     EXPECT_TRUE(waitFor([&] { return queueField(bob, QStringLiteral("why")) == QStringLiteral("blocked"); }));
     EXPECT_TRUE(bob.events(QStringLiteral("callPlaced")).isEmpty());
     EXPECT_EQ(alice.inbox().size() + bob.inbox().size(), 0);
     EXPECT_EQ(abonent(bob, {QStringLiteral("unblock"), QStringLiteral("Alice")}), 0);
-    EXPECT_TRUE(waitFor([&] { return alice.inbox().size() == 1 && bob.inbox().size() == 1; })) << bob.output().constData();
+    EXPECT_TRUE(waitFor([&] { return alice.inbox().size() == 1 && bob.inbox().size() == 1; }))
+        << bob.output().constData();
     stop(&alice);
     stop(&bob);
 }
@@ -314,18 +345,22 @@ TEST_F(Keys, TwoAbonentsAtOnceGetTheirOwnMessagesOnly)
     carol.setUp(QStringLiteral("Carol"));
     carol.knows(QStringLiteral("Alice"), alice);
     alice.knows(QStringLiteral("Carol"), carol);
-    EXPECT_EQ(alice.call({QStringLiteral("port"), QStringLiteral("add"), alice.socket + QStringLiteral("2")}).status, 0);
+    EXPECT_EQ(alice.call({QStringLiteral("port"), QStringLiteral("add"), alice.socket + QStringLiteral("2")}).status,
+              0);
     const QByteArray toBob = randomBytes(50000, testsupport::seed());
     const QByteArray toCarol = randomBytes(50000, testsupport::seed() + 1);
     EXPECT_EQ(alice.call({QStringLiteral("send"), bobs, file(QStringLiteral("b"), toBob)}).status, 0);
-    EXPECT_EQ(alice.call({QStringLiteral("send"), QStringLiteral("Carol"), file(QStringLiteral("c"), toCarol)}).status, 0);
+    EXPECT_EQ(alice.call({QStringLiteral("send"), QStringLiteral("Carol"), file(QStringLiteral("c"), toCarol)}).status,
+              0);
     send(bob, QStringLiteral("Alice"), QStringLiteral("from bob"));
     send(carol, QStringLiteral("Alice"), QStringLiteral("from carol"));
-    const QStringList untilDone{QStringLiteral("--exit-when-sent"), QStringLiteral("--no-calls"), QStringLiteral("--exit-when-received"), QStringLiteral("1")};
+    const QStringList untilDone{QStringLiteral("--exit-when-sent"), QStringLiteral("--no-calls"),
+                                QStringLiteral("--exit-when-received"), QStringLiteral("1")};
     bob.run(untilDone);
     carol.run(untilDone);
     ASSERT_TRUE(waitFor([&] { return bob.output().contains("Свободен") && carol.output().contains("Свободен"); }));
-    alice.run({QStringLiteral("--exit-when-sent"), QStringLiteral("--exit-when-received"), QStringLiteral("2")}, {QStringLiteral("SOCKETPLUGIN_RATE=20000")});
+    alice.run({QStringLiteral("--exit-when-sent"), QStringLiteral("--exit-when-received"), QStringLiteral("2")},
+              {QStringLiteral("SOCKETPLUGIN_RATE=20000")});
     EXPECT_EQ(alice.waitForEnd(), 0);
     EXPECT_EQ(bob.waitForEnd(), 0);
     EXPECT_EQ(carol.waitForEnd(), 0);
@@ -340,14 +375,17 @@ TEST_F(Keys, TwoAbonentsAtOnceGetTheirOwnMessagesOnly)
     QMap<QString, QString> received; // file: from whom
     for (const QJsonValue& entry : alice.inbox()) {
         EXPECT_TRUE(entry.toObject()[QStringLiteral("proved")].toBool());
-        received[entry.toObject()[QStringLiteral("file")].toString()] = entry.toObject()[QStringLiteral("abonent")].toString();
+        received[entry.toObject()[QStringLiteral("file")].toString()] =
+            entry.toObject()[QStringLiteral("abonent")].toString();
     }
-    EXPECT_EQ(received, (QMap<QString, QString>{{QStringLiteral("from bob"), bobs}, {QStringLiteral("from carol"), QStringLiteral("Carol")}}));
+    EXPECT_EQ(received, (QMap<QString, QString>{{QStringLiteral("from bob"), bobs},
+                                                {QStringLiteral("from carol"), QStringLiteral("Carol")}}));
     // Both calls stood at one moment.
     const QList<QJsonObject> begun = alice.events(QStringLiteral("callBegun"));
     ASSERT_EQ(begun.size(), 2);
     EXPECT_NE(begun.at(0)[QStringLiteral("port")], begun.at(1)[QStringLiteral("port")]);
-    EXPECT_LT(begun.at(1)[QStringLiteral("monotonic")].toDouble(), alice.events(QStringLiteral("callEnded")).first()[QStringLiteral("monotonic")].toDouble());
+    EXPECT_LT(begun.at(1)[QStringLiteral("monotonic")].toDouble(),
+              alice.events(QStringLiteral("callEnded")).first()[QStringLiteral("monotonic")].toDouble());
 }
 
 // ---- no host of this kind ----
@@ -358,11 +396,14 @@ TEST_F(Keys, WhoAnswersInAnotherLanguageIsNamedAsSuch)
     send(alice, bobs, QStringLiteral("f"));
     alice.run();
     const QString reason = QStringLiteral("the other side does not speak this protocol");
-    ASSERT_TRUE(waitFor([&] { return queueField(alice, QStringLiteral("reason")).contains(reason); })) << alice.output().constData();
+    ASSERT_TRUE(waitFor([&] { return queueField(alice, QStringLiteral("reason")).contains(reason); }))
+        << alice.output().constData();
     EXPECT_TRUE(hasEnded(alice, QStringLiteral("notThisProtocol")));
     EXPECT_TRUE(waitFor([&] { return queueField(alice, QStringLiteral("why")) == QStringLiteral("callsFailed"); }));
-    EXPECT_TRUE(waitFor([&] { return count(alice, QStringLiteral("the call to '%1' on %2 ended early: %3").arg(bobs, alice.socket, reason)) >= 1; }))
-        << alice.output().constData();
+    EXPECT_TRUE(waitFor([&] {
+        return count(alice, QStringLiteral("the call to '%1' on %2 ended early: %3").arg(bobs, alice.socket, reason)) >=
+               1;
+    })) << alice.output().constData();
     stop(&alice);
     EXPECT_EQ(alice.queue().size(), 1);
 }
@@ -372,7 +413,8 @@ TEST_F(Keys, AnOldHostIsToldThatItIsOld)
     const QByteArray old = QByteArrayLiteral("\x01\x00\x24") + "transport-host" + '\x01' + QByteArray(21, '\x07');
     runAnswering(&bob);
     EXPECT_EQ(answerTo(bob.socket, old).left(15), QByteArrayLiteral("transport-host\x02"));
-    const char reason[] = "the other side speaks version 1 of the session protocol, this one version 2: install the same version on both";
+    const char reason[] =
+        "the other side speaks version 1 of the session protocol, this one version 2: install the same version on both";
     EXPECT_TRUE(waitFor([&] { return bob.output().contains(reason); })) << bob.output().constData();
     EXPECT_TRUE(hasEnded(bob, QStringLiteral("otherVersion")));
     stop(&bob);
@@ -380,6 +422,7 @@ TEST_F(Keys, AnOldHostIsToldThatItIsOld)
     const ScriptedAnswer answers(bob.socket, old);
     send(alice, bobs, QStringLiteral("f"));
     alice.run();
-    EXPECT_TRUE(waitFor([&] { return queueField(alice, QStringLiteral("reason")).contains(QLatin1String(reason)); })) << alice.output().constData();
+    EXPECT_TRUE(waitFor([&] { return queueField(alice, QStringLiteral("reason")).contains(QLatin1String(reason)); }))
+        << alice.output().constData();
     stop(&alice);
 }

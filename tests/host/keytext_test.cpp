@@ -43,9 +43,15 @@ TEST(KeyText, IsReadAsPeopleTypeIt)
     expectRead(secondText, secondKey);
     expectRead(firstText.toLower(), firstKey);
     expectRead(QString(firstText).remove(QLatin1Char('-')), firstKey);
-    expectRead(QStringLiteral("  ") + QString(firstText).replace(QLatin1Char('-'), QLatin1String(" \n")) + QStringLiteral("\t-"), firstKey);
-    expectRead(QString(firstText).replace(QLatin1Char('0'), QLatin1Char('O')).replace(QLatin1Char('1'), QLatin1Char('l')), firstKey);
-    expectRead(QString(firstText).replace(QLatin1Char('0'), QLatin1Char('o')).replace(QLatin1Char('1'), QLatin1Char('I')), firstKey);
+    expectRead(QStringLiteral("  ") + QString(firstText).replace(QLatin1Char('-'), QLatin1String(" \n")) +
+                   QStringLiteral("\t-"),
+               firstKey);
+    expectRead(
+        QString(firstText).replace(QLatin1Char('0'), QLatin1Char('O')).replace(QLatin1Char('1'), QLatin1Char('l')),
+        firstKey);
+    expectRead(
+        QString(firstText).replace(QLatin1Char('0'), QLatin1Char('o')).replace(QLatin1Char('1'), QLatin1Char('I')),
+        firstKey);
 }
 
 TEST(KeyText, EveryOtherCharacterShows)
@@ -66,7 +72,8 @@ TEST(KeyText, EveryOtherCharacterShows)
 TEST(KeyText, SwappedCharactersShow)
 {
     for (int position = 0; position + 1 < firstText.size(); ++position) {
-        if (firstText.at(position) == firstText.at(position + 1) || firstText.mid(position, 2).contains(QLatin1Char('-')))
+        if (firstText.at(position) == firstText.at(position + 1) ||
+            firstText.mid(position, 2).contains(QLatin1Char('-')))
             continue;
         QString text = firstText;
         text[position] = firstText.at(position + 1);

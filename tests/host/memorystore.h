@@ -2,14 +2,14 @@
 // files survive a process, and fails where a test tells it to.
 #pragma once
 
-#include <map>
-#include <mutex>
-#include <set>
+#include "host/session/sessionstore.h"
+#include "tests/host/peers.h"
 
 #include <QStringList>
 
-#include "host/session/sessionstore.h"
-#include "tests/host/peers.h"
+#include <map>
+#include <mutex>
+#include <set>
 
 namespace hosttest {
 
@@ -57,7 +57,7 @@ public:
     QStringList deliveredNames;
 
     // What goes wrong.
-    QString openError;     // of every queued copy
+    QString openError; // of every queued copy
     QString appendError;
     QString storeError;
     host::RefusedFrame beginRefusal;

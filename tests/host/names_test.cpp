@@ -1,17 +1,17 @@
 #include "host/installation/names.h"
 
-#include <random>
-
 #include <QFile>
-
 #include <gtest/gtest.h>
+
+#include <random>
 
 using namespace host;
 
 TEST(SafeFileName, HarmlessNamesStay)
 {
-    for (const QString& name : {QStringLiteral("report.txt"), QStringLiteral("Отчёт за май.txt"), QStringLiteral("報告 書.tar.gz"),
-                                QString::fromUtf8("\xF0\x9F\x93\xA0.jpg"), QStringLiteral("a..b"), QStringLiteral("-rf")})
+    for (const QString& name :
+         {QStringLiteral("report.txt"), QStringLiteral("Отчёт за май.txt"), QStringLiteral("報告 書.tar.gz"),
+          QString::fromUtf8("\xF0\x9F\x93\xA0.jpg"), QStringLiteral("a..b"), QStringLiteral("-rf")})
         EXPECT_EQ(safeFileName(name), name);
 }
 
@@ -25,7 +25,8 @@ TEST(SafeFileName, NothingLeavesTheDirectory)
     EXPECT_EQ(safeFileName(QStringLiteral(".message")), QStringLiteral("_message"));
     EXPECT_EQ(safeFileName(QString()), QStringLiteral("file"));
     EXPECT_EQ(safeFileName(QStringLiteral("   ")), QStringLiteral("file"));
-    EXPECT_EQ(safeFileName(QStringLiteral("a") + QChar(0) + QStringLiteral("b\n\x7F\x1B[2J")), QStringLiteral("a_b___[2J"));
+    EXPECT_EQ(safeFileName(QStringLiteral("a") + QChar(0) + QStringLiteral("b\n\x7F\x1B[2J")),
+              QStringLiteral("a_b___[2J"));
     EXPECT_EQ(safeFileName(QStringLiteral("gpj.\u202Eexe")), QStringLiteral("gpj._exe"));
     EXPECT_EQ(safeFileName(QStringLiteral("gpj.\u061Cexe")), QStringLiteral("gpj._exe"));
     EXPECT_EQ(safeFileName(QString(QChar(0xD800))).toUtf8(), QByteArray("_")) << "a lone surrogate";
@@ -44,7 +45,8 @@ TEST(SafeFileName, LongNamesKeepTheirExtension)
 
 TEST(SafeFileName, IsItsOwnSafeName)
 {
-    for (const QString& name : {QStringLiteral("../x"), QString(700, QLatin1Char('.')), QStringLiteral(" a "), QStringLiteral("\t.x")})
+    for (const QString& name :
+         {QStringLiteral("../x"), QString(700, QLatin1Char('.')), QStringLiteral(" a "), QStringLiteral("\t.x")})
         EXPECT_EQ(safeFileName(safeFileName(name)), safeFileName(name));
 }
 
@@ -60,7 +62,8 @@ TEST(SafeFileName, ANameThatIsCutIsItsOwnSafeName)
         QString name;
         const int length = 200 + static_cast<int>(random() % 80);
         for (int i = 0; i < length; ++i)
-            name += random() % 3 == 0 ? alphabet.at(static_cast<int>(random() % static_cast<unsigned>(alphabet.size()))) : QLatin1Char('x');
+            name += random() % 3 == 0 ? alphabet.at(static_cast<int>(random() % static_cast<unsigned>(alphabet.size())))
+                                      : QLatin1Char('x');
         const QString safe = safeFileName(name);
         ASSERT_EQ(safeFileName(safe), safe) << "seed " << seed << ", round " << round;
         ASSERT_LE(safe.toUtf8().size(), maxSafeNameBytes);
@@ -92,7 +95,8 @@ TEST(DisplayName, ShowsNoControlCharacters)
 
 TEST(Names, WhatIsInvisibleIsNotShown)
 {
-    for (const uint character : {0x1Bu, 0x9Bu, 0x00ADu, 0x061Cu, 0x180Eu, 0x200Bu, 0x200Fu, 0x202Eu, 0x2060u, 0x2067u, 0x206Au, 0xFEFFu, 0xFFF9u, 0xE0041u}) {
+    for (const uint character : {0x1Bu, 0x9Bu, 0x00ADu, 0x061Cu, 0x180Eu, 0x200Bu, 0x200Fu, 0x202Eu, 0x2060u, 0x2067u,
+                                 0x206Au, 0xFEFFu, 0xFFF9u, 0xE0041u}) {
         const uint characters[] = {'a', character, 'b'};
         const QString name = QString::fromUcs4(characters, 3);
         EXPECT_EQ(host::displayName(name), QStringLiteral("a\uFFFDb")) << character;

@@ -8,7 +8,8 @@ using host::SecretBytes;
 
 namespace {
 
-struct Ends {
+struct Ends
+{
     NoiseCipher sending;
     NoiseCipher receiving;
 

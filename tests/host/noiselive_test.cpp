@@ -2,12 +2,12 @@
 #include "tests/host/noisetools.h"
 #include "tests/support/testroot.h"
 
-#include <algorithm>
-#include <random>
-
 #include <QFileInfo>
 #include <QProcess>
 #include <QtEndian>
+
+#include <algorithm>
+#include <random>
 
 using host::NoiseCipher;
 using host::NoiseHandshake;
@@ -137,7 +137,8 @@ private:
 };
 
 class NoiseLiveRoles : public NoiseLive, public testing::WithParamInterface<Role>
-{};
+{
+};
 
 } // namespace
 
@@ -184,7 +185,8 @@ TEST_P(NoiseLiveRoles, AZeroKeyIsRefused)
 
 TEST_P(NoiseLiveRoles, AKeyOfSmallOrderIsRefused)
 {
-    expectKeyRefused(GetParam(), QByteArray::fromHex("e0eb7a7c3b41b8ae1656e3faf19fc46ada098deb9c32b1fd866205165f49b800"));
+    expectKeyRefused(GetParam(),
+                     QByteArray::fromHex("e0eb7a7c3b41b8ae1656e3faf19fc46ada098deb9c32b1fd866205165f49b800"));
 }
 
 TEST_P(NoiseLiveRoles, OneBitEndsItOnTheirSideToo)

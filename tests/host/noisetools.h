@@ -3,12 +3,11 @@
 
 #include "host/session/noise.h"
 
-#include <memory>
-
 #include <QByteArray>
 #include <QList>
-
 #include <gtest/gtest.h>
+
+#include <memory>
 
 namespace noisetools {
 
@@ -35,7 +34,8 @@ inline std::shared_ptr<const host::KeyPair> newIdentity()
     return std::make_shared<const host::KeyPair>(host::KeyPair::generate());
 }
 
-struct Handshakes {
+struct Handshakes
+{
     std::shared_ptr<const host::KeyPair> initiatorsIdentity = newIdentity();
     std::shared_ptr<const host::KeyPair> respondersIdentity = newIdentity();
     host::NoiseHandshake initiator;
@@ -46,7 +46,8 @@ struct Handshakes {
     Handshakes(const QByteArray& initiatorsPrologue, const QByteArray& respondersPrologue)
         : initiator(host::NoiseHandshake::Role::Initiator, initiatorsPrologue, initiatorsIdentity),
           responder(host::NoiseHandshake::Role::Responder, respondersPrologue, respondersIdentity)
-    {}
+    {
+    }
 
     host::NoiseHandshake& writerOf(int message) { return message % 2 == 0 ? initiator : responder; }
     host::NoiseHandshake& readerOf(int message) { return message % 2 == 0 ? responder : initiator; }

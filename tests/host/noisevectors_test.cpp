@@ -50,8 +50,9 @@ NoiseHandshake sideOf(const Vector& vector, NoiseHandshake::Role role)
     const bool isInitiator = role == NoiseHandshake::Role::Initiator;
     auto identity = std::make_shared<const host::KeyPair>(
         noisetools::pairOf(bytesOf(vector, isInitiator ? "init_static" : "resp_static")));
-    return NoiseHandshake(role, bytesOf(vector, "prologue"), std::move(identity),
-                          noisetools::pairOf(bytesOf(vector, isInitiator ? "gen_init_ephemeral" : "gen_resp_ephemeral")));
+    return NoiseHandshake(
+        role, bytesOf(vector, "prologue"), std::move(identity),
+        noisetools::pairOf(bytesOf(vector, isInitiator ? "gen_init_ephemeral" : "gen_resp_ephemeral")));
 }
 
 // The message with this number, as hexadecimal digits.

@@ -1,13 +1,12 @@
 #include "host/session/opening.h"
 #include "host/session/sessionframes.h"
 #include "tests/host/sealedpeer.h"
-
-#include <functional>
-#include <random>
+#include "tests/support/testroot.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/support/testroot.h"
+#include <functional>
+#include <random>
 
 using namespace host;
 using namespace hosttest;
@@ -15,8 +14,12 @@ using namespace hosttest;
 namespace {
 
 const QString bob = QStringLiteral("Боб");
-const QByteArray callerWord = QByteArray("transport-host\x02" "C\x40\x00", 18);
-const QByteArray answererWord = QByteArray("transport-host\x02" "A\x40\x00", 18);
+const QByteArray callerWord = QByteArray("transport-host\x02"
+                                         "C\x40\x00",
+                                         18);
+const QByteArray answererWord = QByteArray("transport-host\x02"
+                                           "A\x40\x00",
+                                           18);
 
 // Both ends of a line in memory.
 struct Line
@@ -110,7 +113,8 @@ TEST(Opening, ComesInPiecesOfAnySizeWithFillersBetween)
             if (line.answerer.isOver())
                 line.caller.receive(line.answerer.takeOutput(0), 0);
         }
-        EXPECT_TRUE(line.caller.isOver() && line.answerer.isOver()) << round << qPrintable(line.caller.reason() + line.answerer.reason());
+        EXPECT_TRUE(line.caller.isOver() && line.answerer.isOver())
+            << round << qPrintable(line.caller.reason() + line.answerer.reason());
     }
 }
 
@@ -136,8 +140,9 @@ TEST(Opening, NoChangedBitPasses)
 
 TEST(Opening, WhatDoesNotSpeakThisIsToldFromItsFirstWrongByte)
 {
-    for (const QByteArray& said : {QByteArray("l"), QByteArray("\r\n"), QByteArray("transport-hose"), QByteArray("\x03"),
-                                   QByteArray("\x04"), QByteArray("\xFF"), QByteArray("\x01\x10\x00login", 8)}) {
+    for (const QByteArray& said :
+         {QByteArray("l"), QByteArray("\r\n"), QByteArray("transport-hose"), QByteArray("\x03"), QByteArray("\x04"),
+          QByteArray("\xFF"), QByteArray("\x01\x10\x00login", 8)}) {
         Line line;
         line.answerer.receive(said, 0);
         EXPECT_EQ(line.answerer.end(), SessionEnd::NotThisProtocol) << said.toHex().constData();
@@ -154,8 +159,9 @@ TEST(Opening, AnotherVersionIsNamedOnBothSides)
     Line line;
     line.answerer.receive(later.left(15), 0);
     EXPECT_EQ(line.answerer.end(), SessionEnd::OtherVersion);
-    EXPECT_EQ(line.answerer.reason(), QStringLiteral("the other side speaks version 3 of the session protocol, this one "
-                                                     "version 2: install the same version on both"));
+    EXPECT_EQ(line.answerer.reason(),
+              QStringLiteral("the other side speaks version 3 of the session protocol, this one "
+                             "version 2: install the same version on both"));
     EXPECT_EQ(line.answerer.takeOutput(0), answererWord) << "so that the other side can say it too";
 
     // The first version began with a frame in the clear: 01, length, "transport-host", 01.
@@ -246,7 +252,8 @@ TEST(Opening, AnswersWaitAfterFailures)
     EXPECT_EQ(line.answerer.takeOutput(line.nowMs + 999), QByteArray());
     line.caller.receive(line.answerer.takeOutput(line.nowMs + 1000), line.nowMs + 1000);
     line.answerer.receive(line.caller.takeOutput(line.nowMs + 1000), line.nowMs + 1000);
-    EXPECT_TRUE(line.answerer.isOver()) << "a proved caller is let in all the same: " << qPrintable(line.answerer.reason());
+    EXPECT_TRUE(line.answerer.isOver()) << "a proved caller is let in all the same: "
+                                        << qPrintable(line.answerer.reason());
     EXPECT_EQ(line.guard.failures(), 2);
 }
 

@@ -1,7 +1,7 @@
 // How often the session protocol has its pass, and how much it writes in one.
-#include <gtest/gtest.h>
-
 #include "host/channel/pacing.h"
+
+#include <gtest/gtest.h>
 
 using host::Pacing;
 

@@ -1,15 +1,15 @@
-#include "host/channel/peers.h"
 #include "common/global.h"
+#include "host/channel/peers.h"
 #include "host/installation/keypair.h"
 #include "host/installation/keytext.h"
 #include "tests/host/storetools.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 using namespace host;
 using namespace hosttest;
@@ -29,7 +29,8 @@ protected:
                 abonent.name = QString::fromLatin1(name);
                 records->abonents.append(abonent);
                 return QString();
-            }), QString());
+            }),
+                      QString());
         }
     }
     std::unique_ptr<Peers> peers(bool acceptUnknown = false)
@@ -205,5 +206,7 @@ TEST_F(PeersTest, OnlyOneOfSeveralFirstAnswersIsPinned)
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(provedCount, 1);
-    EXPECT_EQ(std::count_if(news.cbegin(), news.cend(), [](const PeerNews& what) { return what.kind == PeerNews::Kind::Pinned; }), 1);
+    EXPECT_EQ(std::count_if(news.cbegin(), news.cend(),
+                            [](const PeerNews& what) { return what.kind == PeerNews::Kind::Pinned; }),
+              1);
 }

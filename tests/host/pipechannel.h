@@ -1,10 +1,10 @@
 // Two ends of a byte channel in memory, for protocols that run in one thread.
 #pragma once
 
+#include "plugin/cchannel.h"
+
 #include <QByteArray>
 #include <QVector>
-
-#include "plugin/cchannel.h"
 
 namespace hosttest {
 

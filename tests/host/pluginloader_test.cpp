@@ -1,10 +1,9 @@
-#include "host/channel/pluginloader.h"
 #include "common/logger.h"
+#include "host/channel/pluginloader.h"
 #include "tests/support/testroot.h"
 
 #include <QFile>
 #include <QFileInfo>
-
 #include <gtest/gtest.h>
 
 using namespace host;
@@ -17,7 +16,8 @@ QDir pluginsDir(const QStringList& libraries)
     QDir dir(testsupport::installRoot() + QStringLiteral("/bin/channelPlugins"));
     dir.mkpath(QStringLiteral("."));
     for (const QString& library : libraries)
-        QFile::link(QStringLiteral(TEST_PLUGINS_DIR "/lib") + library + QStringLiteral(".so"), dir.absoluteFilePath(library + QStringLiteral(".so")));
+        QFile::link(QStringLiteral(TEST_PLUGINS_DIR "/lib") + library + QStringLiteral(".so"),
+                    dir.absoluteFilePath(library + QStringLiteral(".so")));
     return dir;
 }
 
@@ -27,7 +27,8 @@ TEST(PluginLoader, FindsTheOneOfTheRightKind)
 {
     QString error;
     DebugData data;
-    const QDir dir = pluginsDir({QStringLiteral("a"), QStringLiteral("noplugin"), QStringLiteral("oldplugin"), QStringLiteral("otherkindplugin"), QStringLiteral("socketplugin")});
+    const QDir dir = pluginsDir({QStringLiteral("a"), QStringLiteral("noplugin"), QStringLiteral("oldplugin"),
+                                 QStringLiteral("otherkindplugin"), QStringLiteral("socketplugin")});
     QFile broken(dir.absoluteFilePath(QStringLiteral("broken.so")));
     ASSERT_TRUE(broken.open(QIODevice::WriteOnly));
     broken.write("not a library");
@@ -43,7 +44,9 @@ TEST(PluginLoader, RefusesAnotherVersion)
     QString error;
     DebugData data;
     EXPECT_FALSE(loadPlugin(pluginsDir({QStringLiteral("oldplugin")}), 2, &data, &error));
-    EXPECT_TRUE(error.endsWith(QStringLiteral("liboldplugin.so has version 15 of the plug-in interface, this host needs version 16"))) << qPrintable(error);
+    EXPECT_TRUE(error.endsWith(
+        QStringLiteral("liboldplugin.so has version 15 of the plug-in interface, this host needs version 16")))
+        << qPrintable(error);
 }
 
 TEST(PluginLoader, SaysWhatItFound)
@@ -52,9 +55,12 @@ TEST(PluginLoader, SaysWhatItFound)
     DebugData data;
     EXPECT_FALSE(loadPlugin(pluginsDir({}), 2, &data, &error));
     EXPECT_TRUE(error.startsWith(QStringLiteral("there is no channel plug-in in "))) << qPrintable(error);
-    EXPECT_FALSE(loadPlugin(pluginsDir({QStringLiteral("noplugin"), QStringLiteral("otherkindplugin")}), 2, &data, &error));
-    EXPECT_TRUE(error.contains(QStringLiteral("libnoplugin.so is no channel plug-in: an entry point is missing"))) << qPrintable(error);
-    EXPECT_TRUE(error.contains(QStringLiteral("libotherkindplugin.so is for another kind of channel"))) << qPrintable(error);
+    EXPECT_FALSE(
+        loadPlugin(pluginsDir({QStringLiteral("noplugin"), QStringLiteral("otherkindplugin")}), 2, &data, &error));
+    EXPECT_TRUE(error.contains(QStringLiteral("libnoplugin.so is no channel plug-in: an entry point is missing")))
+        << qPrintable(error);
+    EXPECT_TRUE(error.contains(QStringLiteral("libotherkindplugin.so is for another kind of channel")))
+        << qPrintable(error);
 }
 
 TEST(PluginLoader, LoadsTheDialUpChannel)

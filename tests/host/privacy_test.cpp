@@ -3,19 +3,17 @@
 #include "tests/host/storetools.h"
 #include "tests/support/deadline.h"
 
-#include <cerrno>
-#include <cstring>
-#include <set>
-
-#include <grp.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <QDirIterator>
 #include <QProcess>
 #include <QRegularExpression>
-
 #include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <grp.h>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace hosttest;
 
@@ -25,7 +23,11 @@ constexpr uid_t ordinaryUser = 65534;
 constexpr uid_t somebodyElse = 65533;
 constexpr int commandDeadlineMs = 60000;
 
-enum class User { Root, Ordinary };
+enum class User
+{
+    Root,
+    Ordinary
+};
 
 void PrintTo(User user, std::ostream* stream)
 {
@@ -39,7 +41,9 @@ QByteArray encoded(const QString& path)
 
 struct stat statusOf(const QString& path)
 {
-    struct stat status{};
+    struct stat status
+    {
+    };
     EXPECT_EQ(::lstat(encoded(path).constData(), &status), 0) << path.toStdString() << ": " << strerror(errno);
     return status;
 }
@@ -62,7 +66,8 @@ void give(const QString& path, uid_t user)
 QStringList entriesBelow(const QString& path)
 {
     QStringList entries;
-    QDirIterator it(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    QDirIterator it(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
     while (it.hasNext())
         entries.append(it.next());
     return entries;
@@ -79,7 +84,8 @@ class Privacy : public testing::TestWithParam<User>
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(testsupport::isRootPrivate()) << "build where nobody else may write: " << testsupport::installRoot().toStdString();
+        ASSERT_TRUE(testsupport::isRootPrivate())
+            << "build where nobody else may write: " << testsupport::installRoot().toStdString();
         umask(0); // nothing must be private by luck
         const bool isRoot = geteuid() == 0;
         if (GetParam() == User::Root && !isRoot)
@@ -121,8 +127,9 @@ protected:
     {
         QStringList command{path("bin/transport-host")};
         if (m_user != geteuid())
-            command = QStringList{QStringLiteral("setpriv"), QStringLiteral("--reuid=%1").arg(m_user), QStringLiteral("--regid=%1").arg(m_user),
-                                  QStringLiteral("--clear-groups")} + command;
+            command = QStringList{QStringLiteral("setpriv"), QStringLiteral("--reuid=%1").arg(m_user),
+                                  QStringLiteral("--regid=%1").arg(m_user), QStringLiteral("--clear-groups")} +
+                      command;
         command += arguments;
         QProcess process;
         process.setProcessChannelMode(QProcess::MergedChannels);
@@ -135,7 +142,9 @@ protected:
     int name() { return call({QStringLiteral("name"), QStringLiteral("Alice")}); }
     int run(const QStringList& options = {})
     {
-        return call(QStringList{QStringLiteral("run"), QStringLiteral("--quiet"), QStringLiteral("--timeout"), QStringLiteral("0.1")} + options);
+        return call(QStringList{QStringLiteral("run"), QStringLiteral("--quiet"), QStringLiteral("--timeout"),
+                                QStringLiteral("0.1")} +
+                    options);
     }
 
     // Refuses, names the path, runs when told to, and does what it says must be done to run.
@@ -167,9 +176,8 @@ protected:
     QString output;
 };
 
-INSTANTIATE_TEST_SUITE_P(As, Privacy, testing::Values(User::Root, User::Ordinary), [](const auto& test) {
-    return test.param == User::Root ? "Root" : "Ordinary";
-});
+INSTANTIATE_TEST_SUITE_P(As, Privacy, testing::Values(User::Root, User::Ordinary),
+                         [](const auto& test) { return test.param == User::Root ? "Root" : "Ordinary"; });
 
 // ---- laying out ----
 
@@ -334,7 +342,8 @@ TEST_P(Privacy, RunRefusesWhatOthersCanReachAndWrite)
 TEST_P(Privacy, RunRefusesAProgramThatOthersCanReplace)
 {
     ASSERT_EQ(name(), 0) << output.toStdString();
-    for (const char* name : {"bin", "bin/channelPlugins", "bin/transport-host", "bin/channelPlugins/libsocketplugin.so", ""}) {
+    for (const char* name :
+         {"bin", "bin/channelPlugins", "bin/transport-host", "bin/channelPlugins/libsocketplugin.so", ""}) {
         for (const mode_t mode : {mode_t(0777), mode_t(0775), mode_t(0757)}) {
             const QString place = *name ? path(name) : root;
             SCOPED_TRACE(place.toStdString());
@@ -371,7 +380,8 @@ TEST_P(Privacy, RunRefusesWhatBelongsToSomebodyElse)
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can give files away";
     ASSERT_EQ(name(), 0) << output.toStdString();
-    for (const char* name : {"bin", "bin/channelPlugins", "bin/transport-host", "bin/channelPlugins/libsocketplugin.so", ""}) {
+    for (const char* name :
+         {"bin", "bin/channelPlugins", "bin/transport-host", "bin/channelPlugins/libsocketplugin.so", ""}) {
         const QString place = *name ? path(name) : root;
         SCOPED_TRACE(place.toStdString());
         give(place, somebodyElse);
@@ -389,7 +399,8 @@ TEST_P(Privacy, RunRefusesWhatBelongsToSomebodyElse)
     setMode(path("settings"), 0755);
     give(path("settings/settings.ini"), somebodyElse);
     EXPECT_EQ(run(), 1);
-    EXPECT_TRUE(output.contains(path("settings/settings.ini") + QStringLiteral(" belongs to user 65533"))) << output.toStdString();
+    EXPECT_TRUE(output.contains(path("settings/settings.ini") + QStringLiteral(" belongs to user 65533")))
+        << output.toStdString();
 }
 
 TEST_P(Privacy, OtherCommandsAreNotRefused)
@@ -406,15 +417,21 @@ TEST_P(Privacy, ARunningHostLeavesNoCoreDump)
         GTEST_SKIP() << "root's files in /proc are root's in any case";
     ASSERT_EQ(name(), 0) << output.toStdString();
     for (const bool isAllowed : {false, true}) {
-        QStringList command{QStringLiteral("setpriv"), QStringLiteral("--reuid=%1").arg(m_user), QStringLiteral("--regid=%1").arg(m_user),
-                            QStringLiteral("--clear-groups"), path("bin/transport-host"), QStringLiteral("run"), QStringLiteral("--plain")};
+        QStringList command{QStringLiteral("setpriv"),
+                            QStringLiteral("--reuid=%1").arg(m_user),
+                            QStringLiteral("--regid=%1").arg(m_user),
+                            QStringLiteral("--clear-groups"),
+                            path("bin/transport-host"),
+                            QStringLiteral("run"),
+                            QStringLiteral("--plain")};
         if (m_user == geteuid())
             command = command.mid(4);
         if (isAllowed)
             command.append(QStringLiteral("--core-dumps"));
         QProcess process;
         process.start(command.takeFirst(), command);
-        ASSERT_TRUE(testsupport::waitFor([&] { return process.state() == QProcess::NotRunning || process.bytesAvailable() > 0; }));
+        ASSERT_TRUE(testsupport::waitFor(
+            [&] { return process.state() == QProcess::NotRunning || process.bytesAvailable() > 0; }));
         EXPECT_EQ(statusOf(QStringLiteral("/proc/%1/maps").arg(process.processId())).st_uid, isAllowed ? m_user : 0);
         process.terminate();
         EXPECT_TRUE(process.waitForFinished(commandDeadlineMs));

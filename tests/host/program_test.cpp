@@ -2,12 +2,11 @@
 // breaks and kills.
 #include "tests/host/programs.h"
 
-#include <csignal>
+#include <QRegularExpression>
 
+#include <csignal>
 #include <fcntl.h>
 #include <sys/ioctl.h>
-
-#include <QRegularExpression>
 
 using namespace hosttest;
 using testsupport::waitFor;
@@ -19,13 +18,17 @@ TEST_F(Program, HelpOnEverything)
     const Installation installation(QStringLiteral("i"));
     const Result help = installation.call({QStringLiteral("--help")});
     EXPECT_EQ(help.status, 0);
-    for (const char* command : {"run", "send", "cancel", "status", "name", "port add", "port list", "port remove", "port packet-size",
-                                "abonent add", "abonent list", "abonent remove", "abonent forget-key", "abonent block", "abonent unblock",
-                                "key", "key block", "key unblock", "setup"}) {
-        EXPECT_TRUE(help.out.contains(QStringLiteral("\n  ") + QString::fromLatin1(command) + QLatin1Char(' '))) << command;
-        const Result one = installation.call(QString::fromLatin1(command).split(QLatin1Char(' ')) + QStringList{QStringLiteral("--help")});
+    for (const char* command :
+         {"run", "send", "cancel", "status", "name", "port add", "port list", "port remove", "port packet-size",
+          "abonent add", "abonent list", "abonent remove", "abonent forget-key", "abonent block", "abonent unblock",
+          "key", "key block", "key unblock", "setup"}) {
+        EXPECT_TRUE(help.out.contains(QStringLiteral("\n  ") + QString::fromLatin1(command) + QLatin1Char(' ')))
+            << command;
+        const Result one = installation.call(QString::fromLatin1(command).split(QLatin1Char(' ')) +
+                                             QStringList{QStringLiteral("--help")});
         EXPECT_EQ(one.status, 0) << command;
-        EXPECT_TRUE(one.out.startsWith(QStringLiteral("Usage: transport-host ") + QString::fromLatin1(command))) << qPrintable(one.out);
+        EXPECT_TRUE(one.out.startsWith(QStringLiteral("Usage: transport-host ") + QString::fromLatin1(command)))
+            << qPrintable(one.out);
     }
     EXPECT_EQ(installation.call({QStringLiteral("--version")}).out, QStringLiteral("transport-host 1.0.0\n"));
 }
@@ -33,17 +36,30 @@ TEST_F(Program, HelpOnEverything)
 TEST_F(Program, WrongUsageIsToldWithStatus2)
 {
     const Installation installation(QStringLiteral("i"));
-    const QList<QStringList> wrong = {{}, {QStringLiteral("fly")}, {QStringLiteral("send"), QStringLiteral("Bob")}, {QStringLiteral("run"), QStringLiteral("--nonsense")},
-                                      {QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("soon")}, {QStringLiteral("run"), QStringLiteral("now")},
-                                      {QStringLiteral("name"), QStringLiteral("***")}, {QStringLiteral("name"), QStringLiteral("a"), QStringLiteral("b")},
-                                      {QStringLiteral("port"), QStringLiteral("add")}, {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("x"), QStringLiteral("--flow"), QStringLiteral("wild")},
-                                      {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("x"), QStringLiteral("--baud"), QStringLiteral("-3")},
-                                      {QStringLiteral("port"), QStringLiteral("packet-size"), QStringLiteral("10")},
-                                      {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob")}, {QStringLiteral("abonent")},
-                                      {QStringLiteral("run"), QStringLiteral("--known-only"), QStringLiteral("--accept-unknown")},
-                                      {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob"), QStringLiteral("--key"), QStringLiteral("nonsense")},
-                                      {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob"), QStringLiteral("--port"), QStringLiteral("ttyS0")},
-                                      {QStringLiteral("key"), QStringLiteral("block")}, {QStringLiteral("key"), QStringLiteral("block"), QStringLiteral("nonsense")}};
+    const QList<QStringList> wrong = {
+        {},
+        {QStringLiteral("fly")},
+        {QStringLiteral("send"), QStringLiteral("Bob")},
+        {QStringLiteral("run"), QStringLiteral("--nonsense")},
+        {QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("soon")},
+        {QStringLiteral("run"), QStringLiteral("now")},
+        {QStringLiteral("name"), QStringLiteral("***")},
+        {QStringLiteral("name"), QStringLiteral("a"), QStringLiteral("b")},
+        {QStringLiteral("port"), QStringLiteral("add")},
+        {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("x"), QStringLiteral("--flow"),
+         QStringLiteral("wild")},
+        {QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("x"), QStringLiteral("--baud"),
+         QStringLiteral("-3")},
+        {QStringLiteral("port"), QStringLiteral("packet-size"), QStringLiteral("10")},
+        {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob")},
+        {QStringLiteral("abonent")},
+        {QStringLiteral("run"), QStringLiteral("--known-only"), QStringLiteral("--accept-unknown")},
+        {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob"), QStringLiteral("--key"),
+         QStringLiteral("nonsense")},
+        {QStringLiteral("abonent"), QStringLiteral("add"), QStringLiteral("Bob"), QStringLiteral("--port"),
+         QStringLiteral("ttyS0")},
+        {QStringLiteral("key"), QStringLiteral("block")},
+        {QStringLiteral("key"), QStringLiteral("block"), QStringLiteral("nonsense")}};
     for (const QStringList& arguments : wrong) {
         const Result result = installation.call(arguments);
         EXPECT_EQ(result.status, 2) << qPrintable(arguments.join(QLatin1Char(' ')));
@@ -55,19 +71,33 @@ TEST_F(Program, WrongUsageIsToldWithStatus2)
 TEST_F(Program, PortsAreDefinedListedChangedAndRemoved)
 {
     const Installation installation(QStringLiteral("i"));
-    const auto port = [&](const QStringList& arguments) { return installation.call(QStringList{QStringLiteral("port")} + arguments); };
-    EXPECT_EQ(port({QStringLiteral("add"), QStringLiteral("ttyS0"), QStringLiteral("--baud"), QStringLiteral("9600"), QStringLiteral("--init"), QStringLiteral("ATZ\\r")}).status, 0);
+    const auto port = [&](const QStringList& arguments) {
+        return installation.call(QStringList{QStringLiteral("port")} + arguments);
+    };
+    EXPECT_EQ(port({QStringLiteral("add"), QStringLiteral("ttyS0"), QStringLiteral("--baud"), QStringLiteral("9600"),
+                    QStringLiteral("--init"), QStringLiteral("ATZ\\r")})
+                  .status,
+              0);
     // The bytes the plug-in reads.
-    EXPECT_EQ(readAll(installation.root + QStringLiteral("/settings/channelCom.conf")).toHex(),
-              QByteArray::fromHex("00000003 00000001 00000400 01 0000000A 00740074007900530030 0000000A 00410054005A005C0072"
-                                  "00002580 00000001 00000008 00000000 00000001").toHex());
-    EXPECT_EQ(port({QStringLiteral("add"), QStringLiteral("/dev/ttyUSB0"), QStringLiteral("--flow"), QStringLiteral("none"), QStringLiteral("--parity"), QStringLiteral("even"),
-                    QStringLiteral("--stop-bits"), QStringLiteral("2"), QStringLiteral("--data-bits"), QStringLiteral("7"), QStringLiteral("--disabled")}).status, 0);
+    EXPECT_EQ(
+        readAll(installation.root + QStringLiteral("/settings/channelCom.conf")).toHex(),
+        QByteArray::fromHex("00000003 00000001 00000400 01 0000000A 00740074007900530030 0000000A 00410054005A005C0072"
+                            "00002580 00000001 00000008 00000000 00000001")
+            .toHex());
+    EXPECT_EQ(
+        port({QStringLiteral("add"), QStringLiteral("/dev/ttyUSB0"), QStringLiteral("--flow"), QStringLiteral("none"),
+              QStringLiteral("--parity"), QStringLiteral("even"), QStringLiteral("--stop-bits"), QStringLiteral("2"),
+              QStringLiteral("--data-bits"), QStringLiteral("7"), QStringLiteral("--disabled")})
+            .status,
+        0);
     EXPECT_EQ(port({QStringLiteral("packet-size"), QStringLiteral("512")}).status, 0);
-    EXPECT_EQ(port({QStringLiteral("list")}).out,
-              QStringLiteral("ttyS0  9600 baud, 8 data bits, parity none, stop bits 1, flow control hardware, init string 'ATZ\\r'\n"
-                             "/dev/ttyUSB0  115200 baud, 7 data bits, parity even, stop bits 2, flow control none, init string 'ATZ\\r', disabled\n"
-                             "packets of at most 512 bytes\n"));
+    EXPECT_EQ(
+        port({QStringLiteral("list")}).out,
+        QStringLiteral(
+            "ttyS0  9600 baud, 8 data bits, parity none, stop bits 1, flow control hardware, init string 'ATZ\\r'\n"
+            "/dev/ttyUSB0  115200 baud, 7 data bits, parity even, stop bits 2, flow control none, init string "
+            "'ATZ\\r', disabled\n"
+            "packets of at most 512 bytes\n"));
     EXPECT_EQ(port({QStringLiteral("add"), QStringLiteral("ttyS0")}).status, 0) << "changes it";
     EXPECT_EQ(port({QStringLiteral("remove"), QStringLiteral("/dev/ttyUSB0")}).status, 0);
     EXPECT_EQ(port({QStringLiteral("remove"), QStringLiteral("/dev/ttyUSB0")}).status, 1);
@@ -77,14 +107,24 @@ TEST_F(Program, PortsAreDefinedListedChangedAndRemoved)
 TEST_F(Program, AbonentsAreToldListedAndForgotten)
 {
     const Installation installation(QStringLiteral("i"));
-    const auto abonent = [&](const QStringList& arguments) { return installation.call(QStringList{QStringLiteral("abonent")} + arguments); };
-    EXPECT_EQ(abonent({QStringLiteral("add"), QStringLiteral("Боб"), QStringLiteral("--number"), QStringLiteral("123")}).status, 0);
-    const Result noted = abonent({QStringLiteral("add"), QStringLiteral("Carol"), QStringLiteral("--number"), QStringLiteral("W9,5"), QStringLiteral("--port"), QStringLiteral("ttyS0"), QStringLiteral("--port"), QStringLiteral("ttyS1")});
+    const auto abonent = [&](const QStringList& arguments) {
+        return installation.call(QStringList{QStringLiteral("abonent")} + arguments);
+    };
+    EXPECT_EQ(abonent({QStringLiteral("add"), QStringLiteral("Боб"), QStringLiteral("--number"), QStringLiteral("123")})
+                  .status,
+              0);
+    const Result noted =
+        abonent({QStringLiteral("add"), QStringLiteral("Carol"), QStringLiteral("--number"), QStringLiteral("W9,5"),
+                 QStringLiteral("--port"), QStringLiteral("ttyS0"), QStringLiteral("--port"), QStringLiteral("ttyS1")});
     EXPECT_EQ(noted.status, 0);
     EXPECT_TRUE(noted.err.contains(QStringLiteral("no port ttyS0 is defined yet")));
-    EXPECT_EQ(abonent({QStringLiteral("add"), QStringLiteral("боб"), QStringLiteral("--number"), QStringLiteral("124")}).status, 0) << "the same one";
-    EXPECT_EQ(abonent({QStringLiteral("list")}).out, QStringLiteral("боб  124  no key: the first call to them pins it\n"
-                                                                    "Carol  W9,5  through ttyS0, ttyS1  no key: the first call to them pins it\n"));
+    EXPECT_EQ(abonent({QStringLiteral("add"), QStringLiteral("боб"), QStringLiteral("--number"), QStringLiteral("124")})
+                  .status,
+              0)
+        << "the same one";
+    EXPECT_EQ(abonent({QStringLiteral("list")}).out,
+              QStringLiteral("боб  124  no key: the first call to them pins it\n"
+                             "Carol  W9,5  through ttyS0, ttyS1  no key: the first call to them pins it\n"));
     EXPECT_EQ(abonent({QStringLiteral("remove"), QStringLiteral("Carol")}).status, 0);
     EXPECT_EQ(abonent({QStringLiteral("remove"), QStringLiteral("Carol")}).status, 1);
 }
@@ -106,20 +146,24 @@ TEST_F(Program, KeysAreShownPinnedForgottenAndBlocked)
     EXPECT_EQ(call(QStringLiteral("abonent add Bob --number 1")).status, 0);
     EXPECT_EQ(call(QStringLiteral("abonent add Bob --key ") + key).status, 0);
     const QString today = QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd"));
-    EXPECT_EQ(call(QStringLiteral("abonent list")).out, QStringLiteral("Bob  1  key %1, told %2\n").arg(fingerprint, today));
+    EXPECT_EQ(call(QStringLiteral("abonent list")).out,
+              QStringLiteral("Bob  1  key %1, told %2\n").arg(fingerprint, today));
     EXPECT_EQ(call(QStringLiteral("abonent add Bob --number 2")).status, 0);
-    EXPECT_TRUE(call(QStringLiteral("abonent list")).out.startsWith(QStringLiteral("Bob  2  key ") + fingerprint)) << "another number, the same key";
+    EXPECT_TRUE(call(QStringLiteral("abonent list")).out.startsWith(QStringLiteral("Bob  2  key ") + fingerprint))
+        << "another number, the same key";
     const Result second = call(QStringLiteral("abonent add Carol --key ") + key);
     EXPECT_EQ(second.status, 1);
     EXPECT_TRUE(second.err.contains(QStringLiteral("this is the key of 'Bob'"))) << qPrintable(second.err);
     EXPECT_EQ(call(QStringLiteral("abonent forget-key Bob")).status, 0);
     EXPECT_EQ(call(QStringLiteral("abonent forget-key Dave")).status, 1);
     EXPECT_EQ(call(QStringLiteral("abonent block Bob")).status, 0);
-    EXPECT_EQ(call(QStringLiteral("abonent list")).out, QStringLiteral("Bob  2  no key: the first call to them pins it  BLOCKED\n"));
+    EXPECT_EQ(call(QStringLiteral("abonent list")).out,
+              QStringLiteral("Bob  2  no key: the first call to them pins it  BLOCKED\n"));
     EXPECT_EQ(call(QStringLiteral("abonent unblock Bob")).status, 0);
     EXPECT_EQ(call(QStringLiteral("abonent add Carol --key ") + key).status, 0) << "who only calls in needs no number";
     EXPECT_EQ(call(QStringLiteral("key block ") + key).status, 0);
-    EXPECT_TRUE(call(QStringLiteral("abonent list")).out.endsWith(QStringLiteral("\nblocked key %1  %2\n").arg(fingerprint, key)));
+    EXPECT_TRUE(call(QStringLiteral("abonent list"))
+                    .out.endsWith(QStringLiteral("\nblocked key %1  %2\n").arg(fingerprint, key)));
     EXPECT_EQ(call(QStringLiteral("key unblock ") + key).status, 0);
     EXPECT_EQ(call(QStringLiteral("key unblock ") + key).status, 1);
 }
@@ -131,7 +175,9 @@ TEST_F(Program, ALostKeyIsToldAndNotReplacedUnasked)
     const QString shown = installation.call({QStringLiteral("key")}).out;
     const QString path = installation.root + QStringLiteral("/settings/identity.key");
     ASSERT_TRUE(QFile::remove(path));
-    for (const QStringList& command : {QStringList{QStringLiteral("key")}, QStringList{QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("0.1")}}) {
+    for (const QStringList& command :
+         {QStringList{QStringLiteral("key")},
+          QStringList{QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("0.1")}}) {
         const Result result = installation.call(command);
         EXPECT_EQ(result.status, 1);
         EXPECT_TRUE(result.err.contains(path + QStringLiteral(" is gone"))) << qPrintable(result.err);
@@ -143,20 +189,32 @@ TEST_F(Program, ALostKeyIsToldAndNotReplacedUnasked)
     EXPECT_EQ(made.status, 0);
     EXPECT_NE(made.out, shown);
     EXPECT_EQ(installation.call({QStringLiteral("key")}).out, made.out);
-    EXPECT_EQ(installation.call({QStringLiteral("key"), QStringLiteral("--new")}).out, made.out) << "a key that is there stays";
+    EXPECT_EQ(installation.call({QStringLiteral("key"), QStringLiteral("--new")}).out, made.out)
+        << "a key that is there stays";
 }
 
 // Each word's value in the record is that of the serial port's enumeration.
 TEST_F(Program, EveryWordOfAPortIsItsValueInTheRecord)
 {
     const Installation installation(QStringLiteral("i"));
-    struct Word { const char* option; const char* word; int offset; int value; }; // offset: from the record's end, in numbers
-    const Word words[] = {{"--flow", "none", 4, 0}, {"--flow", "hardware", 4, 1}, {"--flow", "software", 4, 2},
-                          {"--data-bits", "5", 3, 5}, {"--data-bits", "6", 3, 6}, {"--data-bits", "7", 3, 7}, {"--data-bits", "8", 3, 8},
-                          {"--parity", "none", 2, 0}, {"--parity", "even", 2, 2}, {"--parity", "odd", 2, 3}, {"--parity", "space", 2, 4}, {"--parity", "mark", 2, 5},
+    struct Word
+    {
+        const char* option;
+        const char* word;
+        int offset;
+        int value;
+    }; // offset: from the record's end, in numbers
+    const Word words[] = {{"--flow", "none", 4, 0},   {"--flow", "hardware", 4, 1}, {"--flow", "software", 4, 2},
+                          {"--data-bits", "5", 3, 5}, {"--data-bits", "6", 3, 6},   {"--data-bits", "7", 3, 7},
+                          {"--data-bits", "8", 3, 8}, {"--parity", "none", 2, 0},   {"--parity", "even", 2, 2},
+                          {"--parity", "odd", 2, 3},  {"--parity", "space", 2, 4},  {"--parity", "mark", 2, 5},
                           {"--stop-bits", "1", 1, 1}, {"--stop-bits", "1.5", 1, 3}, {"--stop-bits", "2", 1, 2}};
     for (const Word& word : words) {
-        ASSERT_EQ(installation.call({QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("ttyS0"), QString::fromLatin1(word.option), QString::fromLatin1(word.word)}).status, 0);
+        ASSERT_EQ(installation
+                      .call({QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("ttyS0"),
+                             QString::fromLatin1(word.option), QString::fromLatin1(word.word)})
+                      .status,
+                  0);
         const QByteArray record = readAll(installation.root + QStringLiteral("/settings/channelCom.conf"));
         QByteArray value = record.right(4 * word.offset).left(4).toHex();
         EXPECT_EQ(value, QByteArray::number(word.value, 16).rightJustified(8, '0')) << word.option << " " << word.word;
@@ -173,16 +231,20 @@ TEST_F(Program, HelpInEachSpelling)
         EXPECT_EQ(result.status, 0) << word;
         EXPECT_EQ(result.out, help) << word;
     }
-    EXPECT_EQ(installation.call({QStringLiteral("send"), QStringLiteral("-h")}).out, installation.call({QStringLiteral("send"), QStringLiteral("--help")}).out);
+    EXPECT_EQ(installation.call({QStringLiteral("send"), QStringLiteral("-h")}).out,
+              installation.call({QStringLiteral("send"), QStringLiteral("--help")}).out);
 }
 
 TEST_F(Program, ADamagedFileIsNotTakenForNoName)
 {
     const Installation installation(QStringLiteral("i"));
     installation.call({QStringLiteral("name"), QStringLiteral("I")});
-    const QString path = writeFile(installation.root + QStringLiteral("/settings/generalSettings.ini"), QByteArray(100, '\0'));
-    for (const QStringList& command : {QStringList{QStringLiteral("name")}, QStringList{QStringLiteral("name"), QStringLiteral("J")},
-                                       QStringList{QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("0.1")}, QStringList{QStringLiteral("status")}}) {
+    const QString path =
+        writeFile(installation.root + QStringLiteral("/settings/generalSettings.ini"), QByteArray(100, '\0'));
+    for (const QStringList& command :
+         {QStringList{QStringLiteral("name")}, QStringList{QStringLiteral("name"), QStringLiteral("J")},
+          QStringList{QStringLiteral("run"), QStringLiteral("--timeout"), QStringLiteral("0.1")},
+          QStringList{QStringLiteral("status")}}) {
         const Result result = installation.call(command);
         EXPECT_EQ(result.status, 1);
         EXPECT_TRUE(result.err.contains(path + QStringLiteral(" is damaged"))) << qPrintable(result.err);
@@ -202,14 +264,17 @@ TEST_F(Program, SendQueuesWhatItCanAndSaysWhatItCannot)
 {
     const Installation installation(QStringLiteral("i"));
     const QString good = file(QStringLiteral("Отчёт за май.txt"), "content");
-    const Result result = installation.call({QStringLiteral("send"), QStringLiteral("Bob"), QStringLiteral("/absent"), good});
+    const Result result =
+        installation.call({QStringLiteral("send"), QStringLiteral("Bob"), QStringLiteral("/absent"), good});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, QStringLiteral("00000001  Отчёт за май.txt  7 B\n"));
     EXPECT_TRUE(result.err.contains(QStringLiteral("cannot read /absent: No such file or directory")));
     EXPECT_TRUE(result.err.contains(QStringLiteral("no number is known for 'Bob'")));
     const Result status = installation.call({QStringLiteral("status")});
     EXPECT_EQ(status.status, 0);
-    EXPECT_TRUE(status.out.contains(QStringLiteral("queue: 1\n  00000001  to Bob  Отчёт за май.txt  7 B  not tried yet\n"))) << qPrintable(status.out);
+    EXPECT_TRUE(
+        status.out.contains(QStringLiteral("queue: 1\n  00000001  to Bob  Отчёт за май.txt  7 B  not tried yet\n")))
+        << qPrintable(status.out);
     EXPECT_EQ(installation.call({QStringLiteral("cancel"), QStringLiteral("00000002")}).status, 1);
     EXPECT_EQ(installation.call({QStringLiteral("cancel"), QStringLiteral("00000001")}).status, 0);
     EXPECT_EQ(installation.queue().size(), 0);
@@ -221,13 +286,17 @@ TEST_F(Program, RunWithoutNameOrPlugin)
         const Installation installation(QStringLiteral("i"));
         const Result result = installation.call({QStringLiteral("run")});
         EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(result.err, QStringLiteral("transport-host: this installation has no name yet: set it with \"transport-host name NAME\"\n"));
+        EXPECT_EQ(result.err,
+                  QStringLiteral(
+                      "transport-host: this installation has no name yet: set it with \"transport-host name NAME\"\n"));
     }
     Installation bare(QStringLiteral("bare"), false);
     bare.setUp(QStringLiteral("Bare"));
     const Result result = bare.call({QStringLiteral("run")});
     EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(result.err.contains(QStringLiteral("there is no channel plug-in in %1/bin/channelPlugins").arg(bare.root))) << qPrintable(result.err);
+    EXPECT_TRUE(
+        result.err.contains(QStringLiteral("there is no channel plug-in in %1/bin/channelPlugins").arg(bare.root)))
+        << qPrintable(result.err);
 }
 
 // ---- a host at work ----
@@ -236,9 +305,11 @@ TEST_F(TwoPrograms, FilesBothWaysInOneCall)
 {
     const QByteArray big = randomBytes(300000, testsupport::seed());
     const QString name = QStringLiteral("Отчёт \xF0\x9F\x93\xA0.bin");
-    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(name, big), file(QStringLiteral("empty"), QByteArray())});
+    alice.call(
+        {QStringLiteral("send"), QStringLiteral("Боб"), file(name, big), file(QStringLiteral("empty"), QByteArray())});
     bob.call({QStringLiteral("send"), QStringLiteral("Alice"), file(QStringLiteral("back"), "back")});
-    bob.run({QStringLiteral("--exit-when-received"), QStringLiteral("2"), QStringLiteral("--exit-when-sent"), QStringLiteral("--no-calls")});
+    bob.run({QStringLiteral("--exit-when-received"), QStringLiteral("2"), QStringLiteral("--exit-when-sent"),
+             QStringLiteral("--no-calls")});
     alice.run({QStringLiteral("--exit-when-received"), QStringLiteral("1"), QStringLiteral("--exit-when-sent")});
     EXPECT_EQ(alice.waitForEnd(), 0);
     EXPECT_EQ(bob.waitForEnd(), 0);
@@ -254,7 +325,8 @@ TEST_F(TwoPrograms, FilesBothWaysInOneCall)
     EXPECT_TRUE(alice.events(QStringLiteral("callEnded")).first()[QStringLiteral("well")].toBool());
     EXPECT_EQ(alice.events(QStringLiteral("delivered")).size(), 2);
     EXPECT_EQ(bob.events(QStringLiteral("stored")).size(), 2);
-    EXPECT_EQ(bob.events(QStringLiteral("stored")).first()[QStringLiteral("sha256")].toString(), QString::fromLatin1(sha256(big).toHex()));
+    EXPECT_EQ(bob.events(QStringLiteral("stored")).first()[QStringLiteral("sha256")].toString(),
+              QString::fromLatin1(sha256(big).toHex()));
     // Plain lines: states, the journal, tenths of a file.
     const QString output = QString::fromUtf8(bob.output());
     EXPECT_TRUE(output.contains(QStringLiteral("Установлено соединение с 'Alice'"))) << qPrintable(output);
@@ -264,7 +336,8 @@ TEST_F(TwoPrograms, FilesBothWaysInOneCall)
     // Host and plug-in write one log.
     const QStringList logs = QDir(alice.root + QStringLiteral("/data/0/log")).entryList({QStringLiteral("*.log")});
     ASSERT_EQ(logs.size(), 1);
-    EXPECT_TRUE(readAll(alice.root + QStringLiteral("/data/0/log/") + logs.first()).contains("log line of the plug-in"));
+    EXPECT_TRUE(
+        readAll(alice.root + QStringLiteral("/data/0/log/") + logs.first()).contains("log line of the plug-in"));
 }
 
 TEST_F(TwoPrograms, SendWhileItRunsGoesAtOnce)
@@ -308,7 +381,8 @@ TEST_F(TwoPrograms, FailedCallsAreRepeatedAndTheQueueSaysWhy)
     ASSERT_TRUE(waitFor([&] { return alice.events(QStringLiteral("notConnected")).size() >= 2; }));
     EXPECT_TRUE(waitFor([&] {
         const QJsonArray queue = alice.queue();
-        return queue.isEmpty() || queue.first().toObject()[QStringLiteral("reason")].toString().contains(QStringLiteral(" in a row failed, the last: Не удалось установить соединение: BUSY"));
+        return queue.isEmpty() || queue.first().toObject()[QStringLiteral("reason")].toString().contains(QStringLiteral(
+                                      " in a row failed, the last: Не удалось установить соединение: BUSY"));
     }));
     bob.run({QStringLiteral("--exit-when-received"), QStringLiteral("1")});
     EXPECT_EQ(alice.waitForEnd(), 0);
@@ -335,7 +409,8 @@ TEST_F(TwoPrograms, StatusTellsWhatIsBeingDoneNotWhatOnceFailed)
 // The port brings no outcome: the host sees it in its state and does not wait for one.
 TEST_F(TwoPrograms, AnotherPortTakesTheCallOfOneThatWentDown)
 {
-    EXPECT_EQ(alice.call({QStringLiteral("port"), QStringLiteral("add"), alice.socket + QStringLiteral("2")}).status, 0);
+    EXPECT_EQ(alice.call({QStringLiteral("port"), QStringLiteral("add"), alice.socket + QStringLiteral("2")}).status,
+              0);
     alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
     bob.run({QStringLiteral("--no-calls")});
     ASSERT_TRUE(waitFor([&] { return bob.output().contains("Свободен"); }));
@@ -359,7 +434,11 @@ TEST_F(TwoPrograms, AServerThatNeverFinishesEndsTheRunWithStatus1)
 // A terminal that does not know its width says 0 columns.
 TEST_F(TwoPrograms, TheLivePictureFitsTheTerminal)
 {
-    struct Case { unsigned short columns; int widest; };
+    struct Case
+    {
+        unsigned short columns;
+        int widest;
+    };
     for (const Case& terminal : {Case{0, 99}, Case{60, 59}, Case{10, 39}}) {
         const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
         ASSERT_GE(master, 0);
@@ -385,7 +464,8 @@ TEST_F(TwoPrograms, TheLivePictureFitsTheTerminal)
         EXPECT_TRUE(host.waitForFinished(60000));
         EXPECT_EQ(host.exitCode(), 0);
         close(master);
-        EXPECT_TRUE(QRegularExpression(QStringLiteral("\x1B\\[[0-9]+A")).match(QString::fromUtf8(shown)).hasMatch()) << "the cursor goes back up";
+        EXPECT_TRUE(QRegularExpression(QStringLiteral("\x1B\\[[0-9]+A")).match(QString::fromUtf8(shown)).hasMatch())
+            << "the cursor goes back up";
         int widest = 0;
         for (QByteArray line : shown.split('\n')) {
             const int command = line.lastIndexOf("\x1B[K");
@@ -420,7 +500,9 @@ TEST_F(TwoPrograms, OneHostForEachInstallation)
     ASSERT_TRUE(waitFor([&] { return alice.output().contains("Свободен"); }));
     const Result second = alice.call({QStringLiteral("run")});
     EXPECT_EQ(second.status, 4);
-    EXPECT_TRUE(second.err.contains(QStringLiteral("another transport-host (process %1) serves this installation: stop it first").arg(alice.process->processId())))
+    EXPECT_TRUE(second.err.contains(
+        QStringLiteral("another transport-host (process %1) serves this installation: stop it first")
+            .arg(alice.process->processId())))
         << qPrintable(second.err);
     // A killed host does not lock its successor out.
     alice.process->kill();
@@ -435,8 +517,10 @@ TEST_F(TwoPrograms, KnownAbonentsOnly)
     alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
     bob.run({QStringLiteral("--known-only")});
     alice.run();
-    ASSERT_TRUE(waitFor([&] { return alice.output().contains("the other side ended the session: your key is not known here"); }));
-    EXPECT_TRUE(waitFor([&] { return bob.output().contains("is not known here: if you know whose it is"); })) << bob.output().constData();
+    ASSERT_TRUE(waitFor(
+        [&] { return alice.output().contains("the other side ended the session: your key is not known here"); }));
+    EXPECT_TRUE(waitFor([&] { return bob.output().contains("is not known here: if you know whose it is"); }))
+        << bob.output().constData();
     EXPECT_FALSE(bob.output().contains("Alice")) << "who does not prove it is not named";
     EXPECT_EQ(bob.inbox().size(), 0);
     EXPECT_EQ(alice.queue().size(), 1);
@@ -446,13 +530,18 @@ TEST_F(TwoPrograms, KnownAbonentsOnly)
 
 TEST_F(TwoPrograms, TooLargeIsRefusedStaysQueuedAndSaysWhy)
 {
-    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("large"), QByteArray(2000, 'x')), file(QStringLiteral("small"), "s")});
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("large"), QByteArray(2000, 'x')),
+                file(QStringLiteral("small"), "s")});
     bob.run({QStringLiteral("--max-size"), QStringLiteral("1000")});
     alice.run();
-    ASSERT_TRUE(waitFor([&] { return alice.events(QStringLiteral("delivered")).size() == 1 && !alice.events(QStringLiteral("failed")).isEmpty(); }));
+    ASSERT_TRUE(waitFor([&] {
+        return alice.events(QStringLiteral("delivered")).size() == 1 &&
+               !alice.events(QStringLiteral("failed")).isEmpty();
+    }));
     EXPECT_TRUE(waitFor([&] {
-        return alice.queue().size() == 1 && alice.queue().first().toObject()[QStringLiteral("reason")].toString() ==
-                                                QStringLiteral("'Боб' refused it: it has 2000 bytes, more than the 1000 that are allowed here");
+        return alice.queue().size() == 1 &&
+               alice.queue().first().toObject()[QStringLiteral("reason")].toString() ==
+                   QStringLiteral("'Боб' refused it: it has 2000 bytes, more than the 1000 that are allowed here");
     }));
     EXPECT_EQ(bob.inbox().size(), 1);
 }
@@ -486,7 +575,9 @@ TEST_F(TwoPrograms, AnAbonentToldOfWhileItRunsIsCalled)
     bob.run();
     alice.run();
     ASSERT_TRUE(waitFor([&] {
-        return alice.queue().size() == 1 && alice.queue().first().toObject()[QStringLiteral("reason")].toString().startsWith(QStringLiteral("no number is known for 'Боб'"));
+        return alice.queue().size() == 1 &&
+               alice.queue().first().toObject()[QStringLiteral("reason")].toString().startsWith(
+                   QStringLiteral("no number is known for 'Боб'"));
     }));
     alice.knows(QStringLiteral("Боб"), bob);
     EXPECT_TRUE(waitFor([&] { return alice.events(QStringLiteral("delivered")).size() == 1; }));
@@ -509,7 +600,8 @@ TEST_F(TwoPrograms, KilledAgainAndAgain)
     for (int round = 0; round < 8; ++round) {
         alice.run({}, slow);
         const int begun = alice.events(QStringLiteral("fileBegun")).size();
-        (void)waitFor([&] { return alice.events(QStringLiteral("fileBegun")).size() > begun || alice.queue().isEmpty(); });
+        (void)waitFor(
+            [&] { return alice.events(QStringLiteral("fileBegun")).size() > begun || alice.queue().isEmpty(); });
         const auto moment = std::chrono::steady_clock::now() + std::chrono::milliseconds(random() % 120);
         while (std::chrono::steady_clock::now() < moment) {
         }

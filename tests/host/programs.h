@@ -6,15 +6,13 @@
 #include "tests/host/storetools.h"
 #include "tests/support/deadline.h"
 
-#include <cstdlib>
-
-#include <unistd.h>
-
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
-
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <unistd.h>
 
 namespace hosttest {
 
@@ -44,10 +42,12 @@ public:
     {
         QDir().mkpath(root + QStringLiteral("/bin/channelPlugins"));
         const QString program = QStringLiteral(TRANSPORT_HOST);
-        if (link(QFile::encodeName(program).constData(), QFile::encodeName(root + QStringLiteral("/bin/transport-host")).constData()) != 0)
+        if (link(QFile::encodeName(program).constData(),
+                 QFile::encodeName(root + QStringLiteral("/bin/transport-host")).constData()) != 0)
             QFile::copy(program, root + QStringLiteral("/bin/transport-host"));
         if (withPlugin)
-            QFile::link(QStringLiteral(TEST_PLUGINS_DIR "/libsocketplugin.so"), root + QStringLiteral("/bin/channelPlugins/libsocketplugin.so"));
+            QFile::link(QStringLiteral(TEST_PLUGINS_DIR "/libsocketplugin.so"),
+                        root + QStringLiteral("/bin/channelPlugins/libsocketplugin.so"));
     }
 
     ~Installation()
@@ -68,8 +68,8 @@ public:
     void knows(const QString& name, const Installation& other)
     {
         const QString key = other.call({QStringLiteral("key"), QStringLiteral("--text")}).out.trimmed();
-        const Result result = call({QStringLiteral("abonent"), QStringLiteral("add"), name, QStringLiteral("--number"), other.socket,
-                                    QStringLiteral("--key"), key});
+        const Result result = call({QStringLiteral("abonent"), QStringLiteral("add"), name, QStringLiteral("--number"),
+                                    other.socket, QStringLiteral("--key"), key});
         EXPECT_EQ(result.status, 0) << qPrintable(result.err);
     }
 
@@ -80,8 +80,8 @@ public:
         QProcess child;
         child.start(program(), arguments);
         child.waitForFinished(60000);
-        return {child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -1, QString::fromUtf8(child.readAllStandardOutput()),
-                QString::fromUtf8(child.readAllStandardError())};
+        return {child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -1,
+                QString::fromUtf8(child.readAllStandardOutput()), QString::fromUtf8(child.readAllStandardError())};
     }
 
     void run(const QStringList& options = {}, const QStringList& environment = {})
@@ -90,9 +90,12 @@ public:
         process->setStandardOutputFile(root + QStringLiteral("/out.txt"), QIODevice::Append);
         process->setStandardErrorFile(root + QStringLiteral("/err.txt"), QIODevice::Append);
         process->setEnvironment(QProcess::systemEnvironment() + environment);
-        process->start(program(), QStringList{QStringLiteral("run"), QStringLiteral("--retry-seconds"), QStringLiteral("0.05"),
-                                              QStringLiteral("--events"), root + QStringLiteral("/events.txt")}
-                                      + (testsupport::isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) + options);
+        process->start(
+            program(),
+            QStringList{QStringLiteral("run"), QStringLiteral("--retry-seconds"), QStringLiteral("0.05"),
+                        QStringLiteral("--events"), root + QStringLiteral("/events.txt")} +
+                (testsupport::isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) +
+                options);
         EXPECT_TRUE(process->waitForStarted());
     }
 
@@ -101,11 +104,15 @@ public:
         EXPECT_TRUE(process->waitForFinished(60000)) << output().constData();
         return process->exitStatus() == QProcess::NormalExit ? process->exitCode() : -1;
     }
-    QByteArray output() const { return readAll(root + QStringLiteral("/out.txt")) + readAll(root + QStringLiteral("/err.txt")); }
+    QByteArray output() const
+    {
+        return readAll(root + QStringLiteral("/out.txt")) + readAll(root + QStringLiteral("/err.txt"));
+    }
 
     QJsonObject status() const
     {
-        return QJsonDocument::fromJson(call({QStringLiteral("status"), QStringLiteral("--json")}).out.toUtf8()).object();
+        return QJsonDocument::fromJson(call({QStringLiteral("status"), QStringLiteral("--json")}).out.toUtf8())
+            .object();
     }
     QJsonArray inbox() const { return status()[QStringLiteral("inbox")].toArray(); }
     QJsonArray queue() const { return status()[QStringLiteral("queue")].toArray(); }

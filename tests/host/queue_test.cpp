@@ -2,18 +2,16 @@
 #include "tests/host/storetools.h"
 #include "tests/support/deadline.h"
 
-#include <csignal>
+#include <QCryptographicHash>
+#include <QJsonDocument>
+#include <QProcess>
+#include <gtest/gtest.h>
 
+#include <csignal>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <QCryptographicHash>
-#include <QJsonDocument>
-#include <QProcess>
-
-#include <gtest/gtest.h>
 
 using namespace host;
 using namespace hosttest;
@@ -39,13 +37,15 @@ TEST_F(Queue, HoldsACopyUnderEightDigitsAndATaskBeside)
     ASSERT_EQ(queue.enqueue(QStringLiteral("Боб"), source, &message), QString());
     EXPECT_EQ(message.key, QStringLiteral("00000001"));
     EXPECT_EQ(readAll(paths.output.absoluteFilePath(QStringLiteral("00000001/content"))), QByteArray("the content"));
-    const QJsonObject task = QJsonDocument::fromJson(readAll(paths.tasks.absoluteFilePath(QStringLiteral("00000001.task")))).object();
+    const QJsonObject task =
+        QJsonDocument::fromJson(readAll(paths.tasks.absoluteFilePath(QStringLiteral("00000001.task")))).object();
     EXPECT_EQ(task[QStringLiteral("abonent")].toString(), QStringLiteral("Боб"));
     EXPECT_EQ(task[QStringLiteral("name")].toString(), QStringLiteral("Отчёт за май.txt"));
     EXPECT_EQ(task[QStringLiteral("size")].toInt(), 11);
     // printf 'the content' | sha256sum
     EXPECT_EQ(task[QStringLiteral("sha256")].toString(), QString::fromLatin1(sha256("the content").toHex()));
-    EXPECT_EQ(paths.output.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), (QStringList{QStringLiteral("00000001")}))
+    EXPECT_EQ(paths.output.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              (QStringList{QStringLiteral("00000001")}))
         << "nothing else is left";
 
     // A later change of the file does not matter.
@@ -79,11 +79,14 @@ TEST_F(Queue, WhatCannotBeSentSaysSoAndLeavesNothing)
 {
     OutgoingQueue queue(paths.output, paths.tasks);
     const QString root = testsupport::installRoot();
-    EXPECT_TRUE(queue.enqueue(QStringLiteral("Bob"), root + QStringLiteral("/absent")).startsWith(QStringLiteral("cannot read ")));
-    EXPECT_EQ(queue.enqueue(QStringLiteral("Bob"), root), QStringLiteral("cannot send %1: only regular files can be sent").arg(root));
+    EXPECT_TRUE(queue.enqueue(QStringLiteral("Bob"), root + QStringLiteral("/absent"))
+                    .startsWith(QStringLiteral("cannot read ")));
+    EXPECT_EQ(queue.enqueue(QStringLiteral("Bob"), root),
+              QStringLiteral("cannot send %1: only regular files can be sent").arg(root));
     const QString pipe = root + QStringLiteral("/pipe");
     ASSERT_EQ(mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
-    EXPECT_EQ(queue.enqueue(QStringLiteral("Bob"), pipe), QStringLiteral("cannot send %1: only regular files can be sent").arg(pipe));
+    EXPECT_EQ(queue.enqueue(QStringLiteral("Bob"), pipe),
+              QStringLiteral("cannot send %1: only regular files can be sent").arg(pipe));
     EXPECT_EQ(paths.output.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
     EXPECT_EQ(paths.tasks.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
 }
@@ -105,7 +108,8 @@ TEST_F(Queue, AFullDiskIsToldAndLeavesNothing)
     int status = 1;
     waitpid(child, &status, 0);
     EXPECT_NE(status, 0) << "the file was not there yet";
-    QFile::rename(testsupport::installRoot() + QStringLiteral("/big.new"), testsupport::installRoot() + QStringLiteral("/big"));
+    QFile::rename(testsupport::installRoot() + QStringLiteral("/big.new"),
+                  testsupport::installRoot() + QStringLiteral("/big"));
     const pid_t second = fork();
     if (second == 0) {
         signal(SIGXFSZ, SIG_IGN);
@@ -124,9 +128,10 @@ TEST_F(Queue, DamagedTasksAreToldOnceAndLeftAside)
     OutgoingQueue queue(paths.output, paths.tasks);
     ASSERT_EQ(queue.enqueue(QStringLiteral("Bob"), source), QString());
     const QString garbage = writeFile(paths.tasks.absoluteFilePath(QStringLiteral("00000002.task")), "{ not json");
-    const QString escape = writeFile(paths.tasks.absoluteFilePath(QStringLiteral("00000003.task")),
-                                     "{\"message\":\"../../x\",\"id\":\"0000000000000001\",\"abonent\":\"B\",\"size\":0,\"sha256\":\"" +
-                                         QByteArray(64, 'a') + "\"}");
+    const QString escape =
+        writeFile(paths.tasks.absoluteFilePath(QStringLiteral("00000003.task")),
+                  "{\"message\":\"../../x\",\"id\":\"0000000000000001\",\"abonent\":\"B\",\"size\":0,\"sha256\":\"" +
+                      QByteArray(64, 'a') + "\"}");
     EXPECT_EQ(queue.rescan(), (QStringList{QStringLiteral("%1 is damaged and is left aside").arg(garbage),
                                            QStringLiteral("%1 is damaged and is left aside").arg(escape)}));
     EXPECT_EQ(queue.rescan(), QStringList());
@@ -170,7 +175,8 @@ TEST_F(Queue, AReasonOfAnEarlierVersionIsItsSentence)
               "{\"reason\": \"2 calls in a row failed\", \"since\": \"2026-03-01T00:00:00Z\"}");
     queue.rescan();
     EXPECT_EQ(queue.messages().first().reason.kind, WaitReason::Kind::Other);
-    EXPECT_EQ(queue.messages().first().reason.sentence(QStringLiteral("Bob")), QStringLiteral("2 calls in a row failed"));
+    EXPECT_EQ(queue.messages().first().reason.sentence(QStringLiteral("Bob")),
+              QStringLiteral("2 calls in a row failed"));
     EXPECT_FALSE(queue.messages().first().reason.isOfTheMessage());
 }
 
@@ -181,7 +187,8 @@ TEST_F(Queue, AReasonIsAskedOnceForEachAbonentAndWhatIsKnownOfAMessageStays)
     for (const char* abonent : {"Bob", "Carol", "BOB", "bob", "Dave"})
         ASSERT_EQ(queue.enqueue(QString::fromLatin1(abonent), source), QString());
     queue.rescan();
-    store.notDelivered(queue.messages().at(2), QStringLiteral("'Bob' refused it: too large"), SessionStore::Fault::Remote);
+    store.notDelivered(queue.messages().at(2), QStringLiteral("'Bob' refused it: too large"),
+                       SessionStore::Fault::Remote);
     QStringList asked;
     const auto why = [&](const QString& abonent) -> std::optional<WaitReason> {
         asked.append(abonent);
@@ -242,7 +249,8 @@ TEST_F(Queue, ADamagedCopyIsFoundAndHeld)
     writeFile(paths.output.absoluteFilePath(QStringLiteral("00000001/content")), "the c0ntent");
     store.notDelivered(message, QStringLiteral("wrong hash"), SessionStore::Fault::Recheck);
     EXPECT_EQ(store.queue().messages().first().reason.kind, WaitReason::Kind::CopyAtFault);
-    EXPECT_TRUE(store.queue().messages().first().reason.text.contains(QStringLiteral("is damaged; cancel the message and send the file again")));
+    EXPECT_TRUE(store.queue().messages().first().reason.text.contains(
+        QStringLiteral("is damaged; cancel the message and send the file again")));
     EXPECT_FALSE(store.hasUnclaimed(provedPeer(QStringLiteral("Bob"))));
     writeFile(paths.output.absoluteFilePath(QStringLiteral("00000001/content")), "longer than before");
     QString error;

@@ -21,7 +21,10 @@ protected:
         fakeFreeInodes = -1;
     }
 
-    OfferFrame offer(qint64 bytes) { return offerOf(++m_lastId, QStringLiteral("f"), QByteArray(static_cast<int>(bytes), 'x')); }
+    OfferFrame offer(qint64 bytes)
+    {
+        return offerOf(++m_lastId, QStringLiteral("f"), QByteArray(static_cast<int>(bytes), 'x'));
+    }
 
     bool receives(MessageStore* store, const Peer& peer, qint64 bytes)
     {
@@ -65,7 +68,9 @@ TEST_F(Quota, TheLimitOfTodayCountsForPartsOfYesterday)
     const QByteArray content(900, 'x');
     {
         const auto store = open(limits);
-        ASSERT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), content), &refused)->append(content.left(10)), QString());
+        ASSERT_EQ(
+            store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), content), &refused)->append(content.left(10)),
+            QString());
     }
     limits.maxMessageBytes = 800;
     const auto store = open(limits);
@@ -140,7 +145,8 @@ TEST_F(Quota, EachAbonentHasItsOwnShare)
     EXPECT_EQ(one.inodes, inodesOfMessage);
     EXPECT_FALSE(isTaken(store.get(), bob, 701));
     EXPECT_EQ(refused.code, RefusalCode::NoRoom);
-    EXPECT_EQ(refused.reason, QStringLiteral("too much from this sender waits in the inbox: there is room when it is taken out"));
+    EXPECT_EQ(refused.reason,
+              QStringLiteral("too much from this sender waits in the inbox: there is room when it is taken out"));
     EXPECT_TRUE(isTaken(store.get(), bob, 700));
     EXPECT_FALSE(isTaken(store.get(), bob, 1)) << "what is being received counts as announced";
     EXPECT_TRUE(isTaken(store.get(), carol, 1000)) << "another's share is untouched";

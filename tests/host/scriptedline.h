@@ -1,18 +1,16 @@
 // The other end of a line of the socket plug-in, played by a script of bytes.
 #pragma once
 
-#include <thread>
+#include <QByteArray>
+#include <QFile>
+#include <QString>
+#include <gtest/gtest.h>
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
-
-#include <QByteArray>
-#include <QFile>
-#include <QString>
-
-#include <gtest/gtest.h>
 
 namespace hosttest {
 

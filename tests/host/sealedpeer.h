@@ -2,13 +2,13 @@
 // directory that knows the keys a test tells it.
 #pragma once
 
-#include <map>
-#include <memory>
-#include <optional>
-
 #include "host/session/frame.h"
 #include "host/session/opening.h"
 #include "host/session/session.h"
+
+#include <map>
+#include <memory>
+#include <optional>
 
 namespace hosttest {
 
@@ -21,11 +21,11 @@ public:
     Verdict whoCalls(const QByteArray& publicKey) override { return look(publicKey); }
     Verdict whoAnswers(const QString& calledAbonent, const QByteArray& publicKey) override;
 
-    std::map<QByteArray, QString> names;     // proved, by key
-    QString everybodyElse;                   // proved under this name; empty: they are unknown
-    bool acceptsUnknown = false;             // as unproved
-    std::optional<Verdict::Cause> refusal;   // of everybody
-    QString called;                          // of the last question about a call of ours
+    std::map<QByteArray, QString> names; // proved, by key
+    QString everybodyElse; // proved under this name; empty: they are unknown
+    bool acceptsUnknown = false; // as unproved
+    std::optional<Verdict::Cause> refusal; // of everybody
+    QString called; // of the last question about a call of ours
 
 private:
     Verdict look(const QByteArray& publicKey) const;
@@ -41,7 +41,10 @@ public:
     bool shakeHands(host::Session* session, qint64 nowMs);
 
     // Bytes of a frame; sent to nobody.
-    QByteArray seal(host::FrameType type, const QByteArray& payload = QByteArray()) { return m_writer.write(type, payload); }
+    QByteArray seal(host::FrameType type, const QByteArray& payload = QByteArray())
+    {
+        return m_writer.write(type, payload);
+    }
 
     // What came from the session.
     void append(const QByteArray& bytes);

@@ -4,16 +4,15 @@
 #include "tests/host/noisetools.h"
 #include "tests/support/testroot.h"
 
-#include <csignal>
-#include <vector>
+#include <QFile>
 
+#include <csignal>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <QFile>
+#include <vector>
 
 using host::KeyPair;
 using host::NoiseCipher;
@@ -62,7 +61,8 @@ private:
     std::vector<unsigned char> m_masked;
 };
 
-struct Region {
+struct Region
+{
     quint64 begin;
     quint64 end;
 };
@@ -111,8 +111,8 @@ bool wasDumped(bool isForbidden)
         ::getrlimit(RLIMIT_CORE, &limit);
         limit.rlim_cur = limit.rlim_max;
         ::setrlimit(RLIMIT_CORE, &limit);
-        if (::chdir(QFile::encodeName(testsupport::installRoot()).constData()) != 0
-            || (isForbidden && !host::forbidCoreDumps().isEmpty()))
+        if (::chdir(QFile::encodeName(testsupport::installRoot()).constData()) != 0 ||
+            (isForbidden && !host::forbidCoreDumps().isEmpty()))
             ::_exit(1);
         ::signal(SIGSEGV, SIG_DFL);
         ::raise(SIGSEGV);
@@ -154,7 +154,8 @@ TEST(Secrets, OfAHandshakeEndWithItsLastMessage)
     const Wanted ephemeralSecret(ephemeral.secretKey());
     auto identity = noisetools::newIdentity();
     const Wanted identitySecret(identity->secretKey());
-    host::NoiseHandshake initiator(host::NoiseHandshake::Role::Initiator, "p", std::move(identity), std::move(ephemeral));
+    host::NoiseHandshake initiator(host::NoiseHandshake::Role::Initiator, "p", std::move(identity),
+                                   std::move(ephemeral));
     host::NoiseHandshake responder(host::NoiseHandshake::Role::Responder, "p", noisetools::newIdentity());
     QByteArray payload;
     ASSERT_TRUE(responder.read(initiator.write("x"), &payload));
@@ -171,7 +172,8 @@ TEST(Secrets, OfAHandshakeEndWhenItFails)
 {
     KeyPair ephemeral = KeyPair::generate();
     const Wanted wanted(ephemeral.secretKey());
-    host::NoiseHandshake responder(host::NoiseHandshake::Role::Responder, "p", noisetools::newIdentity(), std::move(ephemeral));
+    host::NoiseHandshake responder(host::NoiseHandshake::Role::Responder, "p", noisetools::newIdentity(),
+                                   std::move(ephemeral));
     host::NoiseHandshake initiator(host::NoiseHandshake::Role::Initiator, "p", noisetools::newIdentity());
     QByteArray payload;
     ASSERT_TRUE(responder.read(initiator.write("x"), &payload));
@@ -215,8 +217,8 @@ TEST(Secrets, NoCoreDumpOnceForbidden)
     const pid_t child = ::fork();
     if (child == 0) {
         rlimit limit = {1, 1};
-        const bool isForbidden = host::forbidCoreDumps().isEmpty() && ::prctl(PR_GET_DUMPABLE) == 0
-            && ::getrlimit(RLIMIT_CORE, &limit) == 0 && limit.rlim_cur == 0;
+        const bool isForbidden = host::forbidCoreDumps().isEmpty() && ::prctl(PR_GET_DUMPABLE) == 0 &&
+                                 ::getrlimit(RLIMIT_CORE, &limit) == 0 && limit.rlim_cur == 0;
         ::_exit(isForbidden ? 0 : 1);
     }
     int status = 0;

@@ -2,11 +2,10 @@
 #include "tests/host/sessionpair.h"
 #include "tests/support/testroot.h"
 
-#include <malloc.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
-
-#include <gtest/gtest.h>
+#include <malloc.h>
 
 using namespace host;
 using namespace hosttest;
@@ -24,7 +23,8 @@ void expectInbox(const MemoryStore& store, const std::vector<std::pair<QString, 
     ASSERT_EQ(store.inbox.size(), expected.size());
     for (size_t i = 0; i < expected.size(); ++i) {
         EXPECT_EQ(store.inbox[i].fileName, expected[i].first);
-        EXPECT_TRUE(store.inbox[i].content == expected[i].second) << i << " " << qPrintable(hex(store.inbox[i].content));
+        EXPECT_TRUE(store.inbox[i].content == expected[i].second)
+            << i << " " << qPrintable(hex(store.inbox[i].content));
     }
 }
 
@@ -66,7 +66,8 @@ public:
     QVector<Frame> hear(int mostBytes = 1 << 30)
     {
         QVector<Frame> frames;
-        for (QByteArray piece; mostBytes > 0 && !(piece = m_side->session->takeOutput(500, now)).isEmpty(); mostBytes -= piece.size())
+        for (QByteArray piece; mostBytes > 0 && !(piece = m_side->session->takeOutput(500, now)).isEmpty();
+             mostBytes -= piece.size())
             m_peer.append(piece);
         Frame frame;
         while (m_peer.next(&frame) == FrameReader::Result::Frame)
@@ -133,7 +134,8 @@ TEST(Session, FilesOfManySizesBothWaysAtOnce)
     std::vector<std::pair<QString, QByteArray>> fromA;
     std::vector<std::pair<QString, QByteArray>> fromB;
     for (const int size : {0, 1, 1023, 1024, 1025, 16384, 300000}) {
-        fromA.emplace_back(QStringLiteral("a%1").arg(size), randomBytes(size, testsupport::seed() + static_cast<unsigned>(size)));
+        fromA.emplace_back(QStringLiteral("a%1").arg(size),
+                           randomBytes(size, testsupport::seed() + static_cast<unsigned>(size)));
         fromB.emplace_back(QStringLiteral("b%1").arg(size), randomBytes(size, 7 + static_cast<unsigned>(size)));
         pair.a.store.queue(fromA.back().first, fromA.back().second);
         pair.b.store.queue(fromB.back().first, fromB.back().second);
@@ -165,8 +167,9 @@ TEST(Session, BothDirectionsMoveTogether)
 TEST(Session, NamesInAnyLanguage)
 {
     SessionPair pair(testsupport::seed());
-    const QStringList names = {QStringLiteral("Отчёт за май.txt"), QStringLiteral("報告書"), QString::fromUtf8("\xF0\x9F\x93\xA0 fax \xF0\x9D\x94\x98"),
-                               QStringLiteral("تقرير"), QString(255, QLatin1Char('n'))};
+    const QStringList names = {QStringLiteral("Отчёт за май.txt"), QStringLiteral("報告書"),
+                               QString::fromUtf8("\xF0\x9F\x93\xA0 fax \xF0\x9D\x94\x98"), QStringLiteral("تقرير"),
+                               QString(255, QLatin1Char('n'))};
     for (const QString& name : names)
         pair.a.store.queue(name, name.toUtf8());
     ASSERT_TRUE(pair.runToEnd());
@@ -484,7 +487,8 @@ TEST(Session, ASideThatTakesAFileInSpeaksMoreRarely)
         return pair.a.receivedBytes - before;
     };
     heardIn(5000);
-    EXPECT_EQ(heardIn(10000), 9 * frameFiller().size() + frameOverheadBytes) << "as usual while what was said may stand behind a gap";
+    EXPECT_EQ(heardIn(10000), 9 * frameFiller().size() + frameOverheadBytes)
+        << "as usual while what was said may stand behind a gap";
     heardIn(10000);
     EXPECT_EQ(heardIn(30000), 3 * (frameFiller().size() + frameOverheadBytes)) << "something every five seconds";
 }
@@ -558,7 +562,11 @@ TEST(Session, AnOpeningThatNeverComesEnds)
     qint64 now = 1000;
     for (; !pair.a.session->isFinished() && now < 3600 * 1000; now += 1000) {
         // The first bytes of an opening, one more now and then: never whole.
-        pair.a.session->receive(now == 1000 ? QByteArray("transport-host\x02" "A\x40\x00", 18) : QByteArray(now % 50000 ? "" : "x"), now);
+        pair.a.session->receive(now == 1000 ? QByteArray("transport-host\x02"
+                                                         "A\x40\x00",
+                                                         18)
+                                            : QByteArray(now % 50000 ? "" : "x"),
+                                now);
         pair.a.session->takeOutput(100, now);
         pair.a.session->advance(now);
     }
@@ -727,7 +735,9 @@ TEST(Session, AFullDiskInTheMiddleRefuses)
     pair.b.store.appendError = QStringLiteral("no space left");
     ASSERT_TRUE(pair.runToEnd());
     expectBothEndedWell(pair);
-    EXPECT_EQ(pair.a.store.failures, (QStringList{QStringLiteral("f: 'Боб' refused it: it could not be stored there; that side's journal tells why")}));
+    EXPECT_EQ(pair.a.store.failures,
+              (QStringList{
+                  QStringLiteral("f: 'Боб' refused it: it could not be stored there; that side's journal tells why")}));
     EXPECT_LT(pair.carriedBytes, 100000) << "the rest was not sent";
     // Room again: the next call goes on.
     pair.b.store.appendError.clear();
@@ -744,20 +754,24 @@ TEST(Session, NotStoredIsNotAcknowledged)
     pair.a.store.queue(QStringLiteral("f"), "x");
     ASSERT_TRUE(pair.runToEnd());
     EXPECT_EQ(pair.a.store.outgoing.size(), 1u);
-    EXPECT_EQ(pair.a.store.failures, (QStringList{QStringLiteral("f: 'Боб' refused it: it could not be stored there; that side's journal tells why")}));
+    EXPECT_EQ(pair.a.store.failures,
+              (QStringList{
+                  QStringLiteral("f: 'Боб' refused it: it could not be stored there; that side's journal tells why")}));
 }
 
 // Where things stand on this machine's disk is nobody else's business.
 TEST(Session, ARefusalNamesNoPlaceOfTheOtherMachine)
 {
-    for (QString hosttest::MemoryStore::* fault : {&hosttest::MemoryStore::appendError, &hosttest::MemoryStore::storeError}) {
+    for (QString hosttest::MemoryStore::*fault :
+         {&hosttest::MemoryStore::appendError, &hosttest::MemoryStore::storeError}) {
         SessionPair pair(testsupport::seed());
         const QString error = QStringLiteral("cannot write /srv/station/input/1: permission denied");
         pair.b.store.*fault = error;
         pair.a.store.queue(QStringLiteral("f"), "x");
         ASSERT_TRUE(pair.runToEnd());
         EXPECT_EQ(pair.a.store.failures,
-                  (QStringList{QStringLiteral("f: 'Боб' refused it: it could not be stored there; that side's journal tells why")}));
+                  (QStringList{QStringLiteral(
+                      "f: 'Боб' refused it: it could not be stored there; that side's journal tells why")}));
         EXPECT_EQ(pair.b.last(Kind::FileFailed)->text, error) << "our own user is told";
     }
 }
@@ -782,7 +796,8 @@ TEST(Session, ACopyThatGotShorterIsBrokenOff)
     expectBothEndedWell(pair);
     expectInbox(pair.b.store, {{QStringLiteral("g"), "g"}});
     ASSERT_EQ(pair.a.store.failures.size(), 1);
-    EXPECT_TRUE(pair.a.store.failures.first().startsWith(QStringLiteral("f: the queued copy cannot be read to its end")));
+    EXPECT_TRUE(
+        pair.a.store.failures.first().startsWith(QStringLiteral("f: the queued copy cannot be read to its end")));
 }
 
 TEST(Session, ACopyThatChangedIsNeverAccepted)
@@ -812,7 +827,8 @@ TEST(Session, ADamagedStreamEndsTheSessionAndTheNextCallGoesOn)
         pair.b.tamper = [&](const QByteArray& piece) {
             QByteArray changed = piece;
             if (seen <= at && at < seen + piece.size())
-                changed[static_cast<int>(at - seen)] = static_cast<char>(changed.at(static_cast<int>(at - seen)) ^ 0x10);
+                changed[static_cast<int>(at - seen)] =
+                    static_cast<char>(changed.at(static_cast<int>(at - seen)) ^ 0x10);
             seen += piece.size();
             return changed;
         };
@@ -886,14 +902,9 @@ TEST(SessionPeer, RandomFramesNeverCrash)
             const FrameType type = static_cast<FrameType>(2 + random() % 13);
             QByteArray payload;
             switch (random() % 3) {
-            case 0:
-                payload = peer.offer(randomBytes(static_cast<int>(random() % 20), random())).encode();
-                break;
-            case 1:
-                payload = encodeNumbers({random() % 3});
-                break;
-            default:
-                payload = randomBytes(static_cast<int>(random() % 60), random());
+            case 0: payload = peer.offer(randomBytes(static_cast<int>(random() % 20), random())).encode(); break;
+            case 1: payload = encodeNumbers({random() % 3}); break;
+            default: payload = randomBytes(static_cast<int>(random() % 60), random());
             }
             peer.say(type, payload);
             peer.hear();
@@ -919,7 +930,8 @@ TEST(SessionPeer, ARefusedCallerIsToldWhatToDoAndNothingElse)
     using Cause = PeerDirectory::Verdict::Cause;
     const std::vector<std::tuple<Cause, SessionEnd, QString>> cases{
         {Cause::UnknownKey, SessionEnd::UnknownKey,
-         QStringLiteral("your key is not known here: give what \"transport-host key\" shows to the operator of this side")},
+         QStringLiteral(
+             "your key is not known here: give what \"transport-host key\" shows to the operator of this side")},
         {Cause::BlockedKey, SessionEnd::BlockedKey, QStringLiteral("your key is blocked here")},
         {Cause::Failed, SessionEnd::DirectoryFailed,
          QStringLiteral("your key cannot be looked up here just now: call again later")},
@@ -1000,9 +1012,11 @@ TEST(SessionPeer, ARefusalTellsNothingOfOurDisk)
             ASSERT_GE(answers.size(), 1);
             RefusedFrame refused;
             ASSERT_TRUE(refused.decode(answers.first().payload));
-            EXPECT_EQ(refused.reason, !isProved ? QStringLiteral("it is not taken here")
-                          : code == RefusalCode::Failed ? QStringLiteral("it could not be stored there; that side's journal tells why")
-                                                        : pair.b.store.beginRefusal.reason);
+            EXPECT_EQ(refused.reason,
+                      !isProved ? QStringLiteral("it is not taken here")
+                      : code == RefusalCode::Failed
+                          ? QStringLiteral("it could not be stored there; that side's journal tells why")
+                          : pair.b.store.beginRefusal.reason);
             EXPECT_EQ(pair.b.last(Kind::FileFailed)->text, pair.b.store.beginRefusal.reason) << "our operator is told";
         }
     }

@@ -62,7 +62,8 @@ void SessionPair::connect(const LineOptions& options)
         side->wire.clear();
         side->receivedBytes = 0;
         side->session = std::make_unique<Session>(
-            side->settings, callOf(side == &a), &side->directory, &side->store, [side](const SessionEvent& event) { side->events.push_back(event); }, nowMs);
+            side->settings, callOf(side == &a), &side->directory, &side->store,
+            [side](const SessionEvent& event) { side->events.push_back(event); }, nowMs);
     }
 }
 

@@ -2,26 +2,26 @@
 // a number, the line breaks after any number of bytes.
 #pragma once
 
+#include "host/session/session.h"
+#include "tests/host/memorystore.h"
+#include "tests/host/sealedpeer.h"
+
+#include <QByteArray>
+
 #include <functional>
 #include <memory>
 #include <random>
 #include <vector>
 
-#include <QByteArray>
-
-#include "host/session/session.h"
-#include "tests/host/memorystore.h"
-#include "tests/host/sealedpeer.h"
-
 namespace hosttest {
 
 struct LineOptions
 {
-    int pieceBytes = 1014;      // what one write takes
-    int queueBytes = 10240;     // what the channel holds at most
+    int pieceBytes = 1014; // what one write takes
+    int queueBytes = 10240; // what the channel holds at most
     int bytesPerStep = 1 << 20; // delivered in one step each way
     int stepMs = 10;
-    qint64 cutAfterBytes = -1;  // of both directions together; -1: never
+    qint64 cutAfterBytes = -1; // of both directions together; -1: never
 };
 
 class SessionPair

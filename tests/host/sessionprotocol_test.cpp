@@ -5,12 +5,11 @@
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
 
-#include <thread>
-
 #include <QElapsedTimer>
 #include <QSignalSpy>
-
 #include <gtest/gtest.h>
+
+#include <thread>
 
 using namespace host;
 using namespace hosttest;
@@ -59,7 +58,8 @@ struct End
 
 struct Line
 {
-    explicit Line(int offered = 1024) : a(QStringLiteral("Alice"), QStringLiteral("Боб"), offered), b(QStringLiteral("Боб"), QString(), offered)
+    explicit Line(int offered = 1024)
+        : a(QStringLiteral("Alice"), QStringLiteral("Боб"), offered), b(QStringLiteral("Боб"), QString(), offered)
     {
         PipeChannel::join(a.channel, b.channel);
     }

@@ -14,21 +14,27 @@ class ProgramStatus : public Program
 protected:
     ProgramStatus() { installation.setUp(QStringLiteral("I")); }
 
-    Result status(const QStringList& options = {}) const { return installation.call(QStringList{QStringLiteral("status")} + options); }
+    Result status(const QStringList& options = {}) const
+    {
+        return installation.call(QStringList{QStringLiteral("status")} + options);
+    }
 
     // A message as it stands in the inbox.
     void receive(const QString& number, const QByteArray& recordFields, const QByteArray& content) const
     {
         const QString dir = installation.root + QStringLiteral("/data/0/messages/input/") + number;
         writeFile(dir + QStringLiteral("/f.txt"), content);
-        writeFile(dir + QStringLiteral("/.message"), "{\"id\":\"00000000000000" + number.right(2).toLatin1() + "\",\"name\":\"f.txt\",\"file\":\"f.txt\",\"size\":"
-                                                         + QByteArray::number(content.size()) + ",\"verified\":true," + recordFields + "}");
+        writeFile(dir + QStringLiteral("/.message"),
+                  "{\"id\":\"00000000000000" + number.right(2).toLatin1() +
+                      "\",\"name\":\"f.txt\",\"file\":\"f.txt\",\"size\":" + QByteArray::number(content.size()) +
+                      ",\"verified\":true," + recordFields + "}");
     }
 
     // What a running host says of itself; this process stands for it.
     void pretendToRun(const QByteArray& fields) const
     {
-        writeFile(installation.root + QStringLiteral("/data/0/transport-host.state"), "{\"process\":" + QByteArray::number(getpid()) + "," + fields + "}");
+        writeFile(installation.root + QStringLiteral("/data/0/transport-host.state"),
+                  "{\"process\":" + QByteArray::number(getpid()) + "," + fields + "}");
     }
 
     Installation installation{QStringLiteral("i")};
@@ -46,18 +52,23 @@ TEST(SizeFromText, NumbersWithAndWithoutALetter)
     EXPECT_EQ(sizeFromText(QStringLiteral("8G")), qint64(8589934592));
     EXPECT_EQ(sizeFromText(QStringLiteral("2T")), qint64(2199023255552));
     EXPECT_EQ(sizeFromText(QStringLiteral("8192T")), qint64(9007199254740992));
-    for (const char* wrong : {"", "K", "-1", "+1", "1.5G", "1KB", " 1", "1 K", "8193T", "99999999999999999999", "x", "0x10"})
+    for (const char* wrong :
+         {"", "K", "-1", "+1", "1.5G", "1KB", " 1", "1 K", "8193T", "99999999999999999999", "x", "0x10"})
         EXPECT_EQ(sizeFromText(QString::fromLatin1(wrong)), std::nullopt) << wrong;
 }
 
 TEST_F(ProgramStatus, UnprovedMessagesAreMarked)
 {
     receive(QStringLiteral("00000001"), "\"from\":\"Bob\"", "abc");
-    receive(QStringLiteral("00000002"), "\"from\":\"unproved\",\"proved\":false,\"called\":\"Bob\",\"key\":\"" + QByteArray(32, 'k').toHex() + "\"", "12345");
+    receive(QStringLiteral("00000002"),
+            "\"from\":\"unproved\",\"proved\":false,\"called\":\"Bob\",\"key\":\"" + QByteArray(32, 'k').toHex() + "\"",
+            "12345");
     const Result text = status();
     EXPECT_EQ(text.status, 0) << qPrintable(text.err);
     EXPECT_TRUE(text.out.contains(QStringLiteral("  00000001  from Bob  f.txt  3 B  "))) << qPrintable(text.out);
-    EXPECT_TRUE(text.out.contains(QStringLiteral("  00000002  from UNPROVED %1, calls itself 'Bob'  f.txt  5 B  ").arg(unprovedFingerprint))) << qPrintable(text.out);
+    EXPECT_TRUE(text.out.contains(
+        QStringLiteral("  00000002  from UNPROVED %1, calls itself 'Bob'  f.txt  5 B  ").arg(unprovedFingerprint)))
+        << qPrintable(text.out);
     const QJsonArray inbox = installation.inbox();
     ASSERT_EQ(inbox.size(), 2);
     EXPECT_TRUE(inbox.at(0).toObject()[QStringLiteral("proved")].toBool());
@@ -69,7 +80,9 @@ TEST_F(ProgramStatus, UnprovedMessagesAreMarked)
 TEST_F(ProgramStatus, RoomIsShownAgainstTheUsualLimits)
 {
     receive(QStringLiteral("00000001"), "\"from\":\"Bob\"", QByteArray(1500, 'x'));
-    EXPECT_TRUE(status().out.endsWith(QStringLiteral("room:  1.5 kB of 34.4 GB, 1 of 50000 messages, 3 of 200000 inodes\n"))) << qPrintable(status().out);
+    EXPECT_TRUE(
+        status().out.endsWith(QStringLiteral("room:  1.5 kB of 34.4 GB, 1 of 50000 messages, 3 of 200000 inodes\n")))
+        << qPrintable(status().out);
 }
 
 TEST_F(ProgramStatus, RoomIsShownAgainstTheLimitsOfTheRunningHost)
@@ -79,16 +92,20 @@ TEST_F(ProgramStatus, RoomIsShownAgainstTheLimitsOfTheRunningHost)
     receive(QStringLiteral("00000003"), "\"proved\":false,\"key\":\"" + QByteArray(32, 'k').toHex() + "\"", "12345");
     pretendToRun("\"limits\":{\"abonent\":{\"bytes\":2000},\"unproved\":{\"bytes\":10000},\"all\":{\"bytes\":4000}}");
     const Result text = status();
-    EXPECT_TRUE(text.out.endsWith(QStringLiteral("room:  2.0 kB of 4.0 kB, 3 of 50000 messages, 9 of 200000 inodes\n"
-                                                 "  unproved together  5 B of 10.0 kB, 1 of 50 messages, 3 of 200 inodes\n"
-                                                 "  Bob  1.0 kB of 2.0 kB, 1 of 10000 messages, 3 of 40000 inodes\n"))) << qPrintable(text.out);
+    EXPECT_TRUE(
+        text.out.endsWith(QStringLiteral("room:  2.0 kB of 4.0 kB, 3 of 50000 messages, 9 of 200000 inodes\n"
+                                         "  unproved together  5 B of 10.0 kB, 1 of 50 messages, 3 of 200 inodes\n"
+                                         "  Bob  1.0 kB of 2.0 kB, 1 of 10000 messages, 3 of 40000 inodes\n")))
+        << qPrintable(text.out);
     const QJsonObject room = installation.status()[QStringLiteral("room")].toObject();
     EXPECT_EQ(room[QStringLiteral("all")][QStringLiteral("used")][QStringLiteral("bytes")].toInt(), 2005);
     EXPECT_EQ(room[QStringLiteral("all")][QStringLiteral("limit")][QStringLiteral("bytes")].toInt(), 4000);
     EXPECT_EQ(room[QStringLiteral("unproved")][QStringLiteral("used")][QStringLiteral("messages")].toInt(), 1);
     ASSERT_EQ(room[QStringLiteral("abonents")].toArray().size(), 2);
-    EXPECT_EQ(room[QStringLiteral("abonents")].toArray().at(1)[QStringLiteral("abonent")].toString(), QStringLiteral("Carol"));
-    EXPECT_EQ(room[QStringLiteral("abonents")].toArray().at(1)[QStringLiteral("used")][QStringLiteral("inodes")].toInt(), 3);
+    EXPECT_EQ(room[QStringLiteral("abonents")].toArray().at(1)[QStringLiteral("abonent")].toString(),
+              QStringLiteral("Carol"));
+    EXPECT_EQ(
+        room[QStringLiteral("abonents")].toArray().at(1)[QStringLiteral("used")][QStringLiteral("inodes")].toInt(), 3);
     EXPECT_GT(room[QStringLiteral("freeBytes")].toDouble(), 0);
 }
 
@@ -96,7 +113,8 @@ TEST_F(ProgramStatus, FailedHandshakesAreCounted)
 {
     EXPECT_FALSE(status().out.contains(QStringLiteral("failed to prove")));
     pretendToRun("\"failedHandshakes\":3");
-    EXPECT_TRUE(status().out.contains(QStringLiteral("host:  running, process %1, 3 calls failed to prove who called\n").arg(getpid())));
+    EXPECT_TRUE(status().out.contains(
+        QStringLiteral("host:  running, process %1, 3 calls failed to prove who called\n").arg(getpid())));
     EXPECT_EQ(installation.status()[QStringLiteral("failedHandshakes")].toInt(), 3);
     pretendToRun("\"failedHandshakes\":0");
     EXPECT_FALSE(status().out.contains(QStringLiteral("failed to prove")));
@@ -132,7 +150,8 @@ TEST_F(ProgramStatus, WhatCannotBeReadIsToldAndTheRestIsShown)
     writeFile(installation.root + QStringLiteral("/data/0/tasks/toTransport/00000002.task"), "nonsense");
     const Result text = status();
     EXPECT_EQ(text.status, 1);
-    EXPECT_TRUE(text.err.contains(QStringLiteral("00000002.task is damaged and is left aside"))) << qPrintable(text.err);
+    EXPECT_TRUE(text.err.contains(QStringLiteral("00000002.task is damaged and is left aside")))
+        << qPrintable(text.err);
     EXPECT_TRUE(text.out.contains(QStringLiteral("queue: 1\n")));
 }
 
@@ -144,9 +163,12 @@ TEST_F(ProgramStatus, JsonIsSafeOnATerminal)
     const QString out = status({QStringLiteral("--json")}).out;
     for (const uint character : out.trimmed().toUcs4()) {
         const QChar::Category category = QChar::category(character);
-        EXPECT_TRUE(category != QChar::Other_Control && category != QChar::Other_Format && category != QChar::Separator_Line) << character;
+        EXPECT_TRUE(category != QChar::Other_Control && category != QChar::Other_Format &&
+                    category != QChar::Separator_Line)
+            << character;
     }
-    EXPECT_TRUE(out.contains(QStringLiteral("a\\u009b2J\\u202e\\u061c\\u2028\\u007f\\u200dЖ\\udb40\\udc41z"))) << qPrintable(out);
+    EXPECT_TRUE(out.contains(QStringLiteral("a\\u009b2J\\u202e\\u061c\\u2028\\u007f\\u200dЖ\\udb40\\udc41z")))
+        << qPrintable(out);
     EXPECT_EQ(installation.inbox().at(1).toObject()[QStringLiteral("claimedName")].toString(), name) << "the same data";
 }
 
@@ -164,32 +186,46 @@ TEST_F(ProgramStatus, WrongUsageEndsWithStatus2)
 TEST_F(ProgramStatus, WrongSizesAreToldWithStatus2)
 {
     const auto run = [&](const char* option, const char* value) {
-        return installation.call({QStringLiteral("run"), QString::fromLatin1(option), QString::fromLatin1(value), QStringLiteral("--timeout"), QStringLiteral("0.1")});
+        return installation.call({QStringLiteral("run"), QString::fromLatin1(option), QString::fromLatin1(value),
+                                  QStringLiteral("--timeout"), QStringLiteral("0.1")});
     };
     for (const char* option : {"--abonent-quota", "--unproved-quota", "--total-quota"}) {
         const Result zero = run(option, "0");
         EXPECT_EQ(zero.status, 2) << option;
-        EXPECT_TRUE(zero.err.contains(QStringLiteral("%1 0 would let no content in at all: give a size, as 500M").arg(QString::fromLatin1(option)))) << qPrintable(zero.err);
+        EXPECT_TRUE(zero.err.contains(QStringLiteral("%1 0 would let no content in at all: give a size, as 500M")
+                                          .arg(QString::fromLatin1(option))))
+            << qPrintable(zero.err);
     }
     for (const char* option : {"--abonent-quota", "--unproved-quota", "--total-quota", "--keep-free", "--max-size"}) {
         const Result wrong = run(option, "12Q");
         EXPECT_EQ(wrong.status, 2) << option;
-        EXPECT_TRUE(wrong.err.contains(QStringLiteral("%1 needs a size: a number of bytes").arg(QString::fromLatin1(option)))) << qPrintable(wrong.err);
-        EXPECT_TRUE(installation.call({QStringLiteral("run"), QStringLiteral("--help")}).out.contains(QString::fromLatin1(option) + QStringLiteral(" <SIZE>")));
+        EXPECT_TRUE(
+            wrong.err.contains(QStringLiteral("%1 needs a size: a number of bytes").arg(QString::fromLatin1(option))))
+            << qPrintable(wrong.err);
+        EXPECT_TRUE(installation.call({QStringLiteral("run"), QStringLiteral("--help")})
+                        .out.contains(QString::fromLatin1(option) + QStringLiteral(" <SIZE>")));
     }
 }
 
 TEST_F(TwoPrograms, TheLimitsThatRunWasGivenCount)
 {
-    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("large"), QByteArray(3000, 'x')), file(QStringLiteral("small"), "s")});
-    bob.run({QStringLiteral("--abonent-quota"), QStringLiteral("2K"), QStringLiteral("--unproved-quota"), QStringLiteral("1K"), QStringLiteral("--total-quota"), QStringLiteral("10K"),
+    alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("large"), QByteArray(3000, 'x')),
+                file(QStringLiteral("small"), "s")});
+    bob.run({QStringLiteral("--abonent-quota"), QStringLiteral("2K"), QStringLiteral("--unproved-quota"),
+             QStringLiteral("1K"), QStringLiteral("--total-quota"), QStringLiteral("10K"),
              QStringLiteral("--keep-free"), QStringLiteral("0")});
     alice.run();
-    ASSERT_TRUE(waitFor([&] { return alice.queue().size() == 1 && alice.queue().first().toObject()[QStringLiteral("why")].toString() == QStringLiteral("refused"); }));
+    ASSERT_TRUE(waitFor([&] {
+        return alice.queue().size() == 1 &&
+               alice.queue().first().toObject()[QStringLiteral("why")].toString() == QStringLiteral("refused");
+    }));
     const QString text = bob.call({QStringLiteral("status")}).out;
-    EXPECT_TRUE(text.contains(QStringLiteral("room:  1 B of 10.2 kB, 1 of 50000 messages, 3 of 200000 inodes\n"))) << qPrintable(text);
+    EXPECT_TRUE(text.contains(QStringLiteral("room:  1 B of 10.2 kB, 1 of 50000 messages, 3 of 200000 inodes\n")))
+        << qPrintable(text);
     const QJsonObject room = bob.status()[QStringLiteral("room")].toObject();
-    EXPECT_EQ(room[QStringLiteral("abonents")].toArray().first()[QStringLiteral("limit")][QStringLiteral("bytes")].toInt(), 2048);
+    EXPECT_EQ(
+        room[QStringLiteral("abonents")].toArray().first()[QStringLiteral("limit")][QStringLiteral("bytes")].toInt(),
+        2048);
     EXPECT_EQ(room[QStringLiteral("unproved")][QStringLiteral("limit")][QStringLiteral("bytes")].toInt(), 1024);
 }
 
@@ -199,7 +235,10 @@ TEST_F(TwoPrograms, TheReserveThatRunWasGivenCounts)
     alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});
     bob.run({QStringLiteral("--keep-free"), QStringLiteral("8000T")});
     alice.run();
-    ASSERT_TRUE(waitFor([&] { return alice.queue().size() == 1 && alice.queue().first().toObject()[QStringLiteral("why")].toString() == QStringLiteral("refused"); }));
+    ASSERT_TRUE(waitFor([&] {
+        return alice.queue().size() == 1 &&
+               alice.queue().first().toObject()[QStringLiteral("why")].toString() == QStringLiteral("refused");
+    }));
     EXPECT_EQ(bob.inbox().size(), 0);
 }
 

@@ -2,10 +2,10 @@
 // stays as it is.
 #include "tests/host/inboxfixture.h"
 
+#include <QJsonDocument>
+
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QJsonDocument>
 
 using namespace host;
 using namespace hosttest;
@@ -26,7 +26,8 @@ protected:
         EXPECT_EQ(::stat(QFile::encodeName(secret).constData(), &facts), 0) << "removed";
         EXPECT_EQ(facts.st_mode & 07777, 0600u);
         EXPECT_EQ(readAll(secret), QByteArray("precious"));
-        EXPECT_EQ(QDir(victim).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), (QStringList{QStringLiteral("secret")}));
+        EXPECT_EQ(QDir(victim).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                  (QStringList{QStringLiteral("secret")}));
     }
 
     static void plant(const QString& target, const QString& path)
@@ -113,7 +114,8 @@ TEST_F(StoreLinks, APartThatIsTakenUp)
         EXPECT_EQ(refused.reason, error);
         // Another message under the identifier removes what stands: the link, not what it leads to.
         const QByteArray other = linksDirectory ? "other" : "another";
-        EXPECT_TRUE(receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("g"), other), other).endsWith(QStringLiteral("/g")));
+        EXPECT_TRUE(receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("g"), other), other)
+                        .endsWith(QStringLiteral("/g")));
     }
 }
 
@@ -140,7 +142,8 @@ TEST_F(StoreLinks, WhileAPartIsStored)
     file = store->beginIncoming(bob, offerOf(8, QStringLiteral("g"), "x"), &refused);
     ASSERT_EQ(file->append("x"), QString());
     plant(victim, paths.incomplete.absoluteFilePath(partNames().last()));
-    EXPECT_EQ(file->store(offerOf(8, QStringLiteral("g"), "x"), &place), isLinkText(paths.incomplete.absoluteFilePath(partNames().last())));
+    EXPECT_EQ(file->store(offerOf(8, QStringLiteral("g"), "x"), &place),
+              isLinkText(paths.incomplete.absoluteFilePath(partNames().last())));
 }
 
 TEST_F(StoreLinks, TheListOfWhatWasReceived)

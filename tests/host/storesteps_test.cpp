@@ -13,36 +13,39 @@ using testsupport::SystemCallWatch;
 class StoreSteps : public InboxFixture
 {
 protected:
-    std::string root() const { return paths.input.absoluteFilePath(QStringLiteral("..")).toStdString().substr(0, paths.input.absolutePath().size() - 5); }
+    std::string root() const
+    {
+        return paths.input.absoluteFilePath(QStringLiteral(".."))
+            .toStdString()
+            .substr(0, paths.input.absolutePath().size() - 5);
+    }
 
     // Of the one part that stands.
     std::string part() const { return "incomplete/" + partNames().first().toStdString(); }
 
-    static std::vector<std::string> lines(const SystemCallWatch& watch) { return watch.callsOf({"fsync", "rename", "unlink", "rmdir"}); }
+    static std::vector<std::string> lines(const SystemCallWatch& watch)
+    {
+        return watch.callsOf({"fsync", "rename", "unlink", "rmdir"});
+    }
 };
 
 TEST_F(StoreSteps, Storing)
 {
     const auto store = open();
-    ASSERT_TRUE(receiveWhole(store.get(), bob, offerOf(1, QStringLiteral("f"), "x"), "x").endsWith(QStringLiteral("/f"))); // makes the list
+    ASSERT_TRUE(receiveWhole(store.get(), bob, offerOf(1, QStringLiteral("f"), "x"), "x")
+                    .endsWith(QStringLiteral("/f"))); // makes the list
     const auto file = store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), "content"), &refused);
     ASSERT_EQ(file->append("content"), QString());
     const std::string dir = part();
     SystemCallWatch watch(root());
     QString place;
     ASSERT_EQ(file->store(offerOf(7, QStringLiteral("f"), "content"), &place), QString());
-    EXPECT_EQ(lines(watch), (std::vector<std::string>{
-        "fsync " + dir + "/f",
-        "fsync " + dir + "/.message.new",
-        "rename " + dir + "/.message " + dir + "/.message.old",
-        "rename " + dir + "/.message.new " + dir + "/.message",
-        "fsync " + dir,
-        "unlink " + dir + "/.message.old",
-        "fsync incomplete",
-        "fsync received.list",
-        "rename " + dir + " input/00000002",
-        "fsync input",
-        "fsync incomplete"}));
+    EXPECT_EQ(lines(watch),
+              (std::vector<std::string>{"fsync " + dir + "/f", "fsync " + dir + "/.message.new",
+                                        "rename " + dir + "/.message " + dir + "/.message.old",
+                                        "rename " + dir + "/.message.new " + dir + "/.message", "fsync " + dir,
+                                        "unlink " + dir + "/.message.old", "fsync incomplete", "fsync received.list",
+                                        "rename " + dir + " input/00000002", "fsync input", "fsync incomplete"}));
 }
 
 // A part costs a slow disk nothing: one that a power failure tears is begun anew.
@@ -55,8 +58,9 @@ TEST_F(StoreSteps, Beginning)
     ASSERT_TRUE(file);
     ASSERT_EQ(file->append("cont"), QString());
     EXPECT_EQ(lines(watch), std::vector<std::string>());
-    EXPECT_EQ(watch.callsOf({"mkdir", "write"}), (std::vector<std::string>{
-        "mkdir incomplete/00000001", "write incomplete/00000001/.message", "write incomplete/00000001/f"}))
+    EXPECT_EQ(watch.callsOf({"mkdir", "write"}),
+              (std::vector<std::string>{"mkdir incomplete/00000001", "write incomplete/00000001/.message",
+                                        "write incomplete/00000001/f"}))
         << "never a byte without its record";
 }
 
@@ -72,15 +76,13 @@ TEST_F(StoreSteps, Queueing)
     // "fsync output/.new-<process>-<random>/content"
     const std::string directory = seen.front().substr(6, seen.front().rfind('/') - 6);
     EXPECT_EQ(directory.rfind("output/.new-", 0), 0u) << directory;
-    seen.erase(std::remove_if(seen.begin(), seen.end(), [](const std::string& call) { return call.find(".lock") != std::string::npos; }), seen.end());
-    EXPECT_EQ(seen, (std::vector<std::string>{
-        "fsync " + directory + "/content",
-        "fsync " + directory,
-        "rename " + directory + " output/00000002",
-        "fsync output",
-        "fsync tasks/00000002.task.new",
-        "rename tasks/00000002.task.new tasks/00000002.task",
-        "fsync tasks"}));
+    seen.erase(std::remove_if(seen.begin(), seen.end(),
+                              [](const std::string& call) { return call.find(".lock") != std::string::npos; }),
+               seen.end());
+    EXPECT_EQ(seen, (std::vector<std::string>{"fsync " + directory + "/content", "fsync " + directory,
+                                              "rename " + directory + " output/00000002", "fsync output",
+                                              "fsync tasks/00000002.task.new",
+                                              "rename tasks/00000002.task.new tasks/00000002.task", "fsync tasks"}));
 }
 
 TEST_F(StoreSteps, Removing)
@@ -91,11 +93,8 @@ TEST_F(StoreSteps, Removing)
     queue.rescan();
     SystemCallWatch watch(root());
     ASSERT_EQ(queue.remove(queue.messages().first()), QString());
-    EXPECT_EQ(lines(watch), (std::vector<std::string>{
-        "unlink tasks/00000001.task",
-        "fsync tasks",
-        "unlink output/00000001/content",
-        "rmdir output/00000001"}));
+    EXPECT_EQ(lines(watch), (std::vector<std::string>{"unlink tasks/00000001.task", "fsync tasks",
+                                                      "unlink output/00000001/content", "rmdir output/00000001"}));
 }
 
 // Each of them failing: nothing is said to be received, or queued, that is not.
@@ -143,7 +142,9 @@ TEST_F(StoreSteps, ANameThatTheFileSystemCannotHoldBecomesFile)
     const OfferFrame offer = offerOf(7, QStringLiteral("Отчёт.txt"), "content");
     QString place;
     {
-        SystemCallWatch watch(root(), [](SystemCall& call) { return call.name == "open" && call.path.find("Отчёт") != std::string::npos ? EILSEQ : 0; });
+        SystemCallWatch watch(root(), [](SystemCall& call) {
+            return call.name == "open" && call.path.find("Отчёт") != std::string::npos ? EILSEQ : 0;
+        });
         place = receiveWhole(store.get(), bob, offer, "content");
     }
     EXPECT_TRUE(place.endsWith(QStringLiteral("/00000001/file"))) << qPrintable(place);
@@ -155,7 +156,8 @@ TEST_F(StoreSteps, ANameThatTheFileSystemCannotHoldBecomesFile)
     {
         const std::string suffix = "/file";
         SystemCallWatch watch(root() + "incomplete/", [&](SystemCall& call) {
-            const bool isFile = call.path.size() > suffix.size() && call.path.compare(call.path.size() - suffix.size(), suffix.size(), suffix) == 0;
+            const bool isFile = call.path.size() > suffix.size() &&
+                                call.path.compare(call.path.size() - suffix.size(), suffix.size(), suffix) == 0;
             if (isFile)
                 tried = QString::fromStdString(call.path);
             return call.name == "open" && (isFile || call.path.find("Отчёт") != std::string::npos) ? ENOSPC : 0;

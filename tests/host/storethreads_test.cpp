@@ -121,7 +121,8 @@ TEST_F(StoreThreads, SessionsFightForOneMessage)
                     if (worker != 0 && !parts.empty()) {
                         const quint64 generation = parts[0]->generation();
                         QString error;
-                        for (QByteArray piece; !(piece = parts[0]->readBack(500, &error)).isEmpty(); stands += piece.size())
+                        for (QByteArray piece; !(piece = parts[0]->readBack(500, &error)).isEmpty();
+                             stands += piece.size())
                             hash.addData(piece);
                         OfferFrame rest = offer;
                         rest.offset = stands;
@@ -141,7 +142,8 @@ TEST_F(StoreThreads, SessionsFightForOneMessage)
                         hash.addData(piece);
                     }
                     QString place;
-                    if (!lost && hash.result() == offer.sha256 && file->store(offer, &place).isEmpty() && sha256(readAll(place)) != offer.sha256)
+                    if (!lost && hash.result() == offer.sha256 && file->store(offer, &place).isEmpty() &&
+                        sha256(readAll(place)) != offer.sha256)
                         ++foreign;
                     else if (!lost && worker == 2)
                         file->discard();

@@ -1,17 +1,16 @@
 // A message store in the test's own installation.
 #pragma once
 
+#include "host/installation/diskfile.h"
+#include "host/installation/names.h"
+#include "host/store/messagestore.h"
+#include "tests/host/peers.h"
+#include "tests/support/testroot.h"
+
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-
-#include "host/installation/diskfile.h"
-#include "host/store/messagestore.h"
-#include "host/installation/names.h"
-
-#include "tests/host/peers.h"
-#include "tests/support/testroot.h"
 
 namespace hosttest {
 
@@ -60,7 +59,8 @@ inline host::OfferFrame offerOf(quint64 id, const QString& name, const QByteArra
 }
 
 // Receives a whole message; the path it came to, or the error text.
-inline QString receiveWhole(host::MessageStore* store, const host::Peer& peer, const host::OfferFrame& offer, const QByteArray& content)
+inline QString receiveWhole(host::MessageStore* store, const host::Peer& peer, const host::OfferFrame& offer,
+                            const QByteArray& content)
 {
     host::RefusedFrame refused;
     const auto file = store->beginIncoming(peer, offer, &refused);

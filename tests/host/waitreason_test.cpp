@@ -1,7 +1,6 @@
 #include "host/store/waitreason.h"
 
 #include <QSet>
-
 #include <gtest/gtest.h>
 
 using namespace host;
@@ -20,8 +19,9 @@ WaitReason of(Kind kind)
     return reason;
 }
 
-const Kind kinds[] = {Kind::NotTried, Kind::NoNumber,  Kind::NumberDamaged, Kind::Blocked, Kind::NoCalls,     Kind::NoModem,
-                      Kind::CallsFailed, Kind::BrokenOff, Kind::KeyChanged, Kind::Refused, Kind::CopyAtFault, Kind::Other};
+const Kind kinds[] = {Kind::NotTried,   Kind::NoNumber, Kind::NumberDamaged, Kind::Blocked,
+                      Kind::NoCalls,    Kind::NoModem,  Kind::CallsFailed,   Kind::BrokenOff,
+                      Kind::KeyChanged, Kind::Refused,  Kind::CopyAtFault,   Kind::Other};
 
 } // namespace
 
@@ -60,5 +60,7 @@ TEST(WaitReasons, WhatIsNotUnderstoodIsNoReason)
 {
     EXPECT_EQ(WaitReason::fromJson({}), WaitReason());
     EXPECT_EQ(WaitReason::fromJson({{QStringLiteral("kind"), QStringLiteral("future")}}), WaitReason());
-    EXPECT_EQ(WaitReason::fromJson({{QStringLiteral("kind"), 7}, {QStringLiteral("reason"), QStringLiteral("old")}}).text, QStringLiteral("old"));
+    EXPECT_EQ(
+        WaitReason::fromJson({{QStringLiteral("kind"), 7}, {QStringLiteral("reason"), QStringLiteral("old")}}).text,
+        QStringLiteral("old"));
 }

@@ -1,16 +1,15 @@
 // How often making a packet asks for memory.
-#include <cstdlib>
-
-#include <QByteArray>
-
-#include <gtest/gtest.h>
-
 #include "com/ccompacket.h"
 #include "tests/support/allocations.h"
 
+#include <QByteArray>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
 namespace {
 
-template<typename Work>
+template <typename Work>
 qint64 allocationsOf(Work work)
 {
     const qint64 before = testsupport::allocationCount();

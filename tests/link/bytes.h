@@ -3,7 +3,6 @@
 
 #include <QByteArray>
 #include <QString>
-
 #include <gtest/gtest.h>
 
 inline QByteArray fromHex(const char* hex)

@@ -1,7 +1,6 @@
 // The link channel over a port in memory: sending, repeating, confirming, delivering.
-#include "tests/link/channelfixture.h"
-
 #include "common/functiondebug.h"
+#include "tests/link/channelfixture.h"
 #include "tests/link/messagecatcher.h"
 
 using namespace linktest;
@@ -212,7 +211,7 @@ TEST_F(ChannelTest, ANewPacketWithoutRoomWaits50MsAndStopsTheWalk)
     read();
     EXPECT_EQ(m_port.takeWriteWaits(), (QList<int>{10, 50}));
     EXPECT_EQ(m_clock.nowMs() - before, 10 + 10 + 50); // output, input, room
-    EXPECT_EQ(m_port.bytesToWrite(), 1025);            // the small one did not pass
+    EXPECT_EQ(m_port.bytesToWrite(), 1025); // the small one did not pass
 }
 
 TEST_F(ChannelTest, ARepeatWithoutRoomWaits100MsAndStopsTheWalk)
@@ -710,7 +709,8 @@ TEST_F(ChannelTest, AConfirmationListsItsNumbersPlainlyAscending)
 {
     m_clock.advanceMs(600);
     receiveNumbers({255, 3});
-    EXPECT_TRUE(sameBytes(m_port.takeWritten(), fromHex("7c0100020077970" "3ffe40f6779")));
+    EXPECT_TRUE(sameBytes(m_port.takeWritten(), fromHex("7c0100020077970"
+                                                        "3ffe40f6779")));
 }
 
 TEST_F(ChannelTest, NothingToConfirmSendsNothing)
@@ -759,8 +759,7 @@ TEST_F(ChannelTest, LogsARepeatWithAFinalPointAndNoCheck)
     read();
     m_clock.advanceMs(2001);
     read();
-    EXPECT_EQ(logLines().last(),
-              QStringLiteral("CComChannel: Запись пакета с данными (повтор) - номер 1, размер 5."));
+    EXPECT_EQ(logLines().last(), QStringLiteral("CComChannel: Запись пакета с данными (повтор) - номер 1, размер 5."));
 }
 
 TEST_F(ChannelTest, LogsConfirmationsWithTheirNumbersInDecimal)
@@ -822,9 +821,10 @@ TEST(ChannelLog, FullTracingDoesNotSwitchOnTheLinesWithKeysOfTheirOwn)
     port.inject(dataWire(1, "Hello") + confirmationWire(fromHex("01")));
     channel.read(100);
     QStringList lines = logLines();
-    lines.erase(std::remove_if(lines.begin(), lines.end(),
-                               [](const QString& line) { return line.startsWith(QStringLiteral("_CFunctionDebug: ")); }),
-                lines.end());
+    lines.erase(
+        std::remove_if(lines.begin(), lines.end(),
+                       [](const QString& line) { return line.startsWith(QStringLiteral("_CFunctionDebug: ")); }),
+        lines.end());
     EXPECT_EQ(lines,
               QStringList{QStringLiteral("CComChannel: Прочитан пакет с данными - номер 1, размер 5, crc bb8ac44f")});
 }
@@ -869,15 +869,24 @@ TEST_P(KeyRange, IsKept)
 }
 
 constexpr KeyValue keyValues[] = {
-    {"MaxBytesToWrite", "31", 1024},         {"MaxBytesToWrite", "20", 1024},
-    {"MaxBytesToWrite", "32", 32},           {"MaxBytesToWrite", "32768", 32768},
-    {"MaxBytesToWrite", "32769", 1024},      {"MaxBytesToWrite", "abc", 1024},
-    {"MaxBytesInQueue", "127", 10240},       {"MaxBytesInQueue", "128", 128},
-    {"MaxBytesInQueue", "1048576", 1048576}, {"MaxBytesInQueue", "1048577", 10240},
-    {"ResendInterval", "99", 2000},          {"ResendInterval", "100", 100},
-    {"ResendInterval", "60000", 60000},      {"ResendInterval", "60001", 2000},
-    {"ConfirmationInterval", "49", 500},     {"ConfirmationInterval", "50", 50},
-    {"ConfirmationInterval", "30000", 30000}, {"ConfirmationInterval", "30001", 500},
+    {"MaxBytesToWrite", "31", 1024},
+    {"MaxBytesToWrite", "20", 1024},
+    {"MaxBytesToWrite", "32", 32},
+    {"MaxBytesToWrite", "32768", 32768},
+    {"MaxBytesToWrite", "32769", 1024},
+    {"MaxBytesToWrite", "abc", 1024},
+    {"MaxBytesInQueue", "127", 10240},
+    {"MaxBytesInQueue", "128", 128},
+    {"MaxBytesInQueue", "1048576", 1048576},
+    {"MaxBytesInQueue", "1048577", 10240},
+    {"ResendInterval", "99", 2000},
+    {"ResendInterval", "100", 100},
+    {"ResendInterval", "60000", 60000},
+    {"ResendInterval", "60001", 2000},
+    {"ConfirmationInterval", "49", 500},
+    {"ConfirmationInterval", "50", 50},
+    {"ConfirmationInterval", "30000", 30000},
+    {"ConfirmationInterval", "30001", 500},
 };
 
 INSTANTIATE_TEST_SUITE_P(Channel, KeyRange, testing::ValuesIn(keyValues),
@@ -920,5 +929,7 @@ TEST_F(ChannelTest, LooksOnceAtADamagedPacketWhileTheNextIsIncomplete)
     EXPECT_TRUE(receive(damaged + next.left(20)).isEmpty());
     EXPECT_TRUE(receive(next.mid(20, 20)).isEmpty());
     EXPECT_EQ(receive(next.mid(40)), QByteArray(200, 'n'));
-    EXPECT_EQ(MessageCatcher::messages.count(QStringLiteral("%1 Packet header received, but data is corrupted 0 1 3").arg(int(QtDebugMsg))), 1);
+    EXPECT_EQ(MessageCatcher::messages.count(
+                  QStringLiteral("%1 Packet header received, but data is corrupted 0 1 3").arg(int(QtDebugMsg))),
+              1);
 }

@@ -1,14 +1,6 @@
 // A link channel over a port in memory, in a time that the test moves.
 #pragma once
 
-#include <QByteArray>
-#include <QDirIterator>
-#include <QFile>
-#include <QSettings>
-#include <QStringList>
-
-#include <gtest/gtest.h>
-
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "tests/link/bytes.h"
@@ -16,6 +8,13 @@
 #include "tests/support/fakeserialport.h"
 #include "tests/support/testroot.h"
 #include "tests/support/virtualclock.h"
+
+#include <QByteArray>
+#include <QDirIterator>
+#include <QFile>
+#include <QSettings>
+#include <QStringList>
+#include <gtest/gtest.h>
 
 namespace linktest {
 
@@ -77,7 +76,8 @@ inline QList<CComPacket> cutPackets(QByteArray bytes)
 inline QStringList logLines()
 {
     QStringList lines;
-    QDirIterator files(testsupport::installRoot(), {QStringLiteral("*.log")}, QDir::Files, QDirIterator::Subdirectories);
+    QDirIterator files(testsupport::installRoot(), {QStringLiteral("*.log")}, QDir::Files,
+                       QDirIterator::Subdirectories);
     while (files.hasNext()) {
         QFile file(files.next());
         EXPECT_TRUE(file.open(QIODevice::ReadOnly));

@@ -1,13 +1,12 @@
 // The checksums against values computed independently of this code.
-#include <QByteArray>
-
-#include <gtest/gtest.h>
-
-#include <random>
-
 #include "com/crc.h"
 #include "tests/link/bytes.h"
 #include "tests/support/testroot.h"
+
+#include <QByteArray>
+#include <gtest/gtest.h>
+
+#include <random>
 
 namespace {
 

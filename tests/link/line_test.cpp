@@ -25,7 +25,8 @@ protected:
     {
         for (int run = 0; run < runs; ++run) {
             const unsigned seed = testsupport::seed() + static_cast<unsigned>(run) * 1000003u;
-            ASSERT_EQ(exchange(faults, stream, seed, limitMs), Outcome::Delivered) << "run " << run << ", seed " << seed;
+            ASSERT_EQ(exchange(faults, stream, seed, limitMs), Outcome::Delivered)
+                << "run " << run << ", seed " << seed;
         }
     }
 };

@@ -2,16 +2,16 @@
 // All in virtual time, so that a failing run repeats exactly from its seed.
 #pragma once
 
-#include <deque>
-#include <random>
-
-#include <QByteArray>
-
 #include "com/ccomchannel.h"
 #include "tests/support/fakehost.h"
 #include "tests/support/fakeserialport.h"
 #include "tests/support/silentstate.h"
 #include "tests/support/virtualclock.h"
+
+#include <QByteArray>
+
+#include <deque>
+#include <random>
 
 namespace linktest {
 
@@ -149,7 +149,12 @@ struct Stream
     int blockSize = 1; // given to one write()
 };
 
-enum class Outcome { Delivered, Corrupted, Stuck };
+enum class Outcome
+{
+    Delivered,
+    Corrupted,
+    Stuck
+};
 
 // Sends both ways at once until both streams have arrived.
 inline Outcome exchange(const LineFaults& faults, const Stream& stream, unsigned seed, qint64 limitMs)

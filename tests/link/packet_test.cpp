@@ -1,17 +1,16 @@
 // Packets byte by byte: making them, and cutting them out of what arrives.
-#include <QByteArray>
-#include <QStringList>
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <random>
-
 #include "com/ccompacket.h"
 #include "com/crc.h"
 #include "tests/link/bytes.h"
 #include "tests/link/messagecatcher.h"
 #include "tests/support/testroot.h"
+
+#include <QByteArray>
+#include <QStringList>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
 
 namespace {
 
@@ -252,7 +251,9 @@ TEST(ReadPacket, RejectsTheStandardCheckOfAHeaderWithHighBytes)
 TEST(ReadPacket, ResumesEightBytesBehindARejectedHeader)
 {
     // One byte further on there would be data packet 1, if its start symbol counted.
-    QByteArray buffer = fromHex("7c000207005670" "7c0001000091b0" "00000000");
+    QByteArray buffer = fromHex("7c000207005670"
+                                "7c0001000091b0"
+                                "00000000");
     CComPacket read;
     EXPECT_FALSE(read.readPacket(&buffer));
     EXPECT_TRUE(sameBytes(buffer, fromHex("91b000000000")));
@@ -260,7 +261,10 @@ TEST(ReadPacket, ResumesEightBytesBehindARejectedHeader)
 
 TEST(ReadPacket, FindsAPacketInsideARejectedPayload)
 {
-    QByteArray buffer = fromHex("7c000207005670" "00" "7c0001000091b0" "000000");
+    QByteArray buffer = fromHex("7c000207005670"
+                                "00"
+                                "7c0001000091b0"
+                                "000000");
     CComPacket read;
     ASSERT_TRUE(read.readPacket(&buffer));
     EXPECT_EQ(read.number, 1);
@@ -284,8 +288,9 @@ TEST(ReadPacket, TellsOfACorruptPayloadOnTheDebugStreamOnly)
     ASSERT_TRUE(read.readPacket(&buffer));
     EXPECT_EQ(read.data, "A");
     EXPECT_TRUE(buffer.isEmpty());
-    EXPECT_EQ(MessageCatcher::messages,
-              QStringList{QStringLiteral("%1 Packet header received, but data is corrupted 0 1 1").arg(int(QtDebugMsg))});
+    EXPECT_EQ(
+        MessageCatcher::messages,
+        QStringList{QStringLiteral("%1 Packet header received, but data is corrupted 0 1 1").arg(int(QtDebugMsg))});
 }
 
 TEST(ReadPacket, SaysNothingOfGarbageAndGoodPackets)
@@ -458,7 +463,8 @@ bool readByteByByte(QByteArray* buffer)
         }
         if (i + length + 11 > size)
             return false;
-        const quint32 check = byte(7 + length) | byte(8 + length) << 8 | byte(9 + length) << 16 | byte(10 + length) << 24;
+        const quint32 check =
+            byte(7 + length) | byte(8 + length) << 8 | byte(9 + length) << 16 | byte(10 + length) << 24;
         if (crc32(at, 7 + length) == check) {
             buffer->remove(0, i + length + 11);
             return true;

@@ -1,13 +1,12 @@
 // The waits on a port, on ports in memory and on real ones.
-#include <QElapsedTimer>
-#include <QSignalSpy>
-
-#include <gtest/gtest.h>
-
 #include "com/portwait.h"
 #include "sim/pty/ptyendpoint.h"
 #include "tests/support/fakeserialport.h"
 #include "tests/support/virtualclock.h"
+
+#include <QElapsedTimer>
+#include <QSignalSpy>
+#include <gtest/gtest.h>
 
 using testsupport::FakeSerialPort;
 using testsupport::VirtualClock;

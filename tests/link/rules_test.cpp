@@ -1,12 +1,11 @@
 // The link's rules: order of numbers, limits, what is due.
-#include <QByteArray>
-
-#include <climits>
-
-#include <gtest/gtest.h>
-
 #include "com/linkrules.h"
 #include "tests/link/bytes.h"
+
+#include <QByteArray>
+#include <gtest/gtest.h>
+
+#include <climits>
 
 using namespace linkrules;
 
@@ -39,14 +38,19 @@ QList<int> numbersOf(const QList<CComPacket>& packets)
 
 TEST(NumberLessThen, AgreesWithTheTable)
 {
-    const struct { int a, b; bool less; } table[] = {
-        {1, 2, true}, {2, 1, false}, {5, 5, false}, {1, 120, true}, {1, 121, false}, {0, 119, true}, {0, 120, false},
-        {136, 255, true}, {135, 255, false}, {136, 0, true}, {135, 0, false}, {137, 1, true}, {136, 1, false},
-        {250, 4, true}, {4, 250, false}, {255, 0, true}, {0, 255, false}, {255, 119, true}, {255, 120, false},
-        {200, 64, true}, {200, 65, false}, {238, 118, false},
+    const struct
+    {
+        int a, b;
+        bool less;
+    } table[] = {
+        {1, 2, true},      {2, 1, false},    {5, 5, false},     {1, 120, true},    {1, 121, false}, {0, 119, true},
+        {0, 120, false},   {136, 255, true}, {135, 255, false}, {136, 0, true},    {135, 0, false}, {137, 1, true},
+        {136, 1, false},   {250, 4, true},   {4, 250, false},   {255, 0, true},    {0, 255, false}, {255, 119, true},
+        {255, 120, false}, {200, 64, true},  {200, 65, false},  {238, 118, false},
     };
     for (const auto& row : table)
-        EXPECT_EQ(numberLessThen(static_cast<quint8>(row.a), static_cast<quint8>(row.b)), row.less) << row.a << ' ' << row.b;
+        EXPECT_EQ(numberLessThen(static_cast<quint8>(row.a), static_cast<quint8>(row.b)), row.less)
+            << row.a << ' ' << row.b;
 }
 
 // 119 numbers lie ahead of 0 to 135 and, since the way around counts one less, 120 ahead of the rest.

@@ -1,9 +1,9 @@
 // How far ahead new packets may be sent.
-#include <climits>
+#include "com/sendwindow.h"
 
 #include <gtest/gtest.h>
 
-#include "com/sendwindow.h"
+#include <climits>
 
 namespace {
 

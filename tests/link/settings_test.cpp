@@ -1,16 +1,15 @@
 // The settings records against bytes written down by hand.
-#include <QByteArray>
-#include <QElapsedTimer>
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <random>
-
 #include "com/ccomsettings.h"
 #include "com/comsettings.h"
 #include "tests/link/bytes.h"
 #include "tests/support/testroot.h"
+
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
 
 namespace {
 
@@ -107,8 +106,8 @@ TEST(ChannelComSettings, WritesADefaultPort)
 {
     ChannelComSettings settings;
     settings.ports.append(ComPortSettings());
-    EXPECT_TRUE(sameBytes(settings.toByteArray(), fromHex(onePortHead) + fromHex("00 FFFFFFFF FFFFFFFF")
-                                                      + fromHex("FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF")));
+    EXPECT_TRUE(sameBytes(settings.toByteArray(), fromHex(onePortHead) + fromHex("00 FFFFFFFF FFFFFFFF") +
+                                                      fromHex("FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF")));
 }
 
 TEST(ChannelComSettings, WritesAnEmptyList)
@@ -295,7 +294,8 @@ TEST(AbonentComSettings, WritesNumberAndPorts)
 
 TEST(AbonentComSettings, SurvivesARoundTripWithNullAndEmptyStrings)
 {
-    const AbonentComSettings settings = abonent(QStringLiteral(""), {QString(), QStringLiteral(""), QStringLiteral("порт")});
+    const AbonentComSettings settings =
+        abonent(QStringLiteral(""), {QString(), QStringLiteral(""), QStringLiteral("порт")});
     AbonentComSettings read = abonent(QStringLiteral("1"), {QStringLiteral("old")});
     EXPECT_EQ(read.fromByteArray(settings.toByteArray()), QString());
     EXPECT_FALSE(read.phoneNumber.isNull());
@@ -328,12 +328,12 @@ TEST(AbonentComSettings, HasNoAllowedPortsAfterDamage)
     const char twoOfThree[] = "00000004 00000002 0031 00000003 00000002 0061 00000002 0062";
     for (const char* hex : {
              twoOfThree,
-             "00000004 00000002 0031 FFFFFFFF",                       // an absurd count
-             "00000004 00000002 0031 FFFFFFFF 00000000",              // with one string
-             "00000004 00000002 0031",                                // no count
-             "00000004 0000",                                         // no number
-             "00000004 00000003 003100 00000001 00000002 0061",       // an odd length
-             "00000004 00000002 0031 00000002 00000002 0061 0000FF",  // a cut length
+             "00000004 00000002 0031 FFFFFFFF", // an absurd count
+             "00000004 00000002 0031 FFFFFFFF 00000000", // with one string
+             "00000004 00000002 0031", // no count
+             "00000004 0000", // no number
+             "00000004 00000003 003100 00000001 00000002 0061", // an odd length
+             "00000004 00000002 0031 00000002 00000002 0061 0000FF", // a cut length
          }) {
         AbonentComSettings settings = abonent(QStringLiteral("1"), {QStringLiteral("ttyS0")});
         EXPECT_EQ(settings.fromByteArray(fromHex(hex)), damaged) << hex;
@@ -355,7 +355,8 @@ TEST(SettingsRecords, TakeAnyBytesWithoutHarm)
         QByteArray bytes = threePorts();
         bytes.truncate(4 + static_cast<int>(random() % static_cast<unsigned>(bytes.size() - 3)));
         for (int damage = 0; damage < 3 && bytes.size() > 4; ++damage)
-            bytes[4 + static_cast<int>(random() % static_cast<unsigned>(bytes.size() - 4))] = static_cast<char>(random());
+            bytes[4 + static_cast<int>(random() % static_cast<unsigned>(bytes.size() - 4))] =
+                static_cast<char>(random());
         ChannelComSettings channel;
         channel.fromByteArray(bytes);
         EXPECT_LE(channel.ports.size(), ChannelComSettings::maxPortsOfDamagedData);

@@ -1,12 +1,11 @@
 #include "sim/pty/backlog.h"
-
-#include <fcntl.h>
-#include <unistd.h>
+#include "sim/pty/ptyendpoint.h"
+#include "tests/support/deadline.h"
 
 #include <gtest/gtest.h>
 
-#include "sim/pty/ptyendpoint.h"
-#include "tests/support/deadline.h"
+#include <fcntl.h>
+#include <unistd.h>
 
 using sim::Backlog;
 using sim::PtyEndpoint;

@@ -1,6 +1,5 @@
 // Commands as text: each reaches what it names, each mistake says what to write.
 #include "sim/exchange/control.h"
-
 #include "tests/support/deadline.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +30,8 @@ protected:
 
 TEST_F(ControlTest, EachFaultIsSetAndCleared)
 {
-    const struct {
+    const struct
+    {
         const char* command;
         bool ModemFaults::*fault;
         bool whenOn;
@@ -119,7 +119,8 @@ TEST_F(ControlTest, RingAndSay)
 
 TEST_F(ControlTest, MistakesSayWhatToWrite)
 {
-    const struct {
+    const struct
+    {
         const char* line;
         const char* answer;
     } mistakes[] = {

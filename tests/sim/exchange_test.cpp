@@ -1,22 +1,19 @@
 // Whole calls through the exchange: two programs on real serial ports, the lines between
 // them, and the faults.
 #include "sim/exchange/exchange.h"
-
 #include "sim/pty/linetable.h"
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
-
-#include <map>
-
-#include <sys/ioctl.h>
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSerialPort>
-
 #include <gtest/gtest.h>
+
+#include <map>
+#include <sys/ioctl.h>
 
 using namespace sim;
 using testsupport::waitFor;

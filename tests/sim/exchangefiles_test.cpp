@@ -2,20 +2,18 @@
 // nothing through a link that somebody else has put there.
 #include "sim/pty/linetable.h"
 #include "sim/pty/ptyendpoint.h"
-
 #include "tests/sim/phoneexchangefixture.h"
+
+#include <QDir>
+#include <QFileInfo>
 
 #include <cerrno>
 #include <cstring>
-
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <QDir>
-#include <QFileInfo>
 
 using testsupport::PhoneExchangeTest;
 using testsupport::waitFor;
@@ -49,13 +47,17 @@ protected:
 
     static unsigned modeOf(const QString& name)
     {
-        struct stat status{};
+        struct stat status
+        {
+        };
         return ::lstat(encoded(name).constData(), &status) == 0 ? status.st_mode & 07777 : 0;
     }
 
     static bool isSocket(const QString& name)
     {
-        struct stat status{};
+        struct stat status
+        {
+        };
         return ::lstat(encoded(name).constData(), &status) == 0 && S_ISSOCK(status.st_mode);
     }
 
@@ -99,8 +101,8 @@ TEST_F(ExchangeFiles, ControlLeavesARegularFileAlone)
 {
     writeFile(path("precious"), "three years of work");
     EXPECT_EQ(refusal({QStringLiteral("--control"), path("precious")}),
-              "phone-exchange: " + encoded(path("precious"))
-                  + " is no socket and is left alone; remove it or give another path with --control\n");
+              "phone-exchange: " + encoded(path("precious")) +
+                  " is no socket and is left alone; remove it or give another path with --control\n");
     EXPECT_EQ(fileText(path("precious")), QByteArray("three years of work"));
 }
 
@@ -152,8 +154,8 @@ TEST_F(ExchangeFiles, ASocketInUseIsRefused)
             ASSERT_EQ(::connect(caller, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
         }
         EXPECT_EQ(refusal({QStringLiteral("--control"), name}),
-                  "phone-exchange: another process listens on the control socket " + encoded(name)
-                      + "; give another with --control\n");
+                  "phone-exchange: another process listens on the control socket " + encoded(name) +
+                      "; give another with --control\n");
         EXPECT_TRUE(isSocket(name));
         ::close(caller);
         ::close(fd);
@@ -189,7 +191,8 @@ TEST_F(ExchangeFiles, ADirectoryOfSomebodyElseIsRefused)
         makeDirectory(directory, 0700);
         ASSERT_EQ(::chown(encoded(directory).constData(), somebodyElse, somebodyElse), 0);
     }
-    EXPECT_TRUE(refusal({QStringLiteral("--link-dir"), directory}).contains(" belongs to somebody else; give one of your own with --link-dir\n"));
+    EXPECT_TRUE(refusal({QStringLiteral("--link-dir"), directory})
+                    .contains(" belongs to somebody else; give one of your own with --link-dir\n"));
     EXPECT_FALSE(QFileInfo::exists(directory + QStringLiteral("/lines")));
 }
 
@@ -200,8 +203,8 @@ TEST_F(ExchangeFiles, ADirectoryThatOthersMayWriteIsRefused)
         makeDirectory(directory, 0700);
         ASSERT_EQ(::chmod(encoded(directory).constData(), mode), 0);
         EXPECT_EQ(refusal({QStringLiteral("--link-dir"), directory}),
-                  "phone-exchange: others may write in the directory " + encoded(directory) + "; \"chmod go-w "
-                      + encoded(directory) + "\" ends that, or give another with --link-dir\n");
+                  "phone-exchange: others may write in the directory " + encoded(directory) + "; \"chmod go-w " +
+                      encoded(directory) + "\" ends that, or give another with --link-dir\n");
         EXPECT_TRUE(QDir(directory).isEmpty());
     }
 }
@@ -210,7 +213,8 @@ TEST_F(ExchangeFiles, ALinkIsNoDirectory)
 {
     makeDirectory(path("elsewhere"), 0700);
     makeLink(path("elsewhere"), path("ports"));
-    EXPECT_TRUE(refusal({QStringLiteral("--link-dir"), path("ports")}).contains(" is a link; give the directory itself with --link-dir\n"));
+    EXPECT_TRUE(refusal({QStringLiteral("--link-dir"), path("ports")})
+                    .contains(" is a link; give the directory itself with --link-dir\n"));
     EXPECT_TRUE(QDir(path("elsewhere")).isEmpty());
 }
 
@@ -218,10 +222,12 @@ TEST_F(ExchangeFiles, AFileInPlaceOfAPortIsLeft)
 {
     makeDirectory(path("ports"), 0700);
     writeFile(path("ports/modem2"), "three years of work");
-    EXPECT_TRUE(refusal({QStringLiteral("--link-dir"), path("ports")}).contains("/ports/modem2 is no link to a port and is left alone"));
+    EXPECT_TRUE(refusal({QStringLiteral("--link-dir"), path("ports")})
+                    .contains("/ports/modem2 is no link to a port and is left alone"));
     EXPECT_EQ(fileText(path("ports/modem2")), QByteArray("three years of work"));
     // Nor does it stay behind under a name in between.
-    EXPECT_EQ(QDir(path("ports")).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot), (QStringList{QStringLiteral("lines"), QStringLiteral("modem2")}));
+    EXPECT_EQ(QDir(path("ports")).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot),
+              (QStringList{QStringLiteral("lines"), QStringLiteral("modem2")}));
 }
 
 TEST_F(ExchangeFiles, ALinkToElsewhereInPlaceOfAPortIsLeft)
@@ -229,7 +235,8 @@ TEST_F(ExchangeFiles, ALinkToElsewhereInPlaceOfAPortIsLeft)
     makeDirectory(path("ports"), 0700);
     writeFile(path("precious"), "three years of work");
     makeLink(path("precious"), path("ports/modem1"));
-    EXPECT_TRUE(refusal({QStringLiteral("--link-dir"), path("ports")}).contains("/ports/modem1 is no link to a port and is left alone"));
+    EXPECT_TRUE(refusal({QStringLiteral("--link-dir"), path("ports")})
+                    .contains("/ports/modem1 is no link to a port and is left alone"));
     EXPECT_EQ(QFile::symLinkTarget(path("ports/modem1")), path("precious"));
     EXPECT_EQ(fileText(path("precious")), QByteArray("three years of work"));
 }
@@ -243,8 +250,8 @@ TEST_F(ExchangeFiles, ASecondOneLeavesThePortsOfTheFirst)
     rival.start(QStringLiteral(PHONE_EXCHANGE), {QStringLiteral("--link-dir"), path("ports")});
     ASSERT_TRUE(waitFor([&] { return rival.state() == QProcess::NotRunning; }, 5000)) << "it runs beside the first";
     EXPECT_EQ(rival.exitCode(), 1);
-    EXPECT_EQ(rival.readAllStandardError(), "phone-exchange: another phone-exchange serves the directory "
-                                                + encoded(path("ports")) + "; end it, or give another with --link-dir\n");
+    EXPECT_EQ(rival.readAllStandardError(), "phone-exchange: another phone-exchange serves the directory " +
+                                                encoded(path("ports")) + "; end it, or give another with --link-dir\n");
     EXPECT_EQ(QFile::symLinkTarget(path("ports/modem1")), port);
     quit();
     // With the first its lock is gone.
@@ -275,7 +282,8 @@ TEST_F(Table, IsMadePrivate)
 TEST_F(Table, IsNotMadeThroughALink)
 {
     makeLink(path("elsewhere"), path("table"));
-    EXPECT_TRUE(refusedTable().contains("cannot use the table of modem lines " + encoded(path("table")) + ": it is a link"));
+    EXPECT_TRUE(
+        refusedTable().contains("cannot use the table of modem lines " + encoded(path("table")) + ": it is a link"));
     EXPECT_FALSE(QFile::exists(path("elsewhere")));
     writeFile(path("elsewhere"), "");
     refusedTable();

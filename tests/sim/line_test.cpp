@@ -1,12 +1,11 @@
 // The line as a value and in virtual time: pace, delay, noise, drops.
 #include "sim/line/line.h"
-
 #include "tests/support/testroot.h"
+
+#include <gtest/gtest.h>
 
 #include <cmath>
 #include <random>
-
-#include <gtest/gtest.h>
 
 using namespace sim;
 

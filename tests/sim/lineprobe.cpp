@@ -2,7 +2,6 @@
 // raises DTR, shows the modem's lines, fills its driver, and ends by dropping DTR.
 #include <cstdio>
 #include <cstring>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>

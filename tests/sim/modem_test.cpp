@@ -2,7 +2,6 @@
 #include "sim/modem/modem.h"
 
 #include <QStringList>
-
 #include <gtest/gtest.h>
 
 using namespace sim;
@@ -158,7 +157,8 @@ TEST_F(ModemTest, AnswersInNumbers)
     EXPECT_EQ(host.takeProgram(), QByteArray("4\r"));
     modem.ring(now);
     EXPECT_EQ(host.takeProgram(), QByteArray("2\r"));
-    const struct {
+    const struct
+    {
         CallFailure failure;
         const char* answer;
     } failures[] = {{CallFailure::NoCarrier, "3\r"},
@@ -172,7 +172,8 @@ TEST_F(ModemTest, AnswersInNumbers)
     }
     type("ATS12?\r");
     EXPECT_EQ(host.takeProgram(), QByteArray("050\r\n0\r"));
-    const struct {
+    const struct
+    {
         int speed;
         const char* answer;
     } speeds[] = {{600, "9\r"},    {1200, "5\r"},    {2400, "10\r"},  {4800, "11\r"},  {7200, "13\r"},
@@ -198,7 +199,8 @@ TEST_F(ModemTest, QuietModemSaysNothing)
 
 TEST_F(ModemTest, DefaultRegisters)
 {
-    const struct {
+    const struct
+    {
         int index;
         const char* value;
     } defaults[] = {{0, "000"}, {1, "000"}, {2, "043"}, {3, "013"}, {4, "010"},
@@ -267,7 +269,8 @@ TEST_F(ModemTest, Dials)
 
 TEST_F(ModemTest, DialModifiers)
 {
-    const struct {
+    const struct
+    {
         const char* command;
         const char* call;
     } dials[] = {
@@ -353,7 +356,8 @@ TEST_F(ModemTest, ANumberThatWasTooLongIsForgotten)
 
 TEST_F(ModemTest, FailuresAsTheResultLevelTells)
 {
-    const struct {
+    const struct
+    {
         const char* level;
         CallFailure failure;
         const char* answer;

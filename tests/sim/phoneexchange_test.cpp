@@ -2,14 +2,7 @@
 // two ports of it; and the object that programs preload.
 #include "sim/pty/linetable.h"
 #include "sim/pty/ptyendpoint.h"
-
 #include "tests/sim/phoneexchangefixture.h"
-
-#include <csignal>
-
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <QDir>
 #include <QFile>
@@ -19,8 +12,12 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QSerialPort>
-
 #include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 using testsupport::PhoneExchangeTest;
 using testsupport::waitFor;
@@ -69,7 +66,8 @@ TEST_F(PhoneExchangeTest, Version)
 
 TEST_F(PhoneExchangeTest, BadOptionsSayWhatToDo)
 {
-    const struct {
+    const struct
+    {
         const char* arguments;
         const char* problem;
     } mistakes[] = {

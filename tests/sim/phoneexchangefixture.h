@@ -6,7 +6,6 @@
 
 #include <QFile>
 #include <QProcess>
-
 #include <gtest/gtest.h>
 
 namespace testsupport {
@@ -38,8 +37,8 @@ protected:
         run(arguments);
         // Ready may be seen before the news that it has started.
         ASSERT_TRUE(waitFor([&] {
-            return (QFile::exists(path("ready")) && process.state() != QProcess::Starting)
-                || process.state() == QProcess::NotRunning;
+            return (QFile::exists(path("ready")) && process.state() != QProcess::Starting) ||
+                   process.state() == QProcess::NotRunning;
         }));
         ASSERT_EQ(process.state(), QProcess::Running) << process.readAllStandardError().toStdString();
     }
@@ -67,10 +66,7 @@ protected:
 
     QByteArray errors() { return process.readAllStandardError(); }
 
-    static QString path(const char* name)
-    {
-        return installRoot() + QLatin1Char('/') + QLatin1String(name);
-    }
+    static QString path(const char* name) { return installRoot() + QLatin1Char('/') + QLatin1String(name); }
 
     static QByteArray fileText(const QString& name)
     {

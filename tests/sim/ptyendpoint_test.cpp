@@ -1,30 +1,27 @@
 // Modem lines, bounded depth and unplugging of a pty, as QSerialPort and plain system
 // calls see them through the ptylines object.
 #include "sim/pty/ptyendpoint.h"
-
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
-
-#include <cerrno>
-#include <atomic>
-#include <chrono>
-#include <string>
-#include <thread>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/select.h>
-#include <sys/uio.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QSerialPort>
-
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <poll.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/uio.h>
+#include <termios.h>
+#include <thread>
+#include <unistd.h>
 
 using sim::PtyEndpoint;
 using testsupport::waitFor;
@@ -90,7 +87,8 @@ TEST_F(PtyEndpointTest, ModemLinesAreSeenByTheProgramAtOnce)
     PtyEndpoint endpoint;
     QSerialPort port;
     ASSERT_TRUE(open(port, endpoint)) << port.errorString().toStdString();
-    const struct {
+    const struct
+    {
         int line;
         QSerialPort::PinoutSignal pin;
     } pairs[] = {{sim::LineDsr, QSerialPort::DataSetReadySignal},

@@ -1,10 +1,9 @@
 #include "tests/soak/checks.h"
 
-#include <cstdio>
-
-#include <malloc.h>
-
 #include "tests/soak/virtualtime.h"
+
+#include <cstdio>
+#include <malloc.h>
 
 namespace soak {
 

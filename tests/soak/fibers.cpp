@@ -1,20 +1,19 @@
 #include "tests/soak/fibers.h"
 
+#include "tests/soak/virtualtime.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-
 #include <dlfcn.h>
 #include <linux/futex.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
-
-#include "tests/soak/virtualtime.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/common_interface_defs.h>
@@ -34,9 +33,11 @@ Fiber* running = nullptr; // not owned
 class Fiber
 {
 public:
-    Fiber(Fibers* owner, std::function<void()> body, const int* process) : m_owner(owner), m_body(std::move(body)), m_process(process)
+    Fiber(Fibers* owner, std::function<void()> body, const int* process)
+        : m_owner(owner), m_body(std::move(body)), m_process(process)
     {
-        m_stack = mmap(nullptr, stackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
+        m_stack = mmap(nullptr, stackBytes, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
         if (m_stack == MAP_FAILED)
             std::abort();
         mprotect(m_stack, guardBytes, PROT_NONE);
@@ -87,13 +88,19 @@ public:
         order = m_owner->m_nextOrder++;
     }
 
-    int process() const { return m_process ? *m_process : 0; }
+    int process() const
+    {
+        return m_process ? *m_process : 0;
+    }
 
     std::int64_t wakeNs = 0;
     std::uint64_t order = 0; // of those due at one time
     const void* waitsFor = nullptr; // a lock
     bool hasEnded = false;
-    Fibers* owner() const { return m_owner; }
+    Fibers* owner() const
+    {
+        return m_owner;
+    }
 
 private:
     static void enter()

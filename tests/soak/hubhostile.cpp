@@ -1,13 +1,13 @@
 #include "tests/soak/hubhostile.h"
 
-#include <algorithm>
-
-#include <QCryptographicHash>
-
 #include "host/session/opening.h"
 #include "host/session/sessionframes.h"
 #include "tests/host/sealedpeer.h"
 #include "tests/soak/fibers.h"
+
+#include <QCryptographicHash>
+
+#include <algorithm>
 
 namespace soak {
 
@@ -77,8 +77,9 @@ void HubHostile::open()
 bool HubHostile::shakeHands()
 {
     m_directory.everybodyElse = QStringLiteral("the victim");
-    m_opening = std::make_unique<Opening>(SessionCall{true, m_directory.everybodyElse},
-                                          hosttest::testKey(100 + static_cast<int>(m_rng->below(3))), &m_directory, nullptr);
+    m_opening =
+        std::make_unique<Opening>(SessionCall{true, m_directory.everybodyElse},
+                                  hosttest::testKey(100 + static_cast<int>(m_rng->below(3))), &m_directory, nullptr);
     while (!isLost() && !m_opening->hasFailed()) {
         write(m_opening->takeOutput(nowNs() / nsPerMs));
         if (m_opening->maySend()) {
@@ -112,16 +113,13 @@ void HubHostile::hear()
     Frame frame;
     for (;;) {
         switch (m_reader.next(&frame)) {
-        case FrameReader::Result::None:
-            return;
+        case FrameReader::Result::None: return;
         case FrameReader::Result::Damaged:
             if (m_hearsFrames)
                 m_checks->violation("says to a stranger what does not open");
             m_hearsFrames = false;
             return;
-        case FrameReader::Result::Frame:
-            judge(frame);
-            break;
+        case FrameReader::Result::Frame: judge(frame); break;
         }
     }
 }
@@ -150,9 +148,7 @@ void HubHostile::judge(const Frame& frame)
             checkIds(state);
         break;
     case FrameType::Offer:
-    case FrameType::Data:
-        m_checks->violation("hands out messages to a stranger: frame of type " + type);
-        break;
+    case FrameType::Data: m_checks->violation("hands out messages to a stranger: frame of type " + type); break;
     case FrameType::Refused:
         if (!refused.decode(frame.payload) || refused.reason.contains(QLatin1Char('/')))
             m_checks->violation("tells a stranger where it keeps things: " + refused.reason.toStdString());
@@ -162,8 +158,7 @@ void HubHostile::judge(const Frame& frame)
         if (!decodeReason(frame.payload, &text) || text.contains(QLatin1Char('/')))
             m_checks->violation("tells a stranger where it keeps things: " + text.toStdString());
         break;
-    default:
-        break;
+    default: break;
     }
 }
 
@@ -190,9 +185,7 @@ void HubHostile::endOfCall()
 void HubHostile::misbehave(Manner manner)
 {
     switch (manner) {
-    case Manner::Garbage:
-        write(random(static_cast<int>(m_rng->below(300))));
-        break;
+    case Manner::Garbage: write(random(static_cast<int>(m_rng->below(300)))); break;
     case Manner::Replay:
     case Manner::ReplayOfOthers:
     case Manner::ReplayOfOwn:
@@ -205,12 +198,8 @@ void HubHostile::misbehave(Manner manner)
             halfAHandshake();
         break;
     case Manner::ChangedBits:
-    case Manner::OnlyAlive:
-        say(FrameType::Alive);
-        break;
-    case Manner::EndlessState:
-        say(FrameType::State, state(false));
-        break;
+    case Manner::OnlyAlive: say(FrameType::Alive); break;
+    case Manner::EndlessState: say(FrameType::State, state(false)); break;
     case Manner::EndlessStubs:
         offer(anyId(), random(3), m_rng->between(3, 100000), 0);
         say(FrameType::Abort, encodeReason(QStringLiteral("no")));
@@ -226,9 +215,7 @@ void HubHostile::misbehave(Manner manner)
             m_stub.clear();
         }
         break;
-    case Manner::AnyFrames:
-        write(anyFrame());
-        break;
+    case Manner::AnyFrames: write(anyFrame()); break;
     case Manner::Customer: {
         const QByteArray content = random(static_cast<int>(m_rng->below(2000)));
         offer(m_rng->next() | 1, content, content.size(), 0);
@@ -236,8 +223,7 @@ void HubHostile::misbehave(Manner manner)
     }
     case Manner::Silence:
     case Manner::Echo:
-    case Manner::Count:
-        break;
+    case Manner::Count: break;
     }
 }
 
@@ -294,19 +280,12 @@ QByteArray HubHostile::anyFrame()
     QByteArray payload = random(static_cast<int>(m_rng->below(60)));
     if (m_rng->chance(0.7)) {
         switch (type) {
-        case FrameType::State:
-            payload = state(m_rng->chance(0.5));
-            break;
+        case FrameType::State: payload = state(m_rng->chance(0.5)); break;
         case FrameType::Stored:
-        case FrameType::Settled:
-            payload = encodeNumbers({m_rng->below(5)});
-            break;
+        case FrameType::Settled: payload = encodeNumbers({m_rng->below(5)}); break;
         case FrameType::Abort:
-        case FrameType::Stop:
-            payload = encodeReason(QStringLiteral("so"));
-            break;
-        default:
-            payload.clear();
+        case FrameType::Stop: payload = encodeReason(QStringLiteral("so")); break;
+        default: payload.clear();
         }
     }
     return m_writer.write(type, payload);

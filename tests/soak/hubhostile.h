@@ -2,13 +2,6 @@
 // kind at every moment, endless ones, other people's identifiers, stubs that grow.
 #pragma once
 
-#include <cstdint>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include <QByteArray>
-
 #include "host/session/opening.h"
 #include "host/session/sessionframes.h"
 #include "tests/host/sealedpeer.h"
@@ -16,6 +9,13 @@
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubline.h"
 #include "tests/soak/rng.h"
+
+#include <QByteArray>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace soak {
 
@@ -33,11 +33,25 @@ public:
     void call();
 
 private:
-    enum class Manner {
+    enum class Manner
+    {
         // without a key
-        Silence, Garbage, Echo, Replay, ReplayOfOthers, ReplayOfOwn, HalfAHandshake,
+        Silence,
+        Garbage,
+        Echo,
+        Replay,
+        ReplayOfOthers,
+        ReplayOfOwn,
+        HalfAHandshake,
         // with one that nobody knows
-        HandshakeAgain, ChangedBits, OnlyAlive, EndlessState, EndlessStubs, GrowingStub, AnyFrames, Customer,
+        HandshakeAgain,
+        ChangedBits,
+        OnlyAlive,
+        EndlessState,
+        EndlessStubs,
+        GrowingStub,
+        AnyFrames,
+        Customer,
         Count
     };
 
@@ -59,11 +73,11 @@ private:
     bool isLost() const { return m_line->isLost(1); }
     QByteArray random(int size);
 
-    HubLine* const m_line;     // not owned
-    HubLine* const m_tapped;   // not owned
+    HubLine* const m_line; // not owned
+    HubLine* const m_tapped; // not owned
     HubLedger* const m_ledger; // not owned
-    Checks* const m_checks;    // not owned
-    Rng* const m_rng;          // not owned
+    Checks* const m_checks; // not owned
+    Rng* const m_rng; // not owned
     const bool m_isLetIn;
     hosttest::TestDirectory m_directory;
     std::unique_ptr<host::Opening> m_opening; // null once frames come
@@ -72,8 +86,8 @@ private:
     bool m_hearsFrames = false;
     int m_framesHeard = 0;
     qint64 m_bytesHeard = 0;
-    QByteArray m_heard;   // in this call
-    QByteArray m_said;    // in this call
+    QByteArray m_heard; // in this call
+    QByteArray m_said; // in this call
     QByteArray m_earlier; // heard or said in one before
     bool m_changesBits = false;
     quint64 m_stubId = 0;

@@ -1,7 +1,7 @@
 #include "tests/soak/hubledger.h"
 
-#include <algorithm>
-#include <limits>
+#include "tests/soak/hubpaths.h"
+#include "tests/soak/simdisk.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -9,8 +9,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include "tests/soak/hubpaths.h"
-#include "tests/soak/simdisk.h"
+#include <algorithm>
+#include <limits>
 
 namespace soak {
 
@@ -142,7 +142,8 @@ std::vector<std::size_t> HubLedger::queuedAt(int site)
             continue;
         qint64 size = 0;
         const QString key = record[QStringLiteral("message")].toString();
-        if (hashOf(paths.output.absoluteFilePath(key + QStringLiteral("/content")), &size) == m_messages[found->second].sha256)
+        if (hashOf(paths.output.absoluteFilePath(key + QStringLiteral("/content")), &size) ==
+            m_messages[found->second].sha256)
             queued.push_back(found->second);
     }
     return queued;
@@ -183,8 +184,9 @@ bool HubLedger::fits(const SentMessage& message) const
 
 bool HubLedger::isAllDelivered()
 {
-    return std::all_of(m_messages.begin(), m_messages.end(),
-                       [this](const SentMessage& message) { return !message.isQueued || message.isDelivered || !fits(message); });
+    return std::all_of(m_messages.begin(), m_messages.end(), [this](const SentMessage& message) {
+        return !message.isQueued || message.isDelivered || !fits(message);
+    });
 }
 
 std::int64_t HubLedger::bytesLeft(int from, int to)
@@ -199,9 +201,10 @@ std::int64_t HubLedger::bytesLeft(int from, int to)
 
 std::size_t HubLedger::countLeft() const
 {
-    return static_cast<std::size_t>(std::count_if(m_messages.begin(), m_messages.end(), [this](const SentMessage& message) {
-        return message.isQueued && !message.isDelivered && fits(message);
-    }));
+    return static_cast<std::size_t>(
+        std::count_if(m_messages.begin(), m_messages.end(), [this](const SentMessage& message) {
+            return message.isQueued && !message.isDelivered && fits(message);
+        }));
 }
 
 std::uint64_t HubLedger::bytesDelivered() const

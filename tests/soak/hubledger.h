@@ -3,16 +3,16 @@
 // disks themselves, past the code under test.
 #pragma once
 
+#include "tests/soak/checks.h"
+
+#include <QByteArray>
+#include <QString>
+
 #include <cstdint>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
-
-#include <QByteArray>
-#include <QString>
-
-#include "tests/soak/checks.h"
 
 namespace soak {
 
@@ -24,7 +24,7 @@ struct SentMessage
     quint64 id = 0;
     qint64 size = 0;
     QByteArray sha256;
-    bool isQueued = false;    // its sender was told so
+    bool isQueued = false; // its sender was told so
     bool isDelivered = false; // its sender was told so
 };
 

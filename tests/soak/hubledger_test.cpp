@@ -1,17 +1,16 @@
 // That the ledger of a run with several lines sees what must not be.
+#include "tests/soak/hubledger.h"
+#include "tests/soak/hubpaths.h"
+#include "tests/soak/virtualtime.h"
+
+#include <QCryptographicHash>
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
-
-#include <QCryptographicHash>
-
-#include <gtest/gtest.h>
-
-#include "tests/soak/hubledger.h"
-#include "tests/soak/hubpaths.h"
-#include "tests/soak/virtualtime.h"
 
 using namespace soak;
 namespace fs = std::filesystem;
@@ -38,7 +37,8 @@ protected:
         const host::StorePaths paths = hubPaths(directory + "/0");
         std::ofstream(directory + "/letter") << "content";
         host::OutgoingQueue queue(paths.output, paths.tasks);
-        ASSERT_EQ(queue.enqueue(QStringLiteral("Site1"), QString::fromStdString(directory + "/letter"), &queued), QString());
+        ASSERT_EQ(queue.enqueue(QStringLiteral("Site1"), QString::fromStdString(directory + "/letter"), &queued),
+                  QString());
         SentMessage message;
         message.to = 1;
         message.fileName = QStringLiteral("letter");
@@ -59,20 +59,23 @@ protected:
     }
 
     // As it would stand in the inbox of the second site.
-    void receive(const std::string& place, const std::string& content, const std::string& from = "Site0", const std::string& name = "letter",
-                 bool isProved = true)
+    void receive(const std::string& place, const std::string& content, const std::string& from = "Site0",
+                 const std::string& name = "letter", bool isProved = true)
     {
         const std::string path = directory + "/1/input/" + place;
         fs::create_directory(path);
         std::ofstream(path + '/' + name) << content;
         const QByteArray hash = QCryptographicHash::hash("content", QCryptographicHash::Sha256).toHex();
-        std::ofstream(path + "/.message") << R"({"name":")" << name << R"(","file":")" << name << R"(","from":")" << from << R"(","sha256":")"
-                                          << hash.toStdString() << R"(","proved":)" << (isProved ? "true}" : "false}");
+        std::ofstream(path + "/.message")
+            << R"({"name":")" << name << R"(","file":")" << name << R"(","from":")" << from << R"(","sha256":")"
+            << hash.toStdString() << R"(","proved":)" << (isProved ? "true}" : "false}");
     }
 
     std::string found() const
     {
-        return checks.violations().empty() ? std::string() : checks.violations().front().substr(checks.violations().front().find(": ") + 2);
+        return checks.violations().empty()
+                   ? std::string()
+                   : checks.violations().front().substr(checks.violations().front().find(": ") + 2);
     }
 
     std::string directory;

@@ -9,12 +9,14 @@ namespace {
 
 constexpr int queueBytes = 4096; // of a channel and its driver
 constexpr int mostTapped = 4096;
-constexpr int pieceBytes = 256;  // that arrive together, at the least
+constexpr int pieceBytes = 256; // that arrive together, at the least
 constexpr std::int64_t pieceNs = 100 * nsPerMs;
 
 } // namespace
 
-HubPipe::HubPipe(int bitsPerSecond, std::int64_t delayNs) : m_nsPerByte(10 * nsPerS / bitsPerSecond), m_delayNs(delayNs) {}
+HubPipe::HubPipe(int bitsPerSecond, std::int64_t delayNs) : m_nsPerByte(10 * nsPerS / bitsPerSecond), m_delayNs(delayNs)
+{
+}
 
 int HubPipe::room(std::int64_t now) const
 {
@@ -66,7 +68,8 @@ void HubPipe::clear()
 }
 
 HubLine::HubLine(const HubScenario::LinePlan& linePlan)
-    : plan(linePlan), m_pipes{HubPipe(linePlan.bitsPerSecond, linePlan.delayNs), HubPipe(linePlan.bitsPerSecond, linePlan.delayNs)}
+    : plan(linePlan), m_pipes{HubPipe(linePlan.bitsPerSecond, linePlan.delayNs),
+                              HubPipe(linePlan.bitsPerSecond, linePlan.delayNs)}
 {
 }
 

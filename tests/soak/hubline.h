@@ -2,12 +2,12 @@
 // and whole, and are gone when the line dies, of which each end learns when it learns it.
 #pragma once
 
-#include <cstdint>
-#include <deque>
+#include "tests/soak/hubscenario.h"
 
 #include <QByteArray>
 
-#include "tests/soak/hubscenario.h"
+#include <cstdint>
+#include <deque>
 
 namespace soak {
 

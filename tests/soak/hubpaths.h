@@ -1,9 +1,9 @@
 // Where an installation of a run keeps its messages.
 #pragma once
 
-#include <string>
-
 #include "host/store/messagestore.h"
+
+#include <string>
 
 namespace soak {
 

@@ -1,10 +1,10 @@
 #include "tests/soak/hubport.h"
 
-#include <algorithm>
-
 #include "host/session/session.h"
 #include "tests/soak/hubhostile.h"
 #include "tests/soak/hubsite.h"
+
+#include <algorithm>
 
 namespace soak {
 
@@ -35,7 +35,8 @@ HubCalls::HubCalls(const HubScenario::LinePlan& plan, const HubScenario& scenari
 {
 }
 
-void HubCalls::start(Fibers* fibers, HubSite* first, HubSite* second, HubLine* tapped, HubLedger* ledger, Checks* checks)
+void HubCalls::start(Fibers* fibers, HubSite* first, HubSite* second, HubLine* tapped, HubLedger* ledger,
+                     Checks* checks)
 {
     m_tapped = tapped;
     m_ledger = ledger;
@@ -78,13 +79,15 @@ bool HubCalls::isWanted() const
         return !m_faultsOver;
     if (!m_sites[1]->isUp())
         return false;
-    return m_sites[0]->store().hasUnclaimed(peerOf(*m_sites[1])) || m_sites[1]->store().hasUnclaimed(peerOf(*m_sites[0]));
+    return m_sites[0]->store().hasUnclaimed(peerOf(*m_sites[1])) ||
+           m_sites[1]->store().hasUnclaimed(peerOf(*m_sites[0]));
 }
 
 void HubCalls::watchCall()
 {
     const bool isCut = !m_faultsOver && m_rng.chance(m_scenario.cutShare);
-    const std::int64_t cutNs = isCut ? nowNs() + static_cast<std::int64_t>(m_rng.logBetween(0.05, 120) * nsPerS) : never;
+    const std::int64_t cutNs =
+        isCut ? nowNs() + static_cast<std::int64_t>(m_rng.logBetween(0.05, 120) * nsPerS) : never;
     bool isDead = false;
     while (m_line.stands()) {
         const bool mustEnd = m_over || (m_faultsOver && (isDead || m_line.plan.isHostile));
@@ -105,14 +108,9 @@ void HubCalls::cut()
     std::int64_t learnsNs[2];
     for (std::int64_t& at : learnsNs) {
         switch (m_rng.below(3)) {
-        case 0:
-            at = nowNs();
-            break;
-        case 1:
-            at = nowNs() + static_cast<std::int64_t>(m_rng.logBetween(0.01, 200) * nsPerS);
-            break;
-        default:
-            at = never;
+        case 0: at = nowNs(); break;
+        case 1: at = nowNs() + static_cast<std::int64_t>(m_rng.logBetween(0.01, 200) * nsPerS); break;
+        default: at = never;
         }
     }
     m_line.die(learnsNs[0], learnsNs[1]);
@@ -130,7 +128,8 @@ void HubCalls::servePort(int end)
         served = m_line.call();
         if (m_sites[end]->isUp())
             serveSession(end);
-        const std::int64_t lateNs = m_faultsOver || m_rng.chance(0.5) ? 0 : static_cast<std::int64_t>(m_rng.logBetween(0.01, 60) * nsPerS);
+        const std::int64_t lateNs =
+            m_faultsOver || m_rng.chance(0.5) ? 0 : static_cast<std::int64_t>(m_rng.logBetween(0.01, 60) * nsPerS);
         m_line.hangUp(end, lateNs);
     }
 }
@@ -149,7 +148,8 @@ void HubCalls::serveSession(int end)
     const host::SessionCall call{isOutgoing, isOutgoing ? m_sites[1 - end]->name() : QString()};
     const qint64 beganMs = steadyMs();
     auto session = std::make_unique<host::Session>(
-        settings, call, &m_directory, &site.store(), [&site](const host::SessionEvent& event) { site.onEvent(event); }, steadyMs());
+        settings, call, &m_directory, &site.store(), [&site](const host::SessionEvent& event) { site.onEvent(event); },
+        steadyMs());
     while (!session->isFinished() && site.isUp()) {
         session->receive(in.take(nowNs()), steadyMs());
         session->advance(steadyMs());
@@ -161,7 +161,8 @@ void HubCalls::serveSession(int end)
         }
         if (m_line.isLost(end) && in.nextArrivalNs() > nowNs())
             session->connectionLost();
-        const std::int64_t next = std::min({in.nextArrivalNs(), nowNs() + site.tickMs() * nsPerMs, std::max(nowNs() + nsPerMs, m_line.learnsNs(end))});
+        const std::int64_t next = std::min(
+            {in.nextArrivalNs(), nowNs() + site.tickMs() * nsPerMs, std::max(nowNs() + nsPerMs, m_line.learnsNs(end))});
         if (!session->isFinished())
             Fibers::sleepUntil(std::max(next, nowNs()));
     }

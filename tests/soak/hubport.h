@@ -2,15 +2,15 @@
 // and the sessions at its ends.
 #pragma once
 
-#include <cstdint>
-#include <memory>
-
 #include "tests/host/sealedpeer.h"
 #include "tests/soak/checks.h"
 #include "tests/soak/fibers.h"
 #include "tests/soak/hubline.h"
 #include "tests/soak/hubscenario.h"
 #include "tests/soak/rng.h"
+
+#include <cstdint>
+#include <memory>
 
 namespace soak {
 
@@ -44,10 +44,10 @@ private:
     HubLine m_line;
     Rng m_rng;
     HubSite* m_sites[2] = {nullptr, nullptr}; // not owned
-    hosttest::TestDirectory m_directory;      // of both sites
-    HubLine* m_tapped = nullptr;              // not owned
-    HubLedger* m_ledger = nullptr;            // not owned
-    Checks* m_checks = nullptr;               // not owned
+    hosttest::TestDirectory m_directory; // of both sites
+    HubLine* m_tapped = nullptr; // not owned
+    HubLedger* m_ledger = nullptr; // not owned
+    Checks* m_checks = nullptr; // not owned
     bool m_faultsOver = false;
     bool m_over = false;
     std::uint64_t m_faultsMade = 0;

@@ -1,10 +1,5 @@
 #include "tests/soak/hubrun.h"
 
-#include <algorithm>
-#include <filesystem>
-#include <memory>
-#include <vector>
-
 #include "host/session/session.h"
 #include "tests/soak/fibers.h"
 #include "tests/soak/hubledger.h"
@@ -12,6 +7,11 @@
 #include "tests/soak/hubport.h"
 #include "tests/soak/hubsite.h"
 #include "tests/soak/simdisk.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <vector>
 
 namespace soak {
 
@@ -24,7 +24,8 @@ constexpr std::int64_t deliveryNs = 120 * nsPerS; // beside what the line takes 
 class HubRun
 {
 public:
-    HubRun(const HubScenario& scenario, const std::string& directory) : m_scenario(scenario), m_ledger(&m_checks), m_rng(scenario.seed * 64 + 17)
+    HubRun(const HubScenario& scenario, const std::string& directory)
+        : m_scenario(scenario), m_ledger(&m_checks), m_rng(scenario.seed * 64 + 17)
     {
         for (int index = 0; index < static_cast<int>(scenario.sites.size()); ++index)
             m_sites.push_back(std::make_unique<HubSite>(index, scenario, directory, &m_ledger, &m_checks));
@@ -72,7 +73,8 @@ private:
                 continue;
             const std::vector<int> others = neighbours(site->index());
             const int to = others[m_rng.below(others.size())];
-            site->giveMessage(to, m_rng.chance(0.05) ? 0 : static_cast<int>(m_rng.logBetween(1, m_scenario.largestMessage)));
+            site->giveMessage(
+                to, m_rng.chance(0.05) ? 0 : static_cast<int>(m_rng.logBetween(1, m_scenario.largestMessage)));
         }
     }
 

@@ -51,9 +51,10 @@ HubScenario makeHubScenario(std::uint64_t seed)
         scenario.lines.push_back(makeLine(static_cast<int>(rng.below(2)), -1, rng));
         scenario.lines.back().isHostile = true;
     }
-    const int slowest = std::min_element(scenario.lines.begin(), scenario.lines.end(), [](const auto& a, const auto& b) {
-                            return a.bitsPerSecond < b.bitsPerSecond;
-                        })->bitsPerSecond;
+    const int slowest =
+        std::min_element(scenario.lines.begin(), scenario.lines.end(), [](const auto& a, const auto& b) {
+            return a.bitsPerSecond < b.bitsPerSecond;
+        })->bitsPerSecond;
     constexpr int longestMessageS = 40;
     scenario.largestMessage = std::min(mostMessageBytes, slowest / 10 * longestMessageS);
     scenario.cutShare = rng.chance(0.1) ? 0 : rng.logBetween(0.1, 1);
@@ -66,7 +67,8 @@ HubScenario makeHubScenario(std::uint64_t seed)
 std::string describe(const HubScenario& scenario)
 {
     char text[200];
-    const auto hostile = std::count_if(scenario.lines.begin(), scenario.lines.end(), [](const auto& line) { return line.isHostile; });
+    const auto hostile =
+        std::count_if(scenario.lines.begin(), scenario.lines.end(), [](const auto& line) { return line.isHostile; });
     std::snprintf(text, sizeof(text),
                   "hub %llu: %d sites, %d lines, %d of them hostile, messages to %d bytes, %.0f %% of calls cut, "
                   "%.0f deaths and %.0f full disks an hour",

@@ -2,12 +2,12 @@
 // them, their disks, what is sent, and what goes wrong how often.
 #pragma once
 
+#include "tests/soak/rng.h"
+#include "tests/soak/virtualtime.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "tests/soak/rng.h"
-#include "tests/soak/virtualtime.h"
 
 namespace soak {
 
@@ -15,9 +15,9 @@ struct HubScenario
 {
     struct SitePlan
     {
-        std::int64_t syncNs = 0;  // about so long the disk takes for a sync
-        std::int64_t callNs = 0;  // and for any other change
-        int tickMs = 100;         // how often a session looks at its line
+        std::int64_t syncNs = 0; // about so long the disk takes for a sync
+        std::int64_t callNs = 0; // and for any other change
+        int tickMs = 100; // how often a session looks at its line
         std::int64_t maxMessageBytes = 0;
         double messagesPerHour = 0;
     };

@@ -1,13 +1,13 @@
 #include "tests/soak/hubsite.h"
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
+#include "tests/soak/fibers.h"
+#include "tests/soak/hubpaths.h"
 
 #include <QCryptographicHash>
 
-#include "tests/soak/fibers.h"
-#include "tests/soak/hubpaths.h"
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
 
 namespace soak {
 
@@ -25,9 +25,11 @@ host::InboxLimits limitsOf(const HubScenario::SitePlan& plan)
 
 } // namespace
 
-HubSite::HubSite(int index, const HubScenario& scenario, const std::string& directory, HubLedger* ledger, Checks* checks)
-    : m_index(index), m_scenario(scenario), m_plan(scenario.sites[static_cast<std::size_t>(index)]), m_ledger(ledger), m_checks(checks),
-      m_name(QStringLiteral("Site%1").arg(index)), m_sources(directory + "/sources-" + std::to_string(index)),
+HubSite::HubSite(int index, const HubScenario& scenario, const std::string& directory, HubLedger* ledger,
+                 Checks* checks)
+    : m_index(index), m_scenario(scenario), m_plan(scenario.sites[static_cast<std::size_t>(index)]), m_ledger(ledger),
+      m_checks(checks), m_name(QStringLiteral("Site%1").arg(index)),
+      m_sources(directory + "/sources-" + std::to_string(index)),
       m_disk(directory + "/disk-" + std::to_string(index), scenario.seed * 64 + static_cast<std::uint64_t>(index)),
       m_rng(scenario.seed * 64 + 32 + static_cast<std::uint64_t>(index))
 {
@@ -151,7 +153,8 @@ void HubSite::suffer()
         return;
     while (!m_faultsOver) {
         const double wait = -std::log1p(-m_rng.unit()) * 3600 / rate;
-        for (const std::int64_t until = nowNs() + static_cast<std::int64_t>(wait * nsPerS); nowNs() < until && !m_faultsOver;)
+        for (const std::int64_t until = nowNs() + static_cast<std::int64_t>(wait * nsPerS);
+             nowNs() < until && !m_faultsOver;)
             Fibers::sleepFor(std::min<std::int64_t>(until - nowNs(), 5 * nsPerS));
         if (m_faultsOver)
             return;

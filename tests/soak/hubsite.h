@@ -2,18 +2,18 @@
 // disk, which dies, is started again, and is given files to send.
 #pragma once
 
-#include <cstdint>
-#include <memory>
-
-#include <QByteArray>
-#include <QString>
-
 #include "host/session/session.h"
 #include "host/store/messagestore.h"
 #include "tests/soak/checks.h"
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubscenario.h"
 #include "tests/soak/simdisk.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <cstdint>
+#include <memory>
 
 namespace soak {
 
@@ -68,7 +68,7 @@ private:
     const HubScenario& m_scenario;
     const HubScenario::SitePlan m_plan;
     HubLedger* const m_ledger; // not owned
-    Checks* const m_checks;    // not owned
+    Checks* const m_checks; // not owned
     const QString m_name;
     const std::string m_sources; // files to be queued
     SimDisk m_disk;

@@ -1,12 +1,11 @@
 #include "tests/soak/line.h"
 
+#include "tests/soak/wire.h"
+
 #include <algorithm>
 #include <cstring>
-
 #include <sys/ioctl.h>
 #include <unistd.h>
-
-#include "tests/soak/wire.h"
 
 namespace soak {
 
@@ -186,19 +185,15 @@ std::string Direction::garbage()
     const std::size_t size = 1 + m_rng.below(static_cast<std::uint64_t>(m_faults.garbageBytes));
     std::string bytes(size, '\0');
     switch (m_rng.below(5)) {
-    case 0:
-        bytes.assign(size, startSymbol);
-        break;
+    case 0: bytes.assign(size, startSymbol); break;
     case 1: {
-        std::string header = headerImage(static_cast<std::uint8_t>(m_rng.below(3)),
-                                         static_cast<std::uint8_t>(m_rng.next()),
-                                         static_cast<std::uint16_t>(1 + m_rng.below(65535)));
+        std::string header =
+            headerImage(static_cast<std::uint8_t>(m_rng.below(3)), static_cast<std::uint8_t>(m_rng.next()),
+                        static_cast<std::uint16_t>(1 + m_rng.below(65535)));
         bytes = header.substr(0, std::max<std::size_t>(size, 1));
         break;
     }
-    case 2:
-        bytes = "\r\nNO CARRIER\r\n";
-        break;
+    case 2: bytes = "\r\nNO CARRIER\r\n"; break;
     default:
         for (char& byte : bytes)
             byte = static_cast<char>(m_rng.next());

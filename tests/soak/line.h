@@ -2,13 +2,13 @@
 // goes wrong on a line, from a seed.
 #pragma once
 
+#include "tests/soak/rng.h"
+#include "tests/soak/virtualtime.h"
+
 #include <array>
 #include <cstdint>
 #include <deque>
 #include <string>
-
-#include "tests/soak/rng.h"
-#include "tests/soak/virtualtime.h"
 
 namespace soak {
 
@@ -23,17 +23,17 @@ struct Faults
     double doubleChunk = 0;
     double delayChunk = 0;
     std::int64_t delayedByNs = 0; // at most; what comes behind overtakes
-    double garbagePerSecond = 0;  // of all time, between bytes and into silence
-    int garbageBytes = 0;         // at most
-    bool silence = false;         // nothing arrives
+    double garbagePerSecond = 0; // of all time, between bytes and into silence
+    int garbageBytes = 0; // at most
+    bool silence = false; // nothing arrives
 };
 
 struct LineSettings
 {
     int bitsPerSecond = 9600; // a byte takes ten
     std::int64_t delayNs = 0;
-    int chunkBytes = 16;     // how many travel together
-    int driverDepth = 4096;  // bytes the driver takes from a program
+    int chunkBytes = 16; // how many travel together
+    int driverDepth = 4096; // bytes the driver takes from a program
     bool wakesWhenLow = true; // a driver calls itself writable only when nearly empty
 };
 

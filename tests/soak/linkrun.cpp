@@ -1,14 +1,14 @@
 #include "tests/soak/linkrun.h"
 
-#include <algorithm>
-#include <deque>
-#include <memory>
-
 #include "plugin/cabstractchannelsstate.h"
 #include "tests/soak/scenarioend.h"
 #include "tests/soak/scenariorun.h"
 #include "tests/soak/turns.h"
 #include "tests/soak/wire.h"
+
+#include <algorithm>
+#include <deque>
+#include <memory>
 
 namespace soak {
 
@@ -97,8 +97,8 @@ private:
     }
 
     std::size_t m_block;
-    Checks* m_checks;          // not owned
-    std::string m_pending;     // handed over and not delivered
+    Checks* m_checks; // not owned
+    std::string m_pending; // handed over and not delivered
     std::deque<Packet> m_packets;
     std::uint64_t m_firstPacket = 0;
     std::uint64_t m_written = 0;
@@ -120,7 +120,7 @@ public:
     void addSentBytes(int, int bytes) override { m_sending->confirmed(bytes); }
 
 private:
-    Stream* m_sending;   // not owned
+    Stream* m_sending; // not owned
     Stream* m_receiving; // not owned
 };
 
@@ -173,31 +173,22 @@ private:
             if (m_scenario.plainPeer[m_end])
                 most = std::min(most, blockSize(m_scenario.channel));
             switch (m_settings.writing) {
-            case Writing::Bulk:
-                write(most);
-                break;
-            case Writing::Blocks:
-                write(blockSize(m_scenario.channel));
-                break;
-            case Writing::Small:
-                write(static_cast<int>(m_rng.between(1, std::min(40, most))));
-                break;
-            case Writing::Mixed:
-                write(static_cast<int>(m_rng.between(1, most)));
-                break;
+            case Writing::Bulk: write(most); break;
+            case Writing::Blocks: write(blockSize(m_scenario.channel)); break;
+            case Writing::Small: write(static_cast<int>(m_rng.between(1, std::min(40, most)))); break;
+            case Writing::Mixed: write(static_cast<int>(m_rng.between(1, most))); break;
             case Writing::Chat:
                 if (m_rng.chance(0.02))
                     write(static_cast<int>(m_rng.between(1, std::min(200, most))));
                 return;
-            case Writing::Quiet:
-                return;
+            case Writing::Quiet: return;
             }
         }
     }
 
     TrafficState m_state;
     std::unique_ptr<CChannel> m_channel;
-    Stream* m_sending;   // not owned
+    Stream* m_sending; // not owned
     Stream* m_receiving; // not owned
     bool m_bulkOver = false;
     std::int64_t m_nextHeartbeatNs = 0;
@@ -207,8 +198,8 @@ class LinkRun : public ScenarioRun, private Line::Listener
 {
 public:
     explicit LinkRun(const Scenario& scenario)
-        : ScenarioRun(scenario),
-          m_streams{Stream(blockSize(scenario.channel), &m_checks), Stream(blockSize(scenario.channel), &m_checks)},
+        : ScenarioRun(scenario), m_streams{Stream(blockSize(scenario.channel), &m_checks),
+                                           Stream(blockSize(scenario.channel), &m_checks)},
           m_ends{End(0, scenario, &m_streams[0], &m_streams[1], &m_checks),
                  End(1, scenario, &m_streams[1], &m_streams[0], &m_checks)}
     {
@@ -288,7 +279,8 @@ private:
     std::int64_t usualStandstillNs() const
     {
         const ChannelSettings& c = m_scenario.channel;
-        const std::int64_t bytes = longestPacketBytes + 4 * (m_scenario.line.driverDepth + c.maxBytesInQueue + c.packetSize);
+        const std::int64_t bytes =
+            longestPacketBytes + 4 * (m_scenario.line.driverDepth + c.maxBytesInQueue + c.packetSize);
         const std::int64_t onLine = bytes * 10 * nsPerS / m_scenario.line.bitsPerSecond;
         const std::int64_t repeats = 60 * std::int64_t(c.resendIntervalMs) * nsPerMs;
         return 300 * nsPerS + 4 * onLine + repeats + 20 * m_scenario.line.delayNs;

@@ -1,15 +1,15 @@
 #include "tests/soak/onerun.h"
 
-#include <cinttypes>
-#include <cstdio>
-
-#include <QCoreApplication>
-
 #include "tests/soak/hubrun.h"
 #include "tests/soak/linkrun.h"
 #include "tests/soak/runprocess.h"
 #include "tests/soak/sessionrun.h"
 #include "tests/support/seededrandomness.h"
+
+#include <QCoreApplication>
+
+#include <cinttypes>
+#include <cstdio>
 
 namespace soak {
 
@@ -19,13 +19,12 @@ RunResult run(const Scenario& scenario)
 {
     switch (scenario.kind) {
     case Kind::Link:
-    case Kind::LinkToPlain:
-        return runLink(scenario);
+    case Kind::LinkToPlain: return runLink(scenario);
     case Kind::Session:
-    case Kind::SessionToPlain:
-        return runSessions(scenario);
+    case Kind::SessionToPlain: return runSessions(scenario);
     case Kind::Hub:
-        return runHub(makeHubScenario(scenario.seed), QCoreApplication::applicationDirPath().toStdString() + "/../data/hub");
+        return runHub(makeHubScenario(scenario.seed),
+                      QCoreApplication::applicationDirPath().toStdString() + "/../data/hub");
     }
     return RunResult();
 }
@@ -41,8 +40,8 @@ bool runAndReport(const Scenario& scenario)
     testsupport::seedRandomness(scenario.seed);
     QCoreApplication application(argc, argv);
     const RunResult result = run(scenario);
-    std::printf("figures %" PRId64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRId64 " %016" PRIx64 "\n", result.virtualNs,
-                result.bytesDelivered, result.bytesCarried, result.faults, result.connections,
+    std::printf("figures %" PRId64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRId64 " %016" PRIx64 "\n",
+                result.virtualNs, result.bytesDelivered, result.bytesCarried, result.faults, result.connections,
                 result.longestStandstillNs, result.digest);
     for (const std::string& violation : result.violations)
         std::printf("violation %s\n", violation.c_str());

@@ -1,9 +1,9 @@
 // A run in the process at hand, told to whoever started it.
 #pragma once
 
-#include <cstdint>
-
 #include "tests/soak/scenario.h"
+
+#include <cstdint>
 
 namespace soak {
 

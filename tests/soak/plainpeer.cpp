@@ -1,12 +1,12 @@
 #include "tests/soak/plainpeer.h"
 
-#include <algorithm>
+#include "plugin/cabstractchannelsstate.h"
+#include "tests/soak/virtualtime.h"
 
 #include <QDateTime>
 #include <QSerialPort>
 
-#include "plugin/cabstractchannelsstate.h"
-#include "tests/soak/virtualtime.h"
+#include <algorithm>
 
 namespace soak {
 

@@ -4,15 +4,15 @@
 // own, sharing nothing with the channel under test.
 #pragma once
 
+#include "plugin/cchannel.h"
+#include "tests/soak/channelsettings.h"
+#include "tests/soak/wire.h"
+
 #include <cstdint>
 #include <deque>
 #include <set>
 #include <string>
 #include <vector>
-
-#include "plugin/cchannel.h"
-#include "tests/soak/channelsettings.h"
-#include "tests/soak/wire.h"
 
 class CAbstractChannelsState;
 class QSerialPort;

@@ -1,21 +1,20 @@
 // What the programs of runs are made of: their command line, their installation, their end.
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <stdexcept>
-
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
 #include "tests/soak/commandline.h"
 #include "tests/soak/runinstallation.h"
 #include "tests/soak/stoprequest.h"
 #include "tests/support/testroot.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <sstream>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace soak;
 
@@ -23,7 +22,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-template<typename Action>
+template <typename Action>
 std::string complaintOf(Action action)
 {
     try {
@@ -99,7 +98,8 @@ TEST(CommandLineTest, takesNumbersOnly)
     }
     EXPECT_EQ(complaintOf([] { wholeNumber("18446744073709551616"); }), "not a number: 18446744073709551616");
     for (const char* text : {"0", "8", "1.5", "inf", "1e300"})
-        EXPECT_EQ(complaintOf([&] { wholeNumber(text, 1, 7); }), std::string("not a whole number from 1 to 7: ") + text);
+        EXPECT_EQ(complaintOf([&] { wholeNumber(text, 1, 7); }),
+                  std::string("not a whole number from 1 to 7: ") + text);
 }
 
 TEST(CommandLineTest, partsStandBetweenCommas)

@@ -44,7 +44,7 @@ public:
         return count > 9e15 ? INT64_MAX : static_cast<std::int64_t>(count);
     }
 
-    template<typename Value>
+    template <typename Value>
     Value oneOf(std::initializer_list<Value> values)
     {
         return *(values.begin() + below(values.size()));

@@ -4,12 +4,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <system_error>
-
 #include <fcntl.h>
+#include <fstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -24,7 +23,8 @@ namespace {
 }
 
 // In the child of a fork.
-[[noreturn]] void becomeRun(const fs::path& program, const std::vector<std::string>& arguments, pid_t parent, int output)
+[[noreturn]] void becomeRun(const fs::path& program, const std::vector<std::string>& arguments, pid_t parent,
+                            int output)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) // it was gone before it could be watched

@@ -2,13 +2,12 @@
 // program in bin/, its settings beside it. Each run is this same program once more.
 #pragma once
 
+#include "tests/soak/channelsettings.h"
+
 #include <filesystem>
 #include <string>
-#include <vector>
-
 #include <sys/types.h>
-
-#include "tests/soak/channelsettings.h"
+#include <vector>
 
 namespace soak {
 

@@ -1,8 +1,8 @@
 #include "tests/soak/runprocess.h"
 
-#include <QtGlobal>
-
 #include "tests/soak/virtualtime.h"
+
+#include <QtGlobal>
 
 namespace {
 

@@ -1,10 +1,10 @@
 #include "tests/soak/scenario.h"
 
-#include <algorithm>
-#include <cstdio>
-
 #include "tests/soak/hubscenario.h"
 #include "tests/soak/wire.h"
+
+#include <algorithm>
+#include <cstdio>
 
 namespace soak {
 
@@ -50,9 +50,11 @@ EndSettings makeEnd(Rng& rng)
         end.pauseChance = rng.logBetween(1e-4, 1e-2);
         end.pauseMs = static_cast<int>(rng.logBetween(100, 5000));
     }
-    end.writing = rng.oneOf({Writing::Bulk, Writing::Blocks, Writing::Small, Writing::Mixed, Writing::Chat, Writing::Quiet});
-    end.content = rng.oneOf({Content::Random, Content::Random, Content::Random, Content::Random, Content::Zeros,
-                             Content::Zeros, Content::StartSymbols, Content::Escapes, Content::Escapes, Content::Headers});
+    end.writing =
+        rng.oneOf({Writing::Bulk, Writing::Blocks, Writing::Small, Writing::Mixed, Writing::Chat, Writing::Quiet});
+    end.content =
+        rng.oneOf({Content::Random, Content::Random, Content::Random, Content::Random, Content::Zeros, Content::Zeros,
+                   Content::StartSymbols, Content::Escapes, Content::Escapes, Content::Headers});
     end.writesPerTurn = rng.oneOf({1, 1, 4, 150});
     end.readSize = rng.chance(0.8) ? 65536 : static_cast<int>(rng.logBetween(256, 4096));
     end.runsEvents = rng.chance(0.3);
@@ -87,8 +89,8 @@ Faults makeFaults(Kind kind, const LineSettings& line, Rng& rng)
     if (rng.chance(0.3)) {
         faults.delayChunk = rng.logBetween(1e-5, 0.05);
         // Only a session can tell an old packet whose number has come round from a new one.
-        faults.delayedByNs = kind == Kind::Link ? overtakingNs(line)
-                                                : static_cast<std::int64_t>(rng.logBetween(1, 20000)) * nsPerMs;
+        faults.delayedByNs =
+            kind == Kind::Link ? overtakingNs(line) : static_cast<std::int64_t>(rng.logBetween(1, 20000)) * nsPerMs;
     }
     if (rng.chance(0.4)) {
         faults.garbagePerSecond = rng.logBetween(0.01, 10);
@@ -116,7 +118,9 @@ std::vector<int> makeFiles(double bytesPerSecond, Rng& rng)
     constexpr double largest = 1 << 20;
     std::vector<int> sizes;
     for (std::int64_t count = rng.between(0, 3); count > 0; --count)
-        sizes.push_back(rng.chance(0.1) ? 0 : static_cast<int>(rng.logBetween(1, 2 + std::min(largest, bytesPerSecond * longestS))));
+        sizes.push_back(rng.chance(0.1)
+                            ? 0
+                            : static_cast<int>(rng.logBetween(1, 2 + std::min(largest, bytesPerSecond * longestS))));
     return sizes;
 }
 
@@ -215,8 +219,8 @@ double slowestGoodput(const Scenario& scenario)
     const double onLine = scenario.line.bitsPerSecond / 10.0 * block / (block + packetOverhead) / timesOnSlowLine;
     const double window = std::min<double>(c.maxBytesInQueue, 100 * block) + block;
     const double slowestTurnMs = 2.0 * std::max(scenario.ends[0].periodMs, scenario.ends[1].periodMs);
-    const double roundTripS = 2 * static_cast<double>(scenario.line.delayNs) / nsPerS + c.confirmationIntervalMs / 1000.0 +
-                              slowestTurnMs / 1000 + 1;
+    const double roundTripS = 2 * static_cast<double>(scenario.line.delayNs) / nsPerS +
+                              c.confirmationIntervalMs / 1000.0 + slowestTurnMs / 1000 + 1;
     return std::min(onLine, window / roundTripS / 4);
 }
 
@@ -244,15 +248,9 @@ std::string makeContent(Content content, std::size_t size, Rng& rng)
     bytes.reserve(size);
     while (bytes.size() < size) {
         switch (content) {
-        case Content::Random:
-            bytes += static_cast<char>(rng.next());
-            break;
-        case Content::Zeros:
-            bytes += '\0';
-            break;
-        case Content::StartSymbols:
-            bytes += startSymbol;
-            break;
+        case Content::Random: bytes += static_cast<char>(rng.next()); break;
+        case Content::Zeros: bytes += '\0'; break;
+        case Content::StartSymbols: bytes += startSymbol; break;
         case Content::Escapes:
             bytes += rng.oneOf({"+++", "ATH\r\n", "\r\nOK\r\n", "\x11\x13", "\r\nNO CARRIER\r\n", "\x03\x1A\xFF"});
             break;

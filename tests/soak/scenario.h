@@ -2,36 +2,54 @@
 // two ends behave, and the settings of the channel.
 #pragma once
 
+#include "tests/soak/channelsettings.h"
+#include "tests/soak/line.h"
+
 #include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "tests/soak/channelsettings.h"
-#include "tests/soak/line.h"
-
 namespace soak {
 
 // Which pair talks, and through what.
-enum class Kind {
-    Link,         // two of our channels, bytes handed over by a plain driver
-    LinkToPlain,  // ours and a peer without our safeguards, on a line that loses nothing
-    Session,      // two sessions over our channels
+enum class Kind
+{
+    Link, // two of our channels, bytes handed over by a plain driver
+    LinkToPlain, // ours and a peer without our safeguards, on a line that loses nothing
+    Session, // two sessions over our channels
     SessionToPlain, // two sessions, one over a peer without our safeguards
-    Hub,          // several installations and lines at once, over their real stores (hubscenario.h)
+    Hub, // several installations and lines at once, over their real stores (hubscenario.h)
 };
 
-constexpr std::array<Kind, 5> allKinds = {Kind::Link, Kind::LinkToPlain, Kind::Session, Kind::SessionToPlain, Kind::Hub};
+constexpr std::array<Kind, 5> allKinds = {Kind::Link, Kind::LinkToPlain, Kind::Session, Kind::SessionToPlain,
+                                          Kind::Hub};
 const char* kindName(Kind kind);
 
-enum class Content { Random, Zeros, StartSymbols, Escapes, Headers, Packets };
-enum class Writing { Bulk, Blocks, Small, Mixed, Chat, Quiet };
+enum class Content
+{
+    Random,
+    Zeros,
+    StartSymbols,
+    Escapes,
+    Headers,
+    Packets
+};
+enum class Writing
+{
+    Bulk,
+    Blocks,
+    Small,
+    Mixed,
+    Chat,
+    Quiet
+};
 
 struct EndSettings
 {
-    int periodMs = 10;      // how often the host reads
+    int periodMs = 10; // how often the host reads
     double pauseChance = 0; // of a pause instead of a period
-    int pauseMs = 0;        // at most
+    int pauseMs = 0; // at most
     Writing writing = Writing::Bulk;
     Content content = Content::Random;
     int writesPerTurn = 1;
@@ -43,10 +61,10 @@ struct Phase
 {
     std::int64_t durationNs = 0;
     std::array<Faults, 2> faults; // of the direction that starts at that end
-    std::int64_t wallStepMs = 0;  // at its beginning
+    std::int64_t wallStepMs = 0; // at its beginning
 
     // Sessions only.
-    std::int64_t longestCallNs = never;            // then the carrier drops
+    std::int64_t longestCallNs = never; // then the carrier drops
     std::array<std::vector<int>, 2> fileSizes; // queued at its beginning, to be sent from that end
 };
 

@@ -1,9 +1,9 @@
 #include "tests/soak/scenarioend.h"
 
-#include <QCoreApplication>
-
 #include "com/ccomchannel.h"
 #include "tests/soak/plainpeer.h"
+
+#include <QCoreApplication>
 
 namespace soak {
 

@@ -1,15 +1,15 @@
 // One end of a scenario's line: its port, the channel over it, and the pace of its host.
 #pragma once
 
-#include <cstdint>
-#include <memory>
-
-#include <QSerialPort>
-
 #include "plugin/cchannel.h"
 #include "tests/soak/checks.h"
 #include "tests/soak/rng.h"
 #include "tests/soak/scenario.h"
+
+#include <QSerialPort>
+
+#include <cstdint>
+#include <memory>
 
 class CAbstractChannelsState;
 

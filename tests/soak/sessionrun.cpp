@@ -1,9 +1,5 @@
 #include "tests/soak/sessionrun.h"
 
-#include <algorithm>
-#include <map>
-#include <memory>
-
 #include "host/session/session.h"
 #include "tests/host/memorystore.h"
 #include "tests/host/sealedpeer.h"
@@ -11,6 +7,10 @@
 #include "tests/soak/scenariorun.h"
 #include "tests/soak/turns.h"
 #include "tests/support/silentstate.h"
+
+#include <algorithm>
+#include <map>
+#include <memory>
 
 namespace soak {
 
@@ -50,7 +50,8 @@ public:
         m_directory.everybodyElse = QString::number(1 - m_end);
         const host::SessionCall call{m_end == 0, m_directory.everybodyElse};
         m_session = std::make_unique<host::Session>(
-            settings, call, &m_directory, &store, [this](const host::SessionEvent& event) { onEvent(event); }, steadyMs());
+            settings, call, &m_directory, &store, [this](const host::SessionEvent& event) { onEvent(event); },
+            steadyMs());
         beginTurnsNow();
     }
 
@@ -120,7 +121,8 @@ private:
         const auto found = std::find_if(inbox.begin(), inbox.end(), isIt);
         const auto original = m_originals->find(event.messageId);
         if (found == inbox.end() || original == m_originals->end() || found->content != original->second)
-            m_checks->violation("reported delivered, but the other side does not have it: " + event.fileName.toStdString());
+            m_checks->violation("reported delivered, but the other side does not have it: " +
+                                event.fileName.toStdString());
     }
 
     const Originals* m_originals; // not owned
@@ -137,8 +139,8 @@ class SessionRun : public ScenarioRun
 {
 public:
     explicit SessionRun(const Scenario& scenario)
-        : ScenarioRun(scenario),
-          m_sites{Site(0, scenario, &m_originals, &m_checks), Site(1, scenario, &m_originals, &m_checks)},
+        : ScenarioRun(scenario), m_sites{Site(0, scenario, &m_originals, &m_checks),
+                                         Site(1, scenario, &m_originals, &m_checks)},
           m_rng(scenario.seed * 16 + 11)
     {
         m_sites[0].setOther(&m_sites[1]);
@@ -231,8 +233,8 @@ private:
             step();
             if (nowNs() > deadline)
                 m_checks.violation("not finished without faults: " + std::to_string(bytesQueued()) +
-                                   " bytes left, connections " + std::to_string(m_connections) + ", the last ended with: " +
-                                   m_lastReason);
+                                   " bytes left, connections " + std::to_string(m_connections) +
+                                   ", the last ended with: " + m_lastReason);
         }
         if (m_calling)
             endCall();

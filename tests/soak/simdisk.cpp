@@ -1,15 +1,14 @@
 #include "tests/soak/simdisk.h"
 
+#include "tests/soak/fibers.h"
+#include "tests/soak/virtualtime.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-
 #include <sys/stat.h>
-
-#include "tests/soak/fibers.h"
-#include "tests/soak/virtualtime.h"
 
 namespace fs = std::filesystem;
 
@@ -178,9 +177,7 @@ void SimDisk::apply(const Step& step)
     while (last != m_kept.end() && last->first.compare(0, inside.size(), inside) == 0)
         ++last;
     switch (step.kind) {
-    case Step::Kind::Make:
-        m_kept[step.path] = step.node;
-        break;
+    case Step::Kind::Make: m_kept[step.path] = step.node; break;
     case Step::Kind::Move: {
         std::map<std::string, Node> moved;
         for (auto it = first; it != last; ++it)
@@ -222,17 +219,15 @@ std::string SimDisk::afterFailure(std::uint64_t id, const std::map<std::uint64_t
         latest = removed->second;
     // What was synced and has not been changed since stays.
     const std::size_t least = std::min(kept.size(), latest.size());
-    const auto synced = static_cast<std::size_t>(std::mismatch(kept.begin(), kept.begin() + static_cast<std::ptrdiff_t>(least), latest.begin()).first - kept.begin());
+    const auto synced = static_cast<std::size_t>(
+        std::mismatch(kept.begin(), kept.begin() + static_cast<std::ptrdiff_t>(least), latest.begin()).first -
+        kept.begin());
     const std::size_t at = synced + m_rng.below(latest.size() - synced + 1);
     switch (m_rng.below(4)) {
-    case 0:
-        return kept;
-    case 1:
-        return latest.substr(0, at);
-    case 2:
-        return latest.substr(0, at) + std::string(latest.size() - at, '\0');
-    default:
-        return latest;
+    case 0: return kept;
+    case 1: return latest.substr(0, at);
+    case 2: return latest.substr(0, at) + std::string(latest.size() - at, '\0');
+    default: return latest;
     }
 }
 

@@ -11,13 +11,13 @@
 // off, or read as zeros.
 #pragma once
 
+#include "tests/soak/rng.h"
+
 #include <cstdint>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
-
-#include "tests/soak/rng.h"
 
 namespace soak {
 
@@ -58,7 +58,18 @@ public:
 
     // ---- for the interposed functions ----
 
-    enum class Call { Open, Create, Write, Resize, Rename, Remove, MakeDirectory, Attribute, Sync };
+    enum class Call
+    {
+        Open,
+        Create,
+        Write,
+        Resize,
+        Rename,
+        Remove,
+        MakeDirectory,
+        Attribute,
+        Sync
+    };
 
     // 0, or the error that the call fails with. May take time.
     int before(Call call);
@@ -84,7 +95,12 @@ private:
     };
     struct Step // of the journal
     {
-        enum class Kind { Make, Move, Remove } kind;
+        enum class Kind
+        {
+            Make,
+            Move,
+            Remove
+        } kind;
         std::string path;
         std::string target;
         Node node;
@@ -110,7 +126,7 @@ private:
 
     std::uint64_t m_nextId = 1;
     std::map<std::uint64_t, std::uint64_t> m_ids; // by the machine's inode
-    std::map<std::string, Node> m_kept;           // names that outlive a power failure
+    std::map<std::string, Node> m_kept; // names that outlive a power failure
     std::map<std::uint64_t, std::string> m_content; // of files, as it was when it was synced
     std::set<std::uint64_t> m_unsynced;
     std::map<std::uint64_t, std::string> m_removedContent; // of unsynced files whose removal is not kept yet

@@ -1,26 +1,24 @@
 // That stacks take turns as threads do, and that simulated disks keep and lose what real ones do.
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <set>
-#include <string>
-#include <vector>
-
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <QMutex>
-#include <QMutexLocker>
-#include <QThread>
-
-#include <gtest/gtest.h>
-
 #include "tests/soak/fibers.h"
 #include "tests/soak/hubrun.h"
 #include "tests/soak/simdisk.h"
 #include "tests/soak/virtualtime.h"
+
+#include <QMutex>
+#include <QMutexLocker>
+#include <QThread>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <signal.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
 using namespace soak;
 namespace fs = std::filesystem;

@@ -1,28 +1,27 @@
 // The calls of the C library by which programs change files, for those below a simulated disk.
 // Calls that are not known here must not change anything there: the ones that could end the
 // program instead.
+#include "tests/soak/fibers.h"
+#include "tests/soak/simdisk.h"
+#include "tests/soak/virtualtime.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <set>
-#include <string>
-
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <map>
+#include <set>
 #include <signal.h>
+#include <string>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
-
-#include "tests/soak/fibers.h"
-#include "tests/soak/simdisk.h"
-#include "tests/soak/virtualtime.h"
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
 
@@ -38,7 +37,7 @@ soak::Rng* entropy = nullptr; // never freed
 std::set<int> alive;
 std::map<int, SimDisk*> diskOfProcess;
 
-template<typename Function>
+template <typename Function>
 Function* next(const char* name)
 {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -213,7 +212,7 @@ int syncFile(int fd)
 }
 
 // The times of change that the simulated clock showed.
-template<typename Info>
+template <typename Info>
 int showTimes(long result, Info* info)
 {
     const std::int64_t changed = result == 0 && simulating ? SimDisk::changedNs(info->st_dev, info->st_ino) : -1;
@@ -225,7 +224,7 @@ int showTimes(long result, Info* info)
     return static_cast<int>(result);
 }
 
-template<typename Space>
+template <typename Space>
 void showSpace(Space* space)
 {
     const auto found = diskOfProcess.find(soak::Fibers::process());
@@ -400,7 +399,8 @@ INTERPOSED int chmod(const char* path, mode_t mode) noexcept
 INTERPOSED int futimens(int fd, const timespec times[2]) noexcept
 {
     SimDisk* disk = diskOf(fd);
-    return disk && !passes(disk, Call::Attribute) ? -1 : static_cast<int>(syscall(SYS_utimensat, fd, nullptr, times, 0));
+    return disk && !passes(disk, Call::Attribute) ? -1
+                                                  : static_cast<int>(syscall(SYS_utimensat, fd, nullptr, times, 0));
 }
 
 INTERPOSED int statx(int directory, const char* path, int flags, unsigned mask, struct statx* info) noexcept

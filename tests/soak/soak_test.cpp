@@ -1,14 +1,10 @@
 // That the soak's own instruments measure what they say, and find what they are there for.
-#include <algorithm>
-#include <array>
-#include <memory>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/select.h>
-#include <sys/time.h>
-#include <time.h>
-#include <unistd.h>
+#include "tests/soak/line.h"
+#include "tests/soak/linkrun.h"
+#include "tests/soak/scenario.h"
+#include "tests/soak/sessionrun.h"
+#include "tests/soak/virtualtime.h"
+#include "tests/soak/wire.h"
 
 #include <QDateTime>
 #include <QElapsedTimer>
@@ -16,15 +12,17 @@
 #include <QSerialPort>
 #include <QThread>
 #include <QTimer>
-
 #include <gtest/gtest.h>
 
-#include "tests/soak/line.h"
-#include "tests/soak/linkrun.h"
-#include "tests/soak/scenario.h"
-#include "tests/soak/sessionrun.h"
-#include "tests/soak/virtualtime.h"
-#include "tests/soak/wire.h"
+#include <algorithm>
+#include <array>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <sys/select.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
 
 using namespace soak;
 

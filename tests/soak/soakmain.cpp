@@ -1,5 +1,11 @@
 // The soak program: runs scenarios over simulated lines in simulated time, each in a
 // process of its own with settings of its own, until so many virtual hours are full.
+#include "tests/soak/commandline.h"
+#include "tests/soak/onerun.h"
+#include "tests/soak/runinstallation.h"
+#include "tests/soak/scenario.h"
+#include "tests/soak/stoprequest.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -11,17 +17,10 @@
 #include <map>
 #include <sstream>
 #include <string>
-#include <utility>
-#include <vector>
-
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "tests/soak/commandline.h"
-#include "tests/soak/onerun.h"
-#include "tests/soak/runinstallation.h"
-#include "tests/soak/scenario.h"
-#include "tests/soak/stoprequest.h"
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -68,19 +67,18 @@ struct Totals
     std::vector<std::string> failed; // "kind seed"
 };
 
-const char usageText[] =
-    "Usage: soak [options]\n"
-    "       soak --run KIND SEED    one run, in this process, with the settings found\n"
-    "\n"
-    "  --hours N       virtual hours to run (default 1)\n"
-    "  --seed S        the first seed; the following runs count on from it (default 1)\n"
-    "  --kinds K,...   link, link-plain, session, session-plain, hub (default: all, in turn)\n"
-    "  --replay FILE   the runs listed in FILE instead, one \"KIND SEED\" a line\n"
-    "  --once KIND SEED    that run instead\n"
-    "  --twice         every run twice, which must go the same way\n"
-    "  --verbose       tell every run\n"
-    "\n"
-    "Exit status 0 only if nothing that must hold was violated.\n";
+const char usageText[] = "Usage: soak [options]\n"
+                         "       soak --run KIND SEED    one run, in this process, with the settings found\n"
+                         "\n"
+                         "  --hours N       virtual hours to run (default 1)\n"
+                         "  --seed S        the first seed; the following runs count on from it (default 1)\n"
+                         "  --kinds K,...   link, link-plain, session, session-plain, hub (default: all, in turn)\n"
+                         "  --replay FILE   the runs listed in FILE instead, one \"KIND SEED\" a line\n"
+                         "  --once KIND SEED    that run instead\n"
+                         "  --twice         every run twice, which must go the same way\n"
+                         "  --verbose       tell every run\n"
+                         "\n"
+                         "Exit status 0 only if nothing that must hold was violated.\n";
 
 Kind kindNamed(const std::string& name)
 {
@@ -158,8 +156,8 @@ Outcome parseOutcome(const std::string& output, int status)
         if (first == "figures") {
             double ns = 0;
             double standstillNs = 0;
-            words >> ns >> outcome.delivered >> outcome.carried >> outcome.faults >> outcome.connections >> standstillNs >>
-                outcome.digest;
+            words >> ns >> outcome.delivered >> outcome.carried >> outcome.faults >> outcome.connections >>
+                standstillNs >> outcome.digest;
             outcome.virtualS = ns / soak::nsPerS;
             outcome.standstillS = standstillNs / soak::nsPerS;
         } else if (first == "violation") {
@@ -205,7 +203,8 @@ public:
             return;
         count(kind, seed, outcome);
         if (m_options.verbose || !outcome.violations.empty()) {
-            std::printf("%s: %.2f h in %.1f s, %" PRIu64 " bytes delivered, %" PRIu64 " faults, %" PRIu64 " connections\n",
+            std::printf("%s: %.2f h in %.1f s, %" PRIu64 " bytes delivered, %" PRIu64 " faults, %" PRIu64
+                        " connections\n",
                         soak::describe(soak::makeScenario(kind, seed)).c_str(), outcome.virtualS / secondsPerHour,
                         secondsSince(before), outcome.delivered, outcome.faults, outcome.connections);
         }
@@ -239,9 +238,8 @@ private:
     static void print(const char* name, const Totals& totals)
     {
         std::printf("%-14s %6d %9.2f %12" PRIu64 " %12" PRIu64 " %11" PRIu64 " %12" PRIu64 " %9.0f s %10zu\n", name,
-                    totals.runs,
-                    totals.virtualS / secondsPerHour, totals.delivered, totals.carried, totals.faults, totals.connections,
-                    totals.standstillS, totals.failed.size());
+                    totals.runs, totals.virtualS / secondsPerHour, totals.delivered, totals.carried, totals.faults,
+                    totals.connections, totals.standstillS, totals.failed.size());
     }
 
     void count(Kind kind, std::uint64_t seed, const Outcome& outcome)

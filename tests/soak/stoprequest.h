@@ -3,7 +3,6 @@
 #pragma once
 
 #include <csignal>
-
 #include <poll.h>
 
 namespace soak {

@@ -1,15 +1,15 @@
 // How the hosts at the two ends of a simulated line take turns, and what each reads in one.
 #pragma once
 
-#include <array>
-
 #include "plugin/cchannel.h"
 #include "tests/soak/virtualtime.h"
+
+#include <array>
 
 namespace soak {
 
 // Lets time pass until the next turn of either end; the end whose turn it is.
-template<typename End>
+template <typename End>
 End& awaitNextTurn(std::array<End, 2>& ends)
 {
     End& end = ends[0].nextTurnNs() <= ends[1].nextTurnNs() ? ends[0] : ends[1];
@@ -19,7 +19,7 @@ End& awaitNextTurn(std::array<End, 2>& ends)
 
 // Reads until the channel has less than was asked for, and hands every piece on, the last
 // (perhaps empty) one too.
-template<typename Take>
+template <typename Take>
 void readAll(CChannel& channel, int bytesAtOnce, Take take)
 {
     for (bool isMore = true; isMore;) {

@@ -9,10 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-
 #include <fcntl.h>
 #include <poll.h>
+#include <string>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
@@ -31,7 +30,8 @@ using namespace soak;
 // Looking at the clock takes this long, so that a loop that only looks at the clock ends.
 constexpr std::int64_t lookNs = 200;
 
-struct OpenDevice {
+struct OpenDevice
+{
     std::string path;
     SerialDevice* device = nullptr; // not owned
     int fd = -1;
@@ -181,7 +181,7 @@ std::int64_t timeoutOf(const timespec* timeout)
     return timeout ? toNs(*timeout) : never;
 }
 
-template<typename... Arguments>
+template <typename... Arguments>
 int realCall(long number, Arguments... arguments)
 {
     return static_cast<int>(syscall(number, arguments...));
@@ -220,21 +220,14 @@ int deviceControl(OpenDevice* open, unsigned long request, void* argument)
 {
     int* number = static_cast<int*>(argument);
     switch (request) {
-    case TIOCMGET:
-        *number = open->device->modemLines();
-        return 0;
-    case TIOCOUTQ:
-        *number = static_cast<int>(open->device->bytesToWrite());
-        return 0;
-    case FIONREAD:
-        *number = static_cast<int>(open->device->bytesToRead());
-        return 0;
+    case TIOCMGET: *number = open->device->modemLines(); return 0;
+    case TIOCOUTQ: *number = static_cast<int>(open->device->bytesToWrite()); return 0;
+    case FIONREAD: *number = static_cast<int>(open->device->bytesToRead()); return 0;
     case TIOCEXCL:
     case TIOCNXCL:
     case TIOCMSET:
     case TIOCMBIS:
-    case TIOCMBIC:
-        return 0;
+    case TIOCMBIC: return 0;
     }
     errno = ENOTTY;
     return -1;

@@ -17,7 +17,6 @@
 
 #include <cstddef>
 #include <cstdint>
-
 #include <sys/types.h>
 
 namespace soak {
@@ -44,8 +43,8 @@ class SerialDevice
 {
 public:
     virtual ~SerialDevice() = default;
-    virtual std::size_t read(char* data, std::size_t maxSize) = 0;         // 0: nothing has come
-    virtual std::size_t write(const char* data, std::size_t size) = 0;     // how much there was room for
+    virtual std::size_t read(char* data, std::size_t maxSize) = 0; // 0: nothing has come
+    virtual std::size_t write(const char* data, std::size_t size) = 0; // how much there was room for
     virtual bool readable() const = 0;
     virtual bool writable() const = 0;
     virtual std::size_t bytesToRead() const = 0;

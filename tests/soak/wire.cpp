@@ -42,8 +42,8 @@ const Table reflected = reflectedTable();
 
 std::uint16_t little16(const std::string& bytes, std::size_t at)
 {
-    return static_cast<std::uint16_t>(static_cast<std::uint8_t>(bytes[at]) |
-                                      static_cast<std::uint8_t>(bytes[at + 1]) << 8);
+    return static_cast<std::uint16_t>(static_cast<std::uint8_t>(bytes[at]) | static_cast<std::uint8_t>(bytes[at + 1])
+                                                                                 << 8);
 }
 
 void appendLittle(std::string& bytes, std::uint32_t value, int count)
@@ -112,7 +112,8 @@ bool PacketCutter::next(WirePacket* packet)
         }
         const std::uint32_t check = payloadCheck(&m_buffer[at], headerBytes + length);
         const std::size_t checkAt = at + headerBytes + length;
-        if (length > 0 && (little16(m_buffer, checkAt) | std::uint32_t(little16(m_buffer, checkAt + 2)) << 16) != check) {
+        if (length > 0 &&
+            (little16(m_buffer, checkAt) | std::uint32_t(little16(m_buffer, checkAt + 2)) << 16) != check) {
             at += headerBytes + 1; // one more than the header: so do peers
             continue;
         }

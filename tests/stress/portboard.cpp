@@ -1,14 +1,12 @@
 #include "tests/stress/portboard.h"
 
-#include <algorithm>
-
 #include <QMutexLocker>
+
+#include <algorithm>
 
 namespace testsupport {
 
-PortBoard::PortBoard(int serverId) : m_serverId(serverId), m_lastId(serverId)
-{
-}
+PortBoard::PortBoard(int serverId) : m_serverId(serverId), m_lastId(serverId) {}
 
 int PortBoard::addChannel(int, const QString& name, const QString& state)
 {
@@ -75,7 +73,8 @@ QStringList PortBoard::lines() const
     QMutexLocker locker(&m_mutex);
     QStringList lines{QStringLiteral("server: ") + m_serverText};
     for (const Port& port : m_ports)
-        lines.append(QStringLiteral("%1: %2, for %3 ms").arg(port.name, port.text, QString::number(port.since.elapsed())));
+        lines.append(
+            QStringLiteral("%1: %2, for %3 ms").arg(port.name, port.text, QString::number(port.since.elapsed())));
     return lines;
 }
 

@@ -2,7 +2,8 @@
 // note what a server must never do to its host. Any thread.
 #pragma once
 
-#include <atomic>
+#include "plugin/cabstractchannelsstate.h"
+#include "plugin/cabstractjournal.h"
 
 #include <QElapsedTimer>
 #include <QMap>
@@ -10,8 +11,7 @@
 #include <QString>
 #include <QStringList>
 
-#include "plugin/cabstractchannelsstate.h"
-#include "plugin/cabstractjournal.h"
+#include <atomic>
 
 namespace testsupport {
 
@@ -28,7 +28,7 @@ public:
 
     // "port: text, for so many ms" for each port that is registered, and the server.
     QStringList lines() const;
-    int count() const;                   // ports registered
+    int count() const; // ports registered
     bool isFree(const QString& port) const;
     int countOf(const QString& text) const; // of these, ports that say exactly this
     int everAdded() const;
@@ -38,7 +38,8 @@ public:
     QStringList violations() const;
 
 private:
-    struct Port {
+    struct Port
+    {
         QString name;
         QString text;
         QElapsedTimer since;

@@ -1,16 +1,15 @@
 // Ports in number: 256 in one process, and what starting and stopping leaves behind.
+#include "tests/stress/resources.h"
+#include "tests/stress/stressbed.h"
+#include "tests/support/deadline.h"
+
+#include <QElapsedTimer>
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <limits>
-
-#include <QElapsedTimer>
-
-#include <gtest/gtest.h>
-
-#include "tests/stress/resources.h"
-#include "tests/stress/stressbed.h"
-#include "tests/support/deadline.h"
 
 using testsupport::currentResources;
 using testsupport::Resources;
@@ -20,7 +19,7 @@ using testsupport::waitFor;
 
 namespace {
 
-constexpr int soonMs = 10000;      // on a busy machine; a fifth of what the server waits for workers that do not end
+constexpr int soonMs = 10000; // on a busy machine; a fifth of what the server waits for workers that do not end
 constexpr int deadlineMs = 240000; // of a step with all ports, under a sanitizer on a busy machine
 
 sim::LineSettings fastLine()
@@ -32,8 +31,9 @@ sim::LineSettings fastLine()
 
 void print(const char* what, const Resources& now, const Resources& before)
 {
-    std::printf("%-28s %4d threads, %4d descriptors, %7.2f MiB heap, %7.2f MiB resident\n", what, now.threads - before.threads,
-                now.descriptors - before.descriptors, static_cast<double>(now.heapBytes - before.heapBytes) / (1 << 20),
+    std::printf("%-28s %4d threads, %4d descriptors, %7.2f MiB heap, %7.2f MiB resident\n", what,
+                now.threads - before.threads, now.descriptors - before.descriptors,
+                static_cast<double>(now.heapBytes - before.heapBytes) / (1 << 20),
                 static_cast<double>(now.residentBytes - before.residentBytes) / (1 << 20));
 }
 
@@ -123,7 +123,8 @@ private:
         m_bed.start();
         ASSERT_TRUE(m_bed.waitForFree(ports, deadlineMs)) << m_bed.board.lines().join('\n').toStdString();
         StandingCalls standing(&m_bed, m_calls);
-        ASSERT_TRUE(waitFor([&] { return standing.allStand(); }, deadlineMs)) << m_bed.board.lines().join('\n').toStdString();
+        ASSERT_TRUE(waitFor([&] { return standing.allStand(); }, deadlineMs))
+            << m_bed.board.lines().join('\n').toStdString();
         m_bed.stopFromWithin();
         EXPECT_EQ(m_bed.board.count(), 0);
         m_bed.account.forgetEnded();
@@ -171,7 +172,8 @@ TEST(Ports, TwoHundredAndFiftySixInOneProcess)
         return received.size() == 2 * calls && received.front() == bytesEachWay;
     };
     ASSERT_TRUE(waitFor(allIsThere, deadlineMs)) << bed.account.lines().join('\n').toStdString();
-    std::printf("%lld bytes each way of each call after %lld ms\n", static_cast<long long>(bytesEachWay), timer.elapsed());
+    std::printf("%lld bytes each way of each call after %lld ms\n", static_cast<long long>(bytesEachWay),
+                timer.elapsed());
     print("in 32 calls, likewise:", currentResources(), before);
     EXPECT_EQ(bed.exchange.activeCalls(), calls);
     // A modem that was asked meanwhile, and was slow, becomes free again.
@@ -209,8 +211,9 @@ TEST(Ports, CallsThatAreStoppedLeaveNothing)
 {
     constexpr int rounds = 8;
     constexpr int calls = Rounds::ports / 2;
-    constexpr qint64 noticedBytes = 512;    // a port and round
-    constexpr qint64 statisticsBytes = 512; // of every call: the exchange keeps them, and doubles its room when it is full
+    constexpr qint64 noticedBytes = 512; // a port and round
+    constexpr qint64 statisticsBytes =
+        512; // of every call: the exchange keeps them, and doubles its room when it is full
     qint64 grownBytes = 0;
     ASSERT_NO_FATAL_FAILURE(Rounds(calls).measure(rounds, &grownBytes));
     EXPECT_LT(grownBytes, rounds * (Rounds::ports * noticedBytes + calls * statisticsBytes));

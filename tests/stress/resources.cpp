@@ -1,10 +1,10 @@
 #include "tests/stress/resources.h"
 
-#include <malloc.h>
-#include <unistd.h>
-
 #include <QDir>
 #include <QFile>
+
+#include <malloc.h>
+#include <unistd.h>
 
 // There in a program that a sanitizer is linked into, whose allocator mallinfo2() does not know.
 extern "C" std::size_t __attribute__((weak)) __sanitizer_get_current_allocated_bytes();

@@ -5,10 +5,11 @@
 
 namespace testsupport {
 
-struct Resources {
+struct Resources
+{
     int threads = 0;
     int descriptors = 0;
-    qint64 heapBytes = 0;     // allocated and not freed; by the sanitizer's count where one is linked
+    qint64 heapBytes = 0; // allocated and not freed; by the sanitizer's count where one is linked
     qint64 residentBytes = 0; // of physical memory
 };
 

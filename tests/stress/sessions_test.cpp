@@ -1,6 +1,15 @@
 // Several lines between two installations, each end in a thread of its own, over one store at
 // either side: lines that break at any byte, so that the same messages are taken up by one
 // session while another still holds or stores them.
+#include "host/session/session.h"
+#include "tests/host/sealedpeer.h"
+#include "tests/host/storetools.h"
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
+
+#include <QElapsedTimer>
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -9,16 +18,6 @@
 #include <random>
 #include <thread>
 #include <vector>
-
-#include <QElapsedTimer>
-
-#include <gtest/gtest.h>
-
-#include "host/session/session.h"
-#include "tests/host/sealedpeer.h"
-#include "tests/host/storetools.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 using namespace host;
 using namespace hosttest;
@@ -71,7 +70,8 @@ public:
     QByteArray read(bool* isLost)
     {
         std::unique_lock<std::mutex> locker(m_mutex);
-        m_changed.wait_for(locker, std::chrono::milliseconds(lookMs), [this] { return !m_bytes.isEmpty() || !m_isOpen || m_left <= 0; });
+        m_changed.wait_for(locker, std::chrono::milliseconds(lookMs),
+                           [this] { return !m_bytes.isEmpty() || !m_isOpen || m_left <= 0; });
         const QByteArray bytes = std::exchange(m_bytes, QByteArray());
         *isLost = bytes.isEmpty() && (!m_isOpen || m_left <= 0);
         return bytes;
@@ -87,7 +87,8 @@ private:
 
 struct Side
 {
-    explicit Side(const QString& ownName) : name(ownName), paths(pathsIn(ownName)), store(std::make_unique<MessageStore>(paths))
+    explicit Side(const QString& ownName)
+        : name(ownName), paths(pathsIn(ownName)), store(std::make_unique<MessageStore>(paths))
     {
         QString error;
         store->open(&error);
@@ -133,7 +134,10 @@ protected:
         const auto now = [this] { return m_clock.elapsed(); };
         Session session(
             settings, call, &directory, sides[end].store.get(),
-            [this, end](const SessionEvent& event) { sides[end].delivered += event.kind == SessionEvent::Kind::FileDelivered; }, now());
+            [this, end](const SessionEvent& event) {
+                sides[end].delivered += event.kind == SessionEvent::Kind::FileDelivered;
+            },
+            now());
         while (!session.isFinished()) {
             bool isLost = false;
             session.receive(in->read(&isLost), now());
@@ -201,7 +205,8 @@ TEST_F(TwoStores, deliverOnceOverSeveralLinesThatBreak)
         threads.emplace_back([this, line] { runLine(line); });
     for (std::thread& thread : threads)
         thread.join();
-    std::printf("seed %u: %d calls in %lld ms\n", testsupport::seed(), m_calls.load(), static_cast<long long>(m_clock.elapsed()));
+    std::printf("seed %u: %d calls in %lld ms\n", testsupport::seed(), m_calls.load(),
+                static_cast<long long>(m_clock.elapsed()));
     for (int end = 0; end < 2; ++end)
         expectAllReceived(end);
     EXPECT_GT(m_calls, lines);

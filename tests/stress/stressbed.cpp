@@ -1,11 +1,11 @@
 #include "tests/stress/stressbed.h"
 
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 namespace testsupport {
 
@@ -80,16 +80,13 @@ StressBed::~StressBed()
 
 void StressBed::writeDetails(const QStringList& extraLines)
 {
-    const QStringList lines{QStringLiteral("[Details]"),
-                            QStringLiteral("transportComOpenInterval=100"),
-                            QStringLiteral("transportComDsrCheckInterval=50"),
-                            QStringLiteral("transportComResetTimeout=1100"),
-                            QStringLiteral("transportComAtOkTimeout=3000"),
-                            QStringLiteral("transportComConnectTimeout=8000"),
-                            QStringLiteral("transportComResendInterval=1000"),
-                            QStringLiteral("transportComConfirmationInterval=200"),
-                            // Ending a worker by force leaves things behind, and a busy machine must not be the reason.
-                            QStringLiteral("transportServerThreadStopTimeout=60000")};
+    const QStringList lines{
+        QStringLiteral("[Details]"), QStringLiteral("transportComOpenInterval=100"),
+        QStringLiteral("transportComDsrCheckInterval=50"), QStringLiteral("transportComResetTimeout=1100"),
+        QStringLiteral("transportComAtOkTimeout=3000"), QStringLiteral("transportComConnectTimeout=8000"),
+        QStringLiteral("transportComResendInterval=1000"), QStringLiteral("transportComConfirmationInterval=200"),
+        // Ending a worker by force leaves things behind, and a busy machine must not be the reason.
+        QStringLiteral("transportServerThreadStopTimeout=60000")};
     writeWhole(QStringLiteral("settings.ini"), (lines + extraLines).join(QLatin1Char('\n')).toUtf8() + '\n');
 }
 
@@ -109,10 +106,13 @@ void StressBed::inServer(const std::function<void()>& function)
 {
     // The thread sanitizer does not see what a blocking call synchronises.
     std::atomic<bool> isDone{false};
-    QMetaObject::invokeMethod(server.get(), [&] {
-        function();
-        isDone = true;
-    }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        server.get(),
+        [&] {
+            function();
+            isDone = true;
+        },
+        Qt::BlockingQueuedConnection);
     while (!isDone)
         QThread::yieldCurrentThread();
 }
@@ -165,7 +165,8 @@ bool StressBed::anyWasTerminated() const
     QDirIterator it(installRoot(), {QStringLiteral("*.log")}, QDir::Files, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         QFile file(it.next());
-        if (file.open(QIODevice::ReadOnly) && file.readAll().contains(QStringLiteral("потоки не остановились").toUtf8()))
+        if (file.open(QIODevice::ReadOnly) &&
+            file.readAll().contains(QStringLiteral("потоки не остановились").toUtf8()))
             return true;
     }
     return false;

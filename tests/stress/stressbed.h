@@ -2,19 +2,19 @@
 // hang on: the ports call one another.
 #pragma once
 
-#include <atomic>
-#include <functional>
-#include <memory>
+#include "sim/exchange/exchange.h"
+#include "tests/boundary/serverfixture.h"
+#include "tests/stress/portboard.h"
+#include "tests/stress/traffic.h"
 
 #include <QSemaphore>
 #include <QString>
 #include <QStringList>
 #include <QThread>
 
-#include "sim/exchange/exchange.h"
-#include "tests/boundary/serverfixture.h"
-#include "tests/stress/portboard.h"
-#include "tests/stress/traffic.h"
+#include <atomic>
+#include <functional>
+#include <memory>
 
 namespace testsupport {
 

@@ -1,22 +1,21 @@
 // Everything at once: 64 ports that call one another while several threads hang up, keep
 // alive, poll, change settings, break modems, and stop and start the server, at random.
 // STRESS_SECONDS=60 makes the few seconds of a usual run a minute.
-#include <chrono>
-#include <cstdio>
-#include <random>
-#include <thread>
-
-#include <QElapsedTimer>
-#include <QMutex>
-#include <QMutexLocker>
-
-#include <gtest/gtest.h>
-
 #include "tests/stress/resources.h"
 #include "tests/stress/stressbed.h"
 #include "tests/stress/watchdog.h"
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
+
+#include <QElapsedTimer>
+#include <QMutex>
+#include <QMutexLocker>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <thread>
 
 using testsupport::currentResources;
 using testsupport::Resources;
@@ -81,7 +80,8 @@ private:
     std::atomic<bool> m_isWindingUp{false};
 };
 
-struct Counts {
+struct Counts
+{
     std::atomic<int> calls{0};
     std::atomic<int> hangups{0};
     std::atomic<int> keptAlive{0};
@@ -165,7 +165,9 @@ void Threads::callSomebody(Dice& dice)
     else if (dice.chance(5))
         bed.callAs(bed.partyAt(modem), QByteArray("damaged"));
     else
-        bed.call(modem, dice.chance(30) ? QStringList{bed.port(dice.between(1, ports)), bed.port(dice.between(1, ports))} : QStringList());
+        bed.call(modem, dice.chance(30)
+                            ? QStringList{bed.port(dice.between(1, ports)), bed.port(dice.between(1, ports))}
+                            : QStringList());
     ++counts.calls;
 }
 
@@ -186,8 +188,10 @@ void Threads::changeSettings(Dice& dice, Watchdog::Watched& watched)
 {
     if (dice.chance(50)) {
         watched.at("editing settings.ini");
-        bed.writeDetails({QStringLiteral("[Debug]"), QStringLiteral("transportComPackets=%1").arg(QLatin1String(dice.chance(30) ? "true" : "false")),
-                          QStringLiteral("transportComAtCommands=%1").arg(QLatin1String(dice.chance(50) ? "true" : "false"))});
+        bed.writeDetails(
+            {QStringLiteral("[Debug]"),
+             QStringLiteral("transportComPackets=%1").arg(QLatin1String(dice.chance(30) ? "true" : "false")),
+             QStringLiteral("transportComAtCommands=%1").arg(QLatin1String(dice.chance(50) ? "true" : "false"))});
     } else {
         const int oneIn = dice.chance(40) ? dice.between(5, 60) : 0; // port switched off; 0: none
         bed.writePorts([oneIn](int modem) { return oneIn == 0 || modem % oneIn != 0; }, dice.between(40, 2048));
@@ -244,15 +248,9 @@ void Threads::breakAModem(Dice& dice, Watchdog::Watched& watched)
         pause(dice, 300);
         exchange.setBusy(modem, false);
         break;
-    case 4:
-        exchange.ring(modem, 1);
-        break;
-    case 5:
-        exchange.say(modem, QStringLiteral("RING"));
-        break;
-    default:
-        exchange.dropCarrier(modem);
-        break;
+    case 4: exchange.ring(modem, 1); break;
+    case 5: exchange.say(modem, QStringLiteral("RING")); break;
+    default: exchange.dropCarrier(modem); break;
     }
     ++counts.faults;
 }
@@ -281,7 +279,8 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
     const Resources before = currentResources();
 
     for (unsigned caller = 0; caller < 2; ++caller)
-        run(caller == 0 ? "first caller" : "second caller", 10 + caller, 60, [this](Dice& dice, Watchdog::Watched&) { callSomebody(dice); });
+        run(caller == 0 ? "first caller" : "second caller", 10 + caller, 60,
+            [this](Dice& dice, Watchdog::Watched&) { callSomebody(dice); });
     run("hanging up", 20, 100, [this](Dice& dice, Watchdog::Watched&) { hangUp(dice); });
     run("keeping alive", 21, 30, [this](Dice& dice, Watchdog::Watched&) { keepAlive(dice); });
     run("polling", 22, 2, [this](Dice&, Watchdog::Watched& watched) {
@@ -311,16 +310,18 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
         const testsupport::Account::Figures figures = bed.account.figures();
         return figures.withPeer > 1 && figures.bytesReceived > 1000;
     };
-    (void)waitFor([&] {
-        host.at("waiting for the end");
-        if (answered.exchange(false)) {
-            bed.postToServer([&] {
-                serverThread.at("its event loop");
-                answered = true;
-            });
-        }
-        return HasFailure() || (timer.elapsed() >= seconds * 1000 && wasBusy());
-    }, seconds * 1000 + recoveryMs);
+    (void)waitFor(
+        [&] {
+            host.at("waiting for the end");
+            if (answered.exchange(false)) {
+                bed.postToServer([&] {
+                    serverThread.at("its event loop");
+                    answered = true;
+                });
+            }
+            return HasFailure() || (timer.elapsed() >= seconds * 1000 && wasBusy());
+        },
+        seconds * 1000 + recoveryMs);
     host.at("joining the threads");
     plans.windUp();
     endThreads();
@@ -339,10 +340,12 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
 
     const testsupport::Account::Figures figures = bed.account.figures();
     std::printf("%d calls asked for, %d sessions, %d of them kept alive, %.2f MiB sent, %.2f MiB received\n"
-                "%d hang-ups, %d keep-alives, %d polls, %d changes of settings, %d restarts (longest stop %lld ms), %d faults\n",
+                "%d hang-ups, %d keep-alives, %d polls, %d changes of settings, %d restarts (longest stop %lld ms), %d "
+                "faults\n",
                 int(counts.calls), figures.sessions, figures.kept, static_cast<double>(figures.bytesSent) / (1 << 20),
-                static_cast<double>(figures.bytesReceived) / (1 << 20), int(counts.hangups), int(counts.keptAlive), int(counts.polls),
-                int(counts.settings), int(counts.restarts), static_cast<long long>(counts.longestStopMs), int(counts.faults));
+                static_cast<double>(figures.bytesReceived) / (1 << 20), int(counts.hangups), int(counts.keptAlive),
+                int(counts.polls), int(counts.settings), int(counts.restarts),
+                static_cast<long long>(counts.longestStopMs), int(counts.faults));
     EXPECT_GT(figures.withPeer, 1);
     EXPECT_GT(figures.bytesReceived, 1000);
     EXPECT_EQ((bed.account.violations() + bed.board.violations()).join('\n').toStdString(), "");
@@ -359,7 +362,8 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
     EXPECT_EQ(after.descriptors, before.descriptors);
     const int endedCalls = bed.exchange.endedCalls().size();
     const qint64 grown = after.heapBytes - before.heapBytes;
-    std::printf("%lld bytes of heap more, %d calls in the exchange's statistics\n", static_cast<long long>(grown), endedCalls);
+    std::printf("%lld bytes of heap more, %d calls in the exchange's statistics\n", static_cast<long long>(grown),
+                endedCalls);
     // The exchange keeps its statistics; a single round's workers would be more than the rest.
     EXPECT_LT(grown, endedCalls * 1024 + ports * 2048);
 }

@@ -1,11 +1,11 @@
 #include "tests/stress/traffic.h"
 
-#include <algorithm>
+#include "plugin/cchannel.h"
 
 #include <QMutexLocker>
 #include <QtEndian>
 
-#include "plugin/cchannel.h"
+#include <algorithm>
 
 namespace testsupport {
 
@@ -20,9 +20,7 @@ constexpr int keptTimes = 3;
 
 // --- the bytes --------------------------------------------------------------------------
 
-ByteStream::ByteStream(quint32 id) : m_state((id + 1) * Q_UINT64_C(0x9E3779B97F4A7C15))
-{
-}
+ByteStream::ByteStream(quint32 id) : m_state((id + 1) * Q_UINT64_C(0x9E3779B97F4A7C15)) {}
 
 char ByteStream::next()
 {
@@ -31,12 +29,9 @@ char ByteStream::next()
     m_state ^= m_state << 17;
     const unsigned drawn = static_cast<unsigned>(m_state >> 32);
     switch (drawn & 0x3F) {
-    case 0:
-        return 0x7C;
-    case 1:
-        return '+';
-    default:
-        break;
+    case 0: return 0x7C;
+    case 1: return '+';
+    default: break;
     }
     const char byte = static_cast<char>(drawn >> 8);
     return byte == 'T' || byte == 't' ? '+' : byte;
@@ -73,7 +68,8 @@ QString Account::beginReading(quint32 ownId, quint32 id)
         return {};
     }
     if (stream->reader != 0) {
-        violateLocked(QStringLiteral("the stream of %1 came twice, to %2 too").arg(stream->port, m_streams[ownId].port));
+        violateLocked(
+            QStringLiteral("the stream of %1 came twice, to %2 too").arg(stream->port, m_streams[ownId].port));
         return {};
     }
     stream->reader = ownId;
@@ -90,7 +86,8 @@ void Account::received(quint32 id, int bytes)
     stream.received += bytes;
     m_figures.bytesReceived += bytes;
     if (stream.received > stream.sent)
-        violateLocked(QStringLiteral("%1 sent %2 bytes, %3 arrived").arg(stream.port).arg(stream.sent).arg(stream.received));
+        violateLocked(
+            QStringLiteral("%1 sent %2 bytes, %3 arrived").arg(stream.port).arg(stream.sent).arg(stream.received));
 }
 
 void Account::keptAlive()

@@ -2,10 +2,8 @@
 // every moment what one end has received must be a prefix of what the other has sent.
 #pragma once
 
-#include <atomic>
-#include <functional>
-#include <optional>
-#include <vector>
+#include "plugin/cabstractprotocol.h"
+#include "plugin/cabstractprotocolfactory.h"
 
 #include <QElapsedTimer>
 #include <QMap>
@@ -13,8 +11,10 @@
 #include <QStringList>
 #include <QTimer>
 
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
+#include <atomic>
+#include <functional>
+#include <optional>
+#include <vector>
 
 namespace testsupport {
 
@@ -36,12 +36,13 @@ private:
 class Account
 {
 public:
-    struct Figures {
+    struct Figures
+    {
         int sessions = 0;
         int running = 0;
-        int withPeer = 0;     // sessions that heard from the other end
-        int called = 0;       // sessions whose party the host had called
-        int kept = 0;         // sessions that found keepAlive set
+        int withPeer = 0; // sessions that heard from the other end
+        int called = 0; // sessions whose party the host had called
+        int kept = 0; // sessions that found keepAlive set
         int ofKnownParty = 0; // ended sessions of which the host is told by disconnected()
         qint64 bytesSent = 0;
         qint64 bytesReceived = 0;
@@ -72,7 +73,8 @@ public:
     void forgetEnded();
 
 private:
-    struct Stream {
+    struct Stream
+    {
         QString port;
         quint32 reader = 0; // the stream that the reading session writes; 0: nobody yet
         qint64 sent = 0;
@@ -92,14 +94,15 @@ private:
 };
 
 // How one session is to behave.
-struct SessionPlan {
-    qint64 bytesToSend = -1;     // -1: as long as it lasts
-    int lifetimeMs = -1;         // -1: until it is asked to end; three times that when it is kept alive
-    int periodMs = 20;           // between reads
-    bool tellsName = true;       // of the peer, to the host
+struct SessionPlan
+{
+    qint64 bytesToSend = -1; // -1: as long as it lasts
+    int lifetimeMs = -1; // -1: until it is asked to end; three times that when it is kept alive
+    int periodMs = 20; // between reads
+    bool tellsName = true; // of the peer, to the host
     bool endsInStart = false;
     bool endsWithinStop = false; // says so at once, in the thread that asks
-    bool hangsUp = false;        // by itself, before it ends
+    bool hangsUp = false; // by itself, before it ends
 };
 
 class TrafficFactory : public CAbstractProtocolFactory

@@ -1,12 +1,12 @@
 #include "tests/stress/watchdog.h"
 
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-
 #include <QDir>
 #include <QFile>
 #include <QStringList>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 
 namespace testsupport {
 
@@ -106,13 +106,14 @@ const Watchdog::Watched* Watchdog::stuck() const
 
 QString Watchdog::report(const Watched& who) const
 {
-    QStringList lines{QStringLiteral("%1 stands still in step '%2'").arg(QString::fromStdString(who.m_name), QLatin1String(who.m_step))};
+    QStringList lines{QStringLiteral("%1 stands still in step '%2'")
+                          .arg(QString::fromStdString(who.m_name), QLatin1String(who.m_step))};
     for (const auto& watched : m_watched) {
         const qint64 sinceMs = watched->m_sinceMs;
-        lines.append(QString::fromStdString(watched->m_name)
-                     + (sinceMs < 0 ? QStringLiteral(": done")
-                                    : QStringLiteral(": in step '%1' for %2 ms")
-                                          .arg(QLatin1String(watched->m_step), QString::number(nowMs() - sinceMs))));
+        lines.append(QString::fromStdString(watched->m_name) +
+                     (sinceMs < 0 ? QStringLiteral(": done")
+                                  : QStringLiteral(": in step '%1' for %2 ms")
+                                        .arg(QLatin1String(watched->m_step), QString::number(nowMs() - sinceMs))));
     }
     return (lines + m_portStates() + kernelLines()).join(QLatin1Char('\n'));
 }

@@ -1,14 +1,14 @@
 // Notices a thread that stands still, and tells where every thread and every port is.
 #pragma once
 
+#include <QString>
+
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <QString>
 
 namespace testsupport {
 

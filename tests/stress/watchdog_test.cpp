@@ -1,19 +1,19 @@
 // That the watchdog of the stress tests barks, and what it says.
+#include "tests/stress/watchdog.h"
+#include "tests/support/deadline.h"
+
 #include <QMutex>
 #include <QMutexLocker>
 #include <QStringList>
-
 #include <gtest/gtest.h>
-
-#include "tests/stress/watchdog.h"
-#include "tests/support/deadline.h"
 
 using testsupport::waitFor;
 using testsupport::Watchdog;
 
 namespace {
 
-struct Heard {
+struct Heard
+{
     QMutex mutex;
     QString report;
 
@@ -36,7 +36,8 @@ struct Heard {
 TEST(WatchdogTest, TellsWhoStandsStillWhereAndWhatEveryPortDoes)
 {
     Heard heard;
-    Watchdog dog(50, [] { return QStringList{QStringLiteral("ttyS5: Свободен, for 3 ms")}; }, heard.bark());
+    Watchdog dog(
+        50, [] { return QStringList{QStringLiteral("ttyS5: Свободен, for 3 ms")}; }, heard.bark());
     Watchdog::Watched& sleeper = dog.watch("sleeper");
     Watchdog::Watched& runner = dog.watch("runner");
     dog.watch("ended").done();
@@ -59,11 +60,15 @@ TEST(WatchdogTest, TellsWhoStandsStillWhereAndWhatEveryPortDoes)
 TEST(WatchdogTest, KeepsQuietWhileAllMove)
 {
     Heard heard;
-    Watchdog dog(1000, [] { return QStringList(); }, heard.bark());
+    Watchdog dog(
+        1000, [] { return QStringList(); }, heard.bark());
     Watchdog::Watched& runner = dog.watch("runner");
     dog.begin();
-    EXPECT_FALSE(waitFor([&] {
-        runner.at("running");
-        return !heard.text().isEmpty();
-    }, 1300)) << heard.text().toStdString();
+    EXPECT_FALSE(waitFor(
+        [&] {
+            runner.at("running");
+            return !heard.text().isEmpty();
+        },
+        1300))
+        << heard.text().toStdString();
 }

@@ -2,14 +2,13 @@
 
 #include <cstddef>
 #include <cstdlib>
-
 #include <dlfcn.h>
 
 namespace {
 
 thread_local qint64 count = 0;
 
-template<typename Function>
+template <typename Function>
 Function* next(const char* name)
 {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));

@@ -1,17 +1,16 @@
 // Whether another thread waits, found out without waiting for a time.
 #pragma once
 
-#include <atomic>
-#include <functional>
-#include <thread>
+#include "tests/support/deadline.h"
 
 #include <QByteArray>
 #include <QFile>
 
+#include <atomic>
+#include <functional>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
-
-#include "tests/support/deadline.h"
 
 namespace testsupport {
 

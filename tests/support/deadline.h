@@ -1,11 +1,11 @@
 // Waiting for a condition instead of for a time.
 #pragma once
 
-#include <chrono>
-#include <thread>
-
 #include <QCoreApplication>
 #include <QElapsedTimer>
+
+#include <chrono>
+#include <thread>
 
 namespace testsupport {
 
@@ -14,7 +14,7 @@ constexpr int defaultDeadlineMs = 30000;
 
 // Polls condition, running the calling thread's events between looks; false when the
 // deadline passed first.
-template<typename Condition>
+template <typename Condition>
 bool waitFor(Condition condition, int deadlineMs = defaultDeadlineMs)
 {
     QElapsedTimer timer;

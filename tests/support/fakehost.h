@@ -8,11 +8,11 @@
 //   "journal <kind> <source> <text>"  addRecord
 #pragma once
 
-#include <atomic>
-
 #include "plugin/cabstractchannelsstate.h"
 #include "plugin/cabstractjournal.h"
 #include "tests/support/calllog.h"
+
+#include <atomic>
 
 namespace testsupport {
 

@@ -1,9 +1,9 @@
 #include "tests/support/fakeserialport.h"
 
+#include <QThread>
+
 #include <algorithm>
 #include <cstring>
-
-#include <QThread>
 
 namespace testsupport {
 

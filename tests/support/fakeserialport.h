@@ -2,12 +2,12 @@
 // test writes is kept for the test. Always open. A wait for what does not happen sleeps.
 #pragma once
 
-#include <functional>
-#include <utility>
-
 #include <QByteArray>
 #include <QList>
 #include <QSerialPort>
+
+#include <functional>
+#include <utility>
 
 namespace testsupport {
 

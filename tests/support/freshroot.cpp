@@ -1,5 +1,7 @@
 #include "tests/support/freshroot.h"
 
+#include "tests/support/testroot.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -7,13 +9,10 @@
 #include <filesystem>
 #include <random>
 #include <string>
-
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "tests/support/testroot.h"
 
 namespace fs = std::filesystem;
 
@@ -44,7 +43,8 @@ fs::path makeRoot(const fs::path& program)
 void removeRoot(const fs::path& root)
 {
     std::error_code ignored;
-    for (auto it = fs::recursive_directory_iterator(root, ignored); it != fs::recursive_directory_iterator(); it.increment(ignored)) {
+    for (auto it = fs::recursive_directory_iterator(root, ignored); it != fs::recursive_directory_iterator();
+         it.increment(ignored)) {
         if (it->is_directory(ignored) && !it->is_symlink(ignored))
             fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
     }
@@ -67,7 +67,9 @@ bool testsupport::isRootPrivate()
 {
     fs::path current = fs::canonical(std::getenv(rootVariable));
     for (;; current = current.parent_path()) {
-        struct stat status{};
+        struct stat status
+        {
+        };
         if (stat(current.c_str(), &status) != 0 || (status.st_uid != 0 && status.st_uid != geteuid()))
             return false;
         if ((status.st_mode & (S_IWGRP | S_IWOTH)) && !(status.st_mode & S_ISVTX))

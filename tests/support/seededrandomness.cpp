@@ -1,8 +1,8 @@
 #include "tests/support/seededrandomness.h"
 
-#include <cstring>
-
 #include <sodium.h>
+
+#include <cstring>
 
 namespace testsupport {
 

@@ -2,7 +2,6 @@
 // return SLOWSYNC_MS milliseconds later. Waits that a signal breaks off are gone on with.
 #include <cerrno>
 #include <cstdlib>
-
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>

@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,7 +15,7 @@ namespace {
 thread_local testsupport::SystemCallWatch* currentWatch = nullptr; // not owned
 thread_local bool isLooking = false; // what a judge does itself is not judged
 
-template<typename Function>
+template <typename Function>
 Function* next(const char* name)
 {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -61,7 +60,8 @@ mode_t modeOf(int flags, va_list arguments)
 
 } // namespace
 
-testsupport::SystemCallWatch::SystemCallWatch(const std::string& prefix, Judge judge) : m_prefix(prefix), m_judge(std::move(judge))
+testsupport::SystemCallWatch::SystemCallWatch(const std::string& prefix, Judge judge)
+    : m_prefix(prefix), m_judge(std::move(judge))
 {
     if (currentWatch)
         std::abort();
@@ -104,7 +104,8 @@ int testsupport::SystemCallWatch::judge(SystemCall& call)
         return 0;
     std::string text = call.name + ' ' + call.path.substr(m_prefix.size());
     if (!call.target.empty())
-        text += ' ' + (call.target.compare(0, m_prefix.size(), m_prefix) == 0 ? call.target.substr(m_prefix.size()) : call.target);
+        text += ' ' + (call.target.compare(0, m_prefix.size(), m_prefix) == 0 ? call.target.substr(m_prefix.size())
+                                                                              : call.target);
     m_calls.push_back(text);
     call.index = m_count++;
     return m_judge ? m_judge(call) : 0;
@@ -155,7 +156,8 @@ INTERPOSED int openat64(int directory, const char* path, int flags, ...)
 INTERPOSED ssize_t write(int descriptor, const void* data, size_t size)
 {
     static auto* const real = next<ssize_t(int, const void*, size_t)>("write");
-    const int error = currentWatch ? testsupport::SystemCallWatch::look("write", pathOf(descriptor).c_str(), "", &size) : 0;
+    const int error =
+        currentWatch ? testsupport::SystemCallWatch::look("write", pathOf(descriptor).c_str(), "", &size) : 0;
     if (error == 0)
         return real(descriptor, data, size);
     errno = error;

@@ -1,13 +1,12 @@
 // main() of every test program: runs the tests in a fresh installation root.
-#include <cstdio>
-#include <string>
-
-#include <QCoreApplication>
-
-#include <gtest/gtest.h>
-
 #include "tests/support/freshroot.h"
 #include "tests/support/testroot.h"
+
+#include <QCoreApplication>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
 
 namespace {
 

@@ -24,7 +24,7 @@ namespace {
 
 char eventEdge; // its address only
 
-template<typename Function>
+template <typename Function>
 Function* next(const char* name)
 {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -109,9 +109,11 @@ INTERPOSED void _ZN6QMutex6unlockEv(QMutex* mutex)
 
 // Events
 
-INTERPOSED void _ZN11QMetaObject8activateEP7QObjectPKS_iPPv(QObject* sender, const QMetaObject* meta, int signal, void** arguments)
+INTERPOSED void _ZN11QMetaObject8activateEP7QObjectPKS_iPPv(QObject* sender, const QMetaObject* meta, int signal,
+                                                            void** arguments)
 {
-    static auto* real = next<void(QObject*, const QMetaObject*, int, void**)>("_ZN11QMetaObject8activateEP7QObjectPKS_iPPv");
+    static auto* real =
+        next<void(QObject*, const QMetaObject*, int, void**)>("_ZN11QMetaObject8activateEP7QObjectPKS_iPPv");
     publish();
     real(sender, meta, signal, arguments);
 }

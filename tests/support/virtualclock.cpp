@@ -1,7 +1,6 @@
 #include "tests/support/virtualclock.h"
 
 #include <atomic>
-
 #include <ctime>
 #include <sys/syscall.h>
 #include <sys/time.h>

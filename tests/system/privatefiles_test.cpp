@@ -1,19 +1,18 @@
 // What two installations leave on the disk while they exchange files: the secret key stands in
 // its own file alone.
-#include <sys/stat.h>
-#include <unistd.h>
+#include "host/installation/identitykey.h"
+#include "tests/support/testroot.h"
+#include "tests/system/testbed.h"
 
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
-
 #include <gtest/gtest.h>
 
-#include "host/installation/identitykey.h"
-#include "tests/support/testroot.h"
-#include "tests/system/testbed.h"
+#include <sys/stat.h>
+#include <unistd.h>
 
 using testsupport::Installation;
 using testsupport::makeFile;
@@ -33,14 +32,16 @@ QByteArray contentOf(const QString& path)
 QStringList filesBelow(const QString& path)
 {
     QStringList files;
-    QDirIterator it(path, QDir::Files | QDir::Hidden | QDir::NoSymLinks | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    QDirIterator it(path, QDir::Files | QDir::Hidden | QDir::NoSymLinks | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
     while (it.hasNext())
         files.append(it.next());
     return files;
 }
 
 // Two installations that know each other, each with something to send.
-struct Pair {
+struct Pair
+{
     Pair()
     {
         for (Installation* host : {&north, &south})
@@ -57,7 +58,8 @@ struct Pair {
 
     void transfer()
     {
-        const QStringList options{QStringLiteral("--exit-when-sent"), QStringLiteral("--exit-when-received"), QStringLiteral("1")};
+        const QStringList options{QStringLiteral("--exit-when-sent"), QStringLiteral("--exit-when-received"),
+                                  QStringLiteral("1")};
         south.run(exchange, options + QStringList{QStringLiteral("--no-calls")});
         north.run(exchange, options);
         EXPECT_EQ(north.waitForEnd(transferDeadlineMs), 0);
@@ -93,7 +95,8 @@ QList<QByteArray> formsOf(const QByteArray& secret)
         forms << part << part.toHex() << part.toHex().toUpper() << part.toHex(' ') << part.toHex(':');
     for (const QByteArray& part : {secret.left(wholeGroups), secret.mid(wholeGroups, wholeGroups)}) {
         forms << part.toBase64() << part.toBase64(QByteArray::Base64UrlEncoding);
-        for (const char* digits : {"ABCDEFGHIJKLMNOPQRSTUVWXYZ234567", "0123456789ABCDEFGHJKMNPQRSTVWXYZ", "0123456789ABCDEFGHIJKLMNOPQRSTUV"})
+        for (const char* digits : {"ABCDEFGHIJKLMNOPQRSTUVWXYZ234567", "0123456789ABCDEFGHJKMNPQRSTVWXYZ",
+                                   "0123456789ABCDEFGHIJKLMNOPQRSTUV"})
             forms << base32(part, digits) << base32(part, digits).toLower();
     }
     return forms;
@@ -124,7 +127,8 @@ QByteArray secretOf(const Installation& host)
 void logAllTraffic(const Installation& host)
 {
     QSettings settings(host.root() + QStringLiteral("/settings/settings.ini"), QSettings::IniFormat);
-    for (const char* key : {"transportComPackets", "transportComData", "transportAbonents", "transportBaseProtocol", "ipcData"})
+    for (const char* key :
+         {"transportComPackets", "transportComData", "transportAbonents", "transportBaseProtocol", "ipcData"})
         settings.setValue(QStringLiteral("Debug/") + QLatin1String(key), true);
 }
 
@@ -133,7 +137,8 @@ TEST(PrivateFiles, TheSearchFindsASecretInEachForm)
     const QByteArray secret = QByteArray::fromHex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
     // Written by other programs: xxd, base64, base32.
     for (const char* text : {"key=101112131415161718191a1b1c1d1e1f", "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8=",
-                             "AAAQEAYEAUDAOCAJBIFQYDIOB4IBCEQTCQKRMFYYDENBWHA5DYPQ====", "00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f"})
+                             "AAAQEAYEAUDAOCAJBIFQYDIOB4IBCEQTCQKRMFYYDENBWHA5DYPQ====",
+                             "00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f"})
         EXPECT_TRUE(holds(QByteArray("..") + text, secret)) << text;
     EXPECT_TRUE(holds("some memory " + secret.mid(10) + " and more", secret));
     EXPECT_FALSE(holds("no 0102030405060708", secret));
@@ -149,8 +154,9 @@ TEST(PrivateFiles, TheSecretKeyStandsInItsFileAlone)
     QByteArray shown;
     pair.transfer();
     for (Installation* host : {&pair.north, &pair.south}) {
-        for (const QStringList& command : {QStringList{QStringLiteral("status")}, QStringList{QStringLiteral("status"), QStringLiteral("--json")},
-                                           QStringList{QStringLiteral("abonent"), QStringLiteral("list")}, QStringList{QStringLiteral("key")}}) {
+        for (const QStringList& command :
+             {QStringList{QStringLiteral("status")}, QStringList{QStringLiteral("status"), QStringLiteral("--json")},
+              QStringList{QStringLiteral("abonent"), QStringLiteral("list")}, QStringList{QStringLiteral("key")}}) {
             host->command(command);
             shown += host->output().toUtf8();
         }
@@ -171,7 +177,8 @@ TEST(PrivateFiles, TheSecretKeyStandsInItsFileAlone)
     }
     EXPECT_GE(logs, 2) << "they do not log what goes over the line";
     holders.sort();
-    QStringList expected{pair.north.root() + QStringLiteral("/settings/identity.key"), pair.south.root() + QStringLiteral("/settings/identity.key")};
+    QStringList expected{pair.north.root() + QStringLiteral("/settings/identity.key"),
+                         pair.south.root() + QStringLiteral("/settings/identity.key")};
     expected.sort();
     EXPECT_EQ(holders, expected);
     for (const QByteArray& secret : secrets)
@@ -201,7 +208,8 @@ QStringList namesUsedBy(const Installation& host)
     return names;
 }
 
-struct Outside {
+struct Outside
+{
     QString directory = testsupport::installRoot() + QStringLiteral("/outside");
     QHash<QString, QByteArray> files; // path, mode and content
 
@@ -209,7 +217,9 @@ struct Outside {
     {
         QHash<QString, QByteArray> found;
         for (const QString& path : filesBelow(directory)) {
-            struct stat status{};
+            struct stat status
+            {
+            };
             EXPECT_EQ(::stat(QFile::encodeName(path).constData(), &status), 0);
             found.insert(path, QByteArray::number(status.st_mode, 8) + ' ' + contentOf(path));
         }
@@ -223,7 +233,8 @@ int plant(const Installation& host, const QStringList& names, const QString& dir
     int planted = 0;
     for (const QString& name : names) {
         const QString link = host.root() + QLatin1Char('/') + name;
-        const QString target = QStringLiteral("%1/%2-%3").arg(directory, host.root().section(QLatin1Char('/'), -1), QString::number(planted));
+        const QString target = QStringLiteral("%1/%2-%3")
+                                   .arg(directory, host.root().section(QLatin1Char('/'), -1), QString::number(planted));
         QDir().mkpath(QFileInfo(link).path());
         if (::symlink(QFile::encodeName(target).constData(), QFile::encodeName(link).constData()) != 0)
             continue; // a file of the installation
@@ -241,8 +252,11 @@ int plant(const Installation& host, const QStringList& names, const QString& dir
 // The same for directories of messages, which a host empties and removes.
 void plantDirectories(const Installation& host, const QString& directory)
 {
-    for (const char* name : {"incomplete/00000001", "incomplete/00000002", "incomplete/left", "output/00000007", "output/left", "input/00000007"}) {
-        const QString target = QStringLiteral("%1/%2-%3").arg(directory, host.root().section(QLatin1Char('/'), -1), QString::fromLatin1(name).replace('/', '-'));
+    for (const char* name : {"incomplete/00000001", "incomplete/00000002", "incomplete/left", "output/00000007",
+                             "output/left", "input/00000007"}) {
+        const QString target =
+            QStringLiteral("%1/%2-%3")
+                .arg(directory, host.root().section(QLatin1Char('/'), -1), QString::fromLatin1(name).replace('/', '-'));
         const QString link = host.root() + QStringLiteral("/data/0/messages/") + QLatin1String(name);
         QDir().mkpath(target);
         QDir().mkpath(QFileInfo(link).path());
@@ -256,7 +270,8 @@ class PlantedLinks : public testing::TestWithParam<bool>
 {
 };
 
-INSTANTIATE_TEST_SUITE_P(To, PlantedLinks, testing::Bool(), [](const auto& test) { return test.param ? "Files" : "Nothing"; });
+INSTANTIATE_TEST_SUITE_P(To, PlantedLinks, testing::Bool(),
+                         [](const auto& test) { return test.param ? "Files" : "Nothing"; });
 
 TEST_P(PlantedLinks, ChangeNothingOutside)
 {
@@ -277,7 +292,8 @@ TEST_P(PlantedLinks, ChangeNothingOutside)
     pair.queueFiles();
     Outside outside;
     QDir().mkpath(outside.directory);
-    const int planted = plant(pair.north, northNames, outside.directory, GetParam()) + plant(pair.south, southNames, outside.directory, GetParam());
+    const int planted = plant(pair.north, northNames, outside.directory, GetParam()) +
+                        plant(pair.south, southNames, outside.directory, GetParam());
     EXPECT_GT(planted, 60);
     EXPECT_EQ(outside.look().size(), GetParam() ? planted : 0);
     plantDirectories(pair.north, outside.directory);
@@ -285,12 +301,13 @@ TEST_P(PlantedLinks, ChangeNothingOutside)
     outside.files = outside.look();
     // What comes of it for the installation is not asked: it is told, or works.
     for (Installation* host : {&pair.north, &pair.south}) {
-        for (const QStringList& command : {QStringList{QStringLiteral("name"), QStringLiteral("Другой")}, QStringList{QStringLiteral("status")},
-                                           QStringList{QStringLiteral("key")}, QStringList{QStringLiteral("name"), host->name()}})
+        for (const QStringList& command :
+             {QStringList{QStringLiteral("name"), QStringLiteral("Другой")}, QStringList{QStringLiteral("status")},
+              QStringList{QStringLiteral("key")}, QStringList{QStringLiteral("name"), host->name()}})
             host->command(command);
     }
-    const QStringList options{QStringLiteral("--exit-when-sent"), QStringLiteral("--exit-when-received"), QStringLiteral("1"),
-                              QStringLiteral("--timeout"), QStringLiteral("15")};
+    const QStringList options{QStringLiteral("--exit-when-sent"), QStringLiteral("--exit-when-received"),
+                              QStringLiteral("1"), QStringLiteral("--timeout"), QStringLiteral("15")};
     // A list of what was received that is a link keeps a host from starting; without it both go on.
     for (const bool isListPlanted : {true, false}) {
         for (Installation* host : {&pair.north, &pair.south})

@@ -1,21 +1,20 @@
 // Whole installations that call one another: whatever the line does, each file arrives
 // once, whole and bit-exact.
-#include <algorithm>
-#include <cstdio>
-#include <map>
-#include <random>
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
+#include "tests/system/testbed.h"
 
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-
 #include <gtest/gtest.h>
 
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
-#include "tests/system/testbed.h"
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <random>
 
 using testsupport::Installation;
 using testsupport::makeFile;
@@ -36,7 +35,8 @@ QStringList untilDone(int received)
 }
 
 // Two installations that know each other, on modems 1 and 2.
-struct Pair {
+struct Pair
+{
     explicit Pair(const QStringList& exchangeOptions = {})
         : exchange(2, QStringList{QStringLiteral("--rate"), QStringLiteral("115200")} + exchangeOptions)
     {
@@ -66,8 +66,9 @@ void expectReceivedOnce(const Installation& receiver, const QByteArray& content,
 QByteArray misleadingBytes()
 {
     const QByteArray packet = QByteArray::fromHex("7c0001010041") // a torn packet, then whole ones
-        + QByteArray::fromHex("7c00010500644f48656c6c6fbb8ac44f") + QByteArray::fromHex("7c000000 00a187")
-        + QByteArray::fromHex("7c01000500e00e000102feff47c723f4");
+                              + QByteArray::fromHex("7c00010500644f48656c6c6fbb8ac44f") +
+                              QByteArray::fromHex("7c000000 00a187") +
+                              QByteArray::fromHex("7c01000500e00e000102feff47c723f4");
     return (packet + "+++" + "\rATH\r" + "\r\nNO CARRIER\r\n" + "\r\nOK\r\n").repeated(120);
 }
 
@@ -79,7 +80,8 @@ TEST(System, BothDirectionsInOneCall)
     const QByteArray large = randomBytes(60000);
     const QByteArray misleading = misleadingBytes();
     const QByteArray small = "x";
-    pair.north.send(pair.south, {makeFile(QStringLiteral("large.bin"), large), makeFile(QStringLiteral("Письмо № 1, с пробелами.txt"), misleading),
+    pair.north.send(pair.south, {makeFile(QStringLiteral("large.bin"), large),
+                                 makeFile(QStringLiteral("Письмо № 1, с пробелами.txt"), misleading),
                                  makeFile(QStringLiteral("empty"), {})});
     pair.south.send(pair.north, {makeFile(QStringLiteral("large.bin"), large), makeFile(QStringLiteral("s"), small)});
     // South waits to be called, so that there is one call and no more.
@@ -94,7 +96,9 @@ TEST(System, BothDirectionsInOneCall)
     expectReceivedOnce(pair.north, small, QStringLiteral("s"));
     EXPECT_EQ(pair.north.events(QStringLiteral("callBegun")).size(), 1);
     const QList<QJsonObject> calls = pair.exchange.stop();
-    ASSERT_EQ(std::count_if(calls.begin(), calls.end(), [](const QJsonObject& call) { return call[QStringLiteral("connected")].toBool(); }), 1);
+    ASSERT_EQ(std::count_if(calls.begin(), calls.end(),
+                            [](const QJsonObject& call) { return call[QStringLiteral("connected")].toBool(); }),
+              1);
 }
 
 TEST(System, NoiseAndADroppedCarrier)
@@ -175,9 +179,11 @@ TEST(System, APortThatVanishesInACallComesBack)
     Pair pair;
     const QByteArray content = randomBytes(90000);
     pair.north.send(pair.south, {makeFile(QStringLiteral("file"), content)});
-    pair.south.run(pair.exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls"), QStringLiteral("--silence-seconds"), QStringLiteral("5")});
+    pair.south.run(pair.exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls"),
+                                                             QStringLiteral("--silence-seconds"), QStringLiteral("5")});
     pair.north.run(pair.exchange, untilDone(0));
-    ASSERT_TRUE(waitFor([&] { return pair.south.events(QStringLiteral("progress"), QStringLiteral("in")).size() > 3; }, transferDeadlineMs));
+    ASSERT_TRUE(waitFor([&] { return pair.south.events(QStringLiteral("progress"), QStringLiteral("in")).size() > 3; },
+                        transferDeadlineMs));
     EXPECT_EQ(pair.exchange.command(QStringLiteral("unplug 2")).left(2), QStringLiteral("ok"));
     ASSERT_TRUE(waitFor([&] { return !pair.south.events(QStringLiteral("callEnded")).isEmpty(); }, transferDeadlineMs));
     EXPECT_EQ(pair.exchange.command(QStringLiteral("plug 2")).left(2), QStringLiteral("ok"));
@@ -191,7 +197,8 @@ TEST(System, KilledReceiverAndSenderDeliverOnce)
     const QByteArray first = randomBytes(30000);
     const QByteArray second = randomBytes(30000);
     pair.north.send(pair.south, {makeFile(QStringLiteral("first"), first), makeFile(QStringLiteral("second"), second)});
-    const QStringList southOptions{QStringLiteral("--no-calls"), QStringLiteral("--silence-seconds"), QStringLiteral("4")};
+    const QStringList southOptions{QStringLiteral("--no-calls"), QStringLiteral("--silence-seconds"),
+                                   QStringLiteral("4")};
     const QStringList northOptions{QStringLiteral("--silence-seconds"), QStringLiteral("4")};
     pair.south.run(pair.exchange, southOptions);
     pair.north.run(pair.exchange, untilDone(0) + northOptions);
@@ -224,7 +231,8 @@ TEST(System, KilledAtRandomMomentsAgainAndAgain)
     std::printf("seed %u, %d s\n", testsupport::seed(), seconds);
 
     Pair pair;
-    struct Side {
+    struct Side
+    {
         Installation* self;
         Installation* peer;
         QMap<QString, QByteArray> sent = {};
@@ -278,7 +286,10 @@ TEST(System, KilledAtRandomMomentsAgainAndAgain)
             if (side.peer->receivedCount() < side.sent.size())
                 return false;
             side.self->command({QStringLiteral("status"), QStringLiteral("--json")});
-            return QJsonDocument::fromJson(side.self->output().toUtf8()).object()[QStringLiteral("queue")].toArray().isEmpty();
+            return QJsonDocument::fromJson(side.self->output().toUtf8())
+                .object()[QStringLiteral("queue")]
+                .toArray()
+                .isEmpty();
         });
     };
     EXPECT_TRUE(waitFor(allIsDone, transferDeadlineMs));
@@ -301,7 +312,8 @@ TEST(System, AMessageThatCannotBeDeliveredStaysQueuedAndSaysWhy)
     EXPECT_EQ(pair.exchange.command(QStringLiteral("busy 2 on")).left(2), QStringLiteral("ok"));
     pair.south.run(pair.exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls")});
     pair.north.run(pair.exchange, {QStringLiteral("--exit-when-sent")});
-    ASSERT_TRUE(waitFor([&] { return !pair.north.events(QStringLiteral("notConnected")).isEmpty(); }, transferDeadlineMs));
+    ASSERT_TRUE(
+        waitFor([&] { return !pair.north.events(QStringLiteral("notConnected")).isEmpty(); }, transferDeadlineMs));
     EXPECT_EQ(pair.north.stop(), exitDone);
     EXPECT_TRUE(pair.north.runOutput().contains(QStringLiteral("Не удалось установить соединение: BUSY")));
     ASSERT_EQ(pair.north.command({QStringLiteral("status")}), 0);
@@ -320,7 +332,8 @@ TEST(System, AChangedKeyEndsTheRunWithItsOwnStatus)
     Pair pair;
     const QByteArray content = randomBytes(500);
     ASSERT_TRUE(QFile::remove(pair.south.root() + QStringLiteral("/settings/identity.key")));
-    ASSERT_EQ(pair.south.command({QStringLiteral("key"), QStringLiteral("--new")}), 0) << pair.south.output().toStdString();
+    ASSERT_EQ(pair.south.command({QStringLiteral("key"), QStringLiteral("--new")}), 0)
+        << pair.south.output().toStdString();
     pair.north.send(pair.south, {makeFile(QStringLiteral("file"), content)});
     pair.south.run(pair.exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls")});
     pair.north.run(pair.exchange, untilDone(0));
@@ -354,9 +367,11 @@ TEST(System, TwoHostsOnOnePort)
     const QByteArray content = randomBytes(3000);
     pair.north.send(pair.south, {makeFile(QStringLiteral("file"), content)});
     pair.south.run(pair.exchange, untilDone(1) + QStringList{QStringLiteral("--no-calls")});
-    ASSERT_TRUE(waitFor([&] { return pair.south.runOutput().contains(QStringLiteral("Свободен")); }, transferDeadlineMs));
+    ASSERT_TRUE(
+        waitFor([&] { return pair.south.runOutput().contains(QStringLiteral("Свободен")); }, transferDeadlineMs));
     third.run(pair.exchange);
-    ASSERT_TRUE(waitFor([&] { return third.runOutput().contains(QStringLiteral("Ошибка открытия COM порта. ")); }, transferDeadlineMs));
+    ASSERT_TRUE(waitFor([&] { return third.runOutput().contains(QStringLiteral("Ошибка открытия COM порта. ")); },
+                        transferDeadlineMs));
     pair.north.run(pair.exchange, untilDone(0));
     pair.expectBothEndWell();
     expectReceivedOnce(pair.south, content, QStringLiteral("file"));

@@ -1,8 +1,7 @@
 #include "tests/system/testbed.h"
 
-#include <random>
-
-#include <unistd.h>
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -11,11 +10,10 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcessEnvironment>
-
 #include <gtest/gtest.h>
 
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include <random>
+#include <unistd.h>
 
 namespace testsupport {
 
@@ -57,18 +55,20 @@ void place(const QString& path, const QString& to)
 
 // --- the exchange -----------------------------------------------------------------------
 
-PhoneExchange::PhoneExchange(int modems, const QStringList& options) : m_directory(freshDirectory(QStringLiteral("exchange")))
+PhoneExchange::PhoneExchange(int modems, const QStringList& options)
+    : m_directory(freshDirectory(QStringLiteral("exchange")))
 {
     const QString ready = m_directory + QStringLiteral("/ready");
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     m_process.start(built(QStringLiteral("bin/phone-exchange")),
-                    QStringList{QStringLiteral("--modems"), QString::number(modems), QStringLiteral("--link-dir"), m_directory,
-                                QStringLiteral("--table"), linesTable(), QStringLiteral("--ready-file"), ready,
-                                QStringLiteral("--stats"), m_directory + QStringLiteral("/calls.json"),
-                                QStringLiteral("--ring-interval"), QStringLiteral("2"),
-                                QStringLiteral("--seed"), QString::number(seed() & 0x7FFFFFFF)}
-                        + options);
-    if (!waitFor([&] { return QFile::exists(ready) || m_process.state() == QProcess::NotRunning; }, startDeadlineMs) || !QFile::exists(ready))
+                    QStringList{QStringLiteral("--modems"), QString::number(modems), QStringLiteral("--link-dir"),
+                                m_directory, QStringLiteral("--table"), linesTable(), QStringLiteral("--ready-file"),
+                                ready, QStringLiteral("--stats"), m_directory + QStringLiteral("/calls.json"),
+                                QStringLiteral("--ring-interval"), QStringLiteral("2"), QStringLiteral("--seed"),
+                                QString::number(seed() & 0x7FFFFFFF)} +
+                        options);
+    if (!waitFor([&] { return QFile::exists(ready) || m_process.state() == QProcess::NotRunning; }, startDeadlineMs) ||
+        !QFile::exists(ready))
         ADD_FAILURE() << "the exchange did not start: " << output().toStdString();
 }
 
@@ -121,7 +121,9 @@ QList<QJsonObject> PhoneExchange::stop()
         m_process.waitForFinished(-1);
     }
     QList<QJsonObject> calls;
-    for (const QJsonValue call : QJsonDocument::fromJson(contentOf(m_directory + QStringLiteral("/calls.json"))).object()[QStringLiteral("calls")].toArray())
+    for (const QJsonValue call : QJsonDocument::fromJson(contentOf(m_directory + QStringLiteral("/calls.json")))
+                                     .object()[QStringLiteral("calls")]
+                                     .toArray())
         calls.append(call.toObject());
     return calls;
 }
@@ -132,7 +134,8 @@ Installation::Installation(const QString& name) : m_name(name), m_root(freshDire
 {
     QDir().mkpath(m_root + QStringLiteral("/bin/channelPlugins"));
     place(built(QStringLiteral("bin/transport-host")), m_root + QStringLiteral("/bin/transport-host"));
-    place(built(QStringLiteral("bin/channelPlugins/libtransportCom.so.1")), m_root + QStringLiteral("/bin/channelPlugins/libtransportCom.so.1"));
+    place(built(QStringLiteral("bin/channelPlugins/libtransportCom.so.1")),
+          m_root + QStringLiteral("/bin/channelPlugins/libtransportCom.so.1"));
     EXPECT_EQ(command({QStringLiteral("name"), name}), 0) << output().toStdString();
 }
 
@@ -157,7 +160,8 @@ int Installation::command(const QStringList& arguments)
 void Installation::addSettings(const QByteArray& lines)
 {
     QFile file(m_root + QStringLiteral("/settings/settings.ini"));
-    EXPECT_TRUE(file.open(QIODevice::Append) && file.write('\n' + lines) == lines.size() + 1) << file.errorString().toStdString();
+    EXPECT_TRUE(file.open(QIODevice::Append) && file.write('\n' + lines) == lines.size() + 1)
+        << file.errorString().toStdString();
 }
 
 void Installation::addPort(const QString& port)
@@ -175,8 +179,9 @@ QString Installation::key() const
 
 void Installation::addAbonent(const Installation& peer, const QString& number)
 {
-    EXPECT_EQ(command({QStringLiteral("abonent"), QStringLiteral("add"), peer.name(), QStringLiteral("--number"), number,
-                       QStringLiteral("--key"), peer.key()}), 0)
+    EXPECT_EQ(command({QStringLiteral("abonent"), QStringLiteral("add"), peer.name(), QStringLiteral("--number"),
+                       number, QStringLiteral("--key"), peer.key()}),
+              0)
         << output().toStdString();
 }
 
@@ -192,17 +197,18 @@ void Installation::run(const PhoneExchange& exchange, const QStringList& options
     environment.insert(QStringLiteral("PTYLINES_TABLE"), exchange.linesTable());
     // The object with the modem lines has to stand before the sanitizer's own definitions,
     // and the search for leaks fails in a program that has it preloaded.
-    environment.insert(QStringLiteral("ASAN_OPTIONS"), environment.value(QStringLiteral("ASAN_OPTIONS"))
-                           + QStringLiteral(":verify_asan_link_order=0:detect_leaks=0"));
+    environment.insert(QStringLiteral("ASAN_OPTIONS"), environment.value(QStringLiteral("ASAN_OPTIONS")) +
+                                                           QStringLiteral(":verify_asan_link_order=0:detect_leaks=0"));
     m_process = std::make_unique<QProcess>();
     m_process->setProcessEnvironment(environment);
     m_process->setProcessChannelMode(QProcess::MergedChannels);
     m_process->setStandardOutputFile(m_root + QStringLiteral("/output.txt"), QIODevice::Append);
     m_process->setStandardInputFile(QProcess::nullDevice());
     m_process->start(m_root + QStringLiteral("/bin/transport-host"),
-                     QStringList{QStringLiteral("run"), QStringLiteral("--plain"), QStringLiteral("--retry-seconds"), QStringLiteral("0.03"),
-                                 QStringLiteral("--events"), m_root + QStringLiteral("/events.json")}
-                         + (isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) + options);
+                     QStringList{QStringLiteral("run"), QStringLiteral("--plain"), QStringLiteral("--retry-seconds"),
+                                 QStringLiteral("0.03"), QStringLiteral("--events"),
+                                 m_root + QStringLiteral("/events.json")} +
+                         (isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) + options);
     EXPECT_TRUE(m_process->waitForStarted(startDeadlineMs));
 }
 
@@ -238,7 +244,8 @@ QList<QJsonObject> Installation::events(const QString& kind, const QString& dire
     QList<QJsonObject> found;
     for (const QByteArray& line : contentOf(m_root + QStringLiteral("/events.json")).split('\n')) {
         const QJsonObject event = QJsonDocument::fromJson(line).object();
-        if (event[QStringLiteral("event")].toString() == kind && (direction.isEmpty() || event[QStringLiteral("direction")].toString() == direction))
+        if (event[QStringLiteral("event")].toString() == kind &&
+            (direction.isEmpty() || event[QStringLiteral("direction")].toString() == direction))
             found.append(event);
     }
     return found;

@@ -2,13 +2,13 @@
 // telephone exchange between them, as processes of their own.
 #pragma once
 
-#include <memory>
-
 #include <QJsonObject>
 #include <QList>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+
+#include <memory>
 
 namespace testsupport {
 

@@ -1,15 +1,14 @@
 // The recommended settings on simulated lines, in simulated time: they get what the rule
 // promises.
-#include <cstdio>
-#include <fstream>
-
-#include <QDir>
-
-#include <gtest/gtest.h>
-
 #include "tests/soak/runprocess.h"
 #include "tests/support/testroot.h"
 #include "tests/tools/linkmeasure.h"
+
+#include <QDir>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
 
 namespace {
 
@@ -28,7 +27,8 @@ struct Case
 
 void PrintTo(const Case& line, std::ostream* out)
 {
-    *out << line.rate << " bit/s, " << line.delayMs << " ms, " << line.bitErrorRate << (line.bothWays ? ", both ways" : ", one way");
+    *out << line.rate << " bit/s, " << line.delayMs << " ms, " << line.bitErrorRate
+         << (line.bothWays ? ", both ways" : ", one way");
 }
 
 class RecommendedSettings : public testing::TestWithParam<Case>
@@ -77,8 +77,8 @@ TEST(SessionOpening, IsSoonOverOnTheSlowestLine)
     const measure::Outcome outcome = measure::run(course, profile);
     EXPECT_EQ(outcome.error, "");
     const auto tell = [](const char* what, const measure::Outcome::Moment& moment) {
-        std::printf("%s after %.2f s, %lld bytes carried from the caller, %lld from the answerer\n", what, moment.seconds,
-                    static_cast<long long>(moment.bytes[0]), static_cast<long long>(moment.bytes[1]));
+        std::printf("%s after %.2f s, %lld bytes carried from the caller, %lld from the answerer\n", what,
+                    moment.seconds, static_cast<long long>(moment.bytes[0]), static_cast<long long>(moment.bytes[1]));
     };
     tell("both proved", outcome.bothProved);
     tell("first offer", outcome.firstOffer);
@@ -105,13 +105,11 @@ TEST(LinkMeasure, refusesAProfileThatIsNotInForce)
     EXPECT_EQ(measure::run(course, profile).error, "settings that the channel does not take");
 }
 
-INSTANTIATE_TEST_SUITE_P(Lines, RecommendedSettings,
-                         testing::Values(Case{"slow", 9600, 0, 0, false, 120}, //
-                                         Case{"slowNoisyBoth", 9600, 0, 1e-4, true, 200},
-                                         Case{"clean", 115200, 0, 0, false, 60},
-                                         Case{"cleanBoth", 115200, 0, 0, true, 60},
-                                         Case{"noise", 115200, 0, 1e-5, false, 60},
-                                         Case{"noisy", 57600, 0, 1e-4, false, 60},
-                                         Case{"farNoise", 33600, 100, 1e-5, false, 120},
-                                         Case{"fast", 921600, 0, 0, false, 20}),
-                         [](const testing::TestParamInfo<Case>& line) { return std::string(line.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Lines, RecommendedSettings,
+    testing::Values(Case{"slow", 9600, 0, 0, false, 120}, //
+                    Case{"slowNoisyBoth", 9600, 0, 1e-4, true, 200}, Case{"clean", 115200, 0, 0, false, 60},
+                    Case{"cleanBoth", 115200, 0, 0, true, 60}, Case{"noise", 115200, 0, 1e-5, false, 60},
+                    Case{"noisy", 57600, 0, 1e-4, false, 60}, Case{"farNoise", 33600, 100, 1e-5, false, 120},
+                    Case{"fast", 921600, 0, 0, false, 20}),
+    [](const testing::TestParamInfo<Case>& line) { return std::string(line.param.name); });

@@ -1,22 +1,22 @@
 #include "tests/tools/linkmeasure.h"
 
-#include <algorithm>
-#include <memory>
-
-#include <QCoreApplication>
-#include <QSerialPort>
-
 #include "com/ccomchannel.h"
 #include "com/ccomsettings.h"
 #include "common/csettings.h"
-#include "host/session/session.h"
 #include "host/channel/sessionpass.h"
+#include "host/session/session.h"
 #include "tests/host/memorystore.h"
 #include "tests/host/sealedpeer.h"
 #include "tests/soak/line.h"
 #include "tests/soak/rng.h"
 #include "tests/soak/turns.h"
 #include "tests/support/silentstate.h"
+
+#include <QCoreApplication>
+#include <QSerialPort>
+
+#include <algorithm>
+#include <memory>
 
 namespace measure {
 
@@ -50,8 +50,8 @@ public:
         settings.identity = hosttest::testKey(end);
         m_directory.everybodyElse = QString::number(1 - end);
         const host::SessionCall call{end == 0, m_directory.everybodyElse};
-        m_session = std::make_unique<host::Session>(settings, call, &m_directory, &store,
-                                                    [this](const host::SessionEvent& event) { note(event); }, nowMs());
+        m_session = std::make_unique<host::Session>(
+            settings, call, &m_directory, &store, [this](const host::SessionEvent& event) { note(event); }, nowMs());
         m_pass = std::make_unique<host::SessionPass>(m_session.get(), m_channel.get(), profile.maxBytesToWrite, nowMs);
     }
 
@@ -86,10 +86,7 @@ private:
         m_wasOffered = m_wasOffered || (event.kind == host::SessionEvent::Kind::FileBegun && !event.outgoing);
     }
 
-    void schedulePause()
-    {
-        m_nextPauseNs = nowNs() + static_cast<std::int64_t>(m_rng.below(2 * meanBetweenPausesNs));
-    }
+    void schedulePause() { m_nextPauseNs = nowNs() + static_cast<std::int64_t>(m_rng.below(2 * meanBetweenPausesNs)); }
 
     const std::int64_t m_pauseNs;
     soak::Rng m_rng;
@@ -146,7 +143,8 @@ class Run
 {
 public:
     Run(const Course& course, const tune::LinkProfile& profile)
-        : m_course(course), m_line(lineSettings(course), course.seed), m_ends{End(0, course, profile), End(1, course, profile)}
+        : m_course(course),
+          m_line(lineSettings(course), course.seed), m_ends{End(0, course, profile), End(1, course, profile)}
     {
         soak::Rng rng(course.seed + 1);
         soak::Faults faults;
@@ -166,7 +164,8 @@ public:
             return failed("a port does not open");
         const std::int64_t startNs = nowNs();
         const std::int64_t most = std::max(m_course.bytes[0], m_course.bytes[1]);
-        const std::int64_t longestNs = graceNs + static_cast<std::int64_t>(static_cast<double>(most) / bytesPerS() / leastShare) * nsPerS;
+        const std::int64_t longestNs =
+            graceNs + static_cast<std::int64_t>(static_cast<double>(most) / bytesPerS() / leastShare) * nsPerS;
         bool isDone = false;
         while (!isDone) {
             End& end = soak::awaitNextTurn(m_ends);

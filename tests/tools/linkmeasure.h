@@ -2,12 +2,12 @@
 // channels over a simulated line, as fast as the machine can.
 #pragma once
 
+#include "tests/soak/channelsettings.h"
+#include "tools/linkprofile.h"
+
 #include <array>
 #include <cstdint>
 #include <string>
-
-#include "tests/soak/channelsettings.h"
-#include "tools/linkprofile.h"
 
 namespace measure {
 
@@ -24,7 +24,7 @@ struct Outcome
 {
     std::string error; // empty: all files arrived bit-exact
     std::array<double, 2> share{}; // of rate / 10, from that end, the session's opening counted
-    std::array<double, 2> busy{};  // share of the time in which the line carried bytes from that end
+    std::array<double, 2> busy{}; // share of the time in which the line carried bytes from that end
 
     struct Moment
     {

@@ -1,15 +1,14 @@
 // The rule that finds settings for a line: the values that docs/tuning.md works out by
 // hand, the limits of the keys, and that more of something never asks for less.
-#include "tools/linkprofile.h"
-
-#include <cmath>
-#include <random>
-
-#include <gtest/gtest.h>
-
 #include "com/ccomsettings.h"
 #include "common/settingskeys.h"
 #include "tests/support/testroot.h"
+#include "tools/linkprofile.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
 
 using tune::expectedGoodput;
 using tune::Goodput;
@@ -21,8 +20,8 @@ namespace tune {
 
 void PrintTo(const LinkProfile& p, std::ostream* out)
 {
-    *out << "packet " << p.packetSize << ", write " << p.maxBytesToWrite << ", queue " << p.maxBytesInQueue << ", resend "
-         << p.resendIntervalMs << ", confirm " << p.confirmationIntervalMs;
+    *out << "packet " << p.packetSize << ", write " << p.maxBytesToWrite << ", queue " << p.maxBytesInQueue
+         << ", resend " << p.resendIntervalMs << ", confirm " << p.confirmationIntervalMs;
 }
 
 void PrintTo(const LineFacts& line, std::ostream* out)
@@ -64,10 +63,14 @@ bool isInRange(Setting setting, int value)
 void expectValid(const LineFacts& facts)
 {
     const LinkProfile p = recommendedProfile(facts);
-    EXPECT_TRUE(isInRange(Setting::DetailsTransportComMaxBytesToWrite, p.maxBytesToWrite)) << testing::PrintToString(facts);
-    EXPECT_TRUE(isInRange(Setting::DetailsTransportComMaxBytesInQueue, p.maxBytesInQueue)) << testing::PrintToString(facts);
-    EXPECT_TRUE(isInRange(Setting::DetailsTransportComResendInterval, p.resendIntervalMs)) << testing::PrintToString(facts);
-    EXPECT_TRUE(isInRange(Setting::DetailsTransportComConfirmationInterval, p.confirmationIntervalMs)) << testing::PrintToString(facts);
+    EXPECT_TRUE(isInRange(Setting::DetailsTransportComMaxBytesToWrite, p.maxBytesToWrite))
+        << testing::PrintToString(facts);
+    EXPECT_TRUE(isInRange(Setting::DetailsTransportComMaxBytesInQueue, p.maxBytesInQueue))
+        << testing::PrintToString(facts);
+    EXPECT_TRUE(isInRange(Setting::DetailsTransportComResendInterval, p.resendIntervalMs))
+        << testing::PrintToString(facts);
+    EXPECT_TRUE(isInRange(Setting::DetailsTransportComConfirmationInterval, p.confirmationIntervalMs))
+        << testing::PrintToString(facts);
     // A full packet of that size is what a host's block makes, and the queue takes one.
     EXPECT_GE(p.packetSize, 16);
     EXPECT_LE(p.packetSize, p.maxBytesToWrite);
@@ -93,8 +96,9 @@ public:
     {
         const auto whole = [&](int most) { return std::uniform_int_distribution<>(0, most)(m_engine); };
         const double bitErrorRate = whole(3) == 0 ? 0 : logBetween(1e-8, tune::highestBitErrorRate);
-        return line(static_cast<int>(logBetween(tune::lowestRate, tune::highestRate)), whole(1) ? whole(tune::longestDelayMs) : whole(300),
-                    bitErrorRate, whole(1) ? 4096 : whole(tune::largestBufferBytes));
+        return line(static_cast<int>(logBetween(tune::lowestRate, tune::highestRate)),
+                    whole(1) ? whole(tune::longestDelayMs) : whole(300), bitErrorRate,
+                    whole(1) ? 4096 : whole(tune::largestBufferBytes));
     }
 
 private:
@@ -132,7 +136,8 @@ TEST(LinkProfileRule, StaysWithinTheRangesAtAndBeyondTheLimits)
 {
     for (const int rate : {-1, 0, 1, tune::lowestRate, tune::highestRate, 2147483647}) {
         for (const int delayMs : {-5, 0, tune::longestDelayMs, 2147483647}) {
-            for (const double bitErrorRate : {-1.0, 0.0, 1e-300, 1e-7, tune::highestBitErrorRate, 1.0, double(INFINITY), double(NAN)}) {
+            for (const double bitErrorRate :
+                 {-1.0, 0.0, 1e-300, 1e-7, tune::highestBitErrorRate, 1.0, double(INFINITY), double(NAN)}) {
                 for (const int bufferBytes : {-1, 0, tune::largestBufferBytes, 2147483647})
                     expectValid(line(rate, delayMs, bitErrorRate, bufferBytes));
             }
@@ -147,8 +152,10 @@ TEST(LinkProfileRule, MoreNoiseNeverAsksForLargerPacketsNorPromisesMore)
         const LineFacts less = draw.facts();
         LineFacts more = less;
         more.bitErrorRate = std::min(tune::highestBitErrorRate, less.bitErrorRate * draw.logBetween(1, 100) + 1e-9);
-        EXPECT_LE(recommendedProfile(more).packetSize, recommendedProfile(less).packetSize) << testing::PrintToString(less);
-        EXPECT_LE(expectedGoodput(more).oneWay, expectedGoodput(less).oneWay + 0.02) << testing::PrintToString(less) << " and " << more.bitErrorRate;
+        EXPECT_LE(recommendedProfile(more).packetSize, recommendedProfile(less).packetSize)
+            << testing::PrintToString(less);
+        EXPECT_LE(expectedGoodput(more).oneWay, expectedGoodput(less).oneWay + 0.02)
+            << testing::PrintToString(less) << " and " << more.bitErrorRate;
     }
 }
 
@@ -163,8 +170,11 @@ TEST(LinkProfileRule, LongerDelayNeverShortensTheResendIntervalNorTheQueue)
         const LineFacts nearLine = draw.facts();
         LineFacts farLine = nearLine;
         farLine.delayMs += 500;
-        EXPECT_GE(recommendedProfile(farLine).resendIntervalMs, nearly * recommendedProfile(nearLine).resendIntervalMs) << testing::PrintToString(nearLine);
-        EXPECT_GE(recommendedProfile(farLine).maxBytesInQueue + wholeBytes, recommendedProfile(nearLine).maxBytesInQueue) << testing::PrintToString(nearLine);
+        EXPECT_GE(recommendedProfile(farLine).resendIntervalMs, nearly * recommendedProfile(nearLine).resendIntervalMs)
+            << testing::PrintToString(nearLine);
+        EXPECT_GE(recommendedProfile(farLine).maxBytesInQueue + wholeBytes,
+                  recommendedProfile(nearLine).maxBytesInQueue)
+            << testing::PrintToString(nearLine);
     }
 }
 
@@ -191,7 +201,8 @@ TEST(LinkProfileRule, WaitsLongerThanAConfirmationTakes)
         const LinkProfile p = recommendedProfile(facts);
         const double bytesPerMs = facts.rate / 10000.0;
         const double unconfirmed = (p.maxBytesInQueue + p.packetSize) / bytesPerMs;
-        const double longest = 2 * (facts.bufferBytes + p.packetSize) / bytesPerMs + p.confirmationIntervalMs + 2 * facts.delayMs;
+        const double longest =
+            2 * (facts.bufferBytes + p.packetSize) / bytesPerMs + p.confirmationIntervalMs + 2 * facts.delayMs;
         EXPECT_GE(p.resendIntervalMs, 1.2 * std::min(unconfirmed, longest)) << testing::PrintToString(facts);
     }
 }

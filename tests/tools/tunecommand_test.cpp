@@ -1,4 +1,9 @@
 // transport-tune: what it prints, what it writes, what it refuses.
+#include "com/ccomsettings.h"
+#include "common/csettings.h"
+#include "tests/support/testroot.h"
+#include "tools/linkprofile.h"
+#include "tools/profilefiles.h"
 #include "tools/tunecommand.h"
 
 #include <QCoreApplication>
@@ -8,14 +13,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QSettings>
-
 #include <gtest/gtest.h>
-
-#include "com/ccomsettings.h"
-#include "common/csettings.h"
-#include "tests/support/testroot.h"
-#include "tools/linkprofile.h"
-#include "tools/profilefiles.h"
 
 namespace {
 
@@ -122,18 +120,24 @@ TEST(TuneProgram, PrintsEveryValueWithItsUnitAndTheGoodput)
     EXPECT_EQ(result.err, QString());
     const tune::LinkProfile profile = tune::recommendedProfile(line(115200, 100, 1e-5));
     const auto row = [](const char* name, int value, const char* unit) {
-        return QStringLiteral("\n%1 %2 %3\n").arg(QString::fromLatin1(name), -41).arg(value, 8).arg(QString::fromLatin1(unit));
+        return QStringLiteral("\n%1 %2 %3\n")
+            .arg(QString::fromLatin1(name), -41)
+            .arg(value, 8)
+            .arg(QString::fromLatin1(unit));
     };
-    EXPECT_TRUE(result.out.startsWith("line: 115200 bit/s, delay 100 ms, bit error rate 1e-05, buffers of 4096 bytes\n"))
+    EXPECT_TRUE(
+        result.out.startsWith("line: 115200 bit/s, delay 100 ms, bit error rate 1e-05, buffers of 4096 bytes\n"))
         << result.out.toStdString();
     EXPECT_TRUE(result.out.contains(row("packetSize", profile.packetSize, "bytes"))) << result.out.toStdString();
     EXPECT_TRUE(result.out.contains(row("Details/transportComMaxBytesToWrite", profile.maxBytesToWrite, "bytes")));
     EXPECT_TRUE(result.out.contains(row("Details/transportComMaxBytesInQueue", profile.maxBytesInQueue, "bytes")));
     EXPECT_TRUE(result.out.contains(row("Details/transportComResendInterval", profile.resendIntervalMs, "ms")));
-    EXPECT_TRUE(result.out.contains(row("Details/transportComConfirmationInterval", profile.confirmationIntervalMs, "ms")));
+    EXPECT_TRUE(
+        result.out.contains(row("Details/transportComConfirmationInterval", profile.confirmationIntervalMs, "ms")));
     const tune::Goodput goodput = tune::expectedGoodput(line(115200, 100, 1e-5));
-    EXPECT_TRUE(result.out.contains(QString::asprintf("expected goodput: %.3f of the line (%.0f bytes/s) one way, %.3f each way",
-                                                      goodput.oneWay, goodput.oneWay * 11520, goodput.bothWays)))
+    EXPECT_TRUE(result.out.contains(
+        QString::asprintf("expected goodput: %.3f of the line (%.0f bytes/s) one way, %.3f each way", goodput.oneWay,
+                          goodput.oneWay * 11520, goodput.bothWays)))
         << result.out.toStdString();
 }
 
@@ -164,8 +168,8 @@ TEST(TuneProgram, HelpNamesEveryOptionAndExitStatus)
 {
     const Result result = run({"--help"});
     EXPECT_EQ(result.status, 0);
-    for (const char* text : {"--rate", "--delay", "--ber", "--buffer", "--json", "--write", "--installation", "Examples:",
-                             "Exit status: 0 done, 1 failed, 2 wrong usage."})
+    for (const char* text : {"--rate", "--delay", "--ber", "--buffer", "--json", "--write", "--installation",
+                             "Examples:", "Exit status: 0 done, 1 failed, 2 wrong usage."})
         EXPECT_TRUE(result.out.contains(QString::fromLatin1(text))) << text;
 }
 
@@ -198,9 +202,10 @@ TEST(TuneProgram, WrongUsageSaysWhatIsWanted)
 
 TEST(TuneProgram, TakesTheEndsOfEachRange)
 {
-    for (const QStringList& arguments : {QStringList{"--rate", "300"}, QStringList{"--rate", "10000000"},
-                                         QStringList{"--rate", "9600", "--delay", "10000", "--ber", "0.01", "--buffer", "1048576"},
-                                         QStringList{"--rate", "9600", "--delay", "0", "--ber", "0", "--buffer", "0"}})
+    for (const QStringList& arguments :
+         {QStringList{"--rate", "300"}, QStringList{"--rate", "10000000"},
+          QStringList{"--rate", "9600", "--delay", "10000", "--ber", "0.01", "--buffer", "1048576"},
+          QStringList{"--rate", "9600", "--delay", "0", "--ber", "0", "--buffer", "0"}})
         EXPECT_EQ(run(arguments).status, 0) << arguments.join(' ').toStdString();
 }
 
@@ -208,7 +213,8 @@ TEST_F(WritingProfiles, SettingsAsTheChannelReadsThem)
 {
     const Result result = write();
     EXPECT_EQ(result.status, 0) << result.err.toStdString();
-    EXPECT_TRUE(result.out.endsWith(QStringLiteral("written into %1; hosts that run take it when they are started again\n").arg(root)))
+    EXPECT_TRUE(result.out.endsWith(
+        QStringLiteral("written into %1; hosts that run take it when they are started again\n").arg(root)))
         << result.out.toStdString();
     const tune::LinkProfile profile = tune::recommendedProfile(line(33600));
     EXPECT_EQ(key("Details/transportComMaxBytesToWrite"), profile.maxBytesToWrite);
@@ -279,7 +285,8 @@ TEST_F(WritingProfiles, ChangesNothingWhenThePortsCannotBeUnderstood)
     const QByteArray ports = twoPorts().toByteArray();
     QByteArray otherVersion = ports;
     otherVersion[3] = 2;
-    struct Case {
+    struct Case
+    {
         QByteArray bytes;
         const char* text;
     };
@@ -291,7 +298,8 @@ TEST_F(WritingProfiles, ChangesNothingWhenThePortsCannotBeUnderstood)
         const Result result = write();
         EXPECT_EQ(result.status, 1);
         EXPECT_EQ(result.out, QString());
-        EXPECT_TRUE(result.err.startsWith(QStringLiteral("transport-tune: %1").arg(path("channelCom.conf")))) << result.err.toStdString();
+        EXPECT_TRUE(result.err.startsWith(QStringLiteral("transport-tune: %1").arg(path("channelCom.conf"))))
+            << result.err.toStdString();
         EXPECT_TRUE(result.err.contains(QString::fromUtf8(bad.text))) << result.err.toStdString();
         EXPECT_EQ(content("channelCom.conf"), bad.bytes);
         EXPECT_FALSE(QFile::exists(path("settings.ini")));
@@ -303,7 +311,8 @@ TEST_F(WritingProfiles, TellsWhenAFileCannotBeWritten)
     QDir().mkpath(path("settings.ini")); // in the place of the file, for root too
     const Result result = write();
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, QStringLiteral("transport-tune: cannot write %1: check its permissions\n").arg(path("settings.ini")));
+    EXPECT_EQ(result.err,
+              QStringLiteral("transport-tune: cannot write %1: check its permissions\n").arg(path("settings.ini")));
     EXPECT_FALSE(QFile::exists(path("channelCom.conf")));
 }
 
@@ -314,9 +323,10 @@ TEST_F(WritingProfiles, TellsASettingsFileThatIsDamagedFromOneThatCannotBeWritte
         put("settings.ini", bytes);
         const Result result = write();
         EXPECT_EQ(result.status, 1) << bytes.constData();
-        EXPECT_EQ(result.err, QStringLiteral("transport-tune: cannot understand %1: a line of it is neither [Group] nor "
-                                             "key=value; nothing was changed\n")
-                                  .arg(path("settings.ini")));
+        EXPECT_EQ(result.err,
+                  QStringLiteral("transport-tune: cannot understand %1: a line of it is neither [Group] nor "
+                                 "key=value; nothing was changed\n")
+                      .arg(path("settings.ini")));
         EXPECT_EQ(content("settings.ini"), bytes);
         EXPECT_FALSE(QFile::exists(path("channelCom.conf")));
     }
@@ -351,7 +361,8 @@ TEST_F(WritingProfiles, TellsWhenThereIsNoInstallation)
     QDir().mkpath(nothing);
     result = run({"--rate", "9600", "--write", "--installation", nothing});
     EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(result.err.startsWith(QStringLiteral("transport-tune: %1 is no installation: it has no directory \"settings\";").arg(nothing)))
+    EXPECT_TRUE(result.err.startsWith(
+        QStringLiteral("transport-tune: %1 is no installation: it has no directory \"settings\";").arg(nothing)))
         << result.err.toStdString();
     EXPECT_TRUE(QDir(nothing).isEmpty());
 }

@@ -1,9 +1,5 @@
 // The response reader and the commands, without a worker.
 #include "com/modemdialogue.h"
-
-#include <QBuffer>
-#include <QSerialPort>
-
 #include "com/noanswerpause.h"
 #include "common/csettings.h"
 #include "tests/support/deadline.h"
@@ -11,11 +7,15 @@
 #include "tests/worker/modemscript.h"
 #include "tests/worker/workertest.h"
 
+#include <QBuffer>
+#include <QSerialPort>
+
 #include <random>
 
 namespace {
 
-struct Reply {
+struct Reply
+{
     const char* line;
     ModemResponse response;
 };
@@ -101,8 +101,8 @@ TEST(ClassifyModemLine, NumbersAreFixed)
 {
     EXPECT_EQ(static_cast<int>(classifyModemLine("x\n")), -1);
     EXPECT_EQ(static_cast<int>(ModemReading().response), 0);
-    const QList<QByteArray> lines = {"ERROR\n",      "OK\n",          "BUSY\n",      "RING\n", "CONNECT 1\n", "NO CARRIER\n",
-                                     "NO DIALTONE\n", "NO ANSWER\n", "AT\n",   "ATD1\n",      "ATA\n"};
+    const QList<QByteArray> lines = {"ERROR\n",       "OK\n",        "BUSY\n", "RING\n", "CONNECT 1\n", "NO CARRIER\n",
+                                     "NO DIALTONE\n", "NO ANSWER\n", "AT\n",   "ATD1\n", "ATA\n"};
     for (int i = 0; i < lines.size(); ++i)
         EXPECT_EQ(static_cast<int>(classifyModemLine(lines.at(i))), i + 1) << lines.at(i).constData();
 }
@@ -119,9 +119,10 @@ TEST(ClassifyModemLine, FoldsCaseAndCarriageReturns)
 
 TEST(ClassifyModemLine, AnythingElseIsUnknown)
 {
-    const char* const lines[] = {"OK \n", " OK\n", "OK", "CONNECT\n", "CONNECT\r\n", "NO DIAL TONE\n", "ATZ\n", "ATAX\n", "AT \n",
-                                 "RING 1\n", "BUSY!\n", " CONNECT 9600\n", "CARRIER 2400\n", "NO  CARRIER\n", "\n", "\r\r\n",
-                                 "ERRO\n", "+++\n", "ATH\n"};
+    const char* const lines[] = {
+        "OK \n",  " OK\n",    "OK",      "CONNECT\n",       "CONNECT\r\n",    "NO DIAL TONE\n", "ATZ\n", "ATAX\n",
+        "AT \n",  "RING 1\n", "BUSY!\n", " CONNECT 9600\n", "CARRIER 2400\n", "NO  CARRIER\n",  "\n",    "\r\r\n",
+        "ERRO\n", "+++\n",    "ATH\n"};
     for (const char* line : lines)
         EXPECT_EQ(classifyModemLine(line), ResponseUnknown) << line;
 }
@@ -209,10 +210,12 @@ TEST(ReadModemLine, LongLineComesInPieces)
 
 TEST(ReadModemLine, EverySplitOfTheInputGivesTheSameLines)
 {
-    const QByteArray bytes = "\r\nRING\r\n\r\nok\r\nATDT5\r\r\nCONNECT 9600/V34\r\nno dialtone\nx\r\r\n\r\n\r\nNO ANSWER\r\n";
-    const QStringList expected = {QStringLiteral("4 RING"), QStringLiteral("2 ok"), QStringLiteral("10 ATDT5"),
-                                  QStringLiteral("5 CONNECT 9600/V34"), QStringLiteral("7 no dialtone"),
-                                  QStringLiteral("-1 x"), QStringLiteral("8 NO ANSWER")};
+    const QByteArray bytes =
+        "\r\nRING\r\n\r\nok\r\nATDT5\r\r\nCONNECT 9600/V34\r\nno dialtone\nx\r\r\n\r\n\r\nNO ANSWER\r\n";
+    const QStringList expected = {QStringLiteral("4 RING"),        QStringLiteral("2 ok"),
+                                  QStringLiteral("10 ATDT5"),      QStringLiteral("5 CONNECT 9600/V34"),
+                                  QStringLiteral("7 no dialtone"), QStringLiteral("-1 x"),
+                                  QStringLiteral("8 NO ANSWER")};
     for (int cut = 0; cut <= bytes.size(); ++cut) {
         Input input;
         QStringList found = allReadings(input.feed(bytes.left(cut)));
@@ -325,7 +328,8 @@ TEST(ReadModemResponse, LogsEachLineOnceAndKeepsTheLastAnswer)
     EXPECT_EQ(lastAnswer, QStringLiteral("OK"));
     modem.reply("connect 9600\r\n\r\n");
     ASSERT_TRUE(testsupport::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseConnect; }));
-    ASSERT_TRUE(testsupport::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseNone && port.bytesAvailable() == 0; }));
+    ASSERT_TRUE(testsupport::waitFor(
+        [&] { return readModemResponse(port, lastAnswer) == ResponseNone && port.bytesAvailable() == 0; }));
     EXPECT_EQ(lastAnswer, QStringLiteral("connect 9600"));
     modem.reply("\r\r\n");
     ASSERT_TRUE(testsupport::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseUnknown; }));

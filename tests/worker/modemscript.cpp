@@ -17,8 +17,8 @@ testing::AssertionResult ModemScript::expectWritten(const QByteArray& expected)
     m_written.remove(0, expected.size());
     if (found == expected)
         return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "written: \"" << found.toPercentEncoding(" +").constData() << "\", expected: \""
-                                       << expected.toPercentEncoding(" +").constData() << '"';
+    return testing::AssertionFailure() << "written: \"" << found.toPercentEncoding(" +").constData()
+                                       << "\", expected: \"" << expected.toPercentEncoding(" +").constData() << '"';
 }
 
 QByteArray ModemScript::written()

@@ -1,12 +1,11 @@
 // The modem of a test: a pty with modem lines, played by the test itself, step by step.
 #pragma once
 
+#include "sim/pty/ptyendpoint.h"
+
 #include <QByteArray>
 #include <QString>
-
 #include <gtest/gtest.h>
-
-#include "sim/pty/ptyendpoint.h"
 
 class ModemScript
 {

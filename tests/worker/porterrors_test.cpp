@@ -1,10 +1,10 @@
 // Which errors of a port are passed on, and as what.
 #include "com/porterrors.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -17,7 +17,8 @@ ScriptedProtocol::~ScriptedProtocol()
 void ScriptedProtocol::start()
 {
     CAbstractProtocol::start();
-    m_log->add(QStringLiteral("protocol start %1|%2|%3").arg(remoteAbonentName, remoteAbonentNameFiltered, channelName));
+    m_log->add(
+        QStringLiteral("protocol start %1|%2|%3").arg(remoteAbonentName, remoteAbonentNameFiltered, channelName));
     if (onStart)
         onStart(this);
 }
@@ -31,23 +32,30 @@ void ScriptedProtocol::stop()
 
 void ScriptedProtocol::tellName(const QString& name)
 {
-    QMetaObject::invokeMethod(this, [this, name] {
-        remoteAbonentName = name;
-        emit remoteAbonentNameChanged(name);
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this, name] {
+            remoteAbonentName = name;
+            emit remoteAbonentNameChanged(name);
+        },
+        Qt::QueuedConnection);
 }
 
 void ScriptedProtocol::forgetName()
 {
-    QMetaObject::invokeMethod(this, [this] { remoteAbonentName.clear(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this] { remoteAbonentName.clear(); }, Qt::QueuedConnection);
 }
 
 void ScriptedProtocol::finish(bool isUseful)
 {
-    QMetaObject::invokeMethod(this, [this, isUseful] {
-        wasUseful = isUseful;
-        emit finished();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this, isUseful] {
+            wasUseful = isUseful;
+            emit finished();
+        },
+        Qt::QueuedConnection);
 }
 
 CAbstractProtocol* ScriptedFactory::createProtocol(CChannel* channel)

@@ -1,14 +1,14 @@
 // The host's protocol and its factory, told by the test what to do.
 #pragma once
 
-#include <atomic>
-#include <functional>
-
-#include <QMutex>
-
 #include "plugin/cabstractprotocol.h"
 #include "plugin/cabstractprotocolfactory.h"
 #include "tests/support/calllog.h"
+
+#include <QMutex>
+
+#include <atomic>
+#include <functional>
 
 // Records into the log:
 //   "protocol start <name>|<filtered name>|<channel name>"

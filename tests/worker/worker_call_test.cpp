@@ -1,12 +1,11 @@
 // Calls: dialling, answering, what becomes of them, and the sessions over them.
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
 #include "tests/worker/workertest.h"
-
-#include <future>
 
 #include <QElapsedTimer>
 
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include <future>
 
 using testsupport::waitFor;
 
@@ -53,8 +52,8 @@ TEST_P(FailingAnswer, EndsAnOutgoingCall)
     startOutgoing();
     modem.reply(QByteArray("\r\n") + GetParam() + "\r\n");
     completeReset();
-    expectEvents(QStringList{callStatus, callEvent} + failed(QLatin1String(GetParam()))
-                 + QStringList{QStringLiteral("notConnected A")} + eventsOfReopening());
+    expectEvents(QStringList{callStatus, callEvent} + failed(QLatin1String(GetParam())) +
+                 QStringList{QStringLiteral("notConnected A")} + eventsOfReopening());
     EXPECT_EQ(worker->abonentName(), QStringLiteral("A"));
 }
 
@@ -76,8 +75,8 @@ TEST_F(WorkerCall, AnswerEchoFailsAnOutgoingCall)
     modem.reply("ATD123\r\r\n"); // its own echo is nothing
     modem.reply("ATA\r\r\n");
     completeReset();
-    expectEvents(QStringList{callStatus, callEvent} + failed(QStringLiteral("ATA"))
-                 + QStringList{QStringLiteral("notConnected A")} + eventsOfReopening());
+    expectEvents(QStringList{callStatus, callEvent} + failed(QStringLiteral("ATA")) +
+                 QStringList{QStringLiteral("notConnected A")} + eventsOfReopening());
 }
 
 TEST_F(WorkerCall, DialEchoFailsAnIncomingCall)
@@ -104,8 +103,8 @@ TEST_F(WorkerCall, UnknownLinesDoNotProlongTheWait)
         return worker->state() == CComThread::ResettingModem;
     }));
     completeReset();
-    expectEvents(QStringList{callStatus, callEvent} + failed(timedOut) + QStringList{QStringLiteral("notConnected A")}
-                 + eventsOfReopening());
+    expectEvents(QStringList{callStatus, callEvent} + failed(timedOut) + QStringList{QStringLiteral("notConnected A")} +
+                 eventsOfReopening());
     const QList<LogLine> lines = logLines();
     const auto at = [&](const QString& text) {
         return *std::find_if(lines.begin(), lines.end(), [&](const LogLine& line) { return line.text == text; });
@@ -121,8 +120,8 @@ TEST_F(WorkerCall, IncomingCallThatIsNeverConnectedTimesOutInSilence)
     writeDetails({QStringLiteral("transportComConnectTimeout=100")});
     startIncoming();
     completeReset();
-    expectEvents(QStringList{ringStatus, ringEvent} + failed(QStringLiteral("превышено время ожидания"))
-                 + eventsOfReopening());
+    expectEvents(QStringList{ringStatus, ringEvent} + failed(QStringLiteral("превышено время ожидания")) +
+                 eventsOfReopening());
 }
 
 // --- taking and answering calls ---------------------------------------------------------
@@ -234,8 +233,8 @@ TEST_F(WorkerCall, DisconnectWhileDiallingDoesNothing)
     worker->keepAlive();
     modem.reply("CONNECT 9600\r\n");
     ASSERT_TRUE(waitForEvent(QStringLiteral("protocol start A|a|PORT")));
-    expectEvents(QStringList{callStatus, callEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600"))
-                 + QStringList{QStringLiteral("protocol start A|a|PORT")});
+    expectEvents(QStringList{callStatus, callEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600")) +
+                 QStringList{QStringLiteral("protocol start A|a|PORT")});
 }
 
 // --- sessions ---------------------------------------------------------------------------
@@ -251,13 +250,14 @@ TEST_F(WorkerCall, OutgoingCallThatSucceeds)
     EXPECT_EQ(worker->state(), CComThread::WaitingForConnect);
     endSession(true);
     expectEvents(QStringList{QStringLiteral("state Вызов 'Иван-1' (123)"),
-                             QStringLiteral("journal Вызов 'Иван-1' (123). Запись команды: ATD123")}
-                 + reported(QStringLiteral("Соединение установлено: connect 9600/V32"))
-                 + QStringList{QStringLiteral("protocol start Иван-1|иван1|PORT"), QStringLiteral("connected Иван-1 7")}
-                 + reported(QStringLiteral("Установлено соединение с 'Иван-1'"))
-                 + QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'Иван-1'"),
-                               QStringLiteral("disconnected Иван-1 7 1"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+                             QStringLiteral("journal Вызов 'Иван-1' (123). Запись команды: ATD123")} +
+                 reported(QStringLiteral("Соединение установлено: connect 9600/V32")) +
+                 QStringList{QStringLiteral("protocol start Иван-1|иван1|PORT"), QStringLiteral("connected Иван-1 7")} +
+                 reported(QStringLiteral("Установлено соединение с 'Иван-1'")) +
+                 QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'Иван-1'"),
+                             QStringLiteral("disconnected Иван-1 7 1"),
+                             QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
     const QStringList texts = logTexts();
     const int connectedAt = texts.indexOf(QStringLiteral("Соединение установлено: connect 9600/V32"));
     ASSERT_GT(connectedAt, 0);
@@ -276,12 +276,12 @@ TEST_F(WorkerCall, IncomingCallByRingLine)
     ASSERT_TRUE(waitForEvent(QStringLiteral("journal Установлено соединение с 'B'")));
     EXPECT_EQ(worker->abonentName(), QStringLiteral("B"));
     endSession(false);
-    expectEvents(QStringList{ringStatus, ringEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600"))
-                 + QStringList{QStringLiteral("protocol start ||PORT"), QStringLiteral("connected B 7")}
-                 + reported(QStringLiteral("Установлено соединение с 'B'"))
-                 + QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'B'"),
-                               QStringLiteral("disconnected B 7 0"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+    expectEvents(QStringList{ringStatus, ringEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600")) +
+                 QStringList{QStringLiteral("protocol start ||PORT"), QStringLiteral("connected B 7")} +
+                 reported(QStringLiteral("Установлено соединение с 'B'")) +
+                 QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'B'"),
+                             QStringLiteral("disconnected B 7 0"), QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerCall, IncomingCallByRingIndicator)
@@ -302,8 +302,8 @@ TEST_F(WorkerCall, IncomingCallWhosePartyNeverTellsItsName)
     startIncomingSession();
     endSession(true);
     expectEvents(QStringList{QStringLiteral("journal Потеряно соединение с абонентом ''"),
-                             QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+                             QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerCall, AnotherPartyAnswers)
@@ -313,12 +313,12 @@ TEST_F(WorkerCall, AnotherPartyAnswers)
     ASSERT_TRUE(waitForEvent(QStringLiteral("journal Установлено соединение с 'B'")));
     EXPECT_EQ(worker->abonentName(), QStringLiteral("B"));
     endSession(false);
-    expectEvents(QStringList{QStringLiteral("connected B 7")} + reported(QStringLiteral("Установлено соединение с 'B'"))
-                 + QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'B'"),
-                               QStringLiteral("notConnected A"),
-                               QStringLiteral("journal Не удалось установить соединение с 'A'"),
-                               QStringLiteral("disconnected B 7 0"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+    expectEvents(
+        QStringList{QStringLiteral("connected B 7")} + reported(QStringLiteral("Установлено соединение с 'B'")) +
+        QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'B'"), QStringLiteral("notConnected A"),
+                    QStringLiteral("journal Не удалось установить соединение с 'A'"),
+                    QStringLiteral("disconnected B 7 0"), QStringLiteral("protocol deleted keepAlive=0")} +
+        eventsOfReopening());
     EXPECT_EQ(worker->abonentName(), QStringLiteral("B"));
 }
 
@@ -337,8 +337,8 @@ TEST_F(WorkerCall, SessionThatNeverLearntTheNameEndsUnderTheCalledOne)
     startOutgoingSession();
     endSession(true);
     expectEvents(QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
-                             QStringLiteral("disconnected A 7 1"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+                             QStringLiteral("disconnected A 7 1"), QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerCall, SessionWithoutANameEndsUnderTheLatestOne)
@@ -350,8 +350,8 @@ TEST_F(WorkerCall, SessionWithoutANameEndsUnderTheLatestOne)
     session()->forgetName();
     endSession(false);
     expectEvents(QStringList{QStringLiteral("journal Потеряно соединение с абонентом ''"),
-                             QStringLiteral("disconnected B 7 0"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+                             QStringLiteral("disconnected B 7 0"), QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerCall, NameToldJustBeforeTheEndComesFirst)
@@ -360,10 +360,11 @@ TEST_F(WorkerCall, NameToldJustBeforeTheEndComesFirst)
     session()->tellName(QStringLiteral("A"));
     session()->finish(true);
     completeReset();
-    expectEvents(QStringList{QStringLiteral("connected A 7")} + reported(QStringLiteral("Установлено соединение с 'A'"))
-                 + QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
-                               QStringLiteral("disconnected A 7 1"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+    expectEvents(QStringList{QStringLiteral("connected A 7")} +
+                 reported(QStringLiteral("Установлено соединение с 'A'")) +
+                 QStringList{QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
+                             QStringLiteral("disconnected A 7 1"), QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerCall, EndDoesNotWaitForEverForABusyServer)
@@ -390,11 +391,11 @@ TEST_F(WorkerCall, SessionThatIsOverAtItsStart)
     startOutgoing();
     modem.reply("CONNECT 9600\r\n");
     completeReset();
-    expectEvents(QStringList{callStatus, callEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600"))
-                 + QStringList{QStringLiteral("protocol start A|a|PORT"),
-                               QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
-                               QStringLiteral("disconnected A 7 1"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+    expectEvents(QStringList{callStatus, callEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600")) +
+                 QStringList{QStringLiteral("protocol start A|a|PORT"),
+                             QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
+                             QStringLiteral("disconnected A 7 1"), QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerCall, StaleQuitDoesNotEndTheNextCall)
@@ -435,9 +436,10 @@ TEST_F(WorkerCall, DisconnectStopsTheSession)
     startOutgoingSession();
     worker->disconnectFromAbonent();
     completeReset();
-    expectEvents(QStringList{QStringLiteral("protocol stop"), QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
-                             QStringLiteral("disconnected A 7 0"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+    expectEvents(QStringList{QStringLiteral("protocol stop"),
+                             QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
+                             QStringLiteral("disconnected A 7 0"), QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerCall, KeepAliveReachesTheSession)
@@ -480,8 +482,8 @@ TEST_F(WorkerCall, FactoryThatRefusesAnOutgoingCall)
     startOutgoing();
     modem.reply("CONNECT 9600\r\n");
     completeReset();
-    expectEvents(QStringList{callStatus, callEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600"))
-                 + QStringList{QStringLiteral("notConnected A")} + eventsOfReopening());
+    expectEvents(QStringList{callStatus, callEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600")) +
+                 QStringList{QStringLiteral("notConnected A")} + eventsOfReopening());
 }
 
 TEST_F(WorkerCall, FactoryThatRefusesAnIncomingCall)
@@ -490,8 +492,8 @@ TEST_F(WorkerCall, FactoryThatRefusesAnIncomingCall)
     startIncoming();
     modem.reply("CONNECT 9600\r\n");
     completeReset();
-    expectEvents(QStringList{ringStatus, ringEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600"))
-                 + eventsOfReopening());
+    expectEvents(QStringList{ringStatus, ringEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600")) +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerCall, StopAtTheMomentOfConnectingMakesNoSession)
@@ -504,8 +506,8 @@ TEST_F(WorkerCall, StopAtTheMomentOfConnectingMakesNoSession)
     modem.reply("CONNECT 9600\r\n");
     ASSERT_TRUE(worker->wait(10000));
     EXPECT_EQ(factory->created(), 0);
-    expectEvents(QStringList{callStatus, callEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600"))
-                 + QStringList{QStringLiteral("remove")});
+    expectEvents(QStringList{callStatus, callEvent} + reported(QStringLiteral("Соединение установлено: CONNECT 9600")) +
+                 QStringList{QStringLiteral("remove")});
 }
 
 TEST_F(WorkerCall, StopDuringACallEndsAtOnce)

@@ -1,20 +1,18 @@
 // What goes wrong: port errors, unplugged devices, garbage, and stops at any moment.
+#include "tests/support/blockedthread.h"
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
 #include "tests/worker/workertest.h"
-
-#include <fcntl.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 #include <QElapsedTimer>
 #include <QFile>
 
-#include "tests/support/blockedthread.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include <condition_variable>
+#include <fcntl.h>
+#include <mutex>
+#include <stdlib.h>
+#include <thread>
+#include <unistd.h>
 
 using testsupport::waitFor;
 
@@ -39,7 +37,18 @@ int residentKiB()
 }
 
 // Where a test lets something happen.
-enum class Moment { Closed, DeviceOff, Check, Free, Requested, Dialling, Answering, Session, Reset };
+enum class Moment
+{
+    Closed,
+    DeviceOff,
+    Check,
+    Free,
+    Requested,
+    Dialling,
+    Answering,
+    Session,
+    Reset
+};
 
 const Moment allMoments[] = {Moment::Closed,   Moment::DeviceOff, Moment::Check,   Moment::Free, Moment::Requested,
                              Moment::Dialling, Moment::Answering, Moment::Session, Moment::Reset};
@@ -80,22 +89,14 @@ protected:
             start();
             ASSERT_TRUE(modem.expectWritten("AT\r"));
             break;
-        case Moment::Free:
-            startFree();
-            break;
+        case Moment::Free: startFree(); break;
         case Moment::Requested:
             startFree();
             ASSERT_TRUE(worker->tryConnect(QStringLiteral("A"), QStringLiteral("123")));
             break;
-        case Moment::Dialling:
-            startOutgoing();
-            break;
-        case Moment::Answering:
-            startIncoming();
-            break;
-        case Moment::Session:
-            startOutgoingSession();
-            break;
+        case Moment::Dialling: startOutgoing(); break;
+        case Moment::Answering: startIncoming(); break;
+        case Moment::Session: startOutgoingSession(); break;
         case Moment::Reset:
             startOutgoing();
             modem.reply("BUSY\r\n");
@@ -167,8 +168,8 @@ TEST_F(WorkerFault, ErrorDuringASessionStopsIt)
     // The protocol is stopped before its thread can go on.
     expectEvents(QStringList{QStringLiteral("error COM port error: 8. "), QStringLiteral("protocol stop"),
                              QStringLiteral("journal Потеряно соединение с абонентом 'A'"),
-                             QStringLiteral("disconnected A 7 0"), QStringLiteral("protocol deleted keepAlive=0")}
-                 + eventsOfReopening());
+                             QStringLiteral("disconnected A 7 0"), QStringLiteral("protocol deleted keepAlive=0")} +
+                 eventsOfReopening());
 }
 
 TEST_F(WorkerFault, ErrorAtTheMomentOfConnectingMakesNoSession)
@@ -281,7 +282,8 @@ TEST_F(WorkerFault, StopWhileTheFactoryMakesASessionReachesThatSession)
     mayGoOn.notify_one();
     stopper.join();
     ASSERT_TRUE(worker->wait(10000));
-    EXPECT_EQ(joined(events().filter(QStringLiteral("protocol ")).mid(1)), joined({QStringLiteral("protocol stop"), QStringLiteral("protocol deleted keepAlive=0")}));
+    EXPECT_EQ(joined(events().filter(QStringLiteral("protocol ")).mid(1)),
+              joined({QStringLiteral("protocol stop"), QStringLiteral("protocol deleted keepAlive=0")}));
     EXPECT_EQ(events().last(), QStringLiteral("remove"));
 }
 
@@ -355,16 +357,12 @@ protected:
         case Moment::Reset: // of the call before it
             EXPECT_EQ(joined(told), "notConnected A");
             break;
-        case Moment::Session:
-            EXPECT_EQ(joined(told), "disconnected A 7 0");
-            break;
+        case Moment::Session: EXPECT_EQ(joined(told), "disconnected A 7 0"); break;
         case Moment::Closed:
         case Moment::DeviceOff:
         case Moment::Check:
         case Moment::Free:
-        case Moment::Answering:
-            EXPECT_EQ(joined(told), "");
-            break;
+        case Moment::Answering: EXPECT_EQ(joined(told), ""); break;
         }
     }
     void expectBack()

@@ -1,14 +1,13 @@
 // What follows an init string whose "OK" comes late.
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
 #include "tests/worker/workertest.h"
+
+#include <QElapsedTimer>
 
 #include <atomic>
 #include <functional>
 #include <future>
-
-#include <QElapsedTimer>
-
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 using testsupport::waitFor;
 

@@ -1,13 +1,12 @@
 // In which order the log, the host's objects and the line learn of what happens, and in
 // which category each line of the log stands.
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
 #include "tests/worker/workertest.h"
 
 #include <QElapsedTimer>
 #include <QMutex>
 #include <QThread>
-
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 using testsupport::waitFor;
 
@@ -45,7 +44,7 @@ public:
 private:
     QMutex m_mutex;
     testsupport::CallLog* m_log; // not owned
-    ModemScript* m_modem;        // not owned
+    ModemScript* m_modem; // not owned
     int m_shownLines = 0;
 };
 
@@ -168,8 +167,9 @@ TEST_F(WorkerOrder, FromTheStartToTheFreeLine)
              << QStringLiteral("log Устройство на COM порту 'PORT' готово. Проверяем AT - OK.")
              << QStringLiteral("wrote ATZ") << reported(QStringLiteral("Устройство включено"))
              << QStringLiteral("log Запись команды: AT") << QStringLiteral("journal Запись команды 'AT'")
-             << QStringLiteral("log Чтение команды: Hello") << QStringLiteral("log Неверный ответ на команду 'AT': Hello")
-             << QStringLiteral("wrote AT~") << reported(QStringLiteral("Неверный ответ на команду 'AT': Hello"))
+             << QStringLiteral("log Чтение команды: Hello")
+             << QStringLiteral("log Неверный ответ на команду 'AT': Hello") << QStringLiteral("wrote AT~")
+             << reported(QStringLiteral("Неверный ответ на команду 'AT': Hello"))
              << QStringLiteral("log Запись команды: AT") << QStringLiteral("journal Запись команды 'AT'")
              << QStringLiteral("log Чтение команды: OK") << QStringLiteral("wrote AT~")
              << QStringLiteral("state Свободен") << QStringLiteral("log Получен ответ 'OK' на команду AT")
@@ -202,8 +202,8 @@ TEST_F(WorkerOrder, SilentModem)
     const QStringList found = events();
     EXPECT_EQ(joined(found.mid(found.indexOf(QStringLiteral("journal Запись команды 'AT'")))),
               joined(QStringList{QStringLiteral("journal Запись команды 'AT'"),
-                                 QStringLiteral("log Нет ответа на команду 'AT'"), QStringLiteral("wrote AT~")}
-                     + reported(QStringLiteral("Нет ответа на команду 'AT'"))));
+                                 QStringLiteral("log Нет ответа на команду 'AT'"), QStringLiteral("wrote AT~")} +
+                     reported(QStringLiteral("Нет ответа на команду 'AT'"))));
 }
 
 TEST_F(WorkerOrder, PortThatCannotBeOpened)
@@ -211,16 +211,16 @@ TEST_F(WorkerOrder, PortThatCannotBeOpened)
     ComPortSettings settings = usualSettings();
     settings.portName = testsupport::installRoot() + QStringLiteral("/nothing");
     start(settings);
-    expectTrace(QStringList{QStringLiteral("add Инициализация"), QStringLiteral("state Открытие COM порта")}
-                + loggedAndReported(QStringLiteral("Ошибка открытия COM порта. No such file or directory")));
+    expectTrace(QStringList{QStringLiteral("add Инициализация"), QStringLiteral("state Открытие COM порта")} +
+                loggedAndReported(QStringLiteral("Ошибка открытия COM порта. No such file or directory")));
 }
 
 TEST_F(WorkerOrder, DeviceSwitchedOff)
 {
     startAnswered();
     modem.setDsr(false);
-    expectTrace(QStringList{QStringLiteral("log Устройство на COM порту 'PORT' выключено")}
-                + reported(QStringLiteral("COM порт открыт")));
+    expectTrace(QStringList{QStringLiteral("log Устройство на COM порту 'PORT' выключено")} +
+                reported(QStringLiteral("COM порт открыт")));
 }
 
 TEST_F(WorkerOrder, ErrorOfThePort)
@@ -232,8 +232,7 @@ TEST_F(WorkerOrder, ErrorOfThePort)
     // The line's timer runs, so that no "+++" is written.
     modem.reply("OK\r\n");
     expectTrace({QStringLiteral("log COM port error: 8."), QStringLiteral("error COM port error: 8. "),
-                 QStringLiteral("log Чтение команды: OK"),
-                 QStringLiteral("state Открытие COM порта")});
+                 QStringLiteral("log Чтение команды: OK"), QStringLiteral("state Открытие COM порта")});
 }
 
 TEST_F(WorkerOrder, OutgoingCallThatFails)
@@ -250,13 +249,12 @@ TEST_F(WorkerOrder, OutgoingCallThatFails)
     const QString busy = QStringLiteral("Не удалось установить соединение: BUSY");
     expectTrace(QStringList{QStringLiteral("state Вызов 'A' (123)"), QStringLiteral("log Запись команды: ATD123"),
                             QStringLiteral("journal Вызов 'A' (123). Запись команды: ATD123"),
-                            QStringLiteral("log Чтение команды: BUSY"), QStringLiteral("wrote ATD123~")}
-                + reported(busy)
-                + QStringList{QStringLiteral("notConnected A"),
-                              QStringLiteral("log Запись команды: +++, ATH. Reseting."), QStringLiteral("wrote +++"),
-                              QStringLiteral("log Чтение команды: OK"),
-                              QStringLiteral("state Открытие COM порта")}
-                + loggedAndReported(QStringLiteral("COM порт открыт")));
+                            QStringLiteral("log Чтение команды: BUSY"), QStringLiteral("wrote ATD123~")} +
+                reported(busy) +
+                QStringList{QStringLiteral("notConnected A"), QStringLiteral("log Запись команды: +++, ATH. Reseting."),
+                            QStringLiteral("wrote +++"), QStringLiteral("log Чтение команды: OK"),
+                            QStringLiteral("state Открытие COM порта")} +
+                loggedAndReported(QStringLiteral("COM порт открыт")));
 }
 
 TEST_F(WorkerOrder, IncomingSession)
@@ -271,19 +269,20 @@ TEST_F(WorkerOrder, IncomingSession)
                             QStringLiteral("log Запись команды: ATA"),
                             QStringLiteral("journal Входящий вызов. Запись команды: ATA"),
                             QStringLiteral("log Чтение команды: CONNECT 9600"), QStringLiteral("log ") + connected,
-                            QStringLiteral("wrote ATA~")}
-                + reported(connected)
-                + QStringList{QStringLiteral("protocol start ||PORT"),
-                              QStringLiteral("log Потеряно соединение с абонентом ''"),
-                              QStringLiteral("journal Потеряно соединение с абонентом ''"),
-                              QStringLiteral("protocol deleted keepAlive=0")});
+                            QStringLiteral("wrote ATA~")} +
+                reported(connected) +
+                QStringList{QStringLiteral("protocol start ||PORT"),
+                            QStringLiteral("log Потеряно соединение с абонентом ''"),
+                            QStringLiteral("journal Потеряно соединение с абонентом ''"),
+                            QStringLiteral("protocol deleted keepAlive=0")});
 }
 
 // --- categories -------------------------------------------------------------------------
 
 namespace {
 
-struct Category {
+struct Category
+{
     const char* key;
     QStringList missing; // the lines that switching it off takes out of a call's log
 };
@@ -323,18 +322,19 @@ TEST_P(WorkerLogCategory, HoldsItsLinesAlone)
     ASSERT_TRUE(modem.expectWritten("+++"));
     ASSERT_TRUE(stopAndWait());
 
-    QStringList expected{QStringLiteral("COM порт открыт"),
-                         QStringLiteral("Не удалось изменить скорость COM порта. Invalid baud rate value"),
-                         QStringLiteral("COM port error: 10. Invalid baud rate value"),
-                         QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(modem.portPath()),
-                         QStringLiteral("Запись команды: AT"),
-                         QStringLiteral("Чтение команды: OK"),
-                         QStringLiteral("Получен ответ 'OK' на команду AT"),
-                         QStringLiteral("Запись команды: ATD123"),
-                         QStringLiteral("Чтение команды: CONNECT 9600"),
-                         QStringLiteral("Соединение установлено: CONNECT 9600"),
-                         QStringLiteral("Потеряно соединение с абонентом 'A'"),
-                         QStringLiteral("Запись команды: +++, ATH. Reseting.")};
+    QStringList expected{
+        QStringLiteral("COM порт открыт"),
+        QStringLiteral("Не удалось изменить скорость COM порта. Invalid baud rate value"),
+        QStringLiteral("COM port error: 10. Invalid baud rate value"),
+        QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(modem.portPath()),
+        QStringLiteral("Запись команды: AT"),
+        QStringLiteral("Чтение команды: OK"),
+        QStringLiteral("Получен ответ 'OK' на команду AT"),
+        QStringLiteral("Запись команды: ATD123"),
+        QStringLiteral("Чтение команды: CONNECT 9600"),
+        QStringLiteral("Соединение установлено: CONNECT 9600"),
+        QStringLiteral("Потеряно соединение с абонентом 'A'"),
+        QStringLiteral("Запись команды: +++, ATH. Reseting.")};
     for (QString line : GetParam().missing)
         EXPECT_EQ(expected.removeAll(line.replace(QStringLiteral("PORT"), modem.portPath())), 1) << line.toStdString();
     QStringList found = logTexts();
@@ -346,15 +346,14 @@ TEST_P(WorkerLogCategory, HoldsItsLinesAlone)
 
 INSTANTIATE_TEST_SUITE_P(
     Categories, WorkerLogCategory,
-    testing::Values(
-        Category{"transportConnects", {QStringLiteral("Потеряно соединение с абонентом 'A'")}},
-        Category{"transportComPortError", {QStringLiteral("COM port error: 10. Invalid baud rate value")}},
-        Category{"transportComAtCommands",
-                 {QStringLiteral("Устройство на COM порту 'PORT' готово. Проверяем AT - OK."),
-                  QStringLiteral("Запись команды: AT"), QStringLiteral("Чтение команды: OK"),
-                  QStringLiteral("Получен ответ 'OK' на команду AT"), QStringLiteral("Запись команды: ATD123"),
-                  QStringLiteral("Чтение команды: CONNECT 9600"),
-                  QStringLiteral("Запись команды: +++, ATH. Reseting.")}}));
+    testing::Values(Category{"transportConnects", {QStringLiteral("Потеряно соединение с абонентом 'A'")}},
+                    Category{"transportComPortError", {QStringLiteral("COM port error: 10. Invalid baud rate value")}},
+                    Category{"transportComAtCommands",
+                             {QStringLiteral("Устройство на COM порту 'PORT' готово. Проверяем AT - OK."),
+                              QStringLiteral("Запись команды: AT"), QStringLiteral("Чтение команды: OK"),
+                              QStringLiteral("Получен ответ 'OK' на команду AT"),
+                              QStringLiteral("Запись команды: ATD123"), QStringLiteral("Чтение команды: CONNECT 9600"),
+                              QStringLiteral("Запись команды: +++, ATH. Reseting.")}}));
 
 class WorkerAtCommandsCategory : public WorkerTest
 {

@@ -1,22 +1,20 @@
 // From the thread's start to the free line, and back to the start.
+#include "common/csettings.h"
+#include "tests/support/deadline.h"
+#include "tests/support/testroot.h"
 #include "tests/worker/workertest.h"
 
-#include <atomic>
-#include <optional>
-#include <thread>
-#include <utility>
-
-#include <termios.h>
-
-#include <QElapsedTimer>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QMap>
 #include <QMutex>
 
-#include "common/csettings.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include <atomic>
+#include <optional>
+#include <termios.h>
+#include <thread>
+#include <utility>
 
 using testsupport::waitFor;
 
@@ -28,7 +26,8 @@ namespace {
 class PauseMeter
 {
 public:
-    struct Pause {
+    struct Pause
+    {
         qint64 ms;
         int steps;
     };
@@ -134,9 +133,10 @@ protected:
 
 QStringList withoutPortErrors(QStringList events)
 {
-    events.erase(std::remove_if(events.begin(), events.end(),
-                                [](const QString& event) { return event.startsWith(QStringLiteral("error COM port error")); }),
-                 events.end());
+    events.erase(
+        std::remove_if(events.begin(), events.end(),
+                       [](const QString& event) { return event.startsWith(QStringLiteral("error COM port error")); }),
+        events.end());
     return events;
 }
 
@@ -165,10 +165,11 @@ TEST_F(WorkerStart, ModemThatAnswersBecomesFree)
     modem.reply("\r\nOK\r\n");
     ASSERT_TRUE(waitForState(CComThread::LineFree));
     expectEvents(eventsOfStart());
-    const QString ready = QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(modem.portPath());
-    EXPECT_EQ(joined(logTexts()), joined({QStringLiteral("COM порт открыт"), ready, askedInLog,
-                                          QStringLiteral("Чтение команды: OK"),
-                                          QStringLiteral("Получен ответ 'OK' на команду AT")}));
+    const QString ready =
+        QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(modem.portPath());
+    EXPECT_EQ(joined(logTexts()),
+              joined({QStringLiteral("COM порт открыт"), ready, askedInLog, QStringLiteral("Чтение команды: OK"),
+                      QStringLiteral("Получен ответ 'OK' на команду AT")}));
     EXPECT_EQ(modem.endpoint().programLines() & sim::LineDtr, sim::LineDtr);
     EXPECT_EQ(modem.endpoint().baudRate(), 9600);
     EXPECT_EQ(worker->portName(), modem.portPath());
@@ -380,7 +381,8 @@ TEST_F(WorkerStart, ControlSymbolIsReadForEachCheck)
 
 TEST_F(WorkerStart, CarrierAtOpeningIsResetBeforeTheCheck)
 {
-    writeDetails({QStringLiteral("transportComDsrCheckInterval=20"), QStringLiteral("transportComOpenInterval=600000")});
+    writeDetails(
+        {QStringLiteral("transportComDsrCheckInterval=20"), QStringLiteral("transportComOpenInterval=600000")});
     modem.setDsr(true);
     modem.setDcd(true);
     ComPortSettings settings = usualSettings();
@@ -401,8 +403,8 @@ TEST_F(WorkerStart, CarrierAtOpeningIsResetBeforeTheCheck)
     QStringList expected = eventsOfStart().mid(0, 4);
     expected << init << eventsOfReopening() << init << eventsOfStart().mid(4);
     expectEvents(expected);
-    EXPECT_EQ(joined(logTexts().mid(0, 5)),
-              "COM порт открыт\nЗапись команды: ATZ\nЗапись команды: +++, ATH. Reseting.\nЧтение команды: OK\nCOM порт открыт");
+    EXPECT_EQ(joined(logTexts().mid(0, 5)), "COM порт открыт\nЗапись команды: ATZ\nЗапись команды: +++, ATH. "
+                                            "Reseting.\nЧтение команды: OK\nCOM порт открыт");
 }
 
 TEST_F(WorkerStart, ModemThatDoesNotEscapeIsHungUpAllTheSame)
@@ -515,12 +517,13 @@ TEST_F(WorkerStart, EveryParameterIsSetAndEveryFailureTold)
     settings.stopBits = 2;
     start(settings);
     ASSERT_TRUE(waitForState(CComThread::WaitingForDevice));
-    EXPECT_EQ(joined(withoutPortErrors(events())),
-              joined(eventsOfStart().mid(0, 4)
-                     + QStringList{QStringLiteral("error Не удалось изменить скорость COM порта. Invalid baud rate value"),
-                                   QStringLiteral("error Не удалось изменить биты данных COM порта. Invalid argument"),
-                                   QStringLiteral("error Не удалось изменить четность COM порта. Invalid argument")}));
-    termios line {};
+    EXPECT_EQ(
+        joined(withoutPortErrors(events())),
+        joined(eventsOfStart().mid(0, 4) +
+               QStringList{QStringLiteral("error Не удалось изменить скорость COM порта. Invalid baud rate value"),
+                           QStringLiteral("error Не удалось изменить биты данных COM порта. Invalid argument"),
+                           QStringLiteral("error Не удалось изменить четность COM порта. Invalid argument")}));
+    termios line{};
     ASSERT_EQ(tcgetattr(modem.endpoint().masterFd(), &line), 0);
     EXPECT_NE(line.c_iflag & IXON, 0u);
     EXPECT_NE(line.c_cflag & CSTOPB, 0u);
@@ -540,9 +543,9 @@ TEST_F(WorkerStart, DeviceUnpluggedWhileItsPortIsBeingSetUp)
     start(settings);
     const QString notOpened = QStringLiteral("journal Ошибка открытия COM порта. No such file or directory");
     ASSERT_TRUE(waitForEvent(notOpened));
-    const QStringList steps = {QStringLiteral("установить сигнал DTR для"), QStringLiteral("изменить скорость"),
+    const QStringList steps = {QStringLiteral("установить сигнал DTR для"),   QStringLiteral("изменить скорость"),
                                QStringLiteral("изменить управление потоком"), QStringLiteral("изменить биты данных"),
-                               QStringLiteral("изменить четность"), QStringLiteral("изменить стоповые биты")};
+                               QStringLiteral("изменить четность"),           QStringLiteral("изменить стоповые биты")};
     const QStringList told = withoutPortErrors(events());
     ASSERT_GE(told.size(), 13) << joined(told);
     EXPECT_EQ(joined(told.mid(0, 4)), joined(eventsOfStart().mid(0, 4)));
@@ -582,7 +585,8 @@ TEST_F(WorkerStart, StopBeforeTheThreadRuns)
     worker->stop();
     worker->start();
     ASSERT_TRUE(worker->wait(10000));
-    expectEvents({QStringLiteral("add Инициализация"), QStringLiteral("state Открытие COM порта"), QStringLiteral("remove")});
+    expectEvents(
+        {QStringLiteral("add Инициализация"), QStringLiteral("state Открытие COM порта"), QStringLiteral("remove")});
 }
 
 TEST_F(WorkerStart, StopEndsALongPause)
@@ -613,9 +617,9 @@ TEST_F(WorkerStart, SettingsListTheirKeys)
     QFile file(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
     ASSERT_TRUE(waitFor([&] { return file.isOpen() || file.open(QIODevice::ReadOnly); }));
     const QByteArray text = file.readAll();
-    for (const char* line : {"transportComAtOkTimeout=1000", "transportComAtReadyCheckTimeout=60000",
-                             "transportComDsrCheckInterval=1000", "transportComOpenInterval=3000",
-                             "transportComConnectTimeout=30000", "transportComResetTimeout=2000",
-                             "transportComControlSymbol=\\r"})
+    for (const char* line :
+         {"transportComAtOkTimeout=1000", "transportComAtReadyCheckTimeout=60000", "transportComDsrCheckInterval=1000",
+          "transportComOpenInterval=3000", "transportComConnectTimeout=30000", "transportComResetTimeout=2000",
+          "transportComControlSymbol=\\r"})
         EXPECT_TRUE(text.contains(QByteArray(line) + '\n')) << line;
 }

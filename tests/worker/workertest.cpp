@@ -1,12 +1,12 @@
 #include "tests/worker/workertest.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTime>
-
 #include "common/global.h"
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTime>
 
 using testsupport::waitFor;
 

@@ -1,20 +1,19 @@
 // A port worker in front of a scripted modem, with everything around it recorded.
 #pragma once
 
-#include <functional>
-#include <memory>
-#include <string>
-
-#include <QStringList>
-
-#include <gtest/gtest.h>
-
 #include "com/ccomserver.h"
 #include "com/ccomthread.h"
 #include "tests/support/calllog.h"
 #include "tests/support/fakehost.h"
 #include "tests/worker/modemscript.h"
 #include "tests/worker/scriptedsession.h"
+
+#include <QStringList>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
 
 // Settings of the process, before anything reads them: lines such as
 // "transportComOpenInterval=100" of the group Details. Unless they say otherwise a modem has
@@ -43,7 +42,8 @@ public:
     std::function<void()> onRemove; // set before the worker starts
 };
 
-struct LogLine {
+struct LogLine
+{
     int timeMs; // since midnight
     QString text;
 };

@@ -1,12 +1,5 @@
 // The least a host does with the plug-in: load it, check its version, share the log,
 // start the channel in a thread of its own, stop it and give everything back.
-#include <QCoreApplication>
-#include <QLibrary>
-#include <QMutex>
-#include <QMutexLocker>
-#include <QTextStream>
-#include <QThread>
-
 #include "common/logger.h"
 #include "plugin/cabstractchannelsstate.h"
 #include "plugin/cabstractjournal.h"
@@ -15,6 +8,13 @@
 #include "plugin/cchannelplugin.h"
 #include "plugin/cchannelserver.h"
 #include "plugin/entrypoints.h"
+
+#include <QCoreApplication>
+#include <QLibrary>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QTextStream>
+#include <QThread>
 
 namespace {
 
@@ -58,7 +58,7 @@ public:
     CAbstractProtocol* createProtocol(CChannel* channel) override { return new CAbstractProtocol(channel); }
 };
 
-template<typename Function>
+template <typename Function>
 Function resolve(QLibrary& library, const char* name)
 {
     const auto function = reinterpret_cast<Function>(library.resolve(name));
@@ -103,7 +103,8 @@ int main(int argc, char** argv)
     QObject::connect(&serverThread, &QThread::started, server, [&application, server] {
         server->start();
         // Stopped from another thread than its own, the server reports finished().
-        QMetaObject::invokeMethod(&application, [server] { server->stop(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            &application, [server] { server->stop(); }, Qt::QueuedConnection);
     });
     serverThread.start();
     application.exec();

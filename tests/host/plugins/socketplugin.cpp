@@ -8,21 +8,6 @@
 //                          signal tells of it, only its state text
 //   SOCKETPLUGIN_CUTOFF    a line that is stopped in a session ends as if it were terminated: no
 //                          signal, and the session is left as it stands
-#include <atomic>
-#include <cerrno>
-#include <cstdlib>
-
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <QElapsedTimer>
-#include <QFile>
-#include <QMutex>
-#include <QMutexLocker>
-#include <QThread>
-
 #include "common/global.h"
 #include "common/logger.h"
 #include "host/installation/comsettingswriter.h"
@@ -34,6 +19,20 @@
 #include "plugin/cchannelplugin.h"
 #include "plugin/cchannelserver.h"
 #include "plugin/entrypoints.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QThread>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #ifndef PLUGIN_API_VERSION
 #define PLUGIN_API_VERSION channelApiVersion
@@ -53,7 +52,8 @@ std::atomic<int> callsConnected{0};
 class SocketChannel : public CChannel
 {
 public:
-    SocketChannel(int descriptor, CAbstractChannelsState* table, int row) : m_descriptor(descriptor), m_table(table), m_row(row)
+    SocketChannel(int descriptor, CAbstractChannelsState* table, int row)
+        : m_descriptor(descriptor), m_table(table), m_row(row)
     {
         type = PLUGIN_TYPE;
         m_clock.start();
@@ -186,7 +186,8 @@ private:
     {
         const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
         const sockaddr_un address = addressOf(m_number);
-        m_server->journal->addRecord(0, m_path, QStringLiteral("Вызов '%1' (%2). Запись команды: ATD%2").arg(m_abonent, m_number));
+        m_server->journal->addRecord(0, m_path,
+                                     QStringLiteral("Вызов '%1' (%2). Запись команды: ATD%2").arg(m_abonent, m_number));
         m_number.clear();
         if (callsPlaced < qEnvironmentVariableIntValue("SOCKETPLUGIN_LOST")) {
             ++callsPlaced;
@@ -226,11 +227,20 @@ private:
         {
             QMutexLocker locker(&m_mutex);
             m_protocol = m_server->protocolFactory->createProtocol(channel);
-            QObject::connect(m_protocol, &CAbstractProtocol::finished, m_protocol, [&] { isOver = true; quit(); }, Qt::DirectConnection);
-            QObject::connect(m_protocol, &CAbstractProtocol::remoteAbonentNameChanged, m_protocol, [this](const QString& name) {
-                emit m_server->connected(name, m_id);
-                m_server->channelsState->setState(m_row, QStringLiteral("Установлено соединение с '%1'").arg(name));
-            }, Qt::DirectConnection);
+            QObject::connect(
+                m_protocol, &CAbstractProtocol::finished, m_protocol,
+                [&] {
+                    isOver = true;
+                    quit();
+                },
+                Qt::DirectConnection);
+            QObject::connect(
+                m_protocol, &CAbstractProtocol::remoteAbonentNameChanged, m_protocol,
+                [this](const QString& name) {
+                    emit m_server->connected(name, m_id);
+                    m_server->channelsState->setState(m_row, QStringLiteral("Установлено соединение с '%1'").arg(name));
+                },
+                Qt::DirectConnection);
             m_protocol->remoteAbonentName = called;
             m_protocol->channelName = m_path;
             m_protocol->start();
@@ -295,12 +305,15 @@ public:
         if (QThread::currentThread() == thread())
             clear();
         else
-            QMetaObject::invokeMethod(this, [this] {
-                clear();
-                channelsState->setState(stateId, QStringLiteral("Выключен"));
-                if (!qEnvironmentVariableIsSet("SOCKETPLUGIN_STUCK"))
-                    emit finished();
-            }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                this,
+                [this] {
+                    clear();
+                    channelsState->setState(stateId, QStringLiteral("Выключен"));
+                    if (!qEnvironmentVariableIsSet("SOCKETPLUGIN_STUCK"))
+                        emit finished();
+                },
+                Qt::QueuedConnection);
     }
     void settingsWasChanged() override
     {
@@ -376,9 +389,20 @@ public:
 
 extern "C" {
 
-Q_DECL_EXPORT int apiVersion() { return PLUGIN_API_VERSION; }
-Q_DECL_EXPORT CChannelPlugin* instance() { return new SocketPlugin; }
-Q_DECL_EXPORT void deleteInstance(CChannelPlugin* plugin) { delete plugin; }
-Q_DECL_EXPORT void initDebug(DebugData* data) { LoggerData::initDebug(data); }
-
+Q_DECL_EXPORT int apiVersion()
+{
+    return PLUGIN_API_VERSION;
+}
+Q_DECL_EXPORT CChannelPlugin* instance()
+{
+    return new SocketPlugin;
+}
+Q_DECL_EXPORT void deleteInstance(CChannelPlugin* plugin)
+{
+    delete plugin;
+}
+Q_DECL_EXPORT void initDebug(DebugData* data)
+{
+    LoggerData::initDebug(data);
+}
 }
