@@ -27,21 +27,32 @@ install(TARGETS channelapi common
         DESTINATION ${CMAKE_INSTALL_LIBDIR}
         COMPONENT development)
 
-install(FILES
-        plugin/cabstractchannelsstate.h
-        plugin/cabstractjournal.h
-        plugin/cabstractprotocol.h
-        plugin/cabstractprotocolfactory.h
-        plugin/cchannel.h
-        plugin/cchannelplugin.h
-        plugin/cchannelserver.h
-        plugin/channelapi_export.h
-        plugin/comcalltexts.h
-        plugin/entrypoints.h
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/transportCom/plugin
-    COMPONENT development)
+set(transport_headers_dir ${CMAKE_INSTALL_INCLUDEDIR}/transportCom)
+install(DIRECTORY plugin/api/
+    DESTINATION ${transport_headers_dir}/plugin/api
+    COMPONENT development
+    FILES_MATCHING PATTERN "*.h")
+# Release 1.0 had these in plugin/. Leave the forwards out one release after the move.
+foreach(header IN ITEMS
+        cabstractchannelsstate.h
+        cabstractjournal.h
+        cabstractprotocol.h
+        cabstractprotocolfactory.h
+        cchannel.h
+        cchannelplugin.h
+        cchannelserver.h
+        channelapi_export.h
+        comcalltexts.h
+        entrypoints.h)
+    set(forward ${PROJECT_BINARY_DIR}/forwards/plugin/${header})
+    file(CONFIGURE OUTPUT ${forward} CONTENT
+        "// Moved; this forward stays for one release.\n#pragma once\n\n#include \"plugin/api/${header}\"\n" @ONLY)
+    install(FILES ${forward}
+        DESTINATION ${transport_headers_dir}/plugin
+        COMPONENT development)
+endforeach()
 install(DIRECTORY common/
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/transportCom/common
+    DESTINATION ${transport_headers_dir}/common
     COMPONENT development
     FILES_MATCHING PATTERN "*.h")
 

@@ -5,13 +5,13 @@
 // What no link can hold is kept out: the streams and the garbage contain no start symbol,
 // so that they show no image of a packet, and a chunk gets one wrong bit at most, which
 // every check finds.
-#include "com/ccomchannel.h"
-#include "com/ccomsettings.h"
+#include "com/formats/ccomsettings.h"
+#include "com/link/ccomchannel.h"
 #include "common/global.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "fuzz/packets.h"
-#include "plugin/cabstractchannelsstate.h"
+#include "plugin/api/cabstractchannelsstate.h"
 #include "tests/support/fakeserialport.h"
 #include "tests/support/virtualclock.h"
 

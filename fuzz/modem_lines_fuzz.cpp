@@ -1,6 +1,6 @@
 // The reader of a modem's answers: the same answers as a plain second reading of the line
 // rules gives, however the bytes are split, and nothing left but a line without its end.
-#include "com/modemdialogue.h"
+#include "com/modem/modemdialogue.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 

@@ -1,6 +1,6 @@
 // The packet cutter: finds what the plain description finds, call by call, and the same
 // packets however the bytes are split.
-#include "com/ccompacket.h"
+#include "com/link/ccompacket.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "fuzz/packets.h"

@@ -1,7 +1,7 @@
 // The two settings records: any bytes are read without harm and in bounded memory, and
 // what was read without an error is written as the same bytes again.
-#include "com/ccomsettings.h"
-#include "com/comsettings.h"
+#include "com/formats/ccomsettings.h"
+#include "com/formats/comsettings.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 

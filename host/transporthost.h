@@ -18,7 +18,7 @@
 #include "host/installation/hostsettings.h"
 #include "host/installation/ownkey.h"
 #include "host/store/messagestore.h"
-#include "plugin/cchannelserver.h"
+#include "plugin/api/cchannelserver.h"
 
 #include <QElapsedTimer>
 #include <QLockFile>

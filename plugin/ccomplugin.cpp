@@ -1,7 +1,7 @@
 #include "plugin/ccomplugin.h"
 
-#include "com/ccomchannel.h"
-#include "com/ccomserver.h"
+#include "com/link/ccomchannel.h"
+#include "com/worker/ccomserver.h"
 #include "common/functiondebug.h"
 #include "common/legacyrandom.h"
 

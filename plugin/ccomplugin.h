@@ -1,7 +1,7 @@
 // The plug-in object of the dial-up channel.
 #pragma once
 
-#include "plugin/cchannelplugin.h"
+#include "plugin/api/cchannelplugin.h"
 
 class CComPlugin : public CChannelPlugin
 {

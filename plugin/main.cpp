@@ -1,7 +1,7 @@
 // The functions that a host resolves in the loaded library.
 #include "common/logger.h"
+#include "plugin/api/entrypoints.h"
 #include "plugin/ccomplugin.h"
-#include "plugin/entrypoints.h"
 
 #include <type_traits>
 

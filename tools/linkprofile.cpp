@@ -1,6 +1,6 @@
 #include "tools/linkprofile.h"
 
-#include "com/linkrules.h"
+#include "com/link/linkrules.h"
 #include "common/settingskeys.h"
 
 #include <algorithm>

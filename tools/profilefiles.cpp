@@ -1,6 +1,6 @@
 #include "tools/profilefiles.h"
 
-#include "com/ccomsettings.h"
+#include "com/formats/ccomsettings.h"
 #include "common/global.h"
 #include "common/settingskeys.h"
 

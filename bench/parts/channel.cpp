@@ -1,7 +1,7 @@
 // What the link channel makes of what a line may carry: one read() for each piece that
 // arrives, with all that a pass does besides, such as its looks at the settings.
 #include "bench/parts/traffic.h"
-#include "com/ccomchannel.h"
+#include "com/link/ccomchannel.h"
 #include "tests/support/fakeserialport.h"
 #include "tests/support/silentstate.h"
 

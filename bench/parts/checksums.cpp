@@ -1,6 +1,6 @@
 // The two checksums, and zlib's for comparison.
 #include "bench/parts/traffic.h"
-#include "com/crc.h"
+#include "com/formats/crc.h"
 
 #include <QByteArray>
 #include <benchmark/benchmark.h>

@@ -1,6 +1,6 @@
 // Making packets, and cutting them out of what a line may carry.
 #include "bench/parts/traffic.h"
-#include "com/ccompacket.h"
+#include "com/link/ccompacket.h"
 #include "tests/support/allocations.h"
 
 #include <QByteArray>

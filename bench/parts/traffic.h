@@ -1,7 +1,7 @@
 // What a line may carry, made up.
 #pragma once
 
-#include "com/ccompacket.h"
+#include "com/link/ccompacket.h"
 
 #include <QByteArray>
 

@@ -2,7 +2,7 @@
 
 #include "host/calls/portconnections.h"
 #include "host/installation/names.h"
-#include "plugin/comcalltexts.h"
+#include "plugin/api/comcalltexts.h"
 
 namespace host {
 

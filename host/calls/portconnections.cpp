@@ -1,6 +1,6 @@
 #include "host/calls/portconnections.h"
 
-#include "plugin/comcalltexts.h"
+#include "plugin/api/comcalltexts.h"
 
 namespace host {
 

@@ -1,7 +1,7 @@
 // The host's table of channels: what each port does and how much it has carried.
 #pragma once
 
-#include "plugin/cabstractchannelsstate.h"
+#include "plugin/api/cabstractchannelsstate.h"
 
 #include <QMutex>
 #include <QString>

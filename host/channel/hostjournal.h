@@ -1,7 +1,7 @@
 // The journal: what happened, for the users of the installation, in a text file.
 #pragma once
 
-#include "plugin/cabstractjournal.h"
+#include "plugin/api/cabstractjournal.h"
 
 #include <QDateTime>
 #include <QMutex>

@@ -2,8 +2,8 @@
 // the interface.
 #pragma once
 
-#include "plugin/cchannelplugin.h"
-#include "plugin/entrypoints.h"
+#include "plugin/api/cchannelplugin.h"
+#include "plugin/api/entrypoints.h"
 
 #include <QDir>
 #include <QString>

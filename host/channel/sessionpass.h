@@ -4,7 +4,7 @@
 
 #include "host/channel/pacing.h"
 #include "host/session/session.h"
-#include "plugin/cchannel.h"
+#include "plugin/api/cchannel.h"
 
 #include <functional>
 

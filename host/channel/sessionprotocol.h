@@ -4,8 +4,8 @@
 
 #include "host/channel/sessionpass.h"
 #include "host/session/session.h"
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
+#include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/cabstractprotocolfactory.h"
 
 #include <QElapsedTimer>
 #include <QTimer>

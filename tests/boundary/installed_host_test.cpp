@@ -50,6 +50,11 @@ QStringList filesIn(const QString& directory)
     return QDir(directory).entryList(QDir::Files, QDir::Name);
 }
 
+QStringList headersIn(const QString& directory)
+{
+    return QDir(directory).entryList({QStringLiteral("*.h")}, QDir::Files, QDir::Name);
+}
+
 class InstalledHost : public testing::Test
 {
 protected:
@@ -62,6 +67,69 @@ protected:
             runCMake({QStringLiteral("--install"), QStringLiteral(BUILD_DIR), QStringLiteral("--prefix"), prefix,
                       QStringLiteral("--component"), component});
         ASSERT_EQ(installed.exitCode, 0) << installed.output.toStdString();
+    }
+
+    // Installs what was built, builds the small host against it and runs it beside the plug-in.
+    void buildAndRunHost(const QStringList& configureOptions)
+    {
+        ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("runtime")));
+        ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
+
+        const QStringList arguments{QStringLiteral("-S"),
+                                    QStringLiteral(SOURCE_DIR "/tests/boundary/installed_host"),
+                                    QStringLiteral("-B"),
+                                    hostBuild,
+                                    QStringLiteral("-G"),
+                                    QStringLiteral(BUILD_GENERATOR),
+                                    QStringLiteral("-DCMAKE_MAKE_PROGRAM=" BUILD_MAKE_PROGRAM),
+                                    QStringLiteral("-DCMAKE_CXX_COMPILER=" BUILD_CXX_COMPILER),
+                                    QStringLiteral("-DCMAKE_CXX_FLAGS=" BUILD_CXX_FLAGS),
+                                    QStringLiteral("-DCMAKE_PREFIX_PATH=") + prefix};
+        const Outcome configured = runCMake(arguments + configureOptions);
+        ASSERT_EQ(configured.exitCode, 0) << configured.output.toStdString();
+        const Outcome built = runCMake({QStringLiteral("--build"), hostBuild});
+        ASSERT_EQ(built.exitCode, 0) << built.output.toStdString();
+        const Outcome placed = runCMake({QStringLiteral("--install"), hostBuild, QStringLiteral("--prefix"), prefix});
+        ASSERT_EQ(placed.exitCode, 0) << placed.output.toStdString();
+
+        // One enabled port whose device does not exist; all other fields of a new record.
+        ASSERT_TRUE(QDir().mkpath(prefix + QStringLiteral("/settings")));
+        QFile settings(prefix + QStringLiteral("/settings/channelCom.conf"));
+        ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
+        settings.write(QByteArray::fromHex("00000003"
+                                           "00000001"
+                                           "00000400"
+                                           "01"
+                                           "00000008"
+                                           "006E006F006E0065" // "none"
+                                           "FFFFFFFF"
+                                           "FFFFFFFF"
+                                           "FFFFFFFF"
+                                           "FFFFFFFF"
+                                           "FFFFFFFF"
+                                           "FFFFFFFF"));
+        settings.close();
+
+        const Outcome ran = runProgram(prefix + QStringLiteral("/bin/installed-host"), {});
+        EXPECT_EQ(ran.exitCode, 0) << ran.output.toStdString();
+        const QStringList lines = ran.output.split(QLatin1Char('\n'));
+        // In this order; what the port reports of itself stands between.
+        const QStringList expected{QStringLiteral("version 16"),
+                                   QStringLiteral("channel 2 Коммутируемый канал"),
+                                   QStringLiteral("journal 0 Коммутируемый канал: Запуск"),
+                                   QStringLiteral("state 7 Работает"),
+                                   QStringLiteral("journal 0 Коммутируемый канал: Остановка"),
+                                   QStringLiteral("state 7 Выключение"),
+                                   QStringLiteral("state 7 Выключен"),
+                                   QStringLiteral("done")};
+        int at = 0;
+        for (const QString& line : lines) {
+            if (at < expected.size() && line == expected[at])
+                ++at;
+        }
+        EXPECT_EQ(at, expected.size()) << ran.output.toStdString();
+        EXPECT_TRUE(lines.contains(QStringLiteral("port none Инициализация"))) << ran.output.toStdString();
+        EXPECT_TRUE(lines.contains(QStringLiteral("removed 100"))) << ran.output.toStdString();
     }
 };
 
@@ -94,68 +162,36 @@ TEST_F(InstalledHost, ProgramsRunWhereTheyAreInstalled)
 TEST_F(InstalledHost, DevelopmentHasEveryHeaderOfBothRooms)
 {
     ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
-    for (const QString& room : {QStringLiteral("plugin"), QStringLiteral("common")}) {
-        QStringList headers =
-            QDir(QStringLiteral(SOURCE_DIR "/") + room).entryList({QStringLiteral("*.h")}, QDir::Files, QDir::Name);
-        headers.removeOne(QStringLiteral("ccomplugin.h")); // the plug-in's own
+    for (const QString& room : {QStringLiteral("plugin/api"), QStringLiteral("common")}) {
+        const QStringList headers = headersIn(QStringLiteral(SOURCE_DIR "/") + room);
         EXPECT_EQ(filesIn(prefix + QStringLiteral("/include/transportCom/") + room), headers);
         EXPECT_FALSE(headers.isEmpty());
     }
 }
 
+// Where release 1.0 had the interfaces, and nothing else.
+TEST_F(InstalledHost, DevelopmentForwardsEveryInterfaceFromItsOldPlace)
+{
+    ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
+    const QStringList headersOf1_0{QStringLiteral("cabstractchannelsstate.h"),
+                                   QStringLiteral("cabstractjournal.h"),
+                                   QStringLiteral("cabstractprotocol.h"),
+                                   QStringLiteral("cabstractprotocolfactory.h"),
+                                   QStringLiteral("cchannel.h"),
+                                   QStringLiteral("cchannelplugin.h"),
+                                   QStringLiteral("cchannelserver.h"),
+                                   QStringLiteral("channelapi_export.h"),
+                                   QStringLiteral("comcalltexts.h"),
+                                   QStringLiteral("entrypoints.h")};
+    EXPECT_EQ(filesIn(prefix + QStringLiteral("/include/transportCom/plugin")), headersOf1_0);
+}
+
 TEST_F(InstalledHost, BuildsAndRunsAgainstTheInstalledTree)
 {
-    ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("runtime")));
-    ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
+    buildAndRunHost({});
+}
 
-    const Outcome configured = runCMake(
-        {QStringLiteral("-S"), QStringLiteral(SOURCE_DIR "/tests/boundary/installed_host"), QStringLiteral("-B"),
-         hostBuild, QStringLiteral("-G"), QStringLiteral(BUILD_GENERATOR),
-         QStringLiteral("-DCMAKE_MAKE_PROGRAM=" BUILD_MAKE_PROGRAM),
-         QStringLiteral("-DCMAKE_CXX_COMPILER=" BUILD_CXX_COMPILER),
-         QStringLiteral("-DCMAKE_CXX_FLAGS=" BUILD_CXX_FLAGS), QStringLiteral("-DCMAKE_PREFIX_PATH=") + prefix});
-    ASSERT_EQ(configured.exitCode, 0) << configured.output.toStdString();
-    const Outcome built = runCMake({QStringLiteral("--build"), hostBuild});
-    ASSERT_EQ(built.exitCode, 0) << built.output.toStdString();
-    const Outcome placed = runCMake({QStringLiteral("--install"), hostBuild, QStringLiteral("--prefix"), prefix});
-    ASSERT_EQ(placed.exitCode, 0) << placed.output.toStdString();
-
-    // One enabled port whose device does not exist; all other fields of a new record.
-    ASSERT_TRUE(QDir().mkpath(prefix + QStringLiteral("/settings")));
-    QFile settings(prefix + QStringLiteral("/settings/channelCom.conf"));
-    ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
-    settings.write(QByteArray::fromHex("00000003"
-                                       "00000001"
-                                       "00000400"
-                                       "01"
-                                       "00000008"
-                                       "006E006F006E0065" // "none"
-                                       "FFFFFFFF"
-                                       "FFFFFFFF"
-                                       "FFFFFFFF"
-                                       "FFFFFFFF"
-                                       "FFFFFFFF"
-                                       "FFFFFFFF"));
-    settings.close();
-
-    const Outcome ran = runProgram(prefix + QStringLiteral("/bin/installed-host"), {});
-    EXPECT_EQ(ran.exitCode, 0) << ran.output.toStdString();
-    const QStringList lines = ran.output.split(QLatin1Char('\n'));
-    // In this order; what the port reports of itself stands between.
-    const QStringList expected{QStringLiteral("version 16"),
-                               QStringLiteral("channel 2 Коммутируемый канал"),
-                               QStringLiteral("journal 0 Коммутируемый канал: Запуск"),
-                               QStringLiteral("state 7 Работает"),
-                               QStringLiteral("journal 0 Коммутируемый канал: Остановка"),
-                               QStringLiteral("state 7 Выключение"),
-                               QStringLiteral("state 7 Выключен"),
-                               QStringLiteral("done")};
-    int at = 0;
-    for (const QString& line : lines) {
-        if (at < expected.size() && line == expected[at])
-            ++at;
-    }
-    EXPECT_EQ(at, expected.size()) << ran.output.toStdString();
-    EXPECT_TRUE(lines.contains(QStringLiteral("port none Инициализация"))) << ran.output.toStdString();
-    EXPECT_TRUE(lines.contains(QStringLiteral("removed 100"))) << ran.output.toStdString();
+TEST_F(InstalledHost, BuildsAndRunsWithTheIncludesOfRelease1_0)
+{
+    buildAndRunHost({QStringLiteral("-DINCLUDES_OF_1_0=ON")});
 }

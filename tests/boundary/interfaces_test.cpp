@@ -1,12 +1,12 @@
 // The shapes that host and plug-in agree on: slot orders, member order, meta-objects.
 // A host built against its own copy of these headers relies on every one of them.
-#include "plugin/cabstractchannelsstate.h"
-#include "plugin/cabstractjournal.h"
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
-#include "plugin/cchannel.h"
-#include "plugin/cchannelplugin.h"
-#include "plugin/cchannelserver.h"
+#include "plugin/api/cabstractchannelsstate.h"
+#include "plugin/api/cabstractjournal.h"
+#include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/cabstractprotocolfactory.h"
+#include "plugin/api/cchannel.h"
+#include "plugin/api/cchannelplugin.h"
+#include "plugin/api/cchannelserver.h"
 
 #include <QMetaMethod>
 #include <gtest/gtest.h>

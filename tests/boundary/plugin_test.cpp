@@ -1,8 +1,8 @@
 // The built library, loaded as a host loads it.
 #include "common/logger.h"
-#include "plugin/cchannelplugin.h"
-#include "plugin/cchannelserver.h"
-#include "plugin/entrypoints.h"
+#include "plugin/api/cchannelplugin.h"
+#include "plugin/api/cchannelserver.h"
+#include "plugin/api/entrypoints.h"
 #include "tests/support/fakehost.h"
 #include "tests/support/testroot.h"
 

@@ -1,6 +1,6 @@
 #include "tests/boundary/serverfixture.h"
 
-#include "com/ccomsettings.h"
+#include "com/formats/ccomsettings.h"
 #include "tests/support/testroot.h"
 
 #include <QCoreApplication>

@@ -1,9 +1,9 @@
 // A server with recording host objects around it, and its settings in the test's root.
 #pragma once
 
-#include "com/ccomserver.h"
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
+#include "com/worker/ccomserver.h"
+#include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/cabstractprotocolfactory.h"
 #include "tests/support/calllog.h"
 #include "tests/support/deadline.h"
 #include "tests/support/fakehost.h"

@@ -1,7 +1,7 @@
 // Two ends of a byte channel in memory, for protocols that run in one thread.
 #pragma once
 
-#include "plugin/cchannel.h"
+#include "plugin/api/cchannel.h"
 
 #include <QByteArray>
 #include <QVector>

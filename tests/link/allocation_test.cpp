@@ -1,5 +1,5 @@
 // How often making a packet asks for memory.
-#include "com/ccompacket.h"
+#include "com/link/ccompacket.h"
 #include "tests/support/allocations.h"
 
 #include <QByteArray>

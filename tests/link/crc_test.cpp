@@ -1,5 +1,5 @@
 // The checksums against values computed independently of this code.
-#include "com/crc.h"
+#include "com/formats/crc.h"
 #include "tests/link/bytes.h"
 #include "tests/support/testroot.h"
 

@@ -2,7 +2,7 @@
 // All in virtual time, so that a failing run repeats exactly from its seed.
 #pragma once
 
-#include "com/ccomchannel.h"
+#include "com/link/ccomchannel.h"
 #include "tests/support/fakehost.h"
 #include "tests/support/fakeserialport.h"
 #include "tests/support/silentstate.h"

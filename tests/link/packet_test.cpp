@@ -1,6 +1,6 @@
 // Packets byte by byte: making them, and cutting them out of what arrives.
-#include "com/ccompacket.h"
-#include "com/crc.h"
+#include "com/formats/crc.h"
+#include "com/link/ccompacket.h"
 #include "tests/link/bytes.h"
 #include "tests/link/messagecatcher.h"
 #include "tests/support/testroot.h"

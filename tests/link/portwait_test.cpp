@@ -1,5 +1,5 @@
 // The waits on a port, on ports in memory and on real ones.
-#include "com/portwait.h"
+#include "com/port/portwait.h"
 #include "sim/pty/ptyendpoint.h"
 #include "tests/support/fakeserialport.h"
 #include "tests/support/virtualclock.h"

@@ -1,5 +1,5 @@
 // The link's rules: order of numbers, limits, what is due.
-#include "com/linkrules.h"
+#include "com/link/linkrules.h"
 #include "tests/link/bytes.h"
 
 #include <QByteArray>

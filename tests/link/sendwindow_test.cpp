@@ -1,5 +1,5 @@
 // How far ahead new packets may be sent.
-#include "com/sendwindow.h"
+#include "com/link/sendwindow.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The settings records against bytes written down by hand.
-#include "com/ccomsettings.h"
-#include "com/comsettings.h"
+#include "com/formats/ccomsettings.h"
+#include "com/formats/comsettings.h"
 #include "tests/link/bytes.h"
 #include "tests/support/testroot.h"
 

@@ -1,6 +1,6 @@
 #include "tests/soak/linkrun.h"
 
-#include "plugin/cabstractchannelsstate.h"
+#include "plugin/api/cabstractchannelsstate.h"
 #include "tests/soak/scenarioend.h"
 #include "tests/soak/scenariorun.h"
 #include "tests/soak/turns.h"

@@ -1,6 +1,6 @@
 #include "tests/soak/plainpeer.h"
 
-#include "plugin/cabstractchannelsstate.h"
+#include "plugin/api/cabstractchannelsstate.h"
 #include "tests/soak/virtualtime.h"
 
 #include <QDateTime>

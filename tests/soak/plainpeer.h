@@ -4,7 +4,7 @@
 // own, sharing nothing with the channel under test.
 #pragma once
 
-#include "plugin/cchannel.h"
+#include "plugin/api/cchannel.h"
 #include "tests/soak/channelsettings.h"
 #include "tests/soak/wire.h"
 

@@ -1,6 +1,6 @@
 #include "tests/soak/scenarioend.h"
 
-#include "com/ccomchannel.h"
+#include "com/link/ccomchannel.h"
 #include "tests/soak/plainpeer.h"
 
 #include <QCoreApplication>

@@ -1,7 +1,7 @@
 // One end of a scenario's line: its port, the channel over it, and the pace of its host.
 #pragma once
 
-#include "plugin/cchannel.h"
+#include "plugin/api/cchannel.h"
 #include "tests/soak/checks.h"
 #include "tests/soak/rng.h"
 #include "tests/soak/scenario.h"

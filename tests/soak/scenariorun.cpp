@@ -1,6 +1,6 @@
 #include "tests/soak/scenariorun.h"
 
-#include "com/ccomsettings.h"
+#include "com/formats/ccomsettings.h"
 
 namespace soak {
 

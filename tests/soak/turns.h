@@ -1,7 +1,7 @@
 // How the hosts at the two ends of a simulated line take turns, and what each reads in one.
 #pragma once
 
-#include "plugin/cchannel.h"
+#include "plugin/api/cchannel.h"
 #include "tests/soak/virtualtime.h"
 
 #include <array>

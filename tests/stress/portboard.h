@@ -2,8 +2,8 @@
 // note what a server must never do to its host. Any thread.
 #pragma once
 
-#include "plugin/cabstractchannelsstate.h"
-#include "plugin/cabstractjournal.h"
+#include "plugin/api/cabstractchannelsstate.h"
+#include "plugin/api/cabstractjournal.h"
 
 #include <QElapsedTimer>
 #include <QMap>

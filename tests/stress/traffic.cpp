@@ -1,6 +1,6 @@
 #include "tests/stress/traffic.h"
 
-#include "plugin/cchannel.h"
+#include "plugin/api/cchannel.h"
 
 #include <QMutexLocker>
 #include <QtEndian>

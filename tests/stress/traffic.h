@@ -2,8 +2,8 @@
 // every moment what one end has received must be a prefix of what the other has sent.
 #pragma once
 
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
+#include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/cabstractprotocolfactory.h"
 
 #include <QElapsedTimer>
 #include <QMap>

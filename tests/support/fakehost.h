@@ -8,8 +8,8 @@
 //   "journal <kind> <source> <text>"  addRecord
 #pragma once
 
-#include "plugin/cabstractchannelsstate.h"
-#include "plugin/cabstractjournal.h"
+#include "plugin/api/cabstractchannelsstate.h"
+#include "plugin/api/cabstractjournal.h"
 #include "tests/support/calllog.h"
 
 #include <atomic>

@@ -1,7 +1,7 @@
 // A channels' state for channels whose reports nobody wants to see.
 #pragma once
 
-#include "plugin/cabstractchannelsstate.h"
+#include "plugin/api/cabstractchannelsstate.h"
 
 namespace testsupport {
 

@@ -1,6 +1,6 @@
 // The rule that finds settings for a line: the values that docs/tuning.md works out by
 // hand, the limits of the keys, and that more of something never asks for less.
-#include "com/ccomsettings.h"
+#include "com/formats/ccomsettings.h"
 #include "common/settingskeys.h"
 #include "tests/support/testroot.h"
 #include "tools/linkprofile.h"

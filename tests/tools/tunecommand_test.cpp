@@ -1,5 +1,5 @@
 // transport-tune: what it prints, what it writes, what it refuses.
-#include "com/ccomsettings.h"
+#include "com/formats/ccomsettings.h"
 #include "common/csettings.h"
 #include "tests/support/testroot.h"
 #include "tools/linkprofile.h"

@@ -1,6 +1,6 @@
 // The response reader and the commands, without a worker.
-#include "com/modemdialogue.h"
-#include "com/noanswerpause.h"
+#include "com/modem/modemdialogue.h"
+#include "com/modem/noanswerpause.h"
 #include "common/csettings.h"
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"

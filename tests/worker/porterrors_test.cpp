@@ -1,5 +1,5 @@
 // Which errors of a port are passed on, and as what.
-#include "com/porterrors.h"
+#include "com/port/porterrors.h"
 
 #include <gtest/gtest.h>
 

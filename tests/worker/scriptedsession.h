@@ -1,8 +1,8 @@
 // The host's protocol and its factory, told by the test what to do.
 #pragma once
 
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
+#include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/cabstractprotocolfactory.h"
 #include "tests/support/calllog.h"
 
 #include <QMutex>

@@ -1,8 +1,8 @@
 // A port worker in front of a scripted modem, with everything around it recorded.
 #pragma once
 
-#include "com/ccomserver.h"
-#include "com/ccomthread.h"
+#include "com/worker/ccomserver.h"
+#include "com/worker/ccomthread.h"
 #include "tests/support/calllog.h"
 #include "tests/support/fakehost.h"
 #include "tests/worker/modemscript.h"

@@ -1,13 +1,24 @@
 // The least a host does with the plug-in: load it, check its version, share the log,
 // start the channel in a thread of its own, stop it and give everything back.
 #include "common/logger.h"
-#include "plugin/cabstractchannelsstate.h"
-#include "plugin/cabstractjournal.h"
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
-#include "plugin/cchannelplugin.h"
-#include "plugin/cchannelserver.h"
-#include "plugin/entrypoints.h"
+#ifdef INCLUDES_OF_1_0
+// In the installed tree alone.
+#include <plugin/cabstractchannelsstate.h>
+#include <plugin/cabstractjournal.h>
+#include <plugin/cabstractprotocol.h>
+#include <plugin/cabstractprotocolfactory.h>
+#include <plugin/cchannelplugin.h>
+#include <plugin/cchannelserver.h>
+#include <plugin/entrypoints.h>
+#else
+#include "plugin/api/cabstractchannelsstate.h"
+#include "plugin/api/cabstractjournal.h"
+#include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/cabstractprotocolfactory.h"
+#include "plugin/api/cchannelplugin.h"
+#include "plugin/api/cchannelserver.h"
+#include "plugin/api/entrypoints.h"
+#endif
 
 #include <QCoreApplication>
 #include <QLibrary>

@@ -11,14 +11,14 @@
 #include "common/global.h"
 #include "common/logger.h"
 #include "host/installation/comsettingswriter.h"
-#include "plugin/cabstractchannelsstate.h"
-#include "plugin/cabstractjournal.h"
-#include "plugin/cabstractprotocol.h"
-#include "plugin/cabstractprotocolfactory.h"
-#include "plugin/cchannel.h"
-#include "plugin/cchannelplugin.h"
-#include "plugin/cchannelserver.h"
-#include "plugin/entrypoints.h"
+#include "plugin/api/cabstractchannelsstate.h"
+#include "plugin/api/cabstractjournal.h"
+#include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/cabstractprotocolfactory.h"
+#include "plugin/api/cchannel.h"
+#include "plugin/api/cchannelplugin.h"
+#include "plugin/api/cchannelserver.h"
+#include "plugin/api/entrypoints.h"
 
 #include <QElapsedTimer>
 #include <QFile>

@@ -1,0 +1,324 @@
+#include "com/link/ccomchannel.h"
+
+#include "com/formats/ccomsettings.h"
+#include "com/link/linkrules.h"
+#include "com/port/portwait.h"
+#include "common/csettings.h"
+#include "common/functiondebug.h"
+#include "common/logger.h"
+#include "plugin/api/cabstractchannelsstate.h"
+
+#include <QDateTime>
+#include <QSerialPort>
+#include <QThread>
+
+#include <algorithm>
+#include <bitset>
+#include <utility>
+
+namespace {
+
+constexpr int readWaitMs = 10;
+constexpr int writtenWaitMs = 10; // after each packet
+constexpr int newPacketRoomWaitMs = 50; // no room for a packet
+constexpr int repeatRoomWaitMs = 100;
+
+constexpr int guardTimeMs = 1000; // silence that a modem wants in front of "+++"
+constexpr int commandWaitMs = 500;
+
+constexpr int loggedCheckBytes = 4;
+
+QString label()
+{
+    return QStringLiteral("CComChannel");
+}
+
+QString hex(const QByteArray& bytes)
+{
+    return QString::fromLatin1(bytes.toHex());
+}
+
+void logWritten(const QByteArray& bytes)
+{
+    if (CSettings().debugTransportComData())
+        debug(label(), QStringLiteral("Запись: %1").arg(hex(bytes)), DebugAlways, DebugFlagNone);
+}
+
+void logSent(const CComPacket& packet, bool isRepeat)
+{
+    const QString number = QString::number(packet.number);
+    const QString size = QString::number(packet.data.size());
+    if (isRepeat) {
+        debug(label(), QStringLiteral("Запись пакета с данными (повтор) - номер %1, размер %2.").arg(number, size),
+              DebugTransportComPackets, DebugFlagNone);
+    } else {
+        debug(label(),
+              QStringLiteral("Запись пакета с данными - номер %1, размер %2, crc %3")
+                  .arg(number, size, hex(packet.bytes.right(loggedCheckBytes))),
+              DebugTransportComPackets, DebugFlagNone);
+    }
+    logWritten(packet.bytes);
+}
+
+} // namespace
+
+CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex)
+    : m_port(port), m_channelsState(state), m_channelIndex(channelIndex)
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    type = channelType;
+    m_confirmationTimer.start();
+}
+
+void CComChannel::disconnectFromAbonent()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    static const int resetTimeoutMs = CSettings().detailsTransportComResetTimeout();
+
+    QThread::msleep(guardTimeMs);
+    discardInput();
+
+    // The label is that of the worker, whose dialogue with the modem this belongs to.
+    debug(QStringLiteral("CComThread"), QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands,
+          DebugFlagNone);
+    m_port->write("+++");
+    waitForWritten(*m_port, commandWaitMs);
+    if (!waitForOk(resetTimeoutMs)) {
+        debug(label(), QStringLiteral("Не удалось разорвать соединение вовремя"), DebugTransportComAtCommands,
+              DebugFlagNone);
+    }
+    m_port->write("ATH\r\n"); // CR LF, whatever control symbol is set for other commands
+    waitForWritten(*m_port, commandWaitMs);
+    m_connected = false;
+}
+
+bool CComChannel::isConnected()
+{
+    return m_connected && m_port->isOpen() && (m_port->pinoutSignals() & QSerialPort::DataCarrierDetectSignal);
+}
+
+void CComChannel::write(const QByteArray& data)
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
+    const int blockSize = linkrules::blockSize(currentPacketSize(), maxBytesToWrite);
+    for (int offset = 0; offset < data.size(); offset += blockSize) {
+        CComPacket packet;
+        packet.type = DataPacket;
+        packet.number = m_nextNumber++;
+        packet.data = data.mid(offset, blockSize);
+        packet.makePacket();
+        m_queuedBytes += packet.data.size();
+        m_sendQueue.append(packet);
+    }
+}
+
+QByteArray CComChannel::read(int maxSize)
+{
+    readPort();
+    computePackets();
+    resending();
+    return takeReceived(maxSize);
+}
+
+int CComChannel::idealBlockSize()
+{
+    static const int maxBytesInQueue = CSettings().detailsTransportComMaxBytesInQueue();
+    const quint8 first = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
+    if (!linkrules::mayQueueMore(m_sendQueue.size(), m_queuedBytes, maxBytesInQueue, m_nextNumber, first))
+        return 0;
+    return currentPacketSize();
+}
+
+void CComChannel::readPort()
+{
+    waitForWritten(*m_port, readWaitMs);
+    if (m_port->bytesAvailable() == 0)
+        waitForInput(*m_port, readWaitMs);
+    const QByteArray bytes = m_port->readAll();
+    const bool logsData = CSettings().debugTransportComData();
+    if (logsData && !bytes.isEmpty())
+        debug(label(), QStringLiteral("Чтение: %1").arg(hex(bytes)), DebugAlways, DebugFlagNone);
+    m_receiveBuffer.append(bytes);
+}
+
+void CComChannel::computePackets()
+{
+    int taken = 0;
+    for (bool found = true; found;) {
+        CComPacket packet;
+        int end = 0;
+        found = packet.cut(m_receiveBuffer.constData() + taken, m_receiveBuffer.size() - taken, &end) ==
+                CComPacket::Cut::Packet;
+        taken += end;
+        if (found)
+            computePacket(packet);
+    }
+    // Even in front of a packet that is not complete: of headers behind each other, each
+    // promising more than the last, the buffer would grow without end, and so would the
+    // time to look through it again.
+    m_receiveBuffer.remove(0, taken);
+}
+
+void CComChannel::computePacket(const CComPacket& packet)
+{
+    if (packet.type == DataPacket)
+        computeData(packet);
+    else if (packet.type == ConfirmationPacket)
+        computeConfirmation(packet);
+}
+
+void CComChannel::computeData(const CComPacket& packet)
+{
+    debug(label(),
+          QStringLiteral("Прочитан пакет с данными - номер %1, размер %2, crc %3")
+              .arg(QString::number(packet.number), QString::number(packet.data.size()),
+                   hex(packet.bytes.right(loggedCheckBytes))),
+          DebugTransportComPackets, DebugFlagNone);
+
+    linkrules::dropOvertaken(m_held, m_expectedNumber, packet.number);
+    if (packet.number == m_expectedNumber) {
+        // Held packets move on only with the next packet that arrives ahead.
+        deliver(packet);
+    } else if (linkrules::numberLessThen(m_expectedNumber, packet.number)) {
+        linkrules::hold(m_held, packet);
+        while (!m_held.isEmpty() && m_held.first().number == m_expectedNumber)
+            deliver(m_held.takeFirst());
+    }
+    // Dropped ones too: a repeat of what was delivered must be confirmed again.
+    m_toConfirm.insert(packet.number);
+}
+
+void CComChannel::computeConfirmation(const CComPacket& packet)
+{
+    if (CSettings().debugTransportComPackets()) {
+        debug(label(),
+              QStringLiteral("Прочитан пакет с подтверждениями - номера %1").arg(linkrules::numbersText(packet.data)),
+              DebugAlways, DebugFlagNone);
+    }
+    std::bitset<256> confirmed;
+    for (const char number : packet.data)
+        confirmed.set(static_cast<quint8>(number));
+    int ahead = 0; // of the oldest; does not wrap, however long the queue
+    quint8 previous = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
+    for (auto queued = m_sendQueue.begin(); queued != m_sendQueue.end();) {
+        ahead += linkrules::stepsFrom(previous, queued->number);
+        previous = queued->number;
+        if (!confirmed.test(queued->number) || !SendWindow::mayBeConfirmed(*queued, ahead)) {
+            ++queued;
+            continue;
+        }
+        if (queued->sentTime != 0)
+            m_sendWindow.noteConfirmed(queued->number);
+        m_channelsState->addSentBytes(m_channelIndex, queued->data.size());
+        m_queuedBytes -= queued->data.size();
+        queued = m_sendQueue.erase(queued);
+    }
+}
+
+void CComChannel::deliver(const CComPacket& packet)
+{
+    m_channelsState->addReceivedBytes(m_channelIndex, packet.data.size());
+    m_received.append(packet.data);
+    ++m_expectedNumber;
+}
+
+QByteArray CComChannel::takeReceived(int maxSize)
+{
+    if (maxSize >= m_received.size())
+        return std::exchange(m_received, QByteArray());
+    const QByteArray taken = m_received.left(std::max(0, maxSize));
+    m_received.remove(0, taken.size());
+    return taken;
+}
+
+void CComChannel::resending()
+{
+    sendQueue();
+    sendConfirmation(); // also when the walk over the queue has stopped
+}
+
+void CComChannel::sendQueue()
+{
+    static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
+    static const int resendIntervalMs = CSettings().detailsTransportComResendInterval();
+    const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
+    const int packetSize = currentPacketSize(); // what a host offers to one write
+    const int newPacketsLimit =
+        std::min(m_sendWindow.newPacketsLimit(m_sendQueue),
+                 SendWindow::writeLimit(packetSize, linkrules::blockSize(packetSize, maxBytesToWrite)));
+    const quint8 oldest = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
+    quint8 previous = oldest;
+    int ahead = 0; // of the oldest; does not wrap, however long the queue
+    for (CComPacket& packet : m_sendQueue) {
+        ahead += linkrules::stepsFrom(previous, packet.number);
+        previous = packet.number;
+        const bool isRepeat = packet.sentTime != 0;
+        if (isRepeat ? !linkrules::isRepeatDue(nowMs, packet.sentTime, resendIntervalMs) : ahead > newPacketsLimit)
+            continue;
+        if (!linkrules::hasRoom(maxBytesToWrite, m_port->bytesToWrite(), packet.bytes.size())) {
+            waitForWritten(*m_port, isRepeat ? repeatRoomWaitMs : newPacketRoomWaitMs);
+            return;
+        }
+        if (isRepeat)
+            m_sendWindow.noteRepeated(packet.number, oldest);
+        else
+            m_sendWindow.noteSent(packet.number, oldest);
+        packet.sentTime = nowMs;
+        m_port->write(packet.bytes);
+        waitForWritten(*m_port, writtenWaitMs);
+        logSent(packet, isRepeat);
+    }
+}
+
+void CComChannel::sendConfirmation()
+{
+    static const int confirmationIntervalMs = CSettings().detailsTransportComConfirmationInterval();
+    if (!linkrules::isConfirmationDue(m_confirmationTimer.elapsed(), m_toConfirm.size(), confirmationIntervalMs))
+        return;
+    CComPacket packet;
+    packet.type = ConfirmationPacket;
+    packet.data = linkrules::confirmationPayload(m_toConfirm);
+    packet.makePacket();
+    m_port->write(packet.bytes);
+    m_port->flush();
+    waitForWritten(*m_port, writtenWaitMs);
+    if (CSettings().debugTransportComPackets()) {
+        debug(label(),
+              QStringLiteral("Запись пакета с подтверждением - номера %1").arg(linkrules::numbersText(packet.data)),
+              DebugAlways, DebugFlagNone);
+    }
+    logWritten(packet.bytes);
+    m_toConfirm.clear();
+    m_confirmationTimer.restart();
+}
+
+void CComChannel::discardInput()
+{
+    QElapsedTimer timer;
+    timer.start();
+    int leftMs = readWaitMs;
+    while (leftMs > 0 && waitForInput(*m_port, leftMs)) {
+        m_port->readAll();
+        leftMs = readWaitMs - static_cast<int>(timer.elapsed());
+    }
+    m_port->readAll();
+}
+
+bool CComChannel::waitForOk(int timeoutMs)
+{
+    QByteArray input;
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < timeoutMs) {
+        waitForInput(*m_port, readWaitMs);
+        input.append(m_port->readAll());
+        for (int end = input.indexOf('\n'); end >= 0; end = input.indexOf('\n')) {
+            const QByteArray line = input.left(end + 1).replace('\r', QByteArray()).toUpper();
+            if (line == "OK\n")
+                return true;
+            input.remove(0, end + 1);
+        }
+    }
+    return false;
+}

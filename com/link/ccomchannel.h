@@ -1,0 +1,78 @@
+// The reliable byte channel over a connected serial port: numbered packets, confirmations
+// and repeats. docs/link-protocol.md tells the life of a packet.
+#pragma once
+
+#include "com/link/ccompacket.h"
+#include "com/link/sendwindow.h"
+#include "plugin/api/cchannel.h"
+
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <QList>
+#include <QSet>
+
+class CAbstractChannelsState;
+class QSerialPort;
+
+// Made by a port worker for one connection and used from that worker's thread only. It
+// has no thread and no timer of its own: all its work, sending too, happens within the
+// calls of read().
+class CComChannel : public CChannel
+{
+public:
+    static constexpr int channelType = 2;
+
+    // port: open and connected; state: told of traffic under channelIndex. Both stay the
+    // caller's and must outlive the channel.
+    CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex);
+
+    // Hangs up with "+++" and "ATH". Blocks for one second of guard time and up to
+    // Details/transportComResetTimeout, and leaves the channel not connected.
+    void disconnectFromAbonent() override;
+
+    // Whether the modem shows a carrier.
+    bool isConnected() override;
+
+    // Cuts data into packets and queues them; the port is not touched.
+    void write(const QByteArray& data) override;
+
+    // Reads the port, takes in packets, sends what is due, and returns up to maxSize
+    // bytes of what was received in order. Blocks for some tens of milliseconds at most
+    // for each packet written. After a hang-up too: what it sends then goes to
+    // the modem.
+    QByteArray read(int maxSize) override;
+
+    // The most to give to one write(), or 0 while the queue is full.
+    int idealBlockSize() override;
+
+private:
+    void readPort();
+    void computePackets();
+    void computePacket(const CComPacket& packet);
+    void computeData(const CComPacket& packet);
+    void computeConfirmation(const CComPacket& packet);
+    void deliver(const CComPacket& packet);
+    QByteArray takeReceived(int maxSize);
+
+    void resending();
+    void sendQueue();
+    void sendConfirmation();
+
+    void discardInput();
+    bool waitForOk(int timeoutMs);
+
+    QSerialPort* m_port; // not owned
+    CAbstractChannelsState* m_channelsState; // not owned
+    int m_channelIndex;
+    bool m_connected = true;
+    QByteArray m_received; // in order, waiting for read()
+    QByteArray m_receiveBuffer; // from the port, not yet cut into packets
+    QList<CComPacket> m_sendQueue; // oldest first, until confirmed
+    QList<CComPacket> m_held; // arrived ahead of a gap
+    quint8 m_nextNumber = 1; // of the next data packet written
+    quint8 m_expectedNumber = 1; // of the next data packet to deliver
+    int m_queuedBytes = 0; // payload bytes in the send queue
+    QSet<quint8> m_toConfirm; // received and not yet confirmed
+    QElapsedTimer m_confirmationTimer; // since the last confirmation, at first since construction
+    SendWindow m_sendWindow;
+};

@@ -1,0 +1,583 @@
+#include "com/worker/ccomthread.h"
+
+#include "com/link/ccomchannel.h"
+#include "com/modem/modemdialogue.h"
+#include "com/modem/noanswerpause.h"
+#include "com/port/modemport.h"
+#include "com/port/portwait.h"
+#include "com/worker/ccomserver.h"
+#include "com/worker/portsession.h"
+#include "common/csettings.h"
+#include "common/functiondebug.h"
+#include "common/global.h"
+#include "common/logger.h"
+#include "plugin/api/cabstractchannelsstate.h"
+#include "plugin/api/cabstractjournal.h"
+#include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/comcalltexts.h"
+
+#include <QElapsedTimer>
+#include <QMutexLocker>
+
+#include <utility>
+
+namespace {
+
+constexpr int passPauseMs = 10;
+constexpr int pauseStepMs = 10;
+constexpr int writeWaitMs = 500;
+constexpr int hangUpWriteWaitMs = 100;
+constexpr int wrongAnswerPauseMs = 1000;
+constexpr int lateAnswersMs = 300;
+constexpr int lateAnswersStepMs = 10;
+constexpr int afterHangUpPauseMs = 500;
+
+constexpr int eventRecord = 0;
+constexpr int errorRecord = 1;
+
+// Shared by all ports: with several silent modems each is asked the less often.
+NoAnswerPause noAnswerPause;
+
+// Leaves the host's table when run() ends, in whatever way.
+class ChannelEntry
+{
+public:
+    ChannelEntry(CAbstractChannelsState* channelsState, int index) : m_channelsState(channelsState), m_index(index) {}
+    ~ChannelEntry() { m_channelsState->removeChannel(m_index); }
+    Q_DISABLE_COPY(ChannelEntry)
+
+private:
+    CAbstractChannelsState* m_channelsState; // not owned
+    int m_index;
+};
+
+// An invalid QElapsedTimer counts as expired for Qt, but not here.
+bool runsLongerThan(const QElapsedTimer& timer, int timeoutMs)
+{
+    return timer.isValid() && timer.elapsed() > timeoutMs;
+}
+
+} // namespace
+
+CComThread::CComThread(const ComPortSettings& settings, CComServer* server) : m_settings(settings), m_server(server) {}
+
+CComThread::~CComThread() = default;
+
+QString CComThread::abonentName() const
+{
+    QMutexLocker locker(&m_lifeMutex);
+    return m_abonentName;
+}
+
+bool CComThread::tryConnect(const QString& abonentName, const QString& number)
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QMutexLocker locker(&m_mutex);
+    if (state() != LineFree)
+        return false;
+    setAbonentName(abonentName);
+    m_number = number;
+    m_state = CallRequested;
+    return true;
+}
+
+void CComThread::disconnectFromAbonent()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QMutexLocker locker(&m_mutex);
+    if (m_protocol)
+        m_protocol->stop();
+}
+
+void CComThread::stop()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QMutexLocker locker(&m_mutex);
+    m_stopRequested = true;
+    if (m_protocol)
+        m_protocol->stop();
+}
+
+void CComThread::keepAlive()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QMutexLocker locker(&m_lifeMutex);
+    // The protocol reads it in its own thread.
+    if (m_protocol)
+        __atomic_store_n(&m_protocol->keepAlive, true, __ATOMIC_RELAXED);
+}
+
+void CComThread::run()
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    QSerialPort port;
+    connect(&port, &QSerialPort::errorOccurred,
+            [this, &port](QSerialPort::SerialPortError code) { portErrorOccurred(port, code); });
+    port.setPortName(m_settings.portName);
+    CAbstractChannelsState* const channelsState = m_server->channelsState;
+    m_index = channelsState->addChannel(CComChannel::channelType, m_settings.portName, QStringLiteral("Инициализация"));
+    ChannelEntry entry(channelsState, m_index);
+    setStatus(QStringLiteral("Открытие COM порта"));
+
+    PortSession session{port, {}, {}, {}, false, false};
+    for (;;) {
+        msleep(passPauseMs);
+        if (stopRequested())
+            break;
+        // Not a switch: a state that one handler sets is handled in the same pass.
+        if (state() == PortClosed)
+            openPort(session);
+        if (state() == WaitingForDevice)
+            waitForDevice(session);
+        if (state() == CheckingDevice)
+            checkDevice(session);
+        if (state() == LineFree)
+            serveFreeLine(session);
+        if (state() == CallRequested)
+            dial(session);
+        if (state() == WaitingForConnect)
+            awaitConnect(session);
+        if (state() == ResettingModem)
+            resetModem(session);
+        reopenClosedPort(session);
+        resetOnCarrier(session);
+        leaveFreeOnDsrLoss(session);
+    }
+    hangUpOnExit(session);
+    // From here on destructors do input and output; being cancelled in one would abort the host.
+    setTerminationEnabled(false);
+    shutPort(port);
+}
+
+// --- the states -------------------------------------------------------------------------
+
+void CComThread::openPort(PortSession& session)
+{
+    static const int openIntervalMs = CSettings().detailsTransportComOpenInterval();
+    QSerialPort& port = session.port;
+    if (!port.open(QIODevice::ReadWrite)) {
+        const QString text = QStringLiteral("Ошибка открытия COM порта. %1").arg(port.errorString());
+        writeLog(text, DebugAlways);
+        report(text);
+        pause(openIntervalMs);
+        return;
+    }
+    writeLog(QStringLiteral("COM порт открыт"), DebugAlways);
+    report(QStringLiteral("COM порт открыт"));
+    configurePort(port);
+    sendInitString(port);
+    session.mayAnswerLate = !m_settings.initString.isEmpty();
+    session.hasRung = false;
+    session.lines = modemLines(port);
+    moveState(PortClosed,
+              session.lines.testFlag(QSerialPort::DataCarrierDetectSignal) ? ResettingModem : WaitingForDevice);
+    session.timer.invalidate();
+}
+
+// A parameter that the port refuses is reported, and the rest is set all the same.
+void CComThread::configurePort(QSerialPort& port)
+{
+    const auto check = [this, &port](bool isSet, const QString& failure) {
+        if (isSet)
+            return;
+        const QString text = failure.arg(port.errorString());
+        writeLog(text, DebugAlways);
+        addError(text);
+    };
+    check(port.setDataTerminalReady(true), QStringLiteral("Не удалось установить сигнал DTR для COM порта. %1"));
+    check(port.setBaudRate(m_settings.baudRate), QStringLiteral("Не удалось изменить скорость COM порта. %1"));
+    check(port.setFlowControl(static_cast<QSerialPort::FlowControl>(m_settings.flowControl)),
+          QStringLiteral("Не удалось изменить управление потоком COM порта. %1"));
+    check(port.setDataBits(static_cast<QSerialPort::DataBits>(m_settings.dataBits)),
+          QStringLiteral("Не удалось изменить биты данных COM порта. %1"));
+    check(port.setParity(static_cast<QSerialPort::Parity>(m_settings.parity)),
+          QStringLiteral("Не удалось изменить четность COM порта. %1"));
+    check(port.setStopBits(static_cast<QSerialPort::StopBits>(m_settings.stopBits)),
+          QStringLiteral("Не удалось изменить стоповые биты COM порта. %1"));
+}
+
+void CComThread::sendInitString(QSerialPort& port)
+{
+    const QString& initString = m_settings.initString;
+    if (initString.isEmpty())
+        return;
+    addEvent(QStringLiteral("Отправка строки инициализации: %1").arg(initString));
+    writeLog(QStringLiteral("Запись команды: %1").arg(initString), DebugTransportComAtCommands);
+    writeCommand(port, initCommand(initString), writeWaitMs);
+}
+
+void CComThread::waitForDevice(PortSession& session)
+{
+    static const int dsrCheckIntervalMs = CSettings().detailsTransportComDsrCheckInterval();
+    session.lines = modemLines(session.port);
+    if (session.lines.testFlag(QSerialPort::DataSetReadySignal)) {
+        writeLog(QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(m_settings.portName),
+                 DebugTransportComAtCommands);
+        report(QStringLiteral("Устройство включено"));
+        moveState(WaitingForDevice, CheckingDevice);
+    } else if (!closeVanishedPort(session.port)) {
+        pause(dsrCheckIntervalMs);
+    }
+}
+
+// An unplugged device leaves its port open with all lines down, and while it is held the
+// kernel gives the returning device another number. Closed, it is opened again and again
+// until the device is back.
+bool CComThread::closeVanishedPort(QSerialPort& port)
+{
+    if (!port.isOpen() || !deviceHasVanished(port, m_settings.portName))
+        return false;
+    port.close();
+    return true;
+}
+
+void CComThread::checkDevice(PortSession& session)
+{
+    static const int okTimeoutMs = CSettings().detailsTransportComAtOkTimeout();
+    if (closeVanishedPort(session.port))
+        return;
+    if (!session.timer.isValid())
+        startCheck(session);
+    if (runsLongerThan(session.timer, okTimeoutMs))
+        checkUnanswered(session);
+    else
+        readCheckAnswer(session);
+}
+
+void CComThread::startCheck(PortSession& session)
+{
+    session.port.readAll();
+    session.timer.start();
+    writeLog(QStringLiteral("Запись команды: AT"), DebugTransportComAtCommands);
+    addEvent(QStringLiteral("Запись команды 'AT'"));
+    writeCommand(session.port, checkCommand(), writeWaitMs);
+}
+
+void CComThread::checkUnanswered(PortSession& session)
+{
+    writeLog(QStringLiteral("Нет ответа на команду 'AT'"), DebugTransportComAtCommands);
+    report(QStringLiteral("Нет ответа на команду 'AT'"));
+    session.timer.invalidate();
+    pause(noAnswerPause.lengthen() * 1000);
+}
+
+void CComThread::readCheckAnswer(PortSession& session)
+{
+    waitForWritten(session.port, 100);
+    waitForInput(session.port, 100);
+    switch (readModemResponse(session.port, session.lastAnswer)) {
+    case ResponseOk:
+        if (std::exchange(session.mayAnswerLate, false))
+            dropLateAnswers(session);
+        setStatus(QStringLiteral("Свободен"));
+        writeLog(QStringLiteral("Получен ответ 'OK' на команду AT"), DebugTransportComAtCommands);
+        addEvent(QStringLiteral("Получен ответ 'OK' на команду 'AT'"));
+        moveState(CheckingDevice, LineFree);
+        session.timer.invalidate();
+        noAnswerPause.reset();
+        break;
+    case ResponseNone:
+    case ResponseAtEcho: dropEndlessInput(session.port); break;
+    case ResponseUnknown:
+    case ResponseError:
+    case ResponseBusy:
+    case ResponseRing:
+    case ResponseConnect:
+    case ResponseNoCarrier:
+    case ResponseNoDialtone:
+    case ResponseNoAnswer:
+    case ResponseDialEcho:
+    case ResponseAnswerEcho: {
+        const QString text = QStringLiteral("Неверный ответ на команду 'AT': %1").arg(session.lastAnswer);
+        writeLog(text, DebugTransportComAtCommands);
+        report(text);
+        session.timer.invalidate();
+        pause(wrongAnswerPauseMs);
+        noAnswerPause.reset();
+        break;
+    }
+    }
+}
+
+// The "OK" that was read may have been the init string's: that of "AT" must not be left for the
+// first call, which it would fail.
+void CComThread::dropLateAnswers(PortSession& session)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!stopRequested() && state() == CheckingDevice && timer.elapsed() < lateAnswersMs) {
+        if (!session.port.canReadLine())
+            waitForInput(session.port, lateAnswersStepMs);
+        if (readModemResponse(session.port, session.lastAnswer) == ResponseRing)
+            session.hasRung = true;
+        dropEndlessInput(session.port);
+    }
+}
+
+void CComThread::serveFreeLine(PortSession& session)
+{
+    static const int readyCheckTimeoutMs = CSettings().detailsTransportComAtReadyCheckTimeout();
+    QMutexLocker locker(&m_mutex);
+    if (state() != LineFree)
+        return;
+    // This look serves the test for the loss of DSR at the end of the pass as well.
+    session.lines = modemLines(session.port);
+    if (session.lines.testFlag(QSerialPort::RingIndicatorSignal) || std::exchange(session.hasRung, false) ||
+        readModemResponse(session.port, session.lastAnswer) == ResponseRing) {
+        answerCall(session);
+        return;
+    }
+    dropEndlessInput(session.port);
+    if (!session.timer.isValid())
+        session.timer.start();
+    if (runsLongerThan(session.timer, readyCheckTimeoutMs)) {
+        m_state = CheckingDevice;
+        session.timer.invalidate();
+    }
+}
+
+// Called under m_mutex.
+void CComThread::answerCall(PortSession& session)
+{
+    setStatus(QStringLiteral("Входящий вызов"));
+    writeLog(QStringLiteral("Запись команды: ATA"), DebugTransportComAtCommands);
+    addEvent(QStringLiteral("Входящий вызов. Запись команды: ATA"));
+    dropInput(session.port);
+    writeCommand(session.port, answerCommand(), writeWaitMs);
+    setAbonentName(QString());
+    m_state = WaitingForConnect;
+    session.timer.start();
+}
+
+void CComThread::dial(PortSession& session)
+{
+    const QString name = abonentName();
+    const QString call = ComCallTexts::calling().arg(name, m_number);
+    setStatus(call);
+    writeLog(QStringLiteral("Запись команды: ATD%1").arg(m_number), DebugTransportComAtCommands);
+    addEvent(call + QStringLiteral(". Запись команды: ATD") + m_number);
+    dropInput(session.port);
+    writeCommand(session.port, dialCommand(m_number), writeWaitMs);
+    moveState(CallRequested, WaitingForConnect);
+    session.timer.start();
+}
+
+void CComThread::awaitConnect(PortSession& session)
+{
+    static const int connectTimeoutMs = CSettings().detailsTransportComConnectTimeout();
+    const bool isOutgoing = !abonentName().isEmpty();
+    bool hasFailed = false;
+    switch (readModemResponse(session.port, session.lastAnswer)) {
+    case ResponseConnect: runConnection(session); return;
+    case ResponseNone:
+    case ResponseUnknown: break;
+    case ResponseDialEcho: hasFailed = !isOutgoing; break;
+    case ResponseAnswerEcho: hasFailed = isOutgoing; break;
+    case ResponseError:
+    case ResponseOk:
+    case ResponseBusy:
+    case ResponseRing:
+    case ResponseNoCarrier:
+    case ResponseNoDialtone:
+    case ResponseNoAnswer:
+    case ResponseAtEcho: hasFailed = true; break;
+    }
+    if (hasFailed)
+        connectFailed(session, ComCallTexts::failed().arg(session.lastAnswer));
+    else if (runsLongerThan(session.timer, connectTimeoutMs))
+        connectFailed(session, ComCallTexts::failed().arg(QStringLiteral("превышено время ожидания")));
+}
+
+void CComThread::connectFailed(PortSession& session, const QString& text)
+{
+    report(text);
+    const QString name = abonentName();
+    if (!name.isEmpty())
+        emit m_server->notConnected(name);
+    moveState(WaitingForConnect, ResettingModem);
+    session.timer.invalidate();
+}
+
+void CComThread::resetModem(PortSession& session)
+{
+    static const int resetTimeoutMs = CSettings().detailsTransportComResetTimeout();
+    QSerialPort& port = session.port;
+    if (!port.isOpen())
+        return;
+    // A timer that runs already (an error, or carrier during the check) leaves out the escape.
+    if (!session.timer.isValid()) {
+        writeLog(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
+        port.readAll();
+        writeCommand(port, escapeCommand(), writeWaitMs);
+        waitForInput(port, 200);
+        session.timer.start();
+        return;
+    }
+    const bool isEscaped = readModemResponse(port, session.lastAnswer) == ResponseOk;
+    if (!isEscaped && !runsLongerThan(session.timer, resetTimeoutMs))
+        return;
+    writeCommand(port, resetHangUpCommand(), hangUpWriteWaitMs);
+    pause(afterHangUpPauseMs);
+    port.readAll();
+    shutPort(port);
+    moveState(ResettingModem, PortClosed);
+    session.timer.invalidate();
+}
+
+// --- in any state -----------------------------------------------------------------------
+
+void CComThread::reopenClosedPort(PortSession& session)
+{
+    if (session.port.isOpen())
+        return;
+    setStatus(QStringLiteral("Открытие COM порта"));
+    QMutexLocker locker(&m_mutex);
+    m_state = PortClosed;
+    m_errors.portClosed();
+}
+
+void CComThread::resetOnCarrier(PortSession& session)
+{
+    if (state() != CheckingDevice)
+        return;
+    session.lines = modemLines(session.port);
+    // The modem is still in a call.
+    if (session.lines.testFlag(QSerialPort::DataCarrierDetectSignal))
+        moveState(CheckingDevice, ResettingModem);
+}
+
+void CComThread::leaveFreeOnDsrLoss(PortSession& session)
+{
+    if (state() != LineFree || session.lines.testFlag(QSerialPort::DataSetReadySignal))
+        return;
+    QMutexLocker locker(&m_mutex);
+    // A call may have been taken meanwhile.
+    if (state() != LineFree)
+        return;
+    writeLog(QStringLiteral("Устройство на COM порту '%1' выключено").arg(m_settings.portName),
+             DebugTransportComAtCommands);
+    report(QStringLiteral("COM порт открыт"));
+    m_state = WaitingForDevice;
+}
+
+// --- errors of the port -----------------------------------------------------------------
+
+// Runs in the worker's thread, within the port's own call.
+void CComThread::portErrorOccurred(const QSerialPort& port, QSerialPort::SerialPortError code)
+{
+    const int stateNow = state();
+    if (m_errors.note(code, port, stateNow, stateNow != PortClosed))
+        QMetaObject::invokeMethod(
+            this, [this, code] { comPortError(code); }, Qt::QueuedConnection);
+}
+
+// The error as it was noted when it was raised; of one that came another way, what can
+// still be learnt.
+PortError CComThread::noted(QSerialPort::SerialPortError code)
+{
+    if (const std::optional<PortError> error = m_errors.take(code))
+        return *error;
+    const auto* const port = qobject_cast<QSerialPort*>(sender());
+    return {code, port ? port->errorString() : QString(), state(), m_errors.opening()};
+}
+
+void CComThread::comPortError(QSerialPort::SerialPortError error)
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    if (PortErrors::isIgnored(error))
+        return;
+    const PortError raised = noted(error);
+    const QString text =
+        QStringLiteral("COM port error: %1").arg(static_cast<int>(error)) + QStringLiteral(". %1").arg(raised.text);
+    writeLog(text, DebugTransportComPortError);
+    addError(text);
+
+    QMutexLocker locker(&m_mutex);
+    // A parameter that the port refuses while it is being opened must not send it round
+    // for ever, nor an error whose port has been opened anew since.
+    if (raised.state == PortClosed || !m_errors.isOfThisOpening(raised))
+        return;
+    if (m_protocol)
+        m_protocol->stop();
+    if (state() != PortClosed)
+        m_state = ResettingModem;
+}
+
+// --- the end of run() -------------------------------------------------------------------
+
+void CComThread::hangUpOnExit(PortSession& session)
+{
+    // run() leaves its loop only with the flag set, so that this returns here: a stop does
+    // not wait for the modem. Kept for a loop that ends for another reason.
+    if (stopRequested())
+        return;
+    QSerialPort& port = session.port;
+    if (!modemLines(port).testFlag(QSerialPort::DataCarrierDetectSignal))
+        return;
+    writeLog(QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands);
+    writeCommand(port, escapeCommand(), hangUpWriteWaitMs);
+    session.timer.start();
+    do {
+        waitForInput(port, 100);
+    } while (readModemResponse(port, session.lastAnswer) != ResponseOk && session.timer.elapsed() < 999);
+    writeCommand(port, exitHangUpCommand(), hangUpWriteWaitMs);
+    pause(100);
+    port.readAll();
+}
+
+// --- small tools ------------------------------------------------------------------------
+
+// A transition made without m_mutex: false, and nothing is changed, when a call was taken
+// or a reset forced meanwhile.
+bool CComThread::moveState(State from, State to)
+{
+    int expected = from;
+    return m_state.compare_exchange_strong(expected, to);
+}
+
+void CComThread::setAbonentName(const QString& name)
+{
+    QMutexLocker locker(&m_lifeMutex);
+    m_abonentName = name;
+}
+
+void CComThread::setProtocol(CAbstractProtocol* protocol)
+{
+    QMutexLocker locker(&m_lifeMutex);
+    m_protocol = protocol;
+}
+
+void CComThread::writeLog(const QString& text, DebugLevel level)
+{
+    debug(QStringLiteral("CComThread"), text, level, DebugFlagNone);
+}
+
+void CComThread::setStatus(const QString& text)
+{
+    m_server->channelsState->setState(m_index, text);
+}
+
+void CComThread::addEvent(const QString& text)
+{
+    m_server->journal->addRecord(eventRecord, m_settings.portName, text);
+}
+
+void CComThread::addError(const QString& text)
+{
+    m_server->journal->addRecord(errorRecord, m_settings.portName, text);
+}
+
+void CComThread::report(const QString& text)
+{
+    setStatus(text);
+    addEvent(text);
+}
+
+void CComThread::pause(int pauseMs) const
+{
+    for (int step = 0; step < pauseMs / pauseStepMs; ++step) {
+        if (stopRequested())
+            return;
+        msleep(pauseStepMs);
+    }
+}

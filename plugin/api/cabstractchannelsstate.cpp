@@ -1,0 +1,3 @@
+#include "plugin/api/cabstractchannelsstate.h"
+
+CAbstractChannelsState::~CAbstractChannelsState() = default;

@@ -1,0 +1,3 @@
+#include "plugin/api/cabstractjournal.h"
+
+CAbstractJournal::~CAbstractJournal() = default;

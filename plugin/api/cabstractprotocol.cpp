@@ -1,0 +1,13 @@
+#include "plugin/api/cabstractprotocol.h"
+
+CAbstractProtocol::~CAbstractProtocol()
+{
+    delete channel;
+}
+
+void CAbstractProtocol::start()
+{
+    wasUseful = false;
+}
+
+void CAbstractProtocol::stop() {}

@@ -1,0 +1,3 @@
+#include "plugin/api/cabstractprotocolfactory.h"
+
+CAbstractProtocolFactory::~CAbstractProtocolFactory() = default;

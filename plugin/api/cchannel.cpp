@@ -1,0 +1,3 @@
+#include "plugin/api/cchannel.h"
+
+CChannel::~CChannel() = default;

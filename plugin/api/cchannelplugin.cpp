@@ -1,0 +1,3 @@
+#include "plugin/api/cchannelplugin.h"
+
+CChannelPlugin::~CChannelPlugin() = default;

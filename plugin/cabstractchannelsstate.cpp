@@ -1,3 +1,0 @@
-#include "plugin/cabstractchannelsstate.h"
-
-CAbstractChannelsState::~CAbstractChannelsState() = default;

@@ -1,3 +1,0 @@
-#include "plugin/cabstractjournal.h"
-
-CAbstractJournal::~CAbstractJournal() = default;

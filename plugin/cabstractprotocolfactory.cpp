@@ -1,3 +1,0 @@
-#include "plugin/cabstractprotocolfactory.h"
-
-CAbstractProtocolFactory::~CAbstractProtocolFactory() = default;

@@ -1,3 +1,0 @@
-#include "plugin/cchannel.h"
-
-CChannel::~CChannel() = default;

@@ -1,3 +1,0 @@
-#include "plugin/cchannelplugin.h"
-
-CChannelPlugin::~CChannelPlugin() = default;
