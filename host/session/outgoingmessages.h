@@ -1,0 +1,84 @@
+// Our messages on their way to the peer: each is offered, sent and kept until the peer says
+// that it has stored it.
+#pragma once
+
+#include "host/session/peer.h"
+#include "host/session/sessioncontrol.h"
+
+#include <QCryptographicHash>
+#include <QSet>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace host {
+
+class OutgoingMessages
+{
+public:
+    // peer, store, session: not owned, outlive this object. What is claimed of the queue is
+    // claimed in the session's name.
+    OutgoingMessages(const Peer& peer, SessionStore* store, SessionControl* session);
+
+    // Frames of the peer.
+    void onState(const Frame& frame);
+    void onStored(const Frame& frame);
+    void onRefused(const Frame& frame);
+
+    // Each answers whether there was something to do, although it may not have put any frame.
+    bool tellSettled(qint64 nowMs);
+    bool sendNext();
+
+    // The peer has a part of the message that comes next: it is compared with ours, in slices.
+    [[nodiscard]] bool isComparing() const { return m_sending && m_sending->prefixHash; }
+    void compare();
+
+    [[nodiscard]] bool awaitsAcknowledgement() const { return !m_unacknowledged.empty(); }
+    [[nodiscard]] bool nothingLeft() const;
+
+    // The session is over: what it has claimed of the queue is free again.
+    void drop();
+
+private:
+    struct Sending
+    {
+        OutgoingMessage message;
+        quint64 offerIndex = 0;
+        std::unique_ptr<QIODevice> device;
+        qint64 position = 0;
+        bool offered = false;
+        std::unique_ptr<QCryptographicHash> prefixHash; // while the peer's part is compared
+        MessagePart peerPart;
+    };
+
+    std::optional<OutgoingMessage> takeNext();
+    bool begin();
+    bool sendData();
+    void offer(qint64 offset);
+    void sentAll();
+    void failed(const QString& reason);
+    void delivered(const OutgoingMessage& message);
+    std::optional<OutgoingMessage> takeOffered(quint64 offerIndex, const QString& abortReason);
+
+    const Peer& m_peer;
+    SessionStore* const m_store;
+    SessionControl* const m_session;
+
+    bool m_peerStateKnown = false;
+    std::map<quint64, MessagePart> m_peerParts;
+    QSet<quint64> m_peerStored; // of our queue, as the parts above
+    std::optional<QSet<quint64>> m_queuedIds; // as they were when the peer's State came
+    std::optional<Sending> m_sending;
+    std::map<quint64, OutgoingMessage> m_unacknowledged; // by offer
+    std::map<quint64, int> m_retries; // by message
+    std::vector<OutgoingMessage> m_again; // to be offered once more from the beginning
+    quint64 m_nextOffer = 0;
+    quint64 m_acknowledgementsSeen = 0; // of the peer's State and Stored frames
+    quint64 m_settledTold = 0;
+    qint64 m_settledToldMs = 0;
+    qint64 m_dataBytesSent = 0; // in this call
+};
+
+} // namespace host

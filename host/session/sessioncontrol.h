@@ -1,0 +1,34 @@
+// What the two directions of a session need of it.
+#pragma once
+
+#include "host/session/sessionevent.h"
+#include "host/session/sessionframes.h"
+
+#include <QByteArray>
+#include <QString>
+
+namespace host {
+
+class SessionControl
+{
+public:
+    // Says a frame to the peer.
+    virtual void put(FrameType type, const QByteArray& payload = QByteArray()) = 0;
+
+    // Tells the host; what is of use for the session's limits is known from it.
+    virtual void tell(const SessionEvent& event) = 0;
+
+    // The peer does what it must not: the session ends, and the peer is told why.
+    virtual void giveUp(const QString& reason) = 0;
+
+protected:
+    ~SessionControl() = default;
+};
+
+// in: the frame, or the part of a session, that was not as it has to be.
+[[nodiscard]] inline QString brokenProtocol(const QString& in)
+{
+    return QStringLiteral("the other side does not keep to the protocol (%1)").arg(in);
+}
+
+} // namespace host
