@@ -4,10 +4,16 @@
 
 tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
+# Not everyone who sources this uses all of it.
+# shellcheck disable=SC2034
 # What building, testing and demonstrating need beyond a bare Debian 12.
 packages_build=(g++ cmake ninja-build ccache qtbase5-dev libqt5serialport5-dev libsodium-dev libgtest-dev libgmock-dev python3 binutils)
+# shellcheck disable=SC2034
 # What the tests need besides: two implementations of the handshake that are not ours.
 packages_test=(python3-dissononce golang-github-flynn-noise-dev)
+# What scripts/lint looks with, but for clang-tidy.
+# shellcheck disable=SC2034
+packages_lint=(git python3 clang-format-14 shellcheck pyflakes3)
 
 say() { printf '%s\n' "$*" >&2; }
 fail() { say "error: $*"; exit 1; }
@@ -44,18 +50,23 @@ install_missing() {
     rm -f "$log"
 }
 
+configure_preset() {
+    local preset=$1
+    local log=$tree/build/configure-$preset.log
+    mkdir -p "$tree/build"
+    (cd "$tree" && cmake --preset "$preset") >"$log" 2>&1 || {
+        cat "$log" >&2
+        fail "configuring failed"
+    }
+}
+
 # build_preset PRESET [TARGET...]: configures when needed and builds.
 build_preset() {
     local preset=$1
     shift
     local targets=()
     [ $# -gt 0 ] && targets=(--target "$@")
-    local log=$tree/build/configure-$preset.log
-    mkdir -p "$tree/build"
     say "building ($preset) in build/$preset"
-    (cd "$tree" && cmake --preset "$preset") >"$log" 2>&1 || {
-        cat "$log" >&2
-        fail "configuring failed"
-    }
+    configure_preset "$preset"
     (cd "$tree" && cmake --build --preset "$preset" "${targets[@]}") >&2 || fail "building failed"
 }

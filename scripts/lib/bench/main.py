@@ -1,6 +1,7 @@
 """Measures the line, the parts and the ports; see scripts/bench --help."""
 
 import argparse
+import importlib.util
 import json
 import os
 import re
@@ -78,9 +79,7 @@ def check_tools(arguments):
     if any(cell.program.startswith("UUCP") for cell in arguments.matrix):
         needed.add(str(arguments.uucp / "usr/lib/uucp/uucico"))
     missing = sorted(program for program in needed if not shutil.which(program))
-    try:
-        import matplotlib  # noqa: F401
-    except ImportError:
+    if not importlib.util.find_spec("matplotlib"):
         missing.append("python3-matplotlib")
     if missing:
         raise SystemExit(f"error: missing: {', '.join(missing)}; run scripts/bench without --no-install")
