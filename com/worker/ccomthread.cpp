@@ -5,7 +5,6 @@
 #include "com/modem/noanswerpause.h"
 #include "com/port/modemport.h"
 #include "com/port/portwait.h"
-#include "com/worker/ccomserver.h"
 #include "com/worker/portsession.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
@@ -14,6 +13,7 @@
 #include "plugin/api/cabstractchannelsstate.h"
 #include "plugin/api/cabstractjournal.h"
 #include "plugin/api/cabstractprotocol.h"
+#include "plugin/api/cchannelserver.h"
 #include "plugin/api/comcalltexts.h"
 
 #include <QElapsedTimer>
@@ -59,7 +59,9 @@ bool runsLongerThan(const QElapsedTimer& timer, int timeoutMs)
 
 } // namespace
 
-CComThread::CComThread(const ComPortSettings& settings, CComServer* server) : m_settings(settings), m_server(server) {}
+CComThread::CComThread(const ComPortSettings& settings, CChannelServer* server) : m_settings(settings), m_server(server)
+{
+}
 
 CComThread::~CComThread() = default;
 

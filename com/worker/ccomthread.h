@@ -14,7 +14,7 @@
 #include <atomic>
 
 class CAbstractProtocol;
-class CComServer;
+class CChannelServer;
 struct PortSession;
 
 // Made, started and deleted by the server; lives in the server's thread, while run() is
@@ -38,7 +38,7 @@ public:
 
     // Keeps a copy of settings; server is not owned. The connection identifier is 0
     // until setConnectionId().
-    CComThread(const ComPortSettings& settings, CComServer* server);
+    CComThread(const ComPortSettings& settings, CChannelServer* server);
 
     // The thread must have ended. A protocol that a terminated thread left behind is not
     // deleted: the port below its channel is gone.
@@ -139,7 +139,7 @@ private:
 
     const ComPortSettings m_settings;
     int m_connectionId = 0;
-    CComServer* const m_server; // not owned
+    CChannelServer* const m_server; // not owned
     int m_index = 0; // this port's identifier in channelsState, from the start of run() on
     CAbstractProtocol* m_protocol = nullptr; // owned; not null only while a connection runs
 

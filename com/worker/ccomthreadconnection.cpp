@@ -1,6 +1,5 @@
 // The port worker's part that runs a connection, from "CONNECT " to the end of the session.
 #include "com/link/ccomchannel.h"
-#include "com/worker/ccomserver.h"
 #include "com/worker/ccomthread.h"
 #include "com/worker/portsession.h"
 #include "common/functiondebug.h"
@@ -8,6 +7,7 @@
 #include "common/logger.h"
 #include "plugin/api/cabstractprotocol.h"
 #include "plugin/api/cabstractprotocolfactory.h"
+#include "plugin/api/cchannelserver.h"
 #include "plugin/api/comcalltexts.h"
 
 #include <QMutexLocker>
