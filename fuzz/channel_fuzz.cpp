@@ -5,8 +5,8 @@
 // What no link can hold is kept out: the streams and the garbage contain no start symbol,
 // so that they show no image of a packet, and a chunk gets one wrong bit at most, which
 // every check finds.
-#include "com/formats/ccomsettings.h"
 #include "com/link/ccomchannel.h"
+#include "com/link/currentcomsettings.h"
 #include "common/global.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"

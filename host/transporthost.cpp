@@ -170,7 +170,7 @@ QString TransportHost::loadSettings()
             QMetaObject::invokeMethod(
                 this, [this, news] { onPeerNews(news); }, Qt::QueuedConnection);
         });
-    ComSettingsRecord settings;
+    ChannelComSettings settings;
     error = loadComSettings(&settings);
     if (!error.isEmpty())
         return error;

@@ -1,4 +1,5 @@
 // The running host: whom it calls, and why messages wait.
+#include "host/installation/comrecords.h"
 #include "host/installation/names.h"
 #include "host/transporthost.h"
 
@@ -11,8 +12,8 @@ namespace {
 // The channel says nothing of a call that it cannot place for want of a number that it can read.
 bool canBeCalled(const Abonent& abonent)
 {
-    ComAbonentRecord addressing;
-    return !abonent.isBlocked && readComAbonent(abonent.channelData, &addressing).isEmpty() &&
+    AbonentComSettings addressing;
+    return !abonent.isBlocked && readRecord(abonent.channelData, &addressing).isEmpty() &&
            !addressing.phoneNumber.isEmpty();
 }
 
@@ -114,8 +115,8 @@ std::optional<WaitReason> TransportHost::whyWaiting(const QString& abonent) cons
     }
     if (!m_options.placeCalls)
         return of(Kind::NoCalls);
-    ComAbonentRecord addressing;
-    const QString damage = readComAbonent(m_abonents.abonents.at(known).channelData, &addressing);
+    AbonentComSettings addressing;
+    const QString damage = readRecord(m_abonents.abonents.at(known).channelData, &addressing);
     if (!damage.isEmpty())
         return of(Kind::NumberDamaged, damage);
     if (addressing.phoneNumber.isEmpty())

@@ -2,8 +2,6 @@
 
 #include <QDataStream>
 
-ChannelComSettings gComSettings;
-
 QByteArray ChannelComSettings::toByteArray() const
 {
     QByteArray data;
@@ -14,14 +12,14 @@ QByteArray ChannelComSettings::toByteArray() const
     return data;
 }
 
-QString ChannelComSettings::fromByteArray(const QByteArray& data)
+RecordFault ChannelComSettings::read(const QByteArray& data)
 {
     ports.clear();
     QDataStream stream(data);
     int version = 0;
     stream >> version;
     if (version != formatVersion)
-        return settingsVersionError(version, formatVersion);
+        return RecordFault::otherVersion(version);
     int count = 0;
     stream >> count >> packetSize;
     // Truncated data still give as many ports as they announce: what was cut off is
@@ -33,17 +31,10 @@ QString ChannelComSettings::fromByteArray(const QByteArray& data)
         stream >> port;
         ports.append(port);
     }
-    return stream.status() == QDataStream::Ok ? QString() : settingsDamagedError();
+    return stream.status() == QDataStream::Ok ? RecordFault() : RecordFault::damaged();
 }
 
-// An int stays an int in the exported record, so the two threads meet by atomic access.
-int currentPacketSize()
+QString ChannelComSettings::fromByteArray(const QByteArray& data)
 {
-    return __atomic_load_n(&gComSettings.packetSize, __ATOMIC_RELAXED);
-}
-
-void setCurrentComSettings(const ChannelComSettings& settings)
-{
-    gComSettings.ports = settings.ports;
-    __atomic_store_n(&gComSettings.packetSize, settings.packetSize, __ATOMIC_RELAXED);
+    return recordFaultText(read(data), formatVersion);
 }

@@ -19,17 +19,9 @@ struct ChannelComSettings
     int packetSize = defaultPacketSize; // the link's largest block, in bytes
 
     QByteArray toByteArray() const;
-    // Returns an error text, empty on success. The ports are emptied first, whatever the
-    // data hold; of damaged data the ports read so far stay.
+    // The ports are emptied first, whatever the data hold; of damaged data the ports read so
+    // far stay.
+    RecordFault read(const QByteArray& data);
+    // The same, as an error text that is empty on success.
     QString fromByteArray(const QByteArray& data);
 };
-
-// The process's current settings, shared by all servers. The ports belong to the
-// server's thread; the workers' threads read packetSize, by currentPacketSize().
-extern Q_DECL_EXPORT ChannelComSettings gComSettings;
-
-// gComSettings.packetSize; any thread may call it while settings are loaded.
-int currentPacketSize();
-
-// Makes settings the current ones; for the server's thread.
-void setCurrentComSettings(const ChannelComSettings& settings);

@@ -47,20 +47,25 @@ QByteArray AbonentComSettings::toByteArray() const
     return data;
 }
 
-QString AbonentComSettings::fromByteArray(const QByteArray& data)
+RecordFault AbonentComSettings::read(const QByteArray& data)
 {
     QDataStream stream(data);
     int version = 0;
     stream >> version;
     if (version != formatVersion)
-        return settingsVersionError(version, formatVersion);
+        return RecordFault::otherVersion(version);
     stream >> phoneNumber;
     allowedPorts = readStrings(stream);
     if (stream.status() != QDataStream::Ok) {
         allowedPorts.clear();
-        return settingsDamagedError();
+        return RecordFault::damaged();
     }
-    return QString();
+    return RecordFault();
+}
+
+QString AbonentComSettings::fromByteArray(const QByteArray& data)
+{
+    return recordFaultText(read(data), formatVersion);
 }
 
 QString unescapeInitString(QString text)
@@ -71,13 +76,14 @@ QString unescapeInitString(QString text)
     return text;
 }
 
-QString settingsVersionError(int version, int currentVersion)
+QString recordFaultText(const RecordFault& fault, int currentVersion)
 {
-    return QStringLiteral("Версия настроек %1 не совпадает с текущей %2")
-        .arg(QString::number(version), QString::number(currentVersion));
-}
-
-QString settingsDamagedError()
-{
-    return QStringLiteral("Данные повреждены");
+    switch (fault.kind) {
+    case RecordFault::None: break;
+    case RecordFault::OtherVersion:
+        return QStringLiteral("Версия настроек %1 не совпадает с текущей %2")
+            .arg(QString::number(fault.version), QString::number(currentVersion));
+    case RecordFault::Damaged: return QStringLiteral("Данные повреждены");
+    }
+    return QString();
 }

@@ -1,5 +1,5 @@
 // The settings records of one serial port and of one abonent's addressing. Hosts keep
-// them as byte arrays that only this channel reads and writes.
+// them as byte arrays, and need nothing else of this channel to make and to show them.
 #pragma once
 
 #include <QByteArray>
@@ -7,6 +7,22 @@
 #include <QStringList>
 
 class QDataStream;
+
+// Why bytes are no record. A host that shows it has words of its own.
+struct RecordFault
+{
+    enum Kind
+    {
+        None,
+        OtherVersion,
+        Damaged,
+    };
+    static RecordFault otherVersion(int version) { return {OtherVersion, version}; }
+    static RecordFault damaged() { return {Damaged, 0}; }
+
+    Kind kind = None;
+    int version = 0; // that was found, of OtherVersion
+};
 
 // One serial port. The -1 of a record that was never filled is no valid line parameter.
 struct ComPortSettings
@@ -40,8 +56,9 @@ struct AbonentComSettings
     QStringList allowedPorts; // names; empty: any port
 
     QByteArray toByteArray() const;
-    // Returns an error text, empty on success. Data of another version leave the record
-    // as it was; damaged data leave no allowed ports.
+    // Data of another version leave the record as it was; damaged data leave no allowed ports.
+    RecordFault read(const QByteArray& data);
+    // The same, as an error text that is empty on success.
     QString fromByteArray(const QByteArray& data);
 };
 
@@ -50,6 +67,5 @@ struct AbonentComSettings
 // and stays, as does every other one.
 QString unescapeInitString(QString text);
 
-// The error texts of the settings records.
-QString settingsVersionError(int version, int currentVersion);
-QString settingsDamagedError();
+// The channel's own text for a fault; empty for none.
+QString recordFaultText(const RecordFault& fault, int currentVersion);

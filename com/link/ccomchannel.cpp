@@ -1,6 +1,6 @@
 #include "com/link/ccomchannel.h"
 
-#include "com/formats/ccomsettings.h"
+#include "com/link/currentcomsettings.h"
 #include "com/link/linkrules.h"
 #include "com/port/portwait.h"
 #include "common/csettings.h"

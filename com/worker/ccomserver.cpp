@@ -1,8 +1,8 @@
 #include "com/worker/ccomserver.h"
 
-#include "com/formats/ccomsettings.h"
 #include "com/formats/comsettings.h"
 #include "com/link/ccomchannel.h"
+#include "com/link/currentcomsettings.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
 #include "common/global.h"

@@ -3,6 +3,7 @@
 #include "common/csettings.h"
 #include "common/global.h"
 #include "common/plantedlinks.h"
+#include "host/installation/comrecords.h"
 #include "host/installation/diskfile.h"
 
 #include <QFile>
@@ -151,22 +152,22 @@ QString saveKeyFingerprint(const QString& fingerprint)
     return saveIdentityValue(keyFingerprintKey, fingerprint);
 }
 
-QString loadComSettings(ComSettingsRecord* settings)
+QString loadComSettings(ChannelComSettings* settings)
 {
     const QString path = Global::channelComSettingsFilePath();
     std::optional<QByteArray> bytes;
     QString error = readFile(path, &bytes);
     if (!error.isEmpty())
         return error;
-    *settings = ComSettingsRecord();
+    *settings = ChannelComSettings();
     if (bytes)
-        error = readComSettings(*bytes, settings);
+        error = readRecord(*bytes, settings);
     return error.isEmpty() ? QString() : QStringLiteral("%1: %2").arg(path, error);
 }
 
-QString saveComSettings(const ComSettingsRecord& settings)
+QString saveComSettings(const ChannelComSettings& settings)
 {
-    return saveFile(Global::channelComSettingsFilePath(), writeComSettings(settings));
+    return saveFile(Global::channelComSettingsFilePath(), settings.toByteArray());
 }
 
 } // namespace host

@@ -2,7 +2,7 @@
 // channel. (Its abonents: see abonentbook.h.)
 #pragma once
 
-#include "host/installation/comsettingswriter.h"
+#include "com/formats/ccomsettings.h"
 
 #include <QByteArray>
 #include <QString>
@@ -31,7 +31,7 @@ struct Identity
 [[nodiscard]] QString settingsBarred(const QString& path);
 
 // channelCom.conf; a file that does not exist has no ports.
-[[nodiscard]] QString loadComSettings(ComSettingsRecord* settings);
-[[nodiscard]] QString saveComSettings(const ComSettingsRecord& settings);
+[[nodiscard]] QString loadComSettings(ChannelComSettings* settings);
+[[nodiscard]] QString saveComSettings(const ChannelComSettings& settings);
 
 } // namespace host

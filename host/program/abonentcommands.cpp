@@ -2,6 +2,7 @@
 
 #include "common/global.h"
 #include "host/installation/abonentbook.h"
+#include "host/installation/comrecords.h"
 #include "host/installation/hostsettings.h"
 #include "host/installation/keytext.h"
 #include "host/installation/names.h"
@@ -27,12 +28,12 @@ QString notKnown(const QString& name)
 
 void notePorts(const QStringList& ports, CommandStreams& io)
 {
-    ComSettingsRecord settings;
+    ChannelComSettings settings;
     if (!loadComSettings(&settings).isEmpty())
         return;
     for (const QString& port : ports) {
         const bool isDefined = std::any_of(settings.ports.cbegin(), settings.ports.cend(),
-                                           [&](const ComPortRecord& defined) { return defined.portName == port; });
+                                           [&](const ComPortSettings& defined) { return defined.portName == port; });
         if (!isDefined)
             io.err << "transport-host: note: no port " << displayName(port) << " is defined yet" << Qt::endl;
     }
@@ -42,7 +43,7 @@ void notePorts(const QStringList& ports, CommandStreams& io)
 struct Told
 {
     QString name;
-    std::optional<ComAbonentRecord> addressing;
+    std::optional<AbonentComSettings> addressing;
     QByteArray key;
 };
 
@@ -70,7 +71,7 @@ std::optional<int> readTold(const CommandLine& line, CommandStreams& io, Told* t
     if (number.isEmpty() && told->key.isEmpty())
         return line.usage(io, QStringLiteral("--number or --key is needed"));
     if (!number.isEmpty())
-        told->addressing = ComAbonentRecord{number, ports};
+        told->addressing = AbonentComSettings{number, ports};
     return std::nullopt;
 }
 
@@ -80,11 +81,11 @@ QString tell(const Told& told, AbonentRecords* records)
     if (index < 0) {
         index = records->abonents.size();
         records->abonents.append(Abonent());
-        records->abonents.last().channelData = writeComAbonent({});
+        records->abonents.last().channelData = AbonentComSettings().toByteArray();
     }
     records->abonents[index].name = told.name;
     if (told.addressing)
-        records->abonents[index].channelData = writeComAbonent(*told.addressing);
+        records->abonents[index].channelData = told.addressing->toByteArray();
     return told.key.isEmpty() ? QString() : records->pin(index, told.key, Abonent::Pinned::ByHand);
 }
 
@@ -102,8 +103,8 @@ QString keyColumn(const Abonent& abonent)
 
 QString numberColumn(const Abonent& abonent)
 {
-    ComAbonentRecord addressing;
-    const QString trouble = readComAbonent(abonent.channelData, &addressing);
+    AbonentComSettings addressing;
+    const QString trouble = readRecord(abonent.channelData, &addressing);
     if (!trouble.isEmpty())
         return trouble;
     const QString number =

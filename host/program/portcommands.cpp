@@ -49,7 +49,7 @@ bool wordValue(const QVector<Word>& words, const QString& text, qint32* value)
     return false;
 }
 
-QString portLine(const ComPortRecord& port)
+QString portLine(const ComPortSettings& port)
 {
     return QStringLiteral("%1  %2 baud, %3 data bits, parity %4, stop bits %5, flow control %6, init string '%7'%8")
         .arg(port.portName, QString::number(port.baudRate), wordOf(dataWords, port.dataBits),
@@ -57,7 +57,7 @@ QString portLine(const ComPortRecord& port)
              displayName(port.initString), port.enabled ? QString() : QStringLiteral(", disabled"));
 }
 
-int findPort(const ComSettingsRecord& settings, const QString& name)
+int findPort(const ChannelComSettings& settings, const QString& name)
 {
     for (int i = 0; i < settings.ports.size(); ++i) {
         if (settings.ports.at(i).portName == name)
@@ -95,7 +95,7 @@ int portAdd(const QStringList& arguments, CommandStreams& io)
     parser.addOption({QStringLiteral("disabled"), QStringLiteral("Keep the definition but do not use the port.")});
     if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
         return *status;
-    ComPortRecord port;
+    ComPortSettings port;
     port.portName = parser.positionalArguments().first();
     port.initString = parser.value(QStringLiteral("init"));
     port.enabled = !parser.isSet(QStringLiteral("disabled"));
@@ -111,7 +111,7 @@ int portAdd(const QStringList& arguments, CommandStreams& io)
         return line.usage(io, QStringLiteral("--parity is one of %1").arg(wordList(parityWords)));
     if (!wordValue(stopWords, parser.value(QStringLiteral("stop-bits")), &port.stopBits))
         return line.usage(io, QStringLiteral("--stop-bits is one of %1").arg(wordList(stopWords)));
-    ComSettingsRecord settings;
+    ChannelComSettings settings;
     const QString error = loadComSettings(&settings);
     if (!error.isEmpty())
         return fail(io, error);
@@ -129,11 +129,11 @@ int portList(const QStringList& arguments, CommandStreams& io)
     CommandLine line(QStringLiteral("port list"), QStringLiteral("Shows the ports that are defined."));
     if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
         return *status;
-    ComSettingsRecord settings;
+    ChannelComSettings settings;
     const QString error = loadComSettings(&settings);
     if (!error.isEmpty())
         return fail(io, error);
-    for (const ComPortRecord& port : qAsConst(settings.ports))
+    for (const ComPortSettings& port : qAsConst(settings.ports))
         io.out << portLine(port) << Qt::endl;
     io.out << "packets of at most " << settings.packetSize << " bytes" << Qt::endl;
     return exitDone;
@@ -145,7 +145,7 @@ int portRemove(const QStringList& arguments, CommandStreams& io)
     line.parser.addPositionalArgument(QStringLiteral("DEVICE"), QStringLiteral("The port as it was defined."));
     if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
         return *status;
-    ComSettingsRecord settings;
+    ChannelComSettings settings;
     QString error = loadComSettings(&settings);
     if (!error.isEmpty())
         return fail(io, error);
@@ -171,7 +171,7 @@ int portPacketSize(const QStringList& arguments, CommandStreams& io)
     const int bytes = line.parser.positionalArguments().first().toInt(&ok);
     if (!ok || bytes < 11 || bytes > 16384)
         return line.usage(io, QStringLiteral("a packet has 11 to 16384 bytes"));
-    ComSettingsRecord settings;
+    ChannelComSettings settings;
     QString error = loadComSettings(&settings);
     if (!error.isEmpty())
         return fail(io, error);

@@ -74,7 +74,7 @@ QJsonObject roomJson(const InboxUsage& usage)
 QJsonObject statusJson(const Status& status)
 {
     QJsonArray ports;
-    for (const ComPortRecord& port : status.settings.ports)
+    for (const ComPortSettings& port : status.settings.ports)
         ports.append(QJsonObject{{QStringLiteral("name"), port.portName},
                                  {QStringLiteral("enabled"), port.enabled},
                                  {QStringLiteral("baud"), port.baudRate}});

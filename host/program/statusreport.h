@@ -17,7 +17,7 @@ struct Status
 {
     QStringList troubles; // of what could not be read
     std::optional<Identity> identity; // null when its file could not be read
-    ComSettingsRecord settings;
+    ChannelComSettings settings;
     QVector<QueuedMessage> queue;
     QVector<ReceivedMessage> inbox;
     InboxUsage usage;

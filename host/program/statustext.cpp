@@ -19,7 +19,7 @@ QString ownName(const Status& status)
                                            : displayName(status.identity->name);
 }
 
-QString portState(const Status& status, const ComPortRecord& port)
+QString portState(const Status& status, const ComPortSettings& port)
 {
     if (!port.enabled)
         return QStringLiteral("disabled");
@@ -95,7 +95,7 @@ void printStatus(const Status& status, QTextStream& out)
     out << "name:  " << ownName(status) << Qt::endl;
     printHost(status, out);
     out << "ports: " << status.settings.ports.size() << Qt::endl;
-    for (const ComPortRecord& port : status.settings.ports)
+    for (const ComPortSettings& port : status.settings.ports)
         out << "  " << displayName(port.portName) << "  " << displayName(portState(status, port)) << Qt::endl;
     out << "queue: " << status.queue.size() << Qt::endl;
     for (const QueuedMessage& message : status.queue) {

@@ -15,12 +15,11 @@ QString outputOf(const QString& program, const QStringList& arguments)
     return QString::fromUtf8(process.readAllStandardOutput());
 }
 
-QStringList symbols(const QString& which)
+QStringList symbols(const QString& which, const QString& file = QStringLiteral(PLUGIN_FILE))
 {
     QStringList names;
     const QString output =
-        outputOf(QStringLiteral(NM_PROGRAM),
-                 {QStringLiteral("-D"), which, QStringLiteral("--format=posix"), QStringLiteral(PLUGIN_FILE)});
+        outputOf(QStringLiteral(NM_PROGRAM), {QStringLiteral("-D"), which, QStringLiteral("--format=posix"), file});
     for (const QString& line : output.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
         names.append(line.section(QLatin1Char(' '), 0, 0).section(QLatin1Char('@'), 0, 0));
     names.sort();
@@ -58,6 +57,15 @@ TEST(Exports, EntryPointsAreUnmangled)
     const QStringList exported = symbols(QStringLiteral("--defined-only"));
     for (const char* name : {"apiVersion", "instance", "deleteInstance", "initDebug", "gComSettings"})
         EXPECT_TRUE(exported.contains(QLatin1String(name))) << name;
+}
+
+// The host reads and writes the same records, and shows its symbols to the plug-in: settings
+// of its own under that name would be taken for the plug-in's.
+TEST(Exports, TheHostHasNoSettingsOfTheChannel)
+{
+    const QStringList ofHost = symbols(QStringLiteral("--defined-only"), QStringLiteral(HOST_FILE));
+    EXPECT_FALSE(ofHost.contains(QStringLiteral("gComSettings")));
+    EXPECT_FALSE(ofHost.isEmpty());
 }
 
 TEST(Exports, TheGeneratorIsNeverSeeded)

@@ -1,6 +1,6 @@
 // The server with modems at its ports: which worker gets which request, and stopping a
 // channel in whatever it is doing.
-#include "com/formats/ccomsettings.h"
+#include "com/link/currentcomsettings.h"
 #include "tests/boundary/answeringmodem.h"
 #include "tests/boundary/serverfixture.h"
 

@@ -1,5 +1,5 @@
 // How the server reads channelCom.conf, and what it makes of files that are none.
-#include "com/formats/ccomsettings.h"
+#include "com/link/currentcomsettings.h"
 #include "tests/boundary/serverfixture.h"
 #include "tests/support/testroot.h"
 

@@ -1,6 +1,6 @@
 // The server without a single device: its meta-object, its order of reports, what it says
 // to requests that it cannot serve, starting, restarting and stopping.
-#include "com/formats/ccomsettings.h"
+#include "com/link/currentcomsettings.h"
 #include "common/functiondebug.h"
 #include "common/logger.h"
 #include "tests/boundary/serverfixture.h"

@@ -1,6 +1,6 @@
 #include "tests/boundary/serverfixture.h"
 
-#include "com/formats/ccomsettings.h"
+#include "com/link/currentcomsettings.h"
 #include "tests/support/testroot.h"
 
 #include <QCoreApplication>

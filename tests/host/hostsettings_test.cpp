@@ -66,16 +66,16 @@ TEST(HostSettings, DamageIsToldWithTheCureAndNothingIsWrittenOverIt)
 
 TEST(HostSettings, ComSettingsGoWhereThePluginLooks)
 {
-    ComSettingsRecord settings;
+    ChannelComSettings settings;
     ASSERT_EQ(loadComSettings(&settings), QString());
     EXPECT_TRUE(settings.ports.isEmpty());
-    ComPortRecord port;
+    ComPortSettings port;
     port.portName = QStringLiteral("ttyS0");
     settings.ports = {port};
     ASSERT_EQ(saveComSettings(settings), QString());
     EXPECT_EQ(readAll(testsupport::installRoot() + QStringLiteral("/settings/channelCom.conf")),
-              writeComSettings(settings));
-    ComSettingsRecord read;
+              settings.toByteArray());
+    ChannelComSettings read;
     ASSERT_EQ(loadComSettings(&read), QString());
     EXPECT_EQ(read.ports.size(), 1);
 }

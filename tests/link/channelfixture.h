@@ -1,8 +1,8 @@
 // A link channel over a port in memory, in a time that the test moves.
 #pragma once
 
-#include "com/formats/ccomsettings.h"
 #include "com/link/ccomchannel.h"
+#include "com/link/currentcomsettings.h"
 #include "tests/link/bytes.h"
 #include "tests/support/fakehost.h"
 #include "tests/support/fakeserialport.h"

@@ -1,6 +1,7 @@
 // The settings records against bytes written down by hand.
 #include "com/formats/ccomsettings.h"
 #include "com/formats/comsettings.h"
+#include "com/link/currentcomsettings.h"
 #include "tests/link/bytes.h"
 #include "tests/support/testroot.h"
 

@@ -1,6 +1,6 @@
 #include "tests/soak/scenariorun.h"
 
-#include "com/formats/ccomsettings.h"
+#include "com/link/currentcomsettings.h"
 
 namespace soak {
 

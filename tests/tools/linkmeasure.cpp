@@ -1,7 +1,7 @@
 #include "tests/tools/linkmeasure.h"
 
-#include "com/formats/ccomsettings.h"
 #include "com/link/ccomchannel.h"
+#include "com/link/currentcomsettings.h"
 #include "common/csettings.h"
 #include "host/channel/sessionpass.h"
 #include "host/session/session.h"

@@ -10,7 +10,7 @@
 //                          signal, and the session is left as it stands
 #include "common/global.h"
 #include "common/logger.h"
-#include "host/installation/comsettingswriter.h"
+#include "host/installation/comrecords.h"
 #include "plugin/api/cabstractchannelsstate.h"
 #include "plugin/api/cabstractjournal.h"
 #include "plugin/api/cabstractprotocol.h"
@@ -322,8 +322,8 @@ public:
     }
     void connectToAbonent(const QString& abonentName, const QByteArray& abonentsData) override
     {
-        host::ComAbonentRecord abonent;
-        if (!host::readComAbonent(abonentsData, &abonent).isEmpty())
+        AbonentComSettings abonent;
+        if (!host::readRecord(abonentsData, &abonent).isEmpty())
             return;
         QMutexLocker locker(&m_mutex);
         for (Line* line : qAsConst(m_lines)) {
@@ -347,11 +347,11 @@ private:
     void startLines()
     {
         QFile file(Global::channelComSettingsFilePath());
-        host::ComSettingsRecord settings;
-        if (!file.open(QIODevice::ReadOnly) || !host::readComSettings(file.readAll(), &settings).isEmpty())
+        ChannelComSettings settings;
+        if (!file.open(QIODevice::ReadOnly) || !host::readRecord(file.readAll(), &settings).isEmpty())
             return;
         QMutexLocker locker(&m_mutex);
-        for (const host::ComPortRecord& port : qAsConst(settings.ports)) {
+        for (const ComPortSettings& port : qAsConst(settings.ports)) {
             m_lines.append(new Line(this, port.portName, m_lines.size() + 1));
             m_lines.last()->start();
         }
