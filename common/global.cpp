@@ -68,7 +68,7 @@ QDir Global::installDir()
         return dir;
     const QString* nothing = nullptr;
     if (known.compare_exchange_strong(nothing, path.get()))
-        path.release();
+        (void)path.release(); // kept for good
     return dir;
 }
 
@@ -270,7 +270,7 @@ bool Global::checkAccess(const QDir& dir)
         return false;
     [[maybe_unused]] const ssize_t written = ::write(descriptor, "test", 4); // a full disk does not matter
     ::close(descriptor);
-    if (removeProbe(probe) || removeProbe(probe))
+    if (removeProbe(probe) || removeProbe(probe)) // NOLINT(misc-redundant-expression): a second try
         return true;
     sendQtMessageItems(QtWarningMsg, "Global::checkAccess: Не удалось удалить временный файл", probe.errorString(),
                        probe.fileName());

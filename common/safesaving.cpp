@@ -232,6 +232,7 @@ QString Global::safeSaving(const QString& path, const QByteArray& data)
     const QString newPath = newPathOf(path);
     QFile file;
     QString error;
+    // NOLINTNEXTLINE(misc-redundant-expression): a second try
     if (!openSideFile(file, newPath, &error) && !openSideFile(file, newPath, &error)) {
         log(QStringLiteral("safeSaving failed 7. Не удалось открыть файл для записи. %1.").arg(error));
         return QStringLiteral("Не удалось открыть файл для записи. %1.").arg(error);

@@ -38,8 +38,8 @@ private:
     };
 
     qint64 step(qint64 nowNs);
-    void carry(End& from, sim::LineDirection& direction, qint64 nowNs);
-    void deliver(End& to, sim::LineDirection& direction, qint64 nowNs);
+    void carry(End& from, sim::LineDirection& way, qint64 nowNs);
+    void deliver(End& to, sim::LineDirection& way, qint64 nowNs);
     bool wait(int stopFd, qint64 nowNs, qint64 wakeNs);
     sim::LineDirection& direction(int from) { return from == 0 ? m_line.forward : m_line.backward; }
 

@@ -3,6 +3,7 @@
 #include "host/session/noise.h"
 
 #include <QByteArray>
+#include <QList>
 #include <benchmark/benchmark.h>
 
 #include <memory>

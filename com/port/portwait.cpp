@@ -49,9 +49,9 @@ bool staysSilent(QSerialPort& port, int timeoutMs)
 
 // A time of less than 0 would be for ever, to the port and to the system.
 
-bool waitForWritten(QSerialPort& port, int askedMs)
+bool waitForWritten(QSerialPort& port, int timeoutMs)
 {
-    const int timeoutMs = std::max(0, askedMs);
+    timeoutMs = std::max(0, timeoutMs);
     if (port.bytesToWrite() == 0)
         return false;
     if (port.handle() < 0)
@@ -59,9 +59,9 @@ bool waitForWritten(QSerialPort& port, int askedMs)
     return takesOutput(port, timeoutMs) && port.waitForBytesWritten(0);
 }
 
-bool waitForInput(QSerialPort& port, int askedMs)
+bool waitForInput(QSerialPort& port, int timeoutMs)
 {
-    const int timeoutMs = std::max(0, askedMs);
+    timeoutMs = std::max(0, timeoutMs);
     if (staysSilent(port, timeoutMs))
         return false;
     QElapsedTimer timer;
