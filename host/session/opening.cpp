@@ -10,7 +10,6 @@ namespace {
 
 const QByteArray magic = QByteArrayLiteral("transport-host");
 constexpr int versionAt = 14;
-constexpr int roleAt = 15;
 constexpr int wordBytes = 18;
 constexpr char callerRole = 'C';
 constexpr char answererRole = 'A';
