@@ -373,7 +373,7 @@ TEST_F(Keys, TwoAbonentsAtOnceGetTheirOwnMessagesOnly)
     EXPECT_TRUE(onlyMessage(bob) == toBob);
     EXPECT_TRUE(onlyMessage(carol) == toCarol);
     QMap<QString, QString> received; // file: from whom
-    for (const QJsonValue& entry : alice.inbox()) {
+    for (const auto& entry : alice.inbox()) {
         EXPECT_TRUE(entry.toObject()[QStringLiteral("proved")].toBool());
         received[entry.toObject()[QStringLiteral("file")].toString()] =
             entry.toObject()[QStringLiteral("abonent")].toString();
