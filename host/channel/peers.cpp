@@ -98,6 +98,21 @@ Verdict Peers::whoAnswers(const QString& calledAbonent, const QByteArray& public
     return pinFirstAnswer(called.name, publicKey);
 }
 
+std::optional<Verdict> Peers::whyExpelled(const Peer& peer)
+{
+    AbonentRecords records;
+    if (!m_book->read(&records).isEmpty())
+        return std::nullopt;
+    if (records.blockedKeys.contains(peer.publicKey))
+        return keyIsBlocked(peer.publicKey);
+    // Under whose name it came in, and whose key it has by now.
+    for (const int index : {peer.isProved ? records.find(peer.abonent) : -1, records.findKey(peer.publicKey)}) {
+        if (index >= 0 && records.abonents.at(index).isBlocked)
+            return abonentIsBlocked(records.abonents.at(index));
+    }
+    return std::nullopt;
+}
+
 Verdict Peers::answeredByAnother(const Abonent& called, const AbonentRecords& records, const QByteArray& publicKey)
 {
     const int owner = records.findKey(publicKey);

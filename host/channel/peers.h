@@ -37,6 +37,7 @@ public:
 
     Verdict whoCalls(const QByteArray& publicKey) override;
     Verdict whoAnswers(const QString& calledAbonent, const QByteArray& publicKey) override;
+    std::optional<Verdict> whyExpelled(const Peer& peer) override;
 
     // The last answer since the start, when it came with a wrong key and the pinned one is still
     // the one that it did not fit; null otherwise.

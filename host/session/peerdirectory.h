@@ -2,8 +2,12 @@
 // that it holds a key.
 #pragma once
 
+#include "host/session/peer.h"
+
 #include <QByteArray>
 #include <QString>
+
+#include <optional>
 
 namespace host {
 
@@ -41,6 +45,10 @@ public:
     // A call of ours was answered: may the party with this key be the one that was called? A
     // key that is seen for the first time is remembered as the called abonent's.
     virtual Verdict whoAnswers(const QString& calledAbonent, const QByteArray& publicKey) = 0;
+
+    // Asked each second while a session with peer runs: why it may not go on, when it was blocked
+    // meanwhile. Null otherwise, also when that cannot be found out: it was let in once.
+    virtual std::optional<Verdict> whyExpelled(const Peer& peer) = 0;
 };
 
 } // namespace host

@@ -4,15 +4,17 @@ namespace host {
 
 namespace {
 
+constexpr qint64 askEveryMs = 1000; // whether the peer may go on: a look at a file
 constexpr int maxOutputBytes = 1024 * 1024; // a peer that makes us answer and takes no answers
 
 } // namespace
 
 Session::Session(const SessionSettings& settings, const SessionCall& call, PeerDirectory* directory,
                  SessionStore* store, EventSink sink, qint64 nowMs)
-    : m_settings(settings), m_isCaller(call.isOutgoing), m_sink(std::move(sink)),
+    : m_settings(settings), m_isCaller(call.isOutgoing), m_directory(directory), m_sink(std::move(sink)),
       m_opening(std::make_unique<Opening>(call, settings.identity, directory, settings.guard.get())),
-      m_outgoing(m_peer, store, this), m_incoming(m_peer, store, this), m_nowMs(nowMs), m_times(m_settings, nowMs)
+      m_outgoing(m_peer, store, this), m_incoming(m_peer, store, this), m_nowMs(nowMs), m_times(m_settings, nowMs),
+      m_askedMs(nowMs)
 {
 }
 
@@ -118,6 +120,17 @@ void Session::refusePeer(const PeerDirectory::Verdict& verdict)
     }
     put(FrameType::Stop, encodeReason(told));
     beginClosing(refusalEnd(verdict.cause), verdict.reason);
+}
+
+// Blocking counts at once: what this call has not acknowledged by now it will not.
+void Session::expelIfBlocked()
+{
+    const bool isLetIn = m_writer.isUsable() && m_phase != Phase::Closing && m_phase != Phase::Lingering;
+    if (!isLetIn || m_nowMs - m_askedMs < askEveryMs)
+        return;
+    m_askedMs = m_nowMs;
+    if (const std::optional<PeerDirectory::Verdict> verdict = m_directory->whyExpelled(m_peer))
+        refusePeer(*verdict);
 }
 
 // Whether there was a frame.
@@ -367,6 +380,7 @@ void Session::onStop(const Frame& frame)
 void Session::advance(qint64 nowMs)
 {
     m_nowMs = nowMs;
+    expelIfBlocked();
     switch (m_phase) {
     case Phase::Finished: return;
     case Phase::Closing:

@@ -93,6 +93,7 @@ private:
     void receiveOpening(const QByteArray& bytes);
     void sayOpening();
     void refusePeer(const PeerDirectory::Verdict& verdict);
+    void expelIfBlocked();
     bool receiveFrames();
     void dispatch(const Frame& frame);
     void dispatchMessage(const Frame& frame);
@@ -119,6 +120,7 @@ private:
 
     const SessionSettings m_settings;
     const bool m_isCaller;
+    PeerDirectory* const m_directory; // not owned
     const EventSink m_sink;
 
     Phase m_phase = Phase::Opening;
@@ -149,6 +151,7 @@ private:
     // Time
     qint64 m_nowMs; // as it was handed in last
     SessionTimes m_times;
+    qint64 m_askedMs; // whether the peer may go on
     qint64 m_deadlineMs = 0; // of Closing and Lingering
 };
 

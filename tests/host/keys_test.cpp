@@ -50,9 +50,9 @@ bool hasEnded(const Installation& installation, const QString& end)
 }
 
 // Answers calls only, and does so by now.
-void runAnswering(Installation* installation)
+void runAnswering(Installation* installation, const QStringList& options = {})
 {
-    installation->run({QStringLiteral("--no-calls")});
+    installation->run(QStringList{QStringLiteral("--no-calls")} + options);
     ASSERT_TRUE(waitFor([&] { return installation->output().contains("Свободен"); }));
 }
 
@@ -312,6 +312,39 @@ TEST_F(Keys, ABlockedKeyIsRefusedBothWays)
         << bob.output().constData();
     stop(&alice);
     stop(&bob);
+}
+
+TEST_F(Keys, BlockingEndsASessionThatRuns)
+{
+    for (const bool blocksKey : {true, false}) {
+        const QStringList kept{QStringLiteral("--keep-connected")};
+        runAnswering(&bob, kept);
+        send(alice, bobs, QStringLiteral("first"));
+        alice.run(kept);
+        ASSERT_TRUE(waitFor([&] { return alice.queue().isEmpty(); })) << alice.output().constData();
+        EXPECT_FALSE(hasEnded(bob, QStringLiteral("blockedKey")));
+        EXPECT_EQ(blocksKey ? bob.call({QStringLiteral("key"), QStringLiteral("block"), keyOf(alice)}).status
+                            : abonent(bob, {QStringLiteral("block"), QStringLiteral("Alice")}),
+                  0);
+        ASSERT_TRUE(waitFor([&] {
+            return hasEnded(bob, QStringLiteral("blockedKey")) && hasEnded(alice, QStringLiteral("stoppedByPeer"));
+        })) << bob.output().constData();
+        const QString why =
+            blocksKey
+                ? QStringLiteral("the key %1 is blocked here (transport-host key unblock)").arg(fingerprintOf(alice))
+                : QStringLiteral("'Alice' is blocked here (transport-host abonent unblock)");
+        EXPECT_TRUE(waitFor([&] {
+            return bob.output().contains(
+                QStringLiteral("the session with 'Alice' on %1 ended early: %2").arg(bob.socket, why).toUtf8());
+        })) << bob.output().constData();
+        stop(&alice);
+        stop(&bob);
+        EXPECT_EQ(blocksKey ? bob.call({QStringLiteral("key"), QStringLiteral("unblock"), keyOf(alice)}).status
+                            : abonent(bob, {QStringLiteral("unblock"), QStringLiteral("Alice")}),
+                  0);
+        ASSERT_TRUE(QFile::remove(bob.root + QStringLiteral("/events.txt")));
+        ASSERT_TRUE(QFile::remove(alice.root + QStringLiteral("/events.txt")));
+    }
 }
 
 TEST_F(Keys, ABlockedAbonentIsNeitherCalledNorLetIn)

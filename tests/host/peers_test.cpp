@@ -164,6 +164,60 @@ TEST_F(PeersTest, AnotherAbonentOrWeOurselvesAreNotPinned)
     EXPECT_TRUE(news.isEmpty());
 }
 
+TEST_F(PeersTest, WhoIsBlockedMeanwhileMayNotStay)
+{
+    pin(0, bobs);
+    const auto directory = peers(true);
+    Peer in = provedPeer(bob);
+    in.publicKey = bobs;
+    Peer stranger = unprovedPeer('s');
+    stranger.publicKey = other;
+    const auto cause = [&](const Peer& peer) {
+        const auto verdict = directory->whyExpelled(peer);
+        return verdict ? std::optional<Cause>(verdict->cause) : std::nullopt;
+    };
+    EXPECT_EQ(cause(in), std::nullopt);
+    EXPECT_EQ(cause(stranger), std::nullopt) << "it was let in unproved, and still may";
+
+    const auto blockKeys = [&](const QVector<QByteArray>& keys) {
+        change([&](AbonentRecords* records) {
+            records->blockedKeys = keys;
+            return QString();
+        });
+    };
+    blockKeys({bobs, other});
+    EXPECT_EQ(cause(in), Cause::BlockedKey);
+    EXPECT_EQ(directory->whyExpelled(in)->reason,
+              QStringLiteral("the key %1 is blocked here (transport-host key unblock)").arg(keyFingerprint(bobs)));
+    EXPECT_EQ(cause(stranger), Cause::BlockedKey);
+    blockKeys({});
+    EXPECT_EQ(cause(in), std::nullopt);
+
+    const auto blockBob = [&](bool isBlocked) {
+        change([&](AbonentRecords* records) {
+            records->abonents[0].isBlocked = isBlocked;
+            return QString();
+        });
+    };
+    blockBob(true);
+    EXPECT_EQ(cause(in), Cause::BlockedKey);
+    EXPECT_EQ(directory->whyExpelled(in)->reason,
+              QStringLiteral("'Bob' is blocked here (transport-host abonent unblock)"));
+    change([&](AbonentRecords* records) {
+        records->forgetKey(0);
+        return QString();
+    });
+    EXPECT_EQ(cause(in), Cause::BlockedKey) << "the abonent is, whatever its key";
+    EXPECT_EQ(cause(stranger), std::nullopt);
+    pin(0, other);
+    EXPECT_EQ(cause(stranger), Cause::BlockedKey) << "it turned out to be the blocked one";
+    blockBob(false);
+    EXPECT_EQ(cause(in), std::nullopt);
+
+    writeFile(path, "damaged");
+    EXPECT_EQ(cause(in), std::nullopt) << "who was let in is not thrown out for that";
+}
+
 TEST_F(PeersTest, WhoIsBlockedGetsNowhere)
 {
     pin(0, bobs);

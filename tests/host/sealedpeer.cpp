@@ -29,6 +29,17 @@ PeerDirectory::Verdict TestDirectory::whoAnswers(const QString& calledAbonent, c
     return look(publicKey);
 }
 
+std::optional<PeerDirectory::Verdict> TestDirectory::whyExpelled(const Peer& peer)
+{
+    ++timesAsked;
+    if (blockedKeys.count(peer.publicKey) == 0)
+        return std::nullopt;
+    Verdict verdict;
+    verdict.cause = Verdict::Cause::BlockedKey;
+    verdict.reason = QStringLiteral("blocked by the test");
+    return verdict;
+}
+
 PeerDirectory::Verdict TestDirectory::look(const QByteArray& publicKey) const
 {
     Verdict verdict;

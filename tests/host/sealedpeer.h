@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 
 namespace hosttest {
 
@@ -20,12 +21,15 @@ class TestDirectory : public host::PeerDirectory
 public:
     Verdict whoCalls(const QByteArray& publicKey) override { return look(publicKey); }
     Verdict whoAnswers(const QString& calledAbonent, const QByteArray& publicKey) override;
+    std::optional<Verdict> whyExpelled(const host::Peer& peer) override;
 
     std::map<QByteArray, QString> names; // proved, by key
     QString everybodyElse; // proved under this name; empty: they are unknown
     bool acceptsUnknown = false; // as unproved
     std::optional<Verdict::Cause> refusal; // of everybody
     QString called; // of the last question about a call of ours
+    std::set<QByteArray> blockedKeys; // of those who are in
+    int timesAsked = 0; // whether one who is in may stay
 
 private:
     Verdict look(const QByteArray& publicKey) const;

@@ -950,6 +950,48 @@ TEST(SessionPeer, ARefusedCallerIsToldWhatToDoAndNothingElse)
     }
 }
 
+// On either side, whoever placed the call.
+TEST(SessionPeer, WhoeverIsBlockedMeanwhileIsOutWithinASecond)
+{
+    for (const bool blocksCaller : {true, false}) {
+        LineOptions line;
+        line.bytesPerStep = 20;
+        SessionPair pair(testsupport::seed(), line);
+        SessionPair::Side& blocking = blocksCaller ? pair.b : pair.a;
+        SessionPair::Side& blocked = blocksCaller ? pair.a : pair.b;
+        blocked.store.queue(QStringLiteral("begun"), randomBytes(60000, testsupport::seed()));
+        blocking.store.queue(QStringLiteral("kept"), randomBytes(60000, testsupport::seed()));
+        ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs > 15000; }));
+        ASSERT_FALSE(blocking.session->isFinished());
+        EXPECT_NEAR(blocking.directory.timesAsked, 14, 1) << "a look each second is enough";
+        blocking.directory.blockedKeys.insert(testKey(blocksCaller ? 1 : 2)->publicKey());
+        const qint64 blockedMs = pair.nowMs;
+        ASSERT_TRUE(pair.runUntil([&] { return blocking.session->isFinished(); }, 60000));
+        EXPECT_LE(pair.nowMs - blockedMs, 1000 + blocking.settings.closingMs + 2 * line.stepMs);
+        EXPECT_EQ(blocking.session->end(), SessionEnd::BlockedKey);
+        EXPECT_EQ(blocking.session->endReason(), QStringLiteral("blocked by the test"));
+        ASSERT_TRUE(pair.runToEnd(60000));
+        EXPECT_TRUE(blocking.store.inbox.empty());
+        EXPECT_EQ(blocking.store.outgoing.size(), 1u) << "it stays queued";
+        EXPECT_EQ(blocked.store.outgoing.size(), 1u);
+        EXPECT_EQ(blocking.directory.called.isEmpty(), blocksCaller);
+    }
+}
+
+// The last words of a session that is over say so, and why in one sentence.
+TEST(SessionPeer, WhoeverIsBlockedMeanwhileIsToldSo)
+{
+    SessionPair pair(testsupport::seed());
+    pair.a.session->setKeepAlive(true);
+    pair.b.session->setKeepAlive(true);
+    ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs > 3000; }));
+    pair.b.directory.blockedKeys.insert(testKey(1)->publicKey());
+    ASSERT_TRUE(pair.runToEnd(2000));
+    EXPECT_EQ(pair.a.session->end(), SessionEnd::StoppedByPeer);
+    EXPECT_EQ(pair.a.session->endReason(),
+              QStringLiteral("the other side ended the session: your key is blocked here"));
+}
+
 TEST(SessionPeer, WhoeverAnswersInsteadOfTheCalledOneLearnsNothing)
 {
     SessionPair pair(testsupport::seed());
