@@ -5,6 +5,7 @@
 #include "host/installation/names.h"
 
 #include <QDataStream>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QIODevice>
@@ -13,7 +14,9 @@
 #include <QSet>
 
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
+#include <mutex>
 #include <sys/stat.h>
 
 namespace host {
@@ -190,15 +193,18 @@ QString AbonentBook::refresh()
     const QByteArray stamp = stampOf(m_path);
     if (stamp == m_stamp)
         return QString();
-    const QString error = load();
-    if (error.isEmpty())
-        m_stamp = stamp; // of before the reading: what came meanwhile is read again
-    return error;
+    AbonentRecords records;
+    const QString error = load(&records);
+    if (!error.isEmpty())
+        return error;
+    m_records = records;
+    m_stamp = stamp; // of before the reading: what came meanwhile is read again
+    return QString();
 }
 
-QString AbonentBook::load()
+// *records stay as they are when there is no file.
+QString AbonentBook::load(AbonentRecords* records) const
 {
-    AbonentRecords records;
     // Whether it is missing is part of the same look: another program may make it meanwhile.
     const int descriptor = ::open(QFile::encodeName(m_path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (descriptor < 0 && errno != ENOENT)
@@ -209,37 +215,44 @@ QString AbonentBook::load()
         const QByteArray bytes = file.read(maxFileBytes);
         if (file.error() != QFileDevice::NoError)
             return QStringLiteral("cannot read %1: %2").arg(m_path, file.errorString());
-        const QString error = readAbonents(bytes, &records);
+        const QString error = readAbonents(bytes, records);
         if (!error.isEmpty())
             return QStringLiteral("%1: %2").arg(m_path, error);
     }
-    m_records = records;
     return QString();
 }
 
 QString AbonentBook::change(const Change& change)
 {
-    QMutexLocker locker(&m_mutex);
+    const QDeadlineTimer deadline(lockTimeoutMs);
+    const QString isHeld =
+        QStringLiteral("%1.lock is held by another program: try again, and remove it if none runs").arg(m_path);
+    const std::unique_lock<QMutex> changing(m_changing, std::chrono::milliseconds(lockTimeoutMs));
+    if (!changing.owns_lock())
+        return isHeld;
     Global::makePath(QFileInfo(m_path).absoluteDir()); // the lock shows whether that went well
     QLockFile lock(m_path + QStringLiteral(".lock"));
-    if (!lock.tryLock(lockTimeoutMs)) {
-        return lock.error() == QLockFile::LockFailedError
-                   ? QStringLiteral("%1.lock is held by another program: try again, and remove it if none runs")
-                         .arg(m_path)
-                   : QStringLiteral("cannot lock %1: check that you may write there").arg(m_path);
-    }
+    if (lock.tryLock(static_cast<int>(deadline.remainingTime())))
+        return changeLocked(change);
+    return lock.error() == QLockFile::LockFailedError
+               ? isHeld
+               : QStringLiteral("cannot lock %1: check that you may write there").arg(m_path);
+}
+
+QString AbonentBook::changeLocked(const Change& change)
+{
     QString error = Global::recoverSaving(m_path); // of an earlier version, which moved the file away first
+    AbonentRecords records;
     if (error.isEmpty())
-        error = load();
+        error = load(&records);
+    if (error.isEmpty())
+        error = change(&records);
+    if (error.isEmpty())
+        error = replaceFile(m_path, writeAbonents(records));
     if (!error.isEmpty())
         return error;
-    AbonentRecords changed = m_records;
-    error = change(&changed);
-    if (error.isEmpty())
-        error = replaceFile(m_path, writeAbonents(changed));
-    if (!error.isEmpty())
-        return error;
-    m_records = changed;
+    QMutexLocker locker(&m_mutex);
+    m_records = records;
     m_stamp = stampOf(m_path);
     return QString();
 }

@@ -66,16 +66,19 @@ public:
     [[nodiscard]] QString read(AbonentRecords* records);
 
     // Changes the file under its lock, from what stands there at that moment. change may refuse
-    // by an error text: then nothing is written.
+    // by an error text: then nothing is written. Waits 5 s for the lock at most; read() does not
+    // wait for it.
     using Change = std::function<QString(AbonentRecords*)>;
     [[nodiscard]] QString change(const Change& change);
 
 private:
     [[nodiscard]] QString refresh();
-    [[nodiscard]] QString load();
+    [[nodiscard]] QString load(AbonentRecords* records) const;
+    [[nodiscard]] QString changeLocked(const Change& change);
 
     const QString m_path;
-    QMutex m_mutex; // guards the rest
+    QMutex m_changing; // one change at a time; taken before the file's lock, which may take seconds
+    QMutex m_mutex; // guards the rest; never held while waiting for a lock
     QByteArray m_stamp; // of what was read
     AbonentRecords m_records;
 };

@@ -3,9 +3,11 @@
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 #include "tests/host/storetools.h"
+#include "tests/support/blockedthread.h"
 
 #include <QDataStream>
 #include <QFileInfo>
+#include <QLockFile>
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -197,6 +199,40 @@ TEST_F(Book, NoChangeOfSeveralAtOnceIsLost)
     stop = true;
     reader.join();
     EXPECT_EQ(read().abonents.size(), writers * each);
+}
+
+// Sessions ask it who calls, and status who there is.
+TEST_F(Book, NobodyWhoReadsWaitsForTheLockOfAChange)
+{
+    ASSERT_EQ(add(QStringLiteral("Bob")), QString());
+    QLockFile lock(path + QStringLiteral(".lock")); // another program's
+    ASSERT_TRUE(lock.tryLock(0));
+    QString error = QStringLiteral("not done");
+    testsupport::ObservedThread changing([&] { error = add(QStringLiteral("Carol")); });
+    ASSERT_TRUE(changing.sleepsBeforeItsEnd()) << "it waits for the lock";
+    EXPECT_EQ(read().abonents.size(), 1); // if that waits as well, the change fails meanwhile
+    lock.unlock();
+    changing.join();
+    EXPECT_EQ(error, QString()) << "read while it waited";
+    EXPECT_EQ(read().abonents.size(), 2);
+}
+
+TEST_F(Book, AReaderInsideAChangeSeesWhatStoodBefore)
+{
+    ASSERT_EQ(add(QStringLiteral("Bob")), QString());
+    EXPECT_EQ(book.change([&](AbonentRecords* records) {
+        records->abonents.append(abonent(QStringLiteral("Carol")));
+        EXPECT_EQ(read().abonents.size(), 1);
+        return QString();
+    }),
+              QString());
+    EXPECT_EQ(read().abonents.size(), 2);
+    EXPECT_EQ(book.change([](AbonentRecords* records) {
+        records->abonents.clear();
+        return QStringLiteral("refused");
+    }),
+              QStringLiteral("refused"));
+    EXPECT_EQ(read().abonents.size(), 2);
 }
 
 TEST_F(Book, ALockThatIsNoneIsToldInBoundedTime)
