@@ -98,8 +98,10 @@ QString Inbox::sharesRefuse(const Peer& peer, const OfferFrame& offer, const Par
     std::vector<PartId> without{known};
     if (sharesRefuseWithout(countedWithout(without), peer, offer).isEmpty())
         return QString();
-    // The user may have taken something out, or something was stored since.
-    m_inputCount.refresh();
+    // The user may have taken something out. To look takes a walk through the whole inbox, under
+    // the lock of all sessions: whoever likes to call must not get one for each offer.
+    if (peer.isProved || m_inputCount.isOlderThan(m_limits.strangersCountMs))
+        m_inputCount.refresh();
     const QString reason = sharesRefuseWithout(countedWithout(without), peer, offer);
     if (reason.isEmpty())
         return reason;

@@ -73,6 +73,7 @@ void DirectoryCount::refresh()
     for (const QString& name : dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Unsorted))
         count(name, &entries);
     m_entries = entries;
+    m_sinceRefresh.start();
 }
 
 void DirectoryCount::add(const QString& name)

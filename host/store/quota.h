@@ -8,6 +8,7 @@
 #include "host/store/volume.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QHash>
 #include <QString>
 #include <QVector>
@@ -34,6 +35,7 @@ struct InboxLimits
     Share ofAll{Q_INT64_C(32) << 30, 50000, 200000};
     int maxPartsOfAbonent = 16; // of an unproved peer, too; the oldest give way
     int partDays = 30; // untouched parts are removed at the start
+    int strangersCountMs = 5000; // before a caller that is not proved makes the inbox be counted again
 };
 
 // For those who are shown it.
@@ -71,6 +73,7 @@ public:
 
     void refresh();
     void add(const QString& name); // of one directory that has come
+    [[nodiscard]] bool isOlderThan(int ms) const { return !m_sinceRefresh.isValid() || m_sinceRefresh.hasExpired(ms); }
     [[nodiscard]] QVector<Counted> entries() const;
 
 private:
@@ -85,6 +88,7 @@ private:
 
     const QDir m_dir;
     QHash<QString, Entry> m_entries;
+    QElapsedTimer m_sinceRefresh;
 };
 
 [[nodiscard]] Share operator+(const Share& a, const Share& b);

@@ -210,6 +210,32 @@ TEST_F(Quota, AllUnprovedPeersShareOneSmallPool)
     EXPECT_TRUE(isTaken(store.get(), bob, 1000)) << "an abonent is not concerned";
 }
 
+// Each look is a walk through the whole inbox, under the lock of all sessions.
+TEST_F(Quota, AStrangerDoesNotMakeTheInboxBeCountedForEachOffer)
+{
+    limits.strangersCountMs = 3600 * 1000;
+    {
+        const auto store = open(limits);
+        for (int i = 0; i < 3; ++i)
+            ASSERT_TRUE(receives(store.get(), unprovedPeer('a'), 0));
+        takeOut(QStringLiteral("00000001"));
+        EXPECT_FALSE(isTaken(store.get(), unprovedPeer('b'), 0)) << "it was counted at the start";
+        EXPECT_EQ(refused.code, RefusalCode::NoRoom);
+        // An abonent learns at once what the user has taken out, and then so do they.
+        for (int i = 0; i < 5; ++i)
+            ASSERT_TRUE(receives(store.get(), bob, 0));
+        EXPECT_FALSE(isTaken(store.get(), bob, 0));
+        EXPECT_TRUE(isTaken(store.get(), unprovedPeer('b'), 0));
+        EXPECT_FALSE(isTaken(store.get(), unprovedPeer('b'), 0));
+        m_held.clear();
+    }
+    limits.strangersCountMs = 0;
+    const auto store = open(limits);
+    ASSERT_TRUE(receives(store.get(), unprovedPeer('a'), 0));
+    takeOut(QStringLiteral("00000002"));
+    EXPECT_TRUE(isTaken(store.get(), unprovedPeer('b'), 0)) << "counted again after that time";
+}
+
 TEST_F(Quota, AllTogetherAreLimited)
 {
     limits.ofAll = {1000000, 7, 200};
