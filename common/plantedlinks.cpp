@@ -91,6 +91,15 @@ int openForAppending(const QByteArray& path)
     return -1;
 }
 
+int openOwnForAppending(const QByteArray& path)
+{
+    const int descriptor = openForAppending(path);
+    struct stat facts = {};
+    if (descriptor < 0 || ::fstat(descriptor, &facts) != 0 || !S_ISREG(facts.st_mode) || isOursAlone(descriptor))
+        return descriptor;
+    return closed(descriptor, facts.st_nlink == 1 ? EPERM : EMLINK);
+}
+
 int openEmpty(const QByteArray& path)
 {
     const int descriptor = openAgainIfInterrupted(path.constData(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK);

@@ -14,7 +14,11 @@
 // has no reader only such a one is waited for (else ENXIO).
 int openForAppending(const QByteArray& path);
 
-// The same for what exists, at the price of one call: refuses every link, and every pipe without
+// The same for files that no other program of another user appends to: a plain file has to be this
+// user's alone, without a second name elsewhere (EMLINK, or EPERM where it is another user's).
+int openOwnForAppending(const QByteArray& path);
+
+// As the first for what exists, at the price of one call: refuses every link, and every pipe without
 // a reader.
 int openExistingForAppending(const QByteArray& path);
 

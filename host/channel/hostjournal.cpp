@@ -59,10 +59,13 @@ QString HostJournal::write(const QByteArray& line) const
     if (QFileInfo(m_path).size() > m_maxBytes)
         (void)renamePath(m_path, m_path + QStringLiteral(".old")); // else it grows on
     const bool isNew = !QFile::exists(m_path);
-    const int descriptor = openForAppending(QFile::encodeName(m_path));
+    const int descriptor = openOwnForAppending(QFile::encodeName(m_path));
+    if (descriptor < 0 && errno == ELOOP)
+        return QStringLiteral("it is a link, and links are not followed here: remove it");
+    if (descriptor < 0 && errno == EMLINK)
+        return QStringLiteral("it has another name elsewhere: remove it");
     if (descriptor < 0)
-        return errno == ELOOP ? QStringLiteral("it is a link, and links are not followed here: remove it")
-                              : qt_error_string(errno);
+        return qt_error_string(errno);
     QFile file;
     if (!file.open(descriptor, QIODevice::Append | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle) ||
         file.write(line) != line.size())

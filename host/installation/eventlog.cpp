@@ -6,6 +6,7 @@
 #include <QJsonDocument>
 
 #include <ctime>
+#include <sys/stat.h>
 
 namespace host {
 
@@ -14,9 +15,13 @@ QString EventLog::open(const QString& path)
     if (isForeignLink(QFile::encodeName(path)))
         return QStringLiteral("cannot write %1: it is a link that another user has made").arg(path);
     m_file.setFileName(path);
-    if (m_file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered))
+    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered))
+        return QStringLiteral("cannot write %1: %2").arg(path, m_file.errorString());
+    struct stat facts = {};
+    if (::fstat(m_file.handle(), &facts) != 0 || !S_ISREG(facts.st_mode) || facts.st_nlink == 1)
         return QString();
-    return QStringLiteral("cannot write %1: %2").arg(path, m_file.errorString());
+    m_file.close();
+    return QStringLiteral("cannot write %1: it has another name elsewhere, and is not written").arg(path);
 }
 
 void EventLog::write(const QString& event, QJsonObject fields)

@@ -13,7 +13,8 @@ class EventLog
 {
 public:
     // An error text, empty on success. The file is appended to. A link in its place is followed,
-    // being the choice of whoever names it, unless another user has made it.
+    // being the choice of whoever names it, unless another user has made it. A file with a second
+    // name elsewhere is not written.
     QString open(const QString& path);
     void write(const QString& event, QJsonObject fields);
 

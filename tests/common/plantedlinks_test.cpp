@@ -268,6 +268,33 @@ TEST_F(PlantedLinks, InPlaceOfTheLogDirectoryAreNotGivenPermissions)
                               .arg(logDirPath(), QString::fromLocal8Bit(std::strerror(ELOOP)))});
 }
 
+TEST_F(PlantedLinks, WhatIsOursIsAppendedToOnlyWhereItIsOursAlone)
+{
+    ASSERT_TRUE(QDir().mkpath(rootPath(QStringLiteral("shared"))));
+    const QByteArray path = encoded(rootPath(QStringLiteral("shared/own")));
+    const int made = openOwnForAppending(path);
+    EXPECT_GE(made, 0) << "made where there is none";
+    close(made);
+    const int again = openOwnForAppending(path);
+    EXPECT_GE(again, 0);
+    close(again);
+    const QByteArray second = path + ".second";
+    ASSERT_EQ(link(path.constData(), second.constData()), 0);
+    EXPECT_LT(openOwnForAppending(path), 0);
+    EXPECT_EQ(errno, EMLINK);
+    ASSERT_EQ(unlink(second.constData()), 0);
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(path.constData(), 65534, 65534), 0);
+        EXPECT_LT(openOwnForAppending(path), 0);
+        EXPECT_EQ(errno, EPERM);
+    }
+    ASSERT_EQ(unlink(path.constData()), 0);
+    ASSERT_EQ(symlink("/dev/null", path.constData()), 0);
+    const int device = openOwnForAppending(path);
+    EXPECT_GE(device, 0) << "as before";
+    close(device);
+}
+
 TEST_F(PlantedLinks, ToADeviceOfTheAdministratorsChoiceAreFollowed)
 {
     ASSERT_TRUE(QDir().mkpath(rootPath(QStringLiteral("shared"))));

@@ -97,6 +97,47 @@ TEST_F(HostLinks, TheJournalsEarlierFile)
     }
 }
 
+// Not a link to be seen: the same file under a second name.
+TEST_F(HostLinks, ASecondNameOfAFileInTheJournalsPlace)
+{
+    const QString path = data + QStringLiteral("journal.txt");
+    QDir().mkpath(data);
+    ASSERT_EQ(::link(QFile::encodeName(victim).constData(), QFile::encodeName(path).constData()), 0);
+    HostJournal journal(path);
+    journal.addRecord(0, QStringLiteral("ttyS0"), QStringLiteral("one"));
+    EXPECT_EQ(readAll(victim), QByteArray("precious\n"));
+    ASSERT_TRUE(QFile::remove(path));
+    journal.addRecord(0, QStringLiteral("ttyS0"), QStringLiteral("two"));
+    EXPECT_TRUE(readAll(path).endsWith(" ttyS0: two\n")) << "goes on once it is away";
+}
+
+// Whoever made it could read, and change, what the users of the installation are told.
+TEST_F(HostLinks, SomebodyElsesFileInTheJournalsPlace)
+{
+    const QString path = data + QStringLiteral("journal.txt");
+    writeFile(path, "theirs\n");
+    giveAway(path);
+    HostJournal journal(path);
+    journal.addRecord(0, QStringLiteral("ttyS0"), QStringLiteral("one"));
+    EXPECT_EQ(readAll(path), QByteArray("theirs\n"));
+}
+
+TEST_F(HostLinks, ASecondNameOfAFileInTheEventsPlace)
+{
+    const QString path = data + QStringLiteral("events.txt");
+    QDir().mkpath(data);
+    ASSERT_EQ(::link(QFile::encodeName(victim).constData(), QFile::encodeName(path).constData()), 0);
+    EventLog events;
+    EXPECT_EQ(events.open(path),
+              QStringLiteral("cannot write %1: it has another name elsewhere, and is not written").arg(path));
+    events.write(QStringLiteral("started"), {});
+    EXPECT_EQ(readAll(victim), QByteArray("precious\n"));
+    ASSERT_TRUE(QFile::remove(path));
+    EXPECT_EQ(events.open(path), QString());
+    events.write(QStringLiteral("started"), {});
+    EXPECT_TRUE(readAll(path).contains("started"));
+}
+
 TEST_F(HostLinks, TheHostsState)
 {
     const QString path = data + QStringLiteral("transport-host.state");
