@@ -83,6 +83,7 @@ QString Inbox::recoverPart(const QString& key)
                          !content.isSymLink() && safeFileName(part.contentName) == part.contentName;
     const QDateTime touched = content.metadataChangeTime(); // not modified: that time is the sender's
     const bool isOld = touched.daysTo(QDateTime::currentDateTime()) > m_limits.partDays;
+    const PartId id = Parts::idOf(part.sender, part.id);
     // A full disk may have kept the record from being taken back, and more was written since.
     if (isWhole && record.isVerified && hasHash(content.filePath(), record.sha256)) {
         QString place;
@@ -90,8 +91,11 @@ QString Inbox::recoverPart(const QString& key)
         if (error.isEmpty())
             return QStringLiteral("received before the last stop: %1").arg(place);
         // It stays a part, so that it is taken up when it is offered again, and has no double.
+    } else if (isWhole && m_received.contains(id.peerKey, id.id, part.sha256)) {
+        error = m_received.takeBack(id.peerKey, id.id); // what is still here was not received
     }
-    if (!isWhole || isOld || m_parts.find(Parts::idOf(part.sender, part.id))) {
+    part.isStoring = m_received.isInDoubt(id.peerKey, id.id);
+    if (!part.isStoring && (!isWhole || isOld || m_parts.find(id))) {
         error = removeDirectory(path);
         return error.isEmpty() ? QStringLiteral("removed the useless part %1").arg(path) : error;
     }
@@ -162,9 +166,22 @@ bool Inbox::isStored(const Peer& peer, quint64 messageId, const QByteArray& sha2
 
 // ---- parts ----
 
+// What is whole and is offered again needs none of its bytes once more.
+QString Inbox::endDoubt(const PartId& id)
+{
+    if (!m_received.isInDoubt(id.peerKey, id.id))
+        return QString();
+    const QString error = m_received.takeBack(id.peerKey, id.id);
+    if (error.isEmpty())
+        m_parts.setStoring(id, false);
+    return error;
+}
+
 std::vector<std::unique_ptr<IncomingFile>> Inbox::parts(const Peer& peer)
 {
     QMutexLocker locker(&m_mutex);
+    for (const PartId& id : m_parts.storing(peer))
+        (void)endDoubt(id); // else told when it is offered
     std::vector<std::unique_ptr<IncomingFile>> files;
     for (const PartId& id : m_parts.of(peer)) {
         const Part* const part = m_parts.find(id);
@@ -181,6 +198,11 @@ std::unique_ptr<IncomingFile> Inbox::begin(const Peer& peer, const OfferFrame& o
     const Part* known = m_parts.find(id);
     if (offer.messageId == noMessageId) {
         refuse(refused, RefusalCode::NotAllowed, QStringLiteral("no message has the identifier 0"));
+        return nullptr;
+    }
+    const QString doubt = endDoubt(id);
+    if (!doubt.isEmpty()) {
+        refuse(refused, RefusalCode::Failed, doubt);
         return nullptr;
     }
     if (known && known->isStoring) {
@@ -278,6 +300,8 @@ QString Inbox::storePart(const PartId& id, const std::shared_ptr<PartHolding>& h
         m_inputCount.add(QFileInfo(*place).dir().dirName());
         return QString();
     }
+    if (m_received.isInDoubt(id.peerKey, id.id))
+        return error;
     m_parts.setStoring(id, false);
     if (isDurable)
         markUnverified(*holding, m_incompleteDir, offer);

@@ -8,7 +8,9 @@
 // A message becomes received in steps that can be cut off anywhere: content synced, record
 // marked verified, entry in the list of received messages, directory moved to the input
 // directory. From the record on, the start after a crash completes them. While they last
-// the part belongs to nobody: no session can take it up.
+// the part belongs to nobody: no session can take it up. Nor can one whose entry stands in the
+// list and can be taken back no more, while its directory cannot be moved: the next start would
+// believe the list, and the sender with it, so that the part has to stay until one of the two works.
 #pragma once
 
 #include "host/session/sessionstore.h"
@@ -70,6 +72,7 @@ private:
     friend class PartFile;
 
     [[nodiscard]] QString recoverPart(const QString& key); // a text for the journal, or empty
+    QString endDoubt(const PartId& id); // an error text, or empty
     static bool refuse(RefusedFrame* refused, RefusalCode code, const QString& reason); // false
 
     // False with *refused set. known: what stands of the message, if anything.

@@ -32,10 +32,20 @@ const Part* Parts::find(const PartId& id) const
 
 std::vector<PartId> Parts::of(const Peer& peer) const
 {
+    return selected(peer, false);
+}
+
+std::vector<PartId> Parts::storing(const Peer& peer) const
+{
+    return selected(peer, true);
+}
+
+std::vector<PartId> Parts::selected(const Peer& peer, bool isStoring) const
+{
     std::vector<PartId> found;
     const QString key = peerKey(peer);
     for (auto it = m_parts.cbegin(); it != m_parts.cend(); ++it) {
-        if (it.key().first == key && !it->isStoring)
+        if (it.key().first == key && it->isStoring == isStoring)
             found.push_back({key, it->id});
     }
     return found;

@@ -62,6 +62,7 @@ public:
 
     [[nodiscard]] const Part* find(const PartId& id) const;
     [[nodiscard]] std::vector<PartId> of(const Peer& peer) const; // without those being stored
+    [[nodiscard]] std::vector<PartId> storing(const Peer& peer) const;
     // One that is held counts as it is announced.
     [[nodiscard]] QVector<Counted> countedWithout(const std::vector<PartId>& without) const;
     [[nodiscard]] qint64 promisedBytes() const; // that those who hold parts have yet to write
@@ -99,6 +100,7 @@ private:
     static Key keyOf(const PartId& id) { return {id.peerKey, id.id}; }
     QString fill(const Peer& sender, const OfferFrame& offer, Part* part);
     void takeAway(const Part& part);
+    [[nodiscard]] std::vector<PartId> selected(const Peer& peer, bool isStoring) const;
 
     const QDir m_dir;
     QHash<Key, Part> m_parts;

@@ -4,6 +4,7 @@
 #include "host/installation/diskfile.h"
 #include "host/installation/opendirectory.h"
 #include "host/session/sessionframes.h"
+#include "host/store/quota.h"
 
 #include <QFileInfo>
 
@@ -14,8 +15,14 @@ namespace host {
 namespace {
 
 // Settled entries are of no more use unless a sender is set back to an old backup.
-constexpr int keptSettled = 1000;
+constexpr int keptSettled = 1000; // of each peer; of all that are not proved together
 constexpr int maxNeedlessLines = 10000;
+
+// Those who are not proved have as many keys as they like.
+QString sharedBy(const QString& peerKey)
+{
+    return peerKey.startsWith(unprovedPool) ? unprovedPool : peerKey;
+}
 
 QByteArray encoded(const QString& peerKey)
 {
@@ -107,13 +114,14 @@ QVector<ReceivedList::Key> ReceivedList::keysInOrder() const
 QString ReceivedList::rewrite()
 {
     const QVector<Key> keys = keysInOrder();
-    int settledCount = static_cast<int>(
-        std::count_if(keys.cbegin(), keys.cend(), [this](const Key& key) { return m_entries[key].settled; }));
+    QHash<QString, int> settledCounts;
+    for (const Key& key : keys)
+        settledCounts[sharedBy(key.first)] += m_entries[key].settled ? 1 : 0;
     QByteArray lines;
     m_linesInFile = 0;
     for (const Key& key : keys) {
         const Entry& entry = m_entries[key];
-        if (entry.settled && settledCount-- > keptSettled) {
+        if (entry.settled && settledCounts[sharedBy(key.first)]-- > keptSettled) {
             m_entries.remove(key);
             continue;
         }
@@ -144,16 +152,26 @@ QVector<quint64> ReceivedList::unsettled(const QString& peerKey) const
 QString ReceivedList::add(const QString& peerKey, quint64 id, const QByteArray& sha256)
 {
     const QByteArray text = storedLine(peerKey, id, sha256);
-    const QString error = append(text, true);
-    if (error.isEmpty())
+    bool isLeft = false;
+    const QString error = append(text, true, &isLeft);
+    if (error.isEmpty()) {
         apply(text.trimmed());
+        m_inDoubt.remove({peerKey, id});
+    } else if (isLeft) {
+        m_inDoubt.insert({peerKey, id});
+    }
     return error;
 }
 
 QString ReceivedList::takeBack(const QString& peerKey, quint64 id)
 {
     m_entries.remove({peerKey, id});
-    return append(line('-', peerKey, id), true);
+    const QString error = append(line('-', peerKey, id), true);
+    if (error.isEmpty())
+        m_inDoubt.remove({peerKey, id});
+    else
+        m_inDoubt.insert({peerKey, id});
+    return error;
 }
 
 void ReceivedList::settle(const QString& peerKey, const QVector<quint64>& ids)
@@ -180,7 +198,8 @@ QString ReceivedList::openForAppending(QFile* file) const
     return directory.isOpen() ? directory.openForWriting(info.fileName(), file) : error;
 }
 
-QString ReceivedList::append(const QByteArray& lines, bool sync)
+// *isLeft: failing, it may stand there all the same.
+QString ReceivedList::append(const QByteArray& lines, bool sync, bool* isLeft)
 {
     const QFileInfo info(m_path);
     if (!info.exists() && !info.isSymLink()) {
@@ -200,7 +219,9 @@ QString ReceivedList::append(const QByteArray& lines, bool sync)
         error = syncFile(&file);
     if (!error.isEmpty()) {
         // A torn line would swallow the beginning of the next one.
-        file.resize(size);
+        const bool isUndone = file.resize(size);
+        if (isLeft)
+            *isLeft = !isUndone;
         return QStringLiteral("cannot write %1: %2").arg(m_path, error);
     }
     m_linesInFile += lines.count('\n');

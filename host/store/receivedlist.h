@@ -13,6 +13,7 @@
 #include <QFile>
 #include <QHash>
 #include <QPair>
+#include <QSet>
 #include <QString>
 #include <QVector>
 
@@ -31,9 +32,11 @@ public:
     [[nodiscard]] bool contains(const QString& peerKey, quint64 id, const QByteArray& sha256) const;
     [[nodiscard]] QVector<quint64> unsettled(const QString& peerKey) const;
 
-    // On the disk when they return without an error text.
+    // On the disk when they return without an error text. Where an entry can neither be kept out of
+    // the file nor be taken back, it is in doubt: it does not count here, and would at the next start.
     QString add(const QString& peerKey, quint64 id, const QByteArray& sha256);
     QString takeBack(const QString& peerKey, quint64 id);
+    [[nodiscard]] bool isInDoubt(const QString& peerKey, quint64 id) const { return m_inDoubt.contains({peerKey, id}); }
 
     // Not synced: what gets lost is settled again.
     void settle(const QString& peerKey, const QVector<quint64>& ids);
@@ -50,13 +53,14 @@ private:
 
     void apply(const QByteArray& line);
     QString rewrite();
-    QString append(const QByteArray& lines, bool sync);
+    QString append(const QByteArray& lines, bool sync, bool* isLeft = nullptr);
     void apply(char kind, const Key& key);
     [[nodiscard]] QVector<Key> keysInOrder() const;
     [[nodiscard]] QString openForAppending(QFile* file) const;
 
     const QString m_path;
     QHash<Key, Entry> m_entries;
+    QSet<Key> m_inDoubt;
     quint64 m_nextOrder = 0;
     int m_linesInFile = 0;
 };

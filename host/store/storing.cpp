@@ -58,7 +58,7 @@ void markUnverified(const PartHolding& holding, const QDir& incompleteDir, const
     QString error;
     const OpenDirectory directory = OpenDirectory::at(incompleteDir.absoluteFilePath(holding.part.key), &error);
     if (directory.isOpen())
-        (void)saveVerified(holding, directory, offer, false); // failing, the next start completes it: known as received
+        (void)saveVerified(holding, directory, offer, false); // failing, the next start completes it
 }
 
 QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& inputDir, ReceivedList* received,
@@ -77,8 +77,7 @@ QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& i
     if (error.isEmpty())
         error = from.moveDirectory(part.key, to, name);
     if (!error.isEmpty()) {
-        if (!isListed)
-            (void)received->takeBack(key, part.id);
+        (void)received->takeBack(key, part.id); // also one of an earlier run: the message is not there
         return error;
     }
     // Failing, the message is in the inbox all the same, until power fails.

@@ -21,7 +21,8 @@ namespace host {
 // The opposite for the record: the message was not received after all.
 void markUnverified(const PartHolding& holding, const QDir& incompleteDir, const OfferFrame& offer);
 
-// Entry in the list, directory moved. *place: of the file.
+// Entry in the list, directory moved. *place: of the file. Failing, the entry is taken back, or is
+// in doubt.
 [[nodiscard]] QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& inputDir,
                                     ReceivedList* received, QString* place);
 

@@ -169,3 +169,130 @@ TEST_F(StoreSteps, ANameThatTheFileSystemCannotHoldBecomesFile)
     EXPECT_EQ(partNames(), QStringList()) << "nothing is left of it";
     EXPECT_TRUE(store->parts(bob).empty());
 }
+
+// The list says that it was received, the directory cannot be moved, and the list can no longer be
+// written: what counts is that it does not stand in the inbox.
+class ListedAndNotMoved : public StoreSteps
+{
+protected:
+    bool isOfList(const SystemCall& call) const
+    {
+        return call.path == paths.receivedList.toStdString() && (call.name == "write" || call.name == "fsync");
+    }
+    static bool isMoving(const SystemCall& call)
+    {
+        return call.name == "rename" && call.target.find("/input/") != std::string::npos;
+    }
+
+    // Answers the store in which it happened.
+    std::unique_ptr<MessageStore> fail()
+    {
+        auto store = open();
+        const auto file = store->beginIncoming(bob, offer, &refused);
+        EXPECT_TRUE(file) << qPrintable(refused.reason);
+        EXPECT_EQ(file->append("content"), QString());
+        bool hasFailed = false;
+        SystemCallWatch watch(root(), [&](SystemCall& call) {
+            hasFailed = hasFailed || isMoving(call);
+            return hasFailed && (isMoving(call) || isOfList(call)) ? EIO : 0;
+        });
+        QString place;
+        EXPECT_NE(file->store(offer, &place), QString());
+        EXPECT_TRUE(hasFailed);
+        EXPECT_TRUE(readAll(paths.receivedList).startsWith("+ 0000000000000007 ")) << "as the next start finds it";
+        expectNotReceived(store.get());
+        return store;
+    }
+
+    void expectNotReceived(MessageStore* store)
+    {
+        EXPECT_FALSE(store->isStored(bob, 7, offer.sha256)) << "the sender would remove its copy";
+        EXPECT_TRUE(store->unsettled(bob).isEmpty()) << "and here as well";
+        EXPECT_EQ(store->inbox().messages().size(), 0);
+    }
+
+    void expectReceivedOnce(std::unique_ptr<MessageStore> store)
+    {
+        for (int start = 0; start < 2; ++start) {
+            EXPECT_TRUE(store->isStored(bob, 7, offer.sha256));
+            EXPECT_EQ(store->unsettled(bob), QVector<quint64>{7});
+            const QVector<ReceivedMessage> messages = store->inbox().messages();
+            ASSERT_EQ(messages.size(), 1);
+            EXPECT_EQ(readAll(messages.first().path), QByteArray("content"));
+            EXPECT_EQ(partNames(), QStringList());
+            store.reset();
+            store = open();
+        }
+    }
+
+    const OfferFrame offer = offerOf(7, QStringLiteral("f"), "content");
+};
+
+TEST_F(ListedAndNotMoved, TheNextStartPutsItIntoTheInbox)
+{
+    fail().reset();
+    expectReceivedOnce(open());
+}
+
+TEST_F(ListedAndNotMoved, ItCanBeOfferedAgain)
+{
+    auto store = fail();
+    const auto parts = store->parts(bob);
+    ASSERT_EQ(parts.size(), 1u) << "the list can be written again";
+    ASSERT_TRUE(resume(parts.front().get(), offer, 7, &refused)) << qPrintable(refused.reason);
+    QString place;
+    EXPECT_EQ(parts.front()->store(offer, &place), QString());
+    expectReceivedOnce(std::move(store));
+}
+
+// A start that finds the disk as bad as it was.
+TEST_F(ListedAndNotMoved, ItIsNotReceivedAsLongAsItCannotBeMoved)
+{
+    for (const bool isListWritten : {true, false}) {
+        fail().reset();
+        std::unique_ptr<MessageStore> store;
+        {
+            SystemCallWatch watch(root(), [&](SystemCall& call) {
+                return isMoving(call) || (!isListWritten && isOfList(call)) ? EIO : 0;
+            });
+            store = open();
+            expectNotReceived(store.get());
+            if (!isListWritten) {
+                EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
+                EXPECT_EQ(refused.code, RefusalCode::Failed);
+                EXPECT_TRUE(refused.reason.startsWith(QStringLiteral("cannot write ") + paths.receivedList))
+                    << qPrintable(refused.reason);
+            }
+        }
+        EXPECT_TRUE(receiveWhole(store.get(), bob, offer, "content").endsWith(QStringLiteral("/f")));
+        expectReceivedOnce(std::move(store));
+        for (const QString& taken : paths.input.entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+            ASSERT_EQ(removeDirectory(paths.input.absoluteFilePath(taken)), QString());
+        ASSERT_TRUE(QFile::remove(paths.receivedList));
+    }
+}
+
+// Nothing may take its place while a start would believe the list.
+TEST_F(ListedAndNotMoved, ItsPartStandsUntilTheListIsRight)
+{
+    const auto store = fail();
+    SystemCallWatch watch(root(), [&](SystemCall& call) { return isOfList(call) ? EIO : 0; });
+    EXPECT_TRUE(store->parts(bob).empty());
+    EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("g"), "another"), &refused), nullptr);
+    EXPECT_EQ(partNames().size(), 1);
+}
+
+// As earlier versions left it: marked as not received, and listed.
+TEST_F(ListedAndNotMoved, APartThatIsListedWasNotReceived)
+{
+    fail().reset();
+    const QString record = QString::fromStdString(root() + part() + "/.message");
+    writeFile(record, readAll(record).replace("\"verified\": true", "\"verified\": false"));
+    ASSERT_TRUE(readAll(record).contains("\"verified\": false"));
+    auto store = open();
+    expectNotReceived(store.get());
+    store = open();
+    expectNotReceived(store.get());
+    EXPECT_TRUE(receiveWhole(store.get(), bob, offer, "content").endsWith(QStringLiteral("/f")));
+    expectReceivedOnce(std::move(store));
+}
