@@ -5,6 +5,8 @@
 #include "common/logger.h"
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
+#include "plugin/api/channeltype.h"
+#include "plugin/api/journalkind.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -95,7 +97,7 @@ TransportHost::~TransportHost()
 
 void TransportHost::journal(bool isError, const QString& text)
 {
-    m_journal->addRecord(isError ? 1 : 0, ownName, text);
+    m_journal->addRecord(isError ? JournalKind::error : JournalKind::event, ownName, text);
 }
 
 // ---- start ----
@@ -196,7 +198,7 @@ QString TransportHost::startServer()
     auto* debugData = new DebugData;
     LoggerData::initDebug(debugData);
     QString error;
-    m_plugin = loadPlugin(Global::channelPluginsDir(), comChannelType, debugData, &error);
+    m_plugin = loadPlugin(Global::channelPluginsDir(), ChannelType::dialUp, debugData, &error);
     if (!m_plugin)
         return error;
 

@@ -1,9 +1,9 @@
 #include "plugin/ccomplugin.h"
 
-#include "com/link/ccomchannel.h"
 #include "com/worker/ccomserver.h"
 #include "common/functiondebug.h"
 #include "common/legacyrandom.h"
+#include "plugin/api/channeltype.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ CComPlugin::~CComPlugin() = default;
 int CComPlugin::type() const
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
-    return CComChannel::channelType;
+    return ChannelType::dialUp;
 }
 
 QString CComPlugin::name() const

@@ -1,5 +1,6 @@
 #include "tools/linkprofile.h"
 
+#include "com/formats/packetlayout.h"
 #include "com/link/linkrules.h"
 #include "common/settingskeys.h"
 
@@ -13,7 +14,7 @@ namespace {
 constexpr double bitsPerByteOnLine = 10;
 constexpr double dataBitsPerByte = 8; // of those that noise can damage with effect
 
-constexpr double overheadBytes = 11; // of a packet's bytes on the line: header and checks
+constexpr double overheadBytes = packetlayout::maxOverhead;
 constexpr double largestPacket = 4096;
 
 // No line is as clean as it is thought to be.
@@ -179,7 +180,7 @@ Goodput expectedGoodput(const LineFacts& facts)
     const Line line(facts);
     const LinkProfile profile = recommendedProfile(facts);
     const double noise = dataBitsPerByte * bounded(facts.bitErrorRate, 0, highestBitErrorRate);
-    const double onLine = profile.packetSize + 1;
+    const double onLine = profile.packetSize + packetlayout::maxOverhead - packetlayout::blockReserve;
     const double packetS = onLine / line.bytesPerS;
     const double confirmed = std::max(1.0, profile.confirmationIntervalMs / 1000.0 / packetS);
     const double confirmationBytes = overheadBytes + confirmed;

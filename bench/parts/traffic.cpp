@@ -1,11 +1,13 @@
 #include "bench/parts/traffic.h"
 
+#include "com/formats/packetlayout.h"
+
 namespace {
 
 traffic::Burst splitBehindHeader(const QByteArray& front, int size)
 {
     const QByteArray packet = traffic::wire(traffic::ignoredType, 1, size);
-    return {front + packet.left(CComPacket::headerSize), packet.mid(CComPacket::headerSize)};
+    return {front + packet.left(packetlayout::headerSize), packet.mid(packetlayout::headerSize)};
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "com/formats/comsettings.h"
+#include "com/formats/packetlayout.h"
 
 #include <QByteArray>
 #include <QList>
@@ -11,6 +12,9 @@ struct ChannelComSettings
 {
     static constexpr int formatVersion = 3;
     static constexpr int defaultPacketSize = 1024;
+    // What an editor lets a user set; the channel takes any.
+    static constexpr int smallestPacketSize = packetlayout::smallestPacketSize;
+    static constexpr int largestPacketSize = 16384;
     // Damaged data may announce any number of ports: once reading has failed, no record
     // is added beyond this many.
     static constexpr int maxPortsOfDamagedData = 4096;

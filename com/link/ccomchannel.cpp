@@ -7,6 +7,7 @@
 #include "common/functiondebug.h"
 #include "common/logger.h"
 #include "plugin/api/cabstractchannelsstate.h"
+#include "plugin/api/channeltype.h"
 
 #include <QDateTime>
 #include <QSerialPort>
@@ -66,7 +67,7 @@ CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int c
     : m_port(port), m_channelsState(state), m_channelIndex(channelIndex)
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
-    type = channelType;
+    type = ChannelType::dialUp;
     m_confirmationTimer.start();
 }
 

@@ -20,8 +20,6 @@ class QSerialPort;
 class CComChannel : public CChannel
 {
 public:
-    static constexpr int channelType = 2;
-
     // port: open and connected; state: told of traffic under channelIndex. Both stay the
     // caller's and must outlive the channel.
     CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex);

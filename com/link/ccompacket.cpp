@@ -1,18 +1,20 @@
 #include "com/link/ccompacket.h"
 
 #include "com/formats/crc.h"
+#include "com/formats/packetlayout.h"
 
 #include <QDebug>
 #include <QtEndian>
 
 #include <cstring>
 
+using namespace packetlayout;
+
 namespace {
 
 bool isHeader(const char* position)
 {
-    return crc16(position, CComPacket::headerCheckOffset) ==
-           qFromLittleEndian<quint16>(position + CComPacket::headerCheckOffset);
+    return crc16(position, headerCheckOffset) == qFromLittleEndian<quint16>(position + headerCheckOffset);
 }
 
 // The first start symbol at or after from whose header check holds; end if there is none
@@ -20,8 +22,7 @@ bool isHeader(const char* position)
 const char* findHeader(const char* from, const char* end)
 {
     while (from < end) {
-        from =
-            static_cast<const char*>(std::memchr(from, CComPacket::startSymbol, static_cast<std::size_t>(end - from)));
+        from = static_cast<const char*>(std::memchr(from, startSymbol, static_cast<std::size_t>(end - from)));
         if (!from)
             return end;
         if (isHeader(from))

@@ -14,16 +14,6 @@ enum PacketType : quint8
 class CComPacket
 {
 public:
-    // The wire image, in bytes; numbers of more than one byte are little-endian.
-    static constexpr char startSymbol = 0x7C;
-    static constexpr int typeOffset = 1;
-    static constexpr int numberOffset = 2;
-    static constexpr int lengthOffset = 3; // 2 bytes: the payload's
-    static constexpr int headerCheckOffset = lengthOffset + 2; // 2 bytes: crc16 of what stands before it
-    static constexpr int headerSize = headerCheckOffset + 2;
-    static constexpr int payloadCheckSize = 4; // crc32 of header and payload, if there is a payload
-    static constexpr int maxOverhead = headerSize + payloadCheckSize;
-
     // Fills bytes from type, number and data. The length field holds the low 16 bits of
     // the payload's size, so a payload of more than 65535 bytes cannot be read back.
     void makePacket();

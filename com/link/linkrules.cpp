@@ -1,5 +1,7 @@
 #include "com/link/linkrules.h"
 
+#include "com/formats/packetlayout.h"
+
 #include <QStringList>
 
 #include <algorithm>
@@ -15,7 +17,7 @@ bool numberLessThen(quint8 a, quint8 b)
 
 int blockSize(int packetSize, int maxBytesToWrite)
 {
-    return std::max(1, std::min(packetSize, maxBytesToWrite) - blockReserve);
+    return std::max(1, std::min(packetSize, maxBytesToWrite) - packetlayout::blockReserve);
 }
 
 bool mayQueueMore(int queuedPackets, int queuedBytes, int maxBytesInQueue, quint8 next, quint8 first)

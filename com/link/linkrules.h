@@ -13,10 +13,6 @@ namespace linkrules {
 // Numbers up to this far ahead count as ahead.
 constexpr int numberWindow = 119;
 
-// What the block size leaves for a packet's header and checks. One byte short of what
-// they take, so that a full packet is one byte longer than the block size: as peers do.
-constexpr int blockReserve = 10;
-
 // idealBlockSize() answers 0 while more packets than this wait for confirmation.
 constexpr int maxPacketsInQueue = 110;
 

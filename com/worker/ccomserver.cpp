@@ -1,7 +1,6 @@
 #include "com/worker/ccomserver.h"
 
 #include "com/formats/comsettings.h"
-#include "com/link/ccomchannel.h"
 #include "com/link/currentcomsettings.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
@@ -9,7 +8,9 @@
 #include "common/logger.h"
 #include "plugin/api/cabstractchannelsstate.h"
 #include "plugin/api/cabstractjournal.h"
+#include "plugin/api/channeltype.h"
 #include "plugin/api/comcalltexts.h"
+#include "plugin/api/journalkind.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -22,7 +23,6 @@
 
 namespace {
 
-constexpr int journalEvent = 0;
 constexpr int stopPollIntervalMs = 10;
 constexpr int leastTerminationWaitMs = 10;
 constexpr int anyConnectionId = -1; // selects by the abonent's name
@@ -83,7 +83,7 @@ int threadStopTimeoutMs()
 
 CComServer::CComServer()
 {
-    type = CComChannel::channelType;
+    type = ChannelType::dialUp;
     // Without the name, queued delivery of a port's errors fails.
     qRegisterMetaType<QSerialPort::SerialPortError>("SerialPortError");
 }
@@ -120,7 +120,7 @@ bool CComServer::canCheckOnline() const
 void CComServer::start()
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
-    journal->addRecord(journalEvent, name(), QStringLiteral("Запуск"));
+    journal->addRecord(JournalKind::event, name(), QStringLiteral("Запуск"));
     // The channel counts as working before its settings are known.
     channelsState->setState(stateId, QStringLiteral("Работает"));
     loadSettings();
@@ -130,7 +130,7 @@ void CComServer::start()
 void CComServer::stop()
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
-    journal->addRecord(journalEvent, name(), QStringLiteral("Остановка"));
+    journal->addRecord(JournalKind::event, name(), QStringLiteral("Остановка"));
     if (QThread::currentThread() != thread()) {
         QMetaObject::invokeMethod(this, "internalStopSlot", Qt::QueuedConnection);
         return;
@@ -271,7 +271,7 @@ void CComServer::connectToAbonent(const QString& abonentName, const QByteArray& 
         if (worker->tryConnect(abonentName, abonent.phoneNumber))
             return;
     }
-    journal->addRecord(journalEvent, name(), ComCallTexts::noFreePort().arg(abonentName));
+    journal->addRecord(JournalKind::event, name(), ComCallTexts::noFreePort().arg(abonentName));
     emit notConnected(abonentName);
 }
 

@@ -1,6 +1,5 @@
 #include "com/worker/ccomthread.h"
 
-#include "com/link/ccomchannel.h"
 #include "com/modem/modemdialogue.h"
 #include "com/modem/noanswerpause.h"
 #include "com/port/modemport.h"
@@ -14,7 +13,9 @@
 #include "plugin/api/cabstractjournal.h"
 #include "plugin/api/cabstractprotocol.h"
 #include "plugin/api/cchannelserver.h"
+#include "plugin/api/channeltype.h"
 #include "plugin/api/comcalltexts.h"
+#include "plugin/api/journalkind.h"
 
 #include <QElapsedTimer>
 #include <QMutexLocker>
@@ -31,9 +32,6 @@ constexpr int wrongAnswerPauseMs = 1000;
 constexpr int lateAnswersMs = 300;
 constexpr int lateAnswersStepMs = 10;
 constexpr int afterHangUpPauseMs = 500;
-
-constexpr int eventRecord = 0;
-constexpr int errorRecord = 1;
 
 // Shared by all ports: with several silent modems each is asked the less often.
 NoAnswerPause noAnswerPause;
@@ -117,7 +115,7 @@ void CComThread::run()
             [this, &port](QSerialPort::SerialPortError code) { portErrorOccurred(port, code); });
     port.setPortName(m_settings.portName);
     CAbstractChannelsState* const channelsState = m_server->channelsState;
-    m_index = channelsState->addChannel(CComChannel::channelType, m_settings.portName, QStringLiteral("Инициализация"));
+    m_index = channelsState->addChannel(ChannelType::dialUp, m_settings.portName, QStringLiteral("Инициализация"));
     ChannelEntry entry(channelsState, m_index);
     setStatus(QStringLiteral("Открытие COM порта"));
 
@@ -561,12 +559,12 @@ void CComThread::setStatus(const QString& text)
 
 void CComThread::addEvent(const QString& text)
 {
-    m_server->journal->addRecord(eventRecord, m_settings.portName, text);
+    m_server->journal->addRecord(JournalKind::event, m_settings.portName, text);
 }
 
 void CComThread::addError(const QString& text)
 {
-    m_server->journal->addRecord(errorRecord, m_settings.portName, text);
+    m_server->journal->addRecord(JournalKind::error, m_settings.portName, text);
 }
 
 void CComThread::report(const QString& text)

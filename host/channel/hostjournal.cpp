@@ -5,6 +5,7 @@
 #include "common/plantedlinks.h"
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
+#include "plugin/api/journalkind.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -31,7 +32,7 @@ void HostJournal::addRecord(int kind, const QString& source, const QString& text
 {
     JournalRecord record;
     record.time = QDateTime::currentDateTime();
-    record.isError = kind != 0;
+    record.isError = kind != JournalKind::event;
     record.source = source;
     record.text = text;
     append(record.line().toUtf8() + '\n');

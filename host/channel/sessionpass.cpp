@@ -1,5 +1,7 @@
 #include "host/channel/sessionpass.h"
 
+#include "com/formats/packetlayout.h"
+
 #include <algorithm>
 
 namespace host {
@@ -7,7 +9,6 @@ namespace host {
 namespace {
 
 constexpr int readBytes = 64 * 1024;
-constexpr int linkOverheadBytes = 10; // of each packet: a block without them fills one packet exactly
 
 } // namespace
 
@@ -35,7 +36,8 @@ void SessionPass::writeAll()
         const int offered = m_channel->idealBlockSize();
         if (offered <= 0)
             return;
-        const int blockBytes = std::max(1, std::min(offered, m_maxBlockBytes) - linkOverheadBytes);
+        // A block of this size fills one packet exactly.
+        const int blockBytes = std::max(1, std::min(offered, m_maxBlockBytes) - packetlayout::blockReserve);
         const QByteArray block = m_session->takeOutput(blockBytes, m_clock());
         if (block.isEmpty())
             return;

@@ -3,6 +3,8 @@
 // directory, which commands and a running host change side by side.
 #pragma once
 
+#include "plugin/api/channeltype.h"
+
 #include <QByteArray>
 #include <QDateTime>
 #include <QMutex>
@@ -14,13 +16,11 @@
 
 namespace host {
 
-constexpr qint32 comChannelType = 2;
-
 // One abonent: its addressing data is opaque here and belongs to the kind of channel.
 struct Abonent
 {
     QString name;
-    qint32 channelType = comChannelType;
+    qint32 channelType = ChannelType::dialUp;
     QByteArray channelData;
 
     enum class Pinned

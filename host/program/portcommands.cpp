@@ -49,6 +49,13 @@ bool wordValue(const QVector<Word>& words, const QString& text, qint32* value)
     return false;
 }
 
+QString packetSizeRange()
+{
+    return QStringLiteral("%1 to %2")
+        .arg(QString::number(ChannelComSettings::smallestPacketSize),
+             QString::number(ChannelComSettings::largestPacketSize));
+}
+
 QString portLine(const ComPortSettings& port)
 {
     return QStringLiteral("%1  %2 baud, %3 data bits, parity %4, stop bits %5, flow control %6, init string '%7'%8")
@@ -164,13 +171,13 @@ int portPacketSize(const QStringList& arguments, CommandStreams& io)
     CommandLine line(QStringLiteral("port packet-size"),
                      QStringLiteral("Sets the largest packet of the link, for all ports (default 1024)."));
     line.parser.addPositionalArgument(QStringLiteral("BYTES"),
-                                      QStringLiteral("11 to 16384. Small ones suit bad lines."));
+                                      QStringLiteral("%1. Small ones suit bad lines.").arg(packetSizeRange()));
     if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
         return *status;
     bool ok = false;
     const int bytes = line.parser.positionalArguments().first().toInt(&ok);
-    if (!ok || bytes < 11 || bytes > 16384)
-        return line.usage(io, QStringLiteral("a packet has 11 to 16384 bytes"));
+    if (!ok || bytes < ChannelComSettings::smallestPacketSize || bytes > ChannelComSettings::largestPacketSize)
+        return line.usage(io, QStringLiteral("a packet has %1 bytes").arg(packetSizeRange()));
     ChannelComSettings settings;
     QString error = loadComSettings(&settings);
     if (!error.isEmpty())

@@ -14,7 +14,7 @@ class CHANNELAPI_EXPORT CChannelPlugin
 public:
     virtual ~CChannelPlugin();
 
-    // The channel type number (2 for the dial-up channel).
+    // The channel type number (channeltype.h).
     virtual int type() const = 0;
 
     // The channel's display name, for users.

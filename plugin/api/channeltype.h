@@ -1,0 +1,8 @@
+// The numbers by which hosts tell kinds of channels apart.
+#pragma once
+
+namespace ChannelType {
+
+constexpr int dialUp = 2;
+
+} // namespace ChannelType
