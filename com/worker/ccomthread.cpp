@@ -5,17 +5,13 @@
 #include "com/port/modemport.h"
 #include "com/port/portwait.h"
 #include "com/worker/portsession.h"
+#include "com/worker/portsetup.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
-#include "common/global.h"
 #include "common/logger.h"
-#include "plugin/api/cabstractchannelsstate.h"
-#include "plugin/api/cabstractjournal.h"
 #include "plugin/api/cabstractprotocol.h"
 #include "plugin/api/cchannelserver.h"
-#include "plugin/api/channeltype.h"
 #include "plugin/api/comcalltexts.h"
-#include "plugin/api/journalkind.h"
 
 #include <QElapsedTimer>
 #include <QMutexLocker>
@@ -36,17 +32,16 @@ constexpr int afterHangUpPauseMs = 500;
 // Shared by all ports: with several silent modems each is asked the less often.
 NoAnswerPause noAnswerPause;
 
-// Leaves the host's table when run() ends, in whatever way.
-class ChannelEntry
+// The port's row in the host's table: left when run() ends, in whatever way.
+class TableRow
 {
 public:
-    ChannelEntry(CAbstractChannelsState* channelsState, int index) : m_channelsState(channelsState), m_index(index) {}
-    ~ChannelEntry() { m_channelsState->removeChannel(m_index); }
-    Q_DISABLE_COPY(ChannelEntry)
+    TableRow(PortReports* reports, const QString& state) : m_reports(reports) { m_reports->enterTable(state); }
+    ~TableRow() { m_reports->leaveTable(); }
+    Q_DISABLE_COPY(TableRow)
 
 private:
-    CAbstractChannelsState* m_channelsState; // not owned
-    int m_index;
+    PortReports* m_reports; // not owned
 };
 
 // An invalid QElapsedTimer counts as expired for Qt, but not here.
@@ -57,7 +52,8 @@ bool runsLongerThan(const QElapsedTimer& timer, int timeoutMs)
 
 } // namespace
 
-CComThread::CComThread(const ComPortSettings& settings, CChannelServer* server) : m_settings(settings), m_server(server)
+CComThread::CComThread(const ComPortSettings& settings, CChannelServer* server)
+    : m_settings(settings), m_server(server), m_reports(server, settings.portName), m_connection(server, &m_reports)
 {
 }
 
@@ -65,8 +61,7 @@ CComThread::~CComThread() = default;
 
 QString CComThread::abonentName() const
 {
-    QMutexLocker locker(&m_lifeMutex);
-    return m_abonentName;
+    return m_connection.abonentName();
 }
 
 bool CComThread::tryConnect(const QString& abonentName, const QString& number)
@@ -75,7 +70,7 @@ bool CComThread::tryConnect(const QString& abonentName, const QString& number)
     QMutexLocker locker(&m_mutex);
     if (state() != LineFree)
         return false;
-    setAbonentName(abonentName);
+    m_connection.setAbonentName(abonentName);
     m_number = number;
     m_state = CallRequested;
     return true;
@@ -85,8 +80,7 @@ void CComThread::disconnectFromAbonent()
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
     QMutexLocker locker(&m_mutex);
-    if (m_protocol)
-        m_protocol->stop();
+    m_connection.stop();
 }
 
 void CComThread::stop()
@@ -94,17 +88,13 @@ void CComThread::stop()
     _CFunctionDebug trace(Q_FUNC_INFO);
     QMutexLocker locker(&m_mutex);
     m_stopRequested = true;
-    if (m_protocol)
-        m_protocol->stop();
+    m_connection.stop();
 }
 
 void CComThread::keepAlive()
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
-    QMutexLocker locker(&m_lifeMutex);
-    // The protocol reads it in its own thread.
-    if (m_protocol)
-        __atomic_store_n(&m_protocol->keepAlive, true, __ATOMIC_RELAXED);
+    m_connection.keepAlive();
 }
 
 void CComThread::run()
@@ -114,10 +104,8 @@ void CComThread::run()
     connect(&port, &QSerialPort::errorOccurred,
             [this, &port](QSerialPort::SerialPortError code) { portErrorOccurred(port, code); });
     port.setPortName(m_settings.portName);
-    CAbstractChannelsState* const channelsState = m_server->channelsState;
-    m_index = channelsState->addChannel(ChannelType::dialUp, m_settings.portName, QStringLiteral("Инициализация"));
-    ChannelEntry entry(channelsState, m_index);
-    setStatus(QStringLiteral("Открытие COM порта"));
+    TableRow row(&m_reports, QStringLiteral("Инициализация"));
+    m_reports.setStatus(QStringLiteral("Открытие COM порта"));
 
     PortSession session{port, {}, {}, {}, false, false};
     for (;;) {
@@ -157,15 +145,15 @@ void CComThread::openPort(PortSession& session)
     QSerialPort& port = session.port;
     if (!port.open(QIODevice::ReadWrite)) {
         const QString text = QStringLiteral("Ошибка открытия COM порта. %1").arg(port.errorString());
-        writeLog(text, DebugAlways);
-        report(text);
+        PortReports::writeLog(text, DebugAlways);
+        m_reports.report(text);
         pause(openIntervalMs);
         return;
     }
-    writeLog(QStringLiteral("COM порт открыт"), DebugAlways);
-    report(QStringLiteral("COM порт открыт"));
-    configurePort(port);
-    sendInitString(port);
+    PortReports::writeLog(QStringLiteral("COM порт открыт"), DebugAlways);
+    m_reports.report(QStringLiteral("COM порт открыт"));
+    configurePort(port, m_settings, m_reports);
+    sendInitString(port, m_settings.initString, m_reports);
     session.mayAnswerLate = !m_settings.initString.isEmpty();
     session.hasRung = false;
     session.lines = modemLines(port);
@@ -174,46 +162,15 @@ void CComThread::openPort(PortSession& session)
     session.timer.invalidate();
 }
 
-// A parameter that the port refuses is reported, and the rest is set all the same.
-void CComThread::configurePort(QSerialPort& port)
-{
-    const auto check = [this, &port](bool isSet, const QString& failure) {
-        if (isSet)
-            return;
-        const QString text = failure.arg(port.errorString());
-        writeLog(text, DebugAlways);
-        addError(text);
-    };
-    check(port.setDataTerminalReady(true), QStringLiteral("Не удалось установить сигнал DTR для COM порта. %1"));
-    check(port.setBaudRate(m_settings.baudRate), QStringLiteral("Не удалось изменить скорость COM порта. %1"));
-    check(port.setFlowControl(static_cast<QSerialPort::FlowControl>(m_settings.flowControl)),
-          QStringLiteral("Не удалось изменить управление потоком COM порта. %1"));
-    check(port.setDataBits(static_cast<QSerialPort::DataBits>(m_settings.dataBits)),
-          QStringLiteral("Не удалось изменить биты данных COM порта. %1"));
-    check(port.setParity(static_cast<QSerialPort::Parity>(m_settings.parity)),
-          QStringLiteral("Не удалось изменить четность COM порта. %1"));
-    check(port.setStopBits(static_cast<QSerialPort::StopBits>(m_settings.stopBits)),
-          QStringLiteral("Не удалось изменить стоповые биты COM порта. %1"));
-}
-
-void CComThread::sendInitString(QSerialPort& port)
-{
-    const QString& initString = m_settings.initString;
-    if (initString.isEmpty())
-        return;
-    addEvent(QStringLiteral("Отправка строки инициализации: %1").arg(initString));
-    writeLog(QStringLiteral("Запись команды: %1").arg(initString), DebugTransportComAtCommands);
-    writeCommand(port, initCommand(initString), writeWaitMs);
-}
-
 void CComThread::waitForDevice(PortSession& session)
 {
     static const int dsrCheckIntervalMs = CSettings().detailsTransportComDsrCheckInterval();
     session.lines = modemLines(session.port);
     if (session.lines.testFlag(QSerialPort::DataSetReadySignal)) {
-        writeLog(QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(m_settings.portName),
-                 DebugTransportComAtCommands);
-        report(QStringLiteral("Устройство включено"));
+        PortReports::writeLog(
+            QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(m_settings.portName),
+            DebugTransportComAtCommands);
+        m_reports.report(QStringLiteral("Устройство включено"));
         moveState(WaitingForDevice, CheckingDevice);
     } else if (!closeVanishedPort(session.port)) {
         pause(dsrCheckIntervalMs);
@@ -248,15 +205,15 @@ void CComThread::startCheck(PortSession& session)
 {
     session.port.readAll();
     session.timer.start();
-    writeLog(QStringLiteral("Запись команды: AT"), DebugTransportComAtCommands);
-    addEvent(QStringLiteral("Запись команды 'AT'"));
+    PortReports::writeLog(QStringLiteral("Запись команды: AT"), DebugTransportComAtCommands);
+    m_reports.addEvent(QStringLiteral("Запись команды 'AT'"));
     writeCommand(session.port, checkCommand(), writeWaitMs);
 }
 
 void CComThread::checkUnanswered(PortSession& session)
 {
-    writeLog(QStringLiteral("Нет ответа на команду 'AT'"), DebugTransportComAtCommands);
-    report(QStringLiteral("Нет ответа на команду 'AT'"));
+    PortReports::writeLog(QStringLiteral("Нет ответа на команду 'AT'"), DebugTransportComAtCommands);
+    m_reports.report(QStringLiteral("Нет ответа на команду 'AT'"));
     session.timer.invalidate();
     pause(noAnswerPause.lengthen() * 1000);
 }
@@ -269,9 +226,9 @@ void CComThread::readCheckAnswer(PortSession& session)
     case ResponseOk:
         if (std::exchange(session.mayAnswerLate, false))
             dropLateAnswers(session);
-        setStatus(QStringLiteral("Свободен"));
-        writeLog(QStringLiteral("Получен ответ 'OK' на команду AT"), DebugTransportComAtCommands);
-        addEvent(QStringLiteral("Получен ответ 'OK' на команду 'AT'"));
+        m_reports.setStatus(QStringLiteral("Свободен"));
+        PortReports::writeLog(QStringLiteral("Получен ответ 'OK' на команду AT"), DebugTransportComAtCommands);
+        m_reports.addEvent(QStringLiteral("Получен ответ 'OK' на команду 'AT'"));
         moveState(CheckingDevice, LineFree);
         session.timer.invalidate();
         noAnswerPause.reset();
@@ -289,8 +246,8 @@ void CComThread::readCheckAnswer(PortSession& session)
     case ResponseDialEcho:
     case ResponseAnswerEcho: {
         const QString text = QStringLiteral("Неверный ответ на команду 'AT': %1").arg(session.lastAnswer);
-        writeLog(text, DebugTransportComAtCommands);
-        report(text);
+        PortReports::writeLog(text, DebugTransportComAtCommands);
+        m_reports.report(text);
         session.timer.invalidate();
         pause(wrongAnswerPauseMs);
         noAnswerPause.reset();
@@ -339,12 +296,12 @@ void CComThread::serveFreeLine(PortSession& session)
 // Called under m_mutex.
 void CComThread::answerCall(PortSession& session)
 {
-    setStatus(QStringLiteral("Входящий вызов"));
-    writeLog(QStringLiteral("Запись команды: ATA"), DebugTransportComAtCommands);
-    addEvent(QStringLiteral("Входящий вызов. Запись команды: ATA"));
+    m_reports.setStatus(QStringLiteral("Входящий вызов"));
+    PortReports::writeLog(QStringLiteral("Запись команды: ATA"), DebugTransportComAtCommands);
+    m_reports.addEvent(QStringLiteral("Входящий вызов. Запись команды: ATA"));
     dropInput(session.port);
     writeCommand(session.port, answerCommand(), writeWaitMs);
-    setAbonentName(QString());
+    m_connection.setAbonentName(QString());
     m_state = WaitingForConnect;
     session.timer.start();
 }
@@ -353,9 +310,9 @@ void CComThread::dial(PortSession& session)
 {
     const QString name = abonentName();
     const QString call = ComCallTexts::calling().arg(name, m_number);
-    setStatus(call);
-    writeLog(QStringLiteral("Запись команды: ATD%1").arg(m_number), DebugTransportComAtCommands);
-    addEvent(call + QStringLiteral(". Запись команды: ATD") + m_number);
+    m_reports.setStatus(call);
+    PortReports::writeLog(QStringLiteral("Запись команды: ATD%1").arg(m_number), DebugTransportComAtCommands);
+    m_reports.addEvent(call + QStringLiteral(". Запись команды: ATD") + m_number);
     dropInput(session.port);
     writeCommand(session.port, dialCommand(m_number), writeWaitMs);
     moveState(CallRequested, WaitingForConnect);
@@ -390,7 +347,7 @@ void CComThread::awaitConnect(PortSession& session)
 
 void CComThread::connectFailed(PortSession& session, const QString& text)
 {
-    report(text);
+    m_reports.report(text);
     const QString name = abonentName();
     if (!name.isEmpty())
         emit m_server->notConnected(name);
@@ -406,7 +363,7 @@ void CComThread::resetModem(PortSession& session)
         return;
     // A timer that runs already (an error, or carrier during the check) leaves out the escape.
     if (!session.timer.isValid()) {
-        writeLog(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
+        PortReports::writeLog(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
         port.readAll();
         writeCommand(port, escapeCommand(), writeWaitMs);
         waitForInput(port, 200);
@@ -424,13 +381,74 @@ void CComThread::resetModem(PortSession& session)
     session.timer.invalidate();
 }
 
+// --- the connection ---------------------------------------------------------------------
+
+void CComThread::runConnection(PortSession& session)
+{
+    session.timer.invalidate();
+    const QString text = ComCallTexts::carrier().arg(session.lastAnswer);
+    PortReports::writeLog(text, DebugAlways);
+    m_reports.report(text);
+
+    switch (startSession(session.port)) {
+    case SessionStart::Running:
+        // A thread remembers a quit() from before the loop: only the protocol's word counts.
+        do {
+            exec();
+        } while (!m_connection.hasFinished());
+        m_connection.waitForHandledNames(m_stopRequested);
+        m_connection.reportEnd(m_connectionId);
+        deleteProtocol();
+        break;
+    case SessionStart::Refused: m_connection.reportRefusal(); break;
+    case SessionStart::CalledOff: break;
+    }
+    QMutexLocker locker(&m_mutex);
+    m_state = ResettingModem;
+}
+
+CComThread::SessionStart CComThread::startSession(QSerialPort& port)
+{
+    QMutexLocker locker(&m_mutex);
+    // Nobody would stop a session made now.
+    if (stopRequested() || state() != WaitingForConnect)
+        return SessionStart::CalledOff;
+    CAbstractProtocol* const protocol = m_connection.makeProtocol(&port, m_settings.portName);
+    if (!protocol)
+        return SessionStart::Refused;
+    // Directly: the server's thread may be asleep in its own stop(). Behind the connection's
+    // own notice, which has to be there when the event loop ends.
+    connect(protocol, &CAbstractProtocol::finished, this, &QThread::quit, Qt::DirectConnection);
+    connect(protocol, &CAbstractProtocol::remoteAbonentNameChanged, this, &CComThread::remoteAbonentNameChanged);
+    m_connection.begin(protocol);
+    return SessionStart::Running;
+}
+
+void CComThread::deleteProtocol()
+{
+    QMutexLocker locker(&m_mutex);
+    // Being cancelled in a destructor would abort the host.
+    setTerminationEnabled(false);
+    m_connection.deleteProtocol();
+    setTerminationEnabled(true);
+}
+
+void CComThread::remoteAbonentNameChanged(QString name)
+{
+    _CFunctionDebug trace(Q_FUNC_INFO);
+    m_connection.setAbonentName(name);
+    emit m_server->connected(name, m_connectionId);
+    m_reports.report(ComCallTexts::connected().arg(name));
+    m_connection.nameHandled();
+}
+
 // --- in any state -----------------------------------------------------------------------
 
 void CComThread::reopenClosedPort(PortSession& session)
 {
     if (session.port.isOpen())
         return;
-    setStatus(QStringLiteral("Открытие COM порта"));
+    m_reports.setStatus(QStringLiteral("Открытие COM порта"));
     QMutexLocker locker(&m_mutex);
     m_state = PortClosed;
     m_errors.portClosed();
@@ -454,9 +472,9 @@ void CComThread::leaveFreeOnDsrLoss(PortSession& session)
     // A call may have been taken meanwhile.
     if (state() != LineFree)
         return;
-    writeLog(QStringLiteral("Устройство на COM порту '%1' выключено").arg(m_settings.portName),
-             DebugTransportComAtCommands);
-    report(QStringLiteral("COM порт открыт"));
+    PortReports::writeLog(QStringLiteral("Устройство на COM порту '%1' выключено").arg(m_settings.portName),
+                          DebugTransportComAtCommands);
+    m_reports.report(QStringLiteral("COM порт открыт"));
     m_state = WaitingForDevice;
 }
 
@@ -489,16 +507,15 @@ void CComThread::comPortError(QSerialPort::SerialPortError error)
     const PortError raised = noted(error);
     const QString text =
         QStringLiteral("COM port error: %1").arg(static_cast<int>(error)) + QStringLiteral(". %1").arg(raised.text);
-    writeLog(text, DebugTransportComPortError);
-    addError(text);
+    PortReports::writeLog(text, DebugTransportComPortError);
+    m_reports.addError(text);
 
     QMutexLocker locker(&m_mutex);
     // A parameter that the port refuses while it is being opened must not send it round
     // for ever, nor an error whose port has been opened anew since.
     if (raised.state == PortClosed || !m_errors.isOfThisOpening(raised))
         return;
-    if (m_protocol)
-        m_protocol->stop();
+    m_connection.stop();
     if (state() != PortClosed)
         m_state = ResettingModem;
 }
@@ -514,7 +531,7 @@ void CComThread::hangUpOnExit(PortSession& session)
     QSerialPort& port = session.port;
     if (!modemLines(port).testFlag(QSerialPort::DataCarrierDetectSignal))
         return;
-    writeLog(QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands);
+    PortReports::writeLog(QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands);
     writeCommand(port, escapeCommand(), hangUpWriteWaitMs);
     session.timer.start();
     do {
@@ -533,44 +550,6 @@ bool CComThread::moveState(State from, State to)
 {
     int expected = from;
     return m_state.compare_exchange_strong(expected, to);
-}
-
-void CComThread::setAbonentName(const QString& name)
-{
-    QMutexLocker locker(&m_lifeMutex);
-    m_abonentName = name;
-}
-
-void CComThread::setProtocol(CAbstractProtocol* protocol)
-{
-    QMutexLocker locker(&m_lifeMutex);
-    m_protocol = protocol;
-}
-
-void CComThread::writeLog(const QString& text, DebugLevel level)
-{
-    debug(QStringLiteral("CComThread"), text, level, DebugFlagNone);
-}
-
-void CComThread::setStatus(const QString& text)
-{
-    m_server->channelsState->setState(m_index, text);
-}
-
-void CComThread::addEvent(const QString& text)
-{
-    m_server->journal->addRecord(JournalKind::event, m_settings.portName, text);
-}
-
-void CComThread::addError(const QString& text)
-{
-    m_server->journal->addRecord(JournalKind::error, m_settings.portName, text);
-}
-
-void CComThread::report(const QString& text)
-{
-    setStatus(text);
-    addEvent(text);
 }
 
 void CComThread::pause(int pauseMs) const

@@ -4,7 +4,8 @@
 
 #include "com/formats/comsettings.h"
 #include "com/port/porterrors.h"
-#include "common/logger.h"
+#include "com/worker/portconnection.h"
+#include "com/worker/portreports.h"
 
 #include <QMutex>
 #include <QSerialPort>
@@ -13,7 +14,6 @@
 
 #include <atomic>
 
-class CAbstractProtocol;
 class CChannelServer;
 struct PortSession;
 
@@ -107,8 +107,6 @@ private:
     void resetOnCarrier(PortSession& session);
     void leaveFreeOnDsrLoss(PortSession& session);
 
-    void configurePort(QSerialPort& port);
-    void sendInitString(QSerialPort& port);
     bool closeVanishedPort(QSerialPort& port);
     void startCheck(PortSession& session);
     void checkUnanswered(PortSession& session);
@@ -117,9 +115,7 @@ private:
     void answerCall(PortSession& session);
     void connectFailed(PortSession& session, const QString& text);
     void runConnection(PortSession& session);
-    SessionStart startSession(QSerialPort& port, QString* calledName);
-    void waitForHandledNames();
-    void reportConnectionEnd(const QString& calledName);
+    SessionStart startSession(QSerialPort& port);
     void deleteProtocol();
     void hangUpOnExit(PortSession& session);
 
@@ -128,20 +124,13 @@ private:
 
     bool moveState(State from, State to);
     bool stopRequested() const { return m_stopRequested.load(); }
-    void setAbonentName(const QString& name);
-    void setProtocol(CAbstractProtocol* protocol);
-    static void writeLog(const QString& text, DebugLevel level);
-    void setStatus(const QString& text);
-    void addEvent(const QString& text);
-    void addError(const QString& text);
-    void report(const QString& text);
     void pause(int pauseMs) const;
 
     const ComPortSettings m_settings;
     int m_connectionId = 0;
     CChannelServer* const m_server; // not owned
-    int m_index = 0; // this port's identifier in channelsState, from the start of run() on
-    CAbstractProtocol* m_protocol = nullptr; // owned; not null only while a connection runs
+    PortReports m_reports;
+    PortConnection m_connection; // its protocol is made, stopped and deleted under m_mutex
 
     // Both are read without a lock in every pass, and the state by the server as well.
     // Set under m_mutex, or by compare-and-set, so that a call that tryConnect() took
@@ -150,20 +139,9 @@ private:
     std::atomic<int> m_state{PortClosed};
 
     mutable QMutex m_mutex; // guards what tryConnect(), disconnectFromAbonent() and stop() look at
-    QString m_abonentName; // guarded by m_lifeMutex
     QString m_number; // written under m_mutex in state LineFree, read in CallRequested
 
-    // Guards the life of m_protocol and m_abonentName. A leaf: nothing is called out to
-    // and no other lock is taken while it is held.
-    mutable QMutex m_lifeMutex;
-
     PortErrors m_errors; // on their way to comPortError()
-
-    std::atomic<bool> m_sessionFinished{false}; // the current protocol has emitted finished()
-
-    // Names that the protocols have told, and those that the server's thread has passed on.
-    std::atomic<int> m_toldNames{0};
-    std::atomic<int> m_handledNames{0};
 
     static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
     static_assert(sizeof(std::atomic<bool>) == sizeof(bool) && sizeof(std::atomic<int>) == sizeof(int));

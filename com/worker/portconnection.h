@@ -1,0 +1,74 @@
+// The connection of one port: with whom it is, the host's session protocol that runs over it,
+// and what has to be told when it is over.
+#pragma once
+
+#include <QMutex>
+#include <QString>
+
+#include <atomic>
+
+class CAbstractProtocol;
+class CChannelServer;
+class PortReports;
+class QSerialPort;
+
+// Lives as long as the port worker. Where nothing else is said, the worker's thread calls.
+class PortConnection
+{
+public:
+    // Neither is owned.
+    PortConnection(CChannelServer* server, const PortReports* reports);
+
+    // The party of the current call; empty for an incoming call whose party has not told its
+    // name, and the last party when there is no call. Any thread; waits for nothing long.
+    QString abonentName() const;
+    void setAbonentName(const QString& name);
+
+    // Sets keepAlive of the running session, if there is one. Any thread; does not wait behind
+    // a session that is being made or ended.
+    void keepAlive();
+
+    // Asks the running session to end, if there is one. Any thread, under the worker's mutex,
+    // as making, beginning and deleting the protocol are.
+    void stop();
+
+    // Makes the link channel over port and the host's protocol over that; null if the host
+    // refuses. Connect to the protocol before it begins.
+    CAbstractProtocol* makeProtocol(QSerialPort* port, const QString& portName);
+    void begin(CAbstractProtocol* protocol);
+    bool hasFinished() const { return m_hasFinished; }
+    void deleteProtocol();
+
+    // The host shall see connected() before disconnected(): waits, for no more than half a
+    // second, until the server's thread has passed on all names that the protocol has told.
+    void waitForHandledNames(const std::atomic<bool>& stopRequested) const;
+    // The server's thread: one more name was passed on.
+    void nameHandled() { ++m_handledNames; }
+
+    // Tell the host what became of the call.
+    void reportRefusal() const;
+    void reportEnd(int connectionId) const;
+
+private:
+    void setProtocol(CAbstractProtocol* protocol);
+
+    CChannelServer* const m_server; // not owned
+    const PortReports* const m_reports; // not owned
+
+    CAbstractProtocol* m_protocol = nullptr; // owned; not null only while a session runs
+    QString m_abonentName; // guarded by m_lifeMutex
+
+    // Guards the life of m_protocol and m_abonentName. A leaf: nothing is called out to
+    // and no other lock is taken while it is held.
+    mutable QMutex m_lifeMutex;
+
+    // The called party, empty for an incoming call. Kept apart, since the name that the peer
+    // tells takes the place of m_abonentName. The worker's thread only.
+    QString m_calledName;
+
+    std::atomic<bool> m_hasFinished{false}; // the current protocol has emitted finished()
+
+    // Names that the protocols have told, and those that the server's thread has passed on.
+    std::atomic<int> m_toldNames{0};
+    std::atomic<int> m_handledNames{0};
+};
