@@ -212,9 +212,15 @@ TEST_F(InboxTest, UselessPartsAreRemoved)
     writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("00000003/.message")),
               "{\"id\":\"0000000000000009\",\"from\":\"B\",\"name\":\"f\",\"file\":\"../../"
               "x\",\"size\":7,\"sha256\":\"00\",\"verified\":true}");
+    const QString outside = writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("../x")), "content");
+    writeFile(paths.incomplete.absoluteFilePath(QStringLiteral("00000004/f")), "of no message");
+    writeFile(
+        paths.incomplete.absoluteFilePath(QStringLiteral("00000004/.message")),
+        "{\"id\":\"0000000000000000\",\"from\":\"B\",\"name\":\"f\",\"file\":\"f\",\"size\":99,\"sha256\":\"00\"}");
     const auto store = open();
-    EXPECT_EQ(notes.size(), 3);
+    EXPECT_EQ(notes.size(), 4);
     EXPECT_EQ(partNames(), QStringList());
+    EXPECT_EQ(readAll(outside), QByteArray("content"));
     EXPECT_TRUE(store->parts(bob).empty());
 }
 

@@ -81,6 +81,7 @@ TEST_F(InboxSessions, AShorterPartIsNotFilledUp)
     ASSERT_EQ(parts.size(), 1u);
     ASSERT_TRUE(QFile::resize(paths.incomplete.absoluteFilePath(QStringLiteral("00000001/f")), 200));
     EXPECT_FALSE(resume(parts[0].get(), offer, 300, &refused));
+    EXPECT_EQ(refused.code, RefusalCode::WrongHash) << "the sender begins anew";
     EXPECT_EQ(readAll(paths.incomplete.absoluteFilePath(QStringLiteral("00000001/f"))), content.left(200));
 }
 
@@ -88,8 +89,10 @@ TEST_F(InboxSessions, APartOfAnotherFileIsNotGoneOnWith)
 {
     const auto store = open();
     ASSERT_EQ(store->beginIncoming(bob, offer, &refused)->append(content.left(300)), QString());
-    for (const OfferFrame& other :
-         {offerOf(7, QStringLiteral("f"), randomBytes(900, 2)), offerOf(7, QStringLiteral("f"), content + 'x')}) {
+    OfferFrame grown = offer; // the same hash, which only the whole would belie
+    grown.size += 100;
+    for (const OfferFrame& other : {offerOf(7, QStringLiteral("f"), randomBytes(900, 2)),
+                                    offerOf(7, QStringLiteral("f"), content + 'x'), grown}) {
         auto parts = store->parts(bob);
         ASSERT_EQ(parts.size(), 1u);
         EXPECT_FALSE(resume(parts[0].get(), other, 300, &refused));
@@ -116,6 +119,24 @@ TEST_F(InboxSessions, WhatCouldNotBeSyncedIsNotGoneOnWith)
     EXPECT_TRUE(store->parts(bob).empty());
     EXPECT_EQ(partNames(), QStringList());
     EXPECT_TRUE(receiveWhole(store.get(), bob, offer, content).endsWith(QStringLiteral("00000001/f")));
+}
+
+// A message under the same identifier is another call's from then on.
+TEST_F(InboxSessions, WhoHasStoredHoldsNothingAnyMore)
+{
+    const auto store = open();
+    const auto first = store->beginIncoming(bob, offer, &refused);
+    ASSERT_EQ(first->append(content), QString());
+    QString place;
+    ASSERT_EQ(first->store(offer, &place), QString());
+    const auto second = store->beginIncoming(bob, offerOf(7, QStringLiteral("g"), "another"), &refused);
+    ASSERT_TRUE(second) << qPrintable(refused.reason);
+    first->discard();
+    EXPECT_NE(first->append("x"), QString());
+    EXPECT_EQ(partNames().size(), 1);
+    ASSERT_EQ(second->append("another"), QString());
+    EXPECT_EQ(second->store(offerOf(7, QStringLiteral("g"), "another"), &place), QString());
+    EXPECT_EQ(readAll(place), QByteArray("another"));
 }
 
 // Between a session's question whether it is stored and its beginning another stores it.
@@ -193,8 +214,23 @@ TEST_F(InboxSessions, AnUnprovedPeerGetsNoQueue)
     const int session = 1;
     EXPECT_FALSE(store->hasUnclaimed(pretender));
     EXPECT_FALSE(store->claimNext(pretender, &session));
+    EXPECT_TRUE(store->queuedIds(pretender).isEmpty());
     EXPECT_TRUE(store->hasUnclaimed(bob));
     EXPECT_TRUE(store->claimNext(bob, &session));
+}
+
+TEST_F(InboxSessions, APeerIsToldOfItsOwnQueueOnly)
+{
+    const auto store = open();
+    const Peer carol = provedPeer(QStringLiteral("Carol"));
+    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    QueuedMessage forBob;
+    QueuedMessage forCarol;
+    ASSERT_EQ(store->queue().enqueue(bob.abonent, source, &forBob), QString());
+    ASSERT_EQ(store->queue().enqueue(carol.abonent, source, &forCarol), QString());
+    store->queue().rescan();
+    EXPECT_EQ(store->queuedIds(bob), QSet<quint64>{forBob.id});
+    EXPECT_EQ(store->queuedIds(carol), QSet<quint64>{forCarol.id});
 }
 
 // The disk is full: the message can neither be listed as received nor be marked as not received.

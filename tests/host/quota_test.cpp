@@ -124,6 +124,28 @@ TEST_F(Quota, WhatWasPromisedToOneIsNotGivenToAnother)
     EXPECT_TRUE(isTaken(store.get(), carol, 400));
 }
 
+// The same message once more, by a call that takes it over.
+TEST_F(Quota, WhatWasPromisedToACallThatIsReplacedIsFree)
+{
+    limits = InboxLimits();
+    limits.keepFreeBytes = 0;
+    const auto store = open(limits);
+    fakeFreeBytes = 1000;
+    const OfferFrame one = offer(600);
+    const auto earlier = store->beginIncoming(bob, one, &refused);
+    ASSERT_TRUE(earlier) << qPrintable(refused.reason);
+    EXPECT_TRUE(store->beginIncoming(bob, one, &refused)) << qPrintable(refused.reason);
+}
+
+TEST_F(Quota, AnUnprovedPeerLearnsNothingOfTheDisk)
+{
+    const auto store = open(limits);
+    fakeFreeBytes = 0;
+    EXPECT_FALSE(isTaken(store.get(), unprovedPeer('a'), 1));
+    EXPECT_EQ(refused.code, RefusalCode::NoRoom);
+    EXPECT_EQ(refused.reason, QStringLiteral("there is no room for it here"));
+}
+
 TEST_F(Quota, InodesOfTheVolumeHaveAReserve)
 {
     const auto store = open(limits);

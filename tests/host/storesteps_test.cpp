@@ -97,6 +97,27 @@ TEST_F(StoreSteps, Removing)
                                                       "unlink output/00000001/content", "rmdir output/00000001"}));
 }
 
+// A file that is replaced whole: what is new is on the disk before it takes the old one's place.
+TEST_F(StoreSteps, Replacing)
+{
+    const auto store = open(); // makes the directories
+    const QString path = paths.input.absoluteFilePath(QStringLiteral("book"));
+    ASSERT_EQ(replaceFile(path, "old"), QString());
+    {
+        SystemCallWatch watch(root());
+        ASSERT_EQ(replaceFile(path, "new"), QString());
+        EXPECT_EQ(
+            watch.callsOf({"fsync", "rename"}),
+            (std::vector<std::string>{"fsync input/book.new", "rename input/book.new input/book", "fsync input"}));
+    }
+    {
+        SystemCallWatch watch(root(), [](SystemCall& call) { return call.name == "fsync" ? EIO : 0; });
+        EXPECT_NE(replaceFile(path, "newer"), QString());
+    }
+    EXPECT_EQ(readAll(path), QByteArray("new"));
+    EXPECT_EQ(paths.input.entryList(QDir::Files), QStringList{QStringLiteral("book")});
+}
+
 // Each of them failing: nothing is said to be received, or queued, that is not.
 TEST_F(StoreSteps, AFailedStepIsToldAndTakenBack)
 {
