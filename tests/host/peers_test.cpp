@@ -231,6 +231,26 @@ TEST_F(PeersTest, WhoIsBlockedGetsNowhere)
     EXPECT_EQ(directory->whoAnswers(bob, bobs).kind, Kind::Refused);
 }
 
+// Whether it stands with an abonent or with nobody.
+TEST_F(PeersTest, ABlockedKeyGetsNowhere)
+{
+    pin(0, bobs);
+    change([this](AbonentRecords* records) {
+        records->blockedKeys = {bobs, other};
+        return QString();
+    });
+    const auto directory = peers(true);
+    for (const QByteArray& key : {bobs, other})
+        EXPECT_EQ(directory->whoCalls(key).cause, Cause::BlockedKey);
+    const auto pinned = directory->whoAnswers(bob, bobs);
+    EXPECT_EQ(pinned.kind, Kind::Refused);
+    EXPECT_EQ(pinned.cause, Cause::BlockedKey);
+    const auto first = directory->whoAnswers(QStringLiteral("Carol"), other);
+    EXPECT_EQ(first.kind, Kind::Refused);
+    EXPECT_EQ(first.cause, Cause::BlockedKey);
+    EXPECT_TRUE(news.isEmpty());
+}
+
 TEST_F(PeersTest, WithoutAReadableBookNobodyIsLetIn)
 {
     pin(0, bobs);

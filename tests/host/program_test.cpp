@@ -1,5 +1,6 @@
 // The program itself, over the socket plug-in: commands, exit codes, whole transfers,
 // breaks and kills.
+#include "host/program/terminalview.h"
 #include "tests/host/programs.h"
 
 #include <QRegularExpression>
@@ -372,6 +373,13 @@ TEST_F(TwoPrograms, BrokenCallsAreTakenUp)
     EXPECT_EQ(begun.at(0)[QStringLiteral("bytes")].toInt(), 0);
     EXPECT_GT(begun.at(1)[QStringLiteral("bytes")].toInt(), 100000);
     EXPECT_GT(begun.at(2)[QStringLiteral("bytes")].toInt(), 220000);
+    // Each call's first line of the file tells where it begins, as no speed yet.
+    const QString shown = QString::fromUtf8(bob.output());
+    for (const QJsonObject& event : begun) {
+        const QString line =
+            QStringLiteral(" %1 of 400.0 kB  big  0 B/s").arg(host::sizeText(event[QStringLiteral("bytes")].toInt()));
+        EXPECT_EQ(shown.count(line), 1) << qPrintable(line) << '\n' << qPrintable(shown);
+    }
 }
 
 TEST_F(TwoPrograms, FailedCallsAreRepeatedAndTheQueueSaysWhy)
