@@ -95,6 +95,11 @@ TransportHost::~TransportHost()
         QFile::remove(stateFilePath());
 }
 
+void TransportHost::event(const QString& name, const QJsonObject& fields)
+{
+    m_events.write(name, fields);
+}
+
 void TransportHost::journal(bool isError, const QString& text)
 {
     m_journal->addRecord(isError ? JournalKind::error : JournalKind::event, ownName, text);
@@ -106,37 +111,13 @@ QString TransportHost::start(HostEnd* end)
 {
     *end = HostEnd::Failed;
     seedRandom();
-    const QDir dataDir = Global::dataSecrecyDir(secrecyLevel());
-    if (!Global::makePath(dataDir) || !Global::checkAccess(dataDir))
-        return QStringLiteral("cannot write to %1: check its permissions").arg(dataDir.absolutePath());
-    auto lock = std::make_unique<QLockFile>(lockFilePath());
-    lock->setStaleLockTime(0);
-    if (!lock->tryLock(0)) {
-        qint64 process = 0;
-        QString host;
-        QString application;
-        *end = HostEnd::Busy;
-        if (!lock->getLockInfo(&process, &host, &application))
-            return QStringLiteral("%1 cannot be taken: remove it if no transport-host serves this installation")
-                .arg(lockFilePath());
-        return QStringLiteral("another transport-host (process %1) serves this installation: stop it first")
-            .arg(process);
-    }
-    m_lock = std::move(lock);
-    if (!m_options.eventsPath.isEmpty()) {
-        const QString error = m_events.open(m_options.eventsPath);
-        if (!error.isEmpty())
-            return error;
-    }
-    m_journal = std::make_unique<HostJournal>(journalPath(), [this](const JournalRecord& record) {
-        QMetaObject::invokeMethod(
-            this, [this, record] { onJournalRecord(record); }, Qt::QueuedConnection);
-    });
-    m_channels = std::make_unique<ChannelsTable>([this](const ChannelRow& row) {
-        QMetaObject::invokeMethod(
-            this, [this, row] { onStateChanged(row); }, Qt::QueuedConnection);
-    });
-    QString error = loadSettings();
+    QString error = takeLock(end);
+    if (error.isEmpty() && !m_options.eventsPath.isEmpty())
+        error = m_events.open(m_options.eventsPath);
+    if (!error.isEmpty())
+        return error;
+    openRecords();
+    error = loadSettings();
     if (error.isEmpty())
         error = openStore();
     if (error.isEmpty())
@@ -149,6 +130,40 @@ QString TransportHost::start(HostEnd* end)
     m_events.write(QStringLiteral("started"), {{QStringLiteral("name"), m_identity.name}});
     m_pollTimer.start();
     return QString();
+}
+
+QString TransportHost::takeLock(HostEnd* end)
+{
+    const QDir dataDir = Global::dataSecrecyDir(secrecyLevel());
+    if (!Global::makePath(dataDir) || !Global::checkAccess(dataDir))
+        return QStringLiteral("cannot write to %1: check its permissions").arg(dataDir.absolutePath());
+    auto lock = std::make_unique<QLockFile>(lockFilePath());
+    lock->setStaleLockTime(0);
+    if (lock->tryLock(0)) {
+        m_lock = std::move(lock);
+        return QString();
+    }
+    *end = HostEnd::Busy;
+    qint64 process = 0;
+    QString machine;
+    QString application;
+    if (!lock->getLockInfo(&process, &machine, &application))
+        return QStringLiteral("%1 cannot be taken: remove it if no transport-host serves this installation")
+            .arg(lockFilePath());
+    return QStringLiteral("another transport-host (process %1) serves this installation: stop it first").arg(process);
+}
+
+// Both are told from the threads of the ports.
+void TransportHost::openRecords()
+{
+    m_journal = std::make_unique<HostJournal>(journalPath(), [this](const JournalRecord& record) {
+        QMetaObject::invokeMethod(
+            this, [this, record] { onJournalRecord(record); }, Qt::QueuedConnection);
+    });
+    m_channels = std::make_unique<ChannelsTable>([this](const ChannelRow& row) {
+        QMetaObject::invokeMethod(
+            this, [this, row] { onStateChanged(row); }, Qt::QueuedConnection);
+    });
 }
 
 QString TransportHost::loadSettings()
@@ -206,8 +221,26 @@ QString TransportHost::startServer()
     rules.lengthen = [this](int* timeout) { (*m_plugin)->incCallTimeout(timeout); };
     rules.shorten = [this](int* timeout) { (*m_plugin)->decCallTimeout(timeout); };
     rules.unitMs = m_options.retryUnitMs;
-    m_scheduler = std::make_unique<CallScheduler>(rules);
+    m_calls = std::make_unique<Calls>(rules, static_cast<RunRecords*>(this));
+    makeContext();
+    connectServer();
+    CChannelServer* server = m_server.get();
+    server->moveToThread(&m_serverThread);
+    m_serverThread.setObjectName(QStringLiteral("channel server"));
+    m_serverThread.start();
+    QMetaObject::invokeMethod(
+        server,
+        [server] {
+            seedRandom();
+            server->start();
+        },
+        Qt::QueuedConnection);
+    return QString();
+}
 
+// What each session of this host is made with.
+void TransportHost::makeContext()
+{
     m_context = std::make_shared<SessionContext>();
     m_context->settings.abonentName = m_identity.name;
     m_context->settings.identity = m_key;
@@ -221,7 +254,10 @@ QString TransportHost::startServer()
         QMetaObject::invokeMethod(
             this, [this, report] { onReport(report); }, Qt::QueuedConnection);
     };
+}
 
+void TransportHost::connectServer()
+{
     m_server.reset((*m_plugin)->create());
     m_server->protocolFactory = new SessionProtocolFactory(m_context); // owned by the server
     m_server->channelsState = m_channels.get();
@@ -234,18 +270,6 @@ QString TransportHost::startServer()
     connect(this, &TransportHost::connectRequested, m_server.get(), &CChannelServer::connectToAbonent);
     connect(this, &TransportHost::keepAliveRequested, m_server.get(), &CChannelServer::keepAliveConnection);
     connect(this, &TransportHost::settingsChanged, m_server.get(), &CChannelServer::settingsWasChanged);
-    m_server->moveToThread(&m_serverThread);
-    m_serverThread.setObjectName(QStringLiteral("channel server"));
-    m_serverThread.start();
-    CChannelServer* server = m_server.get();
-    QMetaObject::invokeMethod(
-        server,
-        [server] {
-            seedRandom();
-            server->start();
-        },
-        Qt::QueuedConnection);
-    return QString();
 }
 
 // ---- stop ----
@@ -269,8 +293,8 @@ void TransportHost::onServerFinished()
     m_stopTimer.stop();
     m_serverThread.quit();
     m_serverThread.wait();
-    m_events.write(QStringLiteral("stopped"), {{QStringLiteral("received"), m_receivedCount},
-                                               {QStringLiteral("delivered"), m_deliveredCount},
+    m_events.write(QStringLiteral("stopped"), {{QStringLiteral("received"), receivedCount()},
+                                               {QStringLiteral("delivered"), deliveredCount()},
                                                {QStringLiteral("queued"), m_store->queue().messages().size()}});
     emit ended(m_end);
 }
@@ -279,53 +303,57 @@ void TransportHost::onServerFinished()
 
 void TransportHost::onConnected(const QString& abonent, int connectionId)
 {
-    m_scheduler->connected(abonent, connectionId);
-    m_connections.connected(abonent, connectionId);
-    m_events.write(QStringLiteral("connected"),
-                   {{QStringLiteral("peer"), abonent}, {QStringLiteral("connection"), connectionId}});
+    m_calls->connected(abonent, connectionId);
     if (m_options.keepConnections)
         emit keepAliveRequested(connectionId);
 }
 
-void TransportHost::onJournalRecord(const JournalRecord& record)
-{
-    if (record.source != ownName)
-        for (const QString& abonent : m_failures.journalRecord(record.source, record.text))
-            m_scheduler->callBegun(abonent);
-    emit journalRecord(record);
-}
-
-void TransportHost::onStateChanged(const ChannelRow& row)
-{
-    const QStringList lost = row.isGone ? m_failures.portGone(row.name) : m_failures.portState(row.name, row.state);
-    for (const QString& abonent : lost) {
-        m_scheduler->callLost(abonent, m_clock.elapsed());
-        m_events.write(QStringLiteral("callLost"),
-                       {{QStringLiteral("peer"), abonent}, {QStringLiteral("port"), row.name}});
-        journal(true, QStringLiteral("the call to '%1' is over: %2 went down while it dialled").arg(abonent, row.name));
-    }
-    followConnections(row);
-    if (!row.isGone)
-        emit stateChanged(row);
-}
-
 void TransportHost::onNotConnected(const QString& abonent)
 {
-    m_scheduler->notConnected(abonent, m_clock.elapsed());
-    m_failures.notConnected(abonent);
-    m_events.write(QStringLiteral("notConnected"), {{QStringLiteral("peer"), abonent}});
+    m_calls->notConnected(abonent, nowMs());
     explainWaiting();
 }
 
 void TransportHost::onDisconnected(const QString& abonent, int connectionId, bool wasUseful)
 {
-    m_scheduler->disconnected(abonent, connectionId, wasUseful, m_clock.elapsed());
-    m_failures.disconnected(abonent);
-    m_connections.disconnected(connectionId);
-    m_events.write(QStringLiteral("disconnected"), {{QStringLiteral("peer"), abonent},
-                                                    {QStringLiteral("connection"), connectionId},
-                                                    {QStringLiteral("useful"), wasUseful}});
+    m_calls->disconnected(abonent, connectionId, wasUseful, nowMs());
     pollQueue();
+}
+
+// ---- the ports and their sessions ----
+
+void TransportHost::onJournalRecord(const JournalRecord& record)
+{
+    if (record.source != ownName)
+        m_calls->journalRecord(record.source, record.text);
+    emit journalRecord(record);
+}
+
+void TransportHost::onStateChanged(const ChannelRow& row)
+{
+    if (row.isGone)
+        m_calls->portGone(row.name, nowMs());
+    else
+        m_calls->portState(row.name, row.state, nowMs());
+    // A port that is not in a call has no session any more. Where its worker was cut off nobody
+    // has said so, and what the session had claimed would wait for ever.
+    if (row.isGone || !isStateOfCall(row.state)) {
+        for (const void* claimant : m_transfers.portLeft(row.name, nowMs()))
+            m_store->releaseAll(claimant);
+    }
+    if (!row.isGone)
+        emit stateChanged(row);
+}
+
+void TransportHost::onReport(const SessionReport& report)
+{
+    m_transfers.onReport(report, nowMs());
+    if (report.kind != SessionReport::Kind::Ended)
+        return;
+    // What a stranger's call came to says nothing of the calls that went out through the same port.
+    if (!report.called.isEmpty() || report.isProved)
+        m_calls->sessionEnded(report.called.isEmpty() ? report.peer : report.called,
+                              report.end == SessionEnd::Agreed ? QString() : report.reason);
 }
 
 QVector<QueuedMessage> TransportHost::queue() const
@@ -346,7 +374,7 @@ void TransportHost::poll()
         return;
     if (m_options.placeCalls)
         placeCalls();
-    m_files.prune(now);
+    m_transfers.prune(now);
     if (now - m_lastStateMs >= stateEveryMs)
         writeState();
 }
@@ -374,12 +402,12 @@ void TransportHost::checkEnd()
 {
     const bool hasGoal = m_options.exitWhenSent || m_options.exitWhenReceived >= 0;
     const bool isSent = !m_options.exitWhenSent || m_store->queue().messages().isEmpty();
-    const bool isReceived = m_options.exitWhenReceived < 0 || m_receivedCount >= m_options.exitWhenReceived;
+    const bool isReceived = m_options.exitWhenReceived < 0 || receivedCount() >= m_options.exitWhenReceived;
     const bool isTimeOver = m_deadlineMs >= 0 && m_clock.elapsed() >= m_deadlineMs;
     // A session that still runs may carry the other side's acknowledgements: let it end.
-    if (hasGoal && isSent && isReceived && m_sessions.isEmpty())
+    if (hasGoal && isSent && isReceived && !m_transfers.hasSessions())
         stop(HostEnd::Done);
-    else if (m_options.exitWhenSent && isReceived && m_sessions.isEmpty() && isWaitingForKeysOnly())
+    else if (m_options.exitWhenSent && isReceived && !m_transfers.hasSessions() && isWaitingForKeysOnly())
         stop(HostEnd::KeyChanged);
     else if (isTimeOver && hasGoal && !(isSent && isReceived))
         stop(HostEnd::TimedOut);
@@ -392,12 +420,12 @@ void TransportHost::writeState()
     m_lastStateMs = m_clock.elapsed();
     HostState state;
     state.ports = m_channels->rows();
-    state.files = m_files.rows();
+    state.files = m_transfers.files();
     state.limits = m_options.limits;
     for (const Abonent& abonent : qAsConst(m_abonents.abonents)) {
-        if (m_scheduler->isCalling(abonent.name))
+        if (m_calls->isCalling(abonent.name))
             state.calling.append(abonent.name);
-        if (m_scheduler->isConnectedTo(abonent.name))
+        if (m_calls->isConnectedTo(abonent.name))
             state.connected.append(abonent.name);
     }
     state.more[QStringLiteral("failedHandshakes")] = m_guard->failures();

@@ -3,21 +3,20 @@
 #pragma once
 
 #include "common/global.h"
-#include "host/calls/callfailures.h"
-#include "host/calls/callscheduler.h"
-#include "host/calls/portconnections.h"
+#include "host/calls/calls.h"
 #include "host/channel/channelstable.h"
 #include "host/channel/hostjournal.h"
 #include "host/channel/peers.h"
 #include "host/channel/pluginloader.h"
 #include "host/channel/sessionprotocol.h"
-#include "host/filetable.h"
 #include "host/hoststate.h"
 #include "host/installation/abonentbook.h"
 #include "host/installation/eventlog.h"
 #include "host/installation/hostsettings.h"
 #include "host/installation/ownkey.h"
+#include "host/installation/runrecords.h"
 #include "host/store/messagestore.h"
+#include "host/transfers.h"
 #include "plugin/api/cchannelserver.h"
 
 #include <QElapsedTimer>
@@ -56,7 +55,7 @@ enum class HostEnd
     KeyChanged = 5, // an abonent answered with another key than the pinned one; its messages are still queued
 };
 
-class TransportHost : public QObject
+class TransportHost : public QObject, private RunRecords
 {
     Q_OBJECT
 
@@ -73,10 +72,10 @@ public:
 
     [[nodiscard]] Identity identity() const { return m_identity; }
     [[nodiscard]] QVector<ChannelRow> channels() const { return m_channels->rows(); }
-    [[nodiscard]] QVector<FileProgress> files() const { return m_files.rows(); }
+    [[nodiscard]] QVector<FileProgress> files() const { return m_transfers.files(); }
     [[nodiscard]] QVector<QueuedMessage> queue() const;
-    [[nodiscard]] int receivedCount() const { return m_receivedCount; }
-    [[nodiscard]] int deliveredCount() const { return m_deliveredCount; }
+    [[nodiscard]] int receivedCount() const { return m_transfers.receivedCount(); }
+    [[nodiscard]] int deliveredCount() const { return m_transfers.deliveredCount(); }
     // The server's thread hangs: the object cannot be deleted, the process can only exit.
     [[nodiscard]] bool isStuck() const { return m_isStuck; }
     [[nodiscard]] qint64 nowMs() const { return m_clock.elapsed(); }
@@ -98,9 +97,16 @@ signals:
     void settingsChanged();
 
 private:
+    void event(const QString& name, const QJsonObject& fields) override;
+    void journal(bool isError, const QString& text) override;
+
+    QString takeLock(HostEnd* end);
+    void openRecords();
     QString openStore();
     QString loadSettings();
     QString startServer();
+    void makeContext();
+    void connectServer();
     void reloadSettings();
     void reloadAbonents();
     void onPeerNews(const PeerNews& news);
@@ -108,11 +114,9 @@ private:
     [[nodiscard]] HostEnd endWithKeys(HostEnd end) const;
     [[nodiscard]] bool hasKeyTrouble(const QString& abonent) const;
     void onReport(const SessionReport& report);
-    void onSessionEvent(const SessionReport& report);
     void onConnected(const QString& abonent, int connectionId);
     void onJournalRecord(const JournalRecord& record);
     void onStateChanged(const ChannelRow& row);
-    void followConnections(const ChannelRow& row);
     void onNotConnected(const QString& abonent);
     void onDisconnected(const QString& abonent, int connectionId, bool wasUseful);
     void onServerFinished();
@@ -122,7 +126,6 @@ private:
     void explainWaiting();
     void checkEnd();
     void writeState();
-    void journal(bool isError, const QString& text);
     [[nodiscard]] std::optional<WaitReason> whyWaiting(const QString& abonent) const;
 
     const HostOptions m_options;
@@ -143,24 +146,18 @@ private:
     const std::shared_ptr<HandshakeGuard> m_guard = std::make_shared<HandshakeGuard>();
     std::shared_ptr<SessionContext> m_context;
     std::unique_ptr<LoadedPlugin> m_plugin;
-    std::unique_ptr<CallScheduler> m_scheduler;
+    std::unique_ptr<Calls> m_calls;
     QThread m_serverThread;
     std::unique_ptr<CChannelServer> m_server;
 
     QTimer m_pollTimer;
     QTimer m_stopTimer;
-    CallFailures m_failures;
-    PortConnections m_connections;
-
-    FileTable m_files;
+    Transfers m_transfers{this, [this](const FileProgress& file) { emit fileChanged(file); }};
     HostStateFile m_stateFile{stateFilePath()};
     QByteArray m_settingsStamp;
     qint64 m_lastQueuePollMs = -1000000;
     qint64 m_lastStateMs = -1000000;
     qint64 m_deadlineMs = -1;
-    int m_receivedCount = 0;
-    int m_deliveredCount = 0;
-    QHash<quint64, SessionReport> m_sessions; // those that run: how each began, by its call
     bool m_isStopping = false;
     bool m_hasEnded = false;
     bool m_isStuck = false;

@@ -31,7 +31,7 @@ void TransportHost::pollQueue()
         if (known >= 0 && canBeCalled(m_abonents.abonents.at(known)))
             waiting.append(m_abonents.abonents.at(known).name);
     }
-    m_scheduler->setWaiting(waiting);
+    m_calls->setWaiting(waiting);
     explainWaiting();
 }
 
@@ -76,16 +76,14 @@ void TransportHost::placeCalls()
 {
     if (!m_server->hasFreeChannel())
         return;
-    const std::optional<QString> abonent = m_scheduler->nextCall(m_clock.elapsed());
+    const std::optional<QString> abonent = m_calls->next(nowMs());
     if (!abonent)
         return;
     const int known = m_abonents.find(*abonent);
     if (known < 0)
         return;
     // One at a time: the next one when the free channel has been looked at again.
-    m_scheduler->callPlaced(*abonent, m_clock.elapsed());
-    m_failures.callPlaced(m_abonents.abonents.at(known).name);
-    m_events.write(QStringLiteral("callPlaced"), {{QStringLiteral("peer"), *abonent}});
+    m_calls->placed(*abonent, nowMs());
     emit connectRequested(m_abonents.abonents.at(known).name, m_abonents.abonents.at(known).channelData);
 }
 
@@ -105,7 +103,7 @@ std::optional<WaitReason> TransportHost::whyWaiting(const QString& abonent) cons
         return of(Kind::NoNumber);
     if (m_abonents.abonents.at(known).isBlocked)
         return of(Kind::Blocked);
-    if (m_scheduler->isConnectedTo(abonent) || m_scheduler->isCalling(abonent))
+    if (m_calls->isConnectedTo(abonent) || m_calls->isCalling(abonent))
         return std::nullopt;
     if (const std::optional<PeerNews> trouble = m_peers->keyTrouble(m_abonents.abonents.at(known))) {
         WaitReason reason = of(Kind::KeyChanged);
@@ -121,8 +119,8 @@ std::optional<WaitReason> TransportHost::whyWaiting(const QString& abonent) cons
         return of(Kind::NumberDamaged, damage);
     if (addressing.phoneNumber.isEmpty())
         return of(Kind::NoNumber);
-    const int failedCalls = m_scheduler->failedCalls(abonent);
-    const QString cause = m_failures.reason(abonent);
+    const int failedCalls = m_calls->failedCalls(abonent);
+    const QString cause = m_calls->failure(abonent);
     if (failedCalls > 0)
         return of(Kind::CallsFailed, cause, failedCalls);
     if (!cause.isEmpty())

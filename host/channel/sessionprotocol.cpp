@@ -89,7 +89,7 @@ void SessionProtocol::report(SessionReport::Kind kind, const SessionEvent& event
     SessionReport told;
     told.kind = kind;
     told.call = m_call;
-    told.claimant = m_session.get();
+    told.claimant = m_session->claimant();
     told.channelName = channelName;
     told.called = m_called;
     told.peer = m_session->peerName();

@@ -63,6 +63,9 @@ public:
     // The channel has no connection any more.
     void connectionLost();
 
+    // Under which the store knows the session; only compared.
+    [[nodiscard]] const void* claimant() const { return static_cast<const SessionControl*>(this); }
+
     [[nodiscard]] bool isFinished() const { return m_phase == Phase::Finished; }
     [[nodiscard]] SessionEnd end() const { return m_end; }
     [[nodiscard]] bool endedWell() const { return m_end == SessionEnd::Agreed; }
