@@ -29,6 +29,9 @@ CLANG_TIDY = textwrap.dedent("""\
     text = open(source).read()
     if "BROKEN" in text:
         sys.exit("no compile command")
+    if "ELSEWHERE" in text:
+        print("/usr/include/stdlib.h:5:1: error: other names [misc-names,-warnings-as-errors]")
+        sys.exit(1)
     if "FAULT" in text:
         print(f"{os.path.abspath(source)}:3:7: error: this is dead [misc-dead,-warnings-as-errors]")
         print(f"{os.path.abspath(source)}:9:1: note: it began here")
@@ -244,6 +247,12 @@ class TidyTest(TreeTest):
         self.compile("bad.cpp")
         status, lines = self.tidy()
         self.assertEqual((status, lines[-1]), (2, "error: clang-tidy, bad.cpp: no compile command"))
+
+    def test_headers_of_the_system_are_not_ours(self):
+        self.write("replaces.cpp", "// ELSEWHERE\n")
+        self.compile("replaces.cpp")
+        status, lines = self.tidy()
+        self.assertEqual(status, 0, lines)
 
     def test_a_header_is_checked_in_its_source_or_in_the_first_that_includes_it(self):
         self.write("com/own.h", "")
