@@ -106,6 +106,18 @@ class FindingsTest(TreeTest):
         self.assertEqual(bad.read_text(), "int bad;\n")
         self.assertEqual((self.tree / "kept.cpp").read_text(), "int  kept;\n")
 
+    def test_a_format_that_cannot_be_read_is_no_finding(self):
+        self.write(".clang-format", "NoSuchOption: 1\n")
+        self.write("good.cpp", "int good;\n")
+        status, lines = self.lint()
+        self.assertEqual(status, 2)
+        self.assertIn(".clang-format:1: error: unknown key 'NoSuchOption'", lines[-1])
+
+    def test_a_tool_that_fails_without_a_finding_is_no_success(self):
+        told = subprocess.CompletedProcess([], 1, stdout="", stderr="out of memory\n")
+        with self.assertRaisesRegex(checks.ToolFailed, "shellcheck: out of memory$"):
+            checks.checked(told, self.tree, "shellcheck")
+
     def test_shell_with_or_without_an_ending(self):
         self.write("scripts/one", "#!/usr/bin/env bash\necho fine\necho $1\n")
         self.write("two.sh", "#!/bin/sh\nlocal=$(ls $2)\necho \"$local\"\n")
@@ -258,10 +270,11 @@ class TidyTest(TreeTest):
         self.write("com/own.h", "")
         self.write("com/lonely.h", "")
         self.write("com/unused.h", "")
-        sources = ["com/own.cpp", "host/a.cpp", "host/b.cpp"]
+        sources = ["com/own.cpp", "host/a.cpp", "host/b.cpp", "host/c.cpp"]
         self.write("com/own.cpp", '#include "com/own.h"\n')
         self.write("host/a.cpp", '#include "com/own.h"\n')
         self.write("host/b.cpp", '#include "com/lonely.h"\n')
+        self.write("host/c.cpp", '#include "com/lonely.h"\n')
         found = tidy.sources_to_check(["com/lonely.h", "com/own.h", "com/unused.h"], sources, self.tree)
         self.assertEqual(found, ["com/own.cpp", "host/b.cpp"])
         self.assertEqual(tidy.sources_to_check(["host/a.cpp", "scripts/not_compiled.cpp"], sources, self.tree), ["host/a.cpp"])

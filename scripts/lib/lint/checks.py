@@ -51,7 +51,11 @@ def batches(files):
 
 def format_of_sources(files, tree, program):
     def check(batch):
-        return checked(run([program, "--dry-run", "-Werror", *batch], tree), tree, "clang-format")
+        findings = checked(run([program, "--dry-run", "-Werror", *batch], tree), tree, "clang-format")
+        for finding in findings:
+            if "clang-format-violations" not in finding.text:
+                raise ToolFailed(f"clang-format: {finding.place}: {finding.text}")
+        return findings
 
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         found = [finding for batch in pool.map(check, batches(files)) for finding in batch]

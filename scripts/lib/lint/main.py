@@ -33,8 +33,6 @@ def needed(program, package):
 def is_shell(tree, name):
     if name.endswith(".sh"):
         return True
-    if "." in os.path.basename(name):
-        return False
     with open(os.path.join(tree, name), "rb") as file:
         return re.match(rb"#!.*\b(ba|da)?sh\b", file.readline(100)) is not None
 
