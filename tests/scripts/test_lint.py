@@ -185,6 +185,14 @@ class ChangesTest(TreeTest):
         status, lines = self.lint("--since", "nonsense")
         self.assertEqual((status, lines), (2, ["error: there is no commit nonsense"]))
 
+    def test_older_commits_are_as_they_are(self):
+        self.commit(LONG_SUBJECT)
+        self.write("scripts/lint", "")
+        self.commit("scripts: the rules stand from here")
+        self.commit("com: last")
+        start = changes.base(self.tree, "main")
+        self.assertEqual([subject for _, subject in changes.subjects(self.tree, start)], ["com: last"])
+
     def test_nothing_to_compare_with(self):
         self.git("branch", "-q", "-D", "main")
         status, lines = self.lint()

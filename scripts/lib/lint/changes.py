@@ -68,13 +68,17 @@ def all_files(tree):
     return sorted(found)
 
 
-def subjects(tree, start):
-    """(commit, subject) of each commit behind the one that the change starts from, oldest first."""
-    log = git(tree, "log", "--reverse", "--no-merges", "--format=%h %s", f"{start}..HEAD") or ""
-    return [tuple(line.split(" ", 1)) for line in log.splitlines()]
-
-
-def subjects_under_the_rules(tree):
-    """Those of every commit since the rules stand; in a shallow clone of what there is of them."""
+def _rules_came(tree):
+    """The commit that brought the rules; in a shallow clone the oldest that is there; None before it."""
     added = (git(tree, "log", "--diff-filter=A", "--format=%H", "--", RULES_STAND_SINCE) or "").split()
-    return subjects(tree, added[-1]) if added else []
+    return added[-1] if added else None
+
+
+def subjects(tree, start):
+    """(commit, subject) of each commit behind start, or of all if that is None, that came under the rules; oldest first."""
+    came = _rules_came(tree)
+    if not start and not came:
+        return []
+    without = [f"^{commit}" for commit in (start, came) if commit]
+    log = git(tree, "log", "--reverse", "--no-merges", "--format=%h %s", "HEAD", *without) or ""
+    return [tuple(line.split(" ", 1)) for line in log.splitlines()]

@@ -85,7 +85,7 @@ def check(arguments):
     tree = arguments.tree
     if arguments.all:
         names = changes.all_files(tree)
-        commits = changes.subjects_under_the_rules(tree)
+        commits = changes.subjects(tree, None)
         what = "the tree"
     else:
         start = changes.base(tree, arguments.since)
