@@ -30,10 +30,10 @@ void EventLog::write(const QString& event, QJsonObject fields)
         return;
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
+    const qint64 nowMs = qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
     fields[QStringLiteral("event")] = event;
     fields[QStringLiteral("time")] = QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs);
-    fields[QStringLiteral("monotonic")] =
-        static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec / 1000000) / 1000.0;
+    fields[QStringLiteral("monotonic")] = static_cast<double>(nowMs) / 1000.0;
     m_file.write(QJsonDocument(fields).toJson(QJsonDocument::Compact) + '\n');
 }
 
