@@ -281,7 +281,7 @@ TEST_F(WorkerStart, SilentModemIsAskedAfterGrowingPausesSharedByAllPorts)
         else if (text == QStringLiteral("Запись команды 'AT'") && unansweredMs >= 0 && askedAgainMs < 0)
             askedAgainMs = clock.elapsed();
     };
-    CComServer secondServer;
+    BareServer secondServer;
     secondServer.channelsState = &secondState;
     secondServer.journal = &secondJournal;
     CComThread secondWorker(settings, &secondServer);

@@ -1,8 +1,8 @@
 // A port worker in front of a scripted modem, with everything around it recorded.
 #pragma once
 
-#include "com/worker/ccomserver.h"
 #include "com/worker/ccomthread.h"
+#include "plugin/api/cchannelserver.h"
 #include "tests/support/calllog.h"
 #include "tests/support/fakehost.h"
 #include "tests/worker/modemscript.h"
@@ -40,6 +40,18 @@ public:
     void removeChannel(int id) override;
 
     std::function<void()> onRemove; // set before the worker starts
+};
+
+// The base of all servers is all that a worker knows of its own.
+class BareServer : public CChannelServer
+{
+public:
+    bool hasFreeChannel() const override { return false; }
+    bool isHardwareOn() const override { return false; }
+    bool canCheckOnline() const override { return false; }
+    void connectToAbonent(const QString&, const QByteArray&) override {}
+    void disconnectFromAbonent(const QString&, int) override {}
+    void keepAliveConnection(int) override {}
 };
 
 struct LogLine
@@ -103,7 +115,7 @@ protected:
     testsupport::CallLog log;
     HookedChannelsState channelsState{&log};
     HookedJournal journal{&log};
-    CComServer server;
+    BareServer server;
     ScriptedFactory* factory; // owned by the server
     ModemScript modem;
     std::unique_ptr<CComThread> worker;
