@@ -4,7 +4,7 @@
 #include "com/modem/noanswerpause.h"
 #include "com/port/modemport.h"
 #include "com/port/portwait.h"
-#include "com/worker/portsession.h"
+#include "com/worker/passstate.h"
 #include "com/worker/portsetup.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
@@ -107,31 +107,31 @@ void CComThread::run()
     TableRow row(&m_reports, QStringLiteral("Инициализация"));
     m_reports.setStatus(QStringLiteral("Открытие COM порта"));
 
-    PortSession session{port, {}, {}, {}, false, false};
+    PassState pass{port, {}, {}, {}, false, false};
     for (;;) {
         msleep(passPauseMs);
         if (stopRequested())
             break;
         // Not a switch: a state that one handler sets is handled in the same pass.
         if (state() == PortClosed)
-            openPort(session);
+            openPort(pass);
         if (state() == WaitingForDevice)
-            waitForDevice(session);
+            waitForDevice(pass);
         if (state() == CheckingDevice)
-            checkDevice(session);
+            checkDevice(pass);
         if (state() == LineFree)
-            serveFreeLine(session);
+            serveFreeLine(pass);
         if (state() == CallRequested)
-            dial(session);
+            dial(pass);
         if (state() == WaitingForConnect)
-            awaitConnect(session);
+            awaitConnect(pass);
         if (state() == ResettingModem)
-            resetModem(session);
-        reopenClosedPort(session);
-        resetOnCarrier(session);
-        leaveFreeOnDsrLoss(session);
+            resetModem(pass);
+        reopenClosedPort(pass);
+        resetOnCarrier(pass);
+        leaveFreeOnDsrLoss(pass);
     }
-    hangUpOnExit(session);
+    hangUpOnExit(pass);
     // From here on destructors do input and output; being cancelled in one would abort the host.
     setTerminationEnabled(false);
     shutPort(port);
@@ -139,10 +139,10 @@ void CComThread::run()
 
 // --- the states -------------------------------------------------------------------------
 
-void CComThread::openPort(PortSession& session)
+void CComThread::openPort(PassState& pass)
 {
     static const int openIntervalMs = CSettings().detailsTransportComOpenInterval();
-    QSerialPort& port = session.port;
+    QSerialPort& port = pass.port;
     if (!port.open(QIODevice::ReadWrite)) {
         const QString text = QStringLiteral("Ошибка открытия COM порта. %1").arg(port.errorString());
         PortReports::writeLog(text, DebugAlways);
@@ -154,25 +154,25 @@ void CComThread::openPort(PortSession& session)
     m_reports.report(QStringLiteral("COM порт открыт"));
     configurePort(port, m_settings, m_reports);
     sendInitString(port, m_settings.initString, m_reports);
-    session.mayAnswerLate = !m_settings.initString.isEmpty();
-    session.hasRung = false;
-    session.lines = modemLines(port);
+    pass.mayAnswerLate = !m_settings.initString.isEmpty();
+    pass.hasRung = false;
+    pass.lines = modemLines(port);
     moveState(PortClosed,
-              session.lines.testFlag(QSerialPort::DataCarrierDetectSignal) ? ResettingModem : WaitingForDevice);
-    session.timer.invalidate();
+              pass.lines.testFlag(QSerialPort::DataCarrierDetectSignal) ? ResettingModem : WaitingForDevice);
+    pass.timer.invalidate();
 }
 
-void CComThread::waitForDevice(PortSession& session)
+void CComThread::waitForDevice(PassState& pass)
 {
     static const int dsrCheckIntervalMs = CSettings().detailsTransportComDsrCheckInterval();
-    session.lines = modemLines(session.port);
-    if (session.lines.testFlag(QSerialPort::DataSetReadySignal)) {
+    pass.lines = modemLines(pass.port);
+    if (pass.lines.testFlag(QSerialPort::DataSetReadySignal)) {
         PortReports::writeLog(
             QStringLiteral("Устройство на COM порту '%1' готово. Проверяем AT - OK.").arg(m_settings.portName),
             DebugTransportComAtCommands);
         m_reports.report(QStringLiteral("Устройство включено"));
         moveState(WaitingForDevice, CheckingDevice);
-    } else if (!closeVanishedPort(session.port)) {
+    } else if (!closeVanishedPort(pass.port)) {
         pause(dsrCheckIntervalMs);
     }
 }
@@ -188,53 +188,53 @@ bool CComThread::closeVanishedPort(QSerialPort& port)
     return true;
 }
 
-void CComThread::checkDevice(PortSession& session)
+void CComThread::checkDevice(PassState& pass)
 {
     static const int okTimeoutMs = CSettings().detailsTransportComAtOkTimeout();
-    if (closeVanishedPort(session.port))
+    if (closeVanishedPort(pass.port))
         return;
-    if (!session.timer.isValid())
-        startCheck(session);
-    if (runsLongerThan(session.timer, okTimeoutMs))
-        checkUnanswered(session);
+    if (!pass.timer.isValid())
+        startCheck(pass);
+    if (runsLongerThan(pass.timer, okTimeoutMs))
+        checkUnanswered(pass);
     else
-        readCheckAnswer(session);
+        readCheckAnswer(pass);
 }
 
-void CComThread::startCheck(PortSession& session)
+void CComThread::startCheck(PassState& pass)
 {
-    session.port.readAll();
-    session.timer.start();
+    pass.port.readAll();
+    pass.timer.start();
     PortReports::writeLog(QStringLiteral("Запись команды: AT"), DebugTransportComAtCommands);
     m_reports.addEvent(QStringLiteral("Запись команды 'AT'"));
-    writeCommand(session.port, checkCommand(), writeWaitMs);
+    writeCommand(pass.port, checkCommand(), writeWaitMs);
 }
 
-void CComThread::checkUnanswered(PortSession& session)
+void CComThread::checkUnanswered(PassState& pass)
 {
     PortReports::writeLog(QStringLiteral("Нет ответа на команду 'AT'"), DebugTransportComAtCommands);
     m_reports.report(QStringLiteral("Нет ответа на команду 'AT'"));
-    session.timer.invalidate();
+    pass.timer.invalidate();
     pause(noAnswerPause.lengthen() * 1000);
 }
 
-void CComThread::readCheckAnswer(PortSession& session)
+void CComThread::readCheckAnswer(PassState& pass)
 {
-    waitForWritten(session.port, 100);
-    waitForInput(session.port, 100);
-    switch (readModemResponse(session.port, session.lastAnswer)) {
+    waitForWritten(pass.port, 100);
+    waitForInput(pass.port, 100);
+    switch (readModemResponse(pass.port, pass.lastAnswer)) {
     case ResponseOk:
-        if (std::exchange(session.mayAnswerLate, false))
-            dropLateAnswers(session);
+        if (std::exchange(pass.mayAnswerLate, false))
+            dropLateAnswers(pass);
         m_reports.setStatus(QStringLiteral("Свободен"));
         PortReports::writeLog(QStringLiteral("Получен ответ 'OK' на команду AT"), DebugTransportComAtCommands);
         m_reports.addEvent(QStringLiteral("Получен ответ 'OK' на команду 'AT'"));
         moveState(CheckingDevice, LineFree);
-        session.timer.invalidate();
+        pass.timer.invalidate();
         noAnswerPause.reset();
         break;
     case ResponseNone:
-    case ResponseAtEcho: dropEndlessInput(session.port); break;
+    case ResponseAtEcho: dropEndlessInput(pass.port); break;
     case ResponseUnknown:
     case ResponseError:
     case ResponseBusy:
@@ -245,10 +245,10 @@ void CComThread::readCheckAnswer(PortSession& session)
     case ResponseNoAnswer:
     case ResponseDialEcho:
     case ResponseAnswerEcho: {
-        const QString text = QStringLiteral("Неверный ответ на команду 'AT': %1").arg(session.lastAnswer);
+        const QString text = QStringLiteral("Неверный ответ на команду 'AT': %1").arg(pass.lastAnswer);
         PortReports::writeLog(text, DebugTransportComAtCommands);
         m_reports.report(text);
-        session.timer.invalidate();
+        pass.timer.invalidate();
         pause(wrongAnswerPauseMs);
         noAnswerPause.reset();
         break;
@@ -258,74 +258,74 @@ void CComThread::readCheckAnswer(PortSession& session)
 
 // The "OK" that was read may have been the init string's: that of "AT" must not be left for the
 // first call, which it would fail.
-void CComThread::dropLateAnswers(PortSession& session)
+void CComThread::dropLateAnswers(PassState& pass)
 {
     QElapsedTimer timer;
     timer.start();
     while (!stopRequested() && state() == CheckingDevice && timer.elapsed() < lateAnswersMs) {
-        if (!session.port.canReadLine())
-            waitForInput(session.port, lateAnswersStepMs);
-        if (readModemResponse(session.port, session.lastAnswer) == ResponseRing)
-            session.hasRung = true;
-        dropEndlessInput(session.port);
+        if (!pass.port.canReadLine())
+            waitForInput(pass.port, lateAnswersStepMs);
+        if (readModemResponse(pass.port, pass.lastAnswer) == ResponseRing)
+            pass.hasRung = true;
+        dropEndlessInput(pass.port);
     }
 }
 
-void CComThread::serveFreeLine(PortSession& session)
+void CComThread::serveFreeLine(PassState& pass)
 {
     static const int readyCheckTimeoutMs = CSettings().detailsTransportComAtReadyCheckTimeout();
     QMutexLocker locker(&m_mutex);
     if (state() != LineFree)
         return;
     // This look serves the test for the loss of DSR at the end of the pass as well.
-    session.lines = modemLines(session.port);
-    if (session.lines.testFlag(QSerialPort::RingIndicatorSignal) || std::exchange(session.hasRung, false) ||
-        readModemResponse(session.port, session.lastAnswer) == ResponseRing) {
-        answerCall(session);
+    pass.lines = modemLines(pass.port);
+    if (pass.lines.testFlag(QSerialPort::RingIndicatorSignal) || std::exchange(pass.hasRung, false) ||
+        readModemResponse(pass.port, pass.lastAnswer) == ResponseRing) {
+        answerCall(pass);
         return;
     }
-    dropEndlessInput(session.port);
-    if (!session.timer.isValid())
-        session.timer.start();
-    if (runsLongerThan(session.timer, readyCheckTimeoutMs)) {
+    dropEndlessInput(pass.port);
+    if (!pass.timer.isValid())
+        pass.timer.start();
+    if (runsLongerThan(pass.timer, readyCheckTimeoutMs)) {
         m_state = CheckingDevice;
-        session.timer.invalidate();
+        pass.timer.invalidate();
     }
 }
 
 // Called under m_mutex.
-void CComThread::answerCall(PortSession& session)
+void CComThread::answerCall(PassState& pass)
 {
     m_reports.setStatus(QStringLiteral("Входящий вызов"));
     PortReports::writeLog(QStringLiteral("Запись команды: ATA"), DebugTransportComAtCommands);
     m_reports.addEvent(QStringLiteral("Входящий вызов. Запись команды: ATA"));
-    dropInput(session.port);
-    writeCommand(session.port, answerCommand(), writeWaitMs);
+    dropInput(pass.port);
+    writeCommand(pass.port, answerCommand(), writeWaitMs);
     m_connection.setAbonentName(QString());
     m_state = WaitingForConnect;
-    session.timer.start();
+    pass.timer.start();
 }
 
-void CComThread::dial(PortSession& session)
+void CComThread::dial(PassState& pass)
 {
     const QString name = abonentName();
     const QString call = ComCallTexts::calling().arg(name, m_number);
     m_reports.setStatus(call);
     PortReports::writeLog(QStringLiteral("Запись команды: ATD%1").arg(m_number), DebugTransportComAtCommands);
     m_reports.addEvent(call + QStringLiteral(". Запись команды: ATD") + m_number);
-    dropInput(session.port);
-    writeCommand(session.port, dialCommand(m_number), writeWaitMs);
+    dropInput(pass.port);
+    writeCommand(pass.port, dialCommand(m_number), writeWaitMs);
     moveState(CallRequested, WaitingForConnect);
-    session.timer.start();
+    pass.timer.start();
 }
 
-void CComThread::awaitConnect(PortSession& session)
+void CComThread::awaitConnect(PassState& pass)
 {
     static const int connectTimeoutMs = CSettings().detailsTransportComConnectTimeout();
     const bool isOutgoing = !abonentName().isEmpty();
     bool hasFailed = false;
-    switch (readModemResponse(session.port, session.lastAnswer)) {
-    case ResponseConnect: runConnection(session); return;
+    switch (readModemResponse(pass.port, pass.lastAnswer)) {
+    case ResponseConnect: runConnection(pass); return;
     case ResponseNone:
     case ResponseUnknown: break;
     case ResponseDialEcho: hasFailed = !isOutgoing; break;
@@ -340,57 +340,57 @@ void CComThread::awaitConnect(PortSession& session)
     case ResponseAtEcho: hasFailed = true; break;
     }
     if (hasFailed)
-        connectFailed(session, ComCallTexts::failed().arg(session.lastAnswer));
-    else if (runsLongerThan(session.timer, connectTimeoutMs))
-        connectFailed(session, ComCallTexts::failed().arg(QStringLiteral("превышено время ожидания")));
+        connectFailed(pass, ComCallTexts::failed().arg(pass.lastAnswer));
+    else if (runsLongerThan(pass.timer, connectTimeoutMs))
+        connectFailed(pass, ComCallTexts::failed().arg(QStringLiteral("превышено время ожидания")));
 }
 
-void CComThread::connectFailed(PortSession& session, const QString& text)
+void CComThread::connectFailed(PassState& pass, const QString& text)
 {
     m_reports.report(text);
     const QString name = abonentName();
     if (!name.isEmpty())
         emit m_server->notConnected(name);
     moveState(WaitingForConnect, ResettingModem);
-    session.timer.invalidate();
+    pass.timer.invalidate();
 }
 
-void CComThread::resetModem(PortSession& session)
+void CComThread::resetModem(PassState& pass)
 {
     static const int resetTimeoutMs = CSettings().detailsTransportComResetTimeout();
-    QSerialPort& port = session.port;
+    QSerialPort& port = pass.port;
     if (!port.isOpen())
         return;
     // A timer that runs already (an error, or carrier during the check) leaves out the escape.
-    if (!session.timer.isValid()) {
+    if (!pass.timer.isValid()) {
         PortReports::writeLog(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
         port.readAll();
         writeCommand(port, escapeCommand(), writeWaitMs);
         waitForInput(port, 200);
-        session.timer.start();
+        pass.timer.start();
         return;
     }
-    const bool isEscaped = readModemResponse(port, session.lastAnswer) == ResponseOk;
-    if (!isEscaped && !runsLongerThan(session.timer, resetTimeoutMs))
+    const bool isEscaped = readModemResponse(port, pass.lastAnswer) == ResponseOk;
+    if (!isEscaped && !runsLongerThan(pass.timer, resetTimeoutMs))
         return;
     writeCommand(port, resetHangUpCommand(), hangUpWriteWaitMs);
     pause(afterHangUpPauseMs);
     port.readAll();
     shutPort(port);
     moveState(ResettingModem, PortClosed);
-    session.timer.invalidate();
+    pass.timer.invalidate();
 }
 
 // --- the connection ---------------------------------------------------------------------
 
-void CComThread::runConnection(PortSession& session)
+void CComThread::runConnection(PassState& pass)
 {
-    session.timer.invalidate();
-    const QString text = ComCallTexts::carrier().arg(session.lastAnswer);
+    pass.timer.invalidate();
+    const QString text = ComCallTexts::carrier().arg(pass.lastAnswer);
     PortReports::writeLog(text, DebugAlways);
     m_reports.report(text);
 
-    switch (startSession(session.port)) {
+    switch (startSession(pass.port)) {
     case SessionStart::Running:
         // A thread remembers a quit() from before the loop: only the protocol's word counts.
         do {
@@ -444,9 +444,9 @@ void CComThread::remoteAbonentNameChanged(QString name)
 
 // --- in any state -----------------------------------------------------------------------
 
-void CComThread::reopenClosedPort(PortSession& session)
+void CComThread::reopenClosedPort(PassState& pass)
 {
-    if (session.port.isOpen())
+    if (pass.port.isOpen())
         return;
     m_reports.setStatus(QStringLiteral("Открытие COM порта"));
     QMutexLocker locker(&m_mutex);
@@ -454,19 +454,19 @@ void CComThread::reopenClosedPort(PortSession& session)
     m_errors.portClosed();
 }
 
-void CComThread::resetOnCarrier(PortSession& session)
+void CComThread::resetOnCarrier(PassState& pass)
 {
     if (state() != CheckingDevice)
         return;
-    session.lines = modemLines(session.port);
+    pass.lines = modemLines(pass.port);
     // The modem is still in a call.
-    if (session.lines.testFlag(QSerialPort::DataCarrierDetectSignal))
+    if (pass.lines.testFlag(QSerialPort::DataCarrierDetectSignal))
         moveState(CheckingDevice, ResettingModem);
 }
 
-void CComThread::leaveFreeOnDsrLoss(PortSession& session)
+void CComThread::leaveFreeOnDsrLoss(PassState& pass)
 {
-    if (state() != LineFree || session.lines.testFlag(QSerialPort::DataSetReadySignal))
+    if (state() != LineFree || pass.lines.testFlag(QSerialPort::DataSetReadySignal))
         return;
     QMutexLocker locker(&m_mutex);
     // A call may have been taken meanwhile.
@@ -522,21 +522,21 @@ void CComThread::comPortError(QSerialPort::SerialPortError error)
 
 // --- the end of run() -------------------------------------------------------------------
 
-void CComThread::hangUpOnExit(PortSession& session)
+void CComThread::hangUpOnExit(PassState& pass)
 {
     // run() leaves its loop only with the flag set, so that this returns here: a stop does
     // not wait for the modem. Kept for a loop that ends for another reason.
     if (stopRequested())
         return;
-    QSerialPort& port = session.port;
+    QSerialPort& port = pass.port;
     if (!modemLines(port).testFlag(QSerialPort::DataCarrierDetectSignal))
         return;
     PortReports::writeLog(QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands);
     writeCommand(port, escapeCommand(), hangUpWriteWaitMs);
-    session.timer.start();
+    pass.timer.start();
     do {
         waitForInput(port, 100);
-    } while (readModemResponse(port, session.lastAnswer) != ResponseOk && session.timer.elapsed() < 999);
+    } while (readModemResponse(port, pass.lastAnswer) != ResponseOk && pass.timer.elapsed() < 999);
     writeCommand(port, exitHangUpCommand(), hangUpWriteWaitMs);
     pause(100);
     port.readAll();

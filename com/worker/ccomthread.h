@@ -15,7 +15,7 @@
 #include <atomic>
 
 class CChannelServer;
-struct PortSession;
+struct PassState;
 
 // Made, started and deleted by the server; lives in the server's thread, while run() is
 // the worker's own thread. The server must outlive its workers, and its channelsState,
@@ -95,29 +95,29 @@ private:
     };
 
     // The states' handlers; each is called only in its state.
-    void openPort(PortSession& session);
-    void waitForDevice(PortSession& session);
-    void checkDevice(PortSession& session);
-    void serveFreeLine(PortSession& session);
-    void dial(PortSession& session);
-    void awaitConnect(PortSession& session);
-    void resetModem(PortSession& session);
+    void openPort(PassState& pass);
+    void waitForDevice(PassState& pass);
+    void checkDevice(PassState& pass);
+    void serveFreeLine(PassState& pass);
+    void dial(PassState& pass);
+    void awaitConnect(PassState& pass);
+    void resetModem(PassState& pass);
     // What may happen in any pass.
-    void reopenClosedPort(PortSession& session);
-    void resetOnCarrier(PortSession& session);
-    void leaveFreeOnDsrLoss(PortSession& session);
+    void reopenClosedPort(PassState& pass);
+    void resetOnCarrier(PassState& pass);
+    void leaveFreeOnDsrLoss(PassState& pass);
 
     bool closeVanishedPort(QSerialPort& port);
-    void startCheck(PortSession& session);
-    void checkUnanswered(PortSession& session);
-    void readCheckAnswer(PortSession& session);
-    void dropLateAnswers(PortSession& session);
-    void answerCall(PortSession& session);
-    void connectFailed(PortSession& session, const QString& text);
-    void runConnection(PortSession& session);
+    void startCheck(PassState& pass);
+    void checkUnanswered(PassState& pass);
+    void readCheckAnswer(PassState& pass);
+    void dropLateAnswers(PassState& pass);
+    void answerCall(PassState& pass);
+    void connectFailed(PassState& pass, const QString& text);
+    void runConnection(PassState& pass);
     SessionStart startSession(QSerialPort& port);
     void deleteProtocol();
-    void hangUpOnExit(PortSession& session);
+    void hangUpOnExit(PassState& pass);
 
     void portErrorOccurred(const QSerialPort& port, QSerialPort::SerialPortError code);
     PortError noted(QSerialPort::SerialPortError code);

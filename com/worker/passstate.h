@@ -1,11 +1,11 @@
-// What the port worker's state handlers share during one run().
+// What a pass of the port worker hands on to the state handlers of the next.
 #pragma once
 
 #include <QElapsedTimer>
 #include <QSerialPort>
 #include <QString>
 
-struct PortSession
+struct PassState
 {
     QSerialPort& port;
     QElapsedTimer timer; // of the state; not valid while it is not running
