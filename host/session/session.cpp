@@ -119,7 +119,7 @@ void Session::refusePeer(const PeerDirectory::Verdict& verdict)
         break;
     }
     put(FrameType::Stop, encodeReason(told));
-    beginClosing(refusalEnd(verdict.cause), verdict.reason);
+    beginClosing(refusalEnd(verdict.cause), verdict.reason, m_settings.refusingMs);
 }
 
 // Blocking counts at once: what this call has not acknowledged by now it will not.
@@ -446,15 +446,15 @@ void Session::close(SessionEnd end, const QString& reason)
         return;
     if (m_writer.isUsable())
         put(FrameType::Stop, encodeReason(reason));
-    beginClosing(end, reason);
+    beginClosing(end, reason, m_settings.closingMs);
 }
 
-void Session::beginClosing(SessionEnd end, const QString& reason)
+void Session::beginClosing(SessionEnd end, const QString& reason, int closingMs)
 {
     m_closingEnd = end;
     m_closingReason = reason;
     m_phase = Phase::Closing;
-    m_deadlineMs = m_nowMs + m_settings.closingMs;
+    m_deadlineMs = m_nowMs + closingMs;
 }
 
 void Session::finish(SessionEnd end, const QString& reason)

@@ -118,7 +118,7 @@ private:
     [[nodiscard]] bool nothingLeft() const;
 
     void close(SessionEnd end, const QString& reason);
-    void beginClosing(SessionEnd end, const QString& reason);
+    void beginClosing(SessionEnd end, const QString& reason, int closingMs);
     void finish(SessionEnd end, const QString& reason);
 
     const SessionSettings m_settings;

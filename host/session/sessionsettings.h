@@ -33,6 +33,7 @@ struct SessionSettings
     int uselessMs = 300000; // nothing of use came or went for so long, and our host does not keep the session
     int strangerMs = 900000; // in all, for a peer that is not proved
     int closingMs = 300; // time for a last Stop frame to get out
+    int refusingMs = 5000; // time for the reason of a refusal; at 1200 bit/s its words alone take a second
     int lingerMs = 10000; // the side that agreed to end waits for the other to hang up, at most so long,
     int lingerSilenceMs = 2500; // or until it has been silent for so long
 };

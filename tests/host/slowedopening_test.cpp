@@ -129,3 +129,14 @@ TEST_F(SlowedOpening, StrangersOnOtherLinesPutItOffNoFurther)
     EXPECT_TRUE(pair.b.store.inbox.back().content == content);
     EXPECT_NEAR(this->callMs() - callMs, HandshakeGuard::maxDelayMs, 1000);
 }
+
+// The line is slower than a session usually takes to close.
+TEST_F(SlowedOpening, WhoIsRefusedReadsWhy)
+{
+    call(7);
+    ASSERT_TRUE(pair.runToEnd(60000));
+    EXPECT_EQ(pair.b.session->end(), SessionEnd::UnknownKey);
+    EXPECT_EQ(pair.a.session->end(), SessionEnd::RefusedByPeer) << qPrintable(pair.a.session->endReason());
+    EXPECT_TRUE(pair.a.session->endReason().contains(QLatin1String("your key is not known here")))
+        << qPrintable(pair.a.session->endReason());
+}
