@@ -1,8 +1,5 @@
 #include "tests/soak/hubhostile.h"
 
-#include "host/session/opening.h"
-#include "host/session/sessionframes.h"
-#include "tests/host/sealedpeer.h"
 #include "tests/soak/fibers.h"
 
 #include <QCryptographicHash>
@@ -15,9 +12,10 @@ namespace {
 
 using namespace host;
 
-constexpr std::int64_t turnNs = 200 * nsPerMs;
-constexpr int mostHeard = 65536;
 constexpr int stubBytes = 10;
+constexpr std::int64_t dropNs = 20 * nsPerS;
+constexpr std::int64_t patientNs = 2 * nsPerS; // between two looks of one that waits
+constexpr double longestS = 1500;
 // Fillers of a minute, the handshake's answer, one Stop.
 constexpr qint64 mostBytesToNobody = 600;
 
@@ -25,12 +23,16 @@ constexpr qint64 mostBytesToNobody = 600;
 
 void HubHostile::call()
 {
-    const Manner manner = static_cast<Manner>(m_rng->below(static_cast<std::uint64_t>(Manner::Count)));
+    const Manner manner = m_rng->chance(0.07)
+                              ? Manner::Trickle
+                              : static_cast<Manner>(m_rng->below(static_cast<std::uint64_t>(Manner::Count)));
     begin(manner);
     if (manner >= Manner::HandshakeAgain)
         open();
     m_changesBits = manner == Manner::ChangedBits;
-    const std::int64_t until = nowNs() + static_cast<std::int64_t>(m_rng->logBetween(1, 1500)) * nsPerS;
+    const bool isPatient = manner == Manner::Silence || manner == Manner::OnlyAlive || manner == Manner::Trickle;
+    const std::int64_t until =
+        nowNs() + static_cast<std::int64_t>(isPatient ? longestS : m_rng->logBetween(1, longestS)) * nsPerS;
     while (!isLost() && nowNs() < until) {
         const int heard = m_heard.size();
         hear();
@@ -38,7 +40,7 @@ void HubHostile::call()
             write(m_heard.mid(heard));
         else
             misbehave(manner);
-        Fibers::sleepFor(turnNs);
+        Fibers::sleepFor(isPatient ? patientNs : turnNs);
     }
     hear();
     endOfCall();
@@ -51,81 +53,26 @@ void HubHostile::begin(Manner manner)
         m_earlier = m_tapped->from(static_cast<int>(m_rng->below(2))).tapped();
     else
         m_earlier = manner == Manner::ReplayOfOwn || manner == Manner::HandshakeAgain ? m_said : m_heard;
-    m_opening.reset();
-    m_writer = FrameWriter();
-    m_reader = FrameReader();
-    m_hearsFrames = false;
+    beginCall();
     m_framesHeard = 0;
-    m_bytesHeard = 0;
-    m_changesBits = false;
-    m_heard.clear();
-    m_said.clear();
+    m_nextDropNs = 0;
 }
 
 void HubHostile::open()
 {
-    if (!shakeHands())
+    if (!shakeHands(hosttest::testKey(100 + static_cast<int>(m_rng->below(3)))))
         return;
     HelloFrame hello;
     hello.abonentName = QStringLiteral("Mallory");
     say(FrameType::Hello, hello.encode());
     if (m_rng->chance(0.9))
-        say(FrameType::State, state(true));
-}
-
-// It knows how to, and has a key, which is nobody's here.
-bool HubHostile::shakeHands()
-{
-    m_directory.everybodyElse = QStringLiteral("the victim");
-    m_opening =
-        std::make_unique<Opening>(SessionCall{true, m_directory.everybodyElse},
-                                  hosttest::testKey(100 + static_cast<int>(m_rng->below(3))), &m_directory, nullptr);
-    while (!isLost() && !m_opening->hasFailed()) {
-        write(m_opening->takeOutput(nowNs() / nsPerMs));
-        if (m_opening->maySend()) {
-            m_writer = FrameWriter(m_opening->takeSending());
-            return true;
-        }
-        Fibers::sleepFor(turnNs);
-        hear();
-    }
-    return false;
+        say(FrameType::State, fewIds(true));
 }
 
 // ---- what the other side says ----
 
-void HubHostile::hear()
-{
-    const QByteArray bytes = m_line->from(0).take(nowNs());
-    m_bytesHeard += bytes.size();
-    if (m_heard.size() < mostHeard)
-        m_heard += bytes;
-    if (m_hearsFrames) {
-        m_reader.append(bytes);
-    } else if (m_opening && !bytes.isEmpty()) {
-        m_opening->receive(bytes, nowNs() / nsPerMs);
-        if (!m_opening->isOver())
-            return;
-        m_hearsFrames = true;
-        m_reader = FrameReader(m_opening->takeReceiving());
-        m_reader.append(m_opening->takeRest());
-    }
-    Frame frame;
-    for (;;) {
-        switch (m_reader.next(&frame)) {
-        case FrameReader::Result::None: return;
-        case FrameReader::Result::Damaged:
-            if (m_hearsFrames)
-                m_checks->violation("says to a stranger what does not open");
-            m_hearsFrames = false;
-            return;
-        case FrameReader::Result::Frame: judge(frame); break;
-        }
-    }
-}
-
 // What a side may say to a stranger, and what of it tells nothing of others.
-void HubHostile::judge(const Frame& frame)
+void HubHostile::onFrame(const Frame& frame)
 {
     ++m_framesHeard;
     const std::string type = std::to_string(static_cast<int>(frame.type));
@@ -199,32 +146,44 @@ void HubHostile::misbehave(Manner manner)
         break;
     case Manner::ChangedBits:
     case Manner::OnlyAlive: say(FrameType::Alive); break;
-    case Manner::EndlessState: say(FrameType::State, state(false)); break;
+    case Manner::EndlessState: say(FrameType::State, fewIds(false)); break;
     case Manner::EndlessStubs:
-        offer(anyId(), random(3), m_rng->between(3, 100000), 0);
+        offerAs(anyId(), random(3), m_rng->between(3, 100000), 0);
         say(FrameType::Abort, encodeReason(QStringLiteral("no")));
         break;
     case Manner::GrowingStub:
         if (m_stub.isEmpty()) {
             m_stubId = m_rng->next() | 1;
             m_stub = random(stubBytes);
-            offer(m_stubId, m_stub.left(stubBytes / 2), stubBytes, 0);
+            offerAs(m_stubId, m_stub.left(stubBytes / 2), stubBytes, 0);
         } else {
             const QByteArray whole = m_stub.left(stubBytes / 2) + random(static_cast<int>(m_rng->between(100, 40000)));
-            offer(m_stubId, whole, whole.size(), stubBytes / 2);
+            offerAs(m_stubId, whole, whole.size(), stubBytes / 2);
             m_stub.clear();
         }
         break;
     case Manner::AnyFrames: write(anyFrame()); break;
     case Manner::Customer: {
         const QByteArray content = random(static_cast<int>(m_rng->below(2000)));
-        offer(m_rng->next() | 1, content, content.size(), 0);
+        offerAs(m_rng->next() | 1, content, content.size(), 0);
         break;
     }
+    case Manner::Trickle: trickle(); break;
     case Manner::Silence:
     case Manner::Echo:
     case Manner::Count: break;
     }
+}
+
+// A message of many bytes, one now and then: never useless, never done.
+void HubHostile::trickle()
+{
+    if (m_nextDropNs == 0)
+        offerAs(m_rng->next() | 1, random(1), 1000, 0);
+    else if (nowNs() >= m_nextDropNs)
+        say(FrameType::Data, random(1));
+    if (nowNs() >= m_nextDropNs)
+        m_nextDropNs = nowNs() + dropNs;
 }
 
 // Its first message, again and again, or with another byte in it.
@@ -240,7 +199,7 @@ void HubHostile::halfAHandshake()
 }
 
 // Data up to what content holds; more is promised when claimedSize is larger.
-void HubHostile::offer(quint64 id, const QByteArray& content, qint64 claimedSize, qint64 offset)
+void HubHostile::offerAs(quint64 id, const QByteArray& content, qint64 claimedSize, qint64 offset)
 {
     m_ledger->strangersIds().insert(id);
     OfferFrame offer;
@@ -249,20 +208,7 @@ void HubHostile::offer(quint64 id, const QByteArray& content, qint64 claimedSize
     offer.offset = offset;
     offer.sha256 = QCryptographicHash::hash(content, QCryptographicHash::Sha256);
     offer.fileName = QStringLiteral("stranger");
-    say(FrameType::Offer, offer.encode());
-    for (int at = static_cast<int>(offset); at < content.size(); at += 1000)
-        say(FrameType::Data, content.mid(at, 1000));
-}
-
-QByteArray HubHostile::state(bool isLast)
-{
-    StateFrame state;
-    state.isLast = isLast;
-    for (int count = static_cast<int>(m_rng->below(20)); count > 0; --count)
-        state.storedIds.append(m_rng->next() | 1);
-    for (int count = static_cast<int>(m_rng->below(4)); count > 0; --count)
-        state.parts.append(MessagePart{anyId(), m_rng->between(1, 5000), random(32)});
-    return state.encode();
+    HubCaller::offer(offer, content, content.size());
 }
 
 // Often one that the installation knows from somebody else.
@@ -280,7 +226,7 @@ QByteArray HubHostile::anyFrame()
     QByteArray payload = random(static_cast<int>(m_rng->below(60)));
     if (m_rng->chance(0.7)) {
         switch (type) {
-        case FrameType::State: payload = state(m_rng->chance(0.5)); break;
+        case FrameType::State: payload = fewIds(m_rng->chance(0.5)); break;
         case FrameType::Stored:
         case FrameType::Settled: payload = encodeNumbers({m_rng->below(5)}); break;
         case FrameType::Abort:
@@ -289,39 +235,6 @@ QByteArray HubHostile::anyFrame()
         }
     }
     return m_writer.write(type, payload);
-}
-
-void HubHostile::say(FrameType type, const QByteArray& payload)
-{
-    write(m_writer.write(type, payload));
-}
-
-// As much as the line takes; the rest waits for it.
-void HubHostile::write(QByteArray bytes)
-{
-    if (m_changesBits && !bytes.isEmpty() && m_rng->chance(0.1)) {
-        const int at = static_cast<int>(m_rng->below(static_cast<std::uint64_t>(bytes.size())));
-        bytes[at] = static_cast<char>(bytes.at(at) ^ (1 << m_rng->below(8)));
-    }
-    if (m_said.size() < mostHeard)
-        m_said += bytes;
-    for (int at = 0; at < bytes.size() && !isLost();) {
-        const int room = m_line->from(1).room(nowNs());
-        if (room > 0) {
-            m_line->from(1).send(bytes.mid(at, room), nowNs());
-            at += room;
-        } else {
-            Fibers::sleepFor(turnNs);
-        }
-    }
-}
-
-QByteArray HubHostile::random(int size)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (char& byte : bytes)
-        byte = static_cast<char>(m_rng->next());
-    return bytes;
 }
 
 } // namespace soak

@@ -2,10 +2,8 @@
 // kind at every moment, endless ones, other people's identifiers, stubs that grow.
 #pragma once
 
-#include "host/session/opening.h"
-#include "host/session/sessionframes.h"
-#include "tests/host/sealedpeer.h"
 #include "tests/soak/checks.h"
+#include "tests/soak/hubcaller.h"
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubline.h"
 #include "tests/soak/rng.h"
@@ -19,13 +17,13 @@
 
 namespace soak {
 
-class HubHostile
+class HubHostile : public HubCaller
 {
 public:
     // Nothing is owned. Speaks at end 1 of the line. isLetIn: the other side takes whoever it
     // does not know, as unproved. tapped: a line of others, of which it has heard all.
     HubHostile(HubLine* line, HubLine* tapped, HubLedger* ledger, Checks* checks, Rng* rng, bool isLetIn)
-        : m_line(line), m_tapped(tapped), m_ledger(ledger), m_checks(checks), m_rng(rng), m_isLetIn(isLetIn)
+        : HubCaller(line, rng), m_tapped(tapped), m_ledger(ledger), m_checks(checks), m_isLetIn(isLetIn)
     {
     }
 
@@ -52,44 +50,31 @@ private:
         GrowingStub,
         AnyFrames,
         Customer,
+        Trickle,
         Count
     };
 
     void begin(Manner manner);
     void open();
     void halfAHandshake();
-    void hear();
-    void judge(const host::Frame& frame);
+    void onFrame(const host::Frame& frame) override;
+    void onDamage() override { m_checks->violation("says to a stranger what does not open"); }
     void checkIds(const host::StateFrame& state);
     void endOfCall();
-    bool shakeHands();
     void misbehave(Manner manner);
     QByteArray anyFrame();
-    QByteArray state(bool isLast);
-    quint64 anyId();
-    void offer(quint64 id, const QByteArray& content, qint64 claimedSize, qint64 offset);
-    void say(host::FrameType type, const QByteArray& payload = QByteArray());
-    void write(QByteArray bytes);
-    bool isLost() const { return m_line->isLost(1); }
-    QByteArray random(int size);
+    quint64 anyId() override;
+    void offerAs(quint64 id, const QByteArray& content, qint64 claimedSize, qint64 offset);
+    void trickle();
+    QByteArray fewIds(bool isLast) { return state(isLast, static_cast<int>(m_rng->below(20))); }
 
-    HubLine* const m_line; // not owned
     HubLine* const m_tapped; // not owned
     HubLedger* const m_ledger; // not owned
     Checks* const m_checks; // not owned
-    Rng* const m_rng; // not owned
     const bool m_isLetIn;
-    hosttest::TestDirectory m_directory;
-    std::unique_ptr<host::Opening> m_opening; // null once frames come
-    host::FrameWriter m_writer;
-    host::FrameReader m_reader;
-    bool m_hearsFrames = false;
     int m_framesHeard = 0;
-    qint64 m_bytesHeard = 0;
-    QByteArray m_heard; // in this call
-    QByteArray m_said; // in this call
     QByteArray m_earlier; // heard or said in one before
-    bool m_changesBits = false;
+    std::int64_t m_nextDropNs = 0; // of a message that trickles
     quint64 m_stubId = 0;
     QByteArray m_stub;
 };

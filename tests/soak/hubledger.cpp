@@ -1,5 +1,6 @@
 #include "tests/soak/hubledger.h"
 
+#include "host/installation/diskfile.h"
 #include "tests/soak/hubpaths.h"
 #include "tests/soak/simdisk.h"
 
@@ -8,6 +9,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 
 #include <algorithm>
 #include <limits>
@@ -33,7 +35,8 @@ QByteArray hashOf(const QString& path, qint64* size)
     return hash.result();
 }
 
-constexpr std::size_t nobodys = std::numeric_limits<std::size_t>::max(); // a stranger's message
+constexpr std::size_t nobodys = std::numeric_limits<std::size_t>::max(); // a message of none that was sent
+constexpr int heldParts = 8; // by as many lines, beside those that may stay
 
 QStringList directoriesIn(const QDir& dir)
 {
@@ -42,9 +45,11 @@ QStringList directoriesIn(const QDir& dir)
 
 } // namespace
 
-void HubLedger::addSite(const std::string& root, const QString& name, qint64 maxMessageBytes)
+const QString HubLedger::rogueName = QStringLiteral("Rogue");
+
+void HubLedger::addSite(const std::string& root, const QString& name, const host::InboxLimits& limits)
 {
-    m_sites.push_back({root, name, maxMessageBytes, {}, {}});
+    m_sites.push_back({root, name, limits, {}, {}, {}});
 }
 
 std::size_t HubLedger::add(const SentMessage& message)
@@ -69,6 +74,31 @@ void HubLedger::delivered(int from, const QString& fileName)
         m_checks->violation("told as delivered, but not in the inbox: " + fileName.toStdString());
 }
 
+void HubLedger::stored(int site)
+{
+    Directly directly;
+    checkInbox(site);
+}
+
+void HubLedger::acknowledged(int index, const QString& abonent, quint64 id, const QByteArray& sha256)
+{
+    Directly directly;
+    SiteFiles& site = m_sites[static_cast<std::size_t>(index)];
+    site.acknowledged.push_back({abonent, id, sha256, 0});
+    if (!stands(site, site.acknowledged.back()))
+        checkInbox(index);
+    if (!stands(site, site.acknowledged.back()))
+        m_checks->violation("acknowledged, but not in the inbox: " + host::idText(id).toStdString());
+}
+
+bool HubLedger::stands(const SiteFiles& site, const Foreign& message)
+{
+    return std::any_of(site.foreign.begin(), site.foreign.end(), [&](const auto& entry) {
+        const Foreign& other = entry.second;
+        return other.from == message.from && other.id == message.id && other.sha256 == message.sha256;
+    });
+}
+
 bool HubLedger::isInInbox(std::size_t index) const
 {
     const auto& known = m_sites[static_cast<std::size_t>(m_messages[index].to)].known;
@@ -80,8 +110,13 @@ void HubLedger::checkInbox(int index)
     SiteFiles& site = m_sites[static_cast<std::size_t>(index)];
     const QDir input = hubPaths(site.root).input;
     const QStringList directories = directoriesIn(input);
-    for (auto it = site.known.begin(); it != site.known.end();)
-        it = directories.contains(it->first) ? std::next(it) : site.known.erase(it);
+    const QSet<QString> standing(directories.begin(), directories.end());
+    for (auto it = site.known.begin(); it != site.known.end();) {
+        const bool isThere = standing.contains(it->first);
+        if (!isThere)
+            site.foreign.erase(it->first);
+        it = isThere ? std::next(it) : site.known.erase(it);
+    }
     for (const QString& name : directories) {
         if (site.known.count(name) != 0)
             continue;
@@ -94,19 +129,24 @@ void HubLedger::checkInbox(int index)
         const std::string what = (site.name + QLatin1Char(' ') + name + QLatin1Char(' ') + fileName).toStdString();
         if (hash.isEmpty() || hash != QByteArray::fromHex(record[QStringLiteral("sha256")].toString().toLatin1()))
             m_checks->violation("in the inbox, but not what its record says: " + what);
-        if (size > site.maxMessageBytes)
+        if (size > site.limits.maxMessageBytes)
             m_checks->violation("larger than this inbox takes: " + what);
         const auto sent = m_byName.find(fileName);
         const auto isHonest = [&](const SiteFiles& other) { return other.name == from; };
-        if (record[QStringLiteral("proved")] != QJsonValue(sent != m_byName.end()))
-            m_checks->violation("in the inbox, and whether its sender was proved is told wrongly: " + what);
+        const bool isProved = record[QStringLiteral("proved")].toBool();
         if (sent == m_byName.end()) {
             if (std::any_of(m_sites.begin(), m_sites.end(), isHonest))
                 m_checks->violation("in the inbox under the name of one who never sent it: " + what);
+            if (isProved != (from == HubLedger::rogueName))
+                m_checks->violation("in the inbox, and whether its sender was proved is told wrongly: " + what);
             site.known[name] = nobodys;
-            site.sizeOfNobodys[name] = size;
+            checkForeign(
+                site, name,
+                {isProved ? from : QString(), host::idFromText(record[QStringLiteral("id")].toString()), hash, size});
             continue;
         }
+        if (!isProved)
+            m_checks->violation("in the inbox, and whether its sender was proved is told wrongly: " + what);
         const SentMessage& message = m_messages[sent->second];
         if (message.to != index || nameOf(message.from) != from || message.sha256 != hash || message.size != size)
             m_checks->violation("in the inbox, but not as it was sent: " + what);
@@ -114,21 +154,60 @@ void HubLedger::checkInbox(int index)
             m_checks->violation("twice in the inbox: " + what);
         site.known[name] = sent->second;
     }
-    checkShareOfStrangers(site);
+    checkShares(site);
 }
 
-void HubLedger::checkShareOfStrangers(SiteFiles& site)
+void HubLedger::checkForeign(SiteFiles& site, const QString& directory, const Foreign& message)
 {
-    const host::Share allowed = host::InboxLimits().ofUnproved;
-    qint64 count = 0;
-    qint64 bytes = 0;
-    for (const auto& [name, size] : site.sizeOfNobodys) {
-        const bool stands = site.known.count(name) != 0;
-        count += stands;
-        bytes += stands ? size : 0;
+    const std::string what = (site.name + QLatin1Char(' ') + directory).toStdString();
+    if (message.id == host::noMessageId)
+        m_checks->violation("in the inbox with the identifier 0: " + what);
+    site.foreign.erase(directory);
+    if (!message.from.isEmpty() && stands(site, message))
+        m_checks->violation("twice in the inbox: " + what);
+    site.foreign[directory] = message;
+}
+
+void HubLedger::checkShares(const SiteFiles& site)
+{
+    std::map<QString, host::Share> shares;
+    for (const auto& [name, message] : site.foreign) {
+        if (site.known.count(name) != 0)
+            shares[message.from] = shares[message.from] + host::Share{message.size, 1, host::inodesOfMessage};
     }
-    if (count > allowed.messages || bytes > allowed.bytes)
-        m_checks->violation("more of strangers in the inbox than may stand there: " + site.name.toStdString());
+    for (const auto& [from, share] : shares) {
+        if (!host::fits(share, from.isEmpty() ? site.limits.ofUnproved : site.limits.ofAbonent))
+            m_checks->violation("more of one in the inbox than may stand there: " + site.name.toStdString() + ", of " +
+                                (from.isEmpty() ? "strangers" : from.toStdString()));
+    }
+}
+
+void HubLedger::checkAcknowledged(const SiteFiles& site)
+{
+    for (const Foreign& message : site.acknowledged) {
+        if (!stands(site, message))
+            m_checks->violation("acknowledged, and gone from the inbox: " + host::idText(message.id).toStdString());
+    }
+}
+
+// What stands of messages: of each peer a few, and none that cannot be told from others.
+void HubLedger::checkParts(const SiteFiles& site)
+{
+    std::map<QString, int> parts;
+    const QDir incomplete = hubPaths(site.root).incomplete;
+    for (const QString& name : directoriesIn(incomplete)) {
+        const QJsonObject record = recordOf(incomplete.absoluteFilePath(name) + QStringLiteral("/.message"));
+        if (record.isEmpty())
+            continue;
+        if (host::idFromText(record[QStringLiteral("id")].toString()) == host::noMessageId)
+            m_checks->violation("a part with the identifier 0: " + site.name.toStdString());
+        ++parts[record[QStringLiteral("from")].toString()];
+    }
+    for (const auto& [from, count] : parts) {
+        if (count > site.limits.maxPartsOfAbonent + heldParts)
+            m_checks->violation("too many parts of one peer: " + site.name.toStdString() + ", of " +
+                                from.toStdString());
+    }
 }
 
 std::vector<std::size_t> HubLedger::queuedAt(int site)
@@ -155,6 +234,8 @@ void HubLedger::check()
     std::vector<bool> isQueued(m_messages.size());
     for (int site = 0; site < static_cast<int>(m_sites.size()); ++site) {
         checkInbox(site);
+        checkAcknowledged(m_sites[static_cast<std::size_t>(site)]);
+        checkParts(m_sites[static_cast<std::size_t>(site)]);
         for (const std::size_t index : queuedAt(site))
             isQueued[index] = true;
     }
@@ -172,14 +253,16 @@ void HubLedger::check()
 
 void HubLedger::checkAnew()
 {
-    for (SiteFiles& site : m_sites)
+    for (SiteFiles& site : m_sites) {
         site.known.clear();
+        site.foreign.clear();
+    }
     check();
 }
 
 bool HubLedger::fits(const SentMessage& message) const
 {
-    return message.size <= m_sites[static_cast<std::size_t>(message.to)].maxMessageBytes;
+    return message.size <= m_sites[static_cast<std::size_t>(message.to)].limits.maxMessageBytes;
 }
 
 bool HubLedger::isAllDelivered()

@@ -3,6 +3,7 @@
 // disks themselves, past the code under test.
 #pragma once
 
+#include "host/store/quota.h"
 #include "tests/soak/checks.h"
 
 #include <QByteArray>
@@ -31,11 +32,13 @@ struct SentMessage
 class HubLedger
 {
 public:
+    static const QString rogueName; // known and proved, and keeps to no rule
+
     // checks: not owned.
     explicit HubLedger(Checks* checks) : m_checks(checks) {}
 
     // Where site keeps its messages, under which name it is known, what it takes at most.
-    void addSite(const std::string& root, const QString& name, qint64 maxMessageBytes);
+    void addSite(const std::string& root, const QString& name, const host::InboxLimits& limits);
     const QString& nameOf(int site) const { return m_sites[static_cast<std::size_t>(site)].name; }
 
     std::size_t add(const SentMessage& message);
@@ -44,6 +47,10 @@ public:
 
     // The sender's session says that the other side has it.
     void delivered(int from, const QString& fileName);
+    // The session there says that it has put one into the inbox.
+    void stored(int site);
+    // The session there has told a rogue abonent so.
+    void acknowledged(int site, const QString& abonent, quint64 id, const QByteArray& sha256);
 
     // Every inbox and queue as it stands on the disks. Not of sites whose process is between
     // two steps of something else than these.
@@ -61,17 +68,30 @@ public:
     std::string describeLeft();
 
 private:
+    // In an inbox, from nobody who sends as it ought to.
+    struct Foreign
+    {
+        QString from; // empty: a stranger
+        quint64 id = 0;
+        QByteArray sha256;
+        qint64 size = 0;
+    };
     struct SiteFiles
     {
         std::string root;
         QString name;
-        qint64 maxMessageBytes = 0;
+        host::InboxLimits limits;
         std::map<QString, std::size_t> known; // of the inbox: directory, message
-        std::map<QString, qint64> sizeOfNobodys; // by directory
+        std::map<QString, Foreign> foreign; // by directory
+        std::vector<Foreign> acknowledged;
     };
 
     void checkInbox(int site);
-    void checkShareOfStrangers(SiteFiles& site);
+    void checkForeign(SiteFiles& site, const QString& directory, const Foreign& message);
+    void checkShares(const SiteFiles& site);
+    void checkAcknowledged(const SiteFiles& site);
+    void checkParts(const SiteFiles& site);
+    static bool stands(const SiteFiles& site, const Foreign& message);
     bool isInInbox(std::size_t index) const;
     std::vector<std::size_t> queuedAt(int site);
     bool fits(const SentMessage& message) const;

@@ -17,7 +17,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr qint64 mostBytes = 1000;
+constexpr int mostOfAbonent = 5;
+
+host::InboxLimits limits()
+{
+    host::InboxLimits limits;
+    limits.maxMessageBytes = 1000;
+    limits.ofAbonent.messages = mostOfAbonent;
+    return limits;
+}
 
 class HubLedgerTest : public testing::Test
 {
@@ -32,8 +40,8 @@ protected:
             for (const char* folder : {"/input", "/incomplete", "/output", "/tasks"})
                 fs::create_directories(directory + site + folder);
         }
-        ledger.addSite(directory + "/0", QStringLiteral("Site0"), mostBytes);
-        ledger.addSite(directory + "/1", QStringLiteral("Site1"), mostBytes);
+        ledger.addSite(directory + "/0", QStringLiteral("Site0"), limits());
+        ledger.addSite(directory + "/1", QStringLiteral("Site1"), limits());
         const host::StorePaths paths = hubPaths(directory + "/0");
         std::ofstream(directory + "/letter") << "content";
         host::OutgoingQueue queue(paths.output, paths.tasks);
@@ -60,7 +68,7 @@ protected:
 
     // As it would stand in the inbox of the second site.
     void receive(const std::string& place, const std::string& content, const std::string& from = "Site0",
-                 const std::string& name = "letter", bool isProved = true)
+                 const std::string& name = "letter", bool isProved = true, int id = 1)
     {
         const std::string path = directory + "/1/input/" + place;
         fs::create_directory(path);
@@ -68,7 +76,13 @@ protected:
         const QByteArray hash = QCryptographicHash::hash("content", QCryptographicHash::Sha256).toHex();
         std::ofstream(path + "/.message")
             << R"({"name":")" << name << R"(","file":")" << name << R"(","from":")" << from << R"(","sha256":")"
-            << hash.toStdString() << R"(","proved":)" << (isProved ? "true}" : "false}");
+            << hash.toStdString() << R"(","id":"00000000000000)" << (id < 16 ? "0" : "") << std::hex << id << std::dec
+            << R"(","proved":)" << (isProved ? "true}" : "false}");
+    }
+
+    void receiveFromRogue(const std::string& place, int id)
+    {
+        receive(place, "content", HubLedger::rogueName.toStdString(), "rogue", true, id);
     }
 
     std::string found() const
@@ -171,7 +185,8 @@ TEST_F(HubLedgerTest, aMessageThatNobodySentIsSeenUnderAKnownNameOnly)
 
 TEST_F(HubLedgerTest, aMessageBeyondTheLimitIsSeen)
 {
-    receive("00000001", std::string(mostBytes + 1, 'x'), "Stranger", "large", false);
+    receive("00000001", std::string(static_cast<std::size_t>(limits().maxMessageBytes) + 1, 'x'), "Stranger", "large",
+            false);
     ledger.check();
     ASSERT_EQ(checks.violations().size(), 2u); // its hash is not right either
     EXPECT_NE(checks.violations().back().find("larger than this inbox takes"), std::string::npos);
@@ -196,5 +211,65 @@ TEST_F(HubLedgerTest, strangersHaveASmallShareOnly)
     for (qint64 count = 0; count <= host::InboxLimits().ofUnproved.messages; ++count)
         receive(std::to_string(10000000 + count), "content", "Stranger", "other", false);
     ledger.check();
-    EXPECT_EQ(found(), "more of strangers in the inbox than may stand there: Site1");
+    EXPECT_EQ(found(), "more of one in the inbox than may stand there: Site1, of strangers");
+}
+
+TEST_F(HubLedgerTest, anAbonentHasItsShareOnly)
+{
+    for (int count = 0; count <= mostOfAbonent; ++count)
+        receiveFromRogue(std::to_string(10000000 + count), count + 1);
+    ledger.check();
+    EXPECT_EQ(found(), "more of one in the inbox than may stand there: Site1, of Rogue");
+}
+
+TEST_F(HubLedgerTest, whatARogueWasToldMustStand)
+{
+    const QByteArray hash = QCryptographicHash::hash("content", QCryptographicHash::Sha256);
+    receiveFromRogue("00000001", 5);
+    ledger.acknowledged(1, HubLedger::rogueName, 5, hash);
+    ledger.checkAnew();
+    EXPECT_EQ(found(), "");
+    fs::remove_all(directory + "/1/input/00000001");
+    ledger.check();
+    EXPECT_EQ(found(), "acknowledged, and gone from the inbox: 0000000000000005");
+    ledger.acknowledged(1, HubLedger::rogueName, 6, hash);
+    EXPECT_NE(checks.violations().back().find("acknowledged, but not in the inbox"), std::string::npos);
+}
+
+TEST_F(HubLedgerTest, aMessageOfARogueStandsOnce)
+{
+    receiveFromRogue("00000001", 5);
+    receiveFromRogue("00000002", 6);
+    ledger.check();
+    EXPECT_EQ(found(), "");
+    receiveFromRogue("00000003", 5);
+    ledger.stored(1);
+    EXPECT_EQ(found(), "twice in the inbox: Site1 00000003");
+}
+
+TEST_F(HubLedgerTest, theIdentifierZeroIsSeen)
+{
+    receiveFromRogue("00000001", 0);
+    ledger.check();
+    EXPECT_EQ(found(), "in the inbox with the identifier 0: Site1 00000001");
+}
+
+TEST_F(HubLedgerTest, partsAreFewAndHaveIdentifiers)
+{
+    const auto makePart = [this](int number, const std::string& id) {
+        const std::string path = directory + "/1/incomplete/" + std::to_string(number);
+        fs::create_directory(path);
+        std::ofstream(path + "/.message") << R"({"from":"Rogue","id":")" << id << R"("})";
+    };
+    for (int number = 0; number < limits().maxPartsOfAbonent; ++number)
+        makePart(number, "0000000000000001");
+    ledger.check();
+    EXPECT_EQ(found(), "");
+    makePart(100, "0000000000000000");
+    ledger.check();
+    EXPECT_EQ(found(), "a part with the identifier 0: Site1");
+    for (int number = 200; number < 210; ++number)
+        makePart(number, "0000000000000001");
+    ledger.check();
+    EXPECT_NE(checks.violations().back().find("too many parts of one peer: Site1, of Rogue"), std::string::npos);
 }

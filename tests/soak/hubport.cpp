@@ -2,6 +2,8 @@
 
 #include "host/session/session.h"
 #include "tests/soak/hubhostile.h"
+#include "tests/soak/hubledger.h"
+#include "tests/soak/hubrogue.h"
 #include "tests/soak/hubsite.h"
 
 #include <algorithm>
@@ -10,7 +12,7 @@ namespace soak {
 
 namespace {
 
-constexpr std::int64_t lookNs = 250 * nsPerMs;
+constexpr std::int64_t lookNs = 500 * nsPerMs;
 constexpr int blockBytes = 1014;
 constexpr qint64 slackMs = 15000; // of a disk that takes its time, several calls one behind the other
 
@@ -53,7 +55,9 @@ void HubCalls::start(Fibers* fibers, HubSite* first, HubSite* second, HubLine* t
         if (m_sites[end])
             fibers->start([this, end] { servePort(end); }, m_sites[end]->process());
     }
-    if (!second)
+    if (m_line.plan.isRogue)
+        m_directory.names[hosttest::testKey(HubRogue::keyNumber)->publicKey()] = HubLedger::rogueName;
+    else if (!second)
         fibers->start([this] { beHostile(); });
 }
 
@@ -62,7 +66,8 @@ void HubCalls::start(Fibers* fibers, HubSite* first, HubSite* second, HubLine* t
 void HubCalls::placeCalls()
 {
     while (!m_over) {
-        const double pauseS = m_faultsOver ? 1 + 2 * m_rng.unit() : m_rng.logBetween(1, 30);
+        const double longestS = m_line.plan.isRogue ? 90 : 30;
+        const double pauseS = m_faultsOver ? 1 + 2 * m_rng.unit() : m_rng.logBetween(1, longestS);
         Fibers::sleepFor(static_cast<std::int64_t>(pauseS * nsPerS));
         if (m_over || !isWanted())
             continue;
@@ -88,16 +93,18 @@ void HubCalls::watchCall()
     const bool isCut = !m_faultsOver && m_rng.chance(m_scenario.cutShare);
     const std::int64_t cutNs =
         isCut ? nowNs() + static_cast<std::int64_t>(m_rng.logBetween(0.05, 120) * nsPerS) : never;
-    bool isDead = false;
+    m_isCutWhenWhole = m_sites[1] && !m_faultsOver && m_rng.chance(m_scenario.cutShare / 2);
+    m_isDead = false;
     while (m_line.stands()) {
-        const bool mustEnd = m_over || (m_faultsOver && (isDead || m_line.plan.isHostile));
+        const bool mustEnd = m_over || (m_faultsOver && (m_isDead || m_line.plan.isHostile));
         if (mustEnd) {
             m_line.die(nowNs(), nowNs());
-        } else if (!isDead && !m_faultsOver && nowNs() >= cutNs) {
+        } else if (!m_isDead && !m_faultsOver && nowNs() >= cutNs) {
             cut();
-            isDead = true;
+            m_isDead = true;
         }
-        Fibers::sleepFor(lookNs);
+        const std::int64_t next = nowNs() + lookNs;
+        Fibers::sleepUntil(cutNs > nowNs() ? std::min(cutNs, next) : next);
     }
 }
 
@@ -114,6 +121,40 @@ void HubCalls::cut()
         }
     }
     m_line.die(learnsNs[0], learnsNs[1]);
+}
+
+// What the receiver now puts into its inbox, the sender soon says again on another line.
+void HubCalls::onEvent(int end, const host::SessionEvent& event)
+{
+    if (event.kind == host::SessionEvent::Kind::PeerNamed)
+        m_namedMs[end] = steadyMs();
+    if (event.kind != host::SessionEvent::Kind::Note && event.kind != host::SessionEvent::Kind::FileDuplicate &&
+        event.kind != host::SessionEvent::Kind::FileFailed)
+        m_usefulMs[end] = steadyMs();
+    const bool isWhole =
+        event.kind == host::SessionEvent::Kind::FileProgress && !event.outgoing && event.done == event.size;
+    if (!isWhole || !m_isCutWhenWhole || m_isDead || m_faultsOver)
+        return;
+    m_isCutWhenWhole = false;
+    m_isDead = true;
+    ++m_faultsMade;
+    m_line.die(end == 1 ? nowNs() : never, end == 0 ? nowNs() : never);
+}
+
+// How long somebody who is nobody's friend may hold a line.
+void HubCalls::checkTimes(int end, const host::SessionSettings& settings, qint64 beganMs)
+{
+    const qint64 nowMs = steadyMs();
+    const auto check = [&](const char* what, qint64 sinceMs, qint64 mostMs) {
+        if (nowMs - sinceMs > mostMs + settings.closingMs + slackMs)
+            m_checks->violation(what + std::to_string((nowMs - sinceMs) / 1000) + " s");
+    };
+    if (m_namedMs[end] < 0)
+        check("somebody who did not say who it is held a line for ", beganMs, settings.openingMs);
+    else
+        check("a line was held without use for ", m_usefulMs[end], settings.uselessMs);
+    if (!m_line.plan.isRogue)
+        check("a stranger held a line for ", beganMs, settings.strangerMs);
 }
 
 // ---- the ends ----
@@ -148,8 +189,13 @@ void HubCalls::serveSession(int end)
     const host::SessionCall call{isOutgoing, isOutgoing ? m_sites[1 - end]->name() : QString()};
     const qint64 beganMs = steadyMs();
     auto session = std::make_unique<host::Session>(
-        settings, call, &m_directory, &site.store(), [&site](const host::SessionEvent& event) { site.onEvent(event); },
+        settings, call, &m_directory, &site.store(),
+        [this, end, &site](const host::SessionEvent& event) {
+            site.onEvent(event);
+            onEvent(end, event);
+        },
         steadyMs());
+    m_namedMs[end] = -1;
     while (!session->isFinished() && site.isUp()) {
         session->receive(in.take(nowNs()), steadyMs());
         session->advance(steadyMs());
@@ -166,8 +212,8 @@ void HubCalls::serveSession(int end)
         if (!session->isFinished())
             Fibers::sleepUntil(std::max(next, nowNs()));
     }
-    if (!m_sites[1 - end] && steadyMs() - beganMs > settings.strangerMs + settings.closingMs + slackMs)
-        m_checks->violation("a stranger held a line for " + std::to_string((steadyMs() - beganMs) / 1000) + " s");
+    if (!m_sites[1 - end])
+        checkTimes(end, settings, beganMs);
     session.reset();
     site.sessionEnds();
 }

@@ -2,6 +2,7 @@
 // and the sessions at its ends.
 #pragma once
 
+#include "host/session/session.h"
 #include "tests/host/sealedpeer.h"
 #include "tests/soak/checks.h"
 #include "tests/soak/fibers.h"
@@ -38,6 +39,8 @@ private:
     void cut();
     void servePort(int end);
     void serveSession(int end);
+    void onEvent(int end, const host::SessionEvent& event);
+    void checkTimes(int end, const host::SessionSettings& settings, qint64 beganMs);
     void beHostile();
 
     const HubScenario& m_scenario;
@@ -50,6 +53,10 @@ private:
     Checks* m_checks = nullptr; // not owned
     bool m_faultsOver = false;
     bool m_over = false;
+    bool m_isDead = false; // the call that stands
+    bool m_isCutWhenWhole = false; // as the last byte of a message comes
+    qint64 m_namedMs[2] = {-1, -1}; // when the session at that end heard who calls
+    qint64 m_usefulMs[2] = {0, 0}; // and last something of use
     std::uint64_t m_faultsMade = 0;
 };
 

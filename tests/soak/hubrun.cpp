@@ -5,6 +5,7 @@
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubline.h"
 #include "tests/soak/hubport.h"
+#include "tests/soak/hubrogue.h"
 #include "tests/soak/hubsite.h"
 #include "tests/soak/simdisk.h"
 
@@ -44,6 +45,7 @@ public:
             HubSite* second = siteOf(calls->line().plan.ends[1]);
             calls->start(&m_fibers, first, second, &m_calls.front()->line(), &m_ledger, &m_checks);
         }
+        startRogue();
         faultyTime();
         finish();
         return result();
@@ -51,6 +53,21 @@ public:
 
 private:
     HubSite* siteOf(int index) { return index < 0 ? nullptr : m_sites[static_cast<std::size_t>(index)].get(); }
+
+    // Of the first two lines that are a rogue's.
+    void startRogue()
+    {
+        std::vector<HubLine*> lines;
+        for (const auto& calls : m_calls) {
+            if (calls->line().plan.isRogue)
+                lines.push_back(&calls->line());
+        }
+        if (lines.size() < 2)
+            return;
+        m_rogue = std::make_unique<HubRogue>(lines[0], lines[1], siteOf(lines[0]->plan.ends[0]), &m_ledger, &m_checks,
+                                             m_scenario.seed * 64 + 63);
+        m_fibers.start([this] { m_rogue->live(); });
+    }
 
     void faultyTime()
     {
@@ -109,6 +126,8 @@ private:
         }
         for (const auto& calls : m_calls)
             calls->setOver();
+        if (m_rogue)
+            m_rogue->setOver();
         for (const auto& site : m_sites)
             site->setOver();
         // Sessions in the middle of something end as their lines do.
@@ -172,6 +191,7 @@ private:
     Fibers m_fibers;
     std::vector<std::unique_ptr<HubSite>> m_sites;
     std::vector<std::unique_ptr<HubCalls>> m_calls;
+    std::unique_ptr<HubRogue> m_rogue;
 };
 
 } // namespace

@@ -15,7 +15,7 @@ HubScenario::SitePlan makeSite(Rng& rng)
     site.syncNs = rng.oneOf<std::int64_t>({0, 5, 50, 400, 400}) * nsPerMs;
     site.callNs = rng.oneOf<std::int64_t>({0, 0, 1, 20}) * nsPerMs;
     site.tickMs = rng.oneOf({50, 100, 250, 500});
-    site.maxMessageBytes = rng.chance(0.3) ? mostMessageBytes / 4 : mostMessageBytes * 10;
+    site.maxMessageBytes = rng.chance(0.3) ? mostMessageBytes / 4 : mostMessageBytes * 100;
     site.messagesPerHour = rng.logBetween(20, 200);
     return site;
 }
@@ -28,6 +28,17 @@ HubScenario::LinePlan makeLine(int from, int to, Rng& rng)
     line.bitsPerSecond = rng.oneOf({2400, 9600, 14400, 33600, 33600, 115200});
     line.delayNs = rng.chance(0.3) ? 0 : static_cast<std::int64_t>(rng.logBetween(1, 600)) * nsPerMs;
     return line;
+}
+
+void addRogue(HubScenario* scenario, Rng& rng)
+{
+    const int site = static_cast<int>(rng.below(2));
+    for (int count = 0; count < 2; ++count) {
+        scenario->lines.push_back(makeLine(site, -1, rng));
+        scenario->lines.back().isHostile = true;
+        scenario->lines.back().isRogue = true;
+        scenario->lines.back().bitsPerSecond = 1000000;
+    }
 }
 
 } // namespace
@@ -61,6 +72,13 @@ HubScenario makeHubScenario(std::uint64_t seed)
     scenario.deathsPerHour = rng.chance(0.3) ? 0 : rng.logBetween(2, 60);
     scenario.powerShare = rng.oneOf({0.0, 0.3, 1.0});
     scenario.fullPerHour = rng.chance(0.5) ? 0 : rng.logBetween(2, 30);
+    double mostPerHour = 0;
+    for (const HubScenario::SitePlan& site : scenario.sites)
+        mostPerHour = std::max(mostPerHour, site.messagesPerHour);
+    scenario.mostMessages =
+        40 + static_cast<qint64>(2 * mostPerHour * static_cast<double>(scenario.durationNs) / (3600.0 * nsPerS));
+    if (rng.chance(0.35))
+        addRogue(&scenario, rng);
     return scenario;
 }
 

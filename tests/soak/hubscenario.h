@@ -5,6 +5,8 @@
 #include "tests/soak/rng.h"
 #include "tests/soak/virtualtime.h"
 
+#include <QtGlobal>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@ struct HubScenario
     {
         int ends[2] = {0, 1}; // sites; the second one of a hostile line is nobody's
         bool isHostile = false;
+        bool isRogue = false; // and its caller is a known abonent, with another such line beside
         int bitsPerSecond = 9600;
         std::int64_t delayNs = 0;
     };
@@ -34,6 +37,7 @@ struct HubScenario
     std::vector<SitePlan> sites;
     std::vector<LinePlan> lines;
     int largestMessage = 0;
+    qint64 mostMessages = 0; // of one abonent in an inbox
     double cutShare = 0; // of the calls
     double deathsPerHour = 0; // of each site
     double powerShare = 0; // of the deaths: the whole machine

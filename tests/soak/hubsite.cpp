@@ -16,10 +16,15 @@ namespace {
 constexpr std::int64_t lookNs = nsPerS;
 constexpr std::int64_t rescanNs = 5 * nsPerS;
 
-host::InboxLimits limitsOf(const HubScenario::SitePlan& plan)
+constexpr qint64 leastShareBytes = 5 << 19;
+constexpr qint64 askedBytes = 1024 * 1024 + 65536; // that may come between two questions
+
+host::InboxLimits limitsOf(const HubScenario& scenario, const HubScenario::SitePlan& plan)
 {
     host::InboxLimits limits;
     limits.maxMessageBytes = plan.maxMessageBytes;
+    limits.ofAbonent = {leastShareBytes + scenario.mostMessages * scenario.largestMessage, scenario.mostMessages,
+                        scenario.mostMessages * 4};
     return limits;
 }
 
@@ -35,7 +40,7 @@ HubSite::HubSite(int index, const HubScenario& scenario, const std::string& dire
 {
     std::filesystem::create_directories(m_sources);
     m_disk.setTimes(m_plan.syncNs, m_plan.callNs);
-    ledger->addSite(m_disk.root(), m_name, m_plan.maxMessageBytes);
+    ledger->addSite(m_disk.root(), m_name, limitsOf(scenario, m_plan));
 }
 
 // ---- the process ----
@@ -58,7 +63,11 @@ void HubSite::beginProcess()
     ++m_starts;
     setProcessAlive(m_process, true);
     setDiskOfProcess(m_process, &m_disk);
-    m_store = std::make_unique<host::MessageStore>(hubPaths(m_disk.root()), limitsOf(m_plan));
+    m_limits = limitsOf(m_scenario, m_plan);
+    if (!m_faultsOver && m_rng.chance(0.2)) // an operator who takes less for a while
+        m_limits.maxMessageBytes =
+            static_cast<qint64>(m_rng.logBetween(100, static_cast<double>(m_plan.maxMessageBytes)));
+    m_store = std::make_unique<host::MessageStore>(hubPaths(m_disk.root()), m_limits);
     QString error;
     m_store->open(&error);
     m_up = error.isEmpty();
@@ -140,8 +149,38 @@ void HubSite::onEvent(const host::SessionEvent& event)
         return;
     m_checks->note(static_cast<std::uint64_t>(nowNs()));
     m_checks->note(static_cast<std::uint64_t>(event.kind));
-    if (event.kind == host::SessionEvent::Kind::FileDelivered)
-        m_ledger->delivered(m_index, event.fileName);
+    switch (event.kind) {
+    case host::SessionEvent::Kind::FileDelivered: m_ledger->delivered(m_index, event.fileName); break;
+    case host::SessionEvent::Kind::FileStored: m_ledger->stored(m_index); break;
+    case host::SessionEvent::Kind::FileBegun:
+        if (!event.outgoing)
+            checkTakenUp(event);
+        break;
+    case host::SessionEvent::Kind::FileProgress:
+        if (!event.outgoing)
+            checkGrowth(event);
+        break;
+    default: break;
+    }
+}
+
+void HubSite::checkTakenUp(const host::SessionEvent& event)
+{
+    if (event.size > m_limits.maxMessageBytes)
+        m_checks->violation("takes up a message of " + std::to_string(event.size) + " bytes, more than it may have");
+    if (event.size > event.done && m_disk.shortForNs() > noticedNs)
+        m_checks->violation("takes a message up although the disk is short");
+}
+
+void HubSite::checkGrowth(const host::SessionEvent& event)
+{
+    if (!m_disk.isShort()) {
+        m_bytesWhenShort.clear();
+        return;
+    }
+    const qint64 before = m_bytesWhenShort.emplace(event.sha256, event.done).first->second;
+    if (event.done - before > askedBytes)
+        m_checks->violation("goes on with a message although the disk is short");
 }
 
 // ---- what goes wrong ----
@@ -172,15 +211,20 @@ void HubSite::suffer()
 
 void HubSite::fillDisk(std::int64_t ns)
 {
-    m_disk.setFull(true);
+    const bool isShortOnly = m_rng.chance(0.3);
+    isShortOnly ? m_disk.setShort(true) : m_disk.setFull(true);
     for (const std::int64_t until = nowNs() + ns; nowNs() < until && !m_faultsOver;)
         Fibers::sleepFor(std::min<std::int64_t>(until - nowNs(), nsPerS));
+    m_disk.setShort(false);
     m_disk.setFull(false);
 }
 
 void HubSite::endFaults()
 {
     m_faultsOver = true;
+    if (m_limits.maxMessageBytes < m_plan.maxMessageBytes)
+        m_restart = true;
+    m_disk.setShort(false);
     m_disk.setFull(false);
     m_disk.dieAtCall(0); // no such call any more
 }

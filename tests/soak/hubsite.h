@@ -13,13 +13,18 @@
 #include <QString>
 
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <vector>
 
 namespace soak {
 
 class HubSite
 {
 public:
+    // After so long everybody who asks before each step has noticed that the disk is short.
+    static constexpr std::int64_t noticedNs = 5 * nsPerS;
+
     // Neither checks nor ledger is owned. directory: of the run, for this site's disk.
     HubSite(int index, const HubScenario& scenario, const std::string& directory, HubLedger* ledger, Checks* checks);
 
@@ -39,6 +44,7 @@ public:
     SimDisk& disk() { return m_disk; }
     host::MessageStore& store() { return *m_store; }
     const QString& name() const { return m_name; }
+    const host::InboxLimits& limits() const { return m_limits; }
 
     // Sessions count themselves, since the process ends behind the last one.
     void sessionBegins() { ++m_sessions; }
@@ -63,6 +69,8 @@ private:
     void endProcess();
     void queueNext();
     void fillDisk(std::int64_t ns);
+    void checkTakenUp(const host::SessionEvent& event);
+    void checkGrowth(const host::SessionEvent& event);
 
     const int m_index;
     const HubScenario& m_scenario;
@@ -74,6 +82,8 @@ private:
     SimDisk m_disk;
     Rng m_rng;
     std::unique_ptr<host::MessageStore> m_store;
+    host::InboxLimits m_limits; // of this process
+    std::map<QByteArray, qint64> m_bytesWhenShort; // that had come of a message when the disk was short
     std::vector<Wish> m_wishes;
     int m_process = 0;
     int m_sessions = 0;

@@ -75,6 +75,25 @@ void SimDisk::setTimes(std::int64_t syncNs, std::int64_t otherNs)
     m_otherNs = otherNs;
 }
 
+void SimDisk::setFull(bool full)
+{
+    if (!isShort())
+        m_shortSinceNs = nowNs();
+    m_full = full;
+}
+
+void SimDisk::setShort(bool isItShort)
+{
+    if (!isShort())
+        m_shortSinceNs = nowNs();
+    m_short = isItShort;
+}
+
+std::int64_t SimDisk::shortForNs() const
+{
+    return isShort() ? nowNs() - m_shortSinceNs : 0;
+}
+
 SimDisk::Usage SimDisk::usage() const
 {
     Directly directly;

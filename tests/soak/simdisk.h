@@ -34,8 +34,11 @@ public:
 
     // About so long a call takes; the fibers sleep meanwhile. 0: no time.
     void setTimes(std::int64_t syncNs, std::int64_t otherNs);
-    void setFull(bool full) { m_full = full; }
+    void setFull(bool full); // writes fail
     bool isFull() const { return m_full; }
+    void setShort(bool isShort); // they do not, but less is free than should stay so
+    bool isShort() const { return m_full || m_short; }
+    std::int64_t shortForNs() const; // 0: it is not
 
     void dieAtCall(std::uint64_t callsFromNow) { m_dieAtCall = m_calls + callsFromNow; }
     void die() { m_dead = true; }
@@ -119,6 +122,8 @@ private:
     std::int64_t m_syncNs = 0;
     std::int64_t m_otherNs = 0;
     bool m_full = false;
+    bool m_short = false;
+    std::int64_t m_shortSinceNs = 0;
     bool m_dead = false;
     std::uint64_t m_calls = 0;
     std::uint64_t m_dieAtCall = 0;

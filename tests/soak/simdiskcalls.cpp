@@ -31,6 +31,7 @@ using soak::SimDisk;
 using Call = SimDisk::Call;
 
 constexpr std::uint64_t freeBlocks = 1 << 22;
+constexpr std::uint64_t blocksWhenShort = 1 << 10; // less than an inbox leaves free
 
 bool simulating = false;
 soak::Rng* entropy = nullptr; // never freed
@@ -232,7 +233,8 @@ void showSpace(Space* space)
         return;
     space->f_bsize = space->f_frsize = 4096;
     space->f_blocks = freeBlocks * 2;
-    space->f_bfree = space->f_bavail = found->second->isFull() ? 0 : freeBlocks;
+    const SimDisk& disk = *found->second;
+    space->f_bfree = space->f_bavail = disk.isFull() ? 0 : disk.isShort() ? blocksWhenShort : freeBlocks;
     space->f_files = space->f_ffree = space->f_favail = freeBlocks;
 }
 
