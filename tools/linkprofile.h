@@ -2,6 +2,8 @@
 // and its arithmetic stand in docs/tuning.md.
 #pragma once
 
+#include "com/formats/ccomsettings.h"
+
 namespace tune {
 
 // A line as an operator knows it.
@@ -23,7 +25,7 @@ constexpr int largestBufferBytes = 1 << 20;
 // maxBytesToWrite is never less than packetSize, or it would cut the packets.
 struct LinkProfile
 {
-    int packetSize = 1024; // bytes
+    int packetSize = ChannelComSettings::defaultPacketSize; // bytes
     int maxBytesToWrite = 1024; // Details/transportComMaxBytesToWrite, bytes
     int maxBytesInQueue = 10240; // Details/transportComMaxBytesInQueue, bytes
     int resendIntervalMs = 2000; // Details/transportComResendInterval

@@ -56,6 +56,9 @@ void dropEndlessInput(QIODevice& input);
 // written. Does not wait. The port's own thread.
 void dropInput(QSerialPort& port);
 
+// How long a modem that holds its port up keeps a command waiting.
+constexpr int commandWriteWaitMs = 500;
+
 // Writes the bytes and waits up to waitMs for them to go out. The port's own thread.
 void writeCommand(QSerialPort& port, const QByteArray& command, int waitMs);
 

@@ -22,7 +22,6 @@ namespace {
 
 constexpr int passPauseMs = 10;
 constexpr int pauseStepMs = 10;
-constexpr int writeWaitMs = 500;
 constexpr int hangUpWriteWaitMs = 100;
 constexpr int wrongAnswerPauseMs = 1000;
 constexpr int lateAnswersMs = 300;
@@ -207,7 +206,7 @@ void CComThread::startCheck(PassState& pass)
     pass.timer.start();
     PortReports::writeLog(QStringLiteral("Запись команды: AT"), DebugTransportComAtCommands);
     m_reports.addEvent(QStringLiteral("Запись команды 'AT'"));
-    writeCommand(pass.port, checkCommand(), writeWaitMs);
+    writeCommand(pass.port, checkCommand(), commandWriteWaitMs);
 }
 
 void CComThread::checkUnanswered(PassState& pass)
@@ -300,7 +299,7 @@ void CComThread::answerCall(PassState& pass)
     PortReports::writeLog(QStringLiteral("Запись команды: ATA"), DebugTransportComAtCommands);
     m_reports.addEvent(QStringLiteral("Входящий вызов. Запись команды: ATA"));
     dropInput(pass.port);
-    writeCommand(pass.port, answerCommand(), writeWaitMs);
+    writeCommand(pass.port, answerCommand(), commandWriteWaitMs);
     m_connection.setAbonentName(QString());
     m_state = WaitingForConnect;
     pass.timer.start();
@@ -314,7 +313,7 @@ void CComThread::dial(PassState& pass)
     PortReports::writeLog(QStringLiteral("Запись команды: ATD%1").arg(m_number), DebugTransportComAtCommands);
     m_reports.addEvent(call + QStringLiteral(". Запись команды: ATD") + m_number);
     dropInput(pass.port);
-    writeCommand(pass.port, dialCommand(m_number), writeWaitMs);
+    writeCommand(pass.port, dialCommand(m_number), commandWriteWaitMs);
     moveState(CallRequested, WaitingForConnect);
     pass.timer.start();
 }
@@ -365,7 +364,7 @@ void CComThread::resetModem(PassState& pass)
     if (!pass.timer.isValid()) {
         PortReports::writeLog(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
         port.readAll();
-        writeCommand(port, escapeCommand(), writeWaitMs);
+        writeCommand(port, escapeCommand(), commandWriteWaitMs);
         waitForInput(port, 200);
         pass.timer.start();
         return;

@@ -5,12 +5,6 @@
 
 #include <QSerialPort>
 
-namespace {
-
-constexpr int writeWaitMs = 500;
-
-} // namespace
-
 void configurePort(QSerialPort& port, const ComPortSettings& settings, const PortReports& reports)
 {
     const auto check = [&](bool isSet, const QString& failure) {
@@ -38,5 +32,5 @@ void sendInitString(QSerialPort& port, const QString& initString, const PortRepo
         return;
     reports.addEvent(QStringLiteral("Отправка строки инициализации: %1").arg(initString));
     PortReports::writeLog(QStringLiteral("Запись команды: %1").arg(initString), DebugTransportComAtCommands);
-    writeCommand(port, initCommand(initString), writeWaitMs);
+    writeCommand(port, initCommand(initString), commandWriteWaitMs);
 }
