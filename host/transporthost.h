@@ -71,7 +71,10 @@ public:
     void stop(HostEnd end);
 
     [[nodiscard]] Identity identity() const { return m_identity; }
-    [[nodiscard]] QVector<ChannelRow> channels() const { return m_channels->rows(); }
+    [[nodiscard]] QVector<ChannelRow> channels() const
+    {
+        return m_channels ? m_channels->rows() : QVector<ChannelRow>();
+    }
     [[nodiscard]] QVector<FileProgress> files() const { return m_transfers.files(); }
     [[nodiscard]] QVector<QueuedMessage> queue() const;
     [[nodiscard]] int receivedCount() const { return m_transfers.receivedCount(); }

@@ -3,6 +3,7 @@
 #include "host/channel/hostjournal.h"
 #include "host/installation/hostsettings.h"
 #include "host/program/terminalview.h"
+#include "host/transporthost.h"
 #include "tests/host/storetools.h"
 
 #include <gtest/gtest.h>
@@ -243,13 +244,48 @@ TEST(TerminalView, PictureFitsTheTerminalAndShowsNoControlCharacters)
     file.done = 50;
     picture.files = {file};
     picture.journal = QStringList{QString(200, QLatin1Char('j'))};
+    const Picture::Port hostile{{2, 2, QStringLiteral("evil\x1B[2J"), QStringLiteral("evil\x1B[2J"), 0, 0}, 0, 0};
+    picture.ports.append(hostile);
     const QStringList lines = renderPicture(picture, 80);
-    ASSERT_EQ(lines.size(), 4);
+    ASSERT_EQ(lines.size(), 5);
     EXPECT_EQ(lines.at(1), QStringLiteral("ttyS0          Свободен  in 1.5 kB (750 B/s)  out 0 B (0 B/s)"));
     EXPECT_TRUE(lines.at(2).startsWith(
         QStringLiteral("  <- [###############---------------]  50% 50 B of 100 B  evil\uFFFD[2J")));
     for (const QString& line : lines) {
         EXPECT_LE(line.size(), 80);
         EXPECT_FALSE(line.contains(QLatin1Char('\x1B')));
+    }
+}
+
+// Names, states and answers come from modems and peers: none of it is for the terminal to obey.
+TEST(TerminalView, NothingRawReachesTheTerminal)
+{
+    const QString raw = QStringLiteral("\x1B]0;x\x07\u061C\u202Eend");
+    for (const ViewKind kind : {ViewKind::Plain, ViewKind::Live}) {
+        TransportHost host{HostOptions()};
+        std::FILE* const out = std::tmpfile();
+        ASSERT_NE(out, nullptr);
+        TerminalView view(&host, kind, out);
+        JournalRecord record;
+        record.time = QDateTime::currentDateTime();
+        record.source = QStringLiteral("source") + raw;
+        record.text = QStringLiteral("text") + raw;
+        emit host.journalRecord(record);
+        ChannelRow row;
+        row.name = QStringLiteral("port") + raw;
+        row.state = QStringLiteral("state") + raw;
+        emit host.stateChanged(row);
+        view.showTrouble(QStringLiteral("trouble") + raw);
+        view.finish();
+        std::rewind(out);
+        QFile file;
+        ASSERT_TRUE(file.open(out, QIODevice::ReadOnly));
+        const QString shown = QString::fromUtf8(file.readAll());
+        std::fclose(out);
+        EXPECT_TRUE(shown.contains(QStringLiteral("text"))) << qPrintable(shown);
+        EXPECT_TRUE(shown.contains(QStringLiteral("trouble"))) << qPrintable(shown);
+        for (const QString& part :
+             {QStringLiteral("\x1B]"), QStringLiteral("\x07"), QStringLiteral("\u061C"), QStringLiteral("\u202E")})
+            EXPECT_FALSE(shown.contains(part)) << qPrintable(shown);
     }
 }
