@@ -155,6 +155,21 @@ TEST_F(ProgramStatus, WhatCannotBeReadIsToldAndTheRestIsShown)
     EXPECT_TRUE(text.out.contains(QStringLiteral("queue: 1\n")));
 }
 
+// What a peer or a modem has said of a message that waits.
+TEST_F(ProgramStatus, ReasonsAreSafeOnATerminal)
+{
+    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    ASSERT_EQ(installation.call({QStringLiteral("send"), QStringLiteral("Bob"), source}).status, 0);
+    const QString raw = QStringLiteral("told\u001B[2J\u0007\u061Cend");
+    writeFile(installation.root + QStringLiteral("/data/0/messages/output/00000001/reason.json"),
+              "{\"kind\":\"refused\",\"text\":\"told\\u001b[2J\\u0007\\u061cend\"}");
+    const QString out = status().out;
+    EXPECT_TRUE(out.contains(QStringLiteral("told"))) << qPrintable(out);
+    EXPECT_FALSE(out.contains(raw));
+    for (const char16_t character : {0x1B, 0x07, 0x061C})
+        EXPECT_FALSE(out.contains(QChar(character))) << int(character);
+}
+
 TEST_F(ProgramStatus, JsonIsSafeOnATerminal)
 {
     const QString name = QStringLiteral("a\u009B2J\u202E\u061C\u2028\u007F\u200DЖ\U000E0041z");
