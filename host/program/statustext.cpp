@@ -23,7 +23,7 @@ QString portState(const Status& status, const ComPortSettings& port)
 {
     if (!port.enabled)
         return QStringLiteral("disabled");
-    for (const QJsonValue& value : status.running[QStringLiteral("ports")].toArray()) {
+    for (const auto& value : status.running[QStringLiteral("ports")].toArray()) {
         const QJsonObject row = value.toObject();
         if (row[QStringLiteral("name")].toString() == port.portName)
             return QStringLiteral("%1, in %2, out %3")

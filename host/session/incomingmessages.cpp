@@ -101,7 +101,7 @@ void IncomingMessages::onOffer(const Frame& frame)
         m_session->giveUp(brokenProtocol(QStringLiteral("offer")));
         return;
     }
-    m_receiving.emplace();
+    m_receiving = Receiving{};
     m_receiving->offer = offer;
     m_receiving->offerIndex = m_nextOffer++;
     m_receiving->position = offer.offset;

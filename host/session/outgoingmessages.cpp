@@ -101,7 +101,7 @@ bool OutgoingMessages::begin()
         return true;
     }
     QString error;
-    m_sending.emplace();
+    m_sending = Sending{};
     m_sending->message = std::move(*next);
     m_sending->device = m_store->openOutgoing(m_sending->message, &error);
     if (!m_sending->device) {

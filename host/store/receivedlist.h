@@ -51,7 +51,7 @@ private:
         quint64 order = 0;
     };
 
-    void apply(const QByteArray& line);
+    void apply(const QByteArray& text);
     QString rewrite();
     QString append(const QByteArray& lines, bool sync, bool* isLeft = nullptr);
     void apply(char kind, const Key& key);
