@@ -6,34 +6,22 @@
 // returns. Modems are counted from 1.
 #pragma once
 
-#include "sim/line/callstatistics.h"
-#include "sim/line/linesettings.h"
+#include "sim/exchange/calls.h"
+#include "sim/exchange/taskqueue.h"
 #include "sim/modem/virtualmodem.h"
 
 #include <QString>
 #include <QVector>
 
 #include <atomic>
-#include <condition_variable>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 struct pollfd;
 
 namespace sim {
-
-struct ExchangeSettings
-{
-    LineSettings line; // of every call, until changeLine()
-    int ringIntervalMs = 5000; // from the beginning of one ring to that of the next
-    int ringLengthMs = 1000; // how long RI stands, for modems that raise it
-    int noAnswerAfterMs = 60000; // of ringing; S7 of the caller may make it shorter
-    int trainingMs = 0; // from the answer to CONNECT
-};
 
 struct ExchangeEvent
 {
@@ -55,13 +43,13 @@ struct ModemStatus
     ModemFaults faults;
 };
 
-class Exchange
+class Exchange : private CallsHost
 {
 public:
     using Observer = std::function<void(const ExchangeEvent& event)>;
 
-    explicit Exchange(const ExchangeSettings& settings = {});
-    ~Exchange(); // stops it
+    explicit Exchange(const CallSettings& settings = {});
+    ~Exchange() override; // stops it
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
 
@@ -102,76 +90,36 @@ public:
     int activeCalls() const;
 
 private:
-    struct Call;
-    using CallPtr = std::unique_ptr<Call>;
-
     // The thread.
     void run();
     qint64 step(qint64 nowNs);
-    void runTasks();
-    void perform(const std::function<void()>& task) const;
-    void wakeThread() const;
     void report();
     void waitForWork(qint64 nowNs, qint64 wakeNs);
-    QString onModem(int modem, const std::function<QString(VirtualModem&)>& action);
-
-    // Modems.
-    VirtualModem* find(int modem) const;
     void stepModem(VirtualModem& modem, qint64 nowNs);
     void serve(VirtualModem& modem, qint64 nowNs);
-    bool isPaced(const VirtualModem& modem) const;
+
+    // Commands.
+    QString onModem(int modem, const std::function<QString(VirtualModem&)>& action);
+    QString setFault(int modem, bool ModemFaults::*fault, bool set, const QString& text);
+    VirtualModem* find(int modem) const;
     void detach(VirtualModem& modem);
 
-    // Calls.
-    Call* callOf(const VirtualModem& modem) const;
-    Call* callRinging(const VirtualModem& modem) const;
-    void beginCall(VirtualModem& caller, const QString& number, qint64 pauseNs, qint64 nowNs);
-    void placeCall(Call& call, qint64 nowNs);
-    void answerCall(VirtualModem& called, qint64 nowNs);
-    void connectCall(Call& call, qint64 nowNs);
-    void hangUp(VirtualModem& modem, qint64 nowNs);
-    void failCall(Call& call, CallFailure failure, const QString& why);
-    void loseCarrier(Call& call, const QString& why);
-    void endCall(Call& call, const QString& why);
-    void endAllCalls();
-    void stepCall(Call& call, qint64 nowNs);
-    void stepRinging(Call& call, qint64 nowNs);
-    void stepConnected(Call& call, qint64 nowNs);
-    void stepEnding(Call& call, qint64 nowNs);
-    void pump(VirtualModem* from, VirtualModem* to, Call& call, LineDirection& direction, qint64 nowNs);
-    void deliverDue(VirtualModem* to, Call& call, LineDirection& direction, qint64 nowNs);
-    void updateNoise(Call& call);
-    qint64 nextCallEventNs(const Call& call) const;
-    void tell(int modem, const QString& text) const;
+    CallParty* partyAt(const QString& number) override;
+    void tell(int modem, const QString& text) override;
     qint64 nowNs() const;
 
-    const ExchangeSettings m_settings;
     const qint64 m_originNs;
     Observer m_observer;
 
     // Of the thread that works, which is the caller's own while none runs.
-    LineSettings m_line;
     std::vector<std::unique_ptr<VirtualModem>> m_modems;
-    std::vector<CallPtr> m_calls;
-    QVector<CallStatistics> m_endedCalls;
-    mutable std::vector<ExchangeEvent> m_events;
+    Calls m_calls;
+    std::vector<ExchangeEvent> m_events;
     std::vector<pollfd> m_polled;
-    int m_callCount = 0;
-    int m_droppedCalls = 0;
 
-    // Between threads.
-    int m_wakeFd = -1;
+    mutable TaskQueue m_tasks;
     std::thread m_thread;
     std::atomic<bool> m_stopping{false};
-    struct Task
-    {
-        const std::function<void()>* work;
-        bool done;
-    };
-    mutable std::mutex m_mutex;
-    mutable std::condition_variable m_taskDone;
-    mutable std::deque<Task*> m_tasks; // guarded by m_mutex
-    std::thread::id m_worker; // guarded by m_mutex; none while no thread runs
 };
 
 } // namespace sim

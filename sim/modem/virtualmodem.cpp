@@ -1,10 +1,12 @@
 #include "sim/modem/virtualmodem.h"
 
+#include <utility>
+
 namespace sim {
 
-VirtualModem::VirtualModem(int modemIndex, const ModemSettings& modemSettings, Trace trace)
-    : index(modemIndex), settings(modemSettings), endpoint(modemSettings.linkPath),
-      modem(this, modemSettings.number, modemSettings.ringStyle), m_trace(std::move(trace))
+VirtualModem::VirtualModem(int index, const ModemSettings& modemSettings, Trace trace)
+    : settings(modemSettings), endpoint(modemSettings.linkPath),
+      modem(this, modemSettings.number, modemSettings.ringStyle), m_index(index), m_trace(std::move(trace))
 {
     endpoint.setDepth(settings.depthBytes);
     reset();
@@ -49,11 +51,21 @@ bool VirtualModem::flush()
     return m_toProgram.flush(endpoint);
 }
 
-qint64 VirtualModem::takeOverrun()
+qint64 VirtualModem::deliver(const QByteArray& bytes)
 {
-    const qint64 overrun = m_overrun;
-    m_overrun = 0;
-    return overrun;
+    toProgram(bytes);
+    return std::exchange(m_overrun, 0);
+}
+
+bool VirtualModem::isBusy() const
+{
+    return faults.busy || (isAlive() && modem.state() != ModemState::OnHook);
+}
+
+void VirtualModem::ring(qint64 nowNs)
+{
+    if (responds() && !faults.noAnswer)
+        modem.ring(nowNs);
 }
 
 void VirtualModem::setPowered(bool powered)
@@ -127,7 +139,7 @@ void VirtualModem::setRingIndicator(bool raised)
 
 void VirtualModem::trace(const QString& text)
 {
-    m_trace(index, text);
+    m_trace(m_index, text);
 }
 
 void VirtualModem::reset()

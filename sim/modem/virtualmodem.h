@@ -2,7 +2,7 @@
 // faults it was told to have. Used in the exchange's thread only.
 #pragma once
 
-#include "sim/modem/modem.h"
+#include "sim/modem/callparty.h"
 #include "sim/pty/backlog.h"
 #include "sim/pty/ptyendpoint.h"
 
@@ -42,7 +42,7 @@ struct ModemFaults
     bool noNoise = false; // the noise of its lines is off
 };
 
-class VirtualModem : private ModemHost
+class VirtualModem : public CallParty, private ModemHost
 {
 public:
     using Trace = std::function<void(int modem, const QString& text)>;
@@ -50,14 +50,12 @@ public:
     // index: counted from 1, names the modem in what trace is told.
     VirtualModem(int index, const ModemSettings& settings, Trace trace);
 
-    const int index;
     const ModemSettings settings;
     PtyEndpoint endpoint;
     Modem modem;
     ModemFaults faults;
     std::deque<ModemRequest> requests;
 
-    QString name() const { return QStringLiteral("modem%1").arg(index); }
     // Powered and plugged in.
     bool isAlive() const { return m_powered && endpoint.isOpen(); }
     bool isPowered() const { return m_powered; }
@@ -68,19 +66,34 @@ public:
     void watchDtr(qint64 nowNs);
     // One byte of a command; false when the program has written none.
     bool takeCommandByte(qint64 nowNs);
-    // Data of at most room bytes, as it goes to the line.
-    QByteArray takeData(qint64 room, qint64 nowNs);
     // Drops what the program has written.
     void swallow() { endpoint.read(); }
-    void deliver(const QByteArray& bytes) { toProgram(bytes); }
+    void say(const QByteArray& text) { toProgram("\r\n" + text + "\r\n"); }
     // Writes what its program could not yet take; true while some is left.
     bool flush();
-    // Bytes that found no place since last asked, because the program does not read.
-    qint64 takeOverrun();
 
     void setPowered(bool powered);
     void unplug();
     bool plugIn();
+
+    int index() const override { return m_index; }
+    ModemState state() const override { return modem.state(); }
+    bool hasDialTone() const override { return !faults.noDialTone; }
+    bool isBusy() const override;
+    bool isNoisy() const override { return !faults.noNoise; }
+    int carrierWaitSeconds() const override { return modem.registerValue(7); }
+    void ring(qint64 nowNs) override;
+    void ringPauses() override { modem.ringPauses(); }
+    void ringingStopped() override { modem.ringingStopped(); }
+    void connected(int bitsPerSecond, qint64 nowNs) override { modem.connected(bitsPerSecond, nowNs); }
+    void callFailed(CallFailure failure) override { modem.callFailed(failure); }
+    void carrierLost() override { modem.carrierLost(); }
+    bool isInDataMode() const override { return responds() && modem.state() == ModemState::Data; }
+    void setPace(int bytesPerS) override { endpoint.setDrainRate(bytesPerS); }
+    bool hasData() const override { return endpoint.hasInput(); }
+    QByteArray takeData(qint64 room, qint64 nowNs) override;
+    qint64 waitingBytes() const override { return endpoint.bytesFromProgram(); }
+    qint64 deliver(const QByteArray& bytes) override;
 
 private:
     void toProgram(const QByteArray& bytes) override;
@@ -94,6 +107,7 @@ private:
     void reset();
     void showLines();
 
+    const int m_index;
     const Trace m_trace;
     bool m_powered = true;
     bool m_carrier = false;
@@ -102,7 +116,7 @@ private:
     unsigned m_dtrDrops = 0;
     Backlog m_toProgram;
     QByteArray m_toLine;
-    qint64 m_overrun = 0;
+    qint64 m_overrun = 0; // bytes that found no place, since the last delivery
 };
 
 } // namespace sim

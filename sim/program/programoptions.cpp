@@ -139,7 +139,7 @@ struct Parser
 
     bool take(const QString& name, const QString& value)
     {
-        ExchangeSettings& exchange = result->exchange;
+        CallSettings& exchange = result->exchange;
         if (isLineOption(name))
             return exchange.line.change(name + QLatin1Char('=') + value, error);
         if (name == QLatin1String("modems"))

@@ -11,7 +11,7 @@ namespace sim {
 
 struct ProgramOptions
 {
-    ExchangeSettings exchange;
+    CallSettings exchange;
     QVector<ModemSettings> modems;
     QString linkDir;
     QString tablePath;

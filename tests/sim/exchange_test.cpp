@@ -55,9 +55,9 @@ class ExchangeTest : public testing::Test
 {
 protected:
     // Quick where the exchange's own pauses are not the matter of a test.
-    ExchangeSettings quick(const char* line = "rate=115200") const
+    CallSettings quick(const char* line = "rate=115200") const
     {
-        ExchangeSettings settings;
+        CallSettings settings;
         QString error;
         EXPECT_TRUE(settings.line.change(QString::fromLatin1(line), &error)) << error.toStdString();
         settings.ringIntervalMs = 100;
@@ -65,7 +65,7 @@ protected:
         return settings;
     }
 
-    void make(const ExchangeSettings& settings, int modems = 2, RingStyle ringStyle = RingStyle::Line)
+    void make(const CallSettings& settings, int modems = 2, RingStyle ringStyle = RingStyle::Line)
     {
         exchange = std::make_unique<Exchange>(settings);
         for (int i = 1; i <= modems; ++i)
@@ -405,7 +405,7 @@ TEST_F(ExchangeTest, WhoDialsWhileItRingsEndsBothCalls)
 
 TEST_F(ExchangeTest, NoAnswer)
 {
-    ExchangeSettings settings = quick();
+    CallSettings settings = quick();
     settings.noAnswerAfterMs = 250;
     make(settings);
     at(2);
@@ -457,7 +457,7 @@ TEST_F(ExchangeTest, PausesOfTheDialStringAreKept)
 
 TEST_F(ExchangeTest, TrainingTakesItsTime)
 {
-    ExchangeSettings settings = quick();
+    CallSettings settings = quick();
     settings.trainingMs = 300;
     make(settings);
     at(2);
@@ -560,7 +560,7 @@ TEST_F(ExchangeTest, CarrierDropsAfterATime)
 
 TEST_F(ExchangeTest, ASilentModem)
 {
-    ExchangeSettings settings = quick();
+    CallSettings settings = quick();
     settings.noAnswerAfterMs = 200;
     make(settings);
     ASSERT_EQ(exchange->setSilent(2, true), QString());
@@ -627,7 +627,7 @@ TEST_F(ExchangeTest, PowerOffDropsTheLinesAndPowerOnRaisesThem)
 
 TEST_F(ExchangeTest, BusyNoDialToneAndNoAnswerOnCommand)
 {
-    ExchangeSettings settings = quick();
+    CallSettings settings = quick();
     settings.noAnswerAfterMs = 200;
     make(settings);
     ASSERT_EQ(exchange->setBusy(2, true), QString());

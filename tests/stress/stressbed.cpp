@@ -11,9 +11,9 @@ namespace testsupport {
 
 namespace {
 
-sim::ExchangeSettings exchangeSettings(const sim::LineSettings& line)
+sim::CallSettings exchangeSettings(const sim::LineSettings& line)
 {
-    sim::ExchangeSettings settings;
+    sim::CallSettings settings;
     settings.line = line;
     settings.ringIntervalMs = 400;
     settings.ringLengthMs = 100;
