@@ -13,11 +13,6 @@ int modemIndex(const QString& word)
     return valid && index > 0 ? index : 0;
 }
 
-QString wantModem(const QString& command)
-{
-    return QStringLiteral("say which modem, as: %1 1").arg(command);
-}
-
 QString stateText(ModemState state)
 {
     switch (state) {
@@ -69,141 +64,179 @@ QString faultsText(const ModemStatus& status)
     return text;
 }
 
+QString statusText(int modem, const ModemStatus& status)
+{
+    return QStringLiteral("modem%1 %2 %3: %4, %5, %6 bit/s%7")
+        .arg(QString::number(modem), status.number, status.portPath, stateText(status.state), linesText(status),
+             QString::number(status.baudRate), faultsText(status));
+}
+
+// One command as it was written: words never empty, the first is the command's name.
+struct Request
+{
+    Exchange& exchange;
+    const QString& text;
+    const QStringList& words;
+
+    // The modem that word n names; 0 when there is no such word, or it names none.
+    int modem(int n) const { return modemIndex(words.value(n)); }
+};
+
+QString wantModem(const Request& request)
+{
+    return QStringLiteral("say which modem, as: %1 1").arg(request.words.first());
+}
+
+QString help(const Request&, ControlReply* reply)
+{
+    reply->lines = Control::help();
+    return QString();
+}
+
+QString status(const Request& request, ControlReply* reply)
+{
+    for (int modem = 1; modem <= request.exchange.modemCount(); ++modem)
+        reply->lines.append(statusText(modem, request.exchange.status(modem)));
+    return QString();
+}
+
+QString statistics(const Request& request, ControlReply* reply)
+{
+    for (const CallStatistics& call : request.exchange.endedCalls())
+        reply->lines += call.toText().split(QLatin1Char('\n'));
+    return QString();
+}
+
+template <QString (Exchange::*action)(int)>
+QString onModem(const Request& request, ControlReply*)
+{
+    const int modem = request.words.size() == 2 ? request.modem(1) : 0;
+    return modem > 0 ? (request.exchange.*action)(modem) : wantModem(request);
+}
+
+template <QString (Exchange::*action)(int, bool)>
+QString onSwitch(const Request& request, ControlReply*)
+{
+    const QStringList& words = request.words;
+    const int modem = words.size() == 3 ? request.modem(1) : 0;
+    const bool on = words.last() == QLatin1String("on");
+    if (modem == 0 || (!on && words.last() != QLatin1String("off")))
+        return QStringLiteral("say which modem, and on or off, as: %1 1 on").arg(words.first());
+    return (request.exchange.*action)(modem, on);
+}
+
+QString noise(const Request& request, ControlReply* reply)
+{
+    const QStringList& words = request.words;
+    if (words.size() != 2)
+        return onSwitch<&Exchange::setNoise>(request, reply);
+    const bool on = words.last() == QLatin1String("on");
+    if (!on && words.last() != QLatin1String("off"))
+        return QStringLiteral("say on or off, as: noise off");
+    return request.exchange.setNoise(0, on);
+}
+
+QString line(const Request& request, ControlReply* reply)
+{
+    if (request.words.size() == 1) {
+        reply->lines.append(request.exchange.line().toString());
+        return QString();
+    }
+    return request.exchange.changeLine(request.words.mid(1).join(QLatin1Char(',')));
+}
+
+QString ring(const Request& request, ControlReply*)
+{
+    const QStringList& words = request.words;
+    const int modem = request.modem(1);
+    if (modem == 0 || words.size() > 3)
+        return wantModem(request);
+    bool valid = true;
+    const int times = words.size() == 3 ? words.at(2).toInt(&valid) : -1;
+    if (!valid || (words.size() == 3 && times < 1))
+        return QStringLiteral("'%1' is no number of rings; write one, as: ring 1 3").arg(words.at(2));
+    return request.exchange.ring(modem, times);
+}
+
+QString say(const Request& request, ControlReply*)
+{
+    const int modem = request.words.size() >= 3 ? request.modem(1) : 0;
+    if (modem == 0)
+        return QStringLiteral("say which modem and what, as: say 1 RING");
+    // The text as it was written, with its blanks.
+    return request.exchange.say(modem,
+                                request.text.trimmed().section(QLatin1Char(' '), 2, -1, QString::SectionSkipEmpty));
+}
+
+QString quit(const Request&, ControlReply* reply)
+{
+    reply->quit = true;
+    return QString();
+}
+
+struct Command
+{
+    const char* name;
+    const char* arguments;
+    const char* help; // null: that of the next one is for both
+    QString (*function)(const Request&, ControlReply* reply); // what is wrong, or empty
+};
+
+constexpr Command commands[] = {
+    {"help", "", "show this", help},
+    {"status", "", "show the modems", status},
+    {"stats", "", "show the calls that have ended", statistics},
+    {"drop", "N", "drop carrier of modem N's call", onModem<&Exchange::dropCarrier>},
+    {"silence", "N on|off", "modem N takes everything and answers nothing", onSwitch<&Exchange::setSilent>},
+    {"power", "N on|off", "modem N loses power: DSR falls, its port stays", onSwitch<&Exchange::setPowered>},
+    {"unplug", "N", nullptr, onModem<&Exchange::unplug>},
+    {"plug", "N", "modem N's port fails and vanishes, and comes back", onModem<&Exchange::plugIn>},
+    {"busy", "N on|off", "who calls modem N hears busy", onSwitch<&Exchange::setBusy>},
+    {"dialtone", "N on|off", "modem N has a dial tone, or none", onSwitch<&Exchange::setDialTone>},
+    {"answer", "N on|off", "modem N is told of calls, or is not: no answer", onSwitch<&Exchange::setAnswering>},
+    {"noise", "[N] on|off", "the noise of modem N's lines, or of all", noise},
+    {"line", "[KEY=VALUE ...]", "show or change the line of calls dialled later", line},
+    {"ring", "N [TIMES]", "modem N is rung by nobody: answering finds no carrier", ring},
+    {"say", "N TEXT", "modem N sends its program a line of text", say},
+    {"quit", "", "end", quit},
+};
+
+QString run(const Request& request, ControlReply* reply)
+{
+    const QString& name = request.words.first();
+    for (const Command& command : commands) {
+        if (name == QLatin1String(command.name))
+            return command.function(request, reply);
+    }
+    return QStringLiteral("there is no command '%1'; write help for those there are").arg(name);
+}
+
 } // namespace
 
-ControlReply Control::execute(const QString& line)
+ControlReply Control::execute(const QString& text)
 {
     ControlReply reply;
-    const QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    const QStringList words = text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
     if (words.isEmpty())
         return reply;
-    const QString& command = words.first();
-    QString problem;
-    if (command == QLatin1String("help"))
-        reply.lines = help();
-    else if (command == QLatin1String("status"))
-        reply.lines = status();
-    else if (command == QLatin1String("stats"))
-        reply.lines = statistics();
-    else if (command == QLatin1String("drop"))
-        problem = onModem(words, &Exchange::dropCarrier);
-    else if (command == QLatin1String("silence"))
-        problem = onSwitch(words, &Exchange::setSilent);
-    else if (command == QLatin1String("power"))
-        problem = onSwitch(words, &Exchange::setPowered);
-    else if (command == QLatin1String("unplug"))
-        problem = onModem(words, &Exchange::unplug);
-    else if (command == QLatin1String("plug"))
-        problem = onModem(words, &Exchange::plugIn);
-    else if (command == QLatin1String("busy"))
-        problem = onSwitch(words, &Exchange::setBusy);
-    else if (command == QLatin1String("dialtone"))
-        problem = onSwitch(words, &Exchange::setDialTone);
-    else if (command == QLatin1String("answer"))
-        problem = onSwitch(words, &Exchange::setAnswering);
-    else if (command == QLatin1String("noise"))
-        problem = noise(words);
-    else if (command == QLatin1String("ring"))
-        problem = ring(words);
-    else if (command == QLatin1String("say"))
-        problem = say(words, line);
-    else if (command == QLatin1String("line") && words.size() == 1)
-        reply.lines = QStringList(m_exchange->line().toString());
-    else if (command == QLatin1String("line"))
-        problem = m_exchange->changeLine(words.mid(1).join(QLatin1Char(',')));
-    else if (command == QLatin1String("quit"))
-        reply.quit = true;
-    else
-        problem = QStringLiteral("there is no command '%1'; write help for those there are").arg(command);
+    const QString problem = run({*m_exchange, text, words}, &reply);
     reply.lines.append(problem.isEmpty() ? QStringLiteral("ok") : QStringLiteral("error: ") + problem);
     return reply;
 }
 
 QStringList Control::help()
 {
-    return {
-        QStringLiteral("help                  show this"),
-        QStringLiteral("status                show the modems"),
-        QStringLiteral("stats                 show the calls that have ended"),
-        QStringLiteral("drop N                drop carrier of modem N's call"),
-        QStringLiteral("silence N on|off      modem N takes everything and answers nothing"),
-        QStringLiteral("power N on|off        modem N loses power: DSR falls, its port stays"),
-        QStringLiteral("unplug N, plug N      modem N's port fails and vanishes, and comes back"),
-        QStringLiteral("busy N on|off         who calls modem N hears busy"),
-        QStringLiteral("dialtone N on|off     modem N has a dial tone, or none"),
-        QStringLiteral("answer N on|off       modem N is told of calls, or is not: no answer"),
-        QStringLiteral("noise [N] on|off      the noise of modem N's lines, or of all"),
-        QStringLiteral("line [KEY=VALUE ...]  show or change the line of calls dialled later"),
-        QStringLiteral("ring N [TIMES]        modem N is rung by nobody: answering finds no carrier"),
-        QStringLiteral("say N TEXT            modem N sends its program a line of text"),
-        QStringLiteral("quit                  end"),
-    };
-}
-
-QStringList Control::status() const
-{
-    QStringList lines;
-    for (int modem = 1; modem <= m_exchange->modemCount(); ++modem) {
-        const ModemStatus status = m_exchange->status(modem);
-        lines.append(QStringLiteral("modem%1 %2 %3: %4, %5, %6 bit/s%7")
-                         .arg(QString::number(modem), status.number, status.portPath, stateText(status.state),
-                              linesText(status), QString::number(status.baudRate), faultsText(status)));
+    constexpr int helpColumn = 22;
+    QStringList rows;
+    QStringList usage;
+    for (const Command& command : commands) {
+        usage.append(QStringLiteral("%1 %2").arg(QLatin1String(command.name), QLatin1String(command.arguments)));
+        if (!command.help)
+            continue;
+        rows.append(usage.join(QStringLiteral(", ")).leftJustified(helpColumn) + QLatin1String(command.help));
+        usage.clear();
     }
-    return lines;
-}
-
-QStringList Control::statistics() const
-{
-    QStringList lines;
-    for (const CallStatistics& call : m_exchange->endedCalls())
-        lines += call.toText().split(QLatin1Char('\n'));
-    return lines;
-}
-
-QString Control::onModem(const QStringList& words, QString (Exchange::*action)(int))
-{
-    const int modem = words.size() == 2 ? modemIndex(words.at(1)) : 0;
-    return modem > 0 ? (m_exchange->*action)(modem) : wantModem(words.first());
-}
-
-QString Control::onSwitch(const QStringList& words, QString (Exchange::*action)(int, bool))
-{
-    const int modem = words.size() == 3 ? modemIndex(words.at(1)) : 0;
-    const bool on = words.last() == QLatin1String("on");
-    if (modem == 0 || (!on && words.last() != QLatin1String("off")))
-        return QStringLiteral("say which modem, and on or off, as: %1 1 on").arg(words.first());
-    return (m_exchange->*action)(modem, on);
-}
-
-QString Control::noise(const QStringList& words)
-{
-    if (words.size() != 2)
-        return onSwitch(words, &Exchange::setNoise);
-    const bool on = words.last() == QLatin1String("on");
-    if (!on && words.last() != QLatin1String("off"))
-        return QStringLiteral("say on or off, as: noise off");
-    return m_exchange->setNoise(0, on);
-}
-
-QString Control::ring(const QStringList& words)
-{
-    const int modem = words.size() >= 2 ? modemIndex(words.at(1)) : 0;
-    if (modem == 0 || words.size() > 3)
-        return wantModem(words.first());
-    bool valid = true;
-    const int times = words.size() == 3 ? words.at(2).toInt(&valid) : -1;
-    if (!valid || (words.size() == 3 && times < 1))
-        return QStringLiteral("'%1' is no number of rings; write one, as: ring 1 3").arg(words.at(2));
-    return m_exchange->ring(modem, times);
-}
-
-QString Control::say(const QStringList& words, const QString& line)
-{
-    const int modem = words.size() >= 3 ? modemIndex(words.at(1)) : 0;
-    if (modem == 0)
-        return QStringLiteral("say which modem and what, as: say 1 RING");
-    // The text as it was written, with its blanks.
-    return m_exchange->say(modem, line.trimmed().section(QLatin1Char(' '), 2, -1, QString::SectionSkipEmpty));
+    return rows;
 }
 
 } // namespace sim

@@ -1,4 +1,4 @@
-// The commands of an exchange as lines of text, for people and for scripts.
+// The commands of an exchange as text, for people and for scripts.
 #pragma once
 
 #include "sim/exchange/exchange.h"
@@ -19,21 +19,13 @@ class Control
 public:
     explicit Control(Exchange* exchange) : m_exchange(exchange) {} // exchange: not owned
 
-    // Any thread. A blank line gets no answer at all.
-    ControlReply execute(const QString& line);
+    // Any thread. A blank command gets no answer at all.
+    ControlReply execute(const QString& text);
 
-    // One line for each command.
+    // One line for each command, or for two that belong together.
     static QStringList help();
 
 private:
-    QStringList status() const;
-    QStringList statistics() const;
-    QString onModem(const QStringList& words, QString (Exchange::*action)(int));
-    QString onSwitch(const QStringList& words, QString (Exchange::*action)(int, bool));
-    QString noise(const QStringList& words);
-    QString ring(const QStringList& words);
-    QString say(const QStringList& words, const QString& line);
-
     Exchange* m_exchange; // not owned
 };
 

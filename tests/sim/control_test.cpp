@@ -89,7 +89,7 @@ TEST_F(ControlTest, LineIsShownAndChanged)
     EXPECT_EQ(exchange.line().delayMs, 5);
 }
 
-TEST_F(ControlTest, StatusStatisticsHelpAndQuit)
+TEST_F(ControlTest, StatusStatisticsAndQuit)
 {
     EXPECT_EQ(
         ask("status"),
@@ -100,13 +100,32 @@ TEST_F(ControlTest, StatusStatisticsHelpAndQuit)
     EXPECT_TRUE(ask("status").contains(QStringLiteral(": on hook, no lines, 0 bit/s, unplugged, busy\nok")))
         << ask("status").toStdString();
     EXPECT_EQ(ask("stats"), QStringLiteral("ok"));
-    EXPECT_EQ(ask("help"), Control::help().join('\n') + QStringLiteral("\nok"));
-    for (const char* command : {"status", "stats", "drop", "silence", "power", "unplug", "plug", "busy", "dialtone",
-                                "answer", "noise", "line", "ring", "say", "quit", "help"})
-        EXPECT_TRUE(ask("help").contains(QLatin1String(command))) << command;
     EXPECT_FALSE(control.execute(QStringLiteral("status")).quit);
     EXPECT_TRUE(control.execute(QStringLiteral("quit")).quit);
     EXPECT_TRUE(control.execute(QStringLiteral("  ")).lines.isEmpty());
+}
+
+TEST_F(ControlTest, HelpShowsEachCommand)
+{
+    const QStringList expected{
+        QStringLiteral("help                  show this"),
+        QStringLiteral("status                show the modems"),
+        QStringLiteral("stats                 show the calls that have ended"),
+        QStringLiteral("drop N                drop carrier of modem N's call"),
+        QStringLiteral("silence N on|off      modem N takes everything and answers nothing"),
+        QStringLiteral("power N on|off        modem N loses power: DSR falls, its port stays"),
+        QStringLiteral("unplug N, plug N      modem N's port fails and vanishes, and comes back"),
+        QStringLiteral("busy N on|off         who calls modem N hears busy"),
+        QStringLiteral("dialtone N on|off     modem N has a dial tone, or none"),
+        QStringLiteral("answer N on|off       modem N is told of calls, or is not: no answer"),
+        QStringLiteral("noise [N] on|off      the noise of modem N's lines, or of all"),
+        QStringLiteral("line [KEY=VALUE ...]  show or change the line of calls dialled later"),
+        QStringLiteral("ring N [TIMES]        modem N is rung by nobody: answering finds no carrier"),
+        QStringLiteral("say N TEXT            modem N sends its program a line of text"),
+        QStringLiteral("quit                  end"),
+    };
+    EXPECT_EQ(Control::help(), expected) << Control::help().join('\n').toStdString();
+    EXPECT_EQ(ask("help"), expected.join('\n') + QStringLiteral("\nok"));
 }
 
 TEST_F(ControlTest, RingAndSay)

@@ -98,7 +98,7 @@ TEST(TaskQueueTest, TheWorkerIsWokenOnceForWhatWaits)
 TEST(TaskQueueTest, TasksOfManyThreadsRunOneAtATimeAlsoWhileTheWorkerComesAndGoes)
 {
     constexpr int callers = 4;
-    constexpr int workers = 50;
+    constexpr int workers = 20;
     TaskQueue queue;
     int count = 0; // plain on purpose: only the queue guards it
     std::atomic<bool> isRunning{false};
