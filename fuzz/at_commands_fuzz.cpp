@@ -54,7 +54,7 @@ class Terminal
 {
 public:
     explicit Terminal(int choice)
-        : m_modem(&m_host, QStringLiteral("101"), choice % 2 == 0 ? RingStyle::Line : RingStyle::Pin)
+        : m_modem(&m_host, QStringLiteral("101"), choice % 2 == 0 ? RingStyle::Text : RingStyle::Pin)
     {
         m_modem.powerOn();
     }

@@ -18,7 +18,7 @@ DirectLine::DirectLine(const sim::LineSettings& settings, int depthBytes) : m_li
         sim::PtyEndpoint& endpoint = m_ends[side].endpoint;
         endpoint.setDepth(depthBytes);
         endpoint.setDrainRate(direction(side).rate() / sim::bitsPerByte);
-        endpoint.setModemLines(sim::LineDsr | sim::LineDcd | sim::LineCts);
+        endpoint.setModemSignals(sim::SignalDsr | sim::SignalDcd | sim::SignalCts);
     }
 }
 

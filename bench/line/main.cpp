@@ -2,7 +2,7 @@
 #include "bench/line/directline.h"
 #include "bench/line/latenesswatch.h"
 #include "sim/program/stopsignals.h"
-#include "sim/pty/linetable.h"
+#include "sim/pty/signaltable.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -108,6 +108,6 @@ int main(int argc, char* argv[])
     }
     if (table.isEmpty())
         return complain(QStringLiteral("--table FILE is needed"), BadOptions);
-    qputenv(sim::lineTableVariable, QFile::encodeName(table));
+    qputenv(sim::signalTableVariable, QFile::encodeName(table));
     return runLine(settings, depthBytes);
 }

@@ -26,19 +26,20 @@ QString stateText(ModemState state)
     return {};
 }
 
-QString linesText(const ModemStatus& status)
+QString signalsText(const ModemStatus& status)
 {
     QStringList names;
     const struct
     {
         bool up;
         const char* name;
-    } lines[] = {{(status.programLines & LineDtr) != 0, "DTR"}, {(status.programLines & LineRts) != 0, "RTS"},
-                 {(status.modemLines & LineDsr) != 0, "DSR"},   {(status.modemLines & LineCts) != 0, "CTS"},
-                 {(status.modemLines & LineDcd) != 0, "DCD"},   {(status.modemLines & LineRi) != 0, "RI"}};
-    for (const auto& line : lines) {
-        if (line.up)
-            names.append(QLatin1String(line.name));
+    } signalNames[] = {
+        {(status.programSignals & SignalDtr) != 0, "DTR"}, {(status.programSignals & SignalRts) != 0, "RTS"},
+        {(status.modemSignals & SignalDsr) != 0, "DSR"},   {(status.modemSignals & SignalCts) != 0, "CTS"},
+        {(status.modemSignals & SignalDcd) != 0, "DCD"},   {(status.modemSignals & SignalRi) != 0, "RI"}};
+    for (const auto& signal : signalNames) {
+        if (signal.up)
+            names.append(QLatin1String(signal.name));
     }
     return names.isEmpty() ? QStringLiteral("no lines") : names.join(QLatin1Char(' '));
 }
@@ -67,7 +68,7 @@ QString faultsText(const ModemStatus& status)
 QString statusText(int modem, const ModemStatus& status)
 {
     return QStringLiteral("modem%1 %2 %3: %4, %5, %6 bit/s%7")
-        .arg(QString::number(modem), status.number, status.portPath, stateText(status.state), linesText(status),
+        .arg(QString::number(modem), status.number, status.portPath, stateText(status.state), signalsText(status),
              QString::number(status.baudRate), faultsText(status));
 }
 
@@ -89,21 +90,21 @@ QString wantModem(const Request& request)
 
 QString help(const Request&, ControlReply* reply)
 {
-    reply->lines = Control::help();
+    reply->text = Control::help();
     return QString();
 }
 
 QString status(const Request& request, ControlReply* reply)
 {
     for (int modem = 1; modem <= request.exchange.modemCount(); ++modem)
-        reply->lines.append(statusText(modem, request.exchange.status(modem)));
+        reply->text.append(statusText(modem, request.exchange.status(modem)));
     return QString();
 }
 
 QString statistics(const Request& request, ControlReply* reply)
 {
     for (const CallStatistics& call : request.exchange.endedCalls())
-        reply->lines += call.toText().split(QLatin1Char('\n'));
+        reply->text += call.toText().split(QLatin1Char('\n'));
     return QString();
 }
 
@@ -139,7 +140,7 @@ QString noise(const Request& request, ControlReply* reply)
 QString line(const Request& request, ControlReply* reply)
 {
     if (request.words.size() == 1) {
-        reply->lines.append(request.exchange.line().toString());
+        reply->text.append(request.exchange.line().toString());
         return QString();
     }
     return request.exchange.changeLine(request.words.mid(1).join(QLatin1Char(',')));
@@ -213,30 +214,30 @@ QString run(const Request& request, ControlReply* reply)
 
 } // namespace
 
-ControlReply Control::execute(const QString& text)
+ControlReply Control::execute(const QString& command)
 {
     ControlReply reply;
-    const QStringList words = text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    const QStringList words = command.split(QLatin1Char(' '), Qt::SkipEmptyParts);
     if (words.isEmpty())
         return reply;
-    const QString problem = run({*m_exchange, text, words}, &reply);
-    reply.lines.append(problem.isEmpty() ? QStringLiteral("ok") : QStringLiteral("error: ") + problem);
+    const QString problem = run({*m_exchange, command, words}, &reply);
+    reply.text.append(problem.isEmpty() ? QStringLiteral("ok") : QStringLiteral("error: ") + problem);
     return reply;
 }
 
 QStringList Control::help()
 {
     constexpr int helpColumn = 22;
-    QStringList rows;
+    QStringList text;
     QStringList usage;
     for (const Command& command : commands) {
         usage.append(QStringLiteral("%1 %2").arg(QLatin1String(command.name), QLatin1String(command.arguments)));
         if (!command.help)
             continue;
-        rows.append(usage.join(QStringLiteral(", ")).leftJustified(helpColumn) + QLatin1String(command.help));
+        text.append(usage.join(QStringLiteral(", ")).leftJustified(helpColumn) + QLatin1String(command.help));
         usage.clear();
     }
-    return rows;
+    return text;
 }
 
 } // namespace sim

@@ -10,7 +10,7 @@ namespace sim {
 
 struct ControlReply
 {
-    QStringList lines; // the last is "ok" or begins with "error: "
+    QStringList text; // line by line; the last is "ok" or begins with "error: "
     bool quit = false;
 };
 
@@ -20,7 +20,7 @@ public:
     explicit Control(Exchange* exchange) : m_exchange(exchange) {} // exchange: not owned
 
     // Any thread. A blank command gets no answer at all.
-    ControlReply execute(const QString& text);
+    ControlReply execute(const QString& command);
 
     // One line for each command, or for two that belong together.
     static QStringList help();

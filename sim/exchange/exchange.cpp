@@ -84,8 +84,8 @@ ModemStatus Exchange::status(int modem) const
         status.state = found->modem.state();
         status.plugged = found->endpoint.isOpen();
         status.powered = found->isPowered();
-        status.modemLines = found->endpoint.modemLines();
-        status.programLines = found->endpoint.programLines();
+        status.modemSignals = found->endpoint.modemSignals();
+        status.programSignals = found->endpoint.programSignals();
         status.baudRate = found->endpoint.baudRate();
         status.faults = found->faults;
     });

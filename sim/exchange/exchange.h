@@ -1,5 +1,5 @@
 // A telephone exchange in software: any number of virtual modems on ptys, each with a
-// number, and calls between them over lines with a rate, a delay, noise and an end.
+// number, and calls between them over telephone lines with a rate, a delay, noise and an end.
 //
 // One thread of its own does all the work; every public operation may be called from any
 // thread, before start(), while it runs and after stop(), and takes effect before it
@@ -37,8 +37,8 @@ struct ModemStatus
     ModemState state = ModemState::OnHook;
     bool plugged = false;
     bool powered = false;
-    int modemLines = 0;
-    int programLines = 0;
+    int modemSignals = 0;
+    int programSignals = 0;
     int baudRate = 0;
     ModemFaults faults;
 };
@@ -81,7 +81,7 @@ public:
     QString setNoise(int modem, bool on); // of its lines; 0: of all; at once
     QString changeLine(const QString& text); // of calls dialled later; see LineSettings::change
     QString ring(int modem, int times); // by nobody: answering it finds no carrier
-    QString say(int modem, const QString& text); // a line of text from the modem to its program
+    QString say(int modem, const QString& text); // text from the modem to its program
 
     LineSettings line() const;
     // Calls that have ended, in the order of their ends.

@@ -108,7 +108,7 @@ void Modem::ring(qint64 nowNs)
     quint8& count = m_profile.registers[RingCount];
     count = static_cast<quint8>(qMin(count + 1, 255));
     switch (m_ringStyle) {
-    case RingStyle::Line: result(ResultCode::Ring); break;
+    case RingStyle::Text: result(ResultCode::Ring); break;
     case RingStyle::Pin: m_host->setRingIndicator(true); break;
     }
     const int wanted = m_profile.registers[RingsToAnswer];

@@ -56,10 +56,10 @@ enum class CallFailure
     NoCarrier
 };
 
-// A ring is told by a line "RING" or by the RI pin, never by both.
+// A ring is told by the result code RING or by the RI pin, never by both.
 enum class RingStyle
 {
-    Line,
+    Text,
     Pin
 };
 
@@ -70,7 +70,7 @@ public:
     static constexpr int maxCommandLength = 255;
 
     // host: not owned. number: shown by ATI1.
-    Modem(ModemHost* host, const QString& number, RingStyle ringStyle = RingStyle::Line);
+    Modem(ModemHost* host, const QString& number, RingStyle ringStyle = RingStyle::Text);
 
     // From the program.
     void byteFromProgram(char byte, qint64 nowNs);

@@ -14,7 +14,7 @@ VirtualModem::VirtualModem(int index, const ModemSettings& modemSettings, Trace 
 
 void VirtualModem::watchDtr(qint64 nowNs)
 {
-    const bool dtr = endpoint.programLines() & LineDtr;
+    const bool dtr = endpoint.programSignals() & SignalDtr;
     const unsigned drops = endpoint.dtrDrops();
     if (drops != m_dtrDrops) {
         m_dtrDrops = drops;
@@ -25,8 +25,8 @@ void VirtualModem::watchDtr(qint64 nowNs)
         trace(QStringLiteral("DTR raised"));
     }
     m_dtr = dtr;
-    // A program that cannot set lines at all is not one that has dropped DTR.
-    modem.setDtr(dtr || !endpoint.programSetsLines());
+    // A program that cannot set signals at all is not one that has dropped DTR.
+    modem.setDtr(dtr || !endpoint.programSetsSignals());
 }
 
 bool VirtualModem::takeCommandByte(qint64 nowNs)
@@ -126,7 +126,7 @@ void VirtualModem::setCarrierDetect(bool raised)
     if (m_carrier != raised)
         trace(raised ? QStringLiteral("DCD raised") : QStringLiteral("DCD dropped"));
     m_carrier = raised;
-    showLines();
+    showSignals();
 }
 
 void VirtualModem::setRingIndicator(bool raised)
@@ -134,7 +134,7 @@ void VirtualModem::setRingIndicator(bool raised)
     if (m_ringing != raised)
         trace(raised ? QStringLiteral("RI raised") : QStringLiteral("RI dropped"));
     m_ringing = raised;
-    showLines();
+    showSignals();
 }
 
 void VirtualModem::trace(const QString& text)
@@ -147,12 +147,13 @@ void VirtualModem::reset()
     m_toProgram.clear();
     m_ringing = false;
     modem.powerOn();
-    showLines();
+    showSignals();
 }
 
-void VirtualModem::showLines()
+void VirtualModem::showSignals()
 {
-    endpoint.setModemLines(isAlive() ? LineDsr | LineCts | (m_carrier ? LineDcd : 0) | (m_ringing ? LineRi : 0) : 0);
+    endpoint.setModemSignals(
+        isAlive() ? SignalDsr | SignalCts | (m_carrier ? SignalDcd : 0) | (m_ringing ? SignalRi : 0) : 0);
 }
 
 } // namespace sim

@@ -1,4 +1,4 @@
-// One modem of the exchange: the AT command side, its pty, its control lines and the
+// One modem of the exchange: the AT command side, its pty, its control signals and the
 // faults it was told to have. Used in the exchange's thread only.
 #pragma once
 
@@ -15,7 +15,7 @@ struct ModemSettings
 {
     QString number;
     QString linkPath; // stable name of the port; empty: none
-    RingStyle ringStyle = RingStyle::Line;
+    RingStyle ringStyle = RingStyle::Text;
     int depthBytes = PtyEndpoint::defaultDepthBytes;
 };
 
@@ -39,7 +39,7 @@ struct ModemFaults
     bool busy = false; // whoever calls it hears busy
     bool noDialTone = false; // when it dials
     bool noAnswer = false; // is not told that it is called
-    bool noNoise = false; // the noise of its lines is off
+    bool noNoise = false; // the noise of its telephone lines is off
 };
 
 class VirtualModem : public CallParty, private ModemHost
@@ -105,7 +105,7 @@ private:
     void setRingIndicator(bool raised) override;
     void trace(const QString& text) override;
     void reset();
-    void showLines();
+    void showSignals();
 
     const int m_index;
     const Trace m_trace;

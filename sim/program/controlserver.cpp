@@ -15,7 +15,7 @@ namespace sim {
 
 namespace {
 
-constexpr int longestLine = 4096;
+constexpr int longestCommandBytes = 4096;
 
 QString reason()
 {
@@ -173,43 +173,43 @@ void ControlServer::accept()
 
 bool ControlServer::readFrom(Peer& peer)
 {
-    char buffer[longestLine];
+    char buffer[longestCommandBytes];
     const ssize_t got = ::read(peer.in, buffer, sizeof(buffer));
     if (got < 0 && errno == EINTR)
         return true;
     if (got > 0)
         peer.pending.append(buffer, static_cast<int>(got));
     else if (!peer.pending.isEmpty())
-        peer.pending.append('\n'); // a last line without its end
-    executeLines(peer);
-    return got > 0 && peer.pending.size() < longestLine;
+        peer.pending.append('\n'); // a last command without its end
+    executeCommands(peer);
+    return got > 0 && peer.pending.size() < longestCommandBytes;
 }
 
-void ControlServer::executeLines(Peer& peer)
+void ControlServer::executeCommands(Peer& peer)
 {
     int end;
     while (!m_quit && (end = peer.pending.indexOf('\n')) >= 0) {
-        const QString line = QString::fromUtf8(peer.pending.left(end)).trimmed();
+        const QString command = QString::fromUtf8(peer.pending.left(end)).trimmed();
         peer.pending.remove(0, end + 1);
-        const ControlReply reply = m_control->execute(line);
-        answer(peer, reply.lines);
+        const ControlReply reply = m_control->execute(command);
+        answer(peer, reply.text);
         m_quit = reply.quit;
     }
 }
 
-void ControlServer::answer(const Peer& peer, const QStringList& lines)
+void ControlServer::answer(const Peer& peer, const QStringList& text)
 {
     if (!peer.isSocket) {
-        for (const QString& line : lines)
+        for (const QString& line : text)
             m_print(line);
         return;
     }
-    QByteArray text;
-    for (const QString& line : lines)
-        text += line.toUtf8() + '\n';
+    QByteArray bytes;
+    for (const QString& line : text)
+        bytes += line.toUtf8() + '\n';
     // Answers are far smaller than a socket's buffer; a peer that takes none loses them.
     const ssize_t sent =
-        ::send(peer.in, text.constData(), static_cast<std::size_t>(text.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+        ::send(peer.in, bytes.constData(), static_cast<std::size_t>(bytes.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
     Q_UNUSED(sent)
 }
 

@@ -1,4 +1,4 @@
-// The outer loop of phone-exchange: takes command lines from standard input and from a
+// The outer loop of phone-exchange: takes commands from standard input and from a
 // control socket until it is told to end.
 #pragma once
 
@@ -20,7 +20,7 @@ namespace sim {
 class ControlServer
 {
 public:
-    // print: writes a line to standard output, whatever else is written there.
+    // print: writes a line of text to standard output; any thread.
     ControlServer(Control* control, std::function<void(const QString& line)> print);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
@@ -45,8 +45,8 @@ private:
     void accept();
     // False when the peer has gone.
     bool readFrom(Peer& peer);
-    void executeLines(Peer& peer);
-    void answer(const Peer& peer, const QStringList& lines);
+    void executeCommands(Peer& peer);
+    void answer(const Peer& peer, const QStringList& text);
 
     Control* m_control; // not owned
     const std::function<void(const QString&)> m_print;

@@ -3,7 +3,7 @@
 #include "sim/program/ownfiles.h"
 #include "sim/program/programoptions.h"
 #include "sim/program/stopsignals.h"
-#include "sim/pty/linetable.h"
+#include "sim/pty/signaltable.h"
 
 #include <QFile>
 
@@ -22,13 +22,13 @@ enum ExitStatus
     BadOptions = 2
 };
 
-// Lines of two threads go to standard output.
-void print(const QString& line)
+// Two threads print.
+void print(const QString& text)
 {
     static std::mutex mutex;
-    const QByteArray text = line.toLocal8Bit() + '\n';
+    const QByteArray bytes = text.toLocal8Bit() + '\n';
     std::lock_guard<std::mutex> locker(mutex);
-    fwrite(text.constData(), 1, static_cast<std::size_t>(text.size()), stdout);
+    fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stdout);
     fflush(stdout);
 }
 
@@ -44,13 +44,13 @@ void printEvent(const ExchangeEvent& event)
     print(QString::asprintf("%10.3f ", static_cast<double>(event.timeNs) / 1e9) + who + event.text);
 }
 
-// Where the modems' lines are kept, for programs that preload the object.
+// Where the modems' signals are kept, for programs that preload the object.
 void nameTable(const ProgramOptions& options)
 {
     if (!options.tablePath.isEmpty())
-        qputenv(lineTableVariable, QFile::encodeName(options.tablePath));
-    else if (!qEnvironmentVariableIsSet(lineTableVariable) && !options.linkDir.isEmpty())
-        qputenv(lineTableVariable, QFile::encodeName(options.linkDir + QStringLiteral("/lines")));
+        qputenv(signalTableVariable, QFile::encodeName(options.tablePath));
+    else if (!qEnvironmentVariableIsSet(signalTableVariable) && !options.linkDir.isEmpty())
+        qputenv(signalTableVariable, QFile::encodeName(options.linkDir + QStringLiteral("/lines")));
 }
 
 bool addModems(Exchange& exchange, const ProgramOptions& options, QByteArray* listing, QString* error)

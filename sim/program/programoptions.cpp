@@ -20,7 +20,7 @@ struct Parser
     int modemCount = 2;
     QHash<int, QString> numbers = {};
     QHash<int, RingStyle> rings = {};
-    RingStyle ringStyle = RingStyle::Line;
+    RingStyle ringStyle = RingStyle::Text;
     int depthBytes = PtyEndpoint::defaultDepthBytes;
 };
 
@@ -74,7 +74,7 @@ bool takeRing(Parser& parser, const QString&, const QString& value)
             QStringLiteral("'%1' is no value for --ring; give line or pin, or for one modem as 2=pin").arg(value);
         return false;
     }
-    const RingStyle ring = pin ? RingStyle::Pin : RingStyle::Line;
+    const RingStyle ring = pin ? RingStyle::Pin : RingStyle::Text;
     if (modem > 0)
         parser.rings.insert(modem, ring);
     else

@@ -1,6 +1,6 @@
 #include "sim/pty/ptyendpoint.h"
 
-#include "sim/pty/linetable.h"
+#include "sim/pty/signaltable.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -26,15 +26,15 @@ namespace {
 // stays this long with nothing to read is such a one.
 constexpr std::int64_t lostReservationMs = 200;
 
-struct LinePair
+struct SignalPair
 {
-    int line;
+    int signal;
     unsigned tiocm;
 };
 
-constexpr LinePair modemPairs[] = {
-    {LineDsr, TIOCM_DSR}, {LineDcd, TIOCM_CAR}, {LineRi, TIOCM_RNG}, {LineCts, TIOCM_CTS}};
-constexpr LinePair programPairs[] = {{LineDtr, TIOCM_DTR}, {LineRts, TIOCM_RTS}};
+constexpr SignalPair modemPairs[] = {
+    {SignalDsr, TIOCM_DSR}, {SignalDcd, TIOCM_CAR}, {SignalRi, TIOCM_RNG}, {SignalCts, TIOCM_CTS}};
+constexpr SignalPair programPairs[] = {{SignalDtr, TIOCM_DTR}, {SignalRts, TIOCM_RTS}};
 
 std::int64_t nowMs()
 {
@@ -99,33 +99,33 @@ QString PtyEndpoint::portPath() const
     return m_linkPath.isEmpty() ? m_slavePath : m_linkPath;
 }
 
-void PtyEndpoint::setModemLines(int lines)
+void PtyEndpoint::setModemSignals(int raised)
 {
     if (!m_row)
         return;
     unsigned bits = 0;
-    for (const LinePair& pair : modemPairs)
-        bits |= lines & pair.line ? pair.tiocm : 0;
-    m_row->modemLines.store(bits);
+    for (const SignalPair& pair : modemPairs)
+        bits |= raised & pair.signal ? pair.tiocm : 0;
+    m_row->modemSignals.store(bits);
 }
 
-int PtyEndpoint::modemLines() const
+int PtyEndpoint::modemSignals() const
 {
-    int lines = 0;
-    for (const LinePair& pair : modemPairs)
-        lines |= m_row && (m_row->modemLines.load() & pair.tiocm) ? pair.line : 0;
-    return lines;
+    int raised = 0;
+    for (const SignalPair& pair : modemPairs)
+        raised |= m_row && (m_row->modemSignals.load() & pair.tiocm) ? pair.signal : 0;
+    return raised;
 }
 
-int PtyEndpoint::programLines() const
+int PtyEndpoint::programSignals() const
 {
-    int lines = 0;
-    for (const LinePair& pair : programPairs)
-        lines |= m_row && (m_row->programLines.load() & pair.tiocm) ? pair.line : 0;
-    return lines;
+    int raised = 0;
+    for (const SignalPair& pair : programPairs)
+        raised |= m_row && (m_row->programSignals.load() & pair.tiocm) ? pair.signal : 0;
+    return raised;
 }
 
-bool PtyEndpoint::programSetsLines() const
+bool PtyEndpoint::programSetsSignals() const
 {
     return m_row && m_row->programSets.load() != 0;
 }
@@ -256,18 +256,18 @@ bool PtyEndpoint::claimRow()
     int number = -1;
     if (ioctl(m_master, TIOCGPTN, &number) != 0)
         return fail(QStringLiteral("cannot learn the number of %1").arg(m_slavePath));
-    LineTable* table = makeLineTable();
+    SignalTable* table = makeSignalTable();
     if (!table)
         return failFor(QStringLiteral("cannot use the table of modem lines %1")
-                           .arg(QString::fromLocal8Bit(qgetenv(lineTableVariable))),
+                           .arg(QString::fromLocal8Bit(qgetenv(signalTableVariable))),
                        whyNoTable(errno));
-    LineRow* row = lineRow(table, number);
+    SignalRow* row = signalRow(table, number);
     if (!row) {
         errno = ERANGE;
         return fail(QStringLiteral("no room in the table of modem lines for %1").arg(m_slavePath));
     }
-    row->modemLines.store(0);
-    row->programLines.store(0);
+    row->modemSignals.store(0);
+    row->programSignals.store(0);
     row->programSets.store(0);
     row->dtrDrops.store(0);
     row->depth.store(m_depth);
@@ -311,7 +311,7 @@ bool PtyEndpoint::makeLink()
 void PtyEndpoint::closePty()
 {
     if (m_row) {
-        m_row->modemLines.store(0);
+        m_row->modemSignals.store(0);
         m_row->owner.store(0);
         m_row = nullptr;
     }

@@ -1,9 +1,9 @@
 // The modem's side of a serial port: a pty whose slave a program opens as its port, with
-// modem control lines and a driver's buffer of bounded depth where the program has the
+// modem control signals and a driver's buffer of bounded depth where the program has the
 // ptylines object linked or preloaded.
 //
 // Not thread-safe: one thread at a time uses an endpoint. What the program's side sees of
-// it (lines, room) takes effect at once, in any thread and process.
+// it (signals, room) takes effect at once, in any thread and process.
 #pragma once
 
 #include <QByteArray>
@@ -13,19 +13,19 @@
 
 namespace sim {
 
-struct LineRow;
+struct SignalRow;
 
-enum ModemLine
+enum ModemSignal
 {
-    LineDsr = 1,
-    LineDcd = 2,
-    LineRi = 4,
-    LineCts = 8
+    SignalDsr = 1,
+    SignalDcd = 2,
+    SignalRi = 4,
+    SignalCts = 8
 };
-enum ProgramLine
+enum ProgramSignal
 {
-    LineDtr = 1,
-    LineRts = 2
+    SignalDtr = 1,
+    SignalRts = 2
 };
 
 class PtyEndpoint
@@ -33,7 +33,7 @@ class PtyEndpoint
 public:
     static constexpr int defaultDepthBytes = 4096;
 
-    // Creates a pty in raw mode, all lines down. With linkPath also a symbolic link to the
+    // Creates a pty in raw mode, all signals down. With linkPath also a symbolic link to the
     // slave, which stays the same through unplug() and plugIn(); a link that is already
     // there is replaced, anything else is left. Failure: isOpen() is false and errorString() says why.
     explicit PtyEndpoint(const QString& linkPath = {});
@@ -48,13 +48,13 @@ public:
     // For poll(); -1 while unplugged. Non-blocking. Owned by the endpoint.
     int masterFd() const { return m_master; }
 
-    // Raises exactly these lines (an or of ModemLine). All are down while unplugged.
-    void setModemLines(int lines);
-    int modemLines() const;
-    // The lines that the program has raised (an or of ProgramLine).
-    int programLines() const;
-    // Whether the program has ever set a line; one that cannot (a plain shell) never does.
-    bool programSetsLines() const;
+    // Raises exactly these signals (an or of ModemSignal). All are down while unplugged.
+    void setModemSignals(int raised);
+    int modemSignals() const;
+    // The signals that the program has raised (an or of ProgramSignal).
+    int programSignals() const;
+    // Whether the program has ever set a signal; one that cannot (a plain shell) never does.
+    bool programSetsSignals() const;
     // How often DTR went from raised to dropped since the pty was plugged in.
     unsigned dtrDrops() const;
     // Speed that the program set, in bit/s.
@@ -78,7 +78,7 @@ public:
 
     // The device vanishes: the link is removed, a program's open port fails.
     void unplug();
-    // It comes back under the same link, all lines down; false as for the constructor.
+    // It comes back under the same link, all signals down; false as for the constructor.
     bool plugIn();
 
 private:
@@ -99,7 +99,7 @@ private:
     int m_master = -1;
     int m_slave = -1; // held, or the master would fail whenever the program closes the port
     int m_depth = defaultDepthBytes;
-    LineRow* m_row = nullptr; // not owned: part of the table
+    SignalRow* m_row = nullptr; // not owned: part of the table
     std::uint64_t m_idleWritten = 0;
     std::int64_t m_idleSinceMs = -1;
 };

@@ -1,7 +1,7 @@
-// Modem control lines for pseudo-terminals. Linked into a program, or preloaded into one,
+// Modem control signals for pseudo-terminals. Linked into a program, or preloaded into one,
 // this object stands before libc for a few calls, answers them for pty slaves that have a
-// row in the line table, and hands everything else on:
-//   ioctl TIOCMGET, TIOCMSET, TIOCMBIS, TIOCMBIC   the modem control lines
+// row in the signal table, and hands everything else on:
+//   ioctl TIOCMGET, TIOCMSET, TIOCMBIS, TIOCMBIC   the modem control signals
 //   ioctl TIOCOUTQ, write, writev, poll, ppoll, select, pselect, tcdrain, tcflush
 //                                                  a driver's buffer of bounded depth
 // Not covered: epoll, stdio and io_uring, which reach the kernel without these calls.
@@ -9,7 +9,7 @@
 // all it shares is atomic.
 #undef _FORTIFY_SOURCE
 
-#include "sim/pty/linetable.h"
+#include "sim/pty/signaltable.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -31,7 +31,7 @@
 
 namespace {
 
-using sim::LineRow;
+using sim::SignalRow;
 
 constexpr long nsPerSecond = 1000000000;
 constexpr long sliceNs = 1000000; // how soon a waiter for room sees that room opened
@@ -93,7 +93,7 @@ __attribute__((constructor)) void resolveAll()
 
 // The row of the pty slave behind fd, or null when fd is anything else. Asked anew each
 // time, since descriptors are closed and reused behind our back.
-LineRow* rowOf(int fd)
+SignalRow* rowOf(int fd)
 {
     struct stat status;
     const int savedErrno = errno;
@@ -105,7 +105,7 @@ LineRow* rowOf(int fd)
     if (majorNumber < firstSlaveMajor || majorNumber > lastSlaveMajor)
         return nullptr;
     const int number = static_cast<int>((majorNumber - firstSlaveMajor) * slavesPerMajor + minor(status.st_rdev));
-    LineRow* row = sim::lineRow(sim::findLineTable(), number);
+    SignalRow* row = sim::signalRow(sim::findSignalTable(), number);
     errno = savedErrno;
     return row && row->owner.load() != 0 ? row : nullptr;
 }
@@ -123,7 +123,7 @@ std::uint64_t wakeUpBytes()
     return bytes;
 }
 
-bool hasRoom(const LineRow& row)
+bool hasRoom(const SignalRow& row)
 {
     const std::uint64_t depth = static_cast<std::uint64_t>(row.depth.load());
     return row.outstanding() < (wakeUpBytes() > 0 && wakeUpBytes() < depth ? wakeUpBytes() : depth);
@@ -131,7 +131,7 @@ bool hasRoom(const LineRow& row)
 
 // How long a waiter for room sleeps before it looks again: a slice; with a wake-up level
 // until the bytes above it have left at the line's pace, so that looking costs little.
-long roomSliceNs(const LineRow& row)
+long roomSliceNs(const SignalRow& row)
 {
     if (wakeUpBytes() == 0)
         return sliceNs;
@@ -149,20 +149,20 @@ long sooner(long a, long b)
     return a < b ? a : b;
 }
 
-void setProgramLines(LineRow& row, unsigned clear, unsigned set)
+void setProgramSignals(SignalRow& row, unsigned clear, unsigned set)
 {
-    std::uint32_t before = row.programLines.load();
+    std::uint32_t before = row.programSignals.load();
     std::uint32_t after;
     do {
         after = (before & ~clear) | set;
-    } while (!row.programLines.compare_exchange_weak(before, after));
+    } while (!row.programSignals.compare_exchange_weak(before, after));
     if ((before & TIOCM_DTR) && !(after & TIOCM_DTR))
         row.dtrDrops.fetch_add(1);
     row.programSets.fetch_add(1);
 }
 
 // Takes room for as many as possible of count bytes; 0 when there is none.
-size_t reserve(LineRow& row, size_t count)
+size_t reserve(SignalRow& row, size_t count)
 {
     std::uint64_t before = row.written.load();
     for (;;) {
@@ -177,7 +177,7 @@ size_t reserve(LineRow& row, size_t count)
 }
 
 // One try at writing into the bounded buffer.
-ssize_t writeBounded(LineRow& row, int fd, const char* data, size_t count)
+ssize_t writeBounded(SignalRow& row, int fd, const char* data, size_t count)
 {
     const size_t part = reserve(row, count);
     if (part == 0) {
@@ -199,7 +199,7 @@ bool pauseSlice(long forNs = sliceNs)
 
 // Nobody will make room any more: the modem was taken away, or its program was killed and
 // could not say so.
-bool isUnplugged(const LineRow& row, int fd)
+bool isUnplugged(const SignalRow& row, int fd)
 {
     pollfd asked{fd, 0, 0};
     const timespec now{0, 0};
@@ -207,7 +207,7 @@ bool isUnplugged(const LineRow& row, int fd)
 }
 
 // For a writer that found no room; false when a signal came.
-bool pauseForRoom(const LineRow& row, int fd)
+bool pauseForRoom(const SignalRow& row, int fd)
 {
     do {
         if (!pauseSlice(roomSliceNs(row)))
@@ -216,7 +216,7 @@ bool pauseForRoom(const LineRow& row, int fd)
     return true;
 }
 
-ssize_t writeSlave(LineRow& row, int fd, const char* data, size_t count)
+ssize_t writeSlave(SignalRow& row, int fd, const char* data, size_t count)
 {
     if (count == 0)
         return nextWrite.get()(fd, data, 0);
@@ -241,12 +241,12 @@ ssize_t writeSlave(LineRow& row, int fd, const char* data, size_t count)
 
 // What the program flushes is not taken back out of the pty (the kernel would drop an
 // unknown part of it): the modem's side drops it by its place in the stream.
-void discardOutput(LineRow& row)
+void discardOutput(SignalRow& row)
 {
     row.discardedUpTo.store(row.written.load());
 }
 
-int flushSlave(LineRow& row, int fd, int queue)
+int flushSlave(SignalRow& row, int fd, int queue)
 {
     if (queue != TCIFLUSH && queue != TCOFLUSH && queue != TCIOFLUSH)
         return nextTcflush.get()(fd, queue);
@@ -297,11 +297,11 @@ private:
 constexpr short writable = POLLOUT | POLLWRNORM | POLLWRBAND;
 
 // The slave of an entry that asks for room where there is none; else null.
-const LineRow* fullRow(const pollfd& entry)
+const SignalRow* fullRow(const pollfd& entry)
 {
     if (!(entry.events & writable) || entry.fd < 0)
         return nullptr;
-    const LineRow* row = rowOf(entry.fd);
+    const SignalRow* row = rowOf(entry.fd);
     return row && !hasRoom(*row) ? row : nullptr;
 }
 
@@ -331,7 +331,7 @@ int pollBounded(pollfd* fds, nfds_t count, const timespec* timeout, const sigset
         long soonestNs = longestSliceNs;
         memcpy(asked, fds, count * sizeof(pollfd));
         for (nfds_t i = 0; i < count; ++i) {
-            const LineRow* full = fullRow(asked[i]);
+            const SignalRow* full = fullRow(asked[i]);
             if (!full)
                 continue;
             asked[i].events = static_cast<short>(asked[i].events & ~writable);
@@ -371,7 +371,7 @@ int selectBounded(int count, fd_set* readSet, fd_set* writeSet, fd_set* exceptSe
         if (exceptSet)
             askedExcept = *exceptSet;
         for (int fd = 0; fd < count; ++fd) {
-            const LineRow* full = FD_ISSET(fd, &askedWrite) ? fullRow({fd, POLLOUT, 0}) : nullptr;
+            const SignalRow* full = FD_ISSET(fd, &askedWrite) ? fullRow({fd, POLLOUT, 0}) : nullptr;
             if (!full)
                 continue;
             FD_CLR(fd, &askedWrite);
@@ -406,37 +406,37 @@ PTYLINES_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept
     va_end(arguments);
     switch (request) {
     case TIOCMGET:
-        if (const LineRow* row = rowOf(fd)) {
-            *static_cast<int*>(argument) = static_cast<int>(row->modemLines.load() | row->programLines.load());
+        if (const SignalRow* row = rowOf(fd)) {
+            *static_cast<int*>(argument) = static_cast<int>(row->modemSignals.load() | row->programSignals.load());
             return 0;
         }
         break;
     case TIOCMSET:
-        if (LineRow* row = rowOf(fd)) {
-            setProgramLines(*row, programBits, static_cast<unsigned>(*static_cast<int*>(argument)) & programBits);
+        if (SignalRow* row = rowOf(fd)) {
+            setProgramSignals(*row, programBits, static_cast<unsigned>(*static_cast<int*>(argument)) & programBits);
             return 0;
         }
         break;
     case TIOCMBIS:
-        if (LineRow* row = rowOf(fd)) {
-            setProgramLines(*row, 0, static_cast<unsigned>(*static_cast<int*>(argument)) & programBits);
+        if (SignalRow* row = rowOf(fd)) {
+            setProgramSignals(*row, 0, static_cast<unsigned>(*static_cast<int*>(argument)) & programBits);
             return 0;
         }
         break;
     case TIOCMBIC:
-        if (LineRow* row = rowOf(fd)) {
-            setProgramLines(*row, static_cast<unsigned>(*static_cast<int*>(argument)) & programBits, 0);
+        if (SignalRow* row = rowOf(fd)) {
+            setProgramSignals(*row, static_cast<unsigned>(*static_cast<int*>(argument)) & programBits, 0);
             return 0;
         }
         break;
     case TIOCOUTQ:
-        if (const LineRow* row = rowOf(fd)) {
+        if (const SignalRow* row = rowOf(fd)) {
             *static_cast<int*>(argument) = static_cast<int>(row->outstanding());
             return 0;
         }
         break;
     case TCFLSH:
-        if (LineRow* row = rowOf(fd))
+        if (SignalRow* row = rowOf(fd))
             return flushSlave(*row, fd, static_cast<int>(reinterpret_cast<intptr_t>(argument)));
         break;
     }
@@ -445,14 +445,14 @@ PTYLINES_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept
 
 PTYLINES_EXPORT ssize_t write(int fd, const void* data, size_t count)
 {
-    if (LineRow* row = rowOf(fd))
+    if (SignalRow* row = rowOf(fd))
         return writeSlave(*row, fd, static_cast<const char*>(data), count);
     return nextWrite.get()(fd, data, count);
 }
 
 PTYLINES_EXPORT ssize_t writev(int fd, const iovec* parts, int count)
 {
-    LineRow* row = rowOf(fd);
+    SignalRow* row = rowOf(fd);
     if (!row || count < 0)
         return nextWritev.get()(fd, parts, count);
     ssize_t sent = 0;
@@ -528,7 +528,7 @@ PTYLINES_EXPORT int pselect(int count, fd_set* readSet, fd_set* writeSet, fd_set
 
 PTYLINES_EXPORT int tcdrain(int fd)
 {
-    if (const LineRow* row = rowOf(fd)) {
+    if (const SignalRow* row = rowOf(fd)) {
         while (row->outstanding() > 0 && !isUnplugged(*row, fd)) {
             if (!pauseSlice())
                 return -1; // errno is EINTR
@@ -539,7 +539,7 @@ PTYLINES_EXPORT int tcdrain(int fd)
 
 PTYLINES_EXPORT int tcflush(int fd, int queue) noexcept
 {
-    if (LineRow* row = rowOf(fd))
+    if (SignalRow* row = rowOf(fd))
         return flushSlave(*row, fd, queue);
     return nextTcflush.get()(fd, queue);
 }

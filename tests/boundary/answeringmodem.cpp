@@ -16,7 +16,7 @@ AnsweringModem::AnsweringModem(const QString& name, int lines)
     : m_endpoint(testsupport::installRoot() + QLatin1Char('/') + name),
       m_answers{{"AT", "OK"}, {"+++", "OK"}, {"ATH", "OK"}, {"ATD", ""}, {"ATA", ""}}, m_lines(lines)
 {
-    m_endpoint.setModemLines(lines);
+    m_endpoint.setModemSignals(lines);
     m_thread = std::thread([this] { run(); });
 }
 
@@ -36,7 +36,7 @@ void AnsweringModem::setLines(int lines)
 {
     QMutexLocker locker(&m_mutex);
     m_lines = lines;
-    m_endpoint.setModemLines(lines);
+    m_endpoint.setModemSignals(lines);
 }
 
 void AnsweringModem::say(const QByteArray& line)
@@ -81,11 +81,11 @@ void AnsweringModem::hear(const QByteArray& command)
             bestPrefix = it.key();
     }
     if (bestPrefix == "ATH")
-        m_lines &= ~sim::LineDcd;
+        m_lines &= ~sim::SignalDcd;
     const QByteArray answer = m_answers.value(bestPrefix);
     if (answer.startsWith("CONNECT"))
-        m_lines |= sim::LineDcd;
-    m_endpoint.setModemLines(m_lines);
+        m_lines |= sim::SignalDcd;
+    m_endpoint.setModemSignals(m_lines);
     if (!answer.isEmpty())
         m_endpoint.write("\r\n" + answer + "\r\n");
 }

@@ -16,8 +16,8 @@
 class AnsweringModem
 {
 public:
-    // name: the link's name in the test's root; lines: an or of sim::ModemLine.
-    explicit AnsweringModem(const QString& name, int lines = sim::LineDsr | sim::LineCts);
+    // name: the link's name in the test's root; lines: an or of sim::ModemSignal.
+    explicit AnsweringModem(const QString& name, int lines = sim::SignalDsr | sim::SignalCts);
     ~AnsweringModem();
 
     // What a program is told to open.

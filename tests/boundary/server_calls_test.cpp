@@ -38,7 +38,7 @@ protected:
         modems.clear();
     }
 
-    AnsweringModem& addModem(const QString& name, int lines = sim::LineDsr | sim::LineCts)
+    AnsweringModem& addModem(const QString& name, int lines = sim::SignalDsr | sim::SignalCts)
     {
         modems.push_back(std::make_unique<AnsweringModem>(name, lines));
         return *modems.back();
@@ -115,7 +115,7 @@ TEST_F(ServerCalls, DeviceStatesAsTheHostSeesThem)
     ASSERT_TRUE(waitForState(0, CComThread::WaitingForDevice));
     EXPECT_FALSE(server->hasFreeChannel());
     EXPECT_FALSE(server->isHardwareOn());
-    modem.setLines(sim::LineDsr);
+    modem.setLines(sim::SignalDsr);
     ASSERT_TRUE(waitForState(0, CComThread::LineFree));
     EXPECT_TRUE(server->hasFreeChannel());
     EXPECT_TRUE(server->isHardwareOn());
@@ -128,7 +128,7 @@ TEST_F(ServerCalls, DeviceStatesAsTheHostSeesThem)
 // A modem that is in a call when its port is opened: busy hanging up, but there.
 TEST_F(ServerCalls, ResettingModemCountsAsHardware)
 {
-    AnsweringModem& modem = addModem(QStringLiteral("modem"), sim::LineDsr | sim::LineDcd);
+    AnsweringModem& modem = addModem(QStringLiteral("modem"), sim::SignalDsr | sim::SignalDcd);
     modem.setAnswer("+++", "");
     start();
     ASSERT_TRUE(waitForState(0, CComThread::ResettingModem));
@@ -452,7 +452,7 @@ namespace {
 
 std::vector<StopRow> stopRows()
 {
-    constexpr int ready = sim::LineDsr | sim::LineCts;
+    constexpr int ready = sim::SignalDsr | sim::SignalCts;
     std::vector<StopRow> rows;
     for (const bool fromAnotherThread : {false, true}) {
         rows.push_back({"closed", fromAnotherThread, CComThread::PortClosed, ready, nullptr, false});
@@ -462,7 +462,7 @@ std::vector<StopRow> stopRows()
         rows.push_back({"dialling", fromAnotherThread, CComThread::WaitingForConnect, ready, "ATD", true});
         rows.push_back({"connected", fromAnotherThread, CComThread::WaitingForConnect, ready, nullptr, true});
         rows.push_back(
-            {"resetting", fromAnotherThread, CComThread::ResettingModem, ready | sim::LineDcd, "+++", false});
+            {"resetting", fromAnotherThread, CComThread::ResettingModem, ready | sim::SignalDcd, "+++", false});
     }
     return rows;
 }
@@ -553,7 +553,7 @@ TEST_F(ServerStuck, IsTerminated)
     EXPECT_EQ(log.entriesWith(QStringLiteral("remove ")).size(), 1);
     // The channel can be started again; the log is not held by the one that was ended.
     factory->setWhenRunning(nullptr);
-    modems[0]->setLines(sim::LineDsr | sim::LineCts);
+    modems[0]->setLines(sim::SignalDsr | sim::SignalCts);
     start();
     EXPECT_TRUE(waitForState(0, CComThread::LineFree));
 }

@@ -158,27 +158,27 @@ protected:
 TEST_F(Carrier, IsWhatMakesTheChannelConnected)
 {
     EXPECT_FALSE(m_channel.isConnected());
-    m_endpoint.setModemLines(sim::LineDcd);
+    m_endpoint.setModemSignals(sim::SignalDcd);
     EXPECT_TRUE(m_channel.isConnected());
-    m_endpoint.setModemLines(sim::LineDsr | sim::LineCts | sim::LineRi);
+    m_endpoint.setModemSignals(sim::SignalDsr | sim::SignalCts | sim::SignalRi);
     EXPECT_FALSE(m_channel.isConnected());
-    m_endpoint.setModemLines(sim::LineDsr | sim::LineDcd);
+    m_endpoint.setModemSignals(sim::SignalDsr | sim::SignalDcd);
     EXPECT_TRUE(m_channel.isConnected());
 }
 
 TEST_F(Carrier, DoesNotMakeAChannelConnectedThatHungUp)
 {
     setKey(resetTimeoutKey, 1100);
-    m_endpoint.setModemLines(sim::LineDcd | sim::LineDsr);
+    m_endpoint.setModemSignals(sim::SignalDcd | sim::SignalDsr);
     m_channel.disconnectFromAbonent();
     EXPECT_FALSE(m_channel.isConnected());
-    EXPECT_EQ(m_endpoint.modemLines(), sim::LineDcd | sim::LineDsr);
+    EXPECT_EQ(m_endpoint.modemSignals(), sim::SignalDcd | sim::SignalDsr);
     EXPECT_EQ(m_endpoint.read(), "+++ATH\r\n");
 }
 
 TEST_F(Carrier, IsNotAskedForOnAClosedPort)
 {
-    m_endpoint.setModemLines(sim::LineDcd);
+    m_endpoint.setModemSignals(sim::SignalDcd);
     m_port.close();
     m_port.clearError();
     EXPECT_FALSE(m_channel.isConnected());
@@ -187,7 +187,7 @@ TEST_F(Carrier, IsNotAskedForOnAClosedPort)
 
 TEST_F(Carrier, CarriesPacketsBothWays)
 {
-    m_endpoint.setModemLines(sim::LineDcd);
+    m_endpoint.setModemSignals(sim::SignalDcd);
     m_endpoint.write(dataWire(1, "Hello"));
     m_channel.write("A");
     QByteArray received;

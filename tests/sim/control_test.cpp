@@ -22,7 +22,7 @@ protected:
         exchange.start();
     }
 
-    QString ask(const char* line) { return control.execute(QString::fromLatin1(line)).lines.join('\n'); }
+    QString ask(const char* line) { return control.execute(QString::fromLatin1(line)).text.join('\n'); }
 
     Exchange exchange;
     Control control{&exchange};
@@ -64,9 +64,9 @@ TEST_F(ControlTest, PowerAndPlug)
 {
     EXPECT_EQ(ask("power modem1 off"), QStringLiteral("ok"));
     EXPECT_FALSE(exchange.status(1).powered);
-    EXPECT_EQ(exchange.status(1).modemLines, 0);
+    EXPECT_EQ(exchange.status(1).modemSignals, 0);
     EXPECT_EQ(ask("power 1 on"), QStringLiteral("ok"));
-    EXPECT_EQ(exchange.status(1).modemLines, LineDsr | LineCts);
+    EXPECT_EQ(exchange.status(1).modemSignals, SignalDsr | SignalCts);
     EXPECT_EQ(ask("unplug modem2"), QStringLiteral("ok"));
     EXPECT_FALSE(exchange.status(2).plugged);
     EXPECT_EQ(ask("unplug 2"), QStringLiteral("error: modem2 is unplugged already"));
@@ -102,7 +102,7 @@ TEST_F(ControlTest, StatusStatisticsAndQuit)
     EXPECT_EQ(ask("stats"), QStringLiteral("ok"));
     EXPECT_FALSE(control.execute(QStringLiteral("status")).quit);
     EXPECT_TRUE(control.execute(QStringLiteral("quit")).quit);
-    EXPECT_TRUE(control.execute(QStringLiteral("  ")).lines.isEmpty());
+    EXPECT_TRUE(control.execute(QStringLiteral("  ")).text.isEmpty());
 }
 
 TEST_F(ControlTest, HelpShowsEachCommand)

@@ -1,7 +1,8 @@
 // Whole calls through the exchange: two programs on real serial ports, the lines between
 // them, and the faults.
 #include "sim/exchange/exchange.h"
-#include "sim/pty/linetable.h"
+#include "sim/line/moments.h"
+#include "sim/pty/signaltable.h"
 #include "tests/support/deadline.h"
 #include "tests/support/testroot.h"
 
@@ -65,7 +66,7 @@ protected:
         return settings;
     }
 
-    void make(const CallSettings& settings, int modems = 2, RingStyle ringStyle = RingStyle::Line)
+    void make(const CallSettings& settings, int modems = 2, RingStyle ringStyle = RingStyle::Text)
     {
         exchange = std::make_unique<Exchange>(settings);
         for (int i = 1; i <= modems; ++i)
@@ -73,7 +74,7 @@ protected:
         exchange->start();
     }
 
-    int add(const QString& number, RingStyle ringStyle = RingStyle::Line)
+    int add(const QString& number, RingStyle ringStyle = RingStyle::Text)
     {
         ModemSettings settings;
         settings.number = number;
@@ -119,7 +120,7 @@ protected:
     int pace(int modem) const
     {
         const QString slave = QFileInfo(exchange->portPath(modem)).canonicalFilePath();
-        const LineRow* row = lineRow(findLineTable(), QFileInfo(slave).fileName().toInt());
+        const SignalRow* row = signalRow(findSignalTable(), QFileInfo(slave).fileName().toInt());
         return row ? row->drainBytesPerS.load() : -1;
     }
 

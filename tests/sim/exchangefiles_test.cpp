@@ -1,7 +1,7 @@
 // What phone-exchange makes and removes in the file system: nothing that is not its own, and
 // nothing through a link that somebody else has put there.
-#include "sim/pty/linetable.h"
 #include "sim/pty/ptyendpoint.h"
+#include "sim/pty/signaltable.h"
 #include "tests/sim/phoneexchangefixture.h"
 
 #include <QDir>

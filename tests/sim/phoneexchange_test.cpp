@@ -1,7 +1,7 @@
 // The program phone-exchange from outside: options, files, commands, and a call between
 // two ports of it; and the object that programs preload.
-#include "sim/pty/linetable.h"
 #include "sim/pty/ptyendpoint.h"
+#include "sim/pty/signaltable.h"
 #include "tests/sim/phoneexchangefixture.h"
 
 #include <QDir>
@@ -153,7 +153,7 @@ protected:
     void SetUp() override
     {
         // The table of the exchange that is to come.
-        qputenv(sim::lineTableVariable, QFile::encodeName(path("ports/lines")));
+        qputenv(sim::signalTableVariable, QFile::encodeName(path("ports/lines")));
     }
 
     bool open(QSerialPort& port, const char* name)
@@ -292,7 +292,7 @@ TEST_F(PhoneCallTest, AProgramPreloadsItsLines)
     QDir().mkpath(path("ports"));
     EXPECT_FALSE(endpoint.isOpen()) << "the table's directory was missing";
     ASSERT_TRUE(endpoint.plugIn()) << endpoint.errorString().toStdString();
-    endpoint.setModemLines(sim::LineDsr | sim::LineDcd);
+    endpoint.setModemSignals(sim::SignalDsr | sim::SignalDcd);
     endpoint.setDepth(300);
 
     QProcess probe;
@@ -307,16 +307,16 @@ TEST_F(PhoneCallTest, AProgramPreloadsItsLines)
     }));
     EXPECT_EQ(seen, QByteArray("lines DTR DSR DCD\nwritten 300 waiting 300 ready 0\n"))
         << probe.readAllStandardError().constData();
-    EXPECT_EQ(endpoint.programLines(), sim::LineDtr);
+    EXPECT_EQ(endpoint.programSignals(), sim::SignalDtr);
     EXPECT_EQ(endpoint.bytesFromProgram(), 300);
     probe.write("\n");
     ASSERT_TRUE(waitFor([&] { return probe.state() == QProcess::NotRunning; }));
     EXPECT_EQ(probe.exitCode(), 0);
-    EXPECT_EQ(endpoint.programLines(), 0);
+    EXPECT_EQ(endpoint.programSignals(), 0);
     EXPECT_EQ(endpoint.dtrDrops(), 1u);
 }
 
-TEST_F(PhoneCallTest, WithoutTheObjectAPtyHasNoLines)
+TEST_F(PhoneCallTest, WithoutTheObjectAPtyHasNoSignals)
 {
     QDir().mkpath(path("ports"));
     sim::PtyEndpoint endpoint(path("port"));
@@ -330,11 +330,11 @@ TEST_F(PhoneCallTest, WithoutTheObjectAPtyHasNoLines)
 TEST_F(PhoneCallTest, RowsOfAKilledExchangeAreGivenFree)
 {
     runReady({QStringLiteral("--modems=1")});
-    sim::LineTable* table = sim::findLineTable();
+    sim::SignalTable* table = sim::findSignalTable();
     ASSERT_NE(table, nullptr);
     const auto owned = [table](qint64 owner) {
         int count = 0;
-        for (const sim::LineRow& row : table->rows)
+        for (const sim::SignalRow& row : table->rows)
             count += row.owner == owner;
         return count;
     };

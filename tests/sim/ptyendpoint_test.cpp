@@ -82,7 +82,7 @@ TEST_F(PtyEndpointTest, OpensAndNamesASlave)
     EXPECT_GE(endpoint.masterFd(), 0);
 }
 
-TEST_F(PtyEndpointTest, ModemLinesAreSeenByTheProgramAtOnce)
+TEST_F(PtyEndpointTest, ModemSignalsAreSeenByTheProgramAtOnce)
 {
     PtyEndpoint endpoint;
     QSerialPort port;
@@ -91,41 +91,41 @@ TEST_F(PtyEndpointTest, ModemLinesAreSeenByTheProgramAtOnce)
     {
         int line;
         QSerialPort::PinoutSignal pin;
-    } pairs[] = {{sim::LineDsr, QSerialPort::DataSetReadySignal},
-                 {sim::LineDcd, QSerialPort::DataCarrierDetectSignal},
-                 {sim::LineRi, QSerialPort::RingIndicatorSignal},
-                 {sim::LineCts, QSerialPort::ClearToSendSignal}};
+    } pairs[] = {{sim::SignalDsr, QSerialPort::DataSetReadySignal},
+                 {sim::SignalDcd, QSerialPort::DataCarrierDetectSignal},
+                 {sim::SignalRi, QSerialPort::RingIndicatorSignal},
+                 {sim::SignalCts, QSerialPort::ClearToSendSignal}};
     for (const auto& pair : pairs) {
-        endpoint.setModemLines(pair.line);
-        EXPECT_EQ(endpoint.modemLines(), pair.line);
+        endpoint.setModemSignals(pair.line);
+        EXPECT_EQ(endpoint.modemSignals(), pair.line);
         EXPECT_EQ(port.pinoutSignals(), QSerialPort::PinoutSignals(pair.pin));
     }
-    endpoint.setModemLines(sim::LineDsr | sim::LineCts);
+    endpoint.setModemSignals(sim::SignalDsr | sim::SignalCts);
     EXPECT_EQ(port.pinoutSignals(),
               QSerialPort::PinoutSignals(QSerialPort::DataSetReadySignal | QSerialPort::ClearToSendSignal));
-    endpoint.setModemLines(0);
+    endpoint.setModemSignals(0);
     EXPECT_EQ(port.pinoutSignals(), QSerialPort::PinoutSignals(QSerialPort::NoSignal));
     EXPECT_EQ(port.error(), QSerialPort::NoError);
 }
 
-TEST_F(PtyEndpointTest, ProgramLinesAreSeenByTheModemAtOnce)
+TEST_F(PtyEndpointTest, ProgramSignalsAreSeenByTheModemAtOnce)
 {
     PtyEndpoint endpoint;
     QSerialPort port;
     ASSERT_TRUE(open(port, endpoint));
-    EXPECT_FALSE(endpoint.programLines() & sim::LineDtr);
+    EXPECT_FALSE(endpoint.programSignals() & sim::SignalDtr);
     ASSERT_TRUE(port.setDataTerminalReady(true)) << port.errorString().toStdString();
-    EXPECT_TRUE(endpoint.programLines() & sim::LineDtr);
-    EXPECT_TRUE(endpoint.programSetsLines());
+    EXPECT_TRUE(endpoint.programSignals() & sim::SignalDtr);
+    EXPECT_TRUE(endpoint.programSetsSignals());
     ASSERT_TRUE(port.setRequestToSend(true));
-    EXPECT_EQ(endpoint.programLines(), sim::LineDtr | sim::LineRts);
+    EXPECT_EQ(endpoint.programSignals(), sim::SignalDtr | sim::SignalRts);
     EXPECT_EQ(port.pinoutSignals(),
               QSerialPort::PinoutSignals(QSerialPort::DataTerminalReadySignal | QSerialPort::RequestToSendSignal));
     ASSERT_TRUE(port.setDataTerminalReady(false));
-    EXPECT_EQ(endpoint.programLines(), sim::LineRts);
+    EXPECT_EQ(endpoint.programSignals(), sim::SignalRts);
     EXPECT_EQ(endpoint.dtrDrops(), 1u);
     ASSERT_TRUE(port.setRequestToSend(false));
-    EXPECT_EQ(endpoint.programLines(), 0);
+    EXPECT_EQ(endpoint.programSignals(), 0);
 }
 
 TEST_F(PtyEndpointTest, AShortDropOfDtrIsCounted)
@@ -141,33 +141,33 @@ TEST_F(PtyEndpointTest, AShortDropOfDtrIsCounted)
     EXPECT_EQ(endpoint.dtrDrops(), 3u);
 }
 
-TEST_F(PtyEndpointTest, SetReplacesBothLinesAndNothingElse)
+TEST_F(PtyEndpointTest, SetReplacesBothSignalsAndNothingElse)
 {
     PtyEndpoint endpoint;
     const int fd = openFd(endpoint);
-    endpoint.setModemLines(sim::LineDsr);
+    endpoint.setModemSignals(sim::SignalDsr);
     int lines = TIOCM_RTS | TIOCM_CAR;
     ASSERT_EQ(ioctl(fd, TIOCMSET, &lines), 0);
-    EXPECT_EQ(endpoint.programLines(), sim::LineRts);
-    EXPECT_EQ(endpoint.modemLines(), sim::LineDsr);
+    EXPECT_EQ(endpoint.programSignals(), sim::SignalRts);
+    EXPECT_EQ(endpoint.modemSignals(), sim::SignalDsr);
     lines = TIOCM_DTR;
     ASSERT_EQ(ioctl(fd, TIOCMSET, &lines), 0);
-    EXPECT_EQ(endpoint.programLines(), sim::LineDtr);
+    EXPECT_EQ(endpoint.programSignals(), sim::SignalDtr);
 }
 
-TEST_F(PtyEndpointTest, LinesOfOnePtyAreNotThoseOfAnother)
+TEST_F(PtyEndpointTest, SignalsOfOnePtyAreNotThoseOfAnother)
 {
     PtyEndpoint first;
     PtyEndpoint second;
     QSerialPort port;
     ASSERT_TRUE(open(port, second));
-    first.setModemLines(sim::LineDsr | sim::LineDcd);
+    first.setModemSignals(sim::SignalDsr | sim::SignalDcd);
     EXPECT_EQ(port.pinoutSignals(), QSerialPort::PinoutSignals(QSerialPort::NoSignal));
     ASSERT_TRUE(port.setDataTerminalReady(true));
-    EXPECT_EQ(first.programLines(), 0);
+    EXPECT_EQ(first.programSignals(), 0);
 }
 
-TEST_F(PtyEndpointTest, APtyWithoutAnEndpointHasNoLines)
+TEST_F(PtyEndpointTest, APtyWithoutAnEndpointHasNoSignals)
 {
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_GE(master, 0);
@@ -555,7 +555,7 @@ TEST_F(PtyEndpointTest, AnUnpluggedPortFailsAndComesBackUnderTheSameLink)
     QSerialPort port;
     ASSERT_TRUE(open(port, endpoint)) << port.errorString().toStdString();
     ASSERT_TRUE(port.setDataTerminalReady(true));
-    endpoint.setModemLines(sim::LineDsr);
+    endpoint.setModemSignals(sim::SignalDsr);
 
     endpoint.unplug();
     EXPECT_FALSE(endpoint.isOpen());
@@ -570,12 +570,12 @@ TEST_F(PtyEndpointTest, AnUnpluggedPortFailsAndComesBackUnderTheSameLink)
 
     ASSERT_TRUE(endpoint.plugIn()) << endpoint.errorString().toStdString();
     EXPECT_EQ(endpoint.portPath(), linkPath());
-    EXPECT_EQ(endpoint.programLines(), 0);
-    EXPECT_EQ(endpoint.modemLines(), 0);
+    EXPECT_EQ(endpoint.programSignals(), 0);
+    EXPECT_EQ(endpoint.modemSignals(), 0);
     port.close();
     QSerialPort fresh;
     ASSERT_TRUE(open(fresh, endpoint)) << fresh.errorString().toStdString();
-    endpoint.setModemLines(sim::LineDsr);
+    endpoint.setModemSignals(sim::SignalDsr);
     EXPECT_EQ(fresh.pinoutSignals(), QSerialPort::PinoutSignals(QSerialPort::DataSetReadySignal));
     ASSERT_EQ(fresh.write(QByteArray(100, 'z')), 100);
     EXPECT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 77; }));

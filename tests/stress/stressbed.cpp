@@ -48,7 +48,7 @@ StressBed::StressBed(int ports, const sim::LineSettings& line, std::function<std
         sim::ModemSettings settings;
         settings.number = number(modem);
         settings.linkPath = QStringLiteral("%1/port%2").arg(installRoot(), QString::number(modem));
-        settings.ringStyle = modem % 2 ? sim::RingStyle::Line : sim::RingStyle::Pin;
+        settings.ringStyle = modem % 2 ? sim::RingStyle::Text : sim::RingStyle::Pin;
         QString error;
         if (exchange.addModem(settings, &error) != modem)
             qFatal("no modem %d: %s", modem, qPrintable(error));

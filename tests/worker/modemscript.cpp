@@ -45,7 +45,7 @@ bool ModemScript::flood(const QByteArray& bytes)
     return true;
 }
 
-void ModemScript::setLine(sim::ModemLine line, bool on)
+void ModemScript::setLine(sim::ModemSignal line, bool on)
 {
-    m_endpoint.setModemLines(on ? m_endpoint.modemLines() | line : m_endpoint.modemLines() & ~line);
+    m_endpoint.setModemSignals(on ? m_endpoint.modemSignals() | line : m_endpoint.modemSignals() & ~line);
 }

@@ -16,9 +16,9 @@ public:
     sim::PtyEndpoint& endpoint() { return m_endpoint; }
     QString portPath() const { return m_endpoint.portPath(); }
 
-    void setDsr(bool on) { setLine(sim::LineDsr, on); }
-    void setDcd(bool on) { setLine(sim::LineDcd, on); }
-    void setRi(bool on) { setLine(sim::LineRi, on); }
+    void setDsr(bool on) { setLine(sim::SignalDsr, on); }
+    void setDcd(bool on) { setLine(sim::SignalDcd, on); }
+    void setRi(bool on) { setLine(sim::SignalRi, on); }
 
     // Waits until the program has written as many bytes as expected has, and takes them;
     // succeeds if they are the expected ones.
@@ -31,7 +31,7 @@ public:
     bool flood(const QByteArray& bytes);
 
 private:
-    void setLine(sim::ModemLine line, bool on);
+    void setLine(sim::ModemSignal line, bool on);
 
     sim::PtyEndpoint m_endpoint;
     QByteArray m_written;

@@ -522,7 +522,7 @@ TEST_F(WorkerCall, StopDuringACallEndsAtOnce)
                   QStringLiteral("remove")});
     // A stop does not wait for the modem.
     EXPECT_EQ(modem.written(), QByteArray());
-    EXPECT_EQ(modem.endpoint().programLines() & sim::LineDtr, 0);
+    EXPECT_EQ(modem.endpoint().programSignals() & sim::SignalDtr, 0);
 }
 
 TEST_F(WorkerCall, StopDoesNotWaitForNamesThatTheServerHasNotHandled)

@@ -235,7 +235,7 @@ TEST_P(StopAt, FromTheServersThread)
     QCoreApplication::processEvents();
     EXPECT_TRUE(events().filter(QStringLiteral("error ")).isEmpty()) << joined(events());
     if (GetParam() != Moment::Closed) {
-        EXPECT_EQ(modem.endpoint().programLines() & sim::LineDtr, 0);
+        EXPECT_EQ(modem.endpoint().programSignals() & sim::SignalDtr, 0);
     }
 }
 

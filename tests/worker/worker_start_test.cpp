@@ -170,7 +170,7 @@ TEST_F(WorkerStart, ModemThatAnswersBecomesFree)
     EXPECT_EQ(joined(logTexts()),
               joined({QStringLiteral("COM порт открыт"), ready, askedInLog, QStringLiteral("Чтение команды: OK"),
                       QStringLiteral("Получен ответ 'OK' на команду AT")}));
-    EXPECT_EQ(modem.endpoint().programLines() & sim::LineDtr, sim::LineDtr);
+    EXPECT_EQ(modem.endpoint().programSignals() & sim::SignalDtr, sim::SignalDtr);
     EXPECT_EQ(modem.endpoint().baudRate(), 9600);
     EXPECT_EQ(worker->portName(), modem.portPath());
     EXPECT_EQ(worker->connectionId(), connectionId);
@@ -568,7 +568,7 @@ TEST_F(WorkerStart, PortIsClosedBeforeItLeavesTheTable)
     bool isDtrDropped = false;
     bool isOpenToOthers = false;
     channelsState.onRemove = [&] {
-        isDtrDropped = (modem.endpoint().programLines() & sim::LineDtr) == 0;
+        isDtrDropped = (modem.endpoint().programSignals() & sim::SignalDtr) == 0;
         QSerialPort other;
         other.setPortName(modem.portPath());
         isOpenToOthers = other.open(QIODevice::ReadWrite);

@@ -1,4 +1,4 @@
-#include "sim/pty/linetable.h"
+#include "sim/pty/signaltable.h"
 
 #include <cerrno>
 #include <csignal>
@@ -12,8 +12,8 @@ namespace sim {
 
 namespace {
 
-std::atomic<LineTable*> currentTable{nullptr};
-LineTable processTable; // all zero; its pages cost nothing until they are used
+std::atomic<SignalTable*> currentTable{nullptr};
+SignalTable processTable; // all zero; its pages cost nothing until they are used
 
 // A file that is made is for this user alone; one that stands there must be ours. Never
 // through a link, which somebody else may have put there. -1 with errno.
@@ -45,13 +45,13 @@ bool isUsable(int fd, bool create)
         errno = EPERM;
         return false;
     }
-    if (status.st_size >= static_cast<off_t>(sizeof(LineTable)))
+    if (status.st_size >= static_cast<off_t>(sizeof(SignalTable)))
         return true;
     // A second name may be that of a file which means something else to its owner.
-    return create && status.st_size == 0 && status.st_nlink == 1 && ftruncate(fd, sizeof(LineTable)) == 0;
+    return create && status.st_size == 0 && status.st_nlink == 1 && ftruncate(fd, sizeof(SignalTable)) == 0;
 }
 
-LineTable* mapFile(const char* path, bool create)
+SignalTable* mapFile(const char* path, bool create)
 {
     const int fd = openFile(path, create);
     if (fd < 0)
@@ -62,16 +62,16 @@ LineTable* mapFile(const char* path, bool create)
         errno = error;
         return nullptr;
     }
-    void* memory = mmap(nullptr, sizeof(LineTable), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* memory = mmap(nullptr, sizeof(SignalTable), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     if (memory == MAP_FAILED)
         return nullptr;
-    auto* table = static_cast<LineTable*>(memory);
+    auto* table = static_cast<SignalTable*>(memory);
     std::uint32_t seen = 0;
     if (create)
-        table->magic.compare_exchange_strong(seen, lineTableMagic);
-    if (table->magic.load() != lineTableMagic) {
-        munmap(memory, sizeof(LineTable));
+        table->magic.compare_exchange_strong(seen, signalTableMagic);
+    if (table->magic.load() != signalTableMagic) {
+        munmap(memory, sizeof(SignalTable));
         errno = EINVAL;
         return nullptr;
     }
@@ -79,21 +79,21 @@ LineTable* mapFile(const char* path, bool create)
 }
 
 // Two threads may both have mapped the file; one mapping stays.
-LineTable* adopt(LineTable* table)
+SignalTable* adopt(SignalTable* table)
 {
-    LineTable* seen = nullptr;
+    SignalTable* seen = nullptr;
     if (currentTable.compare_exchange_strong(seen, table))
         return table;
     if (table != &processTable && table != seen)
-        munmap(table, sizeof(LineTable));
+        munmap(table, sizeof(SignalTable));
     return seen;
 }
 
 // A modem's side that was killed leaves its rows behind, and the kernel gives the same
 // pty numbers out again.
-void releaseDeadRows(LineTable* table)
+void releaseDeadRows(SignalTable* table)
 {
-    for (LineRow& row : table->rows) {
+    for (SignalRow& row : table->rows) {
         std::int32_t owner = row.owner.load();
         if (owner != 0 && kill(owner, 0) != 0 && errno == ESRCH)
             row.owner.compare_exchange_strong(owner, 0);
@@ -102,35 +102,35 @@ void releaseDeadRows(LineTable* table)
 
 } // namespace
 
-LineTable* makeLineTable()
+SignalTable* makeSignalTable()
 {
-    if (LineTable* table = currentTable.load(std::memory_order_acquire))
+    if (SignalTable* table = currentTable.load(std::memory_order_acquire))
         return table;
-    const char* path = getenv(lineTableVariable);
+    const char* path = getenv(signalTableVariable);
     if (!path || !*path)
         return adopt(&processTable);
-    LineTable* table = mapFile(path, true);
+    SignalTable* table = mapFile(path, true);
     if (!table)
         return nullptr;
     releaseDeadRows(table);
     return adopt(table);
 }
 
-LineTable* findLineTable()
+SignalTable* findSignalTable()
 {
-    if (LineTable* table = currentTable.load(std::memory_order_acquire))
+    if (SignalTable* table = currentTable.load(std::memory_order_acquire))
         return table;
     // Looked for again each time: the exchange may start after the program.
-    const char* path = getenv(lineTableVariable);
+    const char* path = getenv(signalTableVariable);
     if (!path || !*path)
         return nullptr;
-    LineTable* table = mapFile(path, false);
+    SignalTable* table = mapFile(path, false);
     return table ? adopt(table) : nullptr;
 }
 
-LineRow* lineRow(LineTable* table, int ptyNumber)
+SignalRow* signalRow(SignalTable* table, int ptyNumber)
 {
-    if (!table || ptyNumber < 0 || ptyNumber >= lineTableRows)
+    if (!table || ptyNumber < 0 || ptyNumber >= signalTableRows)
         return nullptr;
     return &table->rows[ptyNumber];
 }
