@@ -3,6 +3,7 @@
 // truth.
 #include "fuzz/check.h"
 #include "fuzz/input.h"
+#include "sim/line/moments.h"
 #include "sim/modem/modem.h"
 
 #include <QByteArray>

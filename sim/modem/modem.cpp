@@ -1,54 +1,22 @@
 #include "sim/modem/modem.h"
 
+#include "sim/line/moments.h"
+
 namespace sim {
 
 namespace {
 
-// The S registers that this modem acts on; the others are only kept.
-enum Register : std::size_t
-{
-    RingsToAnswer = 0,
-    RingCount = 1,
-    EscapeByte = 2,
-    CarriageReturn = 3,
-    LineFeed = 4,
-    Backspace = 5,
-    CarrierWaitSeconds = 7,
-    CommaPauseSeconds = 8,
-    GuardTime = 12, // fiftieths of a second
-};
-
-constexpr qint64 guardUnitNs = nsPerSecond / 50;
-constexpr int escapeLength = 3;
-constexpr int largestEscapeByte = 127; // above it there is no escape
-
-int takeNumber(const QByteArray& line, int& at)
+int takeNumber(const QByteArray& text, int& at)
 {
     int value = 0;
-    while (at < line.size() && line.at(at) >= '0' && line.at(at) <= '9') {
-        value = qMin(value * 10 + (line.at(at) - '0'), 100000);
+    while (at < text.size() && text.at(at) >= '0' && text.at(at) <= '9') {
+        value = qMin(value * 10 + (text.at(at) - '0'), 100000);
         ++at;
     }
     return value;
 }
 
 } // namespace
-
-Modem::Profile::Profile()
-{
-    registers[EscapeByte] = '+';
-    registers[CarriageReturn] = '\r';
-    registers[LineFeed] = '\n';
-    registers[Backspace] = '\b';
-    registers[6] = 2;
-    registers[CarrierWaitSeconds] = 60;
-    registers[CommaPauseSeconds] = 2;
-    registers[9] = 6;
-    registers[10] = 14;
-    registers[11] = 95;
-    registers[GuardTime] = 50;
-    registers[25] = 5;
-}
 
 Modem::Modem(ModemHost* host, const QString& number, RingStyle ringStyle)
     : m_host(host), m_number(number), m_ringStyle(ringStyle)
@@ -63,7 +31,7 @@ void Modem::byteFromProgram(char byte, qint64 nowNs)
     case ModemState::Dialling:
     case ModemState::Answering:
         // Any key gives the call up; a line feed belongs to the command before it.
-        if (byte == static_cast<char>(m_profile.registers[LineFeed]))
+        if (byte == m_profile.byteAt(LineFeed))
             return;
         m_host->hangUp();
         goOnHook();
@@ -105,13 +73,13 @@ void Modem::ring(qint64 nowNs)
     advance(nowNs);
     if (m_state != ModemState::OnHook || (!m_dtr && m_profile.dtrAction != 0))
         return;
-    quint8& count = m_profile.registers[RingCount];
+    quint8& count = m_profile.at(RingCount);
     count = static_cast<quint8>(qMin(count + 1, 255));
     switch (m_ringStyle) {
     case RingStyle::Text: result(ResultCode::Ring); break;
     case RingStyle::Pin: m_host->setRingIndicator(true); break;
     }
-    const int wanted = m_profile.registers[RingsToAnswer];
+    const int wanted = m_profile.at(RingsToAnswer);
     if (wanted > 0 && count >= wanted) {
         m_host->trace(QStringLiteral("answers by itself after %1 rings").arg(count));
         answer();
@@ -127,14 +95,13 @@ void Modem::ringPauses()
 void Modem::ringingStopped()
 {
     ringPauses();
-    m_profile.registers[RingCount] = 0;
+    m_profile.at(RingCount) = 0;
 }
 
 void Modem::connected(int bitsPerSecond, qint64 nowNs)
 {
     m_speed = bitsPerSecond;
-    m_escapeCount = 0;
-    m_lastByteNs = nowNs;
+    m_escape.start(nowNs);
     setState(ModemState::Data);
     resultConnect();
 }
@@ -168,7 +135,7 @@ void Modem::advance(qint64 nowNs)
     const qint64 due = nextEventNs();
     if (due < 0 || nowNs < due)
         return;
-    m_escapeCount = 0;
+    m_escape.reset();
     setState(ModemState::OnlineCommand);
     m_host->trace(QStringLiteral("escape to command mode"));
     result(ResultCode::Ok);
@@ -176,14 +143,12 @@ void Modem::advance(qint64 nowNs)
 
 qint64 Modem::nextEventNs() const
 {
-    if (m_state != ModemState::Data || m_escapeCount != escapeLength)
-        return -1;
-    return m_lastByteNs + m_profile.registers[GuardTime] * guardUnitNs;
+    return m_state == ModemState::Data ? m_escape.dueNs(m_profile.guardNs()) : -1;
 }
 
 void Modem::powerOn()
 {
-    m_input = Input::Idle;
+    m_reader.reset();
     ringingStopped();
     goOnHook();
     resetTo(m_storedProfile);
@@ -193,18 +158,8 @@ void Modem::powerOn()
 void Modem::dataByte(char byte, qint64 nowNs)
 {
     m_host->toLine(byte);
-    const qint64 guardNs = m_profile.registers[GuardTime] * guardUnitNs;
-    const qint64 pauseNs = nowNs - m_lastByteNs;
-    const int escapeByte = m_profile.registers[EscapeByte];
-    m_lastByteNs = nowNs;
-    if (static_cast<quint8>(byte) != escapeByte || escapeByte > largestEscapeByte) {
-        m_escapeCount = 0;
-    } else if (pauseNs >= guardNs && (guardNs > 0 || m_escapeCount == 0)) {
-        m_escapeCount = 1;
-    } else if (m_escapeCount > 0) {
-        // A fourth one in a row is data.
-        m_escapeCount = m_escapeCount < escapeLength ? m_escapeCount + 1 : 0;
-    }
+    const qint64 guardNs = m_profile.guardNs();
+    m_escape.add(byte, m_profile.at(EscapeByte), guardNs, nowNs);
     if (guardNs == 0)
         advance(nowNs);
 }
@@ -213,56 +168,19 @@ void Modem::commandByte(char byte)
 {
     if (m_profile.echo)
         m_host->toProgram(QByteArray(1, byte));
-    switch (m_input) {
-    case Input::Idle:
-    case Input::GotA: beginLine(byte); return;
-    case Input::Line: editLine(byte); return;
+    switch (m_reader.add(byte, m_profile.at(CarriageReturn), m_profile.at(Backspace))) {
+    case CommandReader::Result::Unfinished: return;
+    case CommandReader::Result::Command: execute(m_reader.command()); return;
+    case CommandReader::Result::TooLong: result(ResultCode::Error); return;
     }
 }
 
-void Modem::beginLine(char byte)
+void Modem::execute(const QByteArray& text)
 {
-    const char upper = QChar::fromLatin1(byte).toUpper().toLatin1();
-    if (upper == 'A') {
-        m_input = Input::GotA;
-    } else if (m_input == Input::GotA && upper == 'T') {
-        m_input = Input::Line;
-        m_line.clear();
-        m_lineTooLong = false;
-    } else if (m_input == Input::GotA && upper == '/') {
-        m_input = Input::Idle;
-        execute(m_lastLine);
-    } else {
-        m_input = Input::Idle;
-    }
-}
-
-void Modem::editLine(char byte)
-{
-    const quint8 value = static_cast<quint8>(byte);
-    if (value == m_profile.registers[CarriageReturn]) {
-        m_input = Input::Idle;
-        if (m_lineTooLong) {
-            result(ResultCode::Error);
-            return;
-        }
-        m_lastLine = m_line;
-        execute(m_line);
-    } else if (value == m_profile.registers[Backspace]) {
-        m_line.chop(1);
-    } else if (value > ' ' && m_line.size() < maxCommandLength) {
-        m_line += QChar::fromLatin1(byte).toUpper().toLatin1();
-    } else if (value > ' ') {
-        m_lineTooLong = true;
-    }
-}
-
-void Modem::execute(const QByteArray& line)
-{
-    m_host->trace(QStringLiteral("command AT%1").arg(QString::fromLatin1(line)));
+    m_host->trace(QStringLiteral("command AT%1").arg(QString::fromLatin1(text)));
     int at = 0;
-    while (at < line.size()) {
-        switch (executeOne(line, at)) {
+    while (at < text.size()) {
+        switch (executeOne(text, at)) {
         case Outcome::Next: break;
         case Outcome::Failed: result(ResultCode::Error); return;
         case Outcome::Finished: return;
@@ -271,29 +189,29 @@ void Modem::execute(const QByteArray& line)
     result(ResultCode::Ok);
 }
 
-Modem::Outcome Modem::executeOne(const QByteArray& line, int& at)
+Modem::Outcome Modem::executeOne(const QByteArray& text, int& at)
 {
-    const char command = line.at(at++);
+    const char command = text.at(at++);
     switch (command) {
     case 'A': return answer();
-    case 'D': return dial(line.mid(at));
-    case 'E': return setChoice(m_profile.echo, takeNumber(line, at));
-    case 'H': return hook(takeNumber(line, at));
-    case 'I': return information(takeNumber(line, at));
-    case 'O': takeNumber(line, at); return returnOnline();
-    case 'Q': return setChoice(m_profile.quiet, takeNumber(line, at));
-    case 'V': return setChoice(m_profile.verbose, takeNumber(line, at));
-    case 'X': return setLevel(m_profile.resultLevel, takeNumber(line, at), 4);
+    case 'D': return dial(text.mid(at));
+    case 'E': return setChoice(m_profile.echo, takeNumber(text, at));
+    case 'H': return hook(takeNumber(text, at));
+    case 'I': return information(takeNumber(text, at));
+    case 'O': takeNumber(text, at); return returnOnline();
+    case 'Q': return setChoice(m_profile.quiet, takeNumber(text, at));
+    case 'V': return setChoice(m_profile.verbose, takeNumber(text, at));
+    case 'X': return setLevel(m_profile.resultLevel, takeNumber(text, at), 4);
     case 'Z':
-        takeNumber(line, at);
+        takeNumber(text, at);
         hook(0);
         resetTo(m_storedProfile);
         result(ResultCode::Ok);
         return Outcome::Finished;
-    case 'S': m_selectedRegister = takeNumber(line, at); return executeRegister(line, at);
+    case 'S': m_selectedRegister = takeNumber(text, at); return executeRegister(text, at);
     case '=':
-    case '?': --at; return executeRegister(line, at);
-    case '&': return executeAmpersand(line, at);
+    case '?': --at; return executeRegister(text, at);
+    case '&': return executeAmpersand(text, at);
     case 'B': // modulation
     case 'C': // transmitter
     case 'F': // echo of data
@@ -304,27 +222,27 @@ Modem::Outcome Modem::executeOne(const QByteArray& line, int& at)
     case 'T': // tone dialling
     case 'W': // form of CONNECT
     case 'Y': // break
-        takeNumber(line, at);
+        takeNumber(text, at);
         return Outcome::Next;
     case '\\': // error correction
     case '%': // compression
-        if (at >= line.size())
+        if (at >= text.size())
             return Outcome::Failed;
         ++at;
-        takeNumber(line, at);
+        takeNumber(text, at);
         return Outcome::Next;
     }
     return Outcome::Failed;
 }
 
-Modem::Outcome Modem::executeAmpersand(const QByteArray& line, int& at)
+Modem::Outcome Modem::executeAmpersand(const QByteArray& text, int& at)
 {
-    if (at >= line.size())
+    if (at >= text.size())
         return Outcome::Failed;
-    const char command = line.at(at++);
+    const char command = text.at(at++);
     if (command == 'Z')
-        return storeNumber(line, at);
-    const int value = takeNumber(line, at);
+        return storeNumber(text, at);
+    const int value = takeNumber(text, at);
     switch (command) {
     case 'C': {
         const Outcome outcome = setChoice(m_profile.carrierFollows, value);
@@ -333,7 +251,7 @@ Modem::Outcome Modem::executeAmpersand(const QByteArray& line, int& at)
     }
     case 'D': return setLevel(m_profile.dtrAction, value, 3);
     case 'F': resetTo(Profile()); return Outcome::Next;
-    case 'V': say(settingsText()); return Outcome::Next;
+    case 'V': say(m_profile.toText()); return Outcome::Next;
     case 'W': m_storedProfile = m_profile; return Outcome::Next;
     case 'G': // guard tone
     case 'J': // jack
@@ -352,18 +270,18 @@ Modem::Outcome Modem::executeAmpersand(const QByteArray& line, int& at)
     return Outcome::Failed;
 }
 
-Modem::Outcome Modem::executeRegister(const QByteArray& line, int& at)
+Modem::Outcome Modem::executeRegister(const QByteArray& text, int& at)
 {
-    if (m_selectedRegister >= registerCount)
+    if (m_selectedRegister >= Profile::registerCount)
         return Outcome::Failed;
-    quint8& value = m_profile.registers[static_cast<std::size_t>(m_selectedRegister)];
-    const char action = at < line.size() ? line.at(at) : '\0';
+    quint8& value = m_profile.at(m_selectedRegister);
+    const char action = at < text.size() ? text.at(at) : '\0';
     if (action == '?') {
         ++at;
         say(QByteArray::number(value).rightJustified(3, '0'));
     } else if (action == '=') {
         ++at;
-        const int wanted = takeNumber(line, at);
+        const int wanted = takeNumber(text, at);
         if (wanted > 255 || m_selectedRegister == RingCount)
             return Outcome::Failed;
         value = static_cast<quint8>(wanted);
@@ -406,7 +324,7 @@ Modem::Outcome Modem::dial(const QByteArray& text)
         m_dial.number.prepend(m_lastNumber);
     if (m_dial.stored >= 0)
         m_dial.number.prepend(m_storedNumbers[static_cast<std::size_t>(m_dial.stored)]);
-    // L and a semicolon could double the number with each line.
+    // L and a semicolon could double the number with each command.
     if (m_dialledSoFar.size() + m_dial.number.size() > maxCommandLength) {
         m_dialledSoFar.clear();
         return Outcome::Failed;
@@ -420,7 +338,7 @@ Modem::Outcome Modem::dial(const QByteArray& text)
     m_lastNumber = m_dialledSoFar;
     m_dialledSoFar.clear();
     setState(ModemState::Dialling);
-    m_host->dial(m_lastNumber, m_dial.pauses * m_profile.registers[CommaPauseSeconds] * nsPerSecond);
+    m_host->dial(m_lastNumber, m_dial.pauses * m_profile.at(CommaPauseSeconds) * nsPerSecond);
     return Outcome::Finished;
 }
 
@@ -444,7 +362,7 @@ Modem::Outcome Modem::returnOnline()
         result(ResultCode::NoCarrier);
         return Outcome::Finished;
     }
-    m_escapeCount = 0;
+    m_escape.reset();
     setState(ModemState::Data);
     resultConnect();
     return Outcome::Finished;
@@ -458,26 +376,26 @@ Modem::Outcome Modem::information(int value)
     case 2: // self-test passed
         return Outcome::Next;
     case 3: say("1.0"); return Outcome::Next;
-    case 4: say(settingsText()); return Outcome::Next;
+    case 4: say(m_profile.toText()); return Outcome::Next;
     }
     return Outcome::Failed;
 }
 
-Modem::Outcome Modem::storeNumber(const QByteArray& line, int& at)
+Modem::Outcome Modem::storeNumber(const QByteArray& text, int& at)
 {
-    const int place = takeNumber(line, at);
-    if (place >= static_cast<int>(m_storedNumbers.size()) || line.mid(at, 1) != "=")
+    const int place = takeNumber(text, at);
+    if (place >= static_cast<int>(m_storedNumbers.size()) || text.mid(at, 1) != "=")
         return Outcome::Failed;
-    m_storedNumbers[static_cast<std::size_t>(place)] = normalizedNumber(QString::fromLatin1(line.mid(at + 1)));
-    at = line.size();
+    m_storedNumbers[static_cast<std::size_t>(place)] = normalizedNumber(QString::fromLatin1(text.mid(at + 1)));
+    at = text.size();
     return Outcome::Next;
 }
 
 void Modem::resetTo(const Profile& profile)
 {
-    const quint8 rings = m_profile.registers[RingCount];
+    const quint8 rings = m_profile.at(RingCount);
     m_profile = profile;
-    m_profile.registers[RingCount] = rings;
+    m_profile.at(RingCount) = rings;
     showCarrier();
 }
 
@@ -485,7 +403,7 @@ void Modem::goOnHook()
 {
     m_dialledSoFar.clear();
     m_dial = DialString();
-    m_escapeCount = 0;
+    m_escape.reset();
     setState(ModemState::OnHook);
 }
 
@@ -500,10 +418,10 @@ void Modem::showCarrier()
     m_host->setCarrierDetect(isConnected() || !m_profile.carrierFollows);
 }
 
-// A line of information.
+// A text of information.
 void Modem::say(const QByteArray& text)
 {
-    m_host->toProgram((m_profile.verbose ? lineEnd() : QByteArray()) + text + lineEnd());
+    m_host->toProgram((m_profile.verbose ? textEnd() : QByteArray()) + text + textEnd());
 }
 
 void Modem::result(ResultCode code)
@@ -525,27 +443,17 @@ void Modem::sendResult(const QByteArray& text, int number)
     if (m_profile.quiet)
         return;
     if (m_profile.verbose)
-        m_host->toProgram(lineEnd() + text + lineEnd());
+        m_host->toProgram(textEnd() + text + textEnd());
     else
-        m_host->toProgram(QByteArray::number(number) + static_cast<char>(m_profile.registers[CarriageReturn]));
+        m_host->toProgram(QByteArray::number(number) + m_profile.byteAt(CarriageReturn));
 }
 
-QByteArray Modem::lineEnd() const
+QByteArray Modem::textEnd() const
 {
     QByteArray end;
-    end += static_cast<char>(m_profile.registers[CarriageReturn]);
-    end += static_cast<char>(m_profile.registers[LineFeed]);
+    end += m_profile.byteAt(CarriageReturn);
+    end += m_profile.byteAt(LineFeed);
     return end;
-}
-
-QByteArray Modem::settingsText() const
-{
-    QByteArray text = "E" + QByteArray::number(m_profile.echo) + " Q" + QByteArray::number(m_profile.quiet) + " V" +
-                      QByteArray::number(m_profile.verbose) + " X" + QByteArray::number(m_profile.resultLevel) + " &C" +
-                      QByteArray::number(m_profile.carrierFollows) + " &D" + QByteArray::number(m_profile.dtrAction);
-    for (const int index : {0, 2, 3, 4, 5, 7, 8, 12})
-        text += " S" + QByteArray::number(index) + "=" + QByteArray::number(registerValue(index));
-    return text;
 }
 
 } // namespace sim

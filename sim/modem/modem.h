@@ -5,8 +5,10 @@
 // Times are nanoseconds of any one monotonic clock. Not thread-safe.
 #pragma once
 
-#include "sim/line/moments.h"
+#include "sim/modem/commandreader.h"
 #include "sim/modem/dialstring.h"
+#include "sim/modem/escapewatch.h"
+#include "sim/modem/profile.h"
 #include "sim/modem/resultcodes.h"
 
 #include <QByteArray>
@@ -66,8 +68,7 @@ enum class RingStyle
 class Modem
 {
 public:
-    static constexpr int registerCount = 100;
-    static constexpr int maxCommandLength = 255;
+    static constexpr int maxCommandLength = CommandReader::maxLength;
 
     // host: not owned. number: shown by ATI1.
     Modem(ModemHost* host, const QString& number, RingStyle ringStyle = RingStyle::Text);
@@ -97,28 +98,9 @@ public:
 
     ModemState state() const { return m_state; }
     bool isConnected() const { return m_state == ModemState::Data || m_state == ModemState::OnlineCommand; }
-    int registerValue(int index) const { return m_profile.registers[static_cast<size_t>(index)]; }
+    int registerValue(int index) const { return m_profile.at(index); }
 
 private:
-    struct Profile
-    {
-        bool echo = true;
-        bool verbose = true;
-        bool quiet = false;
-        int resultLevel = 4; // X
-        bool carrierFollows = true; // &C1
-        int dtrAction = 2; // &D
-        std::array<quint8, registerCount> registers{};
-
-        Profile();
-    };
-
-    enum class Input
-    {
-        Idle,
-        GotA,
-        Line
-    };
     enum class Outcome
     {
         Next,
@@ -128,12 +110,10 @@ private:
 
     void dataByte(char byte, qint64 nowNs);
     void commandByte(char byte);
-    void beginLine(char byte);
-    void editLine(char byte);
-    void execute(const QByteArray& line);
-    Outcome executeOne(const QByteArray& line, int& at);
-    Outcome executeAmpersand(const QByteArray& line, int& at);
-    Outcome executeRegister(const QByteArray& line, int& at);
+    void execute(const QByteArray& text);
+    Outcome executeOne(const QByteArray& text, int& at);
+    Outcome executeAmpersand(const QByteArray& text, int& at);
+    Outcome executeRegister(const QByteArray& text, int& at);
     Outcome setChoice(bool& setting, int value);
     Outcome setLevel(int& setting, int value, int most);
     Outcome answer();
@@ -141,7 +121,7 @@ private:
     Outcome hook(int value);
     Outcome returnOnline();
     Outcome information(int value);
-    Outcome storeNumber(const QByteArray& line, int& at);
+    Outcome storeNumber(const QByteArray& text, int& at);
     void resetTo(const Profile& profile);
     void goOnHook();
     void setState(ModemState state);
@@ -150,8 +130,7 @@ private:
     void result(ResultCode code);
     void resultConnect();
     void sendResult(const QByteArray& text, int number);
-    QByteArray lineEnd() const;
-    QByteArray settingsText() const;
+    QByteArray textEnd() const;
 
     ModemHost* m_host; // not owned
     const QString m_number;
@@ -162,10 +141,7 @@ private:
     bool m_dtr = true;
     int m_speed = 0;
 
-    Input m_input = Input::Idle;
-    QByteArray m_line;
-    QByteArray m_lastLine;
-    bool m_lineTooLong = false;
+    CommandReader m_reader;
     int m_selectedRegister = 0;
 
     QString m_lastNumber;
@@ -173,8 +149,7 @@ private:
     std::array<QString, 4> m_storedNumbers;
     DialString m_dial;
 
-    int m_escapeCount = 0;
-    qint64 m_lastByteNs = 0;
+    EscapeWatch m_escape;
 };
 
 } // namespace sim

@@ -81,7 +81,7 @@ public:
     bool hasDialTone() const override { return !faults.noDialTone; }
     bool isBusy() const override;
     bool isNoisy() const override { return !faults.noNoise; }
-    int carrierWaitSeconds() const override { return modem.registerValue(7); }
+    int carrierWaitSeconds() const override { return modem.registerValue(CarrierWaitSeconds); }
     void ring(qint64 nowNs) override;
     void ringPauses() override { modem.ringPauses(); }
     void ringingStopped() override { modem.ringingStopped(); }

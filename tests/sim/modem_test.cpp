@@ -1,4 +1,5 @@
 // Every command and answer of a modem, fed byte by byte in a time of the test's own.
+#include "sim/line/moments.h"
 #include "sim/modem/modem.h"
 
 #include <QStringList>
