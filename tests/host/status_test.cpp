@@ -170,6 +170,16 @@ TEST_F(ProgramStatus, ReasonsAreSafeOnATerminal)
         EXPECT_FALSE(out.contains(QChar(character))) << int(character);
 }
 
+TEST_F(ProgramStatus, PortsStatesAreSafeOnATerminal)
+{
+    ASSERT_EQ(installation.call({QStringLiteral("port"), QStringLiteral("add"), QStringLiteral("ttyS0")}).status, 0);
+    pretendToRun("\"ports\":[{\"name\":\"ttyS0\",\"state\":\"told\\u001b[2J\\u0007\\u061cend\"}]");
+    const QString out = status().out;
+    EXPECT_TRUE(out.contains(QStringLiteral("ttyS0  told"))) << qPrintable(out);
+    for (const char16_t character : {0x1B, 0x07, 0x061C})
+        EXPECT_FALSE(out.contains(QChar(character))) << int(character);
+}
+
 TEST_F(ProgramStatus, JsonIsSafeOnATerminal)
 {
     const QString name = QStringLiteral("a\u009B2J\u202E\u061C\u2028\u007F\u200DЖ\U000E0041z");
