@@ -1247,6 +1247,18 @@ TEST(SessionPeer, AnswersThatNobodyTakesDoNotPileUp)
     peer.expectEnded(QStringLiteral("the other side takes no answers"));
 }
 
+TEST(SessionPeer, AcknowledgementsThatNobodyTakesDoNotPileUp)
+{
+    SessionPair pair(testsupport::seed());
+    Impostor peer(&pair.a);
+    OfferFrame stored = peer.offer(QByteArray());
+    pair.a.store.storedHashes[stored.messageId] = stored.sha256;
+    peer.sayHelloAndState();
+    for (int i = 0; i < 100001; ++i)
+        peer.say(FrameType::Offer, stored.encode());
+    peer.expectEnded(QStringLiteral("the other side takes no answers"));
+}
+
 TEST(SessionPeer, StateAfterStateIsAViolation)
 {
     SessionPair pair(testsupport::seed());
