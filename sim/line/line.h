@@ -24,8 +24,8 @@ struct DirectionStatistics
 class LineDirection
 {
 public:
-    // How long a sender may be found without bytes before its line counts as idle: a
-    // program that is woken late catches up, and over any longer time the rate holds.
+    // A line counts as idle when its sender has had no bytes for this long. A program that
+    // wakes up late can catch up within this time; over longer times the rate holds.
     static constexpr qint64 graceNs = 5000000;
 
     LineDirection(const LineSettings& settings, int rate, quint64 seed);
@@ -40,7 +40,7 @@ public:
     // When there will be room for at least one byte; only while not idle.
     qint64 nextRoomNs() const;
     // Takes bytes (at most room(nowNs) of them) from the sender. senderWaits: the sender
-    // has more. Fewer than room and none waiting lets the line go idle after a grace.
+    // has more. When there are fewer than room and no more, the line goes idle after graceNs.
     void carry(QByteArray bytes, bool senderWaits, qint64 nowNs);
 
     // What has come out at the other end by now, at most mostBytes of it, or all.
@@ -82,8 +82,8 @@ private:
 class Line
 {
 public:
-    // connectedNs: when the call was connected. mayDrop: whether this call is one of
-    // those that settings.dropTimes lets drop. callNumber: makes each call's noise its own.
+    // connectedNs: when the call was connected. mayDrop: whether settings.dropTimes lets
+    // this call be dropped. callNumber: gives each call a noise of its own.
     Line(const LineSettings& settings, int callNumber, bool mayDrop, qint64 connectedNs);
 
     LineDirection forward; // from the caller

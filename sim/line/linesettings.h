@@ -12,7 +12,7 @@ constexpr int bitsPerByte = 10; // on the line: start bit, eight data bits, stop
 // same bytes and the same seed always meet the same noise, however fast the machine is.
 struct BurstSettings
 {
-    double meanIntervalSeconds = 0; // of a busy line, between the ends of bursts and the next; 0: no bursts
+    double meanIntervalSeconds = 0; // of a busy line, from the end of a burst to the next one; 0: no bursts
     int lengthBits = 0;
     double errorRate = 0.5; // chance of each bit inside a burst to be flipped
 

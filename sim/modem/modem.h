@@ -88,7 +88,7 @@ public:
     void callFailed(CallFailure failure);
     void carrierLost();
 
-    // What time alone brings: the escape after its guard time.
+    // Does what is due without any input: the escape after its guard time.
     void advance(qint64 nowNs);
     // When advance() will next have something to do; -1: not at all.
     qint64 nextEventNs() const;

@@ -22,8 +22,8 @@ QString reason()
     return QString::fromLocal8Bit(strerror(errno));
 }
 
-// Whether nobody listens on the socket any more. One that is full, or that speaks otherwise,
-// belongs to a process that runs.
+// Whether nobody listens on the socket any more. When it is full or fails in another way, its
+// process still runs.
 bool isDead(const sockaddr_un& address)
 {
     const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -96,7 +96,8 @@ bool ControlServer::listen(const QString& path, QString* error)
         return false;
     }
     memcpy(address.sun_path, name.constData(), static_cast<std::size_t>(name.size()));
-    // Of two that find the same dead socket, the second would remove the living one of the first.
+    // When two processes find the same dead socket, the second must not remove the new one of the
+    // first.
     m_lock = std::make_unique<QLockFile>(path + QStringLiteral(".lock"));
     m_lock->setStaleLockTime(0); // it is held as long as the program runs
     *error = freeName(path, address);

@@ -15,7 +15,7 @@ public:
     // Puts bytes behind what waits. How many of them found no place and are lost.
     int add(const QByteArray& bytes);
     // Hands over what the program takes now; true while some is left. While the port is
-    // unplugged everything is.
+    // unplugged nothing is taken.
     bool flush(PtyEndpoint& endpoint);
     bool isEmpty() const { return m_bytes.isEmpty(); }
     void clear() { m_bytes.clear(); }

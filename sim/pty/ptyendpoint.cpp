@@ -67,8 +67,8 @@ QString whyNoTable(int error)
     }
 }
 
-// Whether nothing stands under the name, or a link to a port that one of us has made: what
-// anybody else keeps there is not ours to remove.
+// Whether the name is free, or is a link to a port that this user has made. Anything else is
+// not ours to remove.
 bool mayReplace(const QByteArray& name)
 {
     constexpr char ports[] = "/dev/pts/";

@@ -68,8 +68,8 @@ public:
     qint64 write(const QByteArray& data);
     // How much a program may have outstanding; 4096 unless set. Stays through plugIn().
     void setDepth(int bytes);
-    // At what pace the modem's side will take bytes, so that who waits for room need not
-    // look all the time; 0: not known. Forgotten by plugIn().
+    // At what pace the modem's side will take bytes, so that a program that waits for room
+    // need not look all the time; 0: not known. Forgotten by plugIn().
     void setDrainRate(int bytesPerS);
     // Bytes that the program has written and read() has not yet taken.
     qint64 bytesFromProgram() const;

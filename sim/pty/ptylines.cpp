@@ -110,9 +110,10 @@ SignalRow* rowOf(int fd)
     return row && row->owner.load() != 0 ? row : nullptr;
 }
 
-// Who waits for room is woken when fewer bytes than this wait in the driver; 0: as soon as
-// a single byte has room. Linux's serial drivers wake at 256, so that a program is not
-// woken for each byte that leaves; a measurement of processor time wants the same.
+// A program that waits for room is woken when fewer bytes than this are left in the driver.
+// 0: as soon as there is room for one byte. Linux's serial drivers wake at 256, so that a
+// program is not woken for each byte that leaves; a measurement of processor time needs the
+// same.
 std::uint64_t wakeUpBytes()
 {
     static const std::uint64_t bytes = [] {
@@ -129,8 +130,9 @@ bool hasRoom(const SignalRow& row)
     return row.outstanding() < (wakeUpBytes() > 0 && wakeUpBytes() < depth ? wakeUpBytes() : depth);
 }
 
-// How long a waiter for room sleeps before it looks again: a slice; with a wake-up level
-// until the bytes above it have left at the line's pace, so that looking costs little.
+// How long a program that waits for room sleeps before it looks again: one slice. With a
+// wake-up level it sleeps until the bytes above that level have left at the line's pace, so
+// that looking costs little.
 long roomSliceNs(const SignalRow& row)
 {
     if (wakeUpBytes() == 0)
@@ -239,8 +241,8 @@ ssize_t writeSlave(SignalRow& row, int fd, const char* data, size_t count)
     }
 }
 
-// What the program flushes is not taken back out of the pty (the kernel would drop an
-// unknown part of it): the modem's side drops it by its place in the stream.
+// What the program flushes stays in the pty, because the kernel would drop an unknown part
+// of it. The modem's side drops it by its place in the stream.
 void discardOutput(SignalRow& row)
 {
     row.discardedUpTo.store(row.written.load());
