@@ -9,33 +9,32 @@ namespace {
 // within the grace past it and what arrives is within the grace ahead of that: up to here.
 constexpr int heldBackPastRepeat = 2 * linkrules::overtakenGrace;
 
-// Of numbers that both lie within the last few hundred packets.
-bool isAfter(quint8 a, quint8 b)
-{
-    return a != b && linkrules::stepsFrom(b, a) < 128;
-}
-
 } // namespace
+
+// The oldest moves by less than half of the numbers from one sending to the next.
+SendWindow::Place SendWindow::placeOfOldest(quint8 oldest)
+{
+    m_oldest += static_cast<qint8>(oldest - static_cast<quint8>(m_oldest));
+    return m_oldest;
+}
 
 void SendWindow::noteRepeated(quint8 number, quint8 oldest)
 {
-    if (!m_mayLag) {
-        m_mayLag = true;
-        m_leastExpected = oldest;
-        m_lastRepeated = number;
-    } else if (isAfter(number, m_lastRepeated)) {
-        m_lastRepeated = number;
-    }
+    const Place repeated = placeOfOldest(oldest) + linkrules::stepsFrom(oldest, number);
+    m_lastRepeated = m_mayLag ? std::max(m_lastRepeated, repeated) : repeated;
+    if (!m_mayLag)
+        m_leastExpected = m_oldest;
+    m_mayLag = true;
 }
 
 void SendWindow::noteConfirmed(quint8 number)
 {
     if (!m_mayLag)
         return;
-    const quint8 proved = m_oldestWhenSent[number];
-    if (isAfter(proved, m_leastExpected))
-        m_leastExpected = proved;
-    if (isAfter(proved, m_lastRepeated) && linkrules::stepsFrom(m_lastRepeated, number) > heldBackPastRepeat)
+    const Place proved = m_oldestWhenSent[number];
+    const Place confirmed = proved + linkrules::stepsFrom(static_cast<quint8>(proved), number);
+    m_leastExpected = std::max(m_leastExpected, proved);
+    if (proved > m_lastRepeated && confirmed > m_lastRepeated + heldBackPastRepeat)
         m_mayLag = false;
 }
 
@@ -52,7 +51,7 @@ int SendWindow::newPacketsLimit(const QList<CComPacket>& queue) const
         limit = maxAheadOfGap;
     // The oldest packet itself may always go, so the link never stands still.
     if (m_mayLag && !queue.isEmpty()) {
-        const int proved = linkrules::stepsFrom(m_leastExpected, queue.first().number);
+        const int proved = linkrules::stepsFrom(static_cast<quint8>(m_leastExpected), queue.first().number);
         limit = std::min(limit, std::max(0, maxAheadOfLag - proved));
     }
     return limit;

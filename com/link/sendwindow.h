@@ -26,7 +26,7 @@ public:
 
     // A packet went out for the first time, or again; oldest: the oldest number then
     // waiting for confirmation.
-    void noteSent(quint8 number, quint8 oldest) { m_oldestWhenSent[number] = oldest; }
+    void noteSent(quint8 number, quint8 oldest) { m_oldestWhenSent[number] = placeOfOldest(oldest); }
     void noteRepeated(quint8 number, quint8 oldest);
 
     // A packet that had gone out was confirmed.
@@ -53,12 +53,18 @@ public:
     int newPacketsLimit(const QList<CComPacket>& queue) const;
 
 private:
+    // A packet's place in the whole stream. Its number alone does not order packets that lie
+    // further apart than half of the numbers, as the oldest ones of two sendings may.
+    using Place = qint64;
+    Place placeOfOldest(quint8 oldest);
+
     // On a line that keeps the order, the peer can lag only after a repeat. Later
     // confirmations prove how far it has come: when a packet arrives for the first time,
     // the peer moves on over everything that had been confirmed before it was sent, save
     // as many numbers as the grace of an overtaken packet.
     bool m_mayLag = false;
-    quint8 m_leastExpected = 0; // as proved, while it may lag
-    quint8 m_lastRepeated = 0; // the furthest since it may lag
-    std::array<quint8, 256> m_oldestWhenSent{};
+    Place m_oldest = 256; // as told last; past the 0 of packets that never went out
+    Place m_leastExpected = 0; // as proved, while it may lag
+    Place m_lastRepeated = 0; // the furthest since it may lag
+    std::array<Place, 256> m_oldestWhenSent{}; // by the packet's number
 };

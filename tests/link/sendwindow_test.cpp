@@ -142,3 +142,38 @@ TEST(SendWindow, GoesAroundTheWrap)
     window.noteConfirmed(11);
     EXPECT_EQ(window.newPacketsLimit(queueOf({12, 13})), unlimited);
 }
+
+// 111 was first sent when 1 was the oldest, half the numbers ago: that proves nothing of what the
+// peer expects since 130 was repeated.
+TEST(SendWindow, ALongSentPacketDoesNotEndTheLag)
+{
+    SendWindow window;
+    for (int number = 1; number <= 111; ++number)
+        window.noteSent(static_cast<quint8>(number), 1);
+    for (int number = 112; number <= 130; ++number)
+        window.noteSent(static_cast<quint8>(number), 111);
+    window.noteRepeated(111, 111);
+    window.noteRepeated(130, 111);
+    window.noteConfirmed(111);
+    EXPECT_EQ(window.newPacketsLimit(queueOf({151, 152})), 71);
+}
+
+// The same wherever the numbers stand.
+TEST(SendWindow, ALongSentPacketDoesNotEndTheLagAroundTheWrap)
+{
+    for (int shift = 0; shift < 256; ++shift) {
+        const auto at = [shift](int number) { return static_cast<quint8>(number + shift); };
+        SendWindow window;
+        for (int number = 1; number <= 111; ++number)
+            window.noteSent(at(number), at(1));
+        for (int number = 112; number <= 150; ++number)
+            window.noteSent(at(number), at(111));
+        window.noteRepeated(at(111), at(111));
+        window.noteRepeated(at(130), at(111));
+        window.noteConfirmed(at(111));
+        EXPECT_EQ(window.newPacketsLimit(queueOf({at(151), at(152)})), 71) << shift;
+        window.noteSent(at(151), at(131));
+        window.noteConfirmed(at(151));
+        EXPECT_EQ(window.newPacketsLimit(queueOf({at(152)})), unlimited) << shift;
+    }
+}
