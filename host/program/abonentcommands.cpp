@@ -48,28 +48,28 @@ struct Told
 };
 
 // The exit status when the command line is wrong.
-std::optional<int> readTold(const CommandLine& line, CommandStreams& io, Told* told)
+std::optional<int> readTold(const CommandLine& given, CommandStreams& io, Told* told)
 {
-    told->name = line.parser.positionalArguments().first();
+    told->name = given.arguments().first();
     if (!isValidAbonentName(told->name))
-        return line.usage(
+        return given.wrongUsage(
             io, QStringLiteral(
                     "'%1' cannot be a name: it needs letters or digits, at most %2 bytes, and no control characters")
                     .arg(displayName(told->name), QString::number(maxAbonentNameBytes)));
-    if (line.parser.isSet(QStringLiteral("key"))) {
+    if (given.isSet("key")) {
         QString error;
-        told->key = keyFromText(line.parser.value(QStringLiteral("key")), &error);
+        told->key = keyFromText(given.value("key"), &error);
         if (told->key.isEmpty())
-            return line.usage(io, error);
+            return given.wrongUsage(io, error);
     }
-    const QString number = line.parser.value(QStringLiteral("number"));
-    const QStringList ports = line.parser.values(QStringLiteral("port"));
+    const QString number = given.value("number");
+    const QStringList ports = given.values("port");
     if (number.isEmpty() && !ports.isEmpty())
-        return line.usage(io, QStringLiteral("--port needs --number"));
+        return given.wrongUsage(io, QStringLiteral("--port needs --number"));
     if (displayName(number) != number)
-        return line.usage(io, QStringLiteral("--number may hold no control characters"));
+        return given.wrongUsage(io, QStringLiteral("--number may hold no control characters"));
     if (number.isEmpty() && told->key.isEmpty())
-        return line.usage(io, QStringLiteral("--number or --key is needed"));
+        return given.wrongUsage(io, QStringLiteral("--number or --key is needed"));
     if (!number.isEmpty())
         told->addressing = AbonentComSettings{number, ports};
     return std::nullopt;
@@ -116,14 +116,10 @@ QString numberColumn(const Abonent& abonent)
 }
 
 // A command that changes one abonent.
-int changeAbonent(const QString& command, const QString& description, const QStringList& arguments, CommandStreams& io,
+int changeAbonent(const CommandLine& given, CommandStreams& io,
                   const std::function<QString(AbonentRecords*, int)>& change)
 {
-    CommandLine line(command, description);
-    line.parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The abonent's name."));
-    if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
-        return *status;
-    const QString name = line.parser.positionalArguments().first();
+    const QString name = given.arguments().first();
     return statusOf(io, ourBook().change([&](AbonentRecords* records) {
         const int index = records->find(name);
         return index < 0 ? notKnown(name) : change(records, index);
@@ -132,41 +128,18 @@ int changeAbonent(const QString& command, const QString& description, const QStr
 
 } // namespace
 
-int abonentAdd(const QStringList& arguments, CommandStreams& io)
+int abonentAdd(const CommandLine& given, CommandStreams& io)
 {
-    CommandLine line(
-        QStringLiteral("abonent add"),
-        QStringLiteral(
-            "Tells how an abonent is called and by which key it proves who it is, or changes what was told.\n"
-            "Without a key the first call to it pins the key that answers."));
-    line.parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The abonent's name."));
-    line.parser.addOption({QStringLiteral("number"), QStringLiteral("The telephone number, as it goes behind ATD."),
-                           QStringLiteral("NUMBER")});
-    line.parser.addOption(
-        {QStringLiteral("key"),
-         QStringLiteral("Its key, as \"transport-host key\" shows it there; in place of one that is pinned."),
-         QStringLiteral("TEXT")});
-    line.parser.addOption(
-        {QStringLiteral("port"),
-         QStringLiteral("Call through this port only; may be given several times (default any port)."),
-         QStringLiteral("DEVICE")});
-    if (const std::optional<int> status = line.parse(arguments, io, 1, 1))
-        return *status;
     Told told;
-    if (const std::optional<int> status = readTold(line, io, &told))
+    if (const std::optional<int> status = readTold(given, io, &told))
         return *status;
     if (told.addressing)
         notePorts(told.addressing->allowedPorts, io);
     return statusOf(io, ourBook().change([&](AbonentRecords* records) { return tell(told, records); }));
 }
 
-int abonentList(const QStringList& arguments, CommandStreams& io)
+int abonentList(const CommandLine&, CommandStreams& io)
 {
-    CommandLine line(
-        QStringLiteral("abonent list"),
-        QStringLiteral("Shows the abonents that are known, the fingerprints of their keys, and blocked keys."));
-    if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
-        return *status;
     AbonentRecords records;
     const QString error = ourBook().read(&records);
     if (!error.isEmpty())
@@ -180,46 +153,36 @@ int abonentList(const QStringList& arguments, CommandStreams& io)
     return exitDone;
 }
 
-int abonentForgetKey(const QStringList& arguments, CommandStreams& io)
+int abonentForgetKey(const CommandLine& given, CommandStreams& io)
 {
-    return changeAbonent(
-        QStringLiteral("abonent forget-key"),
-        QStringLiteral(
-            "Forgets the key of an abonent that has a new one; the next call to it pins the key that answers.\n"
-            "Safer is to ask for the new key and tell it: \"transport-host abonent add NAME --key TEXT\"."),
-        arguments, io, [](AbonentRecords* records, int index) {
-            records->forgetKey(index);
-            return QString();
-        });
+    return changeAbonent(given, io, [](AbonentRecords* records, int index) {
+        records->forgetKey(index);
+        return QString();
+    });
 }
 
-int abonentBlock(const QStringList& arguments, CommandStreams& io)
+int abonentBlock(const CommandLine& given, CommandStreams& io)
 {
-    return changeAbonent(QStringLiteral("abonent block"),
-                         QStringLiteral("Neither calls an abonent nor lets it in; messages for it stay queued."),
-                         arguments, io, [](AbonentRecords* records, int index) {
-                             records->abonents[index].isBlocked = true;
-                             return QString();
-                         });
+    return changeAbonent(given, io, [](AbonentRecords* records, int index) {
+        records->abonents[index].isBlocked = true;
+        return QString();
+    });
 }
 
-int abonentUnblock(const QStringList& arguments, CommandStreams& io)
+int abonentUnblock(const CommandLine& given, CommandStreams& io)
 {
-    return changeAbonent(QStringLiteral("abonent unblock"), QStringLiteral("Takes the block of an abonent back."),
-                         arguments, io, [](AbonentRecords* records, int index) {
-                             records->abonents[index].isBlocked = false;
-                             return QString();
-                         });
+    return changeAbonent(given, io, [](AbonentRecords* records, int index) {
+        records->abonents[index].isBlocked = false;
+        return QString();
+    });
 }
 
-int abonentRemove(const QStringList& arguments, CommandStreams& io)
+int abonentRemove(const CommandLine& given, CommandStreams& io)
 {
-    return changeAbonent(QStringLiteral("abonent remove"),
-                         QStringLiteral("Forgets an abonent, its number and its key; messages for it stay queued."),
-                         arguments, io, [](AbonentRecords* records, int index) {
-                             records->abonents.removeAt(index);
-                             return QString();
-                         });
+    return changeAbonent(given, io, [](AbonentRecords* records, int index) {
+        records->abonents.removeAt(index);
+        return QString();
+    });
 }
 
 } // namespace host

@@ -5,11 +5,11 @@
 
 namespace host {
 
-int abonentAdd(const QStringList& arguments, CommandStreams& io);
-int abonentList(const QStringList& arguments, CommandStreams& io);
-int abonentForgetKey(const QStringList& arguments, CommandStreams& io);
-int abonentBlock(const QStringList& arguments, CommandStreams& io);
-int abonentUnblock(const QStringList& arguments, CommandStreams& io);
-int abonentRemove(const QStringList& arguments, CommandStreams& io);
+int abonentAdd(const CommandLine& given, CommandStreams& io);
+int abonentList(const CommandLine& given, CommandStreams& io);
+int abonentForgetKey(const CommandLine& given, CommandStreams& io);
+int abonentBlock(const CommandLine& given, CommandStreams& io);
+int abonentUnblock(const CommandLine& given, CommandStreams& io);
+int abonentRemove(const CommandLine& given, CommandStreams& io);
 
 } // namespace host

@@ -1,4 +1,4 @@
-// What all commands share: their streams, their command line, how they end.
+// What all commands share: their streams, what the user has given, how they end.
 #pragma once
 
 #include <QCommandLineParser>
@@ -9,29 +9,40 @@
 
 namespace host {
 
+struct Command;
+
 struct CommandStreams
 {
     QTextStream& out;
     QTextStream& err;
 };
 
-// The command line of one command: options, help, number of arguments.
+// What the user has given to one command.
 class CommandLine
 {
 public:
-    CommandLine(const QString& command, const QString& description);
+    // command: outlives this object.
+    explicit CommandLine(const Command& command);
 
     // arguments: without the program's and the command's names. Answers the exit status when
-    // there is nothing left to do (help, wrong usage). maxArguments -1: any number.
-    std::optional<int> parse(const QStringList& arguments, CommandStreams& io, int minArguments, int maxArguments);
+    // there is nothing left to do (help, wrong usage).
+    std::optional<int> parse(const QStringList& arguments, CommandStreams& io);
+
+    [[nodiscard]] QStringList arguments() const { return m_parser.positionalArguments(); }
+
+    // Of an option in the command's table.
+    [[nodiscard]] bool isSet(const char* option) const { return m_parser.isSet(QLatin1String(option)); }
+    [[nodiscard]] QString value(const char* option) const { return m_parser.value(QLatin1String(option)); }
+    [[nodiscard]] QStringList values(const char* option) const { return m_parser.values(QLatin1String(option)); }
 
     // Says what is wrong and how help is had; the exit status of wrong usage.
-    int usage(CommandStreams& io, const QString& text) const;
-
-    QCommandLineParser parser;
+    int wrongUsage(CommandStreams& io, const QString& text) const;
 
 private:
-    const QString m_command;
+    void printHelp(QTextStream& out) const;
+
+    const Command& m_command;
+    QCommandLineParser m_parser;
 };
 
 // Says what went wrong; the exit status of that.

@@ -2,18 +2,10 @@
 
 #include "host/installation/names.h"
 #include "host/installation/privacy.h"
-#include "host/program/abonentcommands.h"
+#include "host/program/commandtable.h"
 #include "host/program/exitstatus.h"
-#include "host/program/identitycommands.h"
-#include "host/program/keycommands.h"
-#include "host/program/messagecommands.h"
-#include "host/program/portcommands.h"
-#include "host/program/runcommand.h"
-#include "host/program/setupcommand.h"
-#include "host/program/statuscommand.h"
 
 #include <QCoreApplication>
-#include <QVector>
 
 #include <cstdio>
 
@@ -21,41 +13,12 @@ namespace host {
 
 namespace {
 
-struct Command
-{
-    const char* name;
-    const char* help;
-    int (*function)(const QStringList&, CommandStreams&);
-};
-
-const QVector<Command> commands{
-    {"run", "serve until stopped", runHostCommand},
-    {"setup", "lay a new installation out, also for a group", setUpCommand},
-    {"send", "queue files for an abonent", sendCommand},
-    {"cancel", "take messages out of the queue", cancelCommand},
-    {"status", "show queue, inbox and ports", statusCommand},
-    {"name", "show or set the name of this installation", nameCommand},
-    {"key block", "let nobody in who has a key", keyBlock},
-    {"key unblock", "take that back", keyUnblock},
-    {"key", "show the key of this installation", keyCommand},
-    {"port add", "define a serial port with a modem", portAdd},
-    {"port list", "show the ports", portList},
-    {"port remove", "remove a port", portRemove},
-    {"port packet-size", "set the largest packet of the link", portPacketSize},
-    {"abonent add", "tell an abonent's number and key", abonentAdd},
-    {"abonent list", "show the abonents and their keys", abonentList},
-    {"abonent forget-key", "forget the key of one that has a new one", abonentForgetKey},
-    {"abonent block", "neither call an abonent nor let it in", abonentBlock},
-    {"abonent unblock", "take that back", abonentUnblock},
-    {"abonent remove", "forget an abonent", abonentRemove},
-};
-
 void printHelp(QTextStream& stream)
 {
     stream << "Usage: transport-host COMMAND [OPTION...] [ARGUMENT...]\n"
               "Exchanges files with other installations over modems.\n\nCommands:\n";
-    for (const Command& command : commands)
-        stream << "  " << QString::fromLatin1(command.name).leftJustified(20) << command.help << "\n";
+    for (const Command& command : commandTable())
+        stream << "  " << QString::fromLatin1(command.name).leftJustified(20) << command.summary << "\n";
     stream << "\n\"transport-host COMMAND --help\" tells more about each.\n\n"
               "Settings and data lie beside the directory of the program, in settings/ and data/.\n"
               "Exit status: 0 done, 1 failed, 2 wrong usage, 3 the time ran out, 4 another host serves\n"
@@ -68,6 +31,19 @@ void showTroublesOnly(QtMsgType type, const QMessageLogContext&, const QString& 
 {
     if (type != QtDebugMsg && type != QtInfoMsg)
         std::fprintf(stderr, "transport-host: %s\n", displayName(text).toUtf8().constData());
+}
+
+int carryOut(const Command& command, const QStringList& arguments, CommandStreams& io)
+{
+    const bool asksForHelp = arguments.contains(QStringLiteral("--help")) || arguments.contains(QStringLiteral("-h"));
+    if (!asksForHelp && command.installation == Command::Installation::IsPrepared) {
+        const QString error = prepareInstallation();
+        if (!error.isEmpty())
+            return fail(io, error);
+    }
+    CommandLine given(command);
+    const std::optional<int> status = given.parse(arguments, io);
+    return status ? *status : command.handler(given, io);
 }
 
 } // namespace
@@ -85,14 +61,10 @@ int runCommand(const QStringList& arguments, QTextStream& out, QTextStream& err)
         out << "transport-host " << QCoreApplication::applicationVersion() << Qt::endl;
         return exitDone;
     }
-    for (const Command& command : commands) {
+    for (const Command& command : commandTable()) {
         const QStringList words = QString::fromLatin1(command.name).split(QLatin1Char(' '));
-        if (arguments.mid(1, words.size()) != words)
-            continue;
-        const QStringList own = arguments.mid(1 + words.size());
-        const bool asksForHelp = own.contains(QStringLiteral("--help")) || own.contains(QStringLiteral("-h"));
-        const QString error = asksForHelp || command.function == setUpCommand ? QString() : prepareInstallation();
-        return error.isEmpty() ? command.function(own, io) : fail(io, error);
+        if (arguments.mid(1, words.size()) == words)
+            return carryOut(command, arguments.mid(1 + words.size()), io);
     }
     if (first.isEmpty())
         printHelp(err);

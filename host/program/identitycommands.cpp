@@ -6,19 +6,13 @@
 
 namespace host {
 
-int nameCommand(const QStringList& arguments, CommandStreams& io)
+int showOrSetName(const CommandLine& given, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("name"),
-                     QStringLiteral("Shows or sets the name of this installation, as the others know it."));
-    line.parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The new name."),
-                                      QStringLiteral("[NAME]"));
-    if (const std::optional<int> status = line.parse(arguments, io, 0, 1))
-        return *status;
     Identity identity;
-    const QStringList values = line.parser.positionalArguments();
+    const QStringList values = given.arguments();
     if (!values.isEmpty()) {
         if (!isValidAbonentName(values.first()))
-            return line.usage(
+            return given.wrongUsage(
                 io,
                 QStringLiteral(
                     "'%1' cannot be a name: it needs letters or digits, at most %2 bytes, and no control characters")

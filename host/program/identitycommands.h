@@ -5,6 +5,6 @@
 
 namespace host {
 
-int nameCommand(const QStringList& arguments, CommandStreams& io);
+int showOrSetName(const CommandLine& given, CommandStreams& io);
 
 } // namespace host

@@ -5,8 +5,8 @@
 
 namespace host {
 
-int keyCommand(const QStringList& arguments, CommandStreams& io);
-int keyBlock(const QStringList& arguments, CommandStreams& io);
-int keyUnblock(const QStringList& arguments, CommandStreams& io);
+int showKey(const CommandLine& given, CommandStreams& io);
+int keyBlock(const CommandLine& given, CommandStreams& io);
+int keyUnblock(const CommandLine& given, CommandStreams& io);
 
 } // namespace host

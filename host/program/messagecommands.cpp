@@ -9,21 +9,12 @@
 
 namespace host {
 
-int sendCommand(const QStringList& arguments, CommandStreams& io)
+int sendFiles(const CommandLine& given, CommandStreams& io)
 {
-    CommandLine line(
-        QStringLiteral("send"),
-        QStringLiteral("Queues files for an abonent; a running host sends them at once, else the next one does.\n"
-                       "The files are copied: later changes do not matter."));
-    line.parser.addPositionalArgument(QStringLiteral("ABONENT"), QStringLiteral("Who is to receive them."));
-    line.parser.addPositionalArgument(QStringLiteral("FILE"), QStringLiteral("Any regular files, of any size."),
-                                      QStringLiteral("FILE..."));
-    if (const std::optional<int> status = line.parse(arguments, io, 2, -1))
-        return *status;
-    QStringList files = line.parser.positionalArguments();
+    QStringList files = given.arguments();
     const QString abonent = files.takeFirst();
     if (!isValidAbonentName(abonent))
-        return line.usage(io, QStringLiteral("'%1' cannot be an abonent's name").arg(displayName(abonent)));
+        return given.wrongUsage(io, QStringLiteral("'%1' cannot be an abonent's name").arg(displayName(abonent)));
     AbonentRecords records;
     QString error = AbonentBook(Global::abonentsSettingsFilePath()).read(&records);
     if (!error.isEmpty())
@@ -47,18 +38,13 @@ int sendCommand(const QStringList& arguments, CommandStreams& io)
     return status;
 }
 
-int cancelCommand(const QStringList& arguments, CommandStreams& io)
+int cancelMessages(const CommandLine& given, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("cancel"), QStringLiteral("Takes messages out of the queue."));
-    line.parser.addPositionalArgument(QStringLiteral("NUMBER"), QStringLiteral("As \"send\" and \"status\" show it."),
-                                      QStringLiteral("NUMBER..."));
-    if (const std::optional<int> status = line.parse(arguments, io, 1, -1))
-        return *status;
     const StorePaths paths = StorePaths::of(Global::currentSecrecy());
     OutgoingQueue queue(paths.output, paths.tasks);
     queue.rescan();
     int status = exitDone;
-    for (const QString& number : line.parser.positionalArguments()) {
+    for (const QString& number : given.arguments()) {
         QString error = QStringLiteral("no message %1 is queued").arg(number);
         for (const QueuedMessage& message : queue.messages()) {
             if (message.key == number)

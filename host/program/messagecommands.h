@@ -5,7 +5,7 @@
 
 namespace host {
 
-int sendCommand(const QStringList& arguments, CommandStreams& io);
-int cancelCommand(const QStringList& arguments, CommandStreams& io);
+int sendFiles(const CommandLine& given, CommandStreams& io);
+int cancelMessages(const CommandLine& given, CommandStreams& io);
 
 } // namespace host

@@ -5,9 +5,9 @@
 
 namespace host {
 
-int portAdd(const QStringList& arguments, CommandStreams& io);
-int portList(const QStringList& arguments, CommandStreams& io);
-int portRemove(const QStringList& arguments, CommandStreams& io);
-int portPacketSize(const QStringList& arguments, CommandStreams& io);
+int portAdd(const CommandLine& given, CommandStreams& io);
+int portList(const CommandLine& given, CommandStreams& io);
+int portRemove(const CommandLine& given, CommandStreams& io);
+int portPacketSize(const CommandLine& given, CommandStreams& io);
 
 } // namespace host

@@ -5,6 +5,6 @@
 
 namespace host {
 
-int runHostCommand(const QStringList& arguments, CommandStreams& io);
+int runHost(const CommandLine& given, CommandStreams& io);
 
 } // namespace host

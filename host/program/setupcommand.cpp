@@ -15,23 +15,11 @@ QString directories()
 
 } // namespace
 
-int setUpCommand(const QStringList& arguments, CommandStreams& io)
+int setUp(const CommandLine& given, CommandStreams& io)
 {
-    CommandLine line(
-        QStringLiteral("setup"),
-        QStringLiteral(
-            "Lays a new installation out for you alone, as the first of the other commands does, or also for a group.\n"
-            "An installation that exists is not changed."));
-    line.parser.addOption(
-        {QStringLiteral("group"),
-         QStringLiteral(
-             "Its members may use the installation and read and change all that is in it, but for the secret key."),
-         QStringLiteral("NAME")});
-    if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
-        return *status;
-    const QString group = line.parser.value(QStringLiteral("group"));
-    if (line.parser.isSet(QStringLiteral("group")) && group.isEmpty())
-        return line.usage(io, QStringLiteral("--group needs a name"));
+    const QString group = given.value("group");
+    if (given.isSet("group") && group.isEmpty())
+        return given.wrongUsage(io, QStringLiteral("--group needs a name"));
     bool isNew = false;
     const QString error = setUpInstallation(group, &isNew);
     if (!error.isEmpty())

@@ -5,6 +5,6 @@
 
 namespace host {
 
-int setUpCommand(const QStringList& arguments, CommandStreams& io);
+int setUp(const CommandLine& given, CommandStreams& io);
 
 } // namespace host

@@ -43,18 +43,12 @@ Status gather()
 
 } // namespace
 
-int statusCommand(const QStringList& arguments, CommandStreams& io)
+int showStatus(const CommandLine& given, CommandStreams& io)
 {
-    CommandLine line(QStringLiteral("status"),
-                     QStringLiteral("Shows the queue, the inbox, the ports, and how much room is taken.\n"
-                                    "Ends with status 1 when something could not be read; the rest is shown."));
-    line.parser.addOption({QStringLiteral("json"), QStringLiteral("For programs: one JSON object.")});
-    if (const std::optional<int> status = line.parse(arguments, io, 0, 0))
-        return *status;
     const Status status = gather();
     for (const QString& trouble : status.troubles)
         (void)fail(io, trouble);
-    if (line.parser.isSet(QStringLiteral("json")))
+    if (given.isSet("json"))
         io.out << escapedJson(QString::fromUtf8(QJsonDocument(statusJson(status)).toJson(QJsonDocument::Compact)))
                << Qt::endl;
     else

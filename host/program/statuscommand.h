@@ -5,6 +5,6 @@
 
 namespace host {
 
-int statusCommand(const QStringList& arguments, CommandStreams& io);
+int showStatus(const CommandLine& given, CommandStreams& io);
 
 } // namespace host

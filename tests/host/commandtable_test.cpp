@@ -1,0 +1,148 @@
+// The help as a user sees it, against the table that the commands are read by.
+#include "host/program/commands.h"
+#include "host/program/commandtable.h"
+
+#include <QRegularExpression>
+#include <gtest/gtest.h>
+
+using namespace host;
+
+namespace {
+
+struct Printed
+{
+    int status = 0;
+    QString out;
+    QString err;
+};
+
+Printed call(const QStringList& arguments)
+{
+    Printed printed;
+    QTextStream out(&printed.out);
+    QTextStream err(&printed.err);
+    printed.status = runCommand(QStringList{QStringLiteral("transport-host")} + arguments, out, err);
+    out.flush();
+    err.flush();
+    return printed;
+}
+
+QStringList wordsOf(const Command& command)
+{
+    return QString::fromLatin1(command.name).split(QLatin1Char(' '));
+}
+
+// The lines of text that belong to a heading: indented, and up to an empty line.
+QStringList section(const QString& text, const QString& heading)
+{
+    QStringList found;
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    for (int i = lines.indexOf(heading) + 1; i > 0 && i < lines.size() && !lines.at(i).isEmpty(); ++i)
+        found.append(lines.at(i));
+    return found;
+}
+
+// The first column of those lines; a line that goes on in the second column has none.
+QStringList firstColumn(const QStringList& lines)
+{
+    static const QRegularExpression entry(QStringLiteral("^  (\\S+(?: \\S+)*)"));
+    QStringList found;
+    for (const QString& line : lines) {
+        const QRegularExpressionMatch match = entry.match(line);
+        if (match.hasMatch())
+            found.append(match.captured(1));
+    }
+    return found;
+}
+
+} // namespace
+
+TEST(CommandTable, TheHelpListsEveryCommandAndNoOther)
+{
+    QStringList expected;
+    for (const Command& command : commandTable()) {
+        expected.append(QStringLiteral("  ") + QString::fromLatin1(command.name).leftJustified(20) +
+                        QString::fromLatin1(command.summary));
+    }
+    const Printed help = call({QStringLiteral("--help")});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(section(help.out, QStringLiteral("Commands:")), expected);
+}
+
+TEST(CommandTable, TheHelpOfACommandListsItsOptionsAndNoOthers)
+{
+    for (const Command& command : commandTable()) {
+        QStringList expected{QStringLiteral("-h, --help")};
+        for (const CommandOption& option : command.options) {
+            const QString name = QStringLiteral("--") + QLatin1String(option.name);
+            expected.append(option.value ? QStringLiteral("%1 <%2>").arg(name, QLatin1String(option.value)) : name);
+        }
+        const Printed help = call(wordsOf(command) + QStringList{QStringLiteral("--help")});
+        EXPECT_EQ(help.status, 0) << command.name;
+        EXPECT_EQ(firstColumn(section(help.out, QStringLiteral("Options:"))), expected) << command.name;
+    }
+}
+
+TEST(CommandTable, TheHelpOfACommandNamesItAndItsArguments)
+{
+    for (const Command& command : commandTable()) {
+        QString usage = QStringLiteral("Usage: transport-host %1 [options]").arg(QLatin1String(command.name));
+        QStringList names;
+        for (const CommandArgument& argument : command.arguments) {
+            const QString name = QString::fromLatin1(argument.name);
+            names.append(name);
+            switch (argument.count) {
+            case CommandArgument::Count::One: usage += QLatin1Char(' ') + name; break;
+            case CommandArgument::Count::NoneOrOne: usage += QStringLiteral(" [%1]").arg(name); break;
+            case CommandArgument::Count::OneOrMore: usage += QStringLiteral(" %1...").arg(name); break;
+            }
+        }
+        const QString help = call(wordsOf(command) + QStringList{QStringLiteral("--help")}).out;
+        EXPECT_EQ(help.section(QLatin1Char('\n'), 0, 0).trimmed(), usage);
+        EXPECT_TRUE(help.contains(QString::fromLatin1(command.description))) << command.name;
+        EXPECT_EQ(firstColumn(section(help, QStringLiteral("Arguments:"))), names) << command.name;
+    }
+}
+
+// "key" would take the arguments of "key block".
+TEST(CommandTable, NoCommandHidesAnother)
+{
+    const std::vector<Command>& table = commandTable();
+    for (size_t i = 0; i < table.size(); ++i) {
+        for (size_t later = i + 1; later < table.size(); ++later)
+            EXPECT_NE(wordsOf(table[later]).mid(0, wordsOf(table[i]).size()), wordsOf(table[i]))
+                << table[i].name << " hides " << table[later].name;
+    }
+}
+
+TEST(CommandTable, AnOptionOfTheTableIsTakenAndAnotherIsNot)
+{
+    for (const Command& command : commandTable()) {
+        for (const CommandOption& option : command.options) {
+            QStringList arguments = wordsOf(command);
+            arguments.append(QStringLiteral("--") + QLatin1String(option.name));
+            if (option.value)
+                arguments.append(QStringLiteral("1"));
+            EXPECT_EQ(call(arguments + QStringList{QStringLiteral("--help")}).status, 0)
+                << command.name << " " << option.name;
+        }
+        const Printed wrong =
+            call(wordsOf(command) + QStringList{QStringLiteral("--no-such-option"), QStringLiteral("--help")});
+        EXPECT_EQ(wrong.status, 2) << command.name;
+        EXPECT_TRUE(wrong.err.contains(QStringLiteral("no-such-option"))) << command.name;
+    }
+}
+
+TEST(CommandTable, ASwitchHasNoStandardAndChoicesHaveTheirPlace)
+{
+    for (const Command& command : commandTable()) {
+        for (const CommandOption& option : command.options) {
+            EXPECT_TRUE(option.value || *option.standard == '\0') << command.name << " " << option.name;
+            EXPECT_EQ(QString::fromLatin1(option.help).contains(QStringLiteral("%1")), option.choices != nullptr)
+                << command.name << " " << option.name;
+        }
+        for (const CommandArgument& argument : command.arguments)
+            EXPECT_EQ(QString::fromLatin1(argument.help).contains(QStringLiteral("%1")), argument.choices != nullptr)
+                << command.name << " " << argument.name;
+    }
+}
