@@ -119,11 +119,11 @@ endfunction()
 # nobody measures them; what they test keeps the release's optimisation.
 set(transport_test_options $<$<CONFIG:Release>:-O1>)
 
-# transport_test(<name> [TIMEOUT <s>] [LABELS <label>...] SOURCES <file>... LINKS <library>...)
+# transport_test(<name> [TIMEOUT <s>] [LABELS <label>...] [ENVIRONMENT <name=value>] SOURCES <file>... LINKS <library>...)
 # A GoogleTest program of which CTest runs every test in a process of its own,
 # each in a fresh installation root (see tests/support/testmain.cpp).
 function(transport_test name)
-    cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
+    cmake_parse_arguments(ARG "SERIAL" "TIMEOUT;ENVIRONMENT" "SOURCES;LINKS;LABELS" ${ARGN})
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 120)
     endif()
@@ -136,6 +136,9 @@ function(transport_test name)
     endif()
     if(ARG_SERIAL)
         list(APPEND properties RUN_SERIAL ON)
+    endif()
+    if(ARG_ENVIRONMENT)
+        list(APPEND properties ENVIRONMENT "${ARG_ENVIRONMENT}") # more than one would be taken apart
     endif()
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
 endfunction()
