@@ -806,17 +806,23 @@ TEST_F(ExchangeTest, TheObserverHearsWhatHappensAndMayUseTheExchange)
     connectCall();
     ASSERT_EQ(exchange->dropCarrier(1), QString());
     ASSERT_TRUE(at(1).expect("NO CARRIER"));
-    const QStringList expected = {
-        "1 DTR raised",  "1 command ATE0DT102",     "1 calls modem2",
-        "2 answer RING", "2 command ATA",           "0 call 1: modem1 and modem2 are connected",
-        "1 DCD raised",  "1 answer CONNECT 115200", "0 call 1 ended: carrier dropped by command",
-        "1 DCD dropped", "1 answer NO CARRIER"};
+    const QStringList expected = {"1 command ATE0DT102",
+                                  "1 calls modem2",
+                                  "2 answer RING",
+                                  "2 command ATA",
+                                  "0 call 1: modem1 and modem2 are connected",
+                                  "1 DCD raised",
+                                  "1 answer CONNECT 115200",
+                                  "0 call 1 ended: carrier dropped by command",
+                                  "1 DCD dropped",
+                                  "1 answer NO CARRIER"};
     EXPECT_TRUE(waitFor([&] {
         std::lock_guard<std::mutex> locker(mutex);
         int found = 0;
         for (const QString& text : heard)
             found += found < expected.size() && text == expected.at(found);
-        return found == expected.size();
+        // DTR is looked at now and then: a busy exchange may notice it after the first command.
+        return found == expected.size() && heard.contains(QStringLiteral("1 DTR raised"));
     })) << heard.join('\n').toStdString();
     std::lock_guard<std::mutex> locker(mutex);
     EXPECT_EQ(modems, 2);
