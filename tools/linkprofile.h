@@ -1,5 +1,5 @@
 // Which settings of the link get the most out of a line, and how much that is. The rule
-// and its arithmetic stand in docs/tuning.md.
+// and its arithmetic stand in docs/tuning-derivation.md.
 #pragma once
 
 #include "com/formats/ccomsettings.h"

@@ -1,4 +1,4 @@
-// The rule that finds settings for a line: the values that docs/tuning.md works out by
+// The rule that finds settings for a line: the values that docs/tuning-derivation.md works out by
 // hand, the limits of the keys, and that more of something never asks for less.
 #include "com/formats/ccomsettings.h"
 #include "common/settingskeys.h"
@@ -107,7 +107,7 @@ private:
 
 } // namespace
 
-// docs/tuning.md, "The arithmetic, by example".
+// docs/tuning-derivation.md, "The arithmetic, by example".
 TEST(LinkProfileRule, GivesWhatTheDocumentWorksOut)
 {
     EXPECT_EQ(recommendedProfile(line(115200, 0, 0)), profile(3714, 3714, 26344, 2539, 645));

@@ -129,7 +129,7 @@ def print_result(result):
 
 
 def markdown_tables(result):
-    """All tables as docs/performance.md holds them."""
+    """All tables as docs/performance-measurements.md holds them."""
     return "\n\n".join(f"{table.title}:\n\n{tables.markdown(table.header, table.rows)}" for table in tables.tables_of(result))
 
 
