@@ -12,8 +12,8 @@
 #include "fuzz/input.h"
 #include "fuzz/packets.h"
 #include "plugin/api/cabstractchannelsstate.h"
-#include "tests/support/fakeserialport.h"
-#include "tests/support/virtualclock.h"
+#include "rig/port/fakeserialport.h"
+#include "rig/time/virtualclock.h"
 
 #include <QByteArray>
 #include <QSettings>

@@ -4,9 +4,9 @@
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "host/session/session.h"
-#include "tests/host/memorystore.h"
-#include "tests/host/sealedpeer.h"
-#include "tests/support/seededrandomness.h"
+#include "rig/host/memorystore.h"
+#include "rig/host/sealedpeer.h"
+#include "rig/seededrandomness.h"
 
 #include <QByteArray>
 #include <QCryptographicHash>

@@ -1,6 +1,6 @@
 // What runs before the first input: a fresh installation root, an application object, and
 // silence in place of Qt's debug output, which would take most of the time.
-#include "tests/support/freshroot.h"
+#include "rig/freshroot.h"
 
 #include <QCoreApplication>
 

@@ -2,8 +2,8 @@
 // arrives, with all that a pass does besides, such as its looks at the settings.
 #include "bench/parts/traffic.h"
 #include "com/link/ccomchannel.h"
-#include "tests/support/fakeserialport.h"
-#include "tests/support/silentstate.h"
+#include "rig/port/fakeserialport.h"
+#include "rig/silentstate.h"
 
 #include <QByteArray>
 #include <benchmark/benchmark.h>

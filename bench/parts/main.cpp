@@ -1,5 +1,5 @@
 // Runs the benchmarks in a fresh installation root, for the log and the settings they write.
-#include "tests/support/freshroot.h"
+#include "rig/freshroot.h"
 
 #include <QCoreApplication>
 #include <benchmark/benchmark.h>

@@ -1,7 +1,7 @@
 // Making packets, and cutting them out of what a line may carry.
 #include "bench/parts/traffic.h"
 #include "com/link/ccompacket.h"
-#include "tests/support/allocations.h"
+#include "rig/allocations.h"
 
 #include <QByteArray>
 #include <benchmark/benchmark.h>

@@ -1,12 +1,12 @@
 // Measures ports in number: what idle ones cost, how fast calls come and go. JSON on the
 // standard output, progress on the other.
 #include "bench/ports/threadtimes.h"
+#include "rig/deadline.h"
+#include "rig/freshroot.h"
+#include "rig/server/resources.h"
+#include "rig/server/stressbed.h"
+#include "rig/testroot.h"
 #include "sim/exchange/exchange.h"
-#include "tests/stress/resources.h"
-#include "tests/stress/stressbed.h"
-#include "tests/support/deadline.h"
-#include "tests/support/freshroot.h"
-#include "tests/support/testroot.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>

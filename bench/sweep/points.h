@@ -2,7 +2,7 @@
 // the command line gives, or a list.
 #pragma once
 
-#include "tests/soak/commandline.h"
+#include "rig/runs/commandline.h"
 #include "tools/linkprofile.h"
 
 #include <istream>

@@ -1,11 +1,11 @@
 // link-sweep: goodput of the link over lines and settings, in simulated time. Each point
 // runs in a process of its own, since the channel reads its settings once in a process.
 #include "bench/sweep/points.h"
-#include "tests/soak/commandline.h"
-#include "tests/soak/runinstallation.h"
-#include "tests/soak/runprocess.h"
-#include "tests/soak/stoprequest.h"
-#include "tests/tools/linkmeasure.h"
+#include "rig/measure/linkmeasure.h"
+#include "rig/runs/commandline.h"
+#include "rig/runs/runinstallation.h"
+#include "rig/runs/runprocess.h"
+#include "rig/runs/stoprequest.h"
 
 #include <QCoreApplication>
 

@@ -1,6 +1,6 @@
 #include "tests/boundary/answeringmodem.h"
 
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 
 #include <QMutexLocker>
 

@@ -1,6 +1,6 @@
 // A host author's way from an installed tree to a running host: install what was built,
 // build a small host against it and nothing else, run it.
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 
 #include <QDir>
 #include <QFile>

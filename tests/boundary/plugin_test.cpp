@@ -3,8 +3,8 @@
 #include "plugin/api/cchannelplugin.h"
 #include "plugin/api/cchannelserver.h"
 #include "plugin/api/entrypoints.h"
-#include "tests/support/fakehost.h"
-#include "tests/support/testroot.h"
+#include "rig/fakehost.h"
+#include "rig/testroot.h"
 
 #include <QDirIterator>
 #include <QFile>

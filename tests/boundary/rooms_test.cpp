@@ -25,6 +25,8 @@ const QList<Room>& rooms()
     static const char* const roof = "entry points over the whole channel, under nobody";
     static const char* const beside = "a simulator built on the code under test agrees with its mistakes";
     static const char* const host = "a host reaches the plug-in by loading it, never by linking";
+    static const char* const rig = "what judges the product is not built on it";
+    static const char* const rigOver = "drives a part of the product, and that part alone";
     static const char* const tools = "main() only parses and calls";
     static const QList<Room> table{
         {"common", {}, shared},
@@ -54,6 +56,17 @@ const QList<Room>& rooms()
           "common"},
          host},
         {"tools", {"com/link", "com/formats", "common"}, tools},
+        {"rig", {"plugin/api", "common"}, rig},
+        {"rig/port", {}, rig},
+        {"rig/time", {"rig"}, rig},
+        {"rig/line", {"rig/time", "rig", "plugin/api"}, rig},
+        {"rig/runs", {"rig/time"}, rig},
+        {"rig/host", {"rig", "host/session"}, rigOver},
+        {"rig/server", {"rig", "com/worker", "sim/exchange", "plugin/api"}, rigOver},
+        {"rig/measure",
+         {"rig/host", "rig/runs", "rig/line", "rig/time", "rig", "tools", "host/channel", "host/session", "com/link",
+          "common"},
+         rigOver},
     };
     return table;
 }
@@ -62,7 +75,7 @@ const QList<Room>& rooms()
 const QStringList roomsOverAll{"tests", "bench", "fuzz"};
 
 // Whoever does not speak to a serial port has no business with its headers.
-const QStringList serialPortRooms{"com/port", "com/link", "com/modem", "com/worker"};
+const QStringList serialPortRooms{"com/port", "com/link", "com/modem", "com/worker", "rig/port", "rig/measure"};
 
 struct Include
 {
@@ -204,6 +217,17 @@ TEST(Rooms, QuotedIncludesStartAtTheRoot)
     EXPECT_GT(seen, 40);
 }
 
+// A fuzzer or a benchmark is built and read without the tests.
+TEST(Rooms, FuzzersAndBenchmarksReachIntoNoTests)
+{
+    for (const char* folder : {"bench", "fuzz"}) {
+        for (const QString& file : sourcesBelow(folder)) {
+            for (const Include& include : includesOf(file))
+                EXPECT_FALSE(include.target.startsWith(QStringLiteral("tests/"))) << where(include);
+        }
+    }
+}
+
 TEST(Rooms, EverySourceHasItsRule)
 {
     const QStringList folders = QDir(QStringLiteral(SOURCE_DIR)).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
@@ -215,7 +239,7 @@ TEST(Rooms, EverySourceHasItsRule)
                 << file.toStdString() << " has no rule";
     }
     // A folder inside a room would otherwise pass under the rule of the files beside it.
-    for (const char* folder : {"host", "plugin"}) {
+    for (const char* folder : {"host", "plugin", "rig"}) {
         for (const QString& inside :
              QDir(QStringLiteral(SOURCE_DIR "/") + folder).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
             const QString path = folder + (QLatin1Char('/') + inside);

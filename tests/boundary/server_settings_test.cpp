@@ -1,7 +1,7 @@
 // How the server reads channelCom.conf, and what it makes of files that are none.
 #include "com/link/currentcomsettings.h"
+#include "rig/testroot.h"
 #include "tests/boundary/serverfixture.h"
-#include "tests/support/testroot.h"
 
 #include <QDataStream>
 #include <QDir>

@@ -3,8 +3,8 @@
 #include "com/link/currentcomsettings.h"
 #include "common/functiondebug.h"
 #include "common/logger.h"
+#include "rig/testroot.h"
 #include "tests/boundary/serverfixture.h"
-#include "tests/support/testroot.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,10 +1,9 @@
 #include "tests/boundary/serverfixture.h"
 
 #include "com/link/currentcomsettings.h"
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 
 #include <QCoreApplication>
-#include <QDataStream>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -23,28 +22,6 @@ void writeFile(const QString& path, const QByteArray& bytes)
 }
 
 } // namespace
-
-QByteArray channelBytes(const QList<TestPort>& ports, int packetSize)
-{
-    QByteArray bytes;
-    QDataStream stream(&bytes, QIODevice::WriteOnly);
-    stream << qint32(3) << qint32(ports.size()) << qint32(packetSize);
-    for (const TestPort& port : ports) {
-        stream << port.enabled << port.name << port.initString << qint32(port.baudRate) << qint32(port.flowControl)
-               << qint32(port.dataBits) << qint32(port.parity) << qint32(port.stopBits);
-    }
-    return bytes;
-}
-
-QByteArray abonentBytes(const QString& number, const QStringList& allowedPorts)
-{
-    QByteArray bytes;
-    QDataStream stream(&bytes, QIODevice::WriteOnly);
-    stream << qint32(4) << number << qint32(allowedPorts.size());
-    for (const QString& port : allowedPorts)
-        stream << port;
-    return bytes;
-}
 
 SessionFactory::~SessionFactory()
 {

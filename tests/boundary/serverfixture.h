@@ -1,12 +1,12 @@
 // A server with recording host objects around it, and its settings in the test's root.
 #pragma once
 
-#include "com/worker/ccomserver.h"
 #include "plugin/api/cabstractprotocol.h"
 #include "plugin/api/cabstractprotocolfactory.h"
-#include "tests/support/calllog.h"
-#include "tests/support/deadline.h"
-#include "tests/support/fakehost.h"
+#include "rig/calllog.h"
+#include "rig/deadline.h"
+#include "rig/fakehost.h"
+#include "rig/server/testedserver.h"
 
 #include <QMutex>
 #include <QString>
@@ -16,25 +16,6 @@
 
 #include <functional>
 #include <memory>
-
-constexpr int serverStateId = 7;
-
-// One port of a settings file; what a test does not name is what a modem wants.
-struct TestPort
-{
-    QString name;
-    bool enabled = true;
-    QString initString = {};
-    int baudRate = 115200;
-    int flowControl = 0;
-    int dataBits = 8;
-    int parity = 0;
-    int stopBits = 1;
-};
-
-// Byte formats of the settings, written item by item from their description.
-QByteArray channelBytes(const QList<TestPort>& ports, int packetSize = 1024);
-QByteArray abonentBytes(const QString& number, const QStringList& allowedPorts = {});
 
 // What the sessions of a test have in common; used from the workers' threads.
 class SessionFactory : public CAbstractProtocolFactory
@@ -87,13 +68,6 @@ public:
 
     std::function<void()> whenAdding; // before anything is recorded
     std::function<void(int, const QString&)> whenSetting; // after it has been recorded
-};
-
-// Shows its workers.
-class TestedServer : public CComServer
-{
-public:
-    using CComServer::workers;
 };
 
 class ServerTest : public testing::Test

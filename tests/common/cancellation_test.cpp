@@ -4,8 +4,8 @@
 #include "common/csettings.h"
 #include "common/functiondebug.h"
 #include "common/logger.h"
+#include "rig/deadline.h"
 #include "tests/common/logsupport.h"
-#include "tests/support/deadline.h"
 
 #include <QRegularExpression>
 #include <QThread>

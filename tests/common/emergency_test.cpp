@@ -1,7 +1,7 @@
 // The emergency log: the same file by the shortest way.
 #include "common/logger.h"
+#include "rig/time/virtualclock.h"
 #include "tests/common/logsupport.h"
-#include "tests/support/virtualclock.h"
 
 #include <QCoreApplication>
 #include <QMutexLocker>

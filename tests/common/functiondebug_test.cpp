@@ -2,8 +2,8 @@
 #include "common/csettings.h"
 #include "common/functiondebug.h"
 #include "common/logger.h"
+#include "rig/time/virtualclock.h"
 #include "tests/common/logsupport.h"
-#include "tests/support/virtualclock.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
 // Where everything lives, the access test and the secrecy level.
 #include "common/global.h"
+#include "rig/testroot.h"
 #include "tests/common/printing.h"
 #include "tests/common/streammessages.h"
 #include "tests/support/systemcalls.h"
-#include "tests/support/testroot.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -3,11 +3,11 @@
 #include "common/functiondebug.h"
 #include "common/logfile.h"
 #include "common/logger.h"
+#include "rig/deadline.h"
+#include "rig/time/virtualclock.h"
 #include "tests/common/logsupport.h"
 #include "tests/common/refusedchmod.h"
 #include "tests/support/blockedthread.h"
-#include "tests/support/deadline.h"
-#include "tests/support/virtualclock.h"
 
 #include <QCoreApplication>
 #include <QRegularExpression>

@@ -2,8 +2,8 @@
 // and a record of the messages on the Qt streams.
 #pragma once
 
+#include "rig/testroot.h"
 #include "tests/common/printing.h"
-#include "tests/support/testroot.h"
 
 #include <QDate>
 #include <QDir>

@@ -1,7 +1,7 @@
 // Names of messages and tasks.
 #include "common/global.h"
+#include "rig/testroot.h"
 #include "tests/common/printing.h"
-#include "tests/support/testroot.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -1,9 +1,9 @@
 // Replacing files, writing in bounded time, directories and permissions.
 #include "common/global.h"
+#include "rig/testroot.h"
 #include "tests/common/logsupport.h"
 #include "tests/common/printing.h"
 #include "tests/support/systemcalls.h"
-#include "tests/support/testroot.h"
 
 #include <QElapsedTimer>
 #include <QFile>

@@ -1,10 +1,10 @@
 // The report on build and machine at the head of every log.
 #include "common/csysteminfo.h"
 #include "common/global.h"
+#include "rig/testroot.h"
 #include "tests/common/printing.h"
 #include "tests/common/streammessages.h"
 #include "tests/support/systemcalls.h"
-#include "tests/support/testroot.h"
 
 #include <QDateTime>
 #include <QFile>

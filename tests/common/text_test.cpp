@@ -1,7 +1,7 @@
 // Numbers as display texts, names fit for files, the user and the free space.
 #include "common/global.h"
+#include "rig/testroot.h"
 #include "tests/common/printing.h"
-#include "tests/support/testroot.h"
 
 #include <QCoreApplication>
 #include <QFile>

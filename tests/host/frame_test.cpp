@@ -1,6 +1,6 @@
 #include "host/session/frame.h"
 #include "host/session/sessionframes.h"
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 
 #include <gtest/gtest.h>
 

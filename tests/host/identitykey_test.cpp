@@ -1,7 +1,7 @@
 // The file of the identity key. The known pair is that of RFC 7748, section 6.1.
 #include "common/global.h"
 #include "host/installation/identitykey.h"
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,7 +1,7 @@
 #include "host/session/session.h"
 #include "host/store/inbox.h"
+#include "rig/host/sealedpeer.h"
 #include "tests/host/inboxfixture.h"
-#include "tests/host/sealedpeer.h"
 #include "tests/host/sessionpair.h"
 
 #include <QCryptographicHash>

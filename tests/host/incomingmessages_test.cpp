@@ -1,5 +1,5 @@
 #include "host/session/incomingmessages.h"
-#include "tests/host/memorystore.h"
+#include "rig/host/memorystore.h"
 
 #include <gtest/gtest.h>
 

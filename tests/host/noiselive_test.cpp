@@ -1,6 +1,6 @@
 // Handshakes with an implementation that is not ours, in a process of its own.
+#include "rig/testroot.h"
 #include "tests/host/noisetools.h"
-#include "tests/support/testroot.h"
 
 #include <QFileInfo>
 #include <QProcess>

@@ -1,7 +1,7 @@
 #include "host/session/opening.h"
 #include "host/session/sessionframes.h"
-#include "tests/host/sealedpeer.h"
-#include "tests/support/testroot.h"
+#include "rig/host/sealedpeer.h"
+#include "rig/testroot.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "common/logger.h"
 #include "host/channel/pluginloader.h"
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 
 #include <QFile>
 #include <QFileInfo>

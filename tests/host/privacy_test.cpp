@@ -1,7 +1,7 @@
 // An installation that protects itself: laid out for its owner, or a group, alone, and not run
 // while others could change it. As root and as an ordinary user.
+#include "rig/deadline.h"
 #include "tests/host/storetools.h"
-#include "tests/support/deadline.h"
 
 #include <QDirIterator>
 #include <QProcess>

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "host/installation/names.h"
+#include "rig/deadline.h"
 #include "tests/host/sessionpair.h"
 #include "tests/host/storetools.h"
-#include "tests/support/deadline.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

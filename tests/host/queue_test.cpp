@@ -1,6 +1,6 @@
 #include "host/store/outgoingqueue.h"
+#include "rig/deadline.h"
 #include "tests/host/storetools.h"
-#include "tests/support/deadline.h"
 
 #include <QCryptographicHash>
 #include <QJsonDocument>

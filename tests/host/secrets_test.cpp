@@ -1,8 +1,8 @@
 // Secrets do not outlive what holds them: the memory of the process is searched for them.
 #include "host/installation/coredumps.h"
 #include "host/installation/identitykey.h"
+#include "rig/testroot.h"
 #include "tests/host/noisetools.h"
-#include "tests/support/testroot.h"
 
 #include <QFile>
 

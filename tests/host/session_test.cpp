@@ -1,6 +1,6 @@
 #include "host/session/session.h"
+#include "rig/testroot.h"
 #include "tests/host/sessionpair.h"
-#include "tests/support/testroot.h"
 
 #include <gtest/gtest.h>
 

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "host/session/session.h"
-#include "tests/host/memorystore.h"
-#include "tests/host/sealedpeer.h"
+#include "rig/host/memorystore.h"
+#include "rig/host/sealedpeer.h"
 
 #include <QByteArray>
 

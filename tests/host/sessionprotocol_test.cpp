@@ -1,9 +1,9 @@
 #include "host/channel/sessionprotocol.h"
-#include "tests/host/memorystore.h"
+#include "rig/deadline.h"
+#include "rig/host/memorystore.h"
+#include "rig/testroot.h"
 #include "tests/host/pipechannel.h"
 #include "tests/host/sessionpair.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 #include <QElapsedTimer>
 #include <QSignalSpy>

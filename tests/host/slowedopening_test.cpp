@@ -1,7 +1,7 @@
 // Strangers slow the answers of an installation down: what that costs an abonent whose key is
 // known, over a line of 1200 bit/s, in simulated time.
+#include "rig/testroot.h"
 #include "tests/host/sessionpair.h"
-#include "tests/support/testroot.h"
 
 #include <gtest/gtest.h>
 

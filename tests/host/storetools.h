@@ -4,8 +4,8 @@
 #include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 #include "host/store/messagestore.h"
-#include "tests/host/peers.h"
-#include "tests/support/testroot.h"
+#include "rig/host/peers.h"
+#include "rig/testroot.h"
 
 #include <QCryptographicHash>
 #include <QDir>

@@ -1,6 +1,6 @@
 // How often making a packet asks for memory.
 #include "com/link/ccompacket.h"
-#include "tests/support/allocations.h"
+#include "rig/allocations.h"
 
 #include <QByteArray>
 #include <gtest/gtest.h>

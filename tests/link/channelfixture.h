@@ -3,11 +3,11 @@
 
 #include "com/link/ccomchannel.h"
 #include "com/link/currentcomsettings.h"
+#include "rig/fakehost.h"
+#include "rig/port/fakeserialport.h"
+#include "rig/testroot.h"
+#include "rig/time/virtualclock.h"
 #include "tests/link/bytes.h"
-#include "tests/support/fakehost.h"
-#include "tests/support/fakeserialport.h"
-#include "tests/support/testroot.h"
-#include "tests/support/virtualclock.h"
 
 #include <QByteArray>
 #include <QDirIterator>

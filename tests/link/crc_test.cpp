@@ -1,7 +1,7 @@
 // The checksums against values computed independently of this code.
 #include "com/formats/crc.h"
+#include "rig/testroot.h"
 #include "tests/link/bytes.h"
-#include "tests/support/testroot.h"
 
 #include <QByteArray>
 #include <gtest/gtest.h>

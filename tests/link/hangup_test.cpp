@@ -1,7 +1,7 @@
 // Hanging up over the channel, and the carrier.
+#include "rig/deadline.h"
 #include "sim/pty/ptyendpoint.h"
 #include "tests/link/channelfixture.h"
-#include "tests/support/deadline.h"
 
 using namespace linktest;
 

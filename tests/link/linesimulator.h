@@ -3,10 +3,10 @@
 #pragma once
 
 #include "com/link/ccomchannel.h"
-#include "tests/support/fakehost.h"
-#include "tests/support/fakeserialport.h"
-#include "tests/support/silentstate.h"
-#include "tests/support/virtualclock.h"
+#include "rig/fakehost.h"
+#include "rig/port/fakeserialport.h"
+#include "rig/silentstate.h"
+#include "rig/time/virtualclock.h"
 
 #include <QByteArray>
 

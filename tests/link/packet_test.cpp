@@ -1,9 +1,9 @@
 // Packets byte by byte: making them, and cutting them out of what arrives.
 #include "com/formats/crc.h"
 #include "com/link/ccompacket.h"
+#include "rig/testroot.h"
 #include "tests/link/bytes.h"
 #include "tests/link/messagecatcher.h"
-#include "tests/support/testroot.h"
 
 #include <QByteArray>
 #include <QStringList>

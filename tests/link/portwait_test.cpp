@@ -1,8 +1,8 @@
 // The waits on a port, on ports in memory and on real ones.
 #include "com/port/portwait.h"
+#include "rig/port/fakeserialport.h"
+#include "rig/time/virtualclock.h"
 #include "sim/pty/ptyendpoint.h"
-#include "tests/support/fakeserialport.h"
-#include "tests/support/virtualclock.h"
 
 #include <QElapsedTimer>
 #include <QSignalSpy>

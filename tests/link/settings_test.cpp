@@ -2,8 +2,8 @@
 #include "com/formats/ccomsettings.h"
 #include "com/formats/comsettings.h"
 #include "com/link/currentcomsettings.h"
+#include "rig/testroot.h"
 #include "tests/link/bytes.h"
-#include "tests/support/testroot.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>

@@ -1,6 +1,6 @@
+#include "rig/deadline.h"
 #include "sim/pty/backlog.h"
 #include "sim/pty/ptyendpoint.h"
-#include "tests/support/deadline.h"
 
 #include <gtest/gtest.h>
 

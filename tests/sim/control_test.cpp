@@ -1,6 +1,6 @@
 // Commands as text: each reaches what it names, each mistake says what to write.
+#include "rig/deadline.h"
 #include "sim/exchange/control.h"
-#include "tests/support/deadline.h"
 
 #include <gtest/gtest.h>
 

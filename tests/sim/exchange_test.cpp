@@ -1,10 +1,10 @@
 // Whole calls through the exchange: two programs on real serial ports, the lines between
 // them, and the faults.
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "sim/exchange/exchange.h"
 #include "sim/line/moments.h"
 #include "sim/pty/signaltable.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 #include <QElapsedTimer>
 #include <QFile>

@@ -1,6 +1,6 @@
 // The line as a value and in virtual time: pace, delay, noise, drops.
+#include "rig/testroot.h"
 #include "sim/line/line.h"
-#include "tests/support/testroot.h"
 
 #include <gtest/gtest.h>
 

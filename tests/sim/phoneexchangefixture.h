@@ -1,8 +1,8 @@
 // The program phone-exchange as a process of a test, in a directory of its own.
 #pragma once
 
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 
 #include <QFile>
 #include <QProcess>

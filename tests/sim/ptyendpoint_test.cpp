@@ -1,8 +1,8 @@
 // Modem lines, bounded depth and unplugging of a pty, as QSerialPort and plain system
 // calls see them through the ptylines object.
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "sim/pty/ptyendpoint.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 #include <QElapsedTimer>
 #include <QFile>

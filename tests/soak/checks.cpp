@@ -1,6 +1,6 @@
 #include "tests/soak/checks.h"
 
-#include "tests/soak/virtualtime.h"
+#include "rig/time/virtualtime.h"
 
 #include <cstdio>
 #include <malloc.h>

@@ -4,9 +4,9 @@
 
 #include "host/session/opening.h"
 #include "host/session/sessionframes.h"
-#include "tests/host/sealedpeer.h"
+#include "rig/host/sealedpeer.h"
+#include "rig/rng.h"
 #include "tests/soak/hubline.h"
-#include "tests/soak/rng.h"
 
 #include <QByteArray>
 

@@ -1,6 +1,6 @@
 #include "tests/soak/hubhostile.h"
 
-#include "tests/soak/fibers.h"
+#include "rig/time/fibers.h"
 
 #include <QCryptographicHash>
 

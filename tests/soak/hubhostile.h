@@ -2,11 +2,11 @@
 // kind at every moment, endless ones, other people's identifiers, stubs that grow.
 #pragma once
 
+#include "rig/rng.h"
 #include "tests/soak/checks.h"
 #include "tests/soak/hubcaller.h"
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubline.h"
-#include "tests/soak/rng.h"
 
 #include <QByteArray>
 

@@ -1,8 +1,8 @@
 #include "tests/soak/hubledger.h"
 
 #include "host/installation/diskfile.h"
+#include "rig/time/simdisk.h"
 #include "tests/soak/hubpaths.h"
-#include "tests/soak/simdisk.h"
 
 #include <QCryptographicHash>
 #include <QDir>

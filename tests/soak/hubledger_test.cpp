@@ -1,7 +1,7 @@
 // That the ledger of a run with several lines sees what must not be.
+#include "rig/time/virtualtime.h"
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubpaths.h"
-#include "tests/soak/virtualtime.h"
 
 #include <QCryptographicHash>
 #include <gtest/gtest.h>

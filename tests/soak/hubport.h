@@ -3,12 +3,12 @@
 #pragma once
 
 #include "host/session/session.h"
-#include "tests/host/sealedpeer.h"
+#include "rig/host/sealedpeer.h"
+#include "rig/rng.h"
+#include "rig/time/fibers.h"
 #include "tests/soak/checks.h"
-#include "tests/soak/fibers.h"
 #include "tests/soak/hubline.h"
 #include "tests/soak/hubscenario.h"
-#include "tests/soak/rng.h"
 
 #include <cstdint>
 #include <memory>

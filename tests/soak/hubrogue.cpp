@@ -1,6 +1,6 @@
 #include "tests/soak/hubrogue.h"
 
-#include "tests/soak/fibers.h"
+#include "rig/time/fibers.h"
 #include "tests/soak/hubsite.h"
 
 #include <QCryptographicHash>

@@ -3,11 +3,11 @@
 // or after its beginning was hashed, stubs that grow, more than its share, floods, idleness.
 #pragma once
 
+#include "rig/rng.h"
 #include "tests/soak/checks.h"
 #include "tests/soak/hubcaller.h"
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubline.h"
-#include "tests/soak/rng.h"
 
 #include <QByteArray>
 #include <QString>

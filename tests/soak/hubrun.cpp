@@ -1,13 +1,13 @@
 #include "tests/soak/hubrun.h"
 
 #include "host/session/session.h"
-#include "tests/soak/fibers.h"
+#include "rig/time/fibers.h"
+#include "rig/time/simdisk.h"
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubline.h"
 #include "tests/soak/hubport.h"
 #include "tests/soak/hubrogue.h"
 #include "tests/soak/hubsite.h"
-#include "tests/soak/simdisk.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -2,8 +2,8 @@
 // them, their disks, what is sent, and what goes wrong how often.
 #pragma once
 
-#include "tests/soak/rng.h"
-#include "tests/soak/virtualtime.h"
+#include "rig/rng.h"
+#include "rig/time/virtualtime.h"
 
 #include <QtGlobal>
 

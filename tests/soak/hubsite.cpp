@@ -1,6 +1,6 @@
 #include "tests/soak/hubsite.h"
 
-#include "tests/soak/fibers.h"
+#include "rig/time/fibers.h"
 #include "tests/soak/hubpaths.h"
 
 #include <QCryptographicHash>

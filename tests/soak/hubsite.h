@@ -4,10 +4,10 @@
 
 #include "host/session/session.h"
 #include "host/store/messagestore.h"
+#include "rig/time/simdisk.h"
 #include "tests/soak/checks.h"
 #include "tests/soak/hubledger.h"
 #include "tests/soak/hubscenario.h"
-#include "tests/soak/simdisk.h"
 
 #include <QByteArray>
 #include <QString>

@@ -1,10 +1,10 @@
 #include "tests/soak/linkrun.h"
 
 #include "plugin/api/cabstractchannelsstate.h"
+#include "rig/line/turns.h"
+#include "rig/line/wire.h"
 #include "tests/soak/scenarioend.h"
 #include "tests/soak/scenariorun.h"
-#include "tests/soak/turns.h"
-#include "tests/soak/wire.h"
 
 #include <algorithm>
 #include <deque>

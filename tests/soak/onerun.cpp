@@ -1,10 +1,10 @@
 #include "tests/soak/onerun.h"
 
+#include "rig/runs/runprocess.h"
+#include "rig/seededrandomness.h"
 #include "tests/soak/hubrun.h"
 #include "tests/soak/linkrun.h"
-#include "tests/soak/runprocess.h"
 #include "tests/soak/sessionrun.h"
-#include "tests/support/seededrandomness.h"
 
 #include <QCoreApplication>
 

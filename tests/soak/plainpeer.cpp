@@ -1,7 +1,7 @@
 #include "tests/soak/plainpeer.h"
 
 #include "plugin/api/cabstractchannelsstate.h"
-#include "tests/soak/virtualtime.h"
+#include "rig/time/virtualtime.h"
 
 #include <QDateTime>
 #include <QSerialPort>

@@ -5,8 +5,8 @@
 #pragma once
 
 #include "plugin/api/cchannel.h"
-#include "tests/soak/channelsettings.h"
-#include "tests/soak/wire.h"
+#include "rig/line/wire.h"
+#include "rig/runs/channelsettings.h"
 
 #include <cstdint>
 #include <deque>

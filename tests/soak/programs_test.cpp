@@ -1,8 +1,8 @@
 // What the programs of runs are made of: their command line, their installation, their end.
-#include "tests/soak/commandline.h"
-#include "tests/soak/runinstallation.h"
-#include "tests/soak/stoprequest.h"
-#include "tests/support/testroot.h"
+#include "rig/runs/commandline.h"
+#include "rig/runs/runinstallation.h"
+#include "rig/runs/stoprequest.h"
+#include "rig/testroot.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "tests/soak/scenario.h"
 
+#include "rig/line/wire.h"
 #include "tests/soak/hubscenario.h"
-#include "tests/soak/wire.h"
 
 #include <algorithm>
 #include <cstdio>

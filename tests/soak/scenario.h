@@ -2,8 +2,8 @@
 // two ends behave, and the settings of the channel.
 #pragma once
 
-#include "tests/soak/channelsettings.h"
-#include "tests/soak/line.h"
+#include "rig/line/line.h"
+#include "rig/runs/channelsettings.h"
 
 #include <array>
 #include <cstdint>

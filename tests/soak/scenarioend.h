@@ -2,8 +2,8 @@
 #pragma once
 
 #include "plugin/api/cchannel.h"
+#include "rig/rng.h"
 #include "tests/soak/checks.h"
-#include "tests/soak/rng.h"
 #include "tests/soak/scenario.h"
 
 #include <QSerialPort>

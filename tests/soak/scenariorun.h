@@ -2,8 +2,8 @@
 // without faults in which everything must come right.
 #pragma once
 
+#include "rig/line/line.h"
 #include "tests/soak/checks.h"
-#include "tests/soak/line.h"
 #include "tests/soak/runresult.h"
 #include "tests/soak/scenario.h"
 

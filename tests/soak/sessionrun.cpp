@@ -1,12 +1,12 @@
 #include "tests/soak/sessionrun.h"
 
 #include "host/session/session.h"
-#include "tests/host/memorystore.h"
-#include "tests/host/sealedpeer.h"
+#include "rig/host/memorystore.h"
+#include "rig/host/sealedpeer.h"
+#include "rig/line/turns.h"
+#include "rig/silentstate.h"
 #include "tests/soak/scenarioend.h"
 #include "tests/soak/scenariorun.h"
-#include "tests/soak/turns.h"
-#include "tests/support/silentstate.h"
 
 #include <algorithm>
 #include <map>

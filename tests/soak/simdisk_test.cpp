@@ -1,8 +1,8 @@
 // That stacks take turns as threads do, and that simulated disks keep and lose what real ones do.
-#include "tests/soak/fibers.h"
+#include "rig/time/fibers.h"
+#include "rig/time/simdisk.h"
+#include "rig/time/virtualtime.h"
 #include "tests/soak/hubrun.h"
-#include "tests/soak/simdisk.h"
-#include "tests/soak/virtualtime.h"
 
 #include <QMutex>
 #include <QMutexLocker>

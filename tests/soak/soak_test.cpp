@@ -1,10 +1,10 @@
 // That the soak's own instruments measure what they say, and find what they are there for.
-#include "tests/soak/line.h"
+#include "rig/line/line.h"
+#include "rig/line/wire.h"
+#include "rig/time/virtualtime.h"
 #include "tests/soak/linkrun.h"
 #include "tests/soak/scenario.h"
 #include "tests/soak/sessionrun.h"
-#include "tests/soak/virtualtime.h"
-#include "tests/soak/wire.h"
 
 #include <QDateTime>
 #include <QElapsedTimer>

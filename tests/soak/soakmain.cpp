@@ -1,10 +1,10 @@
 // The soak program: runs scenarios over simulated lines in simulated time, each in a
 // process of its own with settings of its own, until so many virtual hours are full.
-#include "tests/soak/commandline.h"
+#include "rig/runs/commandline.h"
+#include "rig/runs/runinstallation.h"
+#include "rig/runs/stoprequest.h"
 #include "tests/soak/onerun.h"
-#include "tests/soak/runinstallation.h"
 #include "tests/soak/scenario.h"
-#include "tests/soak/stoprequest.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // Ports in number: 256 in one process, and what starting and stopping leaves behind.
-#include "tests/stress/resources.h"
-#include "tests/stress/stressbed.h"
-#include "tests/support/deadline.h"
+#include "rig/deadline.h"
+#include "rig/server/resources.h"
+#include "rig/server/stressbed.h"
 
 #include <QElapsedTimer>
 #include <gtest/gtest.h>

@@ -2,10 +2,10 @@
 // either side: lines that break at any byte, so that the same messages are taken up by one
 // session while another still holds or stores them.
 #include "host/session/session.h"
-#include "tests/host/sealedpeer.h"
+#include "rig/deadline.h"
+#include "rig/host/sealedpeer.h"
+#include "rig/testroot.h"
 #include "tests/host/storetools.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 #include <QElapsedTimer>
 #include <gtest/gtest.h>

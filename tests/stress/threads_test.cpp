@@ -1,11 +1,11 @@
 // Everything at once: 64 ports that call one another while several threads hang up, keep
 // alive, poll, change settings, break modems, and stop and start the server, at random.
 // STRESS_SECONDS=60 makes the few seconds of a usual run a minute.
-#include "tests/stress/resources.h"
-#include "tests/stress/stressbed.h"
+#include "rig/deadline.h"
+#include "rig/server/resources.h"
+#include "rig/server/stressbed.h"
+#include "rig/testroot.h"
 #include "tests/stress/watchdog.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 
 #include <QElapsedTimer>
 #include <QMutex>

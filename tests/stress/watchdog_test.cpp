@@ -1,6 +1,6 @@
 // That the watchdog of the stress tests barks, and what it says.
+#include "rig/deadline.h"
 #include "tests/stress/watchdog.h"
-#include "tests/support/deadline.h"
 
 #include <QMutex>
 #include <QMutexLocker>

@@ -1,7 +1,7 @@
 // Whether another thread waits, found out without waiting for a time.
 #pragma once
 
-#include "tests/support/deadline.h"
+#include "rig/deadline.h"
 
 #include <QByteArray>
 #include <QFile>

@@ -1,6 +1,6 @@
 // main() of every test program: runs the tests in a fresh installation root.
-#include "tests/support/freshroot.h"
-#include "tests/support/testroot.h"
+#include "rig/freshroot.h"
+#include "rig/testroot.h"
 
 #include <QCoreApplication>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // What two installations leave on the disk while they exchange files: the secret key stands in
 // its own file alone.
 #include "host/installation/identitykey.h"
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 #include "tests/system/testbed.h"
 
 #include <QDir>

@@ -1,7 +1,7 @@
 // Whole installations that call one another: whatever the line does, each file arrives
 // once, whole and bit-exact.
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "tests/system/testbed.h"
 
 #include <QDir>

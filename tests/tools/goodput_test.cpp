@@ -1,8 +1,8 @@
 // The recommended settings on simulated lines, in simulated time: they get what the rule
 // promises.
-#include "tests/soak/runprocess.h"
-#include "tests/support/testroot.h"
-#include "tests/tools/linkmeasure.h"
+#include "rig/measure/linkmeasure.h"
+#include "rig/runs/runprocess.h"
+#include "rig/testroot.h"
 
 #include <QDir>
 #include <gtest/gtest.h>

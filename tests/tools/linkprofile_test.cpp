@@ -2,7 +2,7 @@
 // hand, the limits of the keys, and that more of something never asks for less.
 #include "com/formats/ccomsettings.h"
 #include "common/settingskeys.h"
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 #include "tools/linkprofile.h"
 
 #include <gtest/gtest.h>

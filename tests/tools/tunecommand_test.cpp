@@ -1,7 +1,7 @@
 // transport-tune: what it prints, what it writes, what it refuses.
 #include "com/formats/ccomsettings.h"
 #include "common/csettings.h"
-#include "tests/support/testroot.h"
+#include "rig/testroot.h"
 #include "tools/linkprofile.h"
 #include "tools/profilefiles.h"
 #include "tools/tunecommand.h"

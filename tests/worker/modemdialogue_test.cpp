@@ -2,8 +2,8 @@
 #include "com/modem/modemdialogue.h"
 #include "com/modem/noanswerpause.h"
 #include "common/csettings.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "tests/worker/modemscript.h"
 #include "tests/worker/workertest.h"
 

@@ -1,7 +1,7 @@
 #include "tests/worker/modemscript.h"
 
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 
 using testsupport::waitFor;
 

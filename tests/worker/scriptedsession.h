@@ -3,7 +3,7 @@
 
 #include "plugin/api/cabstractprotocol.h"
 #include "plugin/api/cabstractprotocolfactory.h"
-#include "tests/support/calllog.h"
+#include "rig/calllog.h"
 
 #include <QMutex>
 

@@ -1,6 +1,6 @@
 // Calls: dialling, answering, what becomes of them, and the sessions over them.
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "tests/worker/workertest.h"
 
 #include <QElapsedTimer>

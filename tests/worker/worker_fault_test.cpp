@@ -1,7 +1,7 @@
 // What goes wrong: port errors, unplugged devices, garbage, and stops at any moment.
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "tests/support/blockedthread.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
 #include "tests/worker/workertest.h"
 
 #include <QElapsedTimer>

@@ -1,6 +1,6 @@
 // What follows an init string whose "OK" comes late.
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "tests/worker/workertest.h"
 
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 // In which order the log, the host's objects and the line learn of what happens, and in
 // which category each line of the log stands.
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "tests/worker/workertest.h"
 
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 // From the thread's start to the free line, and back to the start.
 #include "common/csettings.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 #include "tests/worker/workertest.h"
 
 #include <QDir>

@@ -1,8 +1,8 @@
 #include "tests/worker/workertest.h"
 
 #include "common/global.h"
-#include "tests/support/deadline.h"
-#include "tests/support/testroot.h"
+#include "rig/deadline.h"
+#include "rig/testroot.h"
 
 #include <QDir>
 #include <QFile>

@@ -3,8 +3,8 @@
 
 #include "com/worker/ccomthread.h"
 #include "plugin/api/cchannelserver.h"
-#include "tests/support/calllog.h"
-#include "tests/support/fakehost.h"
+#include "rig/calllog.h"
+#include "rig/fakehost.h"
 #include "tests/worker/modemscript.h"
 #include "tests/worker/scriptedsession.h"
 
