@@ -26,6 +26,7 @@ public:
     // How the last call began that said anything.
     const QByteArray& tapped() const { return m_said.isEmpty() ? m_saidEarlier : m_said; }
     void setDead(bool dead) { m_dead = dead; } // what is sent from now on is gone
+    bool isDead() const { return m_dead; }
     std::uint64_t bytesCarried() const { return m_carried; }
 
 private:
@@ -61,6 +62,8 @@ public:
     void die(std::int64_t firstLearnsNs, std::int64_t secondLearnsNs);
     bool isLost(int end) const { return nowNs() >= m_learnsNs[end]; }
     std::int64_t learnsNs(int end) const { return m_learnsNs[end]; }
+    // Whether somebody stands at the other end of that one, and hears it.
+    bool isHeard(int end) const { return !m_hungUp[1 - end] && !m_pipes[end].isDead(); }
 
     HubPipe& from(int end) { return m_pipes[end]; }
 
