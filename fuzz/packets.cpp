@@ -1,129 +1,43 @@
 #include "fuzz/packets.h"
 
-#include <array>
+#include "rig/packetoracle.h"
+
+#include <string>
 
 namespace fuzz {
 
 namespace {
 
-constexpr int headerBytes = 7;
-constexpr int checkBytes = 4;
 constexpr int maxLineBytes = 512;
 
-std::array<quint16, 256> makeTable16()
+QByteArray toBytes(const std::string& text)
 {
-    std::array<quint16, 256> table{};
-    for (int i = 0; i < 256; ++i) {
-        int value = i << 8;
-        for (int bit = 0; bit < 8; ++bit)
-            value = (value & 0x8000) ? (value << 1) ^ 0x1021 : value << 1;
-        table[static_cast<std::size_t>(i)] = static_cast<quint16>(value);
-    }
-    return table;
-}
-
-std::array<quint32, 256> makeTable32()
-{
-    std::array<quint32, 256> table{};
-    for (quint32 i = 0; i < 256; ++i) {
-        quint32 value = i;
-        for (int bit = 0; bit < 8; ++bit)
-            value = (value & 1) ? (value >> 1) ^ 0xEDB88320u : value >> 1;
-        table[i] = value;
-    }
-    return table;
-}
-
-const std::array<quint16, 256> table16 = makeTable16();
-const std::array<quint32, 256> table32 = makeTable32();
-
-int byteAt(const QByteArray& bytes, int at)
-{
-    return static_cast<quint8>(bytes.at(at));
-}
-
-QByteArray littleEndian(quint32 value, int size)
-{
-    QByteArray bytes;
-    for (int i = 0; i < size; ++i)
-        bytes += static_cast<char>(value >> (8 * i));
-    return bytes;
-}
-
-QByteArray plainHeader(int type, int number, int length)
-{
-    QByteArray header("\x7C");
-    header += static_cast<char>(type);
-    header += static_cast<char>(number);
-    header += littleEndian(static_cast<quint32>(length), 2);
-    return header + littleEndian(plainHeaderCheck(header), 2);
+    return QByteArray(text.data(), static_cast<int>(text.size()));
 }
 
 } // namespace
 
-quint16 plainHeaderCheck(const QByteArray& header)
-{
-    quint16 check = 0xFFFF;
-    for (int i = 0; i < header.size(); ++i) {
-        const int byte = byteAt(header, i);
-        const int index = (check >> 8) ^ byte;
-        quint32 word = table16[static_cast<std::size_t>(index)];
-        if (byte >= 0x80) {
-            word = table32[static_cast<std::size_t>(128 + index / 2)];
-            if (index % 2 == 1)
-                word >>= 16;
-        }
-        check = static_cast<quint16>((check << 8) ^ word);
-    }
-    return check;
-}
-
-quint32 plainPayloadCheck(const QByteArray& bytes)
-{
-    quint32 check = 0xFFFFFFFFu;
-    for (const char byte : bytes)
-        check = table32[(check ^ static_cast<quint8>(byte)) & 0xFF] ^ (check >> 8);
-    return ~check;
-}
-
 QByteArray plainWire(int type, int number, const QByteArray& data)
 {
-    QByteArray bytes = plainHeader(type, number, data.size());
-    if (data.isEmpty())
-        return bytes;
-    bytes += data;
-    return bytes + littleEndian(plainPayloadCheck(bytes), checkBytes);
+    return toBytes(testsupport::packetImage(
+        {static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(number), data.toStdString()}));
 }
 
 bool plainRead(QByteArray& buffer, PlainPacket& packet)
 {
-    int at = 0;
-    while (at + headerBytes <= buffer.size()) {
-        const bool isHeader =
-            byteAt(buffer, at) == 0x7C && plainHeaderCheck(QByteArray::fromRawData(buffer.constData() + at, 5)) ==
-                                              (byteAt(buffer, at + 5) | byteAt(buffer, at + 6) << 8);
-        if (!isHeader) {
-            ++at;
-            continue;
-        }
-        const int length = byteAt(buffer, at + 3) | byteAt(buffer, at + 4) << 8;
-        const int wireBytes = length == 0 ? headerBytes : headerBytes + length + checkBytes;
-        if (at + wireBytes > buffer.size())
-            return false;
-        const QByteArray checked = QByteArray::fromRawData(buffer.constData() + at, headerBytes + length);
-        if (length == 0 ||
-            buffer.mid(at + headerBytes + length, checkBytes) == littleEndian(plainPayloadCheck(checked), checkBytes)) {
-            packet.type = byteAt(buffer, at + 1);
-            packet.number = byteAt(buffer, at + 2);
-            packet.data = buffer.mid(at + headerBytes, length);
-            packet.bytes = buffer.mid(at, wireBytes);
-            buffer.remove(0, at + wireBytes);
-            return true;
-        }
-        at += headerBytes + 1;
-    }
-    buffer.remove(0, at);
-    return false;
+    using testsupport::PacketPlace;
+    const PacketPlace place = testsupport::findPacket(buffer.constData(), static_cast<std::size_t>(buffer.size()));
+    if (place.kind == PacketPlace::Kind::None)
+        buffer.remove(0, static_cast<int>(place.begin));
+    if (place.kind != PacketPlace::Kind::Whole)
+        return false;
+    const testsupport::WirePacket found = testsupport::packetAt(buffer.constData(), place);
+    packet.type = found.type;
+    packet.number = found.number;
+    packet.data = toBytes(found.payload);
+    packet.bytes = buffer.mid(static_cast<int>(place.begin), static_cast<int>(place.end - place.begin));
+    buffer.remove(0, static_cast<int>(place.end));
+    return true;
 }
 
 QByteArray lineBytes(Input& input)
@@ -172,7 +86,9 @@ QByteArray lineBytes(Input& input)
         case LonelyHeader: {
             const int type = input.byte();
             const int number = input.byte();
-            bytes += plainHeader(type, number, input.word());
+            bytes +=
+                toBytes(testsupport::headerImage(static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(number),
+                                                 static_cast<std::uint16_t>(input.word())));
             break;
         }
         case LongPacket: {

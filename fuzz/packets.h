@@ -1,5 +1,5 @@
-// The link's packets after their description, written a second time and without a look at
-// com/: what the fuzz targets hold the channel's own code against.
+// The rig's packets as the fuzz targets use them: what they hold the channel's own code
+// against, and rows of bytes that an input tells.
 #pragma once
 
 #include "fuzz/input.h"
@@ -15,9 +15,6 @@ struct PlainPacket
     QByteArray data;
     QByteArray bytes;
 };
-
-quint16 plainHeaderCheck(const QByteArray& header);
-quint32 plainPayloadCheck(const QByteArray& bytes);
 
 QByteArray plainWire(int type, int number, const QByteArray& data);
 

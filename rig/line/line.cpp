@@ -1,6 +1,6 @@
 #include "rig/line/line.h"
 
-#include "rig/line/wire.h"
+#include "rig/packetoracle.h"
 
 #include <algorithm>
 #include <cstring>
@@ -185,11 +185,11 @@ std::string Direction::garbage()
     const std::size_t size = 1 + m_rng.below(static_cast<std::uint64_t>(m_faults.garbageBytes));
     std::string bytes(size, '\0');
     switch (m_rng.below(5)) {
-    case 0: bytes.assign(size, startSymbol); break;
+    case 0: bytes.assign(size, testsupport::startSymbol); break;
     case 1: {
         std::string header =
-            headerImage(static_cast<std::uint8_t>(m_rng.below(3)), static_cast<std::uint8_t>(m_rng.next()),
-                        static_cast<std::uint16_t>(1 + m_rng.below(65535)));
+            testsupport::headerImage(static_cast<std::uint8_t>(m_rng.below(3)), static_cast<std::uint8_t>(m_rng.next()),
+                                     static_cast<std::uint16_t>(1 + m_rng.below(65535)));
         bytes = header.substr(0, std::max<std::size_t>(size, 1));
         break;
     }

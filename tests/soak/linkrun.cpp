@@ -2,7 +2,7 @@
 
 #include "plugin/api/cabstractchannelsstate.h"
 #include "rig/line/turns.h"
-#include "rig/line/wire.h"
+#include "rig/packetoracle.h"
 #include "tests/soak/scenarioend.h"
 #include "tests/soak/scenariorun.h"
 
@@ -35,7 +35,7 @@ public:
     }
 
     // A packet that reached the other port whole.
-    void arrived(const WirePacket& packet)
+    void arrived(const testsupport::WirePacket& packet)
     {
         // The latest of that number first: the stream is far past the others.
         for (std::size_t i = m_packets.size(); i > 0; --i) {
@@ -209,11 +209,11 @@ public:
 private:
     void bytesRead(int end, const char* data, std::size_t size) override
     {
-        PacketCutter& cutter = m_cutters[end];
+        testsupport::PacketCutter& cutter = m_cutters[end];
         cutter.append(data, size);
-        WirePacket packet;
+        testsupport::WirePacket packet;
         while (cutter.next(&packet)) {
-            if (packet.type == dataType)
+            if (packet.type == testsupport::dataType)
                 m_streams[1 - end].arrived(packet);
         }
     }
@@ -305,7 +305,7 @@ private:
 
     std::array<Stream, 2> m_streams;
     std::array<End, 2> m_ends;
-    std::array<PacketCutter, 2> m_cutters;
+    std::array<testsupport::PacketCutter, 2> m_cutters;
     std::int64_t m_longestStandstillNs = 0;
 };
 

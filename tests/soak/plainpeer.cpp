@@ -44,11 +44,11 @@ void PlainPeer::write(const QByteArray& data)
 {
     const int block = std::max(1, std::min(m_settings.packetSize, m_settings.maxBytesToWrite) - 10);
     for (int from = 0; from < data.size(); from += block) {
-        WirePacket packet;
+        testsupport::WirePacket packet;
         packet.number = m_nextNumber++;
         packet.payload = data.mid(from, block).toStdString();
         const int size = static_cast<int>(packet.payload.size());
-        m_queue.push_back({packet.number, size, packetImage(packet), 0});
+        m_queue.push_back({packet.number, size, testsupport::packetImage(packet), 0});
         m_queuedBytes += size;
     }
 }
@@ -68,7 +68,7 @@ QByteArray PlainPeer::read(int maxSize)
     m_port->waitForReadyRead(10);
     const QByteArray bytes = m_port->readAll();
     m_cutter.append(bytes.constData(), static_cast<std::size_t>(bytes.size()));
-    WirePacket packet;
+    testsupport::WirePacket packet;
     while (m_cutter.next(&packet))
         receive(packet);
     sendPackets();
@@ -79,13 +79,13 @@ QByteArray PlainPeer::read(int maxSize)
     return result;
 }
 
-void PlainPeer::receive(const WirePacket& packet)
+void PlainPeer::receive(const testsupport::WirePacket& packet)
 {
-    if (packet.type == confirmationType) {
+    if (packet.type == testsupport::confirmationType) {
         confirmedByPeer(packet.payload);
         return;
     }
-    if (packet.type != dataType)
+    if (packet.type != testsupport::dataType)
         return;
     m_toConfirm.insert(packet.number);
     if (packet.number == m_expected) {
@@ -94,7 +94,7 @@ void PlainPeer::receive(const WirePacket& packet)
     }
     if (!standsBefore(m_expected, packet.number))
         return;
-    const auto sameNumber = [&](const WirePacket& held) { return held.number == packet.number; };
+    const auto sameNumber = [&](const testsupport::WirePacket& held) { return held.number == packet.number; };
     if (std::none_of(m_held.begin(), m_held.end(), sameNumber)) {
         m_held.push_back(packet);
         for (std::size_t i = m_held.size() - 1; i > 0 && standsBefore(m_held[i].number, m_held[i - 1].number); --i)
@@ -106,7 +106,7 @@ void PlainPeer::receive(const WirePacket& packet)
     }
 }
 
-void PlainPeer::deliver(const WirePacket& packet)
+void PlainPeer::deliver(const testsupport::WirePacket& packet)
 {
     m_state->addReceivedBytes(m_index, static_cast<int>(packet.payload.size()));
     m_received += packet.payload;
@@ -150,11 +150,11 @@ void PlainPeer::sendConfirmations()
     const bool late = nowNs() - m_lastConfirmationNs > m_settings.confirmationIntervalMs * nsPerMs;
     if (m_toConfirm.empty() || (!many && !late))
         return;
-    WirePacket packet;
-    packet.type = confirmationType;
+    testsupport::WirePacket packet;
+    packet.type = testsupport::confirmationType;
     for (const std::uint8_t number : m_toConfirm)
         packet.payload += static_cast<char>(number);
-    const std::string image = packetImage(packet);
+    const std::string image = testsupport::packetImage(packet);
     m_port->write(image.data(), static_cast<qint64>(image.size()));
     m_port->flush();
     awaitWritten(10);

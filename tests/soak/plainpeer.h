@@ -5,7 +5,7 @@
 #pragma once
 
 #include "plugin/api/cchannel.h"
-#include "rig/line/wire.h"
+#include "rig/packetoracle.h"
 #include "rig/runs/channelsettings.h"
 
 #include <cstdint>
@@ -40,8 +40,8 @@ private:
         std::int64_t sentMs; // 0: never
     };
 
-    void receive(const WirePacket& packet);
-    void deliver(const WirePacket& packet);
+    void receive(const testsupport::WirePacket& packet);
+    void deliver(const testsupport::WirePacket& packet);
     void confirmedByPeer(const std::string& numbers);
     void sendPackets();
     void sendConfirmations();
@@ -53,9 +53,9 @@ private:
     ChannelSettings m_settings;
     bool m_connected = true;
     std::string m_received;
-    PacketCutter m_cutter;
+    testsupport::PacketCutter m_cutter;
     std::deque<Queued> m_queue;
-    std::vector<WirePacket> m_held;
+    std::vector<testsupport::WirePacket> m_held;
     std::uint8_t m_nextNumber = 1;
     std::uint8_t m_expected = 1;
     int m_queuedBytes = 0;

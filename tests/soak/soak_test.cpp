@@ -1,6 +1,5 @@
 // That the soak's own instruments measure what they say, and find what they are there for.
 #include "rig/line/line.h"
-#include "rig/line/wire.h"
 #include "rig/time/virtualtime.h"
 #include "tests/soak/linkrun.h"
 #include "tests/soak/scenario.h"
@@ -289,32 +288,6 @@ TEST_F(LineTest, chunksAreDroppedDoubledAndOvertaken)
     garbage.garbagePerSecond = 10;
     garbage.garbageBytes = 50;
     EXPECT_GT(carry(garbage).second.size(), 200);
-}
-
-// Values worked out from the description of the wire.
-TEST(WireTest, checksAndImages)
-{
-    EXPECT_EQ(headerCheck("123456789", 9), 0x29B1);
-    EXPECT_EQ(payloadCheck("123456789", 9), 0xCBF43926u);
-    EXPECT_EQ(headerCheck("\x7C\x00\x80\x00\x00", 5), 0xD400);
-    EXPECT_EQ(headerCheck("\x7C\x00\x05\xC8\x00", 5), 0xB6AA);
-    WirePacket packet;
-    packet.number = 1;
-    packet.payload = "Hello";
-    const char hello[] = "\x7C\x00\x01\x05\x00\x64\x4F\x48\x65\x6C\x6C\x6F\xBB\x8A\xC4\x4F";
-    EXPECT_EQ(packetImage(packet), std::string(hello, sizeof(hello) - 1));
-
-    PacketCutter cutter;
-    const std::string stream = "|||garbage" + packetImage(packet);
-    WirePacket cut;
-    for (const char byte : stream.substr(0, stream.size() - 1)) {
-        cutter.append(&byte, 1);
-        EXPECT_FALSE(cutter.next(&cut));
-    }
-    cutter.append(&stream.back(), 1);
-    ASSERT_TRUE(cutter.next(&cut));
-    EXPECT_EQ(cut.number, 1);
-    EXPECT_EQ(cut.payload, "Hello");
 }
 
 TEST(ScenarioTest, isTheSameForItsSeed)

@@ -1,13 +1,14 @@
-#include "rig/line/wire.h"
+#include "rig/packetoracle.h"
 
 #include <algorithm>
 #include <array>
 
-namespace soak {
+namespace testsupport {
 
 namespace {
 
 constexpr std::size_t headerBytes = 7;
+constexpr std::size_t checkedHeaderBytes = 5; // behind them the header's own check
 constexpr std::size_t checkBytes = 4;
 
 using Table = std::array<std::uint32_t, 256>;
@@ -40,10 +41,12 @@ Table reflectedTable() // 32 bits wide, low bit first
 const Table forward = forwardTable();
 const Table reflected = reflectedTable();
 
-std::uint16_t little16(const std::string& bytes, std::size_t at)
+std::uint32_t little(const char* bytes, std::size_t count)
 {
-    return static_cast<std::uint16_t>(static_cast<std::uint8_t>(bytes[at]) | static_cast<std::uint8_t>(bytes[at + 1])
-                                                                                 << 8);
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        value |= std::uint32_t(static_cast<std::uint8_t>(bytes[i])) << (8 * i);
+    return value;
 }
 
 void appendLittle(std::string& bytes, std::uint32_t value, int count)
@@ -96,35 +99,43 @@ std::string packetImage(const WirePacket& packet)
     return bytes;
 }
 
-bool PacketCutter::next(WirePacket* packet)
+PacketPlace findPacket(const char* data, std::size_t size)
 {
     std::size_t at = 0;
-    while (at + headerBytes <= m_buffer.size()) {
-        if (m_buffer[at] != startSymbol || headerCheck(&m_buffer[at], 5) != little16(m_buffer, at + 5)) {
+    while (at + headerBytes <= size) {
+        const char* header = data + at;
+        if (header[0] != startSymbol ||
+            headerCheck(header, checkedHeaderBytes) != little(header + checkedHeaderBytes, 2)) {
             ++at;
             continue;
         }
-        const std::size_t length = little16(m_buffer, at + 3);
+        const std::size_t length = little(header + 3, 2);
         const std::size_t whole = headerBytes + length + (length > 0 ? checkBytes : 0);
-        if (at + whole > m_buffer.size()) {
-            m_buffer.erase(0, at); // it has been looked at
-            return false;
-        }
-        const std::uint32_t check = payloadCheck(&m_buffer[at], headerBytes + length);
-        const std::size_t checkAt = at + headerBytes + length;
-        if (length > 0 &&
-            (little16(m_buffer, checkAt) | std::uint32_t(little16(m_buffer, checkAt + 2)) << 16) != check) {
-            at += headerBytes + 1; // one more than the header: so do peers
-            continue;
-        }
-        packet->type = static_cast<std::uint8_t>(m_buffer[at + 1]);
-        packet->number = static_cast<std::uint8_t>(m_buffer[at + 2]);
-        packet->payload = m_buffer.substr(at + headerBytes, length);
-        m_buffer.erase(0, at + whole);
-        return true;
+        if (at + whole > size)
+            return {PacketPlace::Kind::Begun, at, 0};
+        const std::size_t checkAt = headerBytes + length;
+        if (length == 0 || little(header + checkAt, checkBytes) == payloadCheck(header, checkAt))
+            return {PacketPlace::Kind::Whole, at, at + whole};
+        at += headerBytes + 1; // one more than the header: so do peers
     }
-    m_buffer.erase(0, std::min(at, m_buffer.size()));
-    return false;
+    return {PacketPlace::Kind::None, std::min(at, size), 0};
 }
 
-} // namespace soak
+WirePacket packetAt(const char* data, const PacketPlace& place)
+{
+    const char* header = data + place.begin;
+    return {static_cast<std::uint8_t>(header[1]), static_cast<std::uint8_t>(header[2]),
+            std::string(header + headerBytes, little(header + 3, 2))};
+}
+
+bool PacketCutter::next(WirePacket* packet)
+{
+    const PacketPlace place = findPacket(m_buffer.data(), m_buffer.size());
+    const bool isWhole = place.kind == PacketPlace::Kind::Whole;
+    if (isWhole)
+        *packet = packetAt(m_buffer.data(), place);
+    m_buffer.erase(0, isWhole ? place.end : place.begin); // what is in front has been looked at
+    return isWhole;
+}
+
+} // namespace testsupport
