@@ -11,8 +11,8 @@
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "fuzz/packets.h"
-#include "plugin/api/cabstractchannelsstate.h"
 #include "rig/port/fakeserialport.h"
+#include "rig/silentstate.h"
 #include "rig/time/virtualclock.h"
 
 #include <QByteArray>
@@ -56,12 +56,9 @@ char streamByte(int side, int position)
     return byte == startSymbol ? 'x' : byte;
 }
 
-class CountingState : public CAbstractChannelsState
+class CountingState : public testsupport::SilentState
 {
 public:
-    int addChannel(int, const QString&, const QString&) override { return 0; }
-    void removeChannel(int) override {}
-    void setState(int, const QString&) override {}
     void addReceivedBytes(int, int bytes) override { received += bytes; }
     void addSentBytes(int, int bytes) override { confirmed += bytes; }
 

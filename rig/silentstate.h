@@ -1,4 +1,5 @@
-// A channels' state for channels whose reports nobody wants to see.
+// A channels' state that keeps nothing: for channels whose reports nobody wants to see, and to
+// derive from where only some matter.
 #pragma once
 
 #include "plugin/api/cabstractchannelsstate.h"

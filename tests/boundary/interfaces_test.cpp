@@ -7,6 +7,7 @@
 #include "plugin/api/cchannel.h"
 #include "plugin/api/cchannelplugin.h"
 #include "plugin/api/cchannelserver.h"
+#include "rig/silentstate.h"
 
 #include <QMetaMethod>
 #include <gtest/gtest.h>
@@ -89,16 +90,11 @@ private:
     int* m_deleted;
 };
 
-class CountingState : public CAbstractChannelsState
+class CountingState : public testsupport::SilentState
 {
 public:
     explicit CountingState(int* deleted) : m_deleted(deleted) {}
     ~CountingState() override { ++*m_deleted; }
-    int addChannel(int, const QString&, const QString&) override { return 0; }
-    void removeChannel(int) override {}
-    void setState(int, const QString&) override {}
-    void addReceivedBytes(int, int) override {}
-    void addSentBytes(int, int) override {}
 
 private:
     int* m_deleted;

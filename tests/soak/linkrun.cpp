@@ -1,8 +1,8 @@
 #include "tests/soak/linkrun.h"
 
-#include "plugin/api/cabstractchannelsstate.h"
 #include "rig/line/turns.h"
 #include "rig/packetoracle.h"
+#include "rig/silentstate.h"
 #include "tests/soak/scenarioend.h"
 #include "tests/soak/scenariorun.h"
 
@@ -109,13 +109,10 @@ private:
     std::int64_t m_deliveredAtNs = 0;
 };
 
-class TrafficState : public CAbstractChannelsState
+class TrafficState : public testsupport::SilentState
 {
 public:
     TrafficState(Stream* sending, Stream* receiving) : m_sending(sending), m_receiving(receiving) {}
-    int addChannel(int, const QString&, const QString&) override { return 0; }
-    void removeChannel(int) override {}
-    void setState(int, const QString&) override {}
     void addReceivedBytes(int, int bytes) override { m_receiving->reportedDelivered(bytes); }
     void addSentBytes(int, int bytes) override { m_sending->confirmed(bytes); }
 
