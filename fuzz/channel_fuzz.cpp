@@ -12,6 +12,7 @@
 #include "fuzz/input.h"
 #include "fuzz/packets.h"
 #include "rig/port/fakeserialport.h"
+#include "rig/randombytes.h"
 #include "rig/silentstate.h"
 #include "rig/time/virtualclock.h"
 
@@ -48,11 +49,9 @@ bool prepareSettings()
     return true;
 }
 
-char streamByte(int side, int position)
+char byteOf(int side, int position)
 {
-    quint32 value = static_cast<quint32>(side + 1) * 0x9E3779B9u + static_cast<quint32>(position) * 2654435761u;
-    value ^= value >> 15;
-    const char byte = static_cast<char>(value * 2246822519u >> 24);
+    const char byte = testsupport::streamByte(static_cast<quint32>(side + 1) * 0x9E3779B9u, position);
     return byte == startSymbol ? 'x' : byte;
 }
 
@@ -84,7 +83,7 @@ struct Party
         size = std::min(size, channel.idealBlockSize());
         QByteArray bytes(size, '\0');
         for (char& byte : bytes)
-            byte = streamByte(side, written++);
+            byte = byteOf(side, written++);
         channel.write(bytes);
     }
 
@@ -93,7 +92,7 @@ struct Party
         const QByteArray bytes = channel.read(maxSize);
         require(bytes.size() <= maxSize, "read() gives no more than it was asked for");
         for (const char byte : bytes)
-            require(byte == streamByte(1 - side, delivered++), "what arrives is a prefix of what was sent");
+            require(byte == byteOf(1 - side, delivered++), "what arrives is a prefix of what was sent");
         require(state.received >= delivered, "what is delivered was reported");
         require(state.confirmed <= written, "no more is confirmed than was written");
     }

@@ -1,6 +1,7 @@
 #include "bench/parts/traffic.h"
 
 #include "com/formats/packetlayout.h"
+#include "rig/randombytes.h"
 
 namespace {
 
@@ -32,13 +33,7 @@ QByteArray traffic::dataPackets(int first, int count)
 
 QByteArray traffic::randomBytes(int size)
 {
-    QByteArray bytes(size, '\0');
-    quint32 value = 1;
-    for (char& byte : bytes) {
-        value = value * 1664525u + 1013904223u;
-        byte = static_cast<char>(value >> 24);
-    }
-    return bytes;
+    return testsupport::randomBytes(size, 1);
 }
 
 traffic::Burst traffic::garbageInPieces(int size)

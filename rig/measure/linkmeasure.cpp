@@ -9,6 +9,7 @@
 #include "rig/host/sealedpeer.h"
 #include "rig/line/line.h"
 #include "rig/line/turns.h"
+#include "rig/randombytes.h"
 #include "rig/rng.h"
 #include "rig/silentstate.h"
 
@@ -114,14 +115,6 @@ soak::LineSettings lineSettings(const Course& course)
     return line;
 }
 
-QByteArray randomBytes(std::int64_t size, soak::Rng& rng)
-{
-    QByteArray bytes(static_cast<int>(size), '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(rng.next());
-    return bytes;
-}
-
 Outcome failed(const std::string& text)
 {
     Outcome outcome;
@@ -151,7 +144,7 @@ public:
         faults.bitErrorRate = course.line.bitErrorRate;
         for (int end = 0; end < 2; ++end) {
             m_line.setFaults(end, faults);
-            m_files[end] = randomBytes(course.bytes[end], rng);
+            m_files[end] = testsupport::drawBytes(static_cast<int>(course.bytes[end]), [&] { return rng.next(); });
             if (course.bytes[end] > 0)
                 m_ends[end].store.queue(QStringLiteral("file"), m_files[end]);
         }

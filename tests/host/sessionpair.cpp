@@ -4,15 +4,6 @@ namespace hosttest {
 
 using namespace host;
 
-QByteArray randomBytes(int size, unsigned seed)
-{
-    std::mt19937 random(seed);
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (int i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>(random());
-    return bytes;
-}
-
 int SessionPair::Side::count(SessionEvent::Kind kind) const
 {
     int found = 0;

@@ -5,6 +5,7 @@
 #include "host/session/session.h"
 #include "rig/host/memorystore.h"
 #include "rig/host/sealedpeer.h"
+#include "rig/randombytes.h"
 
 #include <QByteArray>
 
@@ -14,6 +15,8 @@
 #include <vector>
 
 namespace hosttest {
+
+using testsupport::randomBytes;
 
 struct LineOptions
 {
@@ -69,8 +72,5 @@ private:
     std::mt19937 m_random;
     bool m_isCut = false;
 };
-
-// Bytes that look like nothing in particular, the same for the same seed.
-QByteArray randomBytes(int size, unsigned seed);
 
 } // namespace hosttest

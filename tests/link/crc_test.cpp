@@ -1,6 +1,7 @@
 // The checksums against values computed independently of this code.
 #include "com/formats/crc.h"
 #include "rig/packetoracle.h"
+#include "rig/randombytes.h"
 #include "rig/testroot.h"
 #include "tests/link/bytes.h"
 
@@ -8,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <random>
+
+using testsupport::drawBytes;
 
 namespace {
 
@@ -32,14 +35,6 @@ quint16 slowCrc16(const QByteArray& bytes)
             crc = static_cast<quint16>((crc & 0x8000) ? (crc << 1) ^ 0x1021 : crc << 1);
     }
     return crc;
-}
-
-QByteArray randomBytes(std::mt19937& random, int size, int limit = 256)
-{
-    QByteArray bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(random() % static_cast<unsigned>(limit));
-    return bytes;
 }
 
 } // namespace
@@ -77,7 +72,7 @@ TEST(Crc16Header, AgreesWithTheStandardBelow80)
 {
     std::mt19937 random(testsupport::seed());
     for (int size = 0; size < 600; ++size) { // past several rounds of the widest stride
-        const QByteArray bytes = randomBytes(random, size, 128);
+        const QByteArray bytes = drawBytes(size, [&] { return random() % 128; });
         ASSERT_EQ(crc16(bytes.constData(), bytes.size()), slowCrc16(bytes)) << bytes.toHex().constData();
     }
 }
@@ -96,7 +91,7 @@ TEST(Crc16Class, IsTheStandardForAllBytes)
 
     std::mt19937 random(testsupport::seed());
     for (int size = 0; size < 600; ++size) { // past several rounds of the widest stride
-        const QByteArray bytes = randomBytes(random, size);
+        const QByteArray bytes = drawBytes(size, random);
         ASSERT_EQ(Crc16::crc(bytes.constData(), bytes.size()), slowCrc16(bytes)) << bytes.toHex().constData();
     }
 }
@@ -147,7 +142,7 @@ TEST(Crc32Payload, AgreesWithTheDefinitionForAllLengthsAndAlignments)
 {
     std::mt19937 random(testsupport::seed());
     for (int size = 0; size < 600; ++size) { // past several rounds of the widest stride
-        const QByteArray padded = randomBytes(random, size + 16);
+        const QByteArray padded = drawBytes(size + 16, random);
         const int offset = size % 16;
         const QByteArray bytes = padded.mid(offset, size);
         ASSERT_EQ(crc32(padded.constData() + offset, size), expectedCrc32(bytes)) << bytes.toHex().constData();
@@ -171,7 +166,7 @@ TEST(Crc32Class, KeepsTheValueBeforeTheFinalInversion)
 TEST(Crc32Class, ChainsOverAnySplit)
 {
     std::mt19937 random(testsupport::seed());
-    const QByteArray bytes = randomBytes(random, 300);
+    const QByteArray bytes = drawBytes(300, random);
     for (int split = 0; split <= bytes.size(); ++split) {
         Crc32 crc;
         crc.addData(bytes.constData(), split);

@@ -5,6 +5,7 @@
 #include "com/link/ccomchannel.h"
 #include "rig/fakehost.h"
 #include "rig/port/fakeserialport.h"
+#include "rig/randombytes.h"
 #include "rig/silentstate.h"
 #include "rig/time/virtualclock.h"
 
@@ -91,19 +92,12 @@ public:
     // seed: of the stream.
     explicit Party(unsigned seed) : m_seed(seed) {}
 
-    static char byteAt(unsigned seed, int position)
-    {
-        quint32 x = seed + static_cast<quint32>(position) * 2654435761u;
-        x ^= x >> 15;
-        return static_cast<char>(x * 2246822519u >> 24);
-    }
-
     // The next bytes of the stream, whether the channel wants them or not.
     void write(int size)
     {
         QByteArray bytes(size, '\0');
         for (char& byte : bytes)
-            byte = byteAt(m_seed, m_sent++);
+            byte = testsupport::streamByte(m_seed, m_sent++);
         m_channel.write(bytes);
     }
 
@@ -123,7 +117,7 @@ public:
     bool receive(unsigned peerSeed)
     {
         for (const char byte : m_channel.read(1 << 20)) {
-            if (byte != byteAt(peerSeed, m_received))
+            if (byte != testsupport::streamByte(peerSeed, m_received))
                 return false;
             ++m_received;
         }

@@ -1,6 +1,7 @@
 #include "tests/system/testbed.h"
 
 #include "rig/deadline.h"
+#include "rig/randombytes.h"
 #include "rig/testroot.h"
 
 #include <QDir>
@@ -282,10 +283,7 @@ QString makeFile(const QString& name, const QByteArray& content)
 QByteArray randomBytes(int size)
 {
     static std::mt19937 generator(seed());
-    QByteArray bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(generator());
-    return bytes;
+    return drawBytes(size, generator);
 }
 
 } // namespace testsupport
