@@ -1,8 +1,9 @@
 #include "rig/time/virtualtime.h"
 
+#include "rig/time/processclock.h"
+
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -16,7 +17,6 @@
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
@@ -26,6 +26,7 @@
 namespace {
 
 using namespace soak;
+using namespace testsupport;
 
 // Looking at the clock takes this long, so that a loop that only looks at the clock ends.
 constexpr std::int64_t lookNs = 200;
@@ -38,9 +39,6 @@ struct OpenDevice
     termios settings = {};
 };
 
-bool virtualTime = false;
-std::atomic<std::int64_t> clockNs{0};
-std::int64_t wallOffsetNs = 0;
 World* world = nullptr; // not owned
 bool (*sleeperIsMeant)() = nullptr;
 void (*sleeper)(std::int64_t ns) = nullptr;
@@ -49,7 +47,7 @@ std::array<OpenDevice, 8> devices;
 
 OpenDevice* deviceOf(int fd)
 {
-    if (fd < 0 || !virtualTime)
+    if (fd < 0 || !isClockStarted())
         return nullptr;
     for (OpenDevice& open : devices) {
         if (open.fd == fd)
@@ -58,48 +56,14 @@ OpenDevice* deviceOf(int fd)
     return nullptr;
 }
 
-std::int64_t look()
-{
-    return clockNs.fetch_add(lookNs, std::memory_order_relaxed) + lookNs;
-}
-
-std::int64_t toNs(const timespec& time)
-{
-    return time.tv_sec * nsPerS + time.tv_nsec;
-}
-
-timespec toTimespec(std::int64_t ns)
-{
-    timespec time;
-    time.tv_sec = ns / nsPerS;
-    time.tv_nsec = ns % nsPerS;
-    return time;
-}
-
-bool showsWallClock(clockid_t id)
-{
-    return id == CLOCK_REALTIME || id == CLOCK_REALTIME_COARSE || id == CLOCK_TAI;
-}
-
-bool measuresWork(clockid_t id)
-{
-    return id < 0 || id == CLOCK_PROCESS_CPUTIME_ID || id == CLOCK_THREAD_CPUTIME_ID;
-}
-
 // The monotonic clock has run for a while when the program starts, as on any machine.
 constexpr std::int64_t monotonicOffsetNs = 1000 * nsPerS;
 
-std::int64_t clockValueNs(clockid_t id)
-{
-    return look() + (showsWallClock(id) ? wallOffsetNs : monotonicOffsetNs);
-}
-
 void jumpTo(std::int64_t ns)
 {
-    if (ns > clockNs.load(std::memory_order_relaxed))
-        clockNs.store(ns, std::memory_order_relaxed);
+    moveClockToNs(ns);
     if (world)
-        world->advanceTo(clockNs.load(std::memory_order_relaxed));
+        world->advanceTo(clockNs());
 }
 
 int realPoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals)
@@ -152,7 +116,7 @@ int lookAtOthers(pollfd* fds, nfds_t count)
 
 int virtualPoll(pollfd* fds, nfds_t count, std::int64_t timeoutNs)
 {
-    const std::int64_t start = look();
+    const std::int64_t start = lookAtClockNs();
     const std::int64_t deadline = timeoutNs > never - start ? never : start + timeoutNs;
     jumpTo(start);
     bool others = false;
@@ -200,7 +164,7 @@ int openDevice(OpenDevice* open)
 
 int openPath(const char* path, int flags, mode_t mode)
 {
-    if (virtualTime && std::strncmp(path, devicePrefix, sizeof(devicePrefix) - 1) == 0) {
+    if (isClockStarted() && std::strncmp(path, devicePrefix, sizeof(devicePrefix) - 1) == 0) {
         for (OpenDevice& open : devices) {
             if (open.device && open.path == path)
                 return openDevice(&open);
@@ -235,7 +199,7 @@ int deviceControl(OpenDevice* open, unsigned long request, void* argument)
 
 int virtualSleep(std::int64_t ns)
 {
-    const std::int64_t until = look() + std::max<std::int64_t>(ns, 0);
+    const std::int64_t until = lookAtClockNs() + std::max<std::int64_t>(ns, 0);
     if (sleeper && sleeperIsMeant())
         sleeper(until);
     else
@@ -247,24 +211,23 @@ int virtualSleep(std::int64_t ns)
 
 void soak::startVirtualTime(std::int64_t wallClockMs)
 {
-    wallOffsetNs = wallClockMs * nsPerMs;
-    clockNs = 0;
-    virtualTime = true;
+    setNanosleep(virtualSleep);
+    startClock({monotonicOffsetNs, wallClockMs * nsPerMs, lookNs});
 }
 
 std::int64_t soak::nowNs()
 {
-    return clockNs.load(std::memory_order_relaxed);
+    return clockNs();
 }
 
 std::int64_t soak::wallClockOffsetNs()
 {
-    return wallOffsetNs;
+    return wallOffsetNs();
 }
 
 void soak::stepWallClock(std::int64_t ms)
 {
-    wallOffsetNs += ms * nsPerMs;
+    stepWallClockNs(ms * nsPerMs);
 }
 
 void soak::setWorld(World* newWorld)
@@ -305,49 +268,13 @@ void soak::setDevice(const char* path, SerialDevice* device)
     }
 }
 
-// --- time ---
-
-INTERPOSED int clock_gettime(clockid_t id, timespec* time) noexcept
-{
-    if (!virtualTime || measuresWork(id))
-        return realCall(SYS_clock_gettime, id, time);
-    *time = toTimespec(clockValueNs(id));
-    return 0;
-}
-
-INTERPOSED int gettimeofday(timeval* time, void* zone) noexcept
-{
-    if (!virtualTime)
-        return realCall(SYS_gettimeofday, time, zone);
-    const std::int64_t ns = clockValueNs(CLOCK_REALTIME);
-    time->tv_sec = ns / nsPerS;
-    time->tv_usec = ns % nsPerS / 1000;
-    return 0;
-}
-
-INTERPOSED time_t time(time_t* result) noexcept
-{
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    if (result)
-        *result = now.tv_sec;
-    return now.tv_sec;
-}
-
 // --- waiting ---
-
-INTERPOSED int nanosleep(const timespec* duration, timespec* rest)
-{
-    if (!virtualTime)
-        return realCall(SYS_nanosleep, duration, rest);
-    return virtualSleep(toNs(*duration));
-}
 
 INTERPOSED int clock_nanosleep(clockid_t id, int flags, const timespec* duration, timespec* rest)
 {
-    if (!virtualTime || measuresWork(id))
+    if (!isClockStarted() || measuresWork(id))
         return realCall(SYS_clock_nanosleep, id, flags, duration, rest) < 0 ? errno : 0;
-    return virtualSleep(toNs(*duration) - ((flags & TIMER_ABSTIME) ? clockValueNs(id) : 0));
+    return virtualSleep(toNs(*duration) - ((flags & TIMER_ABSTIME) ? shownNs(id) : 0));
 }
 
 INTERPOSED int usleep(useconds_t us)
@@ -365,7 +292,7 @@ INTERPOSED unsigned sleep(unsigned s)
 
 INTERPOSED int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals)
 {
-    if (!virtualTime)
+    if (!isClockStarted())
         return realPoll(fds, count, timeout, signals);
     return virtualPoll(fds, count, timeoutOf(timeout));
 }
@@ -388,7 +315,7 @@ INTERPOSED int __ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout, c
 
 INTERPOSED int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout)
 {
-    if (!virtualTime)
+    if (!isClockStarted())
         return realCall(SYS_select, count, readable, writable, exceptional, timeout);
     pollfd fds[64];
     nfds_t used = 0;
@@ -450,7 +377,7 @@ INTERPOSED ssize_t read(int fd, void* data, std::size_t size)
     OpenDevice* open = deviceOf(fd);
     if (!open)
         return syscall(SYS_read, fd, data, size);
-    jumpTo(look());
+    jumpTo(lookAtClockNs());
     const std::size_t taken = open->device->read(static_cast<char*>(data), size);
     if (taken > 0 || size == 0)
         return static_cast<ssize_t>(taken);
@@ -463,7 +390,7 @@ INTERPOSED ssize_t write(int fd, const void* data, std::size_t size)
     OpenDevice* open = deviceOf(fd);
     if (!open)
         return fileCalls ? fileCalls->write(fd, data, size) : syscall(SYS_write, fd, data, size);
-    jumpTo(look());
+    jumpTo(lookAtClockNs());
     const std::size_t taken = open->device->write(static_cast<const char*>(data), size);
     jumpTo(nowNs());
     if (taken > 0 || size == 0)
