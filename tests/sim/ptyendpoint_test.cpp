@@ -383,6 +383,7 @@ TEST_P(WakeUpLevel, IsSeenByABlockingWriter)
     const int fd = openFd(endpoint, 0);
     std::atomic<ssize_t> result{-2};
     std::thread writer([&] { result = writeFill(fd, 4096 + 1000); });
+    EXPECT_TRUE(waitFor([&] { return endpoint.bytesFromProgram() == 4096; })) << "it has to wait for room";
     qint64 taken = 0;
     EXPECT_TRUE(waitFor([&] {
         taken += endpoint.read(3840 - taken).size();

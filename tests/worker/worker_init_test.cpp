@@ -120,6 +120,7 @@ TEST_F(WorkerInit, WithoutAnInitStringNothingIsWaitedFor)
     modem.reply("OK\r\n");
     ASSERT_TRUE(waitFor([&] { return logTexts().contains(QStringLiteral("Чтение команды: Hello")); }));
     EXPECT_EQ(joined(linesReadAndTaken()), joined({okRead, okTaken, QStringLiteral("Чтение команды: Hello")}));
+    EXPECT_TRUE(stopAndWait()); // before what it calls back is gone
 }
 
 // The checks of a line that has been free ask a modem that has nothing left to say.
@@ -138,6 +139,7 @@ TEST_F(WorkerInit, LaterChecksWaitForNothing)
     ASSERT_TRUE(waitFor([&] { return logTexts().contains(QStringLiteral("Чтение команды: Hello")); }));
     EXPECT_EQ(joined(linesReadAndTaken().mid(0, 5)),
               joined({okRead, okTaken, okRead, okTaken, QStringLiteral("Чтение команды: Hello")}));
+    EXPECT_TRUE(stopAndWait()); // before what it calls back is gone
 }
 
 TEST_F(WorkerInit, RingAmongTheLateAnswersIsAnswered)
