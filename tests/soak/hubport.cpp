@@ -173,6 +173,7 @@ void HubCalls::servePort(int end)
             m_faultsOver || m_rng.chance(0.5) ? 0 : static_cast<std::int64_t>(m_rng.logBetween(0.01, 60) * nsPerS);
         m_line.hangUp(end, lateNs);
     }
+    m_line.hangUp(end, 0); // a call that came in at the last moment
 }
 
 void HubCalls::serveSession(int end)
@@ -229,6 +230,7 @@ void HubCalls::beHostile()
         served = m_line.call();
         hostile.call();
     }
+    m_line.hangUp(1, 0);
 }
 
 } // namespace soak

@@ -167,6 +167,8 @@ void HubRogue::live()
         served[0] = m_first.line().call();
         served[1] = m_second.line().call();
     }
+    m_first.close();
+    m_second.close();
 }
 
 void HubRogue::call()
