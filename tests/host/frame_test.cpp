@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <utility>
 
 using namespace host;
 
@@ -213,6 +214,20 @@ TEST(SessionFrames, AbsurdNumbersAreRefused)
     offer.offset = 0;
     offer.size = maxMessageBytes + 1;
     EXPECT_FALSE(OfferFrame().decode(offer.encode()));
+}
+
+// A file may be dated before 1970, and the wire has no sign.
+TEST(SessionFrames, AFileFromBefore1970IsDated1970)
+{
+    for (const auto& [modifiedSecs, readSecs] : {std::pair<qint64, qint64>(-1, 0), {0, 0}, {1, 1}}) {
+        OfferFrame offer;
+        offer.messageId = 1;
+        offer.sha256 = QByteArray(32, 'h');
+        offer.modifiedSecs = modifiedSecs;
+        OfferFrame read;
+        ASSERT_TRUE(read.decode(offer.encode())) << modifiedSecs;
+        EXPECT_EQ(read.modifiedSecs, readSecs);
+    }
 }
 
 // No message has it: it means "none" in every list of messages.
