@@ -17,6 +17,8 @@
 
 extern "C" void __tsan_acquire(void* address);
 extern "C" void __tsan_release(void* address);
+extern "C" void AnnotateIgnoreWritesBegin(const char* file, int line);
+extern "C" void AnnotateIgnoreWritesEnd(const char* file, int line);
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
 
@@ -200,12 +202,16 @@ INTERPOSED int posix_openpt(int flags)
     return open("/dev/ptmx", flags);
 }
 
-// Nor does it see that a library closes one, which is left out with all that libraries do: the
-// next owner of the number would race with the one before. Weak: a test may have its own.
+// Nor does it see that a library closes one, or makes one, which is left out with all that
+// libraries do: the next owner of the number would race with the one before. So each close makes
+// it forget the number, and checks nothing. Weak: a test may have its own.
 extern "C" __attribute__((weak, visibility("default"))) int close(int descriptor)
 {
     static auto* real = next<int(int)>("close");
-    return real(descriptor);
+    AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
+    const int result = real(descriptor);
+    AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
+    return result;
 }
 
 // Libraries that are not built with the sanitizer; nothing of ours may stand here. A
