@@ -1,10 +1,10 @@
-// Keeps a forced end of the thread out of a piece of code.
+// Protects a piece of code from a forced end of its thread.
 #pragma once
 
 #include <pthread.h>
 
-// A thread that is cancelled while it does input or output in a destructor takes the whole
-// process down, and one cancelled under a lock leaves it locked. While an object of this
+// If a thread is cancelled while a destructor does input or output, the whole process ends; if it
+// is cancelled while it holds a lock, the lock is never released. While an object of this
 // class lives, a cancellation of the calling thread (QThread::terminate) stays pending.
 // Objects nest; each must be destroyed by the thread that made it.
 class CancelGuard

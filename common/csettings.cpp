@@ -32,10 +32,10 @@ QBasicMutex settingsMutex;
 
 thread_local bool isOperating = false; // this thread holds the lock
 
-// What every operation holds, in this order: no cancellation, messages kept back until the
-// lock is free again (a message handler may read settings), the lock. Qt's own messages cannot
-// be kept back: an operation from a handler of one of these finds itself nested, without a lock
-// of its own, and must leave the store alone.
+// What protects every operation, in this order: no cancellation; messages are kept back until the
+// lock is free again (a message handler may read settings); the lock. Qt's own messages cannot be
+// kept back. If a handler of such a message starts another operation, that one is nested: it takes
+// no lock and must not touch the store.
 struct Operation
 {
     Operation() { isOperating = true; }
@@ -49,8 +49,8 @@ struct Operation
     QMutexLocker locker{isNested ? nullptr : &settingsMutex};
 };
 
-// Null for a file that is not there. In UTC: every look-up and every log line asks, and the
-// conversion into local time that QFileInfo makes costs more than all the rest.
+// Null for a file that is not there. In UTC, because every look-up and every log line asks for it,
+// and QFileInfo's conversion into local time costs more than all the rest.
 QDateTime modificationTime(const QByteArray& path)
 {
     struct stat status;
@@ -71,8 +71,8 @@ SettingsPointer* sharedSettings()
 {
     if (SettingsPointer* settings = gCSettingsSettings.load(std::memory_order_acquire))
         return settings;
-    // Made without the lock, since the constructor tests directories and may warn. Of several
-    // threads that come first at once one wins.
+    // Made without the lock, because the constructor tests directories and may warn. If several
+    // threads come first at the same time, one of them wins.
     auto settings = std::make_unique<SettingsPointer>(Global::internalSettingsFilePath());
     SettingsPointer* nothing = nullptr;
     if (gCSettingsSettings.compare_exchange_strong(nothing, settings.get()))
@@ -82,17 +82,16 @@ SettingsPointer* sharedSettings()
 
 } // namespace
 
-// In the moment between this look and the writing only another program's write can come, which
-// is short.
+// Between this check and the writing only another program's write can come in, and that is short.
 QString obstacleToSettings(const QString& path, int patienceMs)
 {
     if (isForeignLink(QFile::encodeName(path)))
         return path;
     const QString lockPath = path + QStringLiteral(".lock");
-    // Of these QLockFile would wait for ever for what a pipe has to say.
+    // If it is a pipe, QLockFile would wait for ever to read from it.
     if (isNoLockFile(lockPath) || isNoLockFile(lockPath + QStringLiteral(".rmlock")))
         return lockPath;
-    // One whose owner is gone, or that is old, goes by the rules by which QSettings takes it away.
+    // QSettings removes a lock file that is old or whose owner is gone; the same rules here.
     QLockFile lock(lockPath);
     return !lock.tryLock(patienceMs) && lock.error() == QLockFile::LockFailedError ? lockPath : QString();
 }
@@ -136,7 +135,7 @@ void SettingsPointer::syncLocked()
         QCoreApplication::removePostedEvents(this, QEvent::UpdateRequest);
         fileInfo.refresh();
         modified = modificationTime(m_encodedPath);
-        // Another process may have written since; its edit must not pass for seen unread.
+        // Another process may have written since; its edit must not count as read.
         QSettings::sync();
     }
     lastModified = modified;
@@ -145,7 +144,7 @@ void SettingsPointer::syncLocked()
 
 bool SettingsPointer::canWrite()
 {
-    // Once refused the lock is looked at, not waited for, until it is free.
+    // After one refusal the lock is only checked, without waiting, until it is free.
     const QString obstacle = obstacleToSettings(fileName(), m_isRefused ? 0 : settingsLockPatienceMs);
     if (!obstacle.isEmpty()) {
         refuseWriting(obstacle);
@@ -178,7 +177,7 @@ void SettingsPointer::createDirectory() const
 
 void SettingsPointer::giveFilePermissions() const
 {
-    // With nothing to write no file comes into being.
+    // If there is nothing to write, no file is made.
     QString error;
     if (QFile::exists(fileName()) && !changePermissions(fileName(), settingsFilePermissions, &error))
         sendQtMessageItems(QtWarningMsg, "Не удалось изменить права доступа файла настроек", fileName(), error);
@@ -227,7 +226,7 @@ bool CSettings::boolean(Setting setting)
     if (operation.isNested)
         return defaultValue;
     const QVariant value = m_settings->value(key);
-    // A value that says it is none is there all the same, and false.
+    // A value that QSettings reads as invalid is there all the same, and counts as false.
     if (!value.isValid() && !m_settings->contains(key)) {
         writeLocked(key, defaultValue);
         return defaultValue;
@@ -243,7 +242,7 @@ int CSettings::integer(Setting setting)
     if (operation.isNested)
         return declared.defaultNumber;
     bool isInteger = false;
-    // By the text: QVariant cuts a large number down to one that may lie in the range.
+    // From the text: QVariant would shorten a large number to one that may be in the range.
     const int value = m_settings->value(key).toString().toInt(&isInteger);
     if (isInteger && value >= declared.minimum && value <= declared.maximum)
         return value;

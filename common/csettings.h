@@ -12,18 +12,18 @@
 
 constexpr int settingsLockPatienceMs = 1000;
 
-// QSettings waits for its lock file for ever: whoever left one behind, or put something else there,
-// would hold up every thread that asks for a setting. And it writes behind a link, whoever made
-// that. To be asked before QSettings writes the file path: answers, within patienceMs, the path of
-// what stands in the way, a foreign link or the lock file; empty when nothing does. Any thread.
+// QSettings waits for its lock file for ever: one that was left behind, or anything else of that
+// name, would stop every thread that asks for a setting. And QSettings follows a link, whoever made
+// it. Call this before QSettings writes the file path. It returns, within patienceMs, the path of
+// what is in the way: a link of another user, or the lock file; empty if nothing is. Any thread.
 QString obstacleToSettings(const QString& path, int patienceMs = settingsLockPatienceMs);
 
 // A settings file in INI format that notices edits by other processes and that is created with
 // fixed permissions. Objects are shared by all threads: this file's private lock guards every
-// operation of SettingsPointer::sync() and of CSettings; other operations inherited from
-// QSettings are not for use outside of it. While a lock file that nobody gives up, or a link that
-// somebody else has planted, stands in the way, nothing is written: values stay pending, and edits
-// by others unseen, until a later sync() can write.
+// operation of SettingsPointer::sync() and of CSettings; do not use other operations inherited
+// from QSettings outside of it. While a lock file that does not go away, or a link that somebody
+// else has made, is in the way, nothing is written: values stay pending, and edits by others are
+// not seen, until a later sync() can write.
 class SettingsPointer : public QSettings
 {
 public:
@@ -40,8 +40,8 @@ public:
     const bool writable;
 
 protected:
-    // Swallows the delayed write-back of QSettings, which would run beside the lock and create
-    // the file without its permissions.
+    // Drops the delayed write-back of QSettings, which would run without the lock and create the
+    // file without its permissions.
     bool event(QEvent* event) override;
 
 private:
@@ -53,15 +53,15 @@ private:
     void giveFilePermissions() const;
 
     const QByteArray m_encodedPath; // of the file, for the system
-    bool m_isRefused = false; // what was written last could not be brought to the disk
+    bool m_isRefused = false; // the last changes could not be written to the disk
 };
 
-// A handle on settings.ini, made for one or a few look-ups. Making it reads edits of the file,
-// destroying it brings what was written to the disk. A getter that finds its key missing or its
-// value unusable returns the default and writes it into the file, so that the file comes to
-// list every key that is consulted. Any thread; a thread that is terminated ends only between
-// operations. Nothing is written when the data directory of level 0 cannot be. Used by a message
-// handler during one of this thread's own operations, getters return defaults.
+// A handle on settings.ini, made for one or a few look-ups. The constructor reads edits of the
+// file, the destructor writes changes to the disk. A getter that finds its key missing or its value
+// unusable returns the default and writes it into the file, so in the end the file lists every key
+// that is read. Any thread; a thread that is terminated ends only between operations. Nothing is
+// written if the data directory of level 0 cannot be written to. If a message handler uses it
+// during one of this thread's own operations, getters return defaults.
 class CSettings
 {
 public:
@@ -101,7 +101,7 @@ public:
     int dirPermissions() { return integer(Setting::DirPermissions); }
     int filePermissions() { return integer(Setting::FilePermissions); }
 
-    // Milliseconds, but for the two of bytes.
+    // In milliseconds, except the two in bytes.
     int detailsMaxWritingTime() { return integer(Setting::DetailsMaxWritingTime); }
     int detailsTransportServerThreadStopTimeout() { return integer(Setting::DetailsTransportServerThreadStopTimeout); }
     int detailsTransportComAtOkTimeout() { return integer(Setting::DetailsTransportComAtOkTimeout); }

@@ -139,7 +139,7 @@ QString CSystemInfo::processorModel(const QString& filePath)
         return {};
     }
     const QString separator = QStringLiteral(": ");
-    // Until a line is empty: the file says that it has no bytes, and so seems to be at its end.
+    // Until a line is empty: atEnd() does not help, because the file's size is given as 0.
     for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
         if (!line.contains("model name"))
             continue;
@@ -181,7 +181,7 @@ QStringList CSystemInfo::groupsOf(const QString& user, const QString& filePath)
 
 QString CSystemInfo::summaryInfo()
 {
-    // Joined, since values may hold what looks like markers.
+    // Joined, not by arg(): values may contain text that looks like markers.
     const QStringList lines{headerInfo(), OSInfo(),    CPUInfo(),    RAMInfo(),      HDDInfo(),    userGroupsInfo(),
                             envInfo(),    byteOrder(), uptimeInfo(), timezoneInfo(), appPathInfo()};
     return lines.join(QLatin1Char('\n')) + QStringLiteral("\n\n");

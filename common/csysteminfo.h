@@ -4,8 +4,8 @@
 #include <QString>
 #include <QStringList>
 
-// Each function returns its line (or two), without a line end, whatever fails. Any thread. Troubles
-// go to the Qt warning stream, since the logger itself calls this.
+// Each function returns its line (or two), without a line end, even if something fails. Any thread.
+// Faults are reported on the Qt warning stream, because the logger itself calls this.
 class CSystemInfo
 {
 public:
@@ -23,7 +23,7 @@ public:
     // A header line, the lines above, and an empty line.
     static QString summaryInfo();
 
-    // What the lines are made from; apart, so that any file can be read.
+    // What the lines are made from; separate, so that a test can give any file.
 
     // The text behind the first "model name" of a file such as /proc/cpuinfo; empty without one.
     static QString processorModel(const QString& filePath);

@@ -8,8 +8,8 @@
 
 namespace {
 
-// Never freed. Taken and put back as a whole by atomic operations, so that calls at the same time,
-// of which none waits for another, cannot tear it; null: to be found.
+// Never freed. Taken and put back as a whole by atomic operations: calls at the same time do not
+// wait for each other and still cannot damage it. Null: not found yet.
 std::shared_ptr<const LogTarget>& cachedTarget()
 {
     static auto* const target = new std::shared_ptr<const LogTarget>;

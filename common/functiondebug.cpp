@@ -15,7 +15,7 @@ namespace {
 
 constexpr int fileNamePrefixLength = 6; // "../../"
 
-// Has no destructor, so that scopes work to the end of the process.
+// Has no destructor, so that scopes work until the end of the process.
 QBasicMutex gStackMutex;
 
 // Changed under gStackMutex; never freed, for the same reason.
@@ -29,7 +29,7 @@ bool isTracing()
 {
     int unread = -1;
     if (gFunctionsDebuging.load(std::memory_order_relaxed) == unread) {
-        // Of threads that come first at the same moment one sets the value, which then stays.
+        // If several threads come first at the same time, one sets the value, and it stays.
         const int value = CSettings().debugAll() ? 1 : 0;
         gFunctionsDebuging.compare_exchange_strong(unread, value, std::memory_order_relaxed);
         QMutexLocker locker(&gStackMutex);

@@ -16,8 +16,8 @@ static_assert(sizeof(std::atomic<int>) == sizeof(int) && std::atomic<int>::is_al
 // Stands at the top of a function:
 //     _CFunctionDebug trace(Q_FUNC_INFO);
 // With tracing on it logs entry and exit, otherwise it notes the name in the history of the last
-// entered functions, at the price of a lock and a list append. Must not stand in anything that
-// debug() uses. Any thread.
+// entered functions, which costs a lock and a list append. Must not be used in code that debug()
+// calls. Any thread.
 class _CFunctionDebug
 {
 public:
@@ -31,7 +31,7 @@ public:
     _CFunctionDebug& operator=(const _CFunctionDebug&) = delete;
 
     // The names of the functions entered last, oldest first: a history of entries, not the stack of
-    // calls. For a look at a process that stands still: other threads change the list meanwhile.
+    // calls. For looking at a process that has stopped: other threads change the list meanwhile.
     static QList<QString>* stack();
 
 private:

@@ -20,8 +20,8 @@ std::atomic<bool> gEmergecyExit{false};
 
 QBasicMutex applicationDirMutex;
 
-// Qt makes its calendar when the first date is used, unguarded: of two threads that do so at one
-// moment, one gets an empty text for its stamp. So it is made here, while the library is loaded.
+// Qt makes its calendar when the first date is used, without a lock: if two threads do so at the
+// same time, one gets an empty text for its stamp. So it is made here, when the library is loaded.
 [[maybe_unused]] const bool isCalendarMade = QCalendar().isValid();
 
 QDir subDir(const QDir& parent, const QString& name)
@@ -34,8 +34,8 @@ QString settingsFile(const QString& name)
     return Global::settingsDir().absoluteFilePath(name);
 }
 
-// All processes that never seeded the generator draw the same probe name, and one takes the
-// other's probe away: a probe that is gone counts as removed.
+// All processes that never seeded the generator use the same probe name, so one may remove the
+// other's probe: a probe that is gone counts as removed.
 bool removeProbe(QFile& probe)
 {
     return probe.remove() || !QFile::exists(probe.fileName());
@@ -45,7 +45,7 @@ bool removeProbe(QFile& probe)
 
 QDir Global::applicationDir()
 {
-    // Without an application object Qt says so, and a message handler that logs comes back here.
+    // Without an application object Qt warns, and a message handler that logs calls this again.
     if (!QCoreApplication::instance())
         return QDir(QCoreApplication::applicationDirPath());
     // The application object computes the path on the first call, without a lock of its own.
@@ -55,12 +55,12 @@ QDir Global::applicationDir()
 
 QDir Global::installDir()
 {
-    // Kept as text, since copies of a QDir share state that even reading changes. Never freed:
-    // logging goes on while statics are destroyed.
+    // Kept as text, because copies of a QDir share state that even reading changes. Never freed:
+    // logging continues while static objects are destroyed.
     static std::atomic<const QString*> known{nullptr};
     if (const QString* path = known.load(std::memory_order_acquire))
         return QDir(*path);
-    // By the path's text: going up must not fail because the directory is missing.
+    // From the path's text: QDir::cdUp() fails if the directory is missing.
     auto path =
         std::make_unique<const QString>(QDir::cleanPath(applicationDir().absolutePath() + QStringLiteral("/..")));
     const QDir dir(*path);
@@ -264,7 +264,7 @@ bool Global::checkAccess(const QDir& dir)
         return false;
     }
     QFile probe(dir.absoluteFilePath(QStringLiteral(".accessTest_%1.txt").arg(legacyRandom())));
-    // Its name can be foretold: what others have put there is not written to.
+    // Its name can be guessed: if others have put something there, it is not written to.
     const int descriptor = openNew(QFile::encodeName(probe.fileName()));
     if (descriptor < 0)
         return false;

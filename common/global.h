@@ -11,9 +11,9 @@ class QIODevice;
 namespace Global {
 
 // --- The installation ---------------------------------------------------------------------
-// Every program stands in <root>/<some directory>/; settings and data of the installation lie
-// beside that directory. No getter touches the disk. Any thread may call any of them, once
-// the application object exists.
+// Every program is in <root>/<some directory>/; settings and data of the installation are beside
+// that directory. No getter touches the disk. Any thread may call any of them as soon as the
+// application object exists.
 
 constexpr int secrecyLevels = 4; // data is split by secrecy level, 0 to 3
 
@@ -60,8 +60,8 @@ QDir tasksDir(int level);
 QDir tasksToInterfaceDir(int level);
 QDir tasksToTransportDir(int level);
 
-// Whether the process can create and remove a file in dir, found by doing it. Creates dir when
-// it does not exist. Troubles go to the Qt warning stream. Any thread.
+// Whether the process can create and remove a file in dir; tries it. Creates dir if it does not
+// exist. Faults are reported on the Qt warning stream. Any thread.
 bool checkAccess(const QDir& dir);
 
 // checkAccess() of the data directory of level.
@@ -76,30 +76,29 @@ bool isEmergecyExit();
 void setEmergecyExit(bool emergecyExit);
 
 // --- Safe files ---------------------------------------------------------------------------
-// Any thread; two savings of the same path at once are the caller's fault. Failures are
-// logged with the label "Global".
+// Any thread; the caller must not save the same path twice at the same time. Failures are logged
+// with the label "Global".
 
-// Replaces the content of path by data, creating its directory where it is missing: writes
-// "<path>.new", syncs it to the disk and swaps it in. Returns an empty string, or a text for
-// the user. Whatever fails, and wherever the process is killed, a whole old or new content
-// stands under path, or under "<path>.old" (see recoverSaving).
+// Replaces the content of path by data, creating its directory if it is missing: writes
+// "<path>.new", syncs it to the disk and swaps it in. Returns an empty string, or a text for the
+// user. Whatever fails, and wherever the process is killed, the complete old or new content is
+// under path, or under "<path>.old" (see recoverSaving).
 QString safeSaving(const QString& path, const QByteArray& data);
 
-// The swap alone: puts the whole file newPath, of the same file system, in the place of path, once
-// it is on the disk. On failure newPath stays where it is.
+// Only the swap: syncs the complete file newPath (on the same file system) and puts it in the place
+// of path. On failure newPath stays where it is.
 QString safeSaving(const QString& path, const QString& newPath);
 
-// Puts a file back that a crash in the middle of a swap left under its side name; to be called
-// at start, before anything saves to path. The rule: when path is missing and the file
-// "<path>.old" exists, it is renamed to path. A backup only ever comes into being by renaming
-// a whole target, so it is always whole, while "<path>.new" may be the torn beginning of a later
-// save: it is never promoted (its save had not been reported as done) but left to be overwritten
-// by the next one. When path exists nothing is touched: it is whole, and a left-over backup is
-// removed by the next save. Returns an empty string (also when there was nothing to do), or a
-// text for the user; *recovered, when given, tells whether a file was put back.
+// Puts a file back that a crash in the middle of a swap left under its side name. Call it at
+// start, before anything saves to path. The rule: if path is missing and the file "<path>.old"
+// exists, it is renamed to path. A backup is only made by renaming a complete target, so it is
+// always complete. "<path>.new" may be the incomplete beginning of a later save, which was not
+// reported as done: it is never used, and the next save overwrites it. If path exists, nothing is
+// changed: it is complete, and the next save removes a left-over backup. Returns an empty string (also when there was
+// nothing to do), or a text for the user; *recovered, when given, tells whether a file was put back.
 QString recoverSaving(const QString& path, bool* recovered = nullptr);
 
-// recoverSaving() for every backup in dir (not below it). Returns the paths put back.
+// recoverSaving() for every backup in dir (not in its subdirectories). Returns the paths put back.
 QStringList recoverSavings(const QDir& dir);
 
 // Writes all of data, waiting for a slow device for at most timeoutMs milliseconds; 0 stands for
@@ -107,17 +106,17 @@ QStringList recoverSavings(const QDir& dir);
 // accepted every byte. The calling thread must be the device's.
 bool writeData(QIODevice& device, const QByteArray& data, int timeoutMs);
 
-// Creates dir with all its parents and gives every directory that it created the permissions
-// of the setting "Permissions/dirPermissions". Directories that exist stay as the administrator
-// set them. False when dir could not be created or permissions not be set.
+// Creates dir with all its parents and gives every directory that it created the permissions of
+// the setting "Permissions/dirPermissions". Directories that exist are not changed. False if dir
+// could not be created or permissions could not be set.
 bool makePath(const QDir& dir);
 
 // Gives the file the permissions of the setting "Permissions/filePermissions".
 bool setFilePermissions(const QString& path);
 
 // --- Names of messages and tasks ----------------------------------------------------------
-// One thread only. Nothing is created. Each process counts on for itself from the last name
-// that it gave in a directory.
+// One thread only. Nothing is created. In each directory a process continues from the last name
+// that it gave there itself.
 
 // A free name of eight digits for a message directory in dir, or an empty string when the next
 // 100 names are taken.
@@ -127,7 +126,7 @@ QString nextMessageDirName(const QDir& dir);
 QString nextTaskFileName(const QDir& dir);
 
 // --- Texts --------------------------------------------------------------------------------
-// Pure functions, for any thread, but for the last two.
+// Pure functions, for any thread, except the last two.
 
 QString sizeString(const qint64& bytes); // "1.5 КБайт"; units of 1024
 QString speedStringBits(const qint64& bytesPerSecond); // "12.0 Кбит/с"; units of 1024

@@ -16,7 +16,7 @@ struct Units
     QString one; // with %1 for the number
 };
 
-// The point is a point in every locale.
+// The decimal point is a point in every locale.
 QString scaledText(qint64 value, qint64 divisor, const QString& unit)
 {
     return QString::asprintf("%.1f ", double(value) / double(divisor)) + unit;
@@ -100,7 +100,7 @@ QString Global::timeStringSec(const qint64& seconds)
 
 QString Global::declension(int n, const QString& one, const QString& few, const QString& many)
 {
-    // The remainders of negative numbers are negative, or 0: they are many.
+    // The remainders of negative numbers are negative, or 0: they take the form for many.
     const int lastTwo = n % 100;
     const int last = n % 10;
     if (lastTwo >= 10 && lastTwo <= 19)
@@ -116,7 +116,7 @@ QString Global::cut(const QString& text, int max)
 {
     const QString ellipsis = QStringLiteral("...");
     max = qMax(0, max);
-    // Cutting off no more than the points take would not make it shorter.
+    // Cutting off as many characters as the points take would not make it shorter.
     if (text.length() - ellipsis.length() <= max)
         return text;
     return text.left(max) + ellipsis;
@@ -131,8 +131,8 @@ QString Global::filterName(QString name)
 
 QString Global::filterNotValidSymbols(QString name)
 {
-    // One pass from the left, without a second look at what removals bring together. By hand,
-    // since the logger needs it even while the process ends and static expressions are gone.
+    // One pass from the left; text that comes together by a removal is not searched again. Written
+    // by hand, because the logger needs it when static expressions are already destroyed.
     QString valid;
     valid.reserve(name.length());
     for (int i = 0; i < name.length(); ++i) {
@@ -148,7 +148,7 @@ QString Global::filterNotValidSymbols(QString name)
 
 QString Global::currentSystemUserName()
 {
-    // Never freed: logging goes on while statics are destroyed.
+    // Never freed: logging continues while static objects are destroyed.
     static const QString* const name = new QString(QString::fromLocal8Bit(qgetenv("USER")));
     return *name;
 }

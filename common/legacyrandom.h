@@ -3,8 +3,8 @@
 
 #include <QtGlobal>
 
-// qrand(): not negative, never seeded by this code, so that a program that seeds it decides
-// the sequence. Not fit for secrets.
+// qrand(): never negative. This code never seeds it, so a program that does decides the sequence.
+// Do not use it for secrets.
 inline int legacyRandom()
 {
     QT_WARNING_PUSH

@@ -21,8 +21,8 @@ void putDigits(char* at, int count, int value)
         at[i] = static_cast<char>('0' + value % 10);
 }
 
-// The variable TZ, or the zone's file, may change while the program runs. A look costs more than
-// a whole stamp does.
+// The variable TZ, or the zone's file, may change while the program runs. Checking that costs more
+// than making a whole stamp.
 void followTimeZone(qint64 nowMs)
 {
     constexpr qint64 lookEveryMs = 2000;
@@ -100,8 +100,8 @@ QString logTimeStamp()
     const qint64 ms = (nowMs % msPerS + msPerS) % msPerS; // of a clock before 1970 too
     followTimeZone(nowMs);
     const std::time_t now = (nowMs - ms) / msPerS;
-    // Not by way of QTime, which reads the time zone's file each time, nor of printf's formats, which
-    // cost more than anything else in the layout of a line.
+    // Not with QTime, which reads the time zone's file each time, nor with printf's formats, which
+    // cost more than the rest of a line's layout.
     std::tm local;
     localtime_r(&now, &local);
     char text[] = "hh:mm:ss.zzz";

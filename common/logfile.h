@@ -25,9 +25,9 @@ private:
     QByteArray m_encodedPath;
 };
 
-// The usual case, at the price of one look: opens the log, if it is there, for as long as this
-// lives, and says nothing if it is not there or does not open. Past QFile, which asks the system
-// twice more and costs as much again as opening, writing and closing.
+// The usual case, with a single system call: opens the log as long as this object lives, and
+// reports nothing if the log is not there or does not open. Without QFile, which makes two more
+// system calls and costs as much again as opening, writing and closing.
 class ExistingLog
 {
 public:
@@ -43,8 +43,8 @@ private:
     const int m_descriptor;
 };
 
-// Writes as QFile does: until all is written or the system refuses. Answers how many bytes went,
-// or -1, with the reason in errno, if none of some did.
+// Writes as QFile does, until everything is written or the system refuses. Returns how many bytes
+// were written; if there were bytes and none was written, -1, with the reason in errno.
 qint64 writeToLog(int descriptor, const char* data, qint64 size);
 
 // Opens the log for appending, unbuffered (a buffered file reports success on a full disk).

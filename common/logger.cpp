@@ -60,9 +60,9 @@ QString fittedLabel(const QString& label)
     return label.rightJustified(labelWidth);
 }
 
-// One after another, so that only the text, which comes last, is safe from markers in it: the
-// layout for labels that hold markers is known to be odd, and meant. Without markers the same comes
-// out of putting the pieces behind each other, which costs a fraction of it.
+// The pieces are filled in one after another, the text last, so only markers in the text do no
+// harm. The layout for labels that contain markers is odd, but intended. Without markers, joining
+// the pieces gives the same result and costs much less.
 QString formattedLine(const QString& time, const QString& label, const QString& indentation, const QString& part)
 {
     if (!label.contains(QLatin1Char('%')))
@@ -111,7 +111,7 @@ int tabLevel(DebugData& data)
 class LogWriter
 {
 public:
-    // What write() cannot do without, of what is read only when it is first needed, once per process.
+    // Values that write() needs and that are read once per process, when they are first needed.
     enum Need
     {
         NeedNothing = 0,
@@ -119,9 +119,9 @@ public:
         NeedFilePermissions = 2
     };
 
-    // Under the record's mutex. Answers a set of Need; unless that is empty, nothing was written.
+    // Call it under the record's mutex. Returns a set of Need; if it is not empty, nothing was written.
     int write(const QStringList& parts);
-    // Without the mutex: settings may have to wait, and Qt may have something to say about them.
+    // Call it without the mutex: settings may have to wait, and Qt may report something about them.
     void read(int needs);
 
 private:
@@ -143,7 +143,7 @@ private:
 
 LogWriter& logWriter()
 {
-    // Never freed: logging goes on while statics are destroyed.
+    // Never freed: logging continues while static objects are destroyed.
     static LogWriter* const writer = new LogWriter;
     return *writer;
 }
@@ -238,8 +238,8 @@ void LogWriter::beginFile(QFile& file)
                            file.errorString());
 }
 
-// False when the file refused the bytes; what a file still has not taken after some attempts is
-// dropped without a word.
+// False if the file refused the bytes. Bytes that the file has not accepted after some attempts
+// are dropped without a message.
 bool LogWriter::writeAll(int descriptor, const QByteArray& bytes)
 {
     qint64 written = writeToLog(descriptor, bytes.constData(), bytes.size());

@@ -59,7 +59,7 @@ struct DebugData
 class LoggerData
 {
 public:
-    // Makes data the current record, or a new one where data is null. The earlier record is
+    // Makes data the current record; if data is null, makes a new one. The earlier record is
     // not freed; whoever allocated it may still log through it.
     static void initDebug(DebugData* data);
 
@@ -67,10 +67,10 @@ public:
     static DebugData* debugData();
 };
 
-// Appends text to the log, stamped with the time and with label right-aligned before it; the
-// lines of a text of several go below each other. When it returns the line is in the file.
-// Any thread; failures are reported on the Qt message streams only. A thread that is terminated
-// (QThread::terminate) is not ended in here. Must not be called with the record's mutex held.
+// Appends text to the log, after a time stamp and the right-aligned label; if the text has several
+// lines, they are aligned below each other. When it returns, the text is in the file. Any thread;
+// failures are reported only on the Qt message streams. A thread that is terminated
+// (QThread::terminate) does not end in here. Must not be called with the record's mutex held.
 void debug(QString label, const QString& text, DebugLevel level, DebugFlag flag = DebugFlagNone);
 
 // The column of the calling thread, from 1: each thread that logs gets one.
@@ -79,7 +79,7 @@ int currentTabLevel();
 // Frees the column of thread for another. To be called when a thread ends, from any thread.
 void deleteThreadTabLevel(QThread* thread);
 
-// Writes text into the same file by the shortest way: without settings, categories, the shared
-// record, its lock and its columns. For when debug() cannot be trusted, as shortly before an
+// Writes text into the same file in the simplest way: without settings, categories, the shared
+// record, its lock and its columns. For times when debug() may not work, as shortly before an
 // abnormal end. Any thread; lines of calls at the same time may mix.
 void emergecyDebug(const QString& text);

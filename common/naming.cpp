@@ -12,7 +12,7 @@ constexpr int numberWidth = 8;
 constexpr int messageCandidates = 100;
 constexpr int taskCandidates = 99;
 
-// The last number issued, by directory. Without a lock: one thread names things.
+// The last number given in each directory. No lock: only one thread gives names.
 using IssuedNumbers = QHash<QString, qint64>;
 
 QString paddedNumber(qint64 number)
@@ -33,7 +33,7 @@ qint64 lastMessageNumber(const QDir& dir)
     return last == names.rend() ? 0 : last->toLongLong();
 }
 
-// The last file decides whatever its name; one that is no number counts as 0.
+// The last file decides, whatever its name is; a name that is no number counts as 0.
 qint64 lastTaskNumber(const QDir& dir)
 {
     const QStringList names = dir.entryList({QStringLiteral("*.task")}, QDir::Files | QDir::NoDotAndDotDot, QDir::Name);
@@ -61,7 +61,7 @@ QString Global::nextMessageDirName(const QDir& dir)
 QString Global::nextTaskFileName(const QDir& dir)
 {
     static IssuedNumbers issued;
-    // As given, not the absolute path: two ways to write a directory count apart.
+    // The path as given, not the absolute one: two ways to write a directory are counted separately.
     const QString key = dir.path();
     const auto known = issued.constFind(key);
     const qint64 first = (known != issued.constEnd() ? *known : lastTaskNumber(dir)) + 1;

@@ -20,7 +20,7 @@ int openAgainIfInterrupted(const char* path, int flags)
     return descriptor;
 }
 
-// Nothing of a failure is left but its reason.
+// Cleans up after a failure, and keeps its reason.
 int closed(int descriptor, int error)
 {
     ::close(descriptor);
@@ -141,7 +141,7 @@ bool changePermissions(const QString& path, QFileDevice::Permissions permissions
     }
     struct stat facts = {};
     const bool isLink = ::fstat(descriptor, &facts) == 0 && S_ISLNK(facts.st_mode);
-    // What was opened for its place alone has its permissions changed by its name in /proc.
+    // A file opened with O_PATH can only get permissions through its name in /proc.
     const bool isPlace = (::fcntl(descriptor, F_GETFL) & O_PATH) != 0;
     QFile file;
     if (isPlace)

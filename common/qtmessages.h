@@ -1,16 +1,16 @@
-// Messages of this library to the Qt message streams, and holding them back under a lock.
+// Messages of this library to the Qt message streams, and keeping them back while a lock is held.
 #pragma once
 
 #include <QDebug>
 #include <QString>
 #include <QVector>
 
-// The library's own troubles go to the Qt streams, never through debug(), which depends on
-// the code that has them. The program's message handler may itself log and read settings,
-// so no message may leave while a lock of this library is held: a MessageHold made before
-// the lock is taken collects the calling thread's messages and sends them when it is
-// destroyed, after the lock. Of nested holds only the outermost one collects. A handler that
-// logs into a broken log comes to an end, since Qt gives a handler no messages of its own making.
+// The library's own faults go to the Qt streams, never through debug(), which uses the code that
+// has the fault. The program's message handler may itself log and read settings. So no message may
+// be sent while a lock of this library is held: a MessageHold that is made before the lock is taken
+// collects the calling thread's messages, and sends them when it is destroyed, after the lock was
+// released. If holds are nested, only the outermost one collects. A handler that logs into a broken
+// log does not run without end, because Qt does not call a handler from inside itself.
 class MessageHold
 {
 public:
@@ -33,8 +33,8 @@ private:
 // "default", or hands it to the calling thread's MessageHold.
 void sendQtMessage(QtMsgType type, const QString& text);
 
-// The way out where neither the log nor the Qt streams can take a text, since the calling thread is
-// in the middle of writing to them.
+// For a text that can go neither to the log nor to the Qt streams, because the calling thread is in
+// the middle of writing to them.
 void writeToStandardError(const QString& text);
 
 // The same as sendQtMessage() for items, formatted as the Qt debug stream formats them.

@@ -41,8 +41,8 @@ QString lastSystemError()
     return qt_error_string(errno);
 }
 
-// Not by QFile, which copies block by block where a rename fails: a crash on the way would leave
-// a torn file under the target name.
+// Not with QFile: if a rename fails, it copies block by block, and a crash meanwhile would leave an
+// incomplete file under the target name.
 bool renameFile(const QString& from, const QString& to, QString* error)
 {
     if (std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0)
@@ -51,7 +51,7 @@ bool renameFile(const QString& from, const QString& to, QString* error)
     return false;
 }
 
-// Where a file system cannot sync, as some on the network, the content is as safe as it gets there.
+// Some file systems cannot sync, as some on the network; the content is as safe there as it can be.
 bool syncToDisk(int descriptor, QString* error)
 {
     int result = -1;
@@ -64,8 +64,7 @@ bool syncToDisk(int descriptor, QString* error)
     return false;
 }
 
-// So that the renames themselves outlive a power failure. Some file systems cannot: then as well as
-// they can.
+// So that the renames survive a power failure, as far as the file system can do that.
 void syncDirectoryOf(const QString& path)
 {
     const QByteArray directory = QFile::encodeName(QFileInfo(path).absolutePath());
@@ -81,14 +80,14 @@ QString renameFailed(const QString& path)
     return QStringLiteral("Не удалось переименовать файл %1").arg(path);
 }
 
-// That a look at path fails does not make it missing.
+// If path cannot be examined, it is not therefore missing.
 bool isMissing(const QString& path)
 {
     struct stat facts = {};
     return ::stat(QFile::encodeName(path).constData(), &facts) != 0 && errno == ENOENT;
 }
 
-// A file itself, not a link to one: a backup came into being by renaming a file.
+// A plain file, not a link to one: a backup is made by renaming a file.
 bool isPlainFile(const QString& path)
 {
     struct stat facts = {};
@@ -200,8 +199,8 @@ QString swapIn(const QString& path, const QString& newPath)
     return {};
 }
 
-// "каталога" stands for the directory that was asked for, "внутреннего каталога" for those created
-// on the way to it.
+// "каталога" is for the directory that was asked for, "внутреннего каталога" for those above it that
+// were created too.
 bool setDirPermissions(const QString& path, bool isInner)
 {
     const int wanted = dirPermissions.value();
@@ -238,7 +237,7 @@ QString Global::safeSaving(const QString& path, const QByteArray& data)
         return QStringLiteral("Не удалось открыть файл для записи. %1.").arg(error);
     }
     const bool isWritten = writeToDisk(file, data, &error);
-    // By the open file: somebody may have put another one under its name.
+    // Through the open file: somebody may have put another one under its name.
     if (isWritten && !file.setPermissions(QFileDevice::Permissions(filePermissions.value())))
         logFilePermissionsFailed(newPath, file.errorString());
     file.close();
@@ -253,8 +252,8 @@ QString Global::safeSaving(const QString& path, const QByteArray& data)
 
 QString Global::safeSaving(const QString& path, const QString& newPath)
 {
-    // Whoever wrote the file may have left it in the system's memory. One that cannot be opened is
-    // left to the renames.
+    // The file may still be only in the system's memory. If it cannot be opened, the renames will
+    // show that.
     QString error;
     const int descriptor =
         ::open(QFile::encodeName(newPath).constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
@@ -319,7 +318,7 @@ bool Global::writeData(QIODevice& device, const QByteArray& data, int timeoutMs)
         if (more < 0)
             return false;
         written += more;
-        // Before the look at completeness: what comes too late has failed.
+        // Before the check for completeness: if it comes too late, it has failed.
         if (timeoutMs > 0 && timer.elapsed() > timeoutMs)
             return false;
         if (!device.isOpen())

@@ -3,7 +3,7 @@
 
 #include <QString>
 
-// The keys of categories stand in the order of the logger's levels, DebugAll in place of
+// The keys of categories are in the order of the logger's levels, with DebugAll in the place of
 // level 0.
 enum class Setting
 {

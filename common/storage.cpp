@@ -14,8 +14,8 @@ VolumeSpace space(qint64 totalBytes, qint64 availableBytes, qint64 freeBytes)
     return {totalBytes, availableBytes != 0 ? availableBytes : freeBytes};
 }
 
-// Qt knows a volume by its entry in the table of mounts. After a change of root there may be
-// none even for "/", while the file system still answers.
+// Qt finds a volume by its entry in the mount table. After a change of root there may be no entry
+// even for "/", but the file system can still be asked.
 VolumeSpace askFileSystem(const QString& path)
 {
     struct statvfs answer
@@ -40,7 +40,7 @@ VolumeSpace volumeSpace(const QString& path)
             return space(storage.bytesTotal(), storage.bytesAvailable(), storage.bytesFree());
         if (existing.isEmpty() && QFile::exists(current))
             existing = current;
-        // By the path's text: a directory that is missing cannot be left upwards.
+        // From the path's text: QDir::cdUp() fails if the directory is missing.
         const QString parent = QFileInfo(current).path();
         if (parent == current)
             return askFileSystem(existing);

@@ -6,7 +6,7 @@
 struct VolumeSpace
 {
     qint64 totalBytes = -1; // -1: not known
-    qint64 freeBytes = -1; // to the user, or in all where the system does not tell the two apart
+    qint64 freeBytes = -1; // for the user; in all, if the system does not tell the two apart
 };
 
 // The volume of the nearest existing ancestor of path.
