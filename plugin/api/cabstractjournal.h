@@ -1,4 +1,4 @@
-// The host's journal of events, as its users see it.
+// The host's journal of events, for its users.
 #pragma once
 
 #include "plugin/api/channelapi_export.h"

@@ -12,7 +12,7 @@ public:
     virtual ~CAbstractProtocolFactory();
 
     // Returns a new protocol over channel, owned by the caller; the protocol takes over
-    // the channel. Called from the port workers' threads, several at once. Null refuses
-    // the connection (the worker then deletes the channel and hangs up).
+    // the channel. Called from the port workers' threads, possibly several at the same time. Return
+    // null to refuse the connection (the worker then deletes the channel and hangs up).
     virtual CAbstractProtocol* createProtocol(CChannel* channel) = 0;
 };

@@ -16,7 +16,7 @@ public:
     // Ends the connection. May block for some seconds (modem guard times).
     virtual void disconnectFromAbonent() = 0;
 
-    // Whether the connection still stands.
+    // Whether the connection still exists.
     virtual bool isConnected() = 0;
 
     // Queues data for sending. Offer no more than idealBlockSize() bytes.

@@ -24,8 +24,8 @@ public:
     // until it is moved, and may outlive the plug-in object.
     virtual CChannelServer* create() const = 0;
 
-    // Lengthen or shorten a call timeout in place, with some randomness so that two
-    // parties that keep calling each other do not stay in step. The unit is the host's.
+    // Make a call timeout longer or shorter, in place and partly at random, so that two parties that
+    // call each other do not always do so at the same moment. The host chooses the unit.
     virtual void incCallTimeout(int* timeout) const = 0;
     virtual void decCallTimeout(int* timeout) const = 0;
 };

@@ -1,5 +1,5 @@
-// The server object of one kind of channel: the host starts and stops the channel
-// through it, asks for calls and learns what became of them.
+// The server object of one kind of channel: through it the host starts and stops the channel,
+// asks for calls and learns their results.
 #pragma once
 
 #include "plugin/api/channelapi_export.h"
@@ -29,8 +29,8 @@ public:
     int type = 0; // the channel type number, set by the implementation
     int stateId = 0; // this server's identifier in channelsState, given by the host
 
-    // The host sets these three before start(), stop() or connectToAbonent(); nothing
-    // guards against null.
+    // The host must set these three before start(), stop() or connectToAbonent(); null is not
+    // checked.
     CAbstractProtocolFactory* protocolFactory = nullptr; // owned
     CAbstractChannelsState* channelsState = nullptr; // not owned
     CAbstractJournal* journal = nullptr; // not owned
@@ -49,13 +49,13 @@ public:
     virtual void stop();
 
 signals:
-    // A connection stands and the session over it has learnt the peer's name;
-    // connectionId names the connection in later calls.
+    // There is a connection, and the session over it has learnt the peer's name. connectionId names
+    // the connection in later calls.
     void connected(const QString& abonentName, int connectionId);
 
-    // A requested call could not be placed or did not succeed. It says nothing of a call whose
-    // port went down while it dialled or was stopped, nor of abonentsData that the channel cannot
-    // read: the host sees these in the port's state text and journal records (comcalltexts.h).
+    // A requested call could not be placed or did not succeed. Not emitted if the port went down
+    // while it dialled, or was stopped, or if the channel cannot read abonentsData: the host sees
+    // that in the port's state text and journal records (comcalltexts.h).
     void notConnected(QString abonentName);
 
     // The connection ended; wasUseful tells whether it carried useful work.

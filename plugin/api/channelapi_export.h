@@ -1,5 +1,5 @@
-// Marks the interface classes that host and plug-in share: they stay visible
-// outside the library, so that both see one copy of their type information.
+// Marks the interface classes that host and plug-in share: they stay visible outside the library,
+// so that both use the same copy of their type information.
 #pragma once
 
 #include <QtGlobal>

@@ -1,4 +1,4 @@
-// The numbers by which hosts tell kinds of channels apart.
+// The numbers by which hosts distinguish kinds of channels.
 #pragma once
 
 namespace ChannelType {

@@ -1,11 +1,11 @@
-// The four functions by which a host gets hold of a channel plug-in. They have C
-// linkage: resolve them by these names from the loaded library.
+// The four functions through which a host uses a channel plug-in. They have C linkage: resolve them
+// by these names from the loaded library.
 #pragma once
 
 class CChannelPlugin;
 struct DebugData;
 
-// The version of this interface. A host refuses a library that answers another one.
+// The version of this interface. A host refuses a library that returns another one.
 constexpr int channelApiVersion = 16;
 
 extern "C" {
