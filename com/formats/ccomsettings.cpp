@@ -22,8 +22,8 @@ RecordFault ChannelComSettings::read(const QByteArray& data)
         return RecordFault::otherVersion(version);
     int count = 0;
     stream >> count >> packetSize;
-    // Truncated data still give as many ports as they announce: what was cut off is
-    // false, empty or zero.
+    // Truncated data still give as many ports as they announce: the missing values are false,
+    // empty or zero.
     for (int i = 0; i < count; ++i) {
         if (stream.status() != QDataStream::Ok && ports.size() >= maxPortsOfDamagedData)
             break;

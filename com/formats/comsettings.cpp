@@ -4,7 +4,7 @@
 
 namespace {
 
-// One by one, without making room for the announced count, which may be absurd.
+// One by one, without reserving room for the announced count, which may be absurd.
 QStringList readStrings(QDataStream& stream)
 {
     QStringList strings;

@@ -1,5 +1,5 @@
-// The settings records of one serial port and of one abonent's addressing. Hosts keep
-// them as byte arrays, and need nothing else of this channel to make and to show them.
+// The settings records of one serial port and of one abonent's addressing. Hosts keep them as byte
+// arrays, and can make and show them without any other part of this channel.
 #pragma once
 
 #include <QByteArray>
@@ -8,7 +8,7 @@
 
 class QDataStream;
 
-// Why bytes are no record. A host that shows it has words of its own.
+// Why bytes are no record. A host that shows this uses its own words.
 struct RecordFault
 {
     enum Kind
@@ -21,10 +21,10 @@ struct RecordFault
     static RecordFault damaged() { return {Damaged, 0}; }
 
     Kind kind = None;
-    int version = 0; // that was found, of OtherVersion
+    int version = 0; // with OtherVersion: the version that was found
 };
 
-// One serial port. The -1 of a record that was never filled is no valid line parameter.
+// One serial port. A record that was never filled has -1, which is no valid line parameter.
 struct ComPortSettings
 {
     bool enabled = false; // only enabled ports get a port worker
@@ -62,9 +62,8 @@ struct AbonentComSettings
     QString fromByteArray(const QByteArray& data);
 };
 
-// What a user writes as \t, \r and \n in an init string, as the characters meant:
-// replaced in this order, each over the whole text, so a backslash cannot be escaped
-// and stays, as does every other one.
+// Replaces \t, \r and \n, as a user writes them in an init string, by the control characters: in
+// this order, each in the whole text. A backslash cannot be escaped; every other one stays.
 QString unescapeInitString(QString text);
 
 // The channel's own text for a fault; empty for none.

@@ -39,8 +39,8 @@ constexpr Table32 makeTable32()
 
 constexpr Table16 table16 = makeTable16();
 
-// Row k carries a byte past k further bytes, so that the bytes of one stride are looked
-// up independently of each other: still one lookup a byte, but many at a time.
+// Row k gives the effect of a byte that is followed by k more bytes. So the bytes of one stride can
+// be looked up independently: still one look-up for each byte, but many at a time.
 constexpr int stride = 16;
 using Rows32 = std::array<Table32, stride>;
 
@@ -62,9 +62,9 @@ constexpr Rows32 makeRows32()
 
 constexpr Rows32 rows32 = makeRows32();
 
-// Long runs go through several registers that do not wait for each other: word i of a
-// round belongs to register i, which skips the words of the others. Row k of these carries
-// a byte past all the others and k further bytes of its own word.
+// Long runs go through several registers that do not wait for each other: word i of a round belongs
+// to register i, which skips the words of the others. Row k of this table gives the effect of a
+// byte that is followed by all the others and by k more bytes of its own word.
 constexpr int registers = 5;
 constexpr int wordBytes = 8;
 constexpr int round = registers * wordBytes;
@@ -88,8 +88,8 @@ constexpr SkippingRows32 skippingRows32 = makeSkippingRows32();
 // The header's check takes each byte as signed. Below 0x80 that changes nothing. For a
 // byte of 0x80 or more the index x = (crc >> 8) ^ byte falls 256 words before the
 // table, where peers in the field have the CRC-32 table: the word is half of its entry
-// 128 + x / 2, the low half for an even x. Both cases stand in one table here, chosen
-// by the top bit of the byte.
+// 128 + x / 2, the low half for an even x. Both cases are in one table here; the top bit of the
+// byte selects the half.
 using HeaderTable = std::array<quint16, 2 * byteValues>;
 
 constexpr HeaderTable makeHeaderTable()
@@ -118,7 +118,7 @@ quint32 lookUpLongWord(const Rows& rows, quint64 word)
     return lookUpWord(rows, 7, static_cast<quint32>(word)) ^ lookUpWord(rows, 3, static_cast<quint32>(word >> 32));
 }
 
-// Takes whole rounds, all but the last through the registers, which the last one joins.
+// Takes whole rounds: all but the last through the registers; the last one joins the registers.
 quint32 addRounds(quint32 crc, const uchar*& bytes, int& length)
 {
     quint32 running[registers] = {crc};
@@ -137,7 +137,7 @@ quint32 addRounds(quint32 crc, const uchar*& bytes, int& length)
 quint32 addToCrc32(quint32 crc, const char* data, int length)
 {
     const uchar* bytes = reinterpret_cast<const uchar*>(data);
-    if (length >= 4 * round) // fewer do not make up for the joining
+    if (length >= 4 * round) // with fewer, joining costs more than the registers save
         crc = addRounds(crc, bytes, length);
     for (; length >= stride; bytes += stride, length -= stride) {
         crc = lookUpWord(rows32, 15, crc ^ qFromLittleEndian<quint32>(bytes)) ^

@@ -6,8 +6,8 @@
 // All of these may be called from any thread. A length of 0 or less counts as no bytes.
 
 // The check of a packet's header: CRC-16/CCITT-FALSE (polynomial 0x1021, start 0xFFFF,
-// nothing reflected) with one deviation for bytes of 0x80 and more, by which the peers
-// on the line know each other; see crc.cpp. For no bytes 0xFFFF.
+// nothing reflected) with one deviation for bytes of 0x80 and more, which all peers in the field
+// have; see crc.cpp. For no bytes 0xFFFF.
 quint16 crc16(const char* data, int length);
 
 // The check of a packet with payload: the CRC-32 of zlib and Ethernet. For no bytes 0.
@@ -41,7 +41,7 @@ public:
     explicit Crc32(quint32 running = initialValue) : m_running(running) {}
 
     void addData(const char* data, int length);
-    // The register, not inverted: start another object with it to go on.
+    // The register, not inverted: to continue later, start another object with it.
     quint32 value() const { return m_running; }
     // The finished check of what was added so far.
     quint32 check() const { return ~m_running; }

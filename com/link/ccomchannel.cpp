@@ -79,7 +79,7 @@ void CComChannel::disconnectFromAbonent()
     QThread::msleep(guardTimeMs);
     discardInput();
 
-    // The label is that of the worker, whose dialogue with the modem this belongs to.
+    // With the worker's label, because this belongs to its dialogue with the modem.
     debug(QStringLiteral("CComThread"), QStringLiteral("Запись команды: +++, ATH"), DebugTransportComAtCommands,
           DebugFlagNone);
     m_port->write("+++");
@@ -155,9 +155,9 @@ void CComChannel::computePackets()
         if (found)
             computePacket(packet);
     }
-    // Even in front of a packet that is not complete: of headers behind each other, each
-    // promising more than the last, the buffer would grow without end, and so would the
-    // time to look through it again.
+    // Also the bytes before an incomplete packet. Otherwise, with many headers one after another,
+    // each announcing more bytes than the last, the buffer would grow without end, and so would
+    // the time to search it again.
     m_receiveBuffer.remove(0, taken);
 }
 
@@ -179,14 +179,14 @@ void CComChannel::computeData(const CComPacket& packet)
 
     linkrules::dropOvertaken(m_held, m_expectedNumber, packet.number);
     if (packet.number == m_expectedNumber) {
-        // Held packets move on only with the next packet that arrives ahead.
+        // Held packets are delivered only with the next packet that arrives ahead.
         deliver(packet);
     } else if (linkrules::numberLessThen(m_expectedNumber, packet.number)) {
         linkrules::hold(m_held, packet);
         while (!m_held.isEmpty() && m_held.first().number == m_expectedNumber)
             deliver(m_held.takeFirst());
     }
-    // Dropped ones too: a repeat of what was delivered must be confirmed again.
+    // Dropped ones too: a repeat of a delivered packet must be confirmed again.
     m_toConfirm.insert(packet.number);
 }
 

@@ -20,8 +20,8 @@ class QSerialPort;
 class CComChannel : public CChannel
 {
 public:
-    // port: open and connected; state: told of traffic under channelIndex. Both stay the
-    // caller's and must outlive the channel.
+    // port: open and connected. state: gets the traffic, under channelIndex. Both belong to the
+    // caller and must outlive the channel.
     CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex);
 
     // Hangs up with "+++" and "ATH". Blocks for one second of guard time and up to
@@ -36,8 +36,8 @@ public:
 
     // Reads the port, takes in packets, sends what is due, and returns up to maxSize
     // bytes of what was received in order. Blocks for some tens of milliseconds at most
-    // for each packet written. After a hang-up too: what it sends then goes to
-    // the modem.
+    // for each packet written. Works after a hang-up too: then the modem receives
+    // what it sends.
     QByteArray read(int maxSize) override;
 
     // The most to give to one write(), or 0 while the queue is full.

@@ -55,7 +55,7 @@ bool CComPacket::readPacket(QByteArray* buffer)
 {
     int end = 0;
     const Cut found = cut(buffer->constData(), buffer->size(), &end);
-    // In front of a packet that is not complete nothing is taken either.
+    // If a packet is not complete, the bytes before it stay too.
     if (found != Cut::Incomplete && end > 0)
         buffer->remove(0, end);
     return found == Cut::Packet;
@@ -92,8 +92,8 @@ CComPacket::Cut CComPacket::cut(const char* buffer, int size, int* end)
             return Cut::Packet;
         }
         qDebug() << "Packet header received, but data is corrupted" << int(type) << int(number) << length;
-        // Peers go on one byte behind the header, and so must we: the payload may hold
-        // the next packet. This can lead beyond scanEnd.
+        // Peers continue one byte after the header, and so must we: the payload may contain the
+        // next packet. This can lead beyond scanEnd.
         header = findHeader(header + headerSize + 1, scanEnd);
     }
     *end = static_cast<int>(header - buffer);

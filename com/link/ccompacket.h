@@ -18,17 +18,16 @@ public:
     // the payload's size, so a payload of more than 65535 bytes cannot be read back.
     void makePacket();
 
-    // Takes one packet from the front of buffer: true if a whole one was there, which is
-    // then in this object and gone from buffer together with what stood in front of it.
-    // False otherwise; what can no longer become a packet may be gone from buffer all the
-    // same, and this object may have changed.
+    // Takes one packet from the front of buffer. True if there was a complete one: it is now in this
+    // object, and removed from buffer together with the bytes before it. Otherwise false; bytes that
+    // cannot become a packet may be removed from buffer anyway, and this object may have changed.
     bool readPacket(QByteArray* buffer);
 
     enum class Cut
     {
         Packet, // one was taken; it ends at *end
-        Incomplete, // one has begun at *end; the bytes in front of it need no second look
-        Nothing, // what comes next may make a packet of the bytes from *end on
+        Incomplete, // one has begun at *end; the bytes before it need not be searched again
+        Nothing, // the bytes from *end on may be the beginning of a packet
     };
 
     // The same over bytes that stay where they are.

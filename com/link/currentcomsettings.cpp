@@ -2,7 +2,7 @@
 
 ChannelComSettings gComSettings;
 
-// An int stays an int in the exported record, so the two threads meet by atomic access.
+// The exported record must keep a plain int, so both threads use atomic access to it.
 int currentPacketSize()
 {
     return __atomic_load_n(&gComSettings.packetSize, __ATOMIC_RELAXED);

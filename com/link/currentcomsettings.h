@@ -4,8 +4,8 @@
 #include "com/formats/ccomsettings.h"
 
 // Shared by all servers. The ports belong to the server's thread; the workers' threads read
-// packetSize, by currentPacketSize(). The plug-in shows it under this name: a program that
-// links this source, and is not the plug-in, would put its own in the place of the plug-in's.
+// packetSize, by currentPacketSize(). The plug-in exports it under this name: if another
+// program linked this source, its record would take the place of the plug-in's.
 extern Q_DECL_EXPORT ChannelComSettings gComSettings;
 
 // gComSettings.packetSize; any thread may call it while settings are loaded.

@@ -79,7 +79,7 @@ ModemReading readModemLine(QIODevice& input)
     const QByteArray line = input.readLine(maxLineSize);
     if (line.isEmpty() || isBlankLine(line))
         return {};
-    // With its size: a zero byte is no end of the line.
+    // With its size: a zero byte does not end the line.
     QString text = QString::fromLatin1(line.constData(), line.size());
     text.remove(QLatin1Char('\r')).remove(QLatin1Char('\n'));
     return {classifyModemLine(line), false, text};
@@ -106,7 +106,7 @@ void dropEndlessInput(QIODevice& input)
 
 void dropInput(QSerialPort& port)
 {
-    // A device that babbles always has more.
+    // A device that never stops sending always has more.
     constexpr int mostReads = 64;
     for (int i = 0; i < mostReads && waitForInput(port, 0); ++i)
         port.readAll();

@@ -47,27 +47,26 @@ ModemReading readModemLine(QIODevice& input);
 // The port's own thread.
 ModemResponse readModemResponse(QSerialPort& port, QString& lastAnswer);
 
-// Throws away input of more than 64 KiB that waits without a line end, and of more than
-// 1 MiB that comes faster than its lines are taken, so that a device that babbles cannot
-// eat the memory.
+// Throws away more than 64 KiB of input without a line end, and more than 1 MiB that comes faster
+// than its lines are read. So a device that never stops sending cannot use up the memory.
 void dropEndlessInput(QIODevice& input);
 
-// Throws away what has arrived, in the driver too: answers of before the command that is to be
-// written. Does not wait. The port's own thread.
+// Throws away all bytes that have arrived, also those in the driver: they cannot be answers to the
+// command that is written next. Does not wait. The port's own thread.
 void dropInput(QSerialPort& port);
 
-// How long a modem that holds its port up keeps a command waiting.
+// How long a command waits for a modem that does not accept bytes.
 constexpr int commandWriteWaitMs = 500;
 
 // Writes the bytes and waits up to waitMs for them to go out. The port's own thread.
 void writeCommand(QSerialPort& port, const QByteArray& command, int waitMs);
 
-// The commands. Each that ends in the control symbol reads it from the settings anew, so
-// that an edit takes effect with the next command. What Latin-1 does not have becomes "?".
+// The commands. The control symbol at the end is read from the settings each time, so an edit takes
+// effect with the next command. A character that Latin-1 does not have becomes "?".
 QByteArray initCommand(const QString& initString); // as configured, nothing added
 QByteArray checkCommand(); // "AT"
 QByteArray answerCommand(); // "ATA"
 QByteArray dialCommand(const QString& number); // "ATD" and the number, unchanged
 QByteArray escapeCommand(); // "+++", without a line end
-QByteArray resetHangUpCommand(); // "ATH" after a control symbol that ends whatever stands before
+QByteArray resetHangUpCommand(); // "ATH" after a control symbol that ends an unfinished line
 QByteArray exitHangUpCommand(); // "ATH"

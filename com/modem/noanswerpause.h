@@ -1,4 +1,4 @@
-// How long a modem that does not answer is left alone before it is asked again.
+// How long to wait before a modem that does not answer is asked again.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,4 @@
-// A serial port as the port worker looks at it: its modem lines, and whether its device is
-// still there.
+// What the port worker asks a serial port: its modem lines, and whether its device is still there.
 #pragma once
 
 #include <QSerialPort>
@@ -10,8 +9,8 @@
 // The lines that are raised; none on a closed port, which would raise an error itself.
 QSerialPort::PinoutSignals modemLines(QSerialPort& port);
 
-// Whether the device of an open port is gone: the file that portName names is missing, or is
-// another device by now, one that came back while its name stayed the same.
+// Whether the device of an open port is gone: the file portName is missing, or it is another device
+// by now (a device may come back under the same name).
 bool deviceHasVanished(const QSerialPort& port, const QString& portName);
 
 // Hangs up by dropping DTR, discards what waits in both directions and closes an open port.

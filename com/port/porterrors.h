@@ -1,5 +1,5 @@
 // The errors of a serial port on their way from the worker's thread, where they are raised,
-// to the server's thread, where they are told and acted on.
+// to the server's thread, which reports them and reacts to them.
 #pragma once
 
 #include <QList>

@@ -55,7 +55,7 @@ public:
     void clear();
 
 public slots:
-    // Redeclared, though inherited: internalStopSlot has to be this class's own method 4.
+    // Inherited, but declared again: internalStopSlot must be this class's own method 4.
     void settingsWasChanged() override;
     void connectToAbonent(const QString& abonentName, const QByteArray& abonentsData) override;
     void disconnectFromAbonent(const QString& abonentName, int connectionId) override;

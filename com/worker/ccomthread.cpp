@@ -28,10 +28,10 @@ constexpr int lateAnswersMs = 300;
 constexpr int lateAnswersStepMs = 10;
 constexpr int afterHangUpPauseMs = 500;
 
-// Shared by all ports: with several silent modems each is asked the less often.
+// Shared by all ports: the more modems are silent, the less often each is asked.
 NoAnswerPause noAnswerPause;
 
-// The port's row in the host's table: left when run() ends, in whatever way.
+// The port's row in the host's table: removed when run() ends, whatever the reason.
 class TableRow
 {
 public:
@@ -176,9 +176,9 @@ void CComThread::waitForDevice(PassState& pass)
     }
 }
 
-// An unplugged device leaves its port open with all lines down, and while it is held the
-// kernel gives the returning device another number. Closed, it is opened again and again
-// until the device is back.
+// When a device is unplugged, its port stays open with all modem lines down; and while it is open,
+// the kernel gives the returning device another number. So the port is closed, and opened again and
+// again until the device is back.
 bool CComThread::closeVanishedPort(QSerialPort& port)
 {
     if (!port.isOpen() || !deviceHasVanished(port, m_settings.portName))
@@ -255,8 +255,8 @@ void CComThread::readCheckAnswer(PassState& pass)
     }
 }
 
-// The "OK" that was read may have been the init string's: that of "AT" must not be left for the
-// first call, which it would fail.
+// The "OK" that was read may be the answer to the init string. Then the answer to "AT" is still to
+// come; it must not be read during the first call, because the call would fail.
 void CComThread::dropLateAnswers(PassState& pass)
 {
     QElapsedTimer timer;
@@ -276,7 +276,7 @@ void CComThread::serveFreeLine(PassState& pass)
     QMutexLocker locker(&m_mutex);
     if (state() != LineFree)
         return;
-    // This look serves the test for the loss of DSR at the end of the pass as well.
+    // The test for the loss of DSR at the end of the pass uses this value too.
     pass.lines = modemLines(pass.port);
     if (pass.lines.testFlag(QSerialPort::RingIndicatorSignal) || std::exchange(pass.hasRung, false) ||
         readModemResponse(pass.port, pass.lastAnswer) == ResponseRing) {
@@ -360,7 +360,7 @@ void CComThread::resetModem(PassState& pass)
     QSerialPort& port = pass.port;
     if (!port.isOpen())
         return;
-    // A timer that runs already (an error, or carrier during the check) leaves out the escape.
+    // If the timer runs already (an error, or carrier during the check), no escape is written.
     if (!pass.timer.isValid()) {
         PortReports::writeLog(QStringLiteral("Запись команды: +++, ATH. Reseting."), DebugTransportComAtCommands);
         port.readAll();
@@ -391,7 +391,7 @@ void CComThread::runConnection(PassState& pass)
 
     switch (startSession(pass.port)) {
     case SessionStart::Running:
-        // A thread remembers a quit() from before the loop: only the protocol's word counts.
+        // A quit() from before the loop also ends it: only the protocol's finished() counts.
         do {
             exec();
         } while (!m_connection.hasFinished());
@@ -409,14 +409,14 @@ void CComThread::runConnection(PassState& pass)
 CComThread::SessionStart CComThread::startSession(QSerialPort& port)
 {
     QMutexLocker locker(&m_mutex);
-    // Nobody would stop a session made now.
+    // Nobody would stop a session that is made now.
     if (stopRequested() || state() != WaitingForConnect)
         return SessionStart::CalledOff;
     CAbstractProtocol* const protocol = m_connection.makeProtocol(&port, m_settings.portName);
     if (!protocol)
         return SessionStart::Refused;
-    // Directly: the server's thread may be asleep in its own stop(). Behind the connection's
-    // own notice, which has to be there when the event loop ends.
+    // A direct connection: the server's thread may be waiting in its own stop(). Made after that of
+    // PortConnection, whose note must be there when the event loop ends.
     connect(protocol, &CAbstractProtocol::finished, this, &QThread::quit, Qt::DirectConnection);
     connect(protocol, &CAbstractProtocol::remoteAbonentNameChanged, this, &CComThread::remoteAbonentNameChanged);
     m_connection.begin(protocol);
@@ -488,8 +488,8 @@ void CComThread::portErrorOccurred(const QSerialPort& port, QSerialPort::SerialP
             this, [this, code] { comPortError(code); }, Qt::QueuedConnection);
 }
 
-// The error as it was noted when it was raised; of one that came another way, what can
-// still be learnt.
+// The error as it was noted when it was raised; if it came another way, what can still be found
+// out.
 PortError CComThread::noted(QSerialPort::SerialPortError code)
 {
     if (const std::optional<PortError> error = m_errors.take(code))
@@ -510,8 +510,8 @@ void CComThread::comPortError(QSerialPort::SerialPortError error)
     m_reports.addError(text);
 
     QMutexLocker locker(&m_mutex);
-    // A parameter that the port refuses while it is being opened must not send it round
-    // for ever, nor an error whose port has been opened anew since.
+    // No endless resets: neither because of a parameter that the port refuses while it is being
+    // opened, nor because of an error from before the port was opened again.
     if (raised.state == PortClosed || !m_errors.isOfThisOpening(raised))
         return;
     m_connection.stop();
@@ -523,8 +523,8 @@ void CComThread::comPortError(QSerialPort::SerialPortError error)
 
 void CComThread::hangUpOnExit(PassState& pass)
 {
-    // run() leaves its loop only with the flag set, so that this returns here: a stop does
-    // not wait for the modem. Kept for a loop that ends for another reason.
+    // run() leaves its loop only when the flag is set, so this returns here: a stop does not wait
+    // for the modem. Kept in case the loop ends for another reason.
     if (stopRequested())
         return;
     QSerialPort& port = pass.port;
@@ -543,8 +543,8 @@ void CComThread::hangUpOnExit(PassState& pass)
 
 // --- small tools ------------------------------------------------------------------------
 
-// A transition made without m_mutex: false, and nothing is changed, when a call was taken
-// or a reset forced meanwhile.
+// A change of state without m_mutex. Returns false and changes nothing if a call was taken or a
+// reset forced meanwhile.
 bool CComThread::moveState(State from, State to)
 {
     int expected = from;

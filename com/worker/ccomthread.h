@@ -55,7 +55,7 @@ public:
     QString portName() const { return m_settings.portName; }
 
     // The party of the current call; empty for an incoming call whose party has not told
-    // its name, and the last party when there is no call. Any thread; waits for nothing long.
+    // its name, and the last party when there is no call. Any thread; never waits long.
     QString abonentName() const;
 
     // Takes the call if the line is free: stores both names and returns true. Otherwise
@@ -79,7 +79,7 @@ protected:
     void run() override;
 
 private slots:
-    // Runs in the server's thread for every port error that is acted on.
+    // Runs in the server's thread for every port error that needs a reaction.
     void comPortError(QSerialPort::SerialPortError error);
 
     // Runs in the server's thread when the peer has told its name, or in whatever thread
@@ -91,7 +91,7 @@ private:
     {
         Running,
         Refused, // the host made no protocol
-        CalledOff, // a stop or a forced reset came first
+        CalledOff, // a stop or a forced reset came before it
     };
 
     // The states' handlers; each is called only in its state.

@@ -1,4 +1,4 @@
-// What a pass of the port worker hands on to the state handlers of the next.
+// What one pass of the port worker leaves for the state handlers of the next pass.
 #pragma once
 
 #include <QElapsedTimer>

@@ -1,5 +1,5 @@
-// The connection of one port: with whom it is, the host's session protocol that runs over it,
-// and what has to be told when it is over.
+// The connection of one port: the other party, the host's session protocol that runs over it, and
+// what must be reported when it is over.
 #pragma once
 
 #include <QMutex>
@@ -12,7 +12,7 @@ class CChannelServer;
 class PortReports;
 class QSerialPort;
 
-// Lives as long as the port worker. Where nothing else is said, the worker's thread calls.
+// Lives as long as the port worker. For the worker's thread, unless something else is said.
 class PortConnection
 {
 public:
@@ -20,7 +20,7 @@ public:
     PortConnection(CChannelServer* server, const PortReports* reports);
 
     // The party of the current call; empty for an incoming call whose party has not told its
-    // name, and the last party when there is no call. Any thread; waits for nothing long.
+    // name, and the last party when there is no call. Any thread; never waits long.
     QString abonentName() const;
     void setAbonentName(const QString& name);
 
@@ -39,13 +39,13 @@ public:
     bool hasFinished() const { return m_hasFinished; }
     void deleteProtocol();
 
-    // The host shall see connected() before disconnected(): waits, for no more than half a
-    // second, until the server's thread has passed on all names that the protocol has told.
+    // The host must see connected() before disconnected(). So this waits, for half a second at most,
+    // until the server's thread has passed on all names that the protocol has reported.
     void waitForHandledNames(const std::atomic<bool>& stopRequested) const;
     // The server's thread: one more name was passed on.
     void nameHandled() { ++m_handledNames; }
 
-    // Tell the host what became of the call.
+    // Tell the host how the call ended.
     void reportRefusal() const;
     void reportEnd(int connectionId) const;
 
@@ -68,7 +68,7 @@ private:
 
     std::atomic<bool> m_hasFinished{false}; // the current protocol has emitted finished()
 
-    // Names that the protocols have told, and those that the server's thread has passed on.
+    // Names that the protocols have reported, and those that the server's thread has passed on.
     std::atomic<int> m_toldNames{0};
     std::atomic<int> m_handledNames{0};
 };

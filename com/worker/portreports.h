@@ -1,4 +1,4 @@
-// What a port says of itself: to the host's table of channels, to its journal, and to the log.
+// The reports of a port: to the host's table of channels, to its journal, and to the log.
 #pragma once
 
 #include "common/logger.h"
@@ -15,7 +15,7 @@ public:
     // server: not owned; gives the host's objects. They must be set before the first report.
     PortReports(CChannelServer* server, const QString& portName);
 
-    // The port takes its row in the host's table, and leaves it: the worker's thread.
+    // Adds the port's row to the host's table, and removes it. For the worker's thread.
     void enterTable(const QString& state);
     void leaveTable();
 
@@ -35,8 +35,8 @@ public:
 private:
     CChannelServer* const m_server; // not owned
     const QString m_portName;
-    // The table with the row: not owned, and kept, since a worker that could not be ended leaves
-    // it when the server may be gone.
+    // The table with the row: not owned. Kept here, because a worker that could not be ended removes
+    // its row when the server may be gone.
     CAbstractChannelsState* m_table = nullptr;
     int m_index = 0;
 };
