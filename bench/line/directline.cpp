@@ -39,7 +39,7 @@ bool DirectLine::run(int stopFd)
     }
 }
 
-// Answers when there is something to do again; -1: only when a program writes.
+// Returns when there is something to do again; -1: only when a program writes.
 qint64 DirectLine::step(qint64 nowNs)
 {
     qint64 wakeNs = -1;
@@ -80,7 +80,7 @@ bool DirectLine::wait(int stopFd, qint64 nowNs, qint64 wakeNs)
 {
     pollfd polled[3] = {{stopFd, POLLIN, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
     for (int side = 0; side < 2; ++side) {
-        // What the line has no time to carry yet must not wake us.
+        // Bytes that the line has no time to carry yet must not wake us.
         if (direction(side).isIdle())
             polled[1 + side].fd = m_ends[side].endpoint.masterFd();
     }

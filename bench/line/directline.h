@@ -1,5 +1,5 @@
-// Two ports with a line between them and no modems: what a program finds that is started
-// on a call which stands already.
+// Two ports with a line between them and no modems: like a call that is already connected when a
+// program starts.
 #pragma once
 
 #include "sim/line/line.h"
@@ -25,15 +25,15 @@ public:
     // Carries bytes until descriptor stopFd becomes readable. False when a port failed.
     bool run(int stopFd);
 
-    // What each direction carried, how the line's clock kept its pace, and whether any
-    // program wrote past the driver's bound.
+    // What each direction carried, whether the line's clock was in time, and whether any program
+    // wrote more than the driver holds.
     QJsonObject statistics() const;
 
 private:
     struct End
     {
         sim::PtyEndpoint endpoint;
-        sim::Backlog backlog; // what its program has not taken yet
+        sim::Backlog backlog; // bytes that its program has not read yet
         qint64 mostWaiting = 0; // of its program's bytes, in the driver
     };
 

@@ -1,5 +1,5 @@
-// How late this machine wakes a process that sleeps: a measurement taken while the machine
-// could not keep the line's pace says nothing about the programs on the line.
+// How late this machine wakes a process that sleeps. If the machine was too slow for the line's
+// rate, a measurement says nothing about the programs on the line.
 #pragma once
 
 namespace benchline {

@@ -20,7 +20,7 @@ enum ExitStatus
     BadOptions = 2
 };
 
-constexpr int mostDepthBytes = 65536; // more than a pty holds would never be reached
+constexpr int mostDepthBytes = 65536; // more than a pty holds cannot be reached
 
 constexpr char help[] = "Usage: bench-line --table FILE [--line KEY=VALUE,...] [--depth BYTES]\n"
                         "       bench-line --watch\n"

@@ -1,6 +1,6 @@
-// Preloaded beside libptylines.so into a program that writes to its line by stdio: libc's
-// streams call the system by themselves, so the driver's depth would not hold for them.
-// Standard output becomes a stream that writes through write(), which does.
+// Preloaded together with libptylines.so into a program that writes to its line through stdio.
+// libc's streams make system calls of their own, so libptylines.so cannot limit them to the driver's
+// depth. With this, standard output becomes a stream that uses write(), which is limited.
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
 #endif

@@ -1,5 +1,5 @@
-// What the link channel makes of what a line may carry: one read() for each piece that
-// arrives, with all that a pass does besides, such as its looks at the settings.
+// What the link channel does with the bytes of a line: one read() for each piece that arrives,
+// including everything else that a pass does, such as reading settings.
 #include "bench/parts/traffic.h"
 #include "com/link/ccomchannel.h"
 #include "rig/port/fakeserialport.h"
@@ -57,8 +57,8 @@ void takeBurst(benchmark::State& state, const traffic::Burst& burst)
     state.SetBytesProcessed(state.iterations() * burst.bytes());
 }
 
-// All numbers in turn from the first that a channel expects, so that all of it is delivered
-// each time.
+// All numbers in their order, from the first that a channel expects, so that everything is
+// delivered each time.
 void channelCleanTraffic(benchmark::State& state)
 {
     takeRepeatedly(state, traffic::dataPackets(1, 256), 256 * traffic::payloadBytes);
@@ -89,7 +89,7 @@ void channelDamagedPacketAtOnce(benchmark::State& state)
     takeBurst(state, traffic::damagedPacketAtOnce(static_cast<int>(state.range(0))));
 }
 
-// A pass over what makes nothing to do.
+// A pass in which there is nothing to do.
 void channelOneByteOfGarbage(benchmark::State& state)
 {
     ReceivingChannel channel;
@@ -105,7 +105,8 @@ BENCHMARK(channelCleanTraffic);
 BENCHMARK(channelGarbage);
 BENCHMARK(channelRandomGarbage);
 BENCHMARK(channelOneByteOfGarbage);
-// Twice: a reader that looks through the same bytes again is the slower a byte the more they are.
+// Two sizes: a reader that searches the same bytes again needs more time for each byte of the larger
+// one.
 BENCHMARK(channelGarbageInPieces)->Arg(4096)->Arg(32768);
 BENCHMARK(channelGarbageAtOnce)->Arg(4096)->Arg(32768);
 BENCHMARK(channelDamagedPacketAtOnce)->Arg(4096)->Arg(32768);

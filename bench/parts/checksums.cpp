@@ -49,6 +49,6 @@ void crc16Ours(benchmark::State& state)
 
 BENCHMARK(crc32Ours)->Arg(16)->Arg(256)->Arg(1024)->Arg(16384);
 BENCHMARK(crc32Zlib)->Arg(5)->Arg(16)->Arg(256)->Arg(1024)->Arg(16384);
-// Of headers, which have 5 bytes to be checked; a long run shows one chain of look-ups, each waiting
-// for the last.
+// For headers, whose check covers 5 bytes. A long run shows one chain of look-ups, each waiting for
+// the one before.
 BENCHMARK(crc16Ours)->Arg(5)->Arg(1024);

@@ -35,13 +35,13 @@ void logRepeatedly(benchmark::State& state, DebugLevel level)
     state.SetItemsProcessed(state.iterations());
 }
 
-// Of the level that is always logged: no look at the settings.
+// A line of the level that is always logged: no settings are read.
 void debugLine(benchmark::State& state)
 {
     logRepeatedly(state, DebugAlways);
 }
 
-// Of a category that the settings switch on, read for each line.
+// A line of a category that the settings switch on; they are read for each line.
 void debugLineOfACategoryThatIsOn(benchmark::State& state)
 {
     CSettings().write(QStringLiteral("Debug/transportConnects"), true);
@@ -58,7 +58,7 @@ void debugLineOfACategoryThatIsOff(benchmark::State& state)
     logRepeatedly(state, DebugTransportComPackets);
 }
 
-// The same line, made beforehand: what a program of Qt's pays that closes its log after each line.
+// The same line, made before: what a Qt program pays if it closes its log after each line.
 void bareOpenAppendClose(benchmark::State& state)
 {
     state.SetLabel("QFile");

@@ -99,14 +99,14 @@ void cutRandomGarbage(benchmark::State& state)
     cutRepeatedly(state, traffic::randomBytes(garbageBytes));
 }
 
-// One look at it: where the packet arrives in pieces, see below and channel.cpp.
+// One search; for packets that arrive in pieces see below and channel.cpp.
 void cutGarbageBeforeAnUnfinishedPacket(benchmark::State& state)
 {
     cutRepeatedly(state,
                   QByteArray(garbageBytes / 2, 'g') + traffic::wire(DataPacket, 1, 60000).left(garbageBytes / 2));
 }
 
-// As many as a serial port's driver holds; all 64 move up as each one is taken.
+// As many packets as a serial port's driver holds; all of them move when one is taken.
 void readPacketCleanTraffic(benchmark::State& state)
 {
     readRepeatedly(state, traffic::dataPackets(0, static_cast<int>(state.range(0))));
@@ -147,7 +147,8 @@ BENCHMARK(cutGarbageBeforeAnUnfinishedPacket);
 BENCHMARK(readPacketCleanTraffic)->Arg(4)->Arg(64);
 BENCHMARK(readPacketGarbage);
 BENCHMARK(readPacketRandomGarbage);
-// Twice: a reader that looks through the same bytes again is the slower a byte the more they are.
+// Two sizes: a reader that searches the same bytes again needs more time for each byte of the larger
+// one.
 BENCHMARK(readPacketGarbageInPieces)->Arg(4096)->Arg(32768);
 BENCHMARK(readPacketGarbageAtOnce)->Arg(4096)->Arg(32768);
 BENCHMARK(readPacketDamagedPacketAtOnce)->Arg(4096)->Arg(32768);

@@ -1,4 +1,4 @@
-// What proving who calls and sealing what is said cost the processor.
+// The processor time of the handshake and of sealing.
 #include "bench/parts/traffic.h"
 #include "host/session/noise.h"
 
@@ -25,7 +25,7 @@ void sealing(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
-// What opens is sealed outside of the time that is taken, a few at a time.
+// The messages to open are sealed while the time is not measured, a few at a time.
 void opening(benchmark::State& state)
 {
     constexpr int atATime = 64;

@@ -1,4 +1,4 @@
-// What a line may carry, made up.
+// Invented bytes as a line may carry them.
 #pragma once
 
 #include "com/link/ccompacket.h"
@@ -8,7 +8,7 @@
 namespace traffic {
 
 constexpr int payloadBytes = 1014; // of a full packet with the usual settings
-constexpr int pieceBytes = 64; // as a port hands them over that is asked often
+constexpr int pieceBytes = 64; // as a port gives them if it is read often
 
 // Each payload byte is 'a': no start symbol in it.
 QByteArray wire(int type, int number, int size);
@@ -16,14 +16,14 @@ QByteArray wire(int type, int number, int size);
 // Data packets with the numbers from first on, 255 being followed by 0.
 QByteArray dataPackets(int first, int count);
 
-// A start symbol in 256 bytes, as random bytes have it; the same ones each time.
+// One start symbol in 256 bytes on average, as in random bytes; the same bytes each time.
 QByteArray randomBytes(int size);
 
 // Packets of this type are cut out and then ignored by a channel, whatever their number.
 constexpr int ignoredType = 2;
 
-// Bytes of no use, then a packet: what stays in front of a packet until that is whole is
-// looked through again with each piece, by a reader that does not take care.
+// Useless bytes, then a packet. A bad reader keeps the bytes before an incomplete packet and
+// searches them again with each piece.
 struct Burst
 {
     QByteArray atOnce; // arrives in one piece
@@ -38,7 +38,7 @@ Burst garbageAtOnce(int size);
 // A damaged packet of size bytes in place of the garbage.
 Burst damagedPacketAtOnce(int size);
 
-// Hands burst over as it arrives: take(bytes).
+// Calls take(bytes) for each piece of the burst, as it arrives.
 template <typename Take>
 void play(const Burst& burst, Take take)
 {

@@ -1,5 +1,5 @@
-// Measures ports in number: what idle ones cost, how fast calls come and go. JSON on the
-// standard output, progress on the other.
+// Measures many ports: what idle ones cost, how fast calls begin and end. JSON on standard output,
+// progress on standard error.
 #include "bench/ports/threadtimes.h"
 #include "rig/deadline.h"
 #include "rig/freshroot.h"
@@ -87,7 +87,7 @@ double percentOfCore(qint64 usedNs, qint64 passedNs, int count)
     return 100.0 * static_cast<double>(usedNs) / static_cast<double>(passedNs) / count;
 }
 
-// The least that a thread can pay which looks at its port every 10 ms.
+// The minimum for a thread that looks at its port every 10 ms.
 double bareThreadPercent(const QString& path, int ms)
 {
     QFile device(path);

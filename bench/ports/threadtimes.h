@@ -11,5 +11,5 @@ using ThreadTimes = std::map<int, qint64>;
 // Of every thread that runs now. Empty where the kernel does not tell.
 ThreadTimes threadTimesNs();
 
-// What the threads that are in now, but not in others, have used since then: then.
+// What the threads of now that are not in others have used since then.
 qint64 usedNs(const ThreadTimes& then, const ThreadTimes& now, const ThreadTimes& others);

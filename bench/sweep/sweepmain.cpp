@@ -161,7 +161,7 @@ struct Figures
     std::string error;
 };
 
-// Where one run at a time can be.
+// A place for one run at a time.
 class Slot
 {
 public:
@@ -189,7 +189,7 @@ public:
         m_run = m_installation.start({"--run", runText(point, options, seed)});
     }
 
-    // Takes what the run has printed; true when that was all, and it has ended.
+    // Reads what the run has printed; true if that was all and the run has ended.
     bool read()
     {
         char buffer[4096];
@@ -256,7 +256,7 @@ public:
     {
     }
 
-    // Whether all went well. Breaks off when the program is to stop.
+    // Whether everything went well. Stops early if the program must stop.
     bool run()
     {
         std::printf("rate\tdelay\tber\tpacket\twrite\tqueue\tresend\tconfirm\tways\tgoodput\tbusy\terror\n");
@@ -277,7 +277,7 @@ public:
     }
 
 private:
-    // Null: the program is to stop.
+    // Null: the program must stop.
     Slot* freeSlot()
     {
         do {
@@ -289,7 +289,7 @@ private:
         return nullptr;
     }
 
-    // False when no run is on its way, or the program is to stop.
+    // False if there is no run, or if the program must stop.
     bool waitForSome()
     {
         std::vector<pollfd> waited;
