@@ -1,6 +1,6 @@
-// The file of abonents and their keys: any bytes are read without harm and in bounded memory;
-// what was read says of each name and of each key only once whose it is, comes out the same
-// when it is written and read again, and a key never gets a second owner.
+// The file of abonents and their keys: any bytes are read without harm and in bounded memory. Each
+// name and each key belongs to one abonent, and no operation gives a key a second owner. Writing and
+// reading again gives the same.
 #include "fuzz/check.h"
 #include "host/installation/abonentbook.h"
 #include "host/installation/names.h"

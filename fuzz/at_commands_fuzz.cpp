@@ -1,6 +1,5 @@
-// The exchange's modem: whatever its program types and its line does, it dials only when
-// it may and only what can be dialled, answers in proportion, and its carrier tells the
-// truth.
+// The exchange's modem: whatever its program writes and its line does, it dials only when it may,
+// and only numbers that can be dialled; its answers are not too long; a connection has a carrier.
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "sim/line/moments.h"
@@ -18,7 +17,7 @@ namespace {
 // A line of 255 characters may hold 127 questions of 90 bytes each, and "A/" repeats it.
 constexpr int mostAnswered = 32 * 1024;
 
-constexpr int eventMark = 0xFF; // the next byte is no key but an event
+constexpr int eventMark = 0xFF; // the next byte is not written by the program, it selects an event
 
 class CheckingHost : public ModemHost
 {

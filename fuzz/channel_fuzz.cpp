@@ -1,10 +1,10 @@
-// Whole link channels. Either two of them over a line that the input spoils, where what
-// arrives must be a prefix of what was sent, and all of it in the end; or one with a peer
-// that the input makes up, where nothing may grow beyond what came in.
+// Complete link channels. Either two of them over a line that the input spoils: the delivered bytes
+// must be the beginning of the sent ones, and in the end all of them. Or one with a peer that the
+// input invents: nothing may grow beyond what came in.
 //
-// What no link can hold is kept out: the streams and the garbage contain no start symbol,
-// so that they show no image of a packet, and a chunk gets one wrong bit at most, which
-// every check finds.
+// Faults that no link can detect are left out: the streams and the garbage contain no start symbol,
+// so they never look like a packet, and a chunk gets at most one wrong bit, which every check
+// finds.
 #include "com/link/ccomchannel.h"
 #include "com/link/currentcomsettings.h"
 #include "common/global.h"
@@ -33,7 +33,7 @@ constexpr char startSymbol = 0x7C;
 constexpr int everything = 1 << 28;
 constexpr int stepMs = 50;
 constexpr int mostSteps = 100; // of whole exchanges within an input
-constexpr qint64 healingMs = 600 * 1000; // all must have arrived so long after the last fault
+constexpr qint64 healingMs = 600 * 1000; // this long after the last fault everything must have arrived
 constexpr qint64 heartbeatMs = 1000;
 constexpr qint64 hourMs = 3600 * 1000;
 

@@ -1,6 +1,6 @@
-// The handshake between two sides over a line that belongs to an enemy: whoever takes a message
-// but the first for genuine has got the other side's own, in its turn, in a handshake in which
-// both have heard the same.
+// The handshake between two sides over a line that an enemy controls. If a side accepts a message
+// (except the first one), the message is from the other side, in its turn, and both sides have seen
+// the same messages before.
 #include "fuzz/check.h"
 #include "fuzz/noisesides.h"
 
@@ -14,7 +14,7 @@ using host::NoiseHandshake;
 namespace {
 
 constexpr int messageCount = 3;
-constexpr int maxSteps = 24; // each may take a good deal of arithmetic
+constexpr int maxSteps = 24; // each may need much arithmetic
 
 struct Side
 {

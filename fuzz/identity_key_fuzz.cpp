@@ -1,5 +1,5 @@
-// The file of the identity key with any contents: it gives the key that it holds, or is told to
-// be damaged; it stays as it is.
+// The file of the identity key with any contents: it gives the key in it, or is reported as damaged;
+// the file does not change.
 #include "common/global.h"
 #include "fuzz/check.h"
 #include "host/installation/identitykey.h"

@@ -1,4 +1,4 @@
-// A key as somebody typed it: what is read is what the same characters would be written for.
+// A key as somebody typed it: the result is the key whose text has these characters.
 #include "fuzz/check.h"
 #include "host/installation/keypair.h"
 #include "host/installation/keytext.h"

@@ -1,5 +1,5 @@
-// The reader of a modem's answers: the same answers as a plain second reading of the line
-// rules gives, however the bytes are split, and nothing left but a line without its end.
+// The reader of a modem's answers: it gives the same answers as a second, simple implementation of
+// the rules, however the bytes are split, and leaves only an unfinished line.
 #include "com/modem/modemdialogue.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"

@@ -1,5 +1,5 @@
-// The packet cutter: finds what the plain description finds, call by call, and the same
-// packets however the bytes are split.
+// The packet cutter: each call finds the same as a second, simple implementation, and the packets
+// are the same however the bytes are split.
 #include "com/link/ccompacket.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"

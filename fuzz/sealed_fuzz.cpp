@@ -1,5 +1,5 @@
-// Sealed messages on a line that belongs to an enemy: what opens is the next that was sealed,
-// as it was; after anything else nothing opens.
+// Sealed messages on a line that an enemy controls: only the next sealed message can be opened,
+// unchanged; after anything else nothing can be opened.
 #include "fuzz/check.h"
 #include "fuzz/noisesides.h"
 

@@ -1,6 +1,5 @@
-// The session protocol with a hostile peer: whatever it says, what is stored has the hash
-// that was announced, what is sent is whole frames with the messages' own bytes, and the
-// session ends.
+// The session protocol with a hostile peer. Whatever it says: a stored message has the announced
+// hash, only whole frames with the messages' own bytes are sent, and the session ends.
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "host/session/session.h"
@@ -37,7 +36,7 @@ QByteArray sha256(const QByteArray& bytes)
     return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256);
 }
 
-// Holds what the session says against the messages it has.
+// Compares what the session says with the messages it has.
 class Listener
 {
 public:
@@ -128,7 +127,7 @@ public:
         SessionSettings settings;
         settings.abonentName = QStringLiteral("Боб");
         settings.identity = hosttest::testKey(1);
-        // Proved as a rule, else unproved or refused.
+        // Usually proved, otherwise unproved or refused.
         m_isProved = choice / 16 % 4 < 2;
         if (m_isProved)
             m_directory.everybodyElse = QStringLiteral("Mallory");

@@ -19,7 +19,7 @@ using fuzz::require;
 
 namespace {
 
-// Each file gets a time of its own: edits within a millisecond would pass unseen.
+// Each file gets a time of its own: two edits within a millisecond would not be noticed.
 void giveNewTime(const QString& path)
 {
     static time_t seconds = 1000000000;

@@ -24,7 +24,7 @@ int bytesOf(const QString& string)
     return string.size() * 2;
 }
 
-// Zero where the data end before it.
+// Zero if the data end before it.
 int intAt(const QByteArray& data, int at)
 {
     if (data.size() < at + intBytes)
@@ -125,8 +125,8 @@ extern "C" __attribute__((visibility("default"))) int LLVMFuzzerTestOneInput(con
     fuzz::Input input(data, size);
     const int choice = input.byte();
     QByteArray bytes = input.rest();
-    // Of damaged data thousands of ports are read, which takes a hundred times as long:
-    // most inputs announce few.
+    // From damaged data thousands of ports may be read, which takes a hundred times as long. So most
+    // inputs announce few.
     if (choice >= 4 && bytes.size() >= 2 * intBytes) {
         bytes.replace(intBytes, intBytes - 1, QByteArray(intBytes - 1, '\0'));
         bytes[2 * intBytes - 1] = static_cast<char>(bytes.at(2 * intBytes - 1) & 15);
