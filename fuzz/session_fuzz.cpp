@@ -133,8 +133,8 @@ public:
             m_directory.everybodyElse = QStringLiteral("Mallory");
         m_directory.acceptsUnknown = choice / 16 % 4 == 2;
         m_session = std::make_unique<Session>(
-            settings, SessionCall{}, &m_directory, &m_store, [this](const SessionEvent& event) { onEvent(event); },
-            m_nowMs);
+            settings, SessionCall{}, &m_directory, m_store.forSessions(),
+            [this](const SessionEvent& event) { onEvent(event); }, m_nowMs);
     }
 
     void run()

@@ -246,7 +246,7 @@ void TransportHost::makeContext()
     m_context->settings.identity = m_key;
     m_context->settings.guard = m_guard;
     m_context->settings.silenceMs = m_options.silenceMs;
-    m_context->store = m_store.get();
+    m_context->store = m_store->forSessions();
     m_context->directory = m_peers.get();
     m_context->keepsConnections = m_options.keepConnections;
     m_context->maxBlockBytes = CSettings().detailsTransportComMaxBytesToWrite();
@@ -339,7 +339,7 @@ void TransportHost::onStateChanged(const ChannelRow& row)
     // has said so, and what the session had claimed would wait for ever.
     if (row.isGone || !isStateOfCall(row.state)) {
         for (const void* claimant : m_transfers.portLeft(row.name, nowMs()))
-            m_store->releaseAll(claimant);
+            m_store->queue().releaseAll(claimant);
     }
     if (!row.isGone)
         emit stateChanged(row);

@@ -43,7 +43,7 @@ struct SessionReport
 struct SessionContext
 {
     SessionSettings settings;
-    SessionStore* store = nullptr; // not owned
+    SessionStore store;
     PeerDirectory* directory = nullptr; // not owned
     std::function<void(const SessionReport&)> report; // called from several threads at once
     int maxBlockBytes = 1024; // what the link takes as one packet, together with its own bytes

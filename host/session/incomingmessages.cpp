@@ -28,7 +28,7 @@ std::unique_ptr<QCryptographicHash> newHash()
 
 } // namespace
 
-IncomingMessages::IncomingMessages(const Peer& peer, SessionStore* store, SessionControl* session)
+IncomingMessages::IncomingMessages(const Peer& peer, IncomingStore* store, SessionControl* session)
     : m_peer(peer), m_store(store), m_session(session)
 {
 }
@@ -37,7 +37,6 @@ void IncomingMessages::lookForParts()
 {
     for (auto& file : m_store->parts(m_peer)) {
         Part part;
-        part.generation = file->generation();
         part.hash = newHash();
         part.file = std::move(file);
         const quint64 id = part.file->messageId();
@@ -116,7 +115,7 @@ void IncomingMessages::onOffer(const Frame& frame)
         return;
     }
     RefusedFrame refused;
-    if (takeUp(&refused))
+    if (beginOrResume(&refused))
         m_session->tell(fileEvent(SessionEvent::Kind::FileBegun, offer, offer.offset));
     else
         refuse(refused.code, refused.reason);
@@ -135,21 +134,21 @@ void IncomingMessages::duplicate()
         m_receiving.reset();
 }
 
-bool IncomingMessages::takeUp(RefusedFrame* refused)
+bool IncomingMessages::beginOrResume(RefusedFrame* refused)
 {
     Receiving& receiving = *m_receiving;
     const OfferFrame& offer = receiving.offer;
     if (offer.offset == 0) {
         m_parts.erase(offer.messageId);
         receiving.hash = newHash();
-        receiving.file = m_store->beginIncoming(m_peer, offer, refused);
+        receiving.file = m_store->begin(m_peer, offer, refused);
         return receiving.file != nullptr;
     }
     const auto found = m_parts.find(offer.messageId);
     Part part = std::move(found->second);
     m_parts.erase(found);
     receiving.hash = std::move(part.hash);
-    if (!part.file->resume(offer, part.generation, refused))
+    if (!part.file->resume(offer, refused))
         return false;
     receiving.file = std::move(part.file);
     return true;

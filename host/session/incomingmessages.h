@@ -18,7 +18,7 @@ class IncomingMessages
 {
 public:
     // peer, store, session: not owned, outlive this object.
-    IncomingMessages(const Peer& peer, SessionStore* store, SessionControl* session);
+    IncomingMessages(const Peer& peer, IncomingStore* store, SessionControl* session);
 
     // The peer is known: looks for the parts of its messages that stand. They are hashed in
     // slices; hashParts() answers true once all are and our State was said.
@@ -50,7 +50,6 @@ private:
     struct Part // left from an earlier session
     {
         std::unique_ptr<IncomingFile> file;
-        quint64 generation = 0; // of which the hash is
         std::unique_ptr<QCryptographicHash> hash;
         qint64 hashedBytes = 0;
         bool done = false;
@@ -68,14 +67,14 @@ private:
     static bool hashSlice(Part* part, qint64* budget, QString* error);
     void sayState();
     void duplicate();
-    bool takeUp(RefusedFrame* refused);
+    bool beginOrResume(RefusedFrame* refused);
     void receivedAll();
     void refuse(RefusalCode code, const QString& reason);
     void toAcknowledge();
     void settleFirst(int count);
 
     const Peer& m_peer;
-    SessionStore* const m_store;
+    IncomingStore* const m_store;
     SessionControl* const m_session;
 
     std::map<quint64, Part> m_parts;

@@ -17,7 +17,7 @@ constexpr int maxRetriesInSession = 1; // after a wrong hash
 
 } // namespace
 
-OutgoingMessages::OutgoingMessages(const Peer& peer, SessionStore* store, SessionControl* session)
+OutgoingMessages::OutgoingMessages(const Peer& peer, OutgoingStore* store, SessionControl* session)
     : m_peer(peer), m_store(store), m_session(session)
 {
 }
@@ -103,7 +103,7 @@ bool OutgoingMessages::begin()
     QString error;
     m_sending = Sending{};
     m_sending->message = std::move(*next);
-    m_sending->device = m_store->openOutgoing(m_sending->message, &error);
+    m_sending->device = m_store->open(m_sending->message, &error);
     if (!m_sending->device) {
         failed(error);
         return true;
@@ -173,13 +173,13 @@ void OutgoingMessages::failed(const QString& reason)
     const OutgoingMessage message = m_sending->message;
     const qint64 position = m_sending->position;
     m_sending.reset();
-    m_store->notDelivered(message, reason, SessionStore::Fault::Local);
+    m_store->notDelivered(message, reason, OutgoingStore::Fault::Local);
     m_session->tell(fileEvent(SessionEvent::Kind::FileFailed, message, position, reason));
 }
 
 void OutgoingMessages::delivered(const OutgoingMessage& message)
 {
-    const QString error = m_store->delivered(message);
+    const QString error = m_store->remove(message);
     if (!error.isEmpty())
         m_session->tell(textEvent(SessionEvent::Kind::Note, error));
     m_session->tell(fileEvent(SessionEvent::Kind::FileDelivered, message, message.size));
@@ -234,7 +234,7 @@ void OutgoingMessages::onRefused(const Frame& frame)
     }
     const bool wrongHash = refused.code == RefusalCode::WrongHash;
     const QString reason = QStringLiteral("'%1' refused it: %2").arg(m_peer.abonent, refused.reason);
-    m_store->notDelivered(*message, reason, wrongHash ? SessionStore::Fault::Recheck : SessionStore::Fault::Remote);
+    m_store->notDelivered(*message, reason, wrongHash ? OutgoingStore::Fault::Recheck : OutgoingStore::Fault::Remote);
     m_session->tell(fileEvent(SessionEvent::Kind::FileFailed, *message, 0, reason));
     if (wrongHash && m_retries[message->id]++ < maxRetriesInSession)
         m_again.push_back(*message);

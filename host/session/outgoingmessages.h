@@ -20,7 +20,7 @@ class OutgoingMessages
 public:
     // peer, store, session: not owned, outlive this object. What is claimed of the queue is
     // claimed in the session's name.
-    OutgoingMessages(const Peer& peer, SessionStore* store, SessionControl* session);
+    OutgoingMessages(const Peer& peer, OutgoingStore* store, SessionControl* session);
 
     // Frames of the peer.
     void onState(const Frame& frame);
@@ -63,7 +63,7 @@ private:
     std::optional<OutgoingMessage> takeOffered(quint64 offerIndex, const QString& abortReason);
 
     const Peer& m_peer;
-    SessionStore* const m_store;
+    OutgoingStore* const m_store;
     SessionControl* const m_session;
 
     bool m_peerStateKnown = false;

@@ -10,11 +10,11 @@ constexpr int maxOutputBytes = 1024 * 1024; // a peer that makes us answer and t
 } // namespace
 
 Session::Session(const SessionSettings& settings, const SessionCall& call, PeerDirectory* directory,
-                 SessionStore* store, EventSink sink, qint64 nowMs)
+                 const SessionStore& store, EventSink sink, qint64 nowMs)
     : m_settings(settings), m_isCaller(call.isOutgoing), m_directory(directory), m_sink(std::move(sink)),
       m_opening(std::make_unique<Opening>(call, settings.identity, directory, settings.guard.get())),
-      m_outgoing(m_peer, store, this), m_incoming(m_peer, store, this), m_nowMs(nowMs), m_times(m_settings, nowMs),
-      m_askedMs(nowMs)
+      m_outgoing(m_peer, store.outgoing, this), m_incoming(m_peer, store.incoming, this), m_nowMs(nowMs),
+      m_times(m_settings, nowMs), m_askedMs(nowMs)
 {
 }
 

@@ -37,9 +37,9 @@ class Session final : private SessionControl
 public:
     using EventSink = std::function<void(const SessionEvent&)>;
 
-    // directory, store: not owned, outlive the session. nowMs: any steady clock, in milliseconds.
-    Session(const SessionSettings& settings, const SessionCall& call, PeerDirectory* directory, SessionStore* store,
-            EventSink sink, qint64 nowMs);
+    // directory and what store points to: not owned, outlive the session. nowMs: any steady clock, in milliseconds.
+    Session(const SessionSettings& settings, const SessionCall& call, PeerDirectory* directory,
+            const SessionStore& store, EventSink sink, qint64 nowMs);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;

@@ -8,7 +8,7 @@ namespace host {
 
 namespace {
 
-// A caller that is not proved learns nothing of what stands here.
+// A caller that is not proved learns nothing of what is here.
 const QString noRoomForStrangers = QStringLiteral("there is no room for it here");
 
 QString bytesText(const QString& pattern, qint64 first, qint64 second)
@@ -25,20 +25,19 @@ bool Inbox::refuse(RefusedFrame* refused, RefusalCode code, const QString& reaso
     return false;
 }
 
-bool Inbox::admits(const Peer& peer, const OfferFrame& offer, qint64 standing, const PartId& known,
-                   RefusedFrame* refused)
+bool Inbox::admits(const Peer& peer, const OfferFrame& offer, qint64 partBytes, RefusedFrame* refused)
 {
     if (offer.size > m_limits.maxMessageBytes)
         return refuse(refused, RefusalCode::NotAllowed,
                       bytesText(QStringLiteral("it has %1 bytes, more than the %2 that are allowed here"), offer.size,
                                 m_limits.maxMessageBytes));
-    const Part* const part = m_parts.find(known);
+    const Part* const part = m_parts.find(Parts::idOf(peer, offer.messageId));
     qint64 promised = m_parts.promisedBytes();
     if (part && !part->holder.expired()) // it gives way to the new session's
-        promised -= qMax<qint64>(0, part->announcedBytes - standing);
-    QString reason = volumeRefuses(peer, offer.size - standing, part == nullptr, qMax<qint64>(0, promised));
+        promised -= qMax<qint64>(0, part->announcedBytes - partBytes);
+    QString reason = volumeRefuses(peer, offer.size - partBytes, part == nullptr, qMax<qint64>(0, promised));
     if (reason.isEmpty())
-        reason = sharesRefuse(peer, offer, known);
+        reason = sharesRefuse(peer, offer);
     return reason.isEmpty() || refuse(refused, RefusalCode::NoRoom, reason);
 }
 
@@ -93,8 +92,9 @@ QString Inbox::sharesRefuseWithout(const QVector<Counted>& counted, const Peer& 
                : QStringLiteral("the inbox is full: there is room when messages are taken out");
 }
 
-QString Inbox::sharesRefuse(const Peer& peer, const OfferFrame& offer, const PartId& known)
+QString Inbox::sharesRefuse(const Peer& peer, const OfferFrame& offer)
 {
+    const PartId known = Parts::idOf(peer, offer.messageId);
     std::vector<PartId> without{known};
     if (sharesRefuseWithout(countedWithout(without), peer, offer).isEmpty())
         return QString();

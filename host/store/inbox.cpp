@@ -83,14 +83,14 @@ QString Inbox::recoverPart(const QString& key)
                          !content.isSymLink() && safeFileName(part.contentName) == part.contentName;
     const QDateTime touched = content.metadataChangeTime(); // not modified: that time is the sender's
     const bool isOld = touched.daysTo(QDateTime::currentDateTime()) > m_limits.partDays;
-    const PartId id = Parts::idOf(part.sender, part.id);
+    const PartId id = Parts::idOf(part);
     // A full disk may have kept the record from being taken back, and more was written since.
     if (isWhole && record.isVerified && hasHash(content.filePath(), record.sha256)) {
         QString place;
         error = moveIntoInbox(part, m_incompleteDir, m_inputDir, &m_received, &place);
         if (error.isEmpty())
             return QStringLiteral("received before the last stop: %1").arg(place);
-        // It stays a part, so that it is taken up when it is offered again, and has no double.
+        // It stays a part, so that it is resumed when it is offered again, and has no double.
     } else if (isWhole && m_received.contains(id.peerKey, id.id, part.sha256)) {
         error = m_received.takeBack(id.peerKey, id.id); // what is still here was not received
     }
@@ -195,7 +195,7 @@ std::unique_ptr<IncomingFile> Inbox::begin(const Peer& peer, const OfferFrame& o
 {
     QMutexLocker locker(&m_mutex);
     const PartId id = Parts::idOf(peer, offer.messageId);
-    const Part* known = m_parts.find(id);
+    const Part* const known = m_parts.find(id);
     if (offer.messageId == noMessageId) {
         refuse(refused, RefusalCode::NotAllowed, QStringLiteral("no message has the identifier 0"));
         return nullptr;
@@ -214,12 +214,24 @@ std::unique_ptr<IncomingFile> Inbox::begin(const Peer& peer, const OfferFrame& o
         refuse(refused, RefusalCode::Failed, QStringLiteral("another call has just put it into the inbox"));
         return nullptr;
     }
-    if (!admits(peer, offer, 0, id, refused))
+    if (!admits(peer, offer, 0, refused))
         return nullptr;
-    known = m_parts.find(id);
+    std::shared_ptr<PartHolding> holding;
+    const QString error = replacePart(peer, offer, &holding);
+    if (!error.isEmpty()) {
+        refuse(refused, RefusalCode::Failed, error);
+        return nullptr;
+    }
+    return std::make_unique<PartFile>(this, holding);
+}
+
+// The part of the same message is emptied; one of another message under its identifier is dropped.
+QString Inbox::replacePart(const Peer& peer, const OfferFrame& offer, std::shared_ptr<PartHolding>* holding)
+{
+    const PartId id = Parts::idOf(peer, offer.messageId);
+    const Part* known = m_parts.find(id);
     QString error;
     if (known && (known->sha256 != offer.sha256 || known->announcedBytes != offer.size)) {
-        // Another message under the same identifier.
         error = m_parts.drop(id);
         known = nullptr;
     }
@@ -227,19 +239,10 @@ std::unique_ptr<IncomingFile> Inbox::begin(const Peer& peer, const OfferFrame& o
         m_parts.dropOldest(peer, m_limits.maxPartsOfAbonent - 1);
         error = m_parts.create(peer, offer);
     }
-    if (!error.isEmpty()) {
-        refuse(refused, RefusalCode::Failed, error);
-        return nullptr;
-    }
-    const quint64 generation = m_parts.find(id)->generation;
-    locker.unlock();
-    OfferFrame fromTheBeginning = offer;
-    fromTheBeginning.offset = 0;
-    auto file = std::make_unique<PartFile>(this, id, generation, 0);
-    return file->resume(fromTheBeginning, generation, refused) ? std::move(file) : nullptr;
+    return error.isEmpty() ? m_parts.hold(id, 0, holding) : error;
 }
 
-std::shared_ptr<PartHolding> Inbox::takeUp(const PartId& id, const OfferFrame& offer, quint64 generation,
+std::shared_ptr<PartHolding> Inbox::resume(const PartId& id, const OfferFrame& offer, quint64 generation,
                                            RefusedFrame* refused)
 {
     QMutexLocker locker(&m_mutex);
@@ -254,7 +257,7 @@ std::shared_ptr<PartHolding> Inbox::takeUp(const PartId& id, const OfferFrame& o
         refuse(refused, RefusalCode::WrongHash, QStringLiteral("what stood of it has changed meanwhile"));
         return nullptr;
     }
-    if (!admits(part->sender, offer, offer.offset, id, refused))
+    if (!admits(part->sender, offer, offer.offset, refused))
         return nullptr;
     std::shared_ptr<PartHolding> holding;
     const QString error = m_parts.hold(id, offer.offset, &holding);
@@ -269,7 +272,7 @@ QString Inbox::openPart(const PartId& id, QFile* file)
     return m_parts.open(id, file);
 }
 
-void Inbox::discardPart(const PartId& id, const std::shared_ptr<PartHolding>& holding)
+void Inbox::discard(PartHolding* holding)
 {
     QMutexLocker locker(&m_mutex);
     {
@@ -277,12 +280,12 @@ void Inbox::discardPart(const PartId& id, const std::shared_ptr<PartHolding>& ho
         if (holding->isLost)
             return;
     }
-    (void)m_parts.drop(id); // tried again at the next start
+    (void)m_parts.drop(Parts::idOf(holding->part)); // tried again at the next start
 }
 
-QString Inbox::storePart(const PartId& id, const std::shared_ptr<PartHolding>& holding, const OfferFrame& offer,
-                         QString* place)
+QString Inbox::store(PartHolding* holding, const OfferFrame& offer, QString* place)
 {
+    const PartId id = Parts::idOf(holding->part);
     {
         QMutexLocker locker(&m_mutex);
         QMutexLocker held(&holding->mutex);
@@ -290,7 +293,7 @@ QString Inbox::storePart(const PartId& id, const std::shared_ptr<PartHolding>& h
             return QStringLiteral("another call has taken the message over");
         m_parts.setStoring(id, true);
     }
-    QString error = makeDurable(holding.get(), m_incompleteDir, offer);
+    QString error = makeDurable(holding, m_incompleteDir, offer);
     const bool isDurable = error.isEmpty();
     QMutexLocker locker(&m_mutex);
     if (isDurable)

@@ -1,6 +1,6 @@
 // What arrives: parts in the incomplete directory, whole messages in the input directory.
 //
-//   incomplete/00000001/<name>     what stands of a message
+//   incomplete/00000001/<name>     the part of a message that has arrived
 //   incomplete/00000001/.message   what was announced (JSON); "verified" once it is whole
 //   input/00000001/<name>          a whole message, its hash verified
 //   input/00000001/.message        from whom, when, under which name, with which hash
@@ -8,9 +8,9 @@
 // A message becomes received in steps that can be cut off anywhere: content synced, record
 // marked verified, entry in the list of received messages, directory moved to the input
 // directory. From the record on, the start after a crash completes them. While they last
-// the part belongs to nobody: no session can take it up. Nor can one whose entry stands in the
-// list and can be taken back no more, while its directory cannot be moved: the next start would
-// believe the list, and the sender with it, so that the part has to stay until one of the two works.
+// the part belongs to nobody: no session can resume it. The same holds while the entry is in the
+// list and cannot be taken back, and the directory cannot be moved: the next start would believe
+// the list, and so would the sender. Such a part is kept until one of the two works again.
 #pragma once
 
 #include "host/session/sessionstore.h"
@@ -45,28 +45,29 @@ struct ReceivedMessage
 };
 
 // Any thread may call any operation.
-class Inbox
+class Inbox : public IncomingStore
 {
 public:
     Inbox(const QDir& inputDir, const QDir& incompleteDir, const QString& receivedListPath,
           const InboxLimits& limits = {});
-    ~Inbox();
+    ~Inbox() override;
 
     // Call it once, before anything else: creates the directories, completes what a crash
     // cut off. Texts tell of what was found (for the journal); *error is set when the inbox
     // cannot be used.
     QStringList open(QString* error);
 
-    // Whole messages, oldest first, and what stands of whom. Need no open(); count afresh.
+    // Whole messages, oldest first, and whose messages and parts take how much. Need no open(); count
+    // afresh.
     [[nodiscard]] QVector<ReceivedMessage> messages() const;
     [[nodiscard]] InboxUsage usage() const;
 
-    // See SessionStore.
-    [[nodiscard]] QVector<quint64> unsettled(const Peer& peer);
-    void settle(const Peer& peer, const QVector<quint64>& messageIds);
-    [[nodiscard]] bool isStored(const Peer& peer, quint64 messageId, const QByteArray& sha256);
-    std::vector<std::unique_ptr<IncomingFile>> parts(const Peer& peer);
-    std::unique_ptr<IncomingFile> begin(const Peer& peer, const OfferFrame& offer, RefusedFrame* refused);
+    // See IncomingStore.
+    [[nodiscard]] QVector<quint64> unsettled(const Peer& peer) override;
+    void settle(const Peer& peer, const QVector<quint64>& messageIds) override;
+    [[nodiscard]] bool isStored(const Peer& peer, quint64 messageId, const QByteArray& sha256) override;
+    std::vector<std::unique_ptr<IncomingFile>> parts(const Peer& peer) override;
+    std::unique_ptr<IncomingFile> begin(const Peer& peer, const OfferFrame& offer, RefusedFrame* refused) override;
 
 private:
     friend class PartFile;
@@ -75,21 +76,22 @@ private:
     QString endDoubt(const PartId& id); // an error text, or empty
     static bool refuse(RefusedFrame* refused, RefusalCode code, const QString& reason); // false
 
-    // False with *refused set. known: what stands of the message, if anything.
-    bool admits(const Peer& peer, const OfferFrame& offer, qint64 standing, const PartId& known, RefusedFrame* refused);
+    QString replacePart(const Peer& peer, const OfferFrame& offer, std::shared_ptr<PartHolding>* holding);
+
+    // False with *refused set. partBytes: of the message that need not come any more.
+    bool admits(const Peer& peer, const OfferFrame& offer, qint64 partBytes, RefusedFrame* refused);
     [[nodiscard]] QString volumeRefuses(const Peer& peer, qint64 wanted, bool isNew, qint64 promised) const;
-    [[nodiscard]] QString sharesRefuse(const Peer& peer, const OfferFrame& offer, const PartId& known);
+    [[nodiscard]] QString sharesRefuse(const Peer& peer, const OfferFrame& offer);
     [[nodiscard]] QString sharesRefuseWithout(const QVector<Counted>& counted, const Peer& peer,
                                               const OfferFrame& offer) const;
     [[nodiscard]] QVector<Counted> countedWithout(const std::vector<PartId>& without) const;
 
-    // For PartFile. takeUp(): null with *refused set.
+    // For PartFile. resume(): null with *refused set.
     QString openPart(const PartId& id, QFile* file);
-    std::shared_ptr<PartHolding> takeUp(const PartId& id, const OfferFrame& offer, quint64 generation,
+    std::shared_ptr<PartHolding> resume(const PartId& id, const OfferFrame& offer, quint64 generation,
                                         RefusedFrame* refused);
-    QString storePart(const PartId& id, const std::shared_ptr<PartHolding>& holding, const OfferFrame& offer,
-                      QString* place);
-    void discardPart(const PartId& id, const std::shared_ptr<PartHolding>& holding);
+    QString store(PartHolding* holding, const OfferFrame& offer, QString* place);
+    void discard(PartHolding* holding);
     [[nodiscard]] QString diskIsFull(qint64 wanted) const;
 
     const QDir m_inputDir;

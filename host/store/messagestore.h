@@ -1,7 +1,6 @@
-// The messages of an installation on its disk: the queue and the inbox, as sessions see them.
+// The messages of an installation on its disk: the queue and the inbox.
 #pragma once
 
-#include "host/session/sessionstore.h"
 #include "host/store/inbox.h"
 #include "host/store/outgoingqueue.h"
 
@@ -22,7 +21,7 @@ struct StorePaths
 };
 
 // Any thread may call any operation.
-class MessageStore : public SessionStore
+class MessageStore
 {
 public:
     explicit MessageStore(const StorePaths& paths, const InboxLimits& limits = {});
@@ -34,19 +33,7 @@ public:
     OutgoingQueue& queue() { return m_queue; }
     Inbox& inbox() { return m_inbox; }
 
-    std::optional<OutgoingMessage> claimNext(const Peer& peer, const void* session) override;
-    bool hasUnclaimed(const Peer& peer) override;
-    void releaseAll(const void* session) override;
-    QSet<quint64> queuedIds(const Peer& peer) override;
-    std::unique_ptr<QIODevice> openOutgoing(const OutgoingMessage& message, QString* error) override;
-    QString delivered(const OutgoingMessage& message) override;
-    void notDelivered(const OutgoingMessage& message, const QString& reason, Fault fault) override;
-    QVector<quint64> unsettled(const Peer& peer) override;
-    void settle(const Peer& peer, const QVector<quint64>& messageIds) override;
-    bool isStored(const Peer& peer, quint64 messageId, const QByteArray& sha256) override;
-    std::vector<std::unique_ptr<IncomingFile>> parts(const Peer& peer) override;
-    std::unique_ptr<IncomingFile> beginIncoming(const Peer& peer, const OfferFrame& offer,
-                                                RefusedFrame* refused) override;
+    [[nodiscard]] SessionStore forSessions() { return {&m_queue, &m_inbox}; }
 
 private:
     OutgoingQueue m_queue;

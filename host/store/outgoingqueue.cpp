@@ -25,7 +25,7 @@ namespace {
 constexpr int copyBytes = 256 * 1024;
 constexpr int lockTimeoutMs = 30000;
 constexpr qint64 orphanAgeSecs = 600; // an enqueue() between its last two steps is younger
-constexpr qint64 holdMs = 5 * 60 * 1000;
+constexpr qint64 postponeMs = 5 * 60 * 1000;
 
 const QString contentName = QStringLiteral("content");
 const QString reasonName = QStringLiteral("reason.json");
@@ -378,11 +378,14 @@ QString OutgoingQueue::verify(const OutgoingMessage& message) const
 
 bool OutgoingQueue::isClaimable(const Entry& entry, const QString& key) const
 {
-    return !entry.claimedBy && entry.abonentKey == key && entry.heldUntilMs <= m_clock.elapsed();
+    return !entry.claimedBy && entry.abonentKey == key && entry.postponedUntilMs <= m_clock.elapsed();
 }
 
-std::optional<OutgoingMessage> OutgoingQueue::claimNext(const QString& key, const void* session)
+std::optional<OutgoingMessage> OutgoingQueue::claimNext(const Peer& peer, const void* session)
 {
+    if (!peer.isProved)
+        return std::nullopt;
+    const QString key = abonentKey(peer.abonent);
     QMutexLocker locker(&m_mutex);
     for (Entry& entry : m_entries) {
         if (isClaimable(entry, key)) {
@@ -393,11 +396,28 @@ std::optional<OutgoingMessage> OutgoingQueue::claimNext(const QString& key, cons
     return std::nullopt;
 }
 
-bool OutgoingQueue::hasUnclaimed(const QString& key) const
+bool OutgoingQueue::hasUnclaimed(const Peer& peer) const
 {
+    if (!peer.isProved)
+        return false;
+    const QString key = abonentKey(peer.abonent);
     QMutexLocker locker(&m_mutex);
     return std::any_of(m_entries.cbegin(), m_entries.cend(),
                        [&](const Entry& entry) { return isClaimable(entry, key); });
+}
+
+QSet<quint64> OutgoingQueue::queuedIds(const Peer& peer) const
+{
+    QSet<quint64> ids;
+    if (!peer.isProved)
+        return ids;
+    const QString key = abonentKey(peer.abonent);
+    QMutexLocker locker(&m_mutex);
+    for (const Entry& entry : m_entries) {
+        if (entry.abonentKey == key)
+            ids.insert(entry.message.id);
+    }
+    return ids;
 }
 
 QStringList OutgoingQueue::waitingAbonents() const
@@ -423,11 +443,28 @@ void OutgoingQueue::releaseAll(const void* session)
     }
 }
 
-void OutgoingQueue::hold(const OutgoingMessage& message)
+void OutgoingQueue::notDelivered(const OutgoingMessage& message, const QString& reason, Fault fault)
+{
+    WaitReason told;
+    told.kind = fault == Fault::Local ? WaitReason::Kind::CopyAtFault : WaitReason::Kind::Refused;
+    told.text = reason;
+    if (fault == Fault::Recheck) {
+        const QString damage = verify(message);
+        if (!damage.isEmpty()) {
+            told.kind = WaitReason::Kind::CopyAtFault;
+            told.text = damage;
+        }
+    }
+    setReason(message, told);
+    if (told.kind == WaitReason::Kind::CopyAtFault)
+        postpone(message);
+}
+
+void OutgoingQueue::postpone(const OutgoingMessage& message)
 {
     QMutexLocker locker(&m_mutex);
     if (Entry* entry = find(message.id))
-        entry->heldUntilMs = m_clock.elapsed() + holdMs;
+        entry->postponedUntilMs = m_clock.elapsed() + postponeMs;
 }
 
 } // namespace host

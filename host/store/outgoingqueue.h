@@ -35,7 +35,7 @@ struct QueuedMessage : OutgoingMessage
 };
 
 // Any thread may call any operation.
-class OutgoingQueue
+class OutgoingQueue : public OutgoingStore
 {
 public:
     OutgoingQueue(const QDir& outputDir, const QDir& tasksDir);
@@ -54,8 +54,14 @@ public:
     // the queue. Texts tell of links that were left aside.
     QStringList cleanUp();
 
-    // Takes a message out of the queue. An error text, empty on success.
-    QString remove(const OutgoingMessage& message);
+    // See OutgoingStore.
+    std::optional<OutgoingMessage> claimNext(const Peer& peer, const void* session) override;
+    [[nodiscard]] bool hasUnclaimed(const Peer& peer) const override;
+    void releaseAll(const void* session) override;
+    [[nodiscard]] QSet<quint64> queuedIds(const Peer& peer) const override;
+    std::unique_ptr<QIODevice> open(const OutgoingMessage& message, QString* error) const override;
+    QString remove(const OutgoingMessage& message) override;
+    void notDelivered(const OutgoingMessage& message, const QString& reason, Fault fault) override;
 
     // Keeps the reason with the message. Cheap when it is the same again.
     void setReason(const OutgoingMessage& message, const WaitReason& reason);
@@ -69,19 +75,8 @@ public:
     // Those for whom messages wait that no session has claimed, in the order of the oldest.
     [[nodiscard]] QStringList waitingAbonents() const;
 
-    // The message of which the copy in the queue is asked for; null with *error set.
-    std::unique_ptr<QIODevice> open(const OutgoingMessage& message, QString* error) const;
-
     // Whether the copy still has its hash; an error text if not. Reads it all.
     [[nodiscard]] QString verify(const OutgoingMessage& message) const;
-
-    // Claims: see SessionStore. key: of the abonent.
-    std::optional<OutgoingMessage> claimNext(const QString& abonentKey, const void* session);
-    [[nodiscard]] bool hasUnclaimed(const QString& abonentKey) const;
-    void releaseAll(const void* session);
-
-    // Leave the message alone for a while: its copy is at fault.
-    void hold(const OutgoingMessage& message);
 
 private:
     struct Entry
@@ -89,7 +84,7 @@ private:
         QueuedMessage message;
         QString abonentKey;
         const void* claimedBy = nullptr; // not owned, only compared
-        qint64 heldUntilMs = 0;
+        qint64 postponedUntilMs = 0;
     };
 
     [[nodiscard]] QString copyIntoQueue(const QString& filePath, const OpenDirectory& directory,
@@ -101,6 +96,7 @@ private:
     [[nodiscard]] bool isClaimable(const Entry& entry, const QString& abonentKey) const;
     Entry* find(quint64 id);
     void saveReason(const OutgoingMessage& message, const WaitReason& reason) const;
+    void postpone(const OutgoingMessage& message); // not to be claimed for a while
 
     const QDir m_outputDir;
     const QDir m_tasksDir;

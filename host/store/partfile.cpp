@@ -12,15 +12,21 @@ constexpr qint64 askEveryBytes = 1024 * 1024;
 
 } // namespace
 
-PartFile::PartFile(Inbox* inbox, const PartId& id, quint64 generation, qint64 standing)
-    : m_inbox(inbox), m_id(id), m_generation(generation), m_standing(standing), m_backLeft(standing)
+PartFile::PartFile(Inbox* inbox, const PartId& id, quint64 generation, qint64 partBytes)
+    : m_inbox(inbox), m_id(id), m_generation(generation), m_partBytes(partBytes), m_backLeft(partBytes)
+{
+}
+
+PartFile::PartFile(Inbox* inbox, std::shared_ptr<PartHolding> holding)
+    : m_inbox(inbox), m_id(Parts::idOf(holding->part)), m_generation(holding->part.generation), m_partBytes(0),
+      m_backLeft(0), m_holding(std::move(holding))
 {
 }
 
 qint64 PartFile::length() const
 {
     if (!m_holding)
-        return m_standing;
+        return m_partBytes;
     QMutexLocker locker(&m_holding->mutex);
     return m_holding->file.size();
 }
@@ -39,10 +45,10 @@ QByteArray PartFile::readBack(qint64 maxSize, QString* error)
     return bytes;
 }
 
-bool PartFile::resume(const OfferFrame& offer, quint64 generation, RefusedFrame* refused)
+bool PartFile::resume(const OfferFrame& offer, RefusedFrame* refused)
 {
     m_back.close();
-    m_holding = m_inbox->takeUp(m_id, offer, generation, refused);
+    m_holding = m_inbox->resume(m_id, offer, m_generation, refused);
     if (m_holding)
         m_generation = m_holding->part.generation;
     return m_holding != nullptr;
@@ -72,13 +78,13 @@ QString PartFile::append(const QByteArray& bytes)
 
 QString PartFile::store(const OfferFrame& offer, QString* place)
 {
-    return m_holding ? m_inbox->storePart(m_id, m_holding, offer, place) : QStringLiteral("not resumed");
+    return m_holding ? m_inbox->store(m_holding.get(), offer, place) : QStringLiteral("not resumed");
 }
 
 void PartFile::discard()
 {
     if (m_holding)
-        m_inbox->discardPart(m_id, m_holding);
+        m_inbox->discard(m_holding.get());
 }
 
 } // namespace host

@@ -15,14 +15,16 @@ class Inbox;
 class PartFile : public IncomingFile
 {
 public:
-    // standing: bytes that stand now.
-    PartFile(Inbox* inbox, const PartId& id, quint64 generation, qint64 standing);
+    // A part of partBytes that is left from an earlier session.
+    PartFile(Inbox* inbox, const PartId& id, quint64 generation, qint64 partBytes);
+
+    // One that is begun.
+    PartFile(Inbox* inbox, std::shared_ptr<PartHolding> holding);
 
     [[nodiscard]] quint64 messageId() const override { return m_id.id; }
     [[nodiscard]] qint64 length() const override;
     QByteArray readBack(qint64 maxSize, QString* error) override;
-    [[nodiscard]] quint64 generation() const override { return m_generation; }
-    bool resume(const OfferFrame& offer, quint64 generation, RefusedFrame* refused) override;
+    bool resume(const OfferFrame& offer, RefusedFrame* refused) override;
     QString append(const QByteArray& bytes) override;
     QString store(const OfferFrame& offer, QString* place) override;
     void discard() override;
@@ -30,12 +32,12 @@ public:
 private:
     Inbox* const m_inbox; // not owned
     const PartId m_id;
-    quint64 m_generation;
-    const qint64 m_standing;
-    QFile m_back; // for reading what stood at first
+    quint64 m_generation; // of the part, when this object was made or has resumed it
+    const qint64 m_partBytes; // when this object was made
+    QFile m_back; // for reading them back
     qint64 m_backLeft;
     qint64 m_unaskedBytes = 0; // written since the volume was asked for its room
-    std::shared_ptr<PartHolding> m_holding; // null until resumed
+    std::shared_ptr<PartHolding> m_holding; // null until the part is begun or resumed
 };
 
 } // namespace host

@@ -17,11 +17,6 @@ namespace {
 
 const QString plainContentName = QStringLiteral("file"); // any file system can hold it
 
-PartId idOfPart(const Part& part)
-{
-    return Parts::idOf(part.sender, part.id);
-}
-
 } // namespace
 
 const Part* Parts::find(const PartId& id) const
@@ -53,7 +48,7 @@ std::vector<PartId> Parts::selected(const Peer& peer, bool isStoring) const
 
 void Parts::insert(const Part& part)
 {
-    Part& mine = m_parts[keyOf(idOfPart(part))];
+    Part& mine = m_parts[keyOf(idOf(part))];
     mine = part;
     mine.generation = ++m_lastGeneration;
 }
@@ -87,7 +82,7 @@ QVector<Counted> Parts::countedWithout(const std::vector<PartId>& without) const
     for (auto it = m_parts.cbegin(); it != m_parts.cend(); ++it) {
         const auto isIt = [&](const PartId& id) { return keyOf(id) == it.key(); };
         if (std::none_of(without.begin(), without.end(), isIt))
-            found.append({shareKey(it->sender), it->sender.abonent, shareOf(idOfPart(*it))});
+            found.append({shareKey(it->sender), it->sender.abonent, shareOf(idOf(*it))});
     }
     return found;
 }
@@ -112,7 +107,7 @@ std::vector<PartId> Parts::idle(const QString& key) const
     std::sort(found.begin(), found.end(), [](const Part* a, const Part* b) { return a->touchedMs < b->touchedMs; });
     std::vector<PartId> ids;
     for (const Part* part : found)
-        ids.push_back(idOfPart(*part));
+        ids.push_back(idOf(*part));
     return ids;
 }
 
@@ -151,7 +146,7 @@ QString Parts::create(const Peer& sender, const OfferFrame& offer)
     error = dir.makeDirectory(part.key);
     if (!error.isEmpty())
         return error;
-    error = fill(sender, offer, &part);
+    error = fill(offer, &part);
     if (!error.isEmpty()) {
         const QString removal = dir.removeTree(part.key);
         return removal.isEmpty() ? error : error + QStringLiteral("; ") + removal;
@@ -161,7 +156,7 @@ QString Parts::create(const Peer& sender, const OfferFrame& offer)
 }
 
 // Without syncing: a part that a power failure tears is begun anew.
-QString Parts::fill(const Peer& sender, const OfferFrame& offer, Part* part)
+QString Parts::fill(const OfferFrame& offer, Part* part)
 {
     QString error;
     const OpenDirectory directory = OpenDirectory::at(pathOf(*part), &error);
@@ -180,7 +175,7 @@ QString Parts::fill(const Peer& sender, const OfferFrame& offer, Part* part)
     error = directory.createFile(messageRecordName, &record);
     if (!error.isEmpty())
         return error;
-    const QByteArray bytes = QJsonDocument(MessageRecord::of(sender, offer, part->contentName).toJson()).toJson();
+    const QByteArray bytes = QJsonDocument(MessageRecord::of(part->sender, offer, part->contentName).toJson()).toJson();
     if (record.write(bytes) == bytes.size())
         return QString();
     return QStringLiteral("cannot write %1: %2").arg(directory.pathOf(messageRecordName), record.errorString());

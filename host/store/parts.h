@@ -1,5 +1,5 @@
-// The parts of messages that stand in the incomplete directory: whose they are, who holds
-// them, how often they were taken up.
+// The parts of messages in the incomplete directory: whose they are, who holds them, how often
+// they were resumed.
 #pragma once
 
 #include "host/session/peer.h"
@@ -30,7 +30,7 @@ struct Part
     QByteArray sha256;
     qint64 announcedBytes = 0; // of the whole message
     qint64 touchedMs = 0;
-    quint64 generation = 0; // another one with each taking up
+    quint64 generation = 0; // another one each time the part is begun or resumed
     bool isStoring = false; // being put into the inbox: belongs to nobody
     std::weak_ptr<PartHolding> holder;
 };
@@ -59,6 +59,7 @@ public:
     explicit Parts(const QDir& dir) : m_dir(dir) {}
 
     [[nodiscard]] static PartId idOf(const Peer& peer, quint64 id) { return {peerKey(peer), id}; }
+    [[nodiscard]] static PartId idOf(const Part& part) { return idOf(part.sender, part.id); }
 
     [[nodiscard]] const Part* find(const PartId& id) const;
     [[nodiscard]] std::vector<PartId> of(const Peer& peer) const; // without those being stored
@@ -98,7 +99,7 @@ private:
     using Key = QPair<QString, quint64>;
 
     static Key keyOf(const PartId& id) { return {id.peerKey, id.id}; }
-    QString fill(const Peer& sender, const OfferFrame& offer, Part* part);
+    QString fill(const OfferFrame& offer, Part* part);
     void takeAway(const Part& part);
     [[nodiscard]] std::vector<PartId> selected(const Peer& peer, bool isStoring) const;
 

@@ -24,12 +24,10 @@ public:
         return bytes;
     }
 
-    quint64 generation() const override { return m_generation; }
-
-    bool resume(const OfferFrame& offer, quint64 generation, RefusedFrame* refused) override
+    bool resume(const OfferFrame& offer, RefusedFrame* refused) override
     {
         QByteArray& stands = m_store->standing[m_id];
-        if (generation != m_store->generations[m_id] || offer.offset > stands.size()) {
+        if (m_generation != m_store->generations[m_id] || offer.offset > stands.size()) {
             refused->code = RefusalCode::WrongHash;
             refused->reason = QStringLiteral("what stood of it has changed");
             return false;
@@ -96,7 +94,7 @@ std::optional<OutgoingMessage> MemoryStore::claimNext(const Peer& peer, const vo
     return std::nullopt;
 }
 
-bool MemoryStore::hasUnclaimed(const Peer& peer)
+bool MemoryStore::hasUnclaimed(const Peer& peer) const
 {
     if (!peer.isProved)
         return false;
@@ -115,7 +113,7 @@ void MemoryStore::releaseAll(const void* session)
     }
 }
 
-QSet<quint64> MemoryStore::queuedIds(const Peer& peer)
+QSet<quint64> MemoryStore::queuedIds(const Peer& peer) const
 {
     QSet<quint64> ids;
     if (peer.isProved) {
@@ -125,7 +123,7 @@ QSet<quint64> MemoryStore::queuedIds(const Peer& peer)
     return ids;
 }
 
-std::unique_ptr<QIODevice> MemoryStore::openOutgoing(const OutgoingMessage& message, QString* error)
+std::unique_ptr<QIODevice> MemoryStore::open(const OutgoingMessage& message, QString* error) const
 {
     if (!openError.isEmpty()) {
         *error = openError;
@@ -143,7 +141,7 @@ std::unique_ptr<QIODevice> MemoryStore::openOutgoing(const OutgoingMessage& mess
     return nullptr;
 }
 
-QString MemoryStore::delivered(const OutgoingMessage& message)
+QString MemoryStore::remove(const OutgoingMessage& message)
 {
     deliveredNames.append(message.fileName);
     for (auto it = outgoing.begin(); it != outgoing.end(); ++it) {
@@ -185,7 +183,7 @@ std::vector<std::unique_ptr<IncomingFile>> MemoryStore::parts(const Peer&)
     return files;
 }
 
-std::unique_ptr<IncomingFile> MemoryStore::beginIncoming(const Peer&, const OfferFrame& offer, RefusedFrame* refused)
+std::unique_ptr<IncomingFile> MemoryStore::begin(const Peer&, const OfferFrame& offer, RefusedFrame* refused)
 {
     if (refuseBegin) {
         *refused = beginRefusal;

@@ -20,25 +20,27 @@ struct InboxEntry
     QByteArray content;
 };
 
-class MemoryStore : public host::SessionStore
+class MemoryStore : public host::OutgoingStore, public host::IncomingStore
 {
 public:
     // Queues a message for whoever connects and is proved.
     quint64 queue(const QString& fileName, const QByteArray& content);
 
     std::optional<host::OutgoingMessage> claimNext(const host::Peer& peer, const void* session) override;
-    bool hasUnclaimed(const host::Peer& peer) override;
+    bool hasUnclaimed(const host::Peer& peer) const override;
     void releaseAll(const void* session) override;
-    QSet<quint64> queuedIds(const host::Peer& peer) override;
-    std::unique_ptr<QIODevice> openOutgoing(const host::OutgoingMessage& message, QString* error) override;
-    QString delivered(const host::OutgoingMessage& message) override;
+    QSet<quint64> queuedIds(const host::Peer& peer) const override;
+    std::unique_ptr<QIODevice> open(const host::OutgoingMessage& message, QString* error) const override;
+    QString remove(const host::OutgoingMessage& message) override;
     void notDelivered(const host::OutgoingMessage& message, const QString& reason, Fault fault) override;
     QVector<quint64> unsettled(const host::Peer& peer) override;
     void settle(const host::Peer& peer, const QVector<quint64>& messageIds) override;
     bool isStored(const host::Peer& peer, quint64 messageId, const QByteArray& sha256) override;
     std::vector<std::unique_ptr<host::IncomingFile>> parts(const host::Peer& peer) override;
-    std::unique_ptr<host::IncomingFile> beginIncoming(const host::Peer& peer, const host::OfferFrame& offer,
-                                                      host::RefusedFrame* refused) override;
+    std::unique_ptr<host::IncomingFile> begin(const host::Peer& peer, const host::OfferFrame& offer,
+                                              host::RefusedFrame* refused) override;
+
+    host::SessionStore forSessions() { return {this, this}; }
 
     struct Outgoing
     {

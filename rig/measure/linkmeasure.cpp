@@ -52,7 +52,8 @@ public:
         m_directory.everybodyElse = QString::number(1 - end);
         const host::SessionCall call{end == 0, m_directory.everybodyElse};
         m_session = std::make_unique<host::Session>(
-            settings, call, &m_directory, &store, [this](const host::SessionEvent& event) { note(event); }, nowMs());
+            settings, call, &m_directory, store.forSessions(), [this](const host::SessionEvent& event) { note(event); },
+            nowMs());
         m_pass = std::make_unique<host::SessionPass>(m_session.get(), m_channel.get(), profile.maxBytesToWrite, nowMs);
     }
 

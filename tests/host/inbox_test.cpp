@@ -31,9 +31,9 @@ TEST_F(InboxTest, WhatAStrangerSentIsNotStoredAgainOnceItIsKnown)
     receiveWhole(store.get(), stranger, offer, "content");
     Peer known = bob;
     known.publicKey = stranger.publicKey;
-    EXPECT_TRUE(store->isStored(known, 7, offer.sha256));
+    EXPECT_TRUE(store->inbox().isStored(known, 7, offer.sha256));
     known.publicKey = unprovedPeer('t').publicKey;
-    EXPECT_FALSE(store->isStored(known, 7, offer.sha256));
+    EXPECT_FALSE(store->inbox().isStored(known, 7, offer.sha256));
 }
 
 TEST_F(InboxTest, AWholeMessageAppearsWithItsRecord)
@@ -45,11 +45,11 @@ TEST_F(InboxTest, AWholeMessageAppearsWithItsRecord)
     EXPECT_EQ(readAll(place), QByteArray("content"));
     EXPECT_EQ(QFileInfo(place).lastModified().toSecsSinceEpoch(), 1000000000);
     EXPECT_EQ(partNames(), QStringList());
-    EXPECT_TRUE(store->isStored(bob, 7, offer.sha256));
-    EXPECT_FALSE(store->isStored(bob, 7, QByteArray(32, 'x')));
-    EXPECT_FALSE(store->isStored(bob, 8, offer.sha256));
-    EXPECT_EQ(store->unsettled(provedPeer(QStringLiteral("БОБ"))), (QVector<quint64>{7}));
-    EXPECT_EQ(store->unsettled(provedPeer(QStringLiteral("Carol"))), QVector<quint64>());
+    EXPECT_TRUE(store->inbox().isStored(bob, 7, offer.sha256));
+    EXPECT_FALSE(store->inbox().isStored(bob, 7, QByteArray(32, 'x')));
+    EXPECT_FALSE(store->inbox().isStored(bob, 8, offer.sha256));
+    EXPECT_EQ(store->inbox().unsettled(provedPeer(QStringLiteral("БОБ"))), (QVector<quint64>{7}));
+    EXPECT_EQ(store->inbox().unsettled(provedPeer(QStringLiteral("Carol"))), QVector<quint64>());
     const QVector<ReceivedMessage> messages = store->inbox().messages();
     ASSERT_EQ(messages.size(), 1);
     EXPECT_EQ(messages.first().abonent, bob.abonent);
@@ -62,7 +62,7 @@ TEST_F(InboxTest, AWholeMessageAppearsWithItsRecord)
 TEST_F(InboxTest, NothingIsInTheInboxBeforeItIsWhole)
 {
     const auto store = open();
-    const auto file = store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), "content"), &refused);
+    const auto file = store->inbox().begin(bob, offerOf(7, QStringLiteral("f"), "content"), &refused);
     ASSERT_TRUE(file);
     EXPECT_EQ(file->append("cont"), QString());
     EXPECT_EQ(store->inbox().messages().size(), 0);
@@ -94,12 +94,12 @@ TEST_F(InboxTest, PartsAreTakenUpAfterARestart)
     const OfferFrame offer = offerOf(7, QStringLiteral("f"), "0123456789");
     {
         const auto store = open();
-        EXPECT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
+        EXPECT_EQ(store->inbox().begin(bob, offer, &refused)->append("012345"), QString());
     }
     const auto store = open();
     EXPECT_EQ(notes, QStringList());
-    EXPECT_TRUE(store->parts(provedPeer(QStringLiteral("Carol"))).empty());
-    auto parts = store->parts(bob);
+    EXPECT_TRUE(store->inbox().parts(provedPeer(QStringLiteral("Carol"))).empty());
+    auto parts = store->inbox().parts(bob);
     ASSERT_EQ(parts.size(), 1u);
     EXPECT_EQ(parts[0]->messageId(), 7u);
     EXPECT_EQ(parts[0]->length(), 6);
@@ -118,9 +118,9 @@ TEST_F(InboxTest, TheNewerCallTakesAPartOver)
 {
     const auto store = open();
     const OfferFrame offer = offerOf(7, QStringLiteral("f"), "0123456789");
-    const auto earlier = store->beginIncoming(bob, offer, &refused);
+    const auto earlier = store->inbox().begin(bob, offer, &refused);
     EXPECT_EQ(earlier->append("0123"), QString());
-    auto parts = store->parts(bob);
+    auto parts = store->inbox().parts(bob);
     ASSERT_EQ(parts.size(), 1u);
     EXPECT_EQ(earlier->append("4"), QString()) << "not taken over until resumed";
     QString error;
@@ -138,7 +138,7 @@ TEST_F(InboxTest, TheNewerCallTakesAPartOver)
 TEST_F(InboxTest, AnotherMessageUnderTheSameIdReplacesThePart)
 {
     const auto store = open();
-    EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("old"), "old content"), &refused)->append("old"),
+    EXPECT_EQ(store->inbox().begin(bob, offerOf(7, QStringLiteral("old"), "old content"), &refused)->append("old"),
               QString());
     const QString place = receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("new"), "new"), "new");
     EXPECT_TRUE(place.endsWith(QStringLiteral("/new")));
@@ -150,7 +150,7 @@ TEST_F(InboxTest, LimitsRefuse)
     InboxLimits limits;
     limits.maxMessageBytes = 10;
     const auto store = open(limits);
-    EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), QByteArray(11, 'x')), &refused), nullptr);
+    EXPECT_EQ(store->inbox().begin(bob, offerOf(7, QStringLiteral("f"), QByteArray(11, 'x')), &refused), nullptr);
     EXPECT_EQ(refused.code, RefusalCode::NotAllowed);
     EXPECT_EQ(refused.reason, QStringLiteral("it has 11 bytes, more than the 10 that are allowed here"));
 }
@@ -160,7 +160,7 @@ TEST_F(InboxTest, AFullDiskRefuses)
     const auto store = open();
     OfferFrame offer = offerOf(7, QStringLiteral("f"), "x");
     offer.size = Q_INT64_C(1) << 50;
-    EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
+    EXPECT_EQ(store->inbox().begin(bob, offer, &refused), nullptr);
     EXPECT_EQ(refused.code, RefusalCode::NoRoom);
     EXPECT_TRUE(refused.reason.startsWith(QStringLiteral("the disk is full: 1125899906842624 bytes are needed, ")));
     EXPECT_EQ(partNames(), QStringList());
@@ -172,10 +172,10 @@ TEST_F(InboxTest, BeginningsDoNotFillTheDisk)
     limits.maxPartsOfAbonent = 3;
     const auto store = open(limits);
     for (quint64 id = 1; id <= 10; ++id) {
-        ASSERT_TRUE(store->beginIncoming(bob, offerOf(id, QStringLiteral("f"), "xx"), &refused));
+        ASSERT_TRUE(store->inbox().begin(bob, offerOf(id, QStringLiteral("f"), "xx"), &refused));
     }
     EXPECT_EQ(partNames().size(), 3);
-    EXPECT_EQ(store->parts(bob).size(), 3u);
+    EXPECT_EQ(store->inbox().parts(bob).size(), 3u);
 }
 
 // Each state that a crash between the steps of receiving leaves behind.
@@ -198,8 +198,8 @@ TEST_F(InboxTest, ACrashAfterTheRecordIsCompleted)
         const auto store = open();
         EXPECT_EQ(notes.size(), 1);
         EXPECT_EQ(partNames(), QStringList());
-        EXPECT_TRUE(store->isStored(bob, id, offer.sha256));
-        EXPECT_TRUE(store->unsettled(bob).contains(id)) << "the sender may not know";
+        EXPECT_TRUE(store->inbox().isStored(bob, id, offer.sha256));
+        EXPECT_TRUE(store->inbox().unsettled(bob).contains(id)) << "the sender may not know";
     }
     const auto store = open();
     EXPECT_EQ(store->inbox().messages().size(), 2);
@@ -221,14 +221,14 @@ TEST_F(InboxTest, UselessPartsAreRemoved)
     EXPECT_EQ(notes.size(), 4);
     EXPECT_EQ(partNames(), QStringList());
     EXPECT_EQ(readAll(outside), QByteArray("content"));
-    EXPECT_TRUE(store->parts(bob).empty());
+    EXPECT_TRUE(store->inbox().parts(bob).empty());
 }
 
 TEST_F(InboxTest, WhatCannotBeMovedIsNotReceived)
 {
     const auto store = open();
     const OfferFrame offer = offerOf(7, QStringLiteral("f"), "content");
-    auto file = store->beginIncoming(bob, offer, &refused);
+    auto file = store->inbox().begin(bob, offer, &refused);
     EXPECT_EQ(file->append("content"), QString());
     // The input directory gives way to a file: no rename into it can succeed.
     ASSERT_TRUE(QDir().rmdir(paths.input.absolutePath()));
@@ -236,13 +236,13 @@ TEST_F(InboxTest, WhatCannotBeMovedIsNotReceived)
     QString place;
     EXPECT_TRUE(file->store(offer, &place)
                     .startsWith(QStringLiteral("cannot use the directory ") + paths.input.absolutePath()));
-    EXPECT_FALSE(store->isStored(bob, 7, offer.sha256));
+    EXPECT_FALSE(store->inbox().isStored(bob, 7, offer.sha256));
     file.reset();
     ASSERT_TRUE(QFile::remove(paths.input.absolutePath()));
     const auto again = open();
     EXPECT_EQ(notes, QStringList());
-    EXPECT_FALSE(again->isStored(bob, 7, offer.sha256));
-    auto parts = again->parts(bob);
+    EXPECT_FALSE(again->inbox().isStored(bob, 7, offer.sha256));
+    auto parts = again->inbox().parts(bob);
     ASSERT_EQ(parts.size(), 1u);
     EXPECT_TRUE(resume(parts[0].get(), offer, 7, &refused)) << qPrintable(refused.reason);
     EXPECT_EQ(parts[0]->store(offer, &place), QString());
@@ -255,9 +255,9 @@ TEST_F(InboxTest, TheListSurvivesTornLinesAndSettling)
         const auto store = open();
         for (quint64 id = 1; id <= 3; ++id)
             receiveWhole(store.get(), bob, offerOf(id, QStringLiteral("f"), "x"), "x");
-        store->settle(bob, {2, 99});
-        EXPECT_EQ(store->unsettled(bob), (QVector<quint64>{1, 3}));
-        EXPECT_TRUE(store->isStored(bob, 2, sha256("x"))) << "settled is not forgotten";
+        store->inbox().settle(bob, {2, 99});
+        EXPECT_EQ(store->inbox().unsettled(bob), (QVector<quint64>{1, 3}));
+        EXPECT_TRUE(store->inbox().isStored(bob, 2, sha256("x"))) << "settled is not forgotten";
     }
     QFile list(paths.receivedList);
     ASSERT_TRUE(list.open(QIODevice::Append));
@@ -265,11 +265,11 @@ TEST_F(InboxTest, TheListSurvivesTornLinesAndSettling)
     list.close();
     {
         const auto store = open();
-        EXPECT_EQ(store->unsettled(bob), (QVector<quint64>{1, 3}));
+        EXPECT_EQ(store->inbox().unsettled(bob), (QVector<quint64>{1, 3}));
         receiveWhole(store.get(), bob, offerOf(4, QStringLiteral("f"), "x"), "x");
     }
     const auto store = open();
-    EXPECT_EQ(store->unsettled(bob), (QVector<quint64>{1, 3, 4}));
+    EXPECT_EQ(store->inbox().unsettled(bob), (QVector<quint64>{1, 3, 4}));
 }
 
 // As a crash between the two renames of a save leaves them.
@@ -279,7 +279,7 @@ TEST_F(InboxTest, WhatStandsUnderItsBackupsNameIsPutBackAtTheStart)
     {
         const auto store = open();
         receiveWhole(store.get(), bob, offerOf(1, QStringLiteral("f"), "x"), "x");
-        EXPECT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
+        EXPECT_EQ(store->inbox().begin(bob, offer, &refused)->append("012345"), QString());
     }
     QStringList backups;
     QDirIterator files(testsupport::installRoot(), {QStringLiteral(".message")}, QDir::Files | QDir::Hidden,
@@ -291,9 +291,9 @@ TEST_F(InboxTest, WhatStandsUnderItsBackupsNameIsPutBackAtTheStart)
     for (const QString& path : qAsConst(backups))
         ASSERT_TRUE(QFile::rename(path, path + QStringLiteral(".old"))) << path.toStdString();
     const auto store = open();
-    EXPECT_TRUE(store->isStored(bob, 1, sha256("x")));
-    ASSERT_EQ(store->parts(bob).size(), 1u);
-    EXPECT_EQ(store->parts(bob)[0]->length(), 6);
+    EXPECT_TRUE(store->inbox().isStored(bob, 1, sha256("x")));
+    ASSERT_EQ(store->inbox().parts(bob).size(), 1u);
+    EXPECT_EQ(store->inbox().parts(bob)[0]->length(), 6);
 }
 
 TEST_F(InboxTest, OldSettledEntriesGo)
@@ -307,8 +307,8 @@ TEST_F(InboxTest, OldSettledEntriesGo)
     const auto store = open();
     const QByteArray hash = QByteArray::fromHex(QByteArray(64, 'a'));
     const Peer inLatin = provedPeer(QStringLiteral("Bob"));
-    EXPECT_FALSE(store->isStored(inLatin, 500, hash));
-    EXPECT_TRUE(store->isStored(inLatin, 501, hash));
+    EXPECT_FALSE(store->inbox().isStored(inLatin, 500, hash));
+    EXPECT_TRUE(store->inbox().isStored(inLatin, 501, hash));
     EXPECT_EQ(readAll(paths.receivedList).count('+'), 1000);
 }
 
@@ -328,7 +328,7 @@ TEST_F(InboxTest, KilledWhileReceiving)
             for (quint64 id = nextId;; ++id) {
                 const QByteArray content = randomBytes(5000, static_cast<unsigned>(id));
                 const OfferFrame offer = offerOf(id, QStringLiteral("f"), content);
-                if (!store.isStored(bob, id, offer.sha256) &&
+                if (!store.inbox().isStored(bob, id, offer.sha256) &&
                     !receiveWhole(&store, bob, offer, content).endsWith(QStringLiteral("/f")))
                     _exit(1);
                 if (write(acknowledged[1], &id, sizeof id) != sizeof id)
@@ -348,7 +348,7 @@ TEST_F(InboxTest, KilledWhileReceiving)
         for (const ReceivedMessage& message : store->inbox().messages()) {
             ++found[message.id];
             EXPECT_EQ(sha256(readAll(message.path)), message.sha256);
-            EXPECT_TRUE(store->isStored(bob, message.id, message.sha256));
+            EXPECT_TRUE(store->inbox().isStored(bob, message.id, message.sha256));
         }
         for (const quint64 id : ids)
             EXPECT_EQ(found.value(id), 1) << id;
@@ -388,9 +388,9 @@ TEST_F(InboxTest, SessionsOverDisks)
         directory.names[testKey(1)->publicKey()] = QStringLiteral("Alice");
         directory.names[testKey(2)->publicKey()] = bob.abonent;
         Session a(
-            alice, SessionCall{true, bob.abonent}, &directory, &from, [](const SessionEvent&) {}, now);
+            alice, SessionCall{true, bob.abonent}, &directory, from.forSessions(), [](const SessionEvent&) {}, now);
         Session b(
-            bobs, SessionCall{}, &directory, to.get(), [](const SessionEvent&) {}, now);
+            bobs, SessionCall{}, &directory, to->forSessions(), [](const SessionEvent&) {}, now);
         qint64 carried = 0;
         while (!a.isFinished() && !b.isFinished() && carried < cut) {
             now += 10;

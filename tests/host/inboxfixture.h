@@ -29,11 +29,11 @@ protected:
 
     QStringList partNames() const { return paths.incomplete.entryList(QDir::Dirs | QDir::NoDotAndDotDot); }
 
-    // Takes up the first length bytes of what stands of an offered file.
+    // Takes up the first length bytes of the part of an offered file.
     static bool resume(host::IncomingFile* file, host::OfferFrame offer, qint64 length, host::RefusedFrame* refused)
     {
         offer.offset = length;
-        return file->resume(offer, file->generation(), refused);
+        return file->resume(offer, refused);
     }
 
     host::StorePaths paths;

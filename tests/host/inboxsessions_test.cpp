@@ -19,10 +19,10 @@ protected:
 TEST_F(InboxSessions, APartThatIsBeingStoredBelongsToNobody)
 {
     const auto store = open();
-    const auto file = store->beginIncoming(bob, offer, &refused);
+    const auto file = store->inbox().begin(bob, offer, &refused);
     ASSERT_TRUE(file);
     ASSERT_EQ(file->append(content), QString());
-    auto earlier = store->parts(bob); // as a session that has already hashed it
+    auto earlier = store->inbox().parts(bob); // as a session that has already hashed it
     ASSERT_EQ(earlier.size(), 1u);
     int tries = 0;
     QString place;
@@ -35,12 +35,12 @@ TEST_F(InboxSessions, APartThatIsBeingStoredBelongsToNobody)
                 return 0; // the last step, under the lock
             ++tries;
             RefusedFrame why;
-            EXPECT_EQ(store->beginIncoming(bob, offer, &why), nullptr);
+            EXPECT_EQ(store->inbox().begin(bob, offer, &why), nullptr);
             EXPECT_EQ(why.reason, QStringLiteral("another call is just putting it into the inbox"));
-            EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("g"), "other"), &why), nullptr);
+            EXPECT_EQ(store->inbox().begin(bob, offerOf(7, QStringLiteral("g"), "other"), &why), nullptr);
             EXPECT_FALSE(resume(earlier[0].get(), offer, 100, &why));
             EXPECT_EQ(why.reason, QStringLiteral("another call is just putting it into the inbox"));
-            EXPECT_TRUE(store->parts(bob).empty());
+            EXPECT_TRUE(store->inbox().parts(bob).empty());
             earlier[0]->discard();
             return 0;
         });
@@ -48,7 +48,7 @@ TEST_F(InboxSessions, APartThatIsBeingStoredBelongsToNobody)
     }
     EXPECT_GE(tries, 3) << "content, record, its renaming";
     EXPECT_EQ(readAll(place), content);
-    EXPECT_TRUE(store->isStored(bob, 7, offer.sha256));
+    EXPECT_TRUE(store->inbox().isStored(bob, 7, offer.sha256));
     EXPECT_FALSE(resume(earlier[0].get(), offer, 100, &refused));
     EXPECT_EQ(readAll(place), content) << "the inbox's file is nobody's part";
 }
@@ -56,18 +56,17 @@ TEST_F(InboxSessions, APartThatIsBeingStoredBelongsToNobody)
 TEST_F(InboxSessions, AStaleHashResumesNothing)
 {
     const auto store = open();
-    const auto first = store->beginIncoming(bob, offer, &refused);
+    const auto first = store->inbox().begin(bob, offer, &refused);
     ASSERT_EQ(first->append(content.left(400)), QString());
-    auto stale = store->parts(bob);
+    auto stale = store->inbox().parts(bob);
     ASSERT_EQ(stale.size(), 1u);
-    const quint64 generation = stale[0]->generation(); // and the 400 bytes are hashed now
     // Another session begins the file anew, with other content up to the same place.
-    const auto second = store->beginIncoming(bob, offer, &refused);
+    const auto second = store->inbox().begin(bob, offer, &refused);
     ASSERT_TRUE(second);
     ASSERT_EQ(second->append(QByteArray(400, 'x')), QString());
     OfferFrame rest = offer;
     rest.offset = 400;
-    EXPECT_FALSE(stale[0]->resume(rest, generation, &refused));
+    EXPECT_FALSE(stale[0]->resume(rest, &refused));
     EXPECT_EQ(refused.code, RefusalCode::WrongHash) << "the sender begins anew";
     EXPECT_EQ(refused.reason, QStringLiteral("what stood of it has changed meanwhile"));
     EXPECT_EQ(second->append("y"), QString()) << "and takes nothing away";
@@ -76,8 +75,8 @@ TEST_F(InboxSessions, AStaleHashResumesNothing)
 TEST_F(InboxSessions, AShorterPartIsNotFilledUp)
 {
     const auto store = open();
-    ASSERT_EQ(store->beginIncoming(bob, offer, &refused)->append(content.left(300)), QString());
-    auto parts = store->parts(bob);
+    ASSERT_EQ(store->inbox().begin(bob, offer, &refused)->append(content.left(300)), QString());
+    auto parts = store->inbox().parts(bob);
     ASSERT_EQ(parts.size(), 1u);
     ASSERT_TRUE(QFile::resize(paths.incomplete.absoluteFilePath(QStringLiteral("00000001/f")), 200));
     EXPECT_FALSE(resume(parts[0].get(), offer, 300, &refused));
@@ -88,17 +87,17 @@ TEST_F(InboxSessions, AShorterPartIsNotFilledUp)
 TEST_F(InboxSessions, APartOfAnotherFileIsNotGoneOnWith)
 {
     const auto store = open();
-    ASSERT_EQ(store->beginIncoming(bob, offer, &refused)->append(content.left(300)), QString());
+    ASSERT_EQ(store->inbox().begin(bob, offer, &refused)->append(content.left(300)), QString());
     OfferFrame grown = offer; // the same hash, which only the whole would belie
     grown.size += 100;
     for (const OfferFrame& other : {offerOf(7, QStringLiteral("f"), randomBytes(900, 2)),
                                     offerOf(7, QStringLiteral("f"), content + 'x'), grown}) {
-        auto parts = store->parts(bob);
+        auto parts = store->inbox().parts(bob);
         ASSERT_EQ(parts.size(), 1u);
         EXPECT_FALSE(resume(parts[0].get(), other, 300, &refused));
         EXPECT_EQ(refused.code, RefusalCode::WrongHash);
     }
-    auto parts = store->parts(bob);
+    auto parts = store->inbox().parts(bob);
     EXPECT_TRUE(resume(parts[0].get(), offer, 300, &refused)) << qPrintable(refused.reason);
 }
 
@@ -107,7 +106,7 @@ TEST_F(InboxSessions, APartOfAnotherFileIsNotGoneOnWith)
 TEST_F(InboxSessions, WhatCouldNotBeSyncedIsNotGoneOnWith)
 {
     const auto store = open();
-    const auto file = store->beginIncoming(bob, offer, &refused);
+    const auto file = store->inbox().begin(bob, offer, &refused);
     ASSERT_EQ(file->append(content), QString());
     QString place;
     {
@@ -115,8 +114,8 @@ TEST_F(InboxSessions, WhatCouldNotBeSyncedIsNotGoneOnWith)
                               [](SystemCall& call) { return call.name == "fsync" ? EIO : 0; });
         EXPECT_TRUE(file->store(offer, &place).startsWith(QStringLiteral("cannot write ")));
     }
-    EXPECT_FALSE(store->isStored(bob, 7, offer.sha256));
-    EXPECT_TRUE(store->parts(bob).empty());
+    EXPECT_FALSE(store->inbox().isStored(bob, 7, offer.sha256));
+    EXPECT_TRUE(store->inbox().parts(bob).empty());
     EXPECT_EQ(partNames(), QStringList());
     EXPECT_TRUE(receiveWhole(store.get(), bob, offer, content).endsWith(QStringLiteral("00000001/f")));
 }
@@ -125,11 +124,11 @@ TEST_F(InboxSessions, WhatCouldNotBeSyncedIsNotGoneOnWith)
 TEST_F(InboxSessions, WhoHasStoredHoldsNothingAnyMore)
 {
     const auto store = open();
-    const auto first = store->beginIncoming(bob, offer, &refused);
+    const auto first = store->inbox().begin(bob, offer, &refused);
     ASSERT_EQ(first->append(content), QString());
     QString place;
     ASSERT_EQ(first->store(offer, &place), QString());
-    const auto second = store->beginIncoming(bob, offerOf(7, QStringLiteral("g"), "another"), &refused);
+    const auto second = store->inbox().begin(bob, offerOf(7, QStringLiteral("g"), "another"), &refused);
     ASSERT_TRUE(second) << qPrintable(refused.reason);
     first->discard();
     EXPECT_NE(first->append("x"), QString());
@@ -143,9 +142,9 @@ TEST_F(InboxSessions, WhoHasStoredHoldsNothingAnyMore)
 TEST_F(InboxSessions, WhatWasStoredMeanwhileDoesNotComeTwice)
 {
     const auto store = open();
-    ASSERT_FALSE(store->isStored(bob, 7, offer.sha256));
+    ASSERT_FALSE(store->inbox().isStored(bob, 7, offer.sha256));
     ASSERT_TRUE(receiveWhole(store.get(), bob, offer, content).endsWith(QStringLiteral("/f")));
-    EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
+    EXPECT_EQ(store->inbox().begin(bob, offer, &refused), nullptr);
     EXPECT_EQ(refused.reason, QStringLiteral("another call has just put it into the inbox"));
     EXPECT_TRUE(receiveWhole(store.get(), bob, offerOf(7, QStringLiteral("f"), "another"), "another")
                     .endsWith(QStringLiteral("/f")));
@@ -154,7 +153,7 @@ TEST_F(InboxSessions, WhatWasStoredMeanwhileDoesNotComeTwice)
 TEST_F(InboxSessions, TheIdentifierZeroIsRefused)
 {
     const auto store = open();
-    EXPECT_EQ(store->beginIncoming(bob, offerOf(0, QStringLiteral("f"), "x"), &refused), nullptr);
+    EXPECT_EQ(store->inbox().begin(bob, offerOf(0, QStringLiteral("f"), "x"), &refused), nullptr);
     EXPECT_EQ(refused.code, RefusalCode::NotAllowed);
     EXPECT_EQ(partNames(), QStringList());
 }
@@ -171,15 +170,15 @@ TEST_F(InboxSessions, PeersDoNotMeet)
         const auto store = open();
         if (!afterRestart) {
             for (const Peer& peer : {bob, stranger, another})
-                ASSERT_EQ(store->beginIncoming(peer, offer, &refused)->append(content.left(10)), QString());
+                ASSERT_EQ(store->inbox().begin(peer, offer, &refused)->append(content.left(10)), QString());
         }
         for (const Peer& peer : {bob, stranger, another})
-            EXPECT_EQ(store->parts(peer).size(), 1u);
-        EXPECT_TRUE(store->parts(pretender).empty());
+            EXPECT_EQ(store->inbox().parts(peer).size(), 1u);
+        EXPECT_TRUE(store->inbox().parts(pretender).empty());
         EXPECT_EQ(partNames().size(), 3);
     }
     const auto store = open();
-    auto parts = store->parts(stranger);
+    auto parts = store->inbox().parts(stranger);
     ASSERT_TRUE(resume(parts[0].get(), offer, 10, &refused));
     ASSERT_EQ(parts[0]->append(content.mid(10)), QString());
     QString place;
@@ -187,14 +186,14 @@ TEST_F(InboxSessions, PeersDoNotMeet)
     for (const bool afterRestart : {false, true}) {
         const auto looked = afterRestart ? open() : nullptr;
         MessageStore* const inUse = afterRestart ? looked.get() : store.get();
-        EXPECT_TRUE(inUse->isStored(stranger, 7, offer.sha256));
-        EXPECT_EQ(inUse->unsettled(stranger), (QVector<quint64>{7}));
+        EXPECT_TRUE(inUse->inbox().isStored(stranger, 7, offer.sha256));
+        EXPECT_EQ(inUse->inbox().unsettled(stranger), (QVector<quint64>{7}));
         for (const Peer& peer : {bob, another, pretender}) {
-            EXPECT_FALSE(inUse->isStored(peer, 7, offer.sha256));
-            EXPECT_TRUE(inUse->unsettled(peer).isEmpty());
-            inUse->settle(peer, {7});
+            EXPECT_FALSE(inUse->inbox().isStored(peer, 7, offer.sha256));
+            EXPECT_TRUE(inUse->inbox().unsettled(peer).isEmpty());
+            inUse->inbox().settle(peer, {7});
         }
-        EXPECT_EQ(inUse->unsettled(stranger), (QVector<quint64>{7})) << "settled by nobody else";
+        EXPECT_EQ(inUse->inbox().unsettled(stranger), (QVector<quint64>{7})) << "settled by nobody else";
     }
     const QVector<ReceivedMessage> messages = store->inbox().messages();
     ASSERT_EQ(messages.size(), 1);
@@ -212,11 +211,11 @@ TEST_F(InboxSessions, AnUnprovedPeerGetsNoQueue)
     Peer pretender = unprovedPeer('u');
     pretender.abonent = bob.abonent;
     const int session = 1;
-    EXPECT_FALSE(store->hasUnclaimed(pretender));
-    EXPECT_FALSE(store->claimNext(pretender, &session));
-    EXPECT_TRUE(store->queuedIds(pretender).isEmpty());
-    EXPECT_TRUE(store->hasUnclaimed(bob));
-    EXPECT_TRUE(store->claimNext(bob, &session));
+    EXPECT_FALSE(store->queue().hasUnclaimed(pretender));
+    EXPECT_FALSE(store->queue().claimNext(pretender, &session));
+    EXPECT_TRUE(store->queue().queuedIds(pretender).isEmpty());
+    EXPECT_TRUE(store->queue().hasUnclaimed(bob));
+    EXPECT_TRUE(store->queue().claimNext(bob, &session));
 }
 
 TEST_F(InboxSessions, APeerIsToldOfItsOwnQueueOnly)
@@ -229,8 +228,8 @@ TEST_F(InboxSessions, APeerIsToldOfItsOwnQueueOnly)
     ASSERT_EQ(store->queue().enqueue(bob.abonent, source, &forBob), QString());
     ASSERT_EQ(store->queue().enqueue(carol.abonent, source, &forCarol), QString());
     store->queue().rescan();
-    EXPECT_EQ(store->queuedIds(bob), QSet<quint64>{forBob.id});
-    EXPECT_EQ(store->queuedIds(carol), QSet<quint64>{forCarol.id});
+    EXPECT_EQ(store->queue().queuedIds(bob), QSet<quint64>{forBob.id});
+    EXPECT_EQ(store->queue().queuedIds(carol), QSet<quint64>{forCarol.id});
 }
 
 // The disk is full: the message can neither be listed as received nor be marked as not received.
@@ -249,7 +248,7 @@ protected:
     std::unique_ptr<MessageStore> leaveVerified()
     {
         auto store = open();
-        const auto file = store->beginIncoming(bob, offer, &refused);
+        const auto file = store->inbox().begin(bob, offer, &refused);
         EXPECT_EQ(file->append(content), QString());
         bool isFull = false;
         SystemCallWatch watch(testsupport::installRoot().toStdString() + "/i", [&](SystemCall& call) {
@@ -266,7 +265,7 @@ TEST_F(StaleRecord, VouchesForNothingThatWasWrittenSince)
 {
     {
         const auto store = leaveVerified();
-        const auto file = store->beginIncoming(bob, offer, &refused);
+        const auto file = store->inbox().begin(bob, offer, &refused);
         if (file) {
             EXPECT_EQ(file->append(content.left(100)), QString());
         }

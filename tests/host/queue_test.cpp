@@ -187,8 +187,8 @@ TEST_F(Queue, AReasonIsAskedOnceForEachAbonentAndWhatIsKnownOfAMessageStays)
     for (const char* abonent : {"Bob", "Carol", "BOB", "bob", "Dave"})
         ASSERT_EQ(queue.enqueue(QString::fromLatin1(abonent), source), QString());
     queue.rescan();
-    store.notDelivered(queue.messages().at(2), QStringLiteral("'Bob' refused it: too large"),
-                       SessionStore::Fault::Remote);
+    store.queue().notDelivered(queue.messages().at(2), QStringLiteral("'Bob' refused it: too large"),
+                               OutgoingStore::Fault::Remote);
     QStringList asked;
     const auto why = [&](const QString& abonent) -> std::optional<WaitReason> {
         asked.append(abonent);
@@ -217,7 +217,7 @@ TEST_F(Queue, WaitingAbonentsAreThoseWithUnclaimedMessages)
     queue.rescan();
     EXPECT_EQ(queue.waitingAbonents(), (QStringList{QStringLiteral("Bob"), QStringLiteral("Carol")}));
     const int one = 1;
-    ASSERT_TRUE(queue.claimNext(abonentKey(QStringLiteral("carol")), &one));
+    ASSERT_TRUE(queue.claimNext(provedPeer(QStringLiteral("carol")), &one));
     EXPECT_EQ(queue.waitingAbonents(), QStringList{QStringLiteral("Bob")});
 }
 
@@ -229,7 +229,7 @@ TEST_F(Queue, ClaimsAreExclusiveAndInOrder)
     queue.rescan();
     const int one = 1;
     const int two = 2;
-    const QString bob = abonentKey(QStringLiteral("bob"));
+    const Peer bob = provedPeer(QStringLiteral("bob"));
     EXPECT_EQ(queue.claimNext(bob, &one)->key, QStringLiteral("00000001"));
     EXPECT_EQ(queue.claimNext(bob, &two)->key, QStringLiteral("00000003"));
     EXPECT_FALSE(queue.claimNext(bob, &two));
@@ -247,17 +247,17 @@ TEST_F(Queue, ADamagedCopyIsFoundAndHeld)
     store.queue().rescan();
     const QueuedMessage message = store.queue().messages().first();
     writeFile(paths.output.absoluteFilePath(QStringLiteral("00000001/content")), "the c0ntent");
-    store.notDelivered(message, QStringLiteral("wrong hash"), SessionStore::Fault::Recheck);
+    store.queue().notDelivered(message, QStringLiteral("wrong hash"), OutgoingStore::Fault::Recheck);
     EXPECT_EQ(store.queue().messages().first().reason.kind, WaitReason::Kind::CopyAtFault);
     EXPECT_TRUE(store.queue().messages().first().reason.text.contains(
         QStringLiteral("is damaged; cancel the message and send the file again")));
-    EXPECT_FALSE(store.hasUnclaimed(provedPeer(QStringLiteral("Bob"))));
+    EXPECT_FALSE(store.queue().hasUnclaimed(provedPeer(QStringLiteral("Bob"))));
     writeFile(paths.output.absoluteFilePath(QStringLiteral("00000001/content")), "longer than before");
     QString error;
-    EXPECT_EQ(store.openOutgoing(message, &error), nullptr);
+    EXPECT_EQ(store.queue().open(message, &error), nullptr);
     EXPECT_TRUE(error.contains(QStringLiteral("has changed its size")));
     QFile::remove(paths.output.absoluteFilePath(QStringLiteral("00000001/content")));
-    EXPECT_EQ(store.openOutgoing(message, &error), nullptr);
+    EXPECT_EQ(store.queue().open(message, &error), nullptr);
     EXPECT_TRUE(error.contains(QStringLiteral("cannot be read")));
 }
 

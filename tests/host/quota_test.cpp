@@ -34,7 +34,7 @@ protected:
 
     bool isTaken(MessageStore* store, const Peer& peer, qint64 bytes)
     {
-        m_held.push_back(store->beginIncoming(peer, offer(bytes), &refused));
+        m_held.push_back(store->inbox().begin(peer, offer(bytes), &refused));
         return m_held.back() != nullptr;
     }
 
@@ -54,9 +54,9 @@ TEST_F(Quota, AStubDoesNotSlipPastTheSizeLimit)
     limits.ofAbonent.bytes = 100000;
     const auto store = open(limits);
     const OfferFrame stub = offerOf(7, QStringLiteral("f"), QByteArray(10, 'x'));
-    const auto file = store->beginIncoming(bob, stub, &refused);
+    const auto file = store->inbox().begin(bob, stub, &refused);
     ASSERT_EQ(file->append(QByteArray(10, 'x')), QString());
-    auto parts = store->parts(bob);
+    auto parts = store->inbox().parts(bob);
     OfferFrame grown = stub; // the same hash, and 5000 bytes all of a sudden
     grown.size = 5000;
     EXPECT_FALSE(resume(parts[0].get(), grown, 10, &refused));
@@ -69,12 +69,12 @@ TEST_F(Quota, TheLimitOfTodayCountsForPartsOfYesterday)
     {
         const auto store = open(limits);
         ASSERT_EQ(
-            store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), content), &refused)->append(content.left(10)),
+            store->inbox().begin(bob, offerOf(7, QStringLiteral("f"), content), &refused)->append(content.left(10)),
             QString());
     }
     limits.maxMessageBytes = 800;
     const auto store = open(limits);
-    auto parts = store->parts(bob);
+    auto parts = store->inbox().parts(bob);
     ASSERT_EQ(parts.size(), 1u);
     EXPECT_FALSE(resume(parts[0].get(), offerOf(7, QStringLiteral("f"), content), 10, &refused));
     EXPECT_EQ(refused.code, RefusalCode::NotAllowed);
@@ -89,12 +89,12 @@ TEST_F(Quota, TheDisksReserveIsAskedOnEachTakingUpAndWhileWriting)
     const QByteArray content(4000000, 'x');
     const OfferFrame whole = offerOf(7, QStringLiteral("f"), content);
     fakeFreeBytes = 4999999;
-    EXPECT_EQ(store->beginIncoming(bob, whole, &refused), nullptr);
+    EXPECT_EQ(store->inbox().begin(bob, whole, &refused), nullptr);
     EXPECT_EQ(refused.code, RefusalCode::NoRoom);
     EXPECT_EQ(refused.reason, QStringLiteral("the disk is full: 4000000 bytes are needed, 3999999 are free"));
     EXPECT_EQ(partNames(), QStringList());
     fakeFreeBytes = 5000000;
-    auto file = store->beginIncoming(bob, whole, &refused);
+    auto file = store->inbox().begin(bob, whole, &refused);
     ASSERT_TRUE(file);
     ASSERT_EQ(file->append(content.left(1000)), QString());
     // Somebody else fills it now.
@@ -106,7 +106,7 @@ TEST_F(Quota, TheDisksReserveIsAskedOnEachTakingUpAndWhileWriting)
     EXPECT_EQ(error, QStringLiteral("the disk is full"));
     EXPECT_LE(pieces, 60) << "asked each MiB";
     file.reset();
-    auto parts = store->parts(bob);
+    auto parts = store->inbox().parts(bob);
     EXPECT_FALSE(resume(parts[0].get(), whole, 1000, &refused));
     EXPECT_EQ(refused.reason, QStringLiteral("the disk is full: 3999000 bytes are needed, 0 are free"));
     fakeFreeBytes = 4999000;
@@ -132,9 +132,9 @@ TEST_F(Quota, WhatWasPromisedToACallThatIsReplacedIsFree)
     const auto store = open(limits);
     fakeFreeBytes = 1000;
     const OfferFrame one = offer(600);
-    const auto earlier = store->beginIncoming(bob, one, &refused);
+    const auto earlier = store->inbox().begin(bob, one, &refused);
     ASSERT_TRUE(earlier) << qPrintable(refused.reason);
-    EXPECT_TRUE(store->beginIncoming(bob, one, &refused)) << qPrintable(refused.reason);
+    EXPECT_TRUE(store->inbox().begin(bob, one, &refused)) << qPrintable(refused.reason);
 }
 
 TEST_F(Quota, AnUnprovedPeerLearnsNothingOfTheDisk)
@@ -275,7 +275,7 @@ TEST_F(Quota, UsageIsSeenByAnotherProgram)
     const auto store = open(limits);
     ASSERT_TRUE(receives(store.get(), carol, 30));
     ASSERT_TRUE(receives(store.get(), unprovedPeer('a'), 20));
-    const auto file = store->beginIncoming(bob, offer(200), &refused);
+    const auto file = store->inbox().begin(bob, offer(200), &refused);
     ASSERT_EQ(file->append(QByteArray(50, 'x')), QString());
     fakeFreeBytes = 12345;
     fakeFreeInodes = 678;

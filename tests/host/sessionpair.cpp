@@ -53,7 +53,7 @@ void SessionPair::connect(const LineOptions& options)
         side->wire.clear();
         side->receivedBytes = 0;
         side->session = std::make_unique<Session>(
-            side->settings, callOf(side == &a), &side->directory, &side->store,
+            side->settings, callOf(side == &a), &side->directory, side->store.forSessions(),
             [side](const SessionEvent& event) { side->events.push_back(event); }, nowMs);
     }
 }

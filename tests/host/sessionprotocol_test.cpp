@@ -28,7 +28,7 @@ struct End
         directory.names[testKey(1)->publicKey()] = QStringLiteral("Alice");
         directory.names[testKey(2)->publicKey()] = QStringLiteral("Боб");
         context->directory = &directory;
-        context->store = &store;
+        context->store = store.forSessions();
         context->report = [this](const SessionReport& report) { reports.push_back(report); };
         channel = new PipeChannel(offered); // owned by the protocol
         protocol.reset(SessionProtocolFactory(context).createProtocol(channel));

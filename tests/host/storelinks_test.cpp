@@ -96,10 +96,10 @@ TEST_F(StoreLinks, APartThatIsTakenUp)
 {
     const auto store = open();
     for (const bool linksDirectory : {false, true}) {
-        ASSERT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
+        ASSERT_EQ(store->inbox().begin(bob, offer, &refused)->append("012345"), QString());
         ASSERT_EQ(partNames().size(), 1);
         const QString dir = paths.incomplete.absoluteFilePath(partNames().first());
-        auto parts = store->parts(bob);
+        auto parts = store->inbox().parts(bob);
         ASSERT_EQ(parts.size(), 1u);
         if (linksDirectory)
             plant(victim, dir);
@@ -110,7 +110,7 @@ TEST_F(StoreLinks, APartThatIsTakenUp)
         EXPECT_EQ(error, isLinkText(linksDirectory ? dir : dir + QStringLiteral("/secret")));
         EXPECT_FALSE(resume(parts[0].get(), offer, 2, &refused));
         EXPECT_EQ(refused.reason, error);
-        EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
+        EXPECT_EQ(store->inbox().begin(bob, offer, &refused), nullptr);
         EXPECT_EQ(refused.reason, error);
         // Another message under the identifier removes what stands: the link, not what it leads to.
         const QByteArray other = linksDirectory ? "other" : "another";
@@ -122,24 +122,24 @@ TEST_F(StoreLinks, APartThatIsTakenUp)
 TEST_F(StoreLinks, AnotherNameOfAFile)
 {
     const auto store = open();
-    ASSERT_EQ(store->beginIncoming(bob, offer, &refused)->append("012345"), QString());
+    ASSERT_EQ(store->inbox().begin(bob, offer, &refused)->append("012345"), QString());
     const QString content = paths.incomplete.absoluteFilePath(QStringLiteral("00000001/secret"));
     ASSERT_TRUE(QFile::remove(content));
     ASSERT_EQ(::link(QFile::encodeName(secret).constData(), QFile::encodeName(content).constData()), 0);
-    EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
+    EXPECT_EQ(store->inbox().begin(bob, offer, &refused), nullptr);
     EXPECT_EQ(refused.reason, QStringLiteral("cannot write %1: it has another name elsewhere").arg(content));
 }
 
 TEST_F(StoreLinks, WhileAPartIsStored)
 {
     const auto store = open();
-    auto file = store->beginIncoming(bob, offer, &refused);
+    auto file = store->inbox().begin(bob, offer, &refused);
     ASSERT_EQ(file->append("0123456789"), QString());
     const QString dir = paths.incomplete.absoluteFilePath(QStringLiteral("00000001"));
     plant(secret, dir + QStringLiteral("/secret")); // the open file is written and given its mode, not the name
     QString place;
     (void)file->store(offer, &place);
-    file = store->beginIncoming(bob, offerOf(8, QStringLiteral("g"), "x"), &refused);
+    file = store->inbox().begin(bob, offerOf(8, QStringLiteral("g"), "x"), &refused);
     ASSERT_EQ(file->append("x"), QString());
     plant(victim, paths.incomplete.absoluteFilePath(partNames().last()));
     EXPECT_EQ(file->store(offerOf(8, QStringLiteral("g"), "x"), &place),

@@ -34,7 +34,7 @@ TEST_F(StoreSteps, Storing)
     const auto store = open();
     ASSERT_TRUE(receiveWhole(store.get(), bob, offerOf(1, QStringLiteral("f"), "x"), "x")
                     .endsWith(QStringLiteral("/f"))); // makes the list
-    const auto file = store->beginIncoming(bob, offerOf(7, QStringLiteral("f"), "content"), &refused);
+    const auto file = store->inbox().begin(bob, offerOf(7, QStringLiteral("f"), "content"), &refused);
     ASSERT_EQ(file->append("content"), QString());
     const std::string dir = part();
     SystemCallWatch watch(root());
@@ -54,7 +54,7 @@ TEST_F(StoreSteps, Beginning)
     const auto store = open();
     const OfferFrame offer = offerOf(7, QStringLiteral("f"), "content");
     SystemCallWatch watch(root());
-    const auto file = store->beginIncoming(bob, offer, &refused);
+    const auto file = store->inbox().begin(bob, offer, &refused);
     ASSERT_TRUE(file);
     ASSERT_EQ(file->append("cont"), QString());
     EXPECT_EQ(lines(watch), std::vector<std::string>());
@@ -126,7 +126,7 @@ TEST_F(StoreSteps, AFailedStepIsToldAndTakenBack)
     for (const char* name : {"received.list", "incomplete", "/.message.new", "/f"}) {
         SCOPED_TRACE(name);
         const auto store = open();
-        const auto file = store->beginIncoming(bob, offer, &refused);
+        const auto file = store->inbox().begin(bob, offer, &refused);
         ASSERT_TRUE(file) << qPrintable(refused.reason);
         ASSERT_EQ(file->append("content"), QString());
         QString place;
@@ -135,7 +135,7 @@ TEST_F(StoreSteps, AFailedStepIsToldAndTakenBack)
             SystemCallWatch watch(root(), [&](SystemCall& call) { return call.is("fsync", failing) ? EIO : 0; });
             EXPECT_NE(file->store(offer, &place), QString());
         }
-        EXPECT_FALSE(store->isStored(bob, 7, offer.sha256));
+        EXPECT_FALSE(store->inbox().isStored(bob, 7, offer.sha256));
         EXPECT_EQ(store->inbox().messages().size(), 0);
         for (const QString& left : partNames())
             ASSERT_EQ(removeDirectory(paths.incomplete.absoluteFilePath(left)), QString());
@@ -183,12 +183,12 @@ TEST_F(StoreSteps, ANameThatTheFileSystemCannotHoldBecomesFile)
                 tried = QString::fromStdString(call.path);
             return call.name == "open" && (isFile || call.path.find("Отчёт") != std::string::npos) ? ENOSPC : 0;
         });
-        EXPECT_EQ(store->beginIncoming(bob, offerOf(8, QStringLiteral("Отчёт.txt"), "x"), &refused), nullptr);
+        EXPECT_EQ(store->inbox().begin(bob, offerOf(8, QStringLiteral("Отчёт.txt"), "x"), &refused), nullptr);
     }
     EXPECT_EQ(refused.code, RefusalCode::Failed);
     EXPECT_EQ(refused.reason, QStringLiteral("cannot write %1: No space left on device").arg(tried));
     EXPECT_EQ(partNames(), QStringList()) << "nothing is left of it";
-    EXPECT_TRUE(store->parts(bob).empty());
+    EXPECT_TRUE(store->inbox().parts(bob).empty());
 }
 
 // The list says that it was received, the directory cannot be moved, and the list can no longer be
@@ -209,7 +209,7 @@ protected:
     std::unique_ptr<MessageStore> fail()
     {
         auto store = open();
-        const auto file = store->beginIncoming(bob, offer, &refused);
+        const auto file = store->inbox().begin(bob, offer, &refused);
         EXPECT_TRUE(file) << qPrintable(refused.reason);
         EXPECT_EQ(file->append("content"), QString());
         bool hasFailed = false;
@@ -227,16 +227,16 @@ protected:
 
     void expectNotReceived(MessageStore* store)
     {
-        EXPECT_FALSE(store->isStored(bob, 7, offer.sha256)) << "the sender would remove its copy";
-        EXPECT_TRUE(store->unsettled(bob).isEmpty()) << "and here as well";
+        EXPECT_FALSE(store->inbox().isStored(bob, 7, offer.sha256)) << "the sender would remove its copy";
+        EXPECT_TRUE(store->inbox().unsettled(bob).isEmpty()) << "and here as well";
         EXPECT_EQ(store->inbox().messages().size(), 0);
     }
 
     void expectReceivedOnce(std::unique_ptr<MessageStore> store)
     {
         for (int start = 0; start < 2; ++start) {
-            EXPECT_TRUE(store->isStored(bob, 7, offer.sha256));
-            EXPECT_EQ(store->unsettled(bob), QVector<quint64>{7});
+            EXPECT_TRUE(store->inbox().isStored(bob, 7, offer.sha256));
+            EXPECT_EQ(store->inbox().unsettled(bob), QVector<quint64>{7});
             const QVector<ReceivedMessage> messages = store->inbox().messages();
             ASSERT_EQ(messages.size(), 1);
             EXPECT_EQ(readAll(messages.first().path), QByteArray("content"));
@@ -258,7 +258,7 @@ TEST_F(ListedAndNotMoved, TheNextStartPutsItIntoTheInbox)
 TEST_F(ListedAndNotMoved, ItCanBeOfferedAgain)
 {
     auto store = fail();
-    const auto parts = store->parts(bob);
+    const auto parts = store->inbox().parts(bob);
     ASSERT_EQ(parts.size(), 1u) << "the list can be written again";
     ASSERT_TRUE(resume(parts.front().get(), offer, 7, &refused)) << qPrintable(refused.reason);
     QString place;
@@ -279,7 +279,7 @@ TEST_F(ListedAndNotMoved, ItIsNotReceivedAsLongAsItCannotBeMoved)
             store = open();
             expectNotReceived(store.get());
             if (!isListWritten) {
-                EXPECT_EQ(store->beginIncoming(bob, offer, &refused), nullptr);
+                EXPECT_EQ(store->inbox().begin(bob, offer, &refused), nullptr);
                 EXPECT_EQ(refused.code, RefusalCode::Failed);
                 EXPECT_TRUE(refused.reason.startsWith(QStringLiteral("cannot write ") + paths.receivedList))
                     << qPrintable(refused.reason);
@@ -298,8 +298,8 @@ TEST_F(ListedAndNotMoved, ItsPartStandsUntilTheListIsRight)
 {
     const auto store = fail();
     SystemCallWatch watch(root(), [&](SystemCall& call) { return isOfList(call) ? EIO : 0; });
-    EXPECT_TRUE(store->parts(bob).empty());
-    EXPECT_EQ(store->beginIncoming(bob, offerOf(7, QStringLiteral("g"), "another"), &refused), nullptr);
+    EXPECT_TRUE(store->inbox().parts(bob).empty());
+    EXPECT_EQ(store->inbox().begin(bob, offerOf(7, QStringLiteral("g"), "another"), &refused), nullptr);
     EXPECT_EQ(partNames().size(), 1);
 }
 

@@ -38,7 +38,7 @@ TEST_F(StoreThreads, EachMessageIsClaimedOnce)
             char session = 0;
             int turns = 0;
             while (delivered < messages && !isWrong) {
-                const std::optional<OutgoingMessage> mine = store->claimNext(bob, &session);
+                const std::optional<OutgoingMessage> mine = store->queue().claimNext(bob, &session);
                 if (!mine) {
                     (void)queue.messages();
                     queue.rescan();
@@ -49,12 +49,13 @@ TEST_F(StoreThreads, EachMessageIsClaimedOnce)
                 if (owner.exchange(worker + 1) != 0)
                     isWrong = true; // two have it
                 if (++turns % 4 == 0) {
-                    store->notDelivered(*mine, QStringLiteral("try %1").arg(turns), SessionStore::Fault::Remote);
+                    store->queue().notDelivered(*mine, QStringLiteral("try %1").arg(turns),
+                                                OutgoingStore::Fault::Remote);
                     owner = 0;
-                    store->releaseAll(&session);
+                    store->queue().releaseAll(&session);
                     continue;
                 }
-                if (!store->delivered(*mine).isEmpty())
+                if (!store->queue().remove(*mine).isEmpty())
                     isWrong = true;
                 owner = 0;
                 ++delivered;
@@ -112,24 +113,23 @@ TEST_F(StoreThreads, SessionsFightForOneMessage)
         std::vector<std::thread> threads;
         for (int worker = 0; worker < 3; ++worker) {
             threads.emplace_back([&, worker] {
-                while (!store->isStored(bob, id, offer.sha256)) {
+                while (!store->inbox().isStored(bob, id, offer.sha256)) {
                     RefusedFrame why;
                     QCryptographicHash hash(QCryptographicHash::Sha256);
                     std::unique_ptr<IncomingFile> file;
                     qint64 stands = 0;
-                    auto parts = store->parts(bob);
+                    auto parts = store->inbox().parts(bob);
                     if (worker != 0 && !parts.empty()) {
-                        const quint64 generation = parts[0]->generation();
                         QString error;
                         for (QByteArray piece; !(piece = parts[0]->readBack(500, &error)).isEmpty();
                              stands += piece.size())
                             hash.addData(piece);
                         OfferFrame rest = offer;
                         rest.offset = stands;
-                        if (stands > 0 && stands <= offer.size && parts[0]->resume(rest, generation, &why))
+                        if (stands > 0 && stands <= offer.size && parts[0]->resume(rest, &why))
                             file = std::move(parts[0]);
                     } else {
-                        file = store->beginIncoming(bob, offer, &why);
+                        file = store->inbox().begin(bob, offer, &why);
                     }
                     if (!file)
                         continue;

@@ -63,7 +63,7 @@ inline QString receiveWhole(host::MessageStore* store, const host::Peer& peer, c
                             const QByteArray& content)
 {
     host::RefusedFrame refused;
-    const auto file = store->beginIncoming(peer, offer, &refused);
+    const auto file = store->inbox().begin(peer, offer, &refused);
     if (!file)
         return refused.reason;
     QString place;

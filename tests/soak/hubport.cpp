@@ -84,8 +84,8 @@ bool HubCalls::isWanted() const
         return !m_faultsOver;
     if (!m_sites[1]->isUp())
         return false;
-    return m_sites[0]->store().hasUnclaimed(peerOf(*m_sites[1])) ||
-           m_sites[1]->store().hasUnclaimed(peerOf(*m_sites[0]));
+    return m_sites[0]->store().queue().hasUnclaimed(peerOf(*m_sites[1])) ||
+           m_sites[1]->store().queue().hasUnclaimed(peerOf(*m_sites[0]));
 }
 
 void HubCalls::watchCall()
@@ -190,7 +190,7 @@ void HubCalls::serveSession(int end)
     const host::SessionCall call{isOutgoing, isOutgoing ? m_sites[1 - end]->name() : QString()};
     const qint64 beganMs = steadyMs();
     auto session = std::make_unique<host::Session>(
-        settings, call, &m_directory, &site.store(),
+        settings, call, &m_directory, site.store().forSessions(),
         [this, end, &site](const host::SessionEvent& event) {
             site.onEvent(event);
             onEvent(end, event);

@@ -50,8 +50,8 @@ public:
         m_directory.everybodyElse = QString::number(1 - m_end);
         const host::SessionCall call{m_end == 0, m_directory.everybodyElse};
         m_session = std::make_unique<host::Session>(
-            settings, call, &m_directory, &store, [this](const host::SessionEvent& event) { onEvent(event); },
-            steadyMs());
+            settings, call, &m_directory, store.forSessions(),
+            [this](const host::SessionEvent& event) { onEvent(event); }, steadyMs());
         beginTurnsNow();
     }
 

@@ -133,7 +133,7 @@ protected:
         settings.closingMs = 50;
         const auto now = [this] { return m_clock.elapsed(); };
         Session session(
-            settings, call, &directory, sides[end].store.get(),
+            settings, call, &directory, sides[end].store->forSessions(),
             [this, end](const SessionEvent& event) {
                 sides[end].delivered += event.kind == SessionEvent::Kind::FileDelivered;
             },
