@@ -294,7 +294,7 @@ private:
         if (event.kind == SessionEvent::Kind::FileStored) {
             require(m_store.inbox.size() == ++m_stored, "what is told stored is in the inbox");
             const QByteArray& content = m_store.inbox.back().content;
-            require(event.sha256 == sha256(content) && event.size == content.size(),
+            require(event.file.sha256 == sha256(content) && event.file.sizeBytes == content.size(),
                     "what is stored has the hash announced");
         }
     }

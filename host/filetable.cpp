@@ -14,48 +14,40 @@ const FileProgress& FileTable::update(const SessionReport& report, qint64 nowMs)
 {
     using Kind = SessionEvent::Kind;
     const SessionEvent& event = report.event;
-    FileProgress& file = m_rows[Key{report.call, event.outgoing, event.messageId}];
-    file.outgoing = event.outgoing;
-    file.messageId = event.messageId;
-    file.peer = report.peer;
-    file.channelName = report.channelName;
-    file.fileName = event.fileName;
-    file.size = event.size;
-    file.changedMs = nowMs;
+    FileProgress& row = m_rows[Key{report.call, event.file.isOutgoing, event.file.messageId}];
+    const qint64 doneBefore = row.file.doneBytes;
+    row.file = event.file;
+    row.peer = report.peer;
+    row.channelName = report.channelName;
+    row.changedMs = nowMs;
     switch (event.kind) {
     case Kind::PeerNamed:
     case Kind::Note: break;
     case Kind::FileBegun:
-        file.state = State::Moving;
-        file.beganMs = nowMs;
-        file.done = event.done;
-        file.resumedFrom = event.done;
+        row.state = State::Moving;
+        row.beganMs = nowMs;
+        row.resumedFrom = event.file.doneBytes;
         break;
     case Kind::FileProgress:
-        file.done = event.done;
-        if (event.outgoing && event.done == event.size)
-            file.state = State::Waiting;
+        if (event.file.isOutgoing && event.file.doneBytes == event.file.sizeBytes)
+            row.state = State::Waiting;
         break;
     case Kind::FileStored:
-        file.state = State::Whole;
-        file.done = event.size;
-        file.text = event.text;
+        row.state = State::Whole;
+        row.text = event.text;
         break;
-    case Kind::FileDelivered:
-        file.state = State::Whole;
-        file.done = event.size;
-        break;
+    case Kind::FileDelivered: row.state = State::Whole; break;
     case Kind::FileDuplicate:
-        file.state = State::Whole;
-        file.done = event.size;
-        file.text = QStringLiteral("received before");
+        row.state = State::Whole;
+        row.text = QStringLiteral("received before");
         break;
     case Kind::FileFailed:
-        file.state = State::Failed;
-        file.text = event.text;
+        row.file.doneBytes = doneBefore; // the last bytes may not have been written
+        row.state = State::Failed;
+        row.text = event.text;
         break;
     }
-    return file;
+    return row;
 }
 
 QVector<FileProgress> FileTable::cutOff(quint64 call, qint64 nowMs)

@@ -13,14 +13,10 @@ namespace host {
 
 struct FileProgress
 {
-    bool outgoing = false;
-    quint64 messageId = 0;
+    FileUnderWay file;
     QString peer;
     QString channelName;
-    QString fileName;
-    qint64 size = 0;
-    qint64 done = 0;
-    qint64 resumedFrom = 0;
+    qint64 resumedFrom = 0; // bytes
     qint64 beganMs = 0;
     qint64 changedMs = 0;
     enum class State

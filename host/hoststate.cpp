@@ -46,13 +46,14 @@ QJsonArray portsOf(const QVector<ChannelRow>& rows)
 QJsonObject sendingOf(const QVector<FileProgress>& files)
 {
     QJsonObject sending;
-    for (const FileProgress& file : files) {
-        if (!file.outgoing || file.isOver())
+    for (const FileProgress& row : files) {
+        if (!row.file.isOutgoing || row.isOver())
             continue;
-        sending[idText(file.messageId)] = file.state == FileProgress::State::Waiting
-                                              ? QStringLiteral("sent, waiting for their word")
-                                              : QStringLiteral("being sent, %1 of %2 bytes")
-                                                    .arg(QString::number(file.done), QString::number(file.size));
+        sending[idText(row.file.messageId)] =
+            row.state == FileProgress::State::Waiting
+                ? QStringLiteral("sent, waiting for their word")
+                : QStringLiteral("being sent, %1 of %2 bytes")
+                      .arg(QString::number(row.file.doneBytes), QString::number(row.file.sizeBytes));
     }
     return sending;
 }

@@ -14,12 +14,12 @@ QJsonObject fileFields(const SessionReport& report)
     fields[QStringLiteral("call")] = static_cast<double>(report.call);
     fields[QStringLiteral("peer")] = report.peer;
     fields[QStringLiteral("port")] = report.channelName;
-    fields[QStringLiteral("direction")] = event.outgoing ? QStringLiteral("out") : QStringLiteral("in");
-    fields[QStringLiteral("id")] = idText(event.messageId);
-    fields[QStringLiteral("file")] = event.fileName;
-    fields[QStringLiteral("size")] = static_cast<double>(event.size);
-    fields[QStringLiteral("sha256")] = QString::fromLatin1(event.sha256.toHex());
-    fields[QStringLiteral("bytes")] = static_cast<double>(event.done);
+    fields[QStringLiteral("direction")] = event.file.isOutgoing ? QStringLiteral("out") : QStringLiteral("in");
+    fields[QStringLiteral("id")] = idText(event.file.messageId);
+    fields[QStringLiteral("file")] = event.file.fileName;
+    fields[QStringLiteral("size")] = static_cast<double>(event.file.sizeBytes);
+    fields[QStringLiteral("sha256")] = QString::fromLatin1(event.file.sha256.toHex());
+    fields[QStringLiteral("bytes")] = static_cast<double>(event.file.doneBytes);
     if (!event.text.isEmpty())
         fields[QStringLiteral("text")] = event.text;
     return fields;
@@ -96,8 +96,9 @@ void Transfers::onEvent(const SessionReport& report, qint64 nowMs)
 {
     using Kind = SessionEvent::Kind;
     const SessionEvent& event = report.event;
-    const QString direction = event.outgoing ? QStringLiteral("to") : QStringLiteral("from");
-    const QString subject = QStringLiteral("'%1' %2 '%3'").arg(displayName(event.fileName), direction, report.peer);
+    const QString direction = event.file.isOutgoing ? QStringLiteral("to") : QStringLiteral("from");
+    const QString subject =
+        QStringLiteral("'%1' %2 '%3'").arg(displayName(event.file.fileName), direction, report.peer);
     switch (event.kind) {
     case Kind::PeerNamed: return;
     case Kind::Note: m_records->journal(false, event.text); return;
@@ -107,12 +108,13 @@ void Transfers::onEvent(const SessionReport& report, qint64 nowMs)
         ++m_receivedCount;
         m_records->event(QStringLiteral("stored"), fileFields(report));
         m_records->journal(false, QStringLiteral("received %1, %2 bytes, hash verified: %3")
-                                      .arg(subject, QString::number(event.size), event.text));
+                                      .arg(subject, QString::number(event.file.sizeBytes), event.text));
         break;
     case Kind::FileDelivered:
         ++m_deliveredCount;
         m_records->event(QStringLiteral("delivered"), fileFields(report));
-        m_records->journal(false, QStringLiteral("delivered %1, %2 bytes").arg(subject, QString::number(event.size)));
+        m_records->journal(
+            false, QStringLiteral("delivered %1, %2 bytes").arg(subject, QString::number(event.file.sizeBytes)));
         break;
     case Kind::FileDuplicate: m_records->event(QStringLiteral("duplicate"), fileFields(report)); break;
     case Kind::FileFailed:

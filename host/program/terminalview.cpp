@@ -31,24 +31,26 @@ QString timeText()
     return QTime::currentTime().toString(QStringLiteral("HH:mm:ss"));
 }
 
-QString fileLine(const FileProgress& file, qint64 nowMs)
+QString fileLine(const FileProgress& row, qint64 nowMs)
 {
     QString state;
-    switch (file.state) {
+    switch (row.state) {
     case FileProgress::State::Moving: {
-        const qint64 elapsedMs = qMax<qint64>(1, nowMs - file.beganMs);
-        state = QStringLiteral("%1/s").arg(sizeText((file.done - file.resumedFrom) * 1000 / elapsedMs));
+        const qint64 elapsedMs = qMax<qint64>(1, nowMs - row.beganMs);
+        state = QStringLiteral("%1/s").arg(sizeText((row.file.doneBytes - row.resumedFrom) * 1000 / elapsedMs));
         break;
     }
     case FileProgress::State::Waiting: state = QStringLiteral("sent, waiting for their word"); break;
     case FileProgress::State::Whole:
-        state = file.text.isEmpty() || !file.outgoing ? QStringLiteral("done, hash verified") : displayName(file.text);
+        state =
+            row.text.isEmpty() || !row.file.isOutgoing ? QStringLiteral("done, hash verified") : displayName(row.text);
         break;
-    case FileProgress::State::Failed: state = displayName(file.text); break;
+    case FileProgress::State::Failed: state = displayName(row.text); break;
     }
     return QStringLiteral("  %1 %2 %3 of %4  %5  %6")
-        .arg(file.outgoing ? QStringLiteral("->") : QStringLiteral("<-"), progressBar(file.done, file.size, barColumns),
-             sizeText(file.done), sizeText(file.size), displayName(file.fileName), state);
+        .arg(row.file.isOutgoing ? QStringLiteral("->") : QStringLiteral("<-"),
+             progressBar(row.file.doneBytes, row.file.sizeBytes, barColumns), sizeText(row.file.doneBytes),
+             sizeText(row.file.sizeBytes), displayName(row.file.fileName), state);
 }
 
 } // namespace
@@ -84,9 +86,9 @@ QStringList renderPicture(const Picture& picture, int width)
                          .arg(displayName(port.row.name).leftJustified(14), displayName(port.row.state),
                               sizeText(port.row.receivedBytes), sizeText(port.receivedPerSecond),
                               sizeText(port.row.sentBytes), sizeText(port.sentPerSecond)));
-        for (const FileProgress& file : picture.files) {
-            if (file.channelName == port.row.name)
-                lines.append(fileLine(file, picture.nowMs));
+        for (const FileProgress& row : picture.files) {
+            if (row.channelName == port.row.name)
+                lines.append(fileLine(row, picture.nowMs));
         }
     }
     lines.append(picture.journal);
@@ -139,20 +141,20 @@ void TerminalView::onState(const ChannelRow& row)
 }
 
 // A line for each tenth of a file.
-void TerminalView::onFile(const FileProgress& file)
+void TerminalView::onFile(const FileProgress& row)
 {
     if (m_kind != ViewKind::Plain)
         return;
-    const QString key = file.peer + (file.outgoing ? QLatin1Char('>') : QLatin1Char('<')) + file.fileName;
-    if (file.state == FileProgress::State::Whole || file.state == FileProgress::State::Failed) {
+    const QString key = row.peer + (row.file.isOutgoing ? QLatin1Char('>') : QLatin1Char('<')) + row.file.fileName;
+    if (row.state == FileProgress::State::Whole || row.state == FileProgress::State::Failed) {
         m_toldTenths.remove(key); // the journal tells
         return;
     }
-    const int tenth = file.size > 0 ? static_cast<int>(file.done * 10 / file.size) : 10;
+    const int tenth = row.file.sizeBytes > 0 ? static_cast<int>(row.file.doneBytes * 10 / row.file.sizeBytes) : 10;
     if (m_toldTenths.value(key, -1) == tenth)
         return;
     m_toldTenths[key] = tenth;
-    print(QStringLiteral("%1 [%2]").arg(timeText(), displayName(file.channelName)) + fileLine(file, m_host->nowMs()));
+    print(QStringLiteral("%1 [%2]").arg(timeText(), displayName(row.channelName)) + fileLine(row, m_host->nowMs()));
 }
 
 Picture TerminalView::picture()

@@ -42,7 +42,8 @@ void Session::tell(const SessionEvent& event)
     using Kind = SessionEvent::Kind;
     const bool isMessageThrough = event.kind == Kind::FileStored || event.kind == Kind::FileDelivered;
     m_wasUseful = m_wasUseful || isMessageThrough;
-    if (isMessageThrough || (!event.outgoing && (event.kind == Kind::FileBegun || event.kind == Kind::FileProgress)))
+    if (isMessageThrough ||
+        (!event.file.isOutgoing && (event.kind == Kind::FileBegun || event.kind == Kind::FileProgress)))
         m_times.useful(m_nowMs);
     m_sink(event);
 }

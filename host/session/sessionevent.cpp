@@ -2,26 +2,17 @@
 
 namespace host {
 
-SessionEvent fileEvent(SessionEvent::Kind kind, const OutgoingMessage& message, qint64 done, const QString& text)
+SessionEvent fileEvent(SessionEvent::Kind kind, const OutgoingMessage& message, qint64 doneBytes, const QString& text)
 {
     SessionEvent event = textEvent(kind, text);
-    event.outgoing = true;
-    event.messageId = message.id;
-    event.fileName = message.fileName;
-    event.sha256 = message.sha256;
-    event.size = message.size;
-    event.done = done;
+    event.file = {true, message.id, message.fileName, message.sha256, message.size, doneBytes};
     return event;
 }
 
-SessionEvent fileEvent(SessionEvent::Kind kind, const OfferFrame& offer, qint64 done, const QString& text)
+SessionEvent fileEvent(SessionEvent::Kind kind, const OfferFrame& offer, qint64 doneBytes, const QString& text)
 {
     SessionEvent event = textEvent(kind, text);
-    event.messageId = offer.messageId;
-    event.fileName = offer.fileName;
-    event.sha256 = offer.sha256;
-    event.size = offer.size;
-    event.done = done;
+    event.file = {false, offer.messageId, offer.fileName, offer.sha256, offer.size, doneBytes};
     return event;
 }
 

@@ -1,9 +1,9 @@
 // What a session tells its host.
 #pragma once
 
+#include "host/session/fileunderway.h"
 #include "host/session/sessionstore.h"
 
-#include <QByteArray>
 #include <QString>
 
 namespace host {
@@ -13,8 +13,8 @@ struct SessionEvent
     enum class Kind
     {
         PeerNamed, // text: the peer's name
-        FileBegun, // done: where it is taken up
-        FileProgress, // done: bytes received, or handed to the channel
+        FileBegun, // doneBytes: of the part that is resumed
+        FileProgress,
         FileStored, // incoming: whole, verified, in the inbox (text: where)
         FileDelivered, // outgoing: the peer has stored it
         FileDuplicate, // incoming: it was stored before; acknowledged again
@@ -23,18 +23,13 @@ struct SessionEvent
     };
 
     Kind kind = Kind::Note;
-    bool outgoing = false;
-    quint64 messageId = 0;
-    QString fileName;
-    QByteArray sha256;
-    qint64 size = 0;
-    qint64 done = 0;
+    FileUnderWay file; // of the kinds that begin with File
     QString text;
 };
 
-[[nodiscard]] SessionEvent fileEvent(SessionEvent::Kind kind, const OutgoingMessage& message, qint64 done,
+[[nodiscard]] SessionEvent fileEvent(SessionEvent::Kind kind, const OutgoingMessage& message, qint64 doneBytes,
                                      const QString& text = QString());
-[[nodiscard]] SessionEvent fileEvent(SessionEvent::Kind kind, const OfferFrame& offer, qint64 done,
+[[nodiscard]] SessionEvent fileEvent(SessionEvent::Kind kind, const OfferFrame& offer, qint64 doneBytes,
                                      const QString& text = QString());
 [[nodiscard]] SessionEvent textEvent(SessionEvent::Kind kind, const QString& text);
 

@@ -85,7 +85,7 @@ private:
     void note(const host::SessionEvent& event)
     {
         m_knowsPeer = m_knowsPeer || event.kind == host::SessionEvent::Kind::PeerNamed;
-        m_wasOffered = m_wasOffered || (event.kind == host::SessionEvent::Kind::FileBegun && !event.outgoing);
+        m_wasOffered = m_wasOffered || (event.kind == host::SessionEvent::Kind::FileBegun && !event.file.isOutgoing);
     }
 
     void schedulePause() { m_nextPauseNs = nowNs() + static_cast<std::int64_t>(m_rng.below(2 * meanBetweenPausesNs)); }

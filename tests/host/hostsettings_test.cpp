@@ -237,12 +237,12 @@ TEST(TerminalView, PictureFitsTheTerminalAndShowsNoControlCharacters)
     Picture picture;
     picture.title = QStringLiteral("title");
     picture.ports = {{{1, 2, QStringLiteral("ttyS0"), QStringLiteral("Свободен"), 1500, 0}, 750, 0}};
-    FileProgress file;
-    file.channelName = QStringLiteral("ttyS0");
-    file.fileName = QStringLiteral("evil\x1B[2J") + QString(300, QLatin1Char('n'));
-    file.size = 100;
-    file.done = 50;
-    picture.files = {file};
+    FileProgress row;
+    row.channelName = QStringLiteral("ttyS0");
+    row.file.fileName = QStringLiteral("evil\x1B[2J") + QString(300, QLatin1Char('n'));
+    row.file.sizeBytes = 100;
+    row.file.doneBytes = 50;
+    picture.files = {row};
     picture.journal = QStringList{QString(200, QLatin1Char('j'))};
     const Picture::Port hostile{{2, 2, QStringLiteral("evil\x1B[2J"), QStringLiteral("evil\x1B[2J"), 0, 0}, 0, 0};
     picture.ports.append(hostile);

@@ -285,8 +285,8 @@ TEST(Session, ABrokenCallIsTakenUpWhereItStopped)
     ASSERT_TRUE(pair.runToEnd());
     expectInbox(pair.b.store, {{QStringLiteral("f"), content}});
     EXPECT_LT(pair.carriedBytes, 100000 - stands + 2000) << "only the rest was sent";
-    EXPECT_EQ(pair.b.last(Kind::FileBegun)->done, stands);
-    EXPECT_EQ(pair.a.last(Kind::FileBegun)->done, stands);
+    EXPECT_EQ(pair.b.last(Kind::FileBegun)->file.doneBytes, stands);
+    EXPECT_EQ(pair.a.last(Kind::FileBegun)->file.doneBytes, stands);
 }
 
 // Cut after every single byte: in the next call everything arrives, once, right.
@@ -399,7 +399,7 @@ TEST(Session, APartThatDiffersIsSentFromTheBeginning)
     pair.b.store.standing[id] = other;
     ASSERT_TRUE(pair.runToEnd());
     expectInbox(pair.b.store, {{QStringLiteral("f"), content}});
-    EXPECT_EQ(pair.b.last(Kind::FileBegun)->done, 0);
+    EXPECT_EQ(pair.b.last(Kind::FileBegun)->file.doneBytes, 0);
 }
 
 TEST(Session, APartThatIsWholeNeedsNoData)
@@ -744,7 +744,7 @@ TEST(Session, AFullDiskInTheMiddleRefuses)
     pair.connect(LineOptions());
     ASSERT_TRUE(pair.runToEnd());
     EXPECT_EQ(pair.b.store.inbox.size(), 1u);
-    EXPECT_GT(pair.b.last(Kind::FileBegun)->done, 0);
+    EXPECT_GT(pair.b.last(Kind::FileBegun)->file.doneBytes, 0);
 }
 
 TEST(Session, NotStoredIsNotAcknowledged)

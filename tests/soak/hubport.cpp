@@ -131,8 +131,8 @@ void HubCalls::onEvent(int end, const host::SessionEvent& event)
     if (event.kind != host::SessionEvent::Kind::Note && event.kind != host::SessionEvent::Kind::FileDuplicate &&
         event.kind != host::SessionEvent::Kind::FileFailed)
         m_usefulMs[end] = steadyMs();
-    const bool isWhole =
-        event.kind == host::SessionEvent::Kind::FileProgress && !event.outgoing && event.done == event.size;
+    const bool isWhole = event.kind == host::SessionEvent::Kind::FileProgress && !event.file.isOutgoing &&
+                         event.file.doneBytes == event.file.sizeBytes;
     if (!isWhole || !m_isCutWhenWhole || m_isDead || m_faultsOver)
         return;
     m_isCutWhenWhole = false;

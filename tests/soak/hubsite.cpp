@@ -150,14 +150,14 @@ void HubSite::onEvent(const host::SessionEvent& event)
     m_checks->note(static_cast<std::uint64_t>(nowNs()));
     m_checks->note(static_cast<std::uint64_t>(event.kind));
     switch (event.kind) {
-    case host::SessionEvent::Kind::FileDelivered: m_ledger->delivered(m_index, event.fileName); break;
+    case host::SessionEvent::Kind::FileDelivered: m_ledger->delivered(m_index, event.file.fileName); break;
     case host::SessionEvent::Kind::FileStored: m_ledger->stored(m_index); break;
     case host::SessionEvent::Kind::FileBegun:
-        if (!event.outgoing)
+        if (!event.file.isOutgoing)
             checkTakenUp(event);
         break;
     case host::SessionEvent::Kind::FileProgress:
-        if (!event.outgoing)
+        if (!event.file.isOutgoing)
             checkGrowth(event);
         break;
     default: break;
@@ -166,9 +166,10 @@ void HubSite::onEvent(const host::SessionEvent& event)
 
 void HubSite::checkTakenUp(const host::SessionEvent& event)
 {
-    if (event.size > m_limits.maxMessageBytes)
-        m_checks->violation("takes up a message of " + std::to_string(event.size) + " bytes, more than it may have");
-    if (event.size > event.done && m_disk.shortForNs() > noticedNs)
+    if (event.file.sizeBytes > m_limits.maxMessageBytes)
+        m_checks->violation("takes up a message of " + std::to_string(event.file.sizeBytes) +
+                            " bytes, more than it may have");
+    if (event.file.sizeBytes > event.file.doneBytes && m_disk.shortForNs() > noticedNs)
         m_checks->violation("takes a message up although the disk is short");
 }
 
@@ -178,8 +179,8 @@ void HubSite::checkGrowth(const host::SessionEvent& event)
         m_bytesWhenShort.clear();
         return;
     }
-    const qint64 before = m_bytesWhenShort.emplace(event.sha256, event.done).first->second;
-    if (event.done - before > askedBytes)
+    const qint64 before = m_bytesWhenShort.emplace(event.file.sha256, event.file.doneBytes).first->second;
+    if (event.file.doneBytes - before > askedBytes)
         m_checks->violation("goes on with a message although the disk is short");
 }
 

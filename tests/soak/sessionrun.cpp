@@ -117,12 +117,12 @@ private:
             return;
         // The sender has been told that the other side has it whole.
         const auto& inbox = m_other->store.inbox;
-        const auto isIt = [&](const hosttest::InboxEntry& entry) { return entry.id == event.messageId; };
+        const auto isIt = [&](const hosttest::InboxEntry& entry) { return entry.id == event.file.messageId; };
         const auto found = std::find_if(inbox.begin(), inbox.end(), isIt);
-        const auto original = m_originals->find(event.messageId);
+        const auto original = m_originals->find(event.file.messageId);
         if (found == inbox.end() || original == m_originals->end() || found->content != original->second)
             m_checks->violation("reported delivered, but the other side does not have it: " +
-                                event.fileName.toStdString());
+                                event.file.fileName.toStdString());
     }
 
     const Originals* m_originals; // not owned
