@@ -38,6 +38,7 @@ TEST_F(StoreThreads, EachMessageIsClaimedOnce)
         while (delivered < messages && !isWrong) {
             (void)queue.waitingAbonents();
             (void)queue.hasUnclaimed(bob);
+            (void)queue.queuedIds(bob);
             queue.explain([&reason](const QString&) { return reason; });
             std::this_thread::yield();
         }
@@ -84,7 +85,7 @@ TEST_F(StoreThreads, EachMessageIsClaimedOnce)
         << "no reason brought a removed message's directory back";
 }
 
-// Two threads note reasons for a message that a third takes out.
+// Two threads note reasons, for the message and for all, while a third takes it out.
 TEST_F(StoreThreads, AReasonDoesNotBringAMessageBack)
 {
     const auto store = open();
@@ -99,8 +100,14 @@ TEST_F(StoreThreads, AReasonDoesNotBringAMessageBack)
         for (int i = 0; i < 2; ++i) {
             threads.emplace_back([&, i] {
                 ++ready;
-                for (int k = 0; k < 5; ++k)
-                    queue.setReason(message, WaitReason{WaitReason::Kind::Other, 10 * i + k, {}, {}, {}});
+                for (int k = 0; k < 5; ++k) {
+                    const WaitReason reason{
+                        i == 0 ? WaitReason::Kind::Other : WaitReason::Kind::CallsFailed, k, {}, {}, {}};
+                    if (i == 0)
+                        queue.setReason(message, reason);
+                    else
+                        queue.explain([&reason](const QString&) { return reason; });
+                }
             });
         }
         while (ready < 2)
