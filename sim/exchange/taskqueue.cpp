@@ -47,7 +47,9 @@ void TaskQueue::attach()
 void TaskQueue::run()
 {
     std::unique_lock<std::mutex> locker(m_mutex);
-    while (!m_tasks.empty()) {
+    // What comes meanwhile waits for the next turn, or callers who ask without end would keep
+    // the worker from everything else.
+    for (std::size_t left = m_tasks.size(); left > 0 && !m_tasks.empty(); --left) {
         Task* task = m_tasks.front();
         m_tasks.pop_front();
         // Unlocked, because a task may call perform().

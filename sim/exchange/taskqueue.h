@@ -26,7 +26,7 @@ public:
 
     // The calling thread becomes the worker.
     void attach();
-    // The worker: runs what was handed over.
+    // The worker: runs what was handed over so far. What comes meanwhile makes wakeFd() readable.
     void run();
     // The worker: runs what is left and is the worker no longer.
     void detach();

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <poll.h>
 #include <vector>
@@ -121,8 +122,11 @@ TEST(TaskQueueTest, TasksOfManyThreadsRunOneAtATimeAlsoWhileTheWorkerComesAndGoe
     std::vector<std::thread> threads;
     for (int i = 0; i < callers; ++i) {
         threads.emplace_back([&] {
-            while (!stopping)
+            while (!stopping) {
                 ask();
+                // A mutex is not fair: without a pause the worker may not get it for minutes.
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
         });
     }
     for (int i = 0; i < workers; ++i) {
@@ -135,6 +139,32 @@ TEST(TaskQueueTest, TasksOfManyThreadsRunOneAtATimeAlsoWhileTheWorkerComesAndGoe
     EXPECT_EQ(count, asked);
     EXPECT_EQ(overlaps, 0);
     EXPECT_EQ(unfinished, 0);
+}
+
+// Or callers who ask without end would keep the worker from everything else.
+TEST(TaskQueueTest, WhatComesWhileTasksRunWaitsForTheNextTurn)
+{
+    TaskQueue queue;
+    queue.attach();
+    std::atomic<int> done{0};
+    std::thread second;
+    std::thread first([&] {
+        queue.perform([&] {
+            queue.clearWake();
+            second = std::thread([&] { queue.perform([&done] { ++done; }); });
+            EXPECT_TRUE(isAwake(queue, deadlineMs));
+            ++done;
+        });
+    });
+    EXPECT_TRUE(isAwake(queue, deadlineMs));
+    queue.run();
+    EXPECT_EQ(done, 1);
+    EXPECT_TRUE(isAwake(queue)) << "the next turn comes at once";
+    queue.run();
+    EXPECT_EQ(done, 2);
+    first.join();
+    second.join();
+    queue.detach();
 }
 
 // The worker has seen the end already when the task comes: it must not wait for ever.
