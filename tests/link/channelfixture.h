@@ -18,6 +18,19 @@
 
 namespace linktest {
 
+using Numbers = QList<int>;
+
+// Both included; around the wrap.
+inline Numbers range(int first, int last)
+{
+    Numbers numbers;
+    for (int number = first; number <= last; ++number)
+        numbers.append(number % 256);
+    return numbers;
+}
+
+inline const QString maxBytesToWriteKey = QStringLiteral("Details/transportComMaxBytesToWrite");
+
 inline QString settingsFile()
 {
     return testsupport::installRoot() + QStringLiteral("/settings/settings.ini");
@@ -121,6 +134,27 @@ protected:
 
     QByteArray read() { return m_channel.read(1000000); }
 
+    QByteArray readAfter(qint64 ms)
+    {
+        m_clock.advanceMs(ms);
+        return read();
+    }
+
+    // So many packets of one byte.
+    void writeSingles(int packets)
+    {
+        for (int i = 0; i < packets; ++i)
+            m_channel.write("x");
+    }
+
+    // Puts a packet onto the line, where nobody looks at it.
+    void sendUnseen(const QByteArray& data)
+    {
+        m_channel.write(data);
+        read();
+        m_port.takeWritten();
+    }
+
     QByteArray receive(const QByteArray& bytes)
     {
         m_port.inject(bytes);
@@ -134,6 +168,13 @@ protected:
         for (const int number : numbers)
             bytes += dataWire(number, QByteArray(1, static_cast<char>(number)));
         return receive(bytes);
+    }
+
+    // The same, each read before the next one arrives.
+    void receiveOneByOne(int first, int last)
+    {
+        for (const int number : range(first, last))
+            receiveNumbers({number});
     }
 
     QStringList reports() const { return m_calls.entries(); }
