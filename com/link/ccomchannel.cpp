@@ -200,6 +200,7 @@ void CComChannel::computeConfirmation(const CComPacket& packet)
     std::bitset<256> confirmed;
     for (const char number : packet.data)
         confirmed.set(static_cast<quint8>(number));
+    QVector<quint8> taken; // of those that had gone out
     int ahead = 0; // of the oldest; does not wrap, however long the queue
     quint8 previous = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
     for (auto queued = m_sendQueue.begin(); queued != m_sendQueue.end();) {
@@ -210,11 +211,12 @@ void CComChannel::computeConfirmation(const CComPacket& packet)
             continue;
         }
         if (queued->sentTime != 0)
-            m_sendWindow.noteConfirmed(queued->number);
+            taken.append(queued->number);
         m_channelsState->addSentBytes(m_channelIndex, queued->data.size());
         m_queuedBytes -= queued->data.size();
         queued = m_sendQueue.erase(queued);
     }
+    m_sendWindow.noteConfirmed(taken);
 }
 
 void CComChannel::deliver(const CComPacket& packet)

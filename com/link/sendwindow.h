@@ -10,6 +10,7 @@
 #include "com/link/linkrules.h"
 
 #include <QList>
+#include <QVector>
 
 #include <array>
 
@@ -26,11 +27,11 @@ public:
 
     // A packet went out for the first time, or again; oldest: the oldest number then
     // waiting for confirmation.
-    void noteSent(quint8 number, quint8 oldest) { m_oldestWhenSent[number] = placeOfOldest(oldest); }
+    void noteSent(quint8 number, quint8 oldest);
     void noteRepeated(quint8 number, quint8 oldest);
 
-    // A packet that had gone out was confirmed.
-    void noteConfirmed(quint8 number);
+    // The packets that one confirmation has taken from the queue. All had gone out.
+    void noteConfirmed(const QVector<quint8>& numbers);
 
     // A host may add one write to a queue that is nearly full. If that write makes no more packets
     // than this, the queue stays within the peer's window by itself.
@@ -58,13 +59,28 @@ private:
     using Place = qint64;
     Place placeOfOldest(quint8 oldest);
 
+    // What is known of the latest packet with a number. Sendings and confirmations are counted,
+    // first and repeated ones together, because the line keeps their order.
+    struct Sent
+    {
+        Place place = 0;
+        Place oldest = 0; // when it went out first
+        qint64 firstSending = 0;
+        qint64 lastSending = 0;
+        qint64 confirmation = 0; // the one that has named it; 0: none
+    };
+    bool hasArrivedBefore(const Sent& packet, Place earlier) const;
+    Place provedBy(const Sent& packet) const;
+
     // On a line that keeps the order of bytes, the peer can lag only after a repeat. Later
     // confirmations prove how far it is: when a packet arrives for the first time, the peer moves
-    // past everything that had been confirmed before that packet was sent, except as many numbers
-    // as the grace of an overtaken packet.
+    // past everything that has arrived before, except as many numbers as the grace of an overtaken
+    // packet.
     bool m_mayLag = false;
     Place m_oldest = 256; // as told last; past the 0 of packets that never went out
     Place m_leastExpected = 0; // as proved, while it may lag
     Place m_lastRepeated = 0; // the furthest since it may lag
-    std::array<Place, 256> m_oldestWhenSent{}; // by the packet's number
+    qint64 m_sendings = 0;
+    qint64 m_confirmations = 0;
+    std::array<Sent, 256> m_sent{}; // by number
 };

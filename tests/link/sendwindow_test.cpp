@@ -29,7 +29,7 @@ TEST(SendWindow, IsUnlimitedWithoutGapAndRepeats)
     EXPECT_EQ(window.newPacketsLimit(queueOf({254, 255, 0, 1})), unlimited);
     for (int number = 1; number <= 100; ++number)
         window.noteSent(static_cast<quint8>(number), 1);
-    window.noteConfirmed(1);
+    window.noteConfirmed({1});
     EXPECT_EQ(window.newPacketsLimit(queueOf({2, 3, 4})), unlimited);
 }
 
@@ -56,7 +56,7 @@ TEST(SendWindow, Ends111BeyondTheLeastThatThePeerMayExpectAfterARepeat)
     window.noteSent(1, 1);
     window.noteRepeated(1, 1);
     EXPECT_EQ(window.newPacketsLimit(queueOf({1, 2, 3})), 111);
-    window.noteConfirmed(1);
+    window.noteConfirmed({1});
     EXPECT_EQ(window.newPacketsLimit(queueOf({50, 51})), 62);
     EXPECT_EQ(window.newPacketsLimit(queueOf({112})), 0); // the oldest itself may go
     EXPECT_EQ(window.newPacketsLimit(queueOf({120})), 0);
@@ -78,12 +78,65 @@ TEST(SendWindow, MovesOnWithWhatConfirmationsProve)
         window.noteSent(static_cast<quint8>(number), static_cast<quint8>(number <= 20 ? 1 : 15));
     window.noteRepeated(1, 1);
     window.noteRepeated(20, 15);
-    window.noteConfirmed(10); // was sent when 1 was the oldest: proves nothing new
+    window.noteConfirmed({10}); // was sent when 1 was the oldest: proves nothing new
     EXPECT_EQ(window.newPacketsLimit(queueOf({15, 16})), 97);
-    window.noteConfirmed(30); // was sent when all before 15 had arrived
+    window.noteConfirmed({30}); // was sent when all before 15 had arrived
     EXPECT_EQ(window.newPacketsLimit(queueOf({15, 16})), 111);
-    window.noteConfirmed(12); // comes late, and takes nothing back
+    window.noteConfirmed({12}); // comes late, and takes nothing back
     EXPECT_EQ(window.newPacketsLimit(queueOf({15, 16})), 111);
+}
+
+// 2 was sent once and confirmed after 1, so it arrived after 1: the peer has moved past 1, although
+// a repeat of 1 was sent later.
+TEST(SendWindow, MovesOnWhenARepeatProvesNeedless)
+{
+    SendWindow window;
+    window.noteSent(1, 1);
+    window.noteSent(2, 1);
+    window.noteRepeated(1, 1);
+    window.noteConfirmed({1});
+    window.noteConfirmed({2});
+    EXPECT_EQ(window.newPacketsLimit(queueOf({3})), 110);
+}
+
+TEST(SendWindow, EndsTheLagWhenRepeatsProveNeedless)
+{
+    SendWindow window;
+    for (int number = 1; number <= 40; ++number)
+        window.noteSent(static_cast<quint8>(number), 1);
+    window.noteRepeated(1, 1);
+    window.noteConfirmed({1, 2});
+    EXPECT_EQ(window.newPacketsLimit(queueOf({3})), 109); // 2 may have arrived before the repeat of 1
+    window.noteConfirmed({17});
+    EXPECT_NE(window.newPacketsLimit(queueOf({3})), unlimited);
+    window.noteConfirmed({18});
+    EXPECT_EQ(window.newPacketsLimit(queueOf({3})), unlimited);
+}
+
+TEST(SendWindow, AConfirmationOfBothProvesNothingWithoutTheOrderOfSending)
+{
+    SendWindow window;
+    window.noteSent(1, 1);
+    window.noteSent(2, 1);
+    window.noteRepeated(1, 1);
+    window.noteSent(3, 1);
+    window.noteConfirmed({1, 2}); // as after the loss of the first 1
+    EXPECT_EQ(window.newPacketsLimit(queueOf({3})), 109);
+    window.noteConfirmed({3}); // was sent behind the repeat
+    EXPECT_EQ(window.newPacketsLimit(queueOf({4})), 110);
+}
+
+// The first 2 may have arrived before 1 did, and only its confirmation be lost.
+TEST(SendWindow, ARepeatedPacketProvesNothingOfWhatWasRepeatedToo)
+{
+    SendWindow window;
+    window.noteSent(1, 1);
+    window.noteSent(2, 1);
+    window.noteRepeated(1, 1);
+    window.noteRepeated(2, 1);
+    window.noteConfirmed({1});
+    window.noteConfirmed({2});
+    EXPECT_EQ(window.newPacketsLimit(queueOf({3})), 109);
 }
 
 TEST(SendWindow, IsUnlimitedAgainWhenAPacketSentBehindAllRepeatedOnesHasArrived)
@@ -92,11 +145,11 @@ TEST(SendWindow, IsUnlimitedAgainWhenAPacketSentBehindAllRepeatedOnesHasArrived)
     window.noteSent(1, 1);
     window.noteRepeated(1, 1);
     window.noteSent(2, 1);
-    window.noteConfirmed(1);
-    window.noteConfirmed(2);
+    window.noteConfirmed({1});
+    window.noteConfirmed({2});
     EXPECT_NE(window.newPacketsLimit(queueOf({3})), unlimited);
     window.noteSent(18, 3);
-    window.noteConfirmed(18);
+    window.noteConfirmed({18});
     EXPECT_EQ(window.newPacketsLimit(queueOf({19})), unlimited);
 }
 
@@ -106,11 +159,11 @@ TEST(SendWindow, StaysWhileAnOvertakenPacketMayKeepThePeerBack)
     window.noteRepeated(1, 1);
     for (int number = 2; number <= 17; ++number) {
         window.noteSent(static_cast<quint8>(number), static_cast<quint8>(number));
-        window.noteConfirmed(static_cast<quint8>(number));
+        window.noteConfirmed({static_cast<quint8>(number)});
         EXPECT_EQ(window.newPacketsLimit(queueOf({number + 1})), 110) << number;
     }
     window.noteSent(18, 18);
-    window.noteConfirmed(18);
+    window.noteConfirmed({18});
     EXPECT_EQ(window.newPacketsLimit(queueOf({19})), unlimited);
 }
 
@@ -123,10 +176,10 @@ TEST(SendWindow, CountsRepeatsOfLaterPacketsToo)
     window.noteRepeated(4, 1);
     window.noteRepeated(2, 1);
     window.noteSent(40, 3);
-    window.noteConfirmed(40); // behind 1 and 2, but not behind 4
+    window.noteConfirmed({40}); // behind 1 and 2, but not behind 4
     EXPECT_NE(window.newPacketsLimit(queueOf({41})), unlimited);
     window.noteSent(41, 41);
-    window.noteConfirmed(41);
+    window.noteConfirmed({41});
     EXPECT_EQ(window.newPacketsLimit(queueOf({42})), unlimited);
 }
 
@@ -136,10 +189,10 @@ TEST(SendWindow, GoesAroundTheWrap)
     window.noteRepeated(250, 250);
     EXPECT_EQ(window.newPacketsLimit(queueOf({4, 5})), 101);
     window.noteSent(10, 255);
-    window.noteConfirmed(10);
+    window.noteConfirmed({10});
     EXPECT_EQ(window.newPacketsLimit(queueOf({11, 12})), 99);
     window.noteSent(11, 255);
-    window.noteConfirmed(11);
+    window.noteConfirmed({11});
     EXPECT_EQ(window.newPacketsLimit(queueOf({12, 13})), unlimited);
 }
 
@@ -154,7 +207,7 @@ TEST(SendWindow, ALongSentPacketDoesNotEndTheLag)
         window.noteSent(static_cast<quint8>(number), 111);
     window.noteRepeated(111, 111);
     window.noteRepeated(130, 111);
-    window.noteConfirmed(111);
+    window.noteConfirmed({111});
     EXPECT_EQ(window.newPacketsLimit(queueOf({151, 152})), 71);
 }
 
@@ -170,10 +223,10 @@ TEST(SendWindow, ALongSentPacketDoesNotEndTheLagAroundTheWrap)
             window.noteSent(at(number), at(111));
         window.noteRepeated(at(111), at(111));
         window.noteRepeated(at(130), at(111));
-        window.noteConfirmed(at(111));
+        window.noteConfirmed({at(111)});
         EXPECT_EQ(window.newPacketsLimit(queueOf({at(151), at(152)})), 71) << shift;
         window.noteSent(at(151), at(131));
-        window.noteConfirmed(at(151));
+        window.noteConfirmed({at(151)});
         EXPECT_EQ(window.newPacketsLimit(queueOf({at(152)})), unlimited) << shift;
     }
 }
