@@ -40,70 +40,79 @@ bool plainRead(QByteArray& buffer, PlainPacket& packet)
     return true;
 }
 
+namespace {
+
+enum Piece
+{
+    Run,
+    Packet,
+    EmptyPacket,
+    DamagedPacket,
+    LonelyHeader,
+    LongPacket,
+    PacketInPacket,
+    PieceCount
+};
+
+QByteArray damagedPacket(Input& input)
+{
+    const int type = input.byte();
+    const int number = input.byte();
+    QByteArray wire = plainWire(type, number, input.run(input.byte()));
+    const int at = input.byte() % wire.size();
+    wire[at] = static_cast<char>(wire.at(at) ^ input.byte());
+    return wire;
+}
+
+// times: how many such packets come, with numbers counting up, where the piece is a packet.
+QByteArray pieceBytes(Piece piece, int times, Input& input)
+{
+    switch (piece) {
+    case Run: return input.run(input.byte());
+    case Packet: {
+        const int type = input.byte();
+        const int number = input.byte();
+        const QByteArray data = input.run(input.byte());
+        QByteArray bytes;
+        for (int i = 0; i < times; ++i)
+            bytes += plainWire(type, (number + i) & 255, data);
+        return bytes;
+    }
+    case EmptyPacket: {
+        const int type = input.byte();
+        return plainWire(type, input.byte(), QByteArray());
+    }
+    case DamagedPacket: return damagedPacket(input);
+    case LonelyHeader: {
+        const int type = input.byte();
+        const int number = input.byte();
+        return toBytes(testsupport::headerImage(static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(number),
+                                                static_cast<std::uint16_t>(input.word())));
+    }
+    case LongPacket: {
+        const int number = input.byte();
+        return plainWire(0, number, QByteArray(input.word() % 2048, static_cast<char>(input.byte())));
+    }
+    case PacketInPacket: {
+        const int number = input.byte();
+        const QByteArray inner = input.run(input.byte()) + plainWire(0, input.byte(), input.run(input.byte()));
+        return plainWire(0, number, inner).chopped(input.byte() % 12);
+    }
+    case PieceCount: break;
+    }
+    return {};
+}
+
+} // namespace
+
 QByteArray lineBytes(Input& input)
 {
-    // The upper bits of the choice say how many such packets come, with numbers counting up.
-    enum Piece
-    {
-        Run,
-        Packet,
-        EmptyPacket,
-        DamagedPacket,
-        LonelyHeader,
-        LongPacket,
-        PacketInPacket,
-        PieceCount
-    };
     QByteArray bytes;
     // A few bytes of input make many here; long rows only make the target slow.
     while (!input.atEnd() && bytes.size() < maxLineBytes) {
         const int choice = input.byte();
         const int times = 1 + (choice >> 4);
-        switch (static_cast<Piece>((choice & 15) % PieceCount)) {
-        case Run: bytes += input.run(input.byte()); break;
-        case Packet: {
-            const int type = input.byte();
-            const int number = input.byte();
-            const QByteArray data = input.run(input.byte());
-            for (int i = 0; i < times; ++i)
-                bytes += plainWire(type, (number + i) & 255, data);
-            break;
-        }
-        case EmptyPacket: {
-            const int type = input.byte();
-            bytes += plainWire(type, input.byte(), QByteArray());
-            break;
-        }
-        case DamagedPacket: {
-            const int type = input.byte();
-            const int number = input.byte();
-            QByteArray wire = plainWire(type, number, input.run(input.byte()));
-            const int at = input.byte() % wire.size();
-            wire[at] = static_cast<char>(wire.at(at) ^ input.byte());
-            bytes += wire;
-            break;
-        }
-        case LonelyHeader: {
-            const int type = input.byte();
-            const int number = input.byte();
-            bytes +=
-                toBytes(testsupport::headerImage(static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(number),
-                                                 static_cast<std::uint16_t>(input.word())));
-            break;
-        }
-        case LongPacket: {
-            const int number = input.byte();
-            bytes += plainWire(0, number, QByteArray(input.word() % 2048, static_cast<char>(input.byte())));
-            break;
-        }
-        case PacketInPacket: {
-            const int number = input.byte();
-            const QByteArray inner = input.run(input.byte()) + plainWire(0, input.byte(), input.run(input.byte()));
-            bytes += plainWire(0, number, inner).chopped(input.byte() % 12);
-            break;
-        }
-        case PieceCount: break;
-        }
+        bytes += pieceBytes(static_cast<Piece>((choice & 15) % PieceCount), times, input);
     }
     return bytes;
 }

@@ -190,72 +190,83 @@ private:
             break;
         }
         case AnyBytes: hear(m_input.run(m_input.byte())); break;
-        case Hello: {
-            HelloFrame hello;
-            hello.abonentName = QString::fromUtf8(m_input.run(m_input.byte() % 64));
-            say(FrameType::Hello, hello.encode());
-            break;
-        }
+        case Hello: sayHello(); break;
         case EmptyState: {
             StateFrame state;
             state.isLast = choice < 128;
             say(FrameType::State, state.encode());
             break;
         }
-        case StateWithPart: {
-            StateFrame state;
-            MessagePart part;
-            part.messageId = firstQueuedId + static_cast<quint64>(m_input.byte() % 4);
-            part.length = m_input.word() % 3000;
-            part.sha256 = sha256(m_queued[part.messageId].left(static_cast<int>(part.length)));
-            state.parts.append(part);
-            for (int ids = m_input.byte() % 4; ids > 0; --ids)
-                state.storedIds.append(firstQueuedId + static_cast<quint64>(m_input.byte() % 4));
-            say(FrameType::State, state.encode());
-            break;
-        }
+        case StateWithPart: sayStateWithPart(); break;
         case Message: sendMessage(choice); break;
-        case ResumedMessage: {
-            const int index = m_input.byte() % 4;
-            const QByteArray part = standingPart(index);
-            const QByteArray more = m_input.run(m_input.byte());
-            offer(firstStandingId + static_cast<quint64>(index), part + more,
-                  choice < 128 ? part.size() : m_input.word());
-            if (!more.isEmpty())
-                say(FrameType::Data, more);
-            break;
-        }
+        case ResumedMessage: resumeMessage(choice); break;
         case LargeData: say(FrameType::Data, pattern(1 + m_input.word() % maxFramePayloadBytes, choice)); break;
         case Take: m_listener.hear(m_session->takeOutput(m_input.word() % 4000, m_nowMs)); break;
         case Pass:
             m_nowMs += m_input.word();
             m_session->advance(m_nowMs);
             break;
-        case StoreFault: {
-            const std::array<QString*, 3> faults{&m_store.openError, &m_store.appendError, &m_store.storeError};
-            *faults[static_cast<std::size_t>(m_input.byte() % 3)] =
-                choice < 128 ? QStringLiteral("the disk is full") : QString();
-            m_store.refuseBegin = m_input.byte() % 4 == 3;
-            break;
-        }
+        case StoreFault: setStoreFault(choice); break;
         case KeepAlive: m_session->setKeepAlive(choice < 128); break;
         case Stop: m_session->stop(QStringLiteral("stopped"), m_nowMs); break;
-        case Acknowledge: {
-            const int numbers = m_input.byte() % 4;
-            QVector<quint64> offers;
-            for (int i = 0; i < numbers; ++i)
-                offers.append(static_cast<quint64>(m_input.byte() % 8));
-            say(choice < 128 ? FrameType::Stored : FrameType::Settled, encodeNumbers(offers));
-            break;
-        }
-        case Ending: {
-            constexpr std::array<FrameType, 5> endings{FrameType::Finish, FrameType::Bye, FrameType::ByeYes,
-                                                       FrameType::ByeNo, FrameType::Continue};
-            say(endings[static_cast<std::size_t>(m_input.byte()) % endings.size()], QByteArray());
-            break;
-        }
+        case Acknowledge: acknowledge(choice); break;
+        case Ending: sayEnding(); break;
         case ActionCount: break;
         }
+    }
+
+    void sayHello()
+    {
+        HelloFrame hello;
+        hello.abonentName = QString::fromUtf8(m_input.run(m_input.byte() % 64));
+        say(FrameType::Hello, hello.encode());
+    }
+
+    void sayStateWithPart()
+    {
+        StateFrame state;
+        MessagePart part;
+        part.messageId = firstQueuedId + static_cast<quint64>(m_input.byte() % 4);
+        part.length = m_input.word() % 3000;
+        part.sha256 = sha256(m_queued[part.messageId].left(static_cast<int>(part.length)));
+        state.parts.append(part);
+        for (int ids = m_input.byte() % 4; ids > 0; --ids)
+            state.storedIds.append(firstQueuedId + static_cast<quint64>(m_input.byte() % 4));
+        say(FrameType::State, state.encode());
+    }
+
+    void resumeMessage(int choice)
+    {
+        const int index = m_input.byte() % 4;
+        const QByteArray part = standingPart(index);
+        const QByteArray more = m_input.run(m_input.byte());
+        offer(firstStandingId + static_cast<quint64>(index), part + more, choice < 128 ? part.size() : m_input.word());
+        if (!more.isEmpty())
+            say(FrameType::Data, more);
+    }
+
+    void setStoreFault(int choice)
+    {
+        const std::array<QString*, 3> faults{&m_store.openError, &m_store.appendError, &m_store.storeError};
+        *faults[static_cast<std::size_t>(m_input.byte() % 3)] =
+            choice < 128 ? QStringLiteral("the disk is full") : QString();
+        m_store.refuseBegin = m_input.byte() % 4 == 3;
+    }
+
+    void acknowledge(int choice)
+    {
+        const int numbers = m_input.byte() % 4;
+        QVector<quint64> offers;
+        for (int i = 0; i < numbers; ++i)
+            offers.append(static_cast<quint64>(m_input.byte() % 8));
+        say(choice < 128 ? FrameType::Stored : FrameType::Settled, encodeNumbers(offers));
+    }
+
+    void sayEnding()
+    {
+        constexpr std::array<FrameType, 5> endings{FrameType::Finish, FrameType::Bye, FrameType::ByeYes,
+                                                   FrameType::ByeNo, FrameType::Continue};
+        say(endings[static_cast<std::size_t>(m_input.byte()) % endings.size()], QByteArray());
     }
 
     void sendMessage(int choice)

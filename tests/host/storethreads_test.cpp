@@ -13,72 +13,96 @@ class StoreThreads : public InboxFixture
 {
 };
 
+namespace {
+
+// Messages that one thread queues and several deliver, while another looks on.
+class ManyMessages
+{
+public:
+    static constexpr int count = 200;
+
+    ManyMessages(OutgoingQueue& queue, const Peer& peer) : m_queue(queue), m_peer(peer), m_owners(count + 1) {}
+
+    // Until all have been delivered, or one twice.
+    bool isOver() const { return delivered >= count || isWrong; }
+
+    void produce(const QString& source)
+    {
+        for (int i = 0; i < count; ++i) {
+            isWrong = isWrong || !m_queue.enqueue(m_peer.abonent, source).isEmpty();
+            m_queue.rescan();
+        }
+    }
+
+    // The host's own thread, which shows the queue and decides whom to call.
+    void observe()
+    {
+        const WaitReason reason{WaitReason::Kind::NotTried, 0, {}, {}, {}};
+        while (!isOver()) {
+            (void)m_queue.waitingAbonents();
+            (void)m_queue.hasUnclaimed(m_peer);
+            (void)m_queue.queuedIds(m_peer);
+            m_queue.explain([&reason](const QString&) { return reason; });
+            std::this_thread::yield();
+        }
+    }
+
+    void deliver(int worker)
+    {
+        char session = 0;
+        int turns = 0;
+        while (!isOver()) {
+            const std::optional<OutgoingMessage> mine = m_queue.claimNext(m_peer, &session);
+            if (!mine) {
+                (void)m_queue.messages();
+                m_queue.rescan();
+                std::this_thread::yield();
+                continue;
+            }
+            std::atomic<int>& owner = m_owners[mine->key.toUInt() % m_owners.size()];
+            if (owner.exchange(worker + 1) != 0)
+                isWrong = true; // two have it
+            if (++turns % 4 == 0) {
+                m_queue.notDelivered(*mine, QStringLiteral("try %1").arg(turns), OutgoingStore::Fault::Remote);
+                owner = 0;
+                m_queue.releaseAll(&session);
+                continue;
+            }
+            if (!m_queue.remove(*mine).isEmpty())
+                isWrong = true;
+            owner = 0;
+            ++delivered;
+        }
+    }
+
+    std::atomic<int> delivered{0};
+    std::atomic<bool> isWrong{false};
+
+private:
+    OutgoingQueue& m_queue;
+    const Peer m_peer;
+    std::vector<std::atomic<int>> m_owners; // by the message's number
+};
+
+} // namespace
+
 // Whatever they do at once, each message is claimed by one of them and delivered once.
 TEST_F(StoreThreads, EachMessageIsClaimedOnce)
 {
-    constexpr int messages = 200;
     constexpr int workers = 3;
     const auto store = open();
     OutgoingQueue& queue = store->queue();
     const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
-    std::atomic<int> queued{0};
-    std::atomic<int> delivered{0};
-    std::atomic<bool> isWrong{false};
-    std::vector<std::atomic<int>> owners(messages + 1); // by the message's number
-    std::thread producer([&] {
-        for (int i = 0; i < messages; ++i) {
-            isWrong = isWrong || !queue.enqueue(bob.abonent, source).isEmpty();
-            ++queued;
-            queue.rescan();
-        }
-    });
-    // The host's own thread, which shows the queue and decides whom to call.
-    std::thread observer([&] {
-        const WaitReason reason{WaitReason::Kind::NotTried, 0, {}, {}, {}};
-        while (delivered < messages && !isWrong) {
-            (void)queue.waitingAbonents();
-            (void)queue.hasUnclaimed(bob);
-            (void)queue.queuedIds(bob);
-            queue.explain([&reason](const QString&) { return reason; });
-            std::this_thread::yield();
-        }
-    });
+    ManyMessages messages(queue, bob);
     std::vector<std::thread> threads;
-    for (int worker = 0; worker < workers; ++worker) {
-        threads.emplace_back([&, worker] {
-            char session = 0;
-            int turns = 0;
-            while (delivered < messages && !isWrong) {
-                const std::optional<OutgoingMessage> mine = store->queue().claimNext(bob, &session);
-                if (!mine) {
-                    (void)queue.messages();
-                    queue.rescan();
-                    std::this_thread::yield();
-                    continue;
-                }
-                std::atomic<int>& owner = owners[mine->key.toUInt() % owners.size()];
-                if (owner.exchange(worker + 1) != 0)
-                    isWrong = true; // two have it
-                if (++turns % 4 == 0) {
-                    store->queue().notDelivered(*mine, QStringLiteral("try %1").arg(turns),
-                                                OutgoingStore::Fault::Remote);
-                    owner = 0;
-                    store->queue().releaseAll(&session);
-                    continue;
-                }
-                if (!store->queue().remove(*mine).isEmpty())
-                    isWrong = true;
-                owner = 0;
-                ++delivered;
-            }
-        });
-    }
-    producer.join();
-    observer.join();
+    threads.emplace_back([&] { messages.produce(source); });
+    threads.emplace_back([&] { messages.observe(); });
+    for (int worker = 0; worker < workers; ++worker)
+        threads.emplace_back([&, worker] { messages.deliver(worker); });
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_FALSE(isWrong);
-    EXPECT_EQ(delivered, messages) << "once each";
+    EXPECT_FALSE(messages.isWrong);
+    EXPECT_EQ(messages.delivered, ManyMessages::count) << "once each";
     queue.rescan();
     EXPECT_EQ(queue.messages().size(), 0);
     EXPECT_EQ(paths.output.entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot), QStringList())

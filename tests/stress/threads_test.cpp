@@ -14,7 +14,9 @@
 
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <random>
+#include <string>
 #include <thread>
 
 using testsupport::currentResources;
@@ -137,6 +139,24 @@ protected:
     void restart(Dice& dice, Watchdog::Watched& watched);
     void breakAModem(Dice& dice, Watchdog::Watched& watched);
 
+    bool allFree() { return bed.waitForFree(ports, recoveryMs); }
+    std::string portLines() { return (bed.board.lines() + bed.account.lines()).join('\n').toStdString(); }
+    // An ended thread goes, with what the allocator keeps for it, a moment after its end is known.
+    bool waitForThreads(int count) const
+    {
+        return waitFor([&] { return currentResources().threads == count; });
+    }
+    // A first call and a stop, so that what is made once and kept is there.
+    void oneCallAndAStop();
+    void startThreads(int seconds);
+    // Until the time is over, and there was traffic to watch; both threads are told to the dog.
+    void watchTraffic(int seconds, Watchdog::Watched& host, Watchdog::Watched& serverThread);
+    void expectPortsComeBack();
+    void printCounts(const testsupport::Account::Figures& figures) const;
+    // Each end is told of once, and nobody is connected that was not.
+    void expectAccountsAgree(const testsupport::Account::Figures& figures);
+    void expectNothingKept(const Resources& before);
+
     SharedDice plans;
     StressBed bed{ports, line(), [this] { return plans.plan(); }};
     Counts counts;
@@ -255,29 +275,17 @@ void Threads::breakAModem(Dice& dice, Watchdog::Watched& watched)
     ++counts.faults;
 }
 
-} // namespace
-
-TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
+void Threads::oneCallAndAStop()
 {
-    const int seconds = stressSeconds();
-    std::printf("seed %u, %d s\n", testsupport::seed(), seconds);
-    const int threadsAlone = currentResources().threads;
-    // An ended thread goes, with what the allocator keeps for it, a moment after its end is known.
-    const auto allThreadsAreGone = [&] { return waitFor([&] { return currentResources().threads == threadsAlone; }); };
-    const auto allFree = [&] { return bed.waitForFree(ports, recoveryMs); };
-    const auto portLines = [&] { return (bed.board.lines() + bed.account.lines()).join('\n').toStdString(); };
-
-    // Once round, so that what is made once and kept is there.
-    Watchdog::Watched& host = dog.watch("host");
-    Watchdog::Watched& serverThread = dog.watch("server's thread");
     bed.start();
     ASSERT_TRUE(allFree()) << portLines();
     bed.call(2); // from port 1, the first free one
     ASSERT_TRUE(waitFor([&] { return bed.account.figures().sessions > 0; }, recoveryMs)) << portLines();
     ASSERT_TRUE(bed.stopFromOutside(standstillMs));
-    ASSERT_TRUE(allThreadsAreGone());
-    const Resources before = currentResources();
+}
 
+void Threads::startThreads(int seconds)
+{
     for (unsigned caller = 0; caller < 2; ++caller)
         run(caller == 0 ? "first caller" : "second caller", 10 + caller, 60,
             [this](Dice& dice, Watchdog::Watched&) { callSomebody(dice); });
@@ -297,14 +305,14 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
         else
             restart(dice, watched);
     });
+}
 
-    bed.start();
-    ASSERT_TRUE(allFree()) << portLines();
-    dog.begin();
-    begun = true;
+void Threads::watchTraffic(int seconds, Watchdog::Watched& host, Watchdog::Watched& serverThread)
+{
     QElapsedTimer timer;
     timer.start();
-    std::atomic<bool> answered{true};
+    // The server's thread may run what was posted later than this returns.
+    const auto answered = std::make_shared<std::atomic<bool>>(true);
     // A short run on a busy machine goes on until there was traffic to watch.
     const auto wasBusy = [&] {
         const testsupport::Account::Figures figures = bed.account.figures();
@@ -313,32 +321,29 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
     (void)waitFor(
         [&] {
             host.at("waiting for the end");
-            if (answered.exchange(false)) {
-                bed.postToServer([&] {
+            if (answered->exchange(false)) {
+                bed.postToServer([&serverThread, answered] {
                     serverThread.at("its event loop");
-                    answered = true;
+                    *answered = true;
                 });
             }
             return HasFailure() || (timer.elapsed() >= seconds * 1000 && wasBusy());
         },
         seconds * 1000 + recoveryMs);
-    host.at("joining the threads");
-    plans.windUp();
-    endThreads();
-    serverThread.done();
+}
 
-    host.at("waiting until every port is free");
-    // Whatever happened to it: a port whose modem is well comes back by itself.
+// Whatever happened to it: a port whose modem is well comes back by itself.
+void Threads::expectPortsComeBack()
+{
     bed.writePorts();
     bed.inServer([this] { bed.server->settingsWasChanged(); });
     for (int id = 1; id <= ports; ++id)
         bed.inServer([this, id] { bed.server->disconnectFromAbonent(QString(), id); });
     EXPECT_TRUE(allFree()) << portLines();
-    host.at("stopping");
-    EXPECT_TRUE(bed.stopFromOutside(standstillMs));
-    dog.end();
+}
 
-    const testsupport::Account::Figures figures = bed.account.figures();
+void Threads::printCounts(const testsupport::Account::Figures& figures) const
+{
     std::printf("%d calls asked for, %d sessions, %d of them kept alive, %.2f MiB sent, %.2f MiB received\n"
                 "%d hang-ups, %d keep-alives, %d polls, %d changes of settings, %d restarts (longest stop %lld ms), %d "
                 "faults\n",
@@ -346,17 +351,22 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
                 static_cast<double>(figures.bytesReceived) / (1 << 20), int(counts.hangups), int(counts.keptAlive),
                 int(counts.polls), int(counts.settings), int(counts.restarts),
                 static_cast<long long>(counts.longestStopMs), int(counts.faults));
+}
+
+void Threads::expectAccountsAgree(const testsupport::Account::Figures& figures)
+{
     EXPECT_GT(figures.withPeer, 1);
     EXPECT_GT(figures.bytesReceived, 1000);
     EXPECT_EQ((bed.account.violations() + bed.board.violations()).join('\n').toStdString(), "");
     EXPECT_FALSE(bed.anyWasTerminated());
-    // Each end is told of once, and nobody is connected that was not.
     EXPECT_EQ(int(bed.disconnected), figures.ofKnownParty);
     EXPECT_LE(int(bed.connected), int(bed.disconnected));
-
     EXPECT_EQ(figures.running, 0);
     EXPECT_EQ(bed.board.count(), 0);
-    EXPECT_TRUE(allThreadsAreGone()) << currentResources().threads << " threads, before " << threadsAlone;
+}
+
+void Threads::expectNothingKept(const Resources& before)
+{
     bed.account.forgetEnded();
     const Resources after = currentResources();
     EXPECT_EQ(after.descriptors, before.descriptors);
@@ -366,4 +376,41 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
                 endedCalls);
     // The exchange keeps its statistics; a single round's workers would be more than the rest.
     EXPECT_LT(grown, endedCalls * 1024 + ports * 2048);
+}
+
+} // namespace
+
+TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
+{
+    const int seconds = stressSeconds();
+    std::printf("seed %u, %d s\n", testsupport::seed(), seconds);
+    const int threadsAlone = currentResources().threads;
+    Watchdog::Watched& host = dog.watch("host");
+    Watchdog::Watched& serverThread = dog.watch("server's thread");
+    ASSERT_NO_FATAL_FAILURE(oneCallAndAStop());
+    ASSERT_TRUE(waitForThreads(threadsAlone));
+    const Resources before = currentResources();
+
+    startThreads(seconds);
+    bed.start();
+    ASSERT_TRUE(allFree()) << portLines();
+    dog.begin();
+    begun = true;
+    watchTraffic(seconds, host, serverThread);
+    host.at("joining the threads");
+    plans.windUp();
+    endThreads();
+    serverThread.done();
+
+    host.at("waiting until every port is free");
+    expectPortsComeBack();
+    host.at("stopping");
+    EXPECT_TRUE(bed.stopFromOutside(standstillMs));
+    dog.end();
+
+    const testsupport::Account::Figures figures = bed.account.figures();
+    printCounts(figures);
+    expectAccountsAgree(figures);
+    EXPECT_TRUE(waitForThreads(threadsAlone)) << currentResources().threads << " threads, before " << threadsAlone;
+    expectNothingKept(before);
 }

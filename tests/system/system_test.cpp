@@ -219,18 +219,56 @@ TEST(System, KilledReceiverAndSenderDeliverOnce)
     EXPECT_EQ(pair.south.receivedCount(), 2);
 }
 
-// Both sides send all the time, and one of them is killed again and again, wherever it is:
-// dialling, in the middle of a file, storing it, acknowledging it. SYSTEM_KILL_SECONDS
-// makes the few seconds of a usual run longer.
-TEST(System, KilledAtRandomMomentsAgainAndAgain)
-{
-    constexpr int usualSeconds = 8;
-    const int asked = qEnvironmentVariableIntValue("SYSTEM_KILL_SECONDS");
-    const int seconds = asked > 0 ? asked : usualSeconds;
-    std::mt19937 random(testsupport::seed());
-    std::printf("seed %u, %d s\n", testsupport::seed(), seconds);
+namespace {
 
-    Pair pair;
+// Both sides send all the time, and one of them is killed again and again.
+class KilledPair
+{
+public:
+    explicit KilledPair(unsigned seed) : m_random(seed)
+    {
+        for (Side& side : m_sides) {
+            queueSome(side);
+            side.self->run(m_pair.exchange, m_options);
+        }
+    }
+
+    void killOne()
+    {
+        // Mostly while a call stands, at times while there is none.
+        if (m_random() % 4 != 0) {
+            const int begun = filesBegun();
+            (void)waitFor([&] { return filesBegun() > begun; }, 3000);
+        }
+        const int lifeMs = static_cast<int>(m_random() % 400);
+        QElapsedTimer life;
+        life.start();
+        (void)waitFor([&] { return life.elapsed() >= lifeMs; }, lifeMs + 1);
+        Side& victim = m_sides[m_random() % 2];
+        victim.self->kill();
+        ++victim.kills;
+        for (const Side& side : m_sides)
+            expectNothingConfirmedTooEarly(side);
+        queueSome(m_sides[m_random() % 2]);
+        victim.self->run(m_pair.exchange, m_options);
+    }
+
+    void expectAllArrive()
+    {
+        EXPECT_TRUE(waitFor([this] { return std::all_of(std::begin(m_sides), std::end(m_sides), allIsDone); },
+                            transferDeadlineMs));
+        for (const Side& side : m_sides)
+            EXPECT_EQ(side.self->stop(), exitDone);
+        for (const Side& side : m_sides) {
+            for (auto file = side.sent.constBegin(); file != side.sent.constEnd(); ++file)
+                expectReceivedOnce(*side.peer, file.value(), file.key());
+            EXPECT_EQ(side.peer->receivedCount(), side.sent.size());
+            expectNothingConfirmedTooEarly(side);
+            std::printf("%s: killed %d times, %d files\n", qPrintable(side.self->name()), side.kills, side.sent.size());
+        }
+    }
+
+private:
     struct Side
     {
         Installation* self;
@@ -238,70 +276,63 @@ TEST(System, KilledAtRandomMomentsAgainAndAgain)
         QMap<QString, QByteArray> sent = {};
         int kills = 0;
     };
-    Side sides[] = {{&pair.north, &pair.south}, {&pair.south, &pair.north}};
-    const QStringList options{QStringLiteral("--silence-seconds"), QStringLiteral("3")};
+
+    int filesBegun() const { return m_pair.north.events(QStringLiteral("fileBegun")).size(); }
+
     // Small ones: most of the time some file is just being begun, stored or acknowledged.
-    const auto queueSome = [&](Side& side) {
+    void queueSome(Side& side)
+    {
         QStringList files;
         for (int i = 0; i < 3; ++i) {
             const QString name = QStringLiteral("%1 %2").arg(side.self->name(), QString::number(side.sent.size()));
-            side.sent[name] = randomBytes(static_cast<int>(random() % 4000));
+            side.sent[name] = randomBytes(static_cast<int>(m_random() % 4000));
             files.append(makeFile(name, side.sent[name]));
         }
         side.self->send(*side.peer, files);
-    };
-    const auto expectNothingConfirmedTooEarly = [](const Side& side) {
+    }
+
+    static void expectNothingConfirmedTooEarly(const Side& side)
+    {
         QSet<QString> delivered;
         for (const QJsonObject& event : side.self->events(QStringLiteral("delivered")))
             delivered.insert(event[QStringLiteral("file")].toString());
         for (const QString& name : qAsConst(delivered))
             EXPECT_EQ(side.peer->received(side.sent[name]).count(name), 1) << name.toStdString();
-    };
-    for (Side& side : sides) {
-        queueSome(side);
-        side.self->run(pair.exchange, options);
     }
+
+    static bool allIsDone(const Side& side)
+    {
+        if (side.peer->receivedCount() < side.sent.size())
+            return false;
+        side.self->command({QStringLiteral("status"), QStringLiteral("--json")});
+        return QJsonDocument::fromJson(side.self->output().toUtf8())
+            .object()[QStringLiteral("queue")]
+            .toArray()
+            .isEmpty();
+    }
+
+    std::mt19937 m_random;
+    Pair m_pair;
+    const QStringList m_options{QStringLiteral("--silence-seconds"), QStringLiteral("3")};
+    Side m_sides[2] = {{&m_pair.north, &m_pair.south}, {&m_pair.south, &m_pair.north}};
+};
+
+} // namespace
+
+// Wherever it is: dialling, in the middle of a file, storing it, acknowledging it.
+// SYSTEM_KILL_SECONDS makes the few seconds of a usual run longer.
+TEST(System, KilledAtRandomMomentsAgainAndAgain)
+{
+    constexpr int usualSeconds = 8;
+    const int asked = qEnvironmentVariableIntValue("SYSTEM_KILL_SECONDS");
+    const int seconds = asked > 0 ? asked : usualSeconds;
+    std::printf("seed %u, %d s\n", testsupport::seed(), seconds);
+    KilledPair pair(testsupport::seed());
     QElapsedTimer timer;
     timer.start();
-    while (timer.elapsed() < seconds * 1000) {
-        // Mostly while a call stands, at times while there is none.
-        if (random() % 4 != 0) {
-            const int begun = pair.north.events(QStringLiteral("fileBegun")).size();
-            (void)waitFor([&] { return pair.north.events(QStringLiteral("fileBegun")).size() > begun; }, 3000);
-        }
-        const int lifeMs = static_cast<int>(random() % 400);
-        QElapsedTimer life;
-        life.start();
-        (void)waitFor([&] { return life.elapsed() >= lifeMs; }, lifeMs + 1);
-        Side& victim = sides[random() % 2];
-        victim.self->kill();
-        ++victim.kills;
-        expectNothingConfirmedTooEarly(sides[0]);
-        expectNothingConfirmedTooEarly(sides[1]);
-        queueSome(sides[random() % 2]);
-        victim.self->run(pair.exchange, options);
-    }
-    const auto allIsDone = [&] {
-        return std::all_of(std::begin(sides), std::end(sides), [](const Side& side) {
-            if (side.peer->receivedCount() < side.sent.size())
-                return false;
-            side.self->command({QStringLiteral("status"), QStringLiteral("--json")});
-            return QJsonDocument::fromJson(side.self->output().toUtf8())
-                .object()[QStringLiteral("queue")]
-                .toArray()
-                .isEmpty();
-        });
-    };
-    EXPECT_TRUE(waitFor(allIsDone, transferDeadlineMs));
-    for (const Side& side : sides)
-        EXPECT_EQ(side.self->stop(), exitDone);
-    for (const Side& side : sides) {
-        for (auto file = side.sent.constBegin(); file != side.sent.constEnd(); ++file)
-            expectReceivedOnce(*side.peer, file.value(), file.key());
-        EXPECT_EQ(side.peer->receivedCount(), side.sent.size());
-        expectNothingConfirmedTooEarly(side);
-        std::printf("%s: killed %d times, %d files\n", qPrintable(side.self->name()), side.kills, side.sent.size());
-    }
+    while (timer.elapsed() < seconds * 1000)
+        pair.killOne();
+    pair.expectAllArrive();
 }
 
 TEST(System, AMessageThatCannotBeDeliveredStaysQueuedAndSaysWhy)
