@@ -5,19 +5,16 @@ Started by scripts/demo, which builds what this runs.
 
 import argparse
 import hashlib
-import json
 import os
 import random
-import shutil
-import signal
 import subprocess
 import sys
-import tempfile
 import time
 from pathlib import Path
 
+from installations import BITS_PER_BYTE, Exchange, Installation, check_keep, monotonic, print_table, run_in_directory
+
 NORTH, SOUTH = "Север", "Юг"
-BITS_PER_BYTE = 10  # on the line: start bit, eight data bits, stop bit
 
 
 def parse_arguments():
@@ -47,8 +44,7 @@ def parse_arguments():
     for name in arguments.files:
         if not os.path.isfile(name) or not os.access(name, os.R_OK):
             parser.error(f"{name}: no such file, or not readable")
-    if arguments.keep and os.path.exists(arguments.keep):
-        parser.error(f"--keep: {arguments.keep} exists already")
+    check_keep(parser, arguments)
     return arguments
 
 
@@ -60,76 +56,29 @@ def sha256(path):
     return digest.hexdigest()
 
 
-def monotonic():
-    return time.clock_gettime(time.CLOCK_MONOTONIC)
-
-
-class Failure(Exception):
-    """Something that the user has to be told, in a sentence."""
-
-
-class Installation:
-    """One installation of the reference host, and its running program."""
+class Side(Installation):
+    """One of the two, with what it sends to the other."""
 
     def __init__(self, root, name, number, port, arguments):
-        self.root, self.name, self.number, self.port = root, name, number, port
+        super().__init__(root, name, number, arguments.build)
+        self.port = port
         self.arguments = arguments
-        self.program = root / "bin" / "transport-host"
-        self.events_path = root / "events.json"
         self.to_send = []
-        self.process = None
-        self.events = []
-        self.offset = 0
-        self.rest = b""
-
-    def lay_out(self):
-        for component in ("runtime", "programs"):
-            subprocess.run(
-                ["cmake", "--install", str(self.arguments.build), "--prefix", str(self.root), "--component", component, "--strip"],
-                check=True, stdout=subprocess.DEVNULL)
-
-    def host(self, *command):
-        done = subprocess.run([str(self.program), *command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        if done.returncode != 0:
-            raise Failure(f"transport-host {' '.join(command)}: {done.stdout.decode(errors='replace').strip()}")
-
-    def key(self):
-        """The fingerprint to compare and the key to hand over."""
-        done = subprocess.run([str(self.program), "key", "--json"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        if done.returncode != 0:
-            raise Failure(f"transport-host key: {done.stderr.decode(errors='replace').strip()}")
-        return json.loads(done.stdout)
 
     def configure(self, peer):
         self.host("name", self.name)
         self.host("port", "add", str(self.port), "--baud", str(min(self.arguments.rate * 2, 4000000)))
-        self.host("abonent", "add", peer.name, "--number", peer.number, "--key", peer.key()["key"])
+        self.add_abonent(peer)
         if self.to_send:
             self.host("send", peer.name, *map(str, self.to_send))
 
     def start(self, expected, lines_table, timeout):
-        environment = dict(os.environ, LD_PRELOAD=str(self.arguments.build / "lib" / "libptylines.so"), PTYLINES_TABLE=str(lines_table))
-        self.output = open(self.root / "output.txt", "wb")
-        self.process = subprocess.Popen(
-            [str(self.program), "run", "--plain", "--events", str(self.events_path), "--retry-seconds", "0.05",
-             "--exit-when-sent", "--exit-when-received", str(expected), "--timeout", str(timeout)]
-            # Kept ones lie where the user says, who may be somebody else than runs this with sudo.
-            + (["--allow-shared"] if self.arguments.keep else []),
-            env=environment, stdin=subprocess.DEVNULL, stdout=self.output, stderr=subprocess.STDOUT)
+        options = ["--exit-when-sent", "--exit-when-received", str(expected), "--timeout", str(timeout)]
+        # Kept ones lie where the user says, who may be somebody else than runs this with sudo.
+        self.launch(lines_table, options + (["--allow-shared"] if self.arguments.keep else []))
 
-    def read_events(self):
-        """The events that came since the last look."""
-        try:
-            with open(self.events_path, "rb") as file:
-                file.seek(self.offset)
-                data = file.read()
-        except FileNotFoundError:
-            return []
-        self.offset += len(data)
-        *lines, self.rest = (self.rest + data).split(b"\n")
-        fresh = [json.loads(line) for line in lines if line]
-        self.events += fresh
-        return fresh
+    def amount(self):
+        return sum(path.stat().st_size for path in self.to_send)
 
     def received_file(self, name, digest):
         """The file of that name and content in the inbox; None when there is none."""
@@ -138,52 +87,6 @@ class Installation:
                 if path.name == name and sha256(path) == digest:
                     return path
         return None
-
-    def stop(self):
-        if self.process and self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
-            try:
-                self.process.wait(20)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
-
-
-class Exchange:
-    """The running telephone exchange with two modems."""
-
-    def __init__(self, directory, arguments, drop_after_bytes):
-        self.directory = directory
-        self.lines_table = directory / "lines"
-        self.stats_path = directory / "calls.json"
-        ready = directory / "ready"
-        command = [str(arguments.build / "bin" / "phone-exchange"), "--modems", "2", "--link-dir", str(directory),
-                   "--rate", str(arguments.rate), "--delay", str(arguments.delay), "--ber", repr(arguments.ber),
-                   "--seed", str(arguments.seed), "--ring-interval", "3", "--table", str(self.lines_table),
-                   "--ready-file", str(ready), "--stats", str(self.stats_path)]
-        if drop_after_bytes:
-            command += ["--drop-after-bytes", str(drop_after_bytes), "--drop-times", "1"]
-        self.output = open(directory / "output.txt", "wb")
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=self.output, stderr=subprocess.STDOUT)
-        end = monotonic() + 20
-        while not ready.exists():
-            if self.process.poll() is not None or monotonic() > end:
-                raise Failure(f"the exchange did not start: {(directory / 'output.txt').read_text(errors='replace').strip()}")
-            time.sleep(0.02)
-
-    def stop(self):
-        if self.process.poll() is None:
-            try:
-                self.process.communicate(b"quit\n", timeout=20)
-            except (subprocess.TimeoutExpired, BrokenPipeError):
-                self.process.kill()
-                self.process.wait()
-
-    def calls(self):
-        try:
-            return json.loads(self.stats_path.read_text())
-        except (OSError, ValueError):
-            return None
 
 
 def make_samples(directory, build, seed):
@@ -260,20 +163,7 @@ class Progress:
         return f"          -> {entry['to']:<6} [{'#' * filled}{'.' * (30 - filled)}] {share:6.1%}  {entry['name']}"
 
 
-def column(text, width):
-    return text + " " * max(0, width - len(text))
-
-
 FILE_TITLES = ("file", "to", "bytes", "hash verified", "goodput B/s", "share of the line", "calls")
-
-
-def print_table(rows, titles=FILE_TITLES):
-    widths = [max(len(str(row[i])) for row in [titles, *rows]) for i in range(len(titles))]
-    print()
-    print("  ".join(column(title, width) for title, width in zip(titles, widths)))
-    print("  ".join("-" * width for width in widths))
-    for row in rows:
-        print("  ".join(column(str(cell), width) if i < 2 else str(cell).rjust(width) for i, (cell, width) in enumerate(zip(row, widths))))
 
 
 def event_of(host, kind, file_id):
@@ -317,7 +207,7 @@ def result_rows(receiver, sender, capacity):
 
 
 def total_row(receiver, sender, capacity):
-    size = sum(path.stat().st_size for path in sender.to_send)
+    size = sender.amount()
     times = [event["monotonic"] for event in receiver.events if event["event"] in ("fileBegun", "stored") and event.get("direction") == "in"]
     if not times or not size:
         return None
@@ -329,92 +219,96 @@ def total_row(receiver, sender, capacity):
     return ("all", receiver.name, size, "", f"{size / seconds:.0f}", f"{size / seconds / capacity:.2f}", len(spans))
 
 
-def run(arguments, directory):
-    capacity = arguments.rate / BITS_PER_BYTE
-    samples = directory / "samples"
-    samples.mkdir()
-    links = directory / "exchange"
-    links.mkdir()
-    north = Installation(directory / "north", NORTH, "101", links / "modem1", arguments)
-    south = Installation(directory / "south", SOUTH, "102", links / "modem2", arguments)
+def lay_out_sides(arguments, directory, links):
+    """North and South, with what they send to each other."""
+    north = Side(directory / "north", NORTH, "101", links / "modem1", arguments)
+    south = Side(directory / "south", SOUTH, "102", links / "modem2", arguments)
     if arguments.files:
         north.to_send = [Path(name).resolve() for name in arguments.files]
     else:
+        samples = directory / "samples"
+        samples.mkdir()
         north.to_send, south.to_send = make_samples(samples, arguments.build, arguments.seed)
-    amounts = [sum(path.stat().st_size for path in host.to_send) for host in (north, south)]
-    timeout = arguments.timeout or int(60 + 6 * max(amounts) / capacity)
+    return north, south
 
+
+def tell_plan(arguments, north, south):
     print(f"line: {arguments.rate} bit/s each way, delay {arguments.delay} ms, bit error rate {arguments.ber:g}"
           + (", the first call loses its carrier in the middle" if arguments.drop_carrier else ""))
-    print(f"{NORTH} (number 101) sends {len(north.to_send)} files, {amounts[0]} bytes; {SOUTH} (number 102) sends {len(south.to_send)} files, {amounts[1]} bytes")
+    print(f"{NORTH} (number 101) sends {len(north.to_send)} files, {north.amount()} bytes; "
+          f"{SOUTH} (number 102) sends {len(south.to_send)} files, {south.amount()} bytes")
 
-    # Counted on both ways together; before it is reached, each side has sent about half of its files.
-    exchange = Exchange(links, arguments, sum(amounts) // 2 if arguments.drop_carrier else 0)
+
+def start_exchange(arguments, links, amount):
+    options = ["--ber", repr(arguments.ber), "--stats", str(links / "calls.json")]
+    if arguments.drop_carrier and amount:
+        # Counted on both ways together; before it is reached, each side has sent about half of its files.
+        options += ["--drop-after-bytes", str(amount // 2), "--drop-times", "1"]
+    return Exchange(links, 2, arguments, *options)
+
+
+def exchange_files(north, south, exchange, timeout):
+    """Until both hosts have ended, showing what happens."""
     hosts = (north, south)
-    try:
-        for host in hosts:
-            host.lay_out()
-        north.configure(south)
-        south.configure(north)
-        for host in hosts:
-            print(f"{host.name} is known by its key {host.key()['fingerprint']}")
-        north.start(len(south.to_send), exchange.lines_table, timeout)
-        south.start(len(north.to_send), exchange.lines_table, timeout)
-        progress = Progress()
-        deadline = monotonic() + timeout + 30
-        while any(host.process.poll() is None for host in hosts) and monotonic() < deadline:
-            for host in hosts:
-                progress.take(host, host.read_events())
-            progress.draw()
-            time.sleep(0.2)
+    for host in hosts:
+        host.lay_out()
+    north.configure(south)
+    south.configure(north)
+    for host in hosts:
+        print(f"{host.name} is known by its key {host.key()['fingerprint']}")
+    north.start(len(south.to_send), exchange.lines_table, timeout)
+    south.start(len(north.to_send), exchange.lines_table, timeout)
+    progress = Progress()
+    deadline = monotonic() + timeout + 30
+    while any(host.is_running() for host in hosts) and monotonic() < deadline:
         for host in hosts:
             progress.take(host, host.read_events())
-        progress.erase()
-    finally:
-        for host in hosts:
-            host.stop()
-        exchange.stop()
+        progress.draw()
+        time.sleep(0.2)
+    for host in hosts:
+        progress.take(host, host.read_events())
+    progress.erase()
 
+
+def tell_results(arguments, north, south):
+    """Whether every file arrived, in as many calls as there should be."""
     rows, well = [], True
     for receiver, sender in ((south, north), (north, south)):
+        capacity = arguments.rate / BITS_PER_BYTE
         more, all_there = result_rows(receiver, sender, capacity)
         total = total_row(receiver, sender, capacity)
         rows += more + ([total] if total else [])
         well = well and all_there
-    print_table(rows)
-    if arguments.drop_carrier and len({event["call"] for host in hosts for event in host.events if event["event"] == "callBegun" and host is north}) < 2:
+    print_table(rows, FILE_TITLES)
+    if arguments.drop_carrier and len({event["call"] for event in north.events if event["event"] == "callBegun"}) < 2:
         print("\nthe carrier was to be dropped, but one call was enough")
         well = False
-    for host in hosts:
+    for host in (north, south):
         if host.process.returncode != 0:
             print(f"\n{host.name}: transport-host ended with status {host.process.returncode}; its last words:")
-            print("".join((host.root / "output.txt").read_text(errors="replace").splitlines(keepends=True)[-8:]))
+            print(host.last_words())
             well = False
     print("\nevery file arrived bit-exact" if well else "\nNOT every file arrived", flush=True)
-    return 0 if well else 1
+    return well
 
 
-def main():
-    arguments = parse_arguments()
-    if arguments.keep:
-        directory = Path(arguments.keep).resolve()
-        directory.mkdir(parents=True)
-    else:
-        directory = Path(tempfile.mkdtemp(prefix="transportCom-demo-"))
+def run(arguments, directory):
+    links = directory / "exchange"
+    links.mkdir()
+    north, south = lay_out_sides(arguments, directory, links)
+    tell_plan(arguments, north, south)
+    capacity = arguments.rate / BITS_PER_BYTE
+    timeout = arguments.timeout or int(60 + 6 * max(north.amount(), south.amount()) / capacity)
+    exchange = start_exchange(arguments, links, north.amount() + south.amount())
     try:
-        return run(arguments, directory)
-    except Failure as failure:
-        print(f"error: {failure}", file=sys.stderr)
-        return 1
-    except KeyboardInterrupt:
-        print("\nstopped", file=sys.stderr)
-        return 130
+        exchange_files(north, south, exchange, timeout)
     finally:
-        if arguments.keep:
-            print(f"kept: {directory} (north/, south/: installations with settings/ and data/; exchange/)")
-        else:
-            shutil.rmtree(directory, ignore_errors=True)
+        for host in (north, south):
+            host.stop()
+        exchange.stop()
+    return 0 if tell_results(arguments, north, south) else 1
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run_in_directory(run, parse_arguments(), "transportCom-demo-",
+                              " (north/, south/: installations with settings/ and data/; exchange/)"))

@@ -8,16 +8,12 @@ import argparse
 import collections
 import hashlib
 import json
-import os
 import random
-import shutil
-import subprocess
 import sys
-import tempfile
 import time
 from pathlib import Path
 
-from demo import BITS_PER_BYTE, Failure, Installation, monotonic, print_table
+from installations import BITS_PER_BYTE, Exchange, Failure, Installation, check_keep, monotonic, print_table, run_in_directory
 
 HUB_PORTS, PEERS, PEER_PORTS = 6, 3, 2
 HOST_NAMES = ["Hub", "North", "South", "West"]
@@ -47,75 +43,30 @@ def parse_arguments():
     arguments = parser.parse_args()
     if arguments.seed is None:
         arguments.seed = random.SystemRandom().randrange(1 << 31)
-    if arguments.keep and os.path.exists(arguments.keep):
-        parser.error(f"--keep: {arguments.keep} exists already")
+    check_keep(parser, arguments)
     return arguments
-
-
-class Exchange:
-    """The telephone exchange, told what to break through its input."""
-
-    def __init__(self, directory, modems, arguments):
-        self.directory = directory
-        self.lines_table = directory / "lines"
-        ready = directory / "ready"
-        self.output = open(directory / "output.txt", "wb")
-        self.process = subprocess.Popen(
-            [str(arguments.build / "bin" / "phone-exchange"), "--modems", str(modems), "--link-dir", str(directory),
-             "--rate", str(arguments.rate), "--delay", str(arguments.delay), "--seed", str(arguments.seed),
-             "--ring-interval", "3", "--table", str(self.lines_table), "--ready-file", str(ready)],
-            stdin=subprocess.PIPE, stdout=self.output, stderr=subprocess.STDOUT)
-        end = monotonic() + 20
-        while not ready.exists():
-            if self.process.poll() is not None or monotonic() > end:
-                raise Failure(f"the exchange did not start: {(directory / 'output.txt').read_text(errors='replace').strip()}")
-            time.sleep(0.02)
-
-    def tell(self, command):
-        self.process.stdin.write(command.encode() + b"\n")
-        self.process.stdin.flush()
-
-    def stop(self):
-        if self.process.poll() is None:
-            try:
-                self.process.communicate(b"quit\n", timeout=20)
-            except (subprocess.TimeoutExpired, BrokenPipeError):
-                self.process.kill()
-                self.process.wait()
 
 
 class Host(Installation):
     """An installation with several ports, started again and again."""
 
     def __init__(self, root, name, modems, links, arguments):
-        super().__init__(root, name, str(100 + modems[0]), None, arguments)
+        super().__init__(root, name, str(100 + modems[0]), arguments.build)
+        self.arguments = arguments
         self.modems = modems
         self.ports = [links / f"modem{modem}" for modem in modems]
         self.starts = 0
-        self.output_path = root / "output.txt"
 
     def configure_all(self, others):
         for port in self.ports:
             self.host("port", "add", str(port), "--baud", "115200")
         for other in others:
-            self.host("abonent", "add", other.name, "--number", other.number, "--key", other.key()["key"])
+            self.add_abonent(other)
 
-    def launch(self, lines_table):
+    def start(self, lines_table):
         self.starts += 1
-        preloaded = f"{self.arguments.build}/lib/libptylines.so {self.arguments.build}/lib/libslowsync.so"
-        environment = dict(os.environ, LD_PRELOAD=preloaded, PTYLINES_TABLE=str(lines_table), SLOWSYNC_MS=str(self.arguments.sync_ms))
-        with open(self.output_path, "ab") as output:
-            self.process = subprocess.Popen(
-                [str(self.program), "run", "--plain", "--events", str(self.events_path), "--retry-seconds", "0.05",
-                 "--silence-seconds", str(self.arguments.silence_seconds)],
-                env=environment, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT)
-
-    def is_running(self):
-        return self.process is not None and self.process.poll() is None
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
+        self.launch(lines_table, ["--silence-seconds", str(self.arguments.silence_seconds)],
+                    ("libptylines.so", "libslowsync.so"), SLOWSYNC_MS=str(self.arguments.sync_ms))
 
     def inbox(self):
         """(file name, SHA-256, sender) of each message."""
@@ -155,7 +106,7 @@ class Hub:
         for host in self.hosts:
             host.configure_all([other for other in self.hosts if other is not host])
         for host in self.hosts:
-            host.launch(self.exchange.lines_table)
+            host.start(self.exchange.lines_table)
 
     def send_one(self):
         sender, to = self.random.sample(self.hosts, 2)
@@ -176,7 +127,7 @@ class Hub:
             if not host.is_running():
                 return
             host.kill()
-            self.due.append((monotonic() + lasts, lambda: host.launch(self.exchange.lines_table)))
+            self.due.append((monotonic() + lasts, lambda: host.start(self.exchange.lines_table)))
         elif fault == "drop":
             self.exchange.tell(f"drop {modem}")
         else:
@@ -282,27 +233,5 @@ def run(arguments, directory):
     return 0 if not troubles else 1
 
 
-def main():
-    arguments = parse_arguments()
-    if arguments.keep:
-        directory = Path(arguments.keep).resolve()
-        directory.mkdir(parents=True)
-    else:
-        directory = Path(tempfile.mkdtemp(prefix="transportCom-hub-"))
-    try:
-        return run(arguments, directory)
-    except Failure as failure:
-        print(f"error: {failure}", file=sys.stderr)
-        return 1
-    except KeyboardInterrupt:
-        print("\nstopped", file=sys.stderr)
-        return 130
-    finally:
-        if arguments.keep:
-            print(f"kept: {directory}")
-        else:
-            shutil.rmtree(directory, ignore_errors=True)
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run_in_directory(run, parse_arguments(), "transportCom-hub-"))

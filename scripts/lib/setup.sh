@@ -70,3 +70,27 @@ build_preset() {
     configure_preset "$preset"
     (cd "$tree" && cmake --build --preset "$preset" "${targets[@]}") >&2 || fail "building failed"
 }
+
+# run_installations PROGRAM "TARGET..." [ARGUMENT...]: installs and builds, unless --no-install and --no-build say
+# otherwise, and runs a Python program of scripts/lib on what stands in build/release.
+run_installations() {
+    local program=$1 install=yes build=yes arguments=() targets argument
+    read -ra targets <<<"$2"
+    shift 2
+    for argument in "$@"; do
+        case $argument in
+            --no-install) install=no ;;
+            --no-build) build=no ;;
+            -h | --help) install=no; build=no; arguments+=("$argument") ;;
+            *) arguments+=("$argument") ;;
+        esac
+    done
+    if [ "$install" = yes ]; then
+        install_missing "${packages_build[@]}"
+    fi
+    command -v python3 >/dev/null || fail "python3 is missing; run without --no-install"
+    if [ "$build" = yes ]; then
+        build_preset release transportCom transport-host transport-tune phone-exchange ptylines-preload "${targets[@]}"
+    fi
+    exec python3 -B "$tree/scripts/lib/$program" --build "$tree/build/release" "${arguments[@]}"
+}
