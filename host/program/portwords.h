@@ -18,7 +18,7 @@ extern const QVector<PortWord> stopBitsWords;
 extern const QVector<PortWord> dataBitsWords;
 
 [[nodiscard]] QString wordOf(const QVector<PortWord>& words, int value);
-bool valueOf(const QVector<PortWord>& words, const QString& word, qint32* value); // false: there is no such word
+bool valueOf(const QVector<PortWord>& words, const QString& text, qint32* value); // false: there is no such word
 
 // "none, hardware, software"
 [[nodiscard]] QString flowControlChoices();

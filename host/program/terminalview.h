@@ -60,7 +60,7 @@ public:
 private:
     void onJournal(const JournalRecord& record);
     void onState(const ChannelRow& row);
-    void onFile(const FileProgress& file);
+    void onFile(const FileProgress& row);
     void draw();
     void print(const QString& line);
     [[nodiscard]] Picture picture();
