@@ -23,80 +23,75 @@ QString onlyBob(AbonentRecords* records)
     return QString();
 }
 
+// What our own look at the answer of a call to bob led to.
+struct Answered
+{
+    PeerDirectory::Verdict verdict;
+    QVector<PeerNews> news;
+    AbonentRecords records; // afterwards
+};
+
+// Bob answers with the key. Between the first look at the list and the lock that is to pin it,
+// another program makes the change.
+Answered answerWhile(const AbonentBook::Change& change, const QByteArray& key)
+{
+    const QString path = Global::abonentsSettingsFilePath();
+    AbonentBook book(path);
+    EXPECT_EQ(book.change(onlyBob), QString());
+    Answered answered;
+    Peers peers(&book, KeyPair::generate().publicKey(), false,
+                [&](const PeerNews& what) { answered.news.append(what); });
+    int openings = 0;
+    {
+        const std::string lockPath = path.toStdString() + ".lock";
+        SystemCallWatch watch(std::string(), [&](SystemCall& call) {
+            if (call.name == "open" && call.path == lockPath && openings++ == 0) {
+                EXPECT_EQ(AbonentBook(path).change(change), QString());
+            }
+            return 0;
+        });
+        answered.verdict = peers.whoAnswers(bob, key);
+    }
+    EXPECT_GE(openings, 1);
+    EXPECT_EQ(book.read(&answered.records), QString());
+    return answered;
+}
+
 } // namespace
 
 // The first answer is looked at, then the list is locked to pin it: who was blocked meanwhile is not.
 TEST(PeerSteps, WhoIsBlockedMeanwhileIsNotPinned)
 {
-    const QString path = Global::abonentsSettingsFilePath();
     const QByteArray key = KeyPair::generate().publicKey();
     for (const bool isKeyBlocked : {false, true}) {
-        AbonentBook book(path);
-        ASSERT_EQ(book.change(onlyBob), QString());
-        QVector<PeerNews> news;
-        Peers peers(&book, KeyPair::generate().publicKey(), false, [&](const PeerNews& what) { news.append(what); });
-        int changes = 0;
-        PeerDirectory::Verdict verdict;
-        {
-            const std::string lockPath = path.toStdString() + ".lock";
-            SystemCallWatch watch(std::string(), [&](SystemCall& call) {
-                if (call.name != "open" || call.path != lockPath || changes++ > 0)
-                    return 0;
-                EXPECT_EQ(AbonentBook(path).change([&](AbonentRecords* records) {
-                    if (isKeyBlocked)
-                        records->blockedKeys = {key};
-                    else
-                        records->abonents[0].isBlocked = true;
-                    return QString();
-                }),
-                          QString());
-                return 0;
-            });
-            verdict = peers.whoAnswers(bob, key);
-        }
-        EXPECT_GE(changes, 1);
-        EXPECT_EQ(verdict.kind, PeerDirectory::Verdict::Kind::Refused) << isKeyBlocked;
-        EXPECT_TRUE(news.isEmpty());
-        AbonentRecords records;
-        ASSERT_EQ(book.read(&records), QString());
-        EXPECT_EQ(records.abonents.first().key, QByteArray());
+        const Answered answered = answerWhile(
+            [&](AbonentRecords* records) {
+                if (isKeyBlocked)
+                    records->blockedKeys = {key};
+                else
+                    records->abonents[0].isBlocked = true;
+                return QString();
+            },
+            key);
+        EXPECT_EQ(answered.verdict.kind, PeerDirectory::Verdict::Kind::Refused) << isKeyBlocked;
+        EXPECT_TRUE(answered.news.isEmpty());
+        EXPECT_EQ(answered.records.abonents.value(0).key, QByteArray());
     }
 }
 
 // Another line was faster: its key is the abonent's, and ours is looked at as any other.
 TEST(PeerSteps, WhatAnotherLinePinnedMeanwhileCounts)
 {
-    const QString path = Global::abonentsSettingsFilePath();
     const QByteArray key = KeyPair::generate().publicKey();
     for (const QByteArray& faster : {KeyPair::generate().publicKey(), key}) {
-        AbonentBook book(path);
-        ASSERT_EQ(book.change(onlyBob), QString());
-        QVector<PeerNews> news;
-        Peers peers(&book, KeyPair::generate().publicKey(), false, [&](const PeerNews& what) { news.append(what); });
-        int changes = 0;
-        PeerDirectory::Verdict verdict;
-        {
-            const std::string lockPath = path.toStdString() + ".lock";
-            SystemCallWatch watch(std::string(), [&](SystemCall& call) {
-                if (call.name != "open" || call.path != lockPath || changes++ > 0)
-                    return 0;
-                EXPECT_EQ(AbonentBook(path).change([&](AbonentRecords* records) {
-                    return records->pin(0, faster, Abonent::Pinned::OnFirstCall);
-                }),
-                          QString());
-                return 0;
-            });
-            verdict = peers.whoAnswers(bob, key);
-        }
-        EXPECT_GE(changes, 1);
+        const Answered answered = answerWhile(
+            [&](AbonentRecords* records) { return records->pin(0, faster, Abonent::Pinned::OnFirstCall); }, key);
         if (faster == key) {
-            EXPECT_EQ(verdict.kind, PeerDirectory::Verdict::Kind::Proved);
-            EXPECT_TRUE(news.isEmpty()) << "it was said by whoever pinned it";
+            EXPECT_EQ(answered.verdict.kind, PeerDirectory::Verdict::Kind::Proved);
+            EXPECT_TRUE(answered.news.isEmpty()) << "it was said by whoever pinned it";
         } else {
-            EXPECT_EQ(verdict.cause, PeerDirectory::Verdict::Cause::WrongKey);
+            EXPECT_EQ(answered.verdict.cause, PeerDirectory::Verdict::Cause::WrongKey);
         }
-        AbonentRecords records;
-        ASSERT_EQ(book.read(&records), QString());
-        EXPECT_EQ(records.abonents.first().key, faster);
+        EXPECT_EQ(answered.records.abonents.value(0).key, faster);
     }
 }
