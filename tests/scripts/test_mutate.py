@@ -99,12 +99,14 @@ class FaultsTest(unittest.TestCase):
 
     def test_sync_calls_are_taken_out_or_succeed(self):
         self.assertEqual(changes(SAMPLE, "sync"), [(35, ";"), (36, "return 0 == 0;")])
+        self.assertEqual(changes("void f()\n{\n    Base::sync();\n    g = x.sync();\n}\n", "sync"), [(3, ";")])
 
     def test_functions_return_at_once_but_for_constructors_and_empty_ones(self):
         self.assertEqual(changes(SAMPLE, "return"), [
             (21, "bool Unit::take(const QVector<int> &list, int size) { return false;"),
             (21, "bool Unit::take(const QVector<int> &list, int size) { return true;")])
         self.assertEqual(changes("void f()\n{\n    g();\n}\n", "return"), [(1, "void f() { return;")])
+        self.assertEqual(changes("Unit::~Unit()\n{\n    g();\n}\n", "return"), [])
         self.assertEqual(changes("QString f(int)\n{\n    return g();\n}\n", "return"), [(1, "QString f(int) { return {};")])
 
     def test_texts_are_changed_and_comments_macros_raw_texts_and_logging_are_left(self):
@@ -231,6 +233,24 @@ class ProgramsTest(unittest.TestCase):
                          [("unit_test", 0), ("whole_test", 4), ("aside_test", 100), ("inside_test", 100)])
         self.assertEqual([name for name, _ in self.graph.nearest("room/inner.cpp")],
                          ["inside_test", "unit_test", "whole_test", "aside_test"])
+
+    def test_the_tests_of_another_room_are_farther(self):
+        sources = {name: f"tests/{room}/{name}.cpp" for name, room in
+                   {"ahead_test": "other", "beside_test": "room", "unit_test": "room"}.items()}
+        files = {**self.FILES, **dict.fromkeys(sources.values(), '#include "room/inner.h"\n')}
+        targets = [self.TARGETS[0]] + [target(name, "EXECUTABLE", [source], "room") for name, source in sources.items()]
+        graph = programs.Graph({target.name: target for target in targets}, files.get)
+        self.assertEqual(graph.nearest("room/inner.cpp"), [("beside_test", 1), ("unit_test", 1), ("ahead_test", 2)])
+
+    def test_what_is_as_near_as_the_last_is_asked_too_but_for_what_is_only_linked(self):
+        self.assertEqual(programs.first_of([("a", 1), ("b", 2), ("c", 2), ("d", 3)], 2), ["a", "b", "c"])
+        self.assertEqual(programs.first_of([("a", 1), ("b", 2)], 3), ["a", "b"])
+        self.assertEqual(programs.first_of([("a", 1), ("b", 100), ("c", 100)], 2), ["a", "b"])
+        self.assertEqual(programs.first_of([], 3), [])
+
+    def test_a_test_of_the_same_name_but_for_the_letter_of_classes_is_first(self):
+        self.assertEqual(programs.alike("room/cunit.cpp", "tests/unit_test.cpp"), len("unit"))
+        self.assertEqual(programs.alike("room/unit.cpp", "tests/until_test.cpp"), 0)
 
     def test_a_header_reaches_who_compiles_it(self):
         self.assertEqual(self.graph.nearest("room/other.h")[0], ("aside_test", 1))

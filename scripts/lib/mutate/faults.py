@@ -10,11 +10,12 @@ KINDS = ("condition", "comparison", "constant", "statement", "emit", "return", "
 
 # What the log says is not what the code does.
 LOGGING = re.compile(r"(debug|log[A-Z]\w*|writeLog|_CFunctionDebug|q(Debug|Info|Warning|Critical))\b")
-SYNC = re.compile(r"(?<![\w.>])(?:::)?(?:fsync|fdatasync|sync|syncfs)\s*\(")
-SYNC_STATEMENT = re.compile(r"(::)?\w*(fsync|fdatasync|syncfs|sync[A-Z]\w*|[sS]ync)\s*\(")
+SYNC = re.compile(r"(?<![\w.>:])(?:::)?(?:fsync|fdatasync|sync|syncfs)\s*\(")
+SYNC_STATEMENT = re.compile(r"(\w*::)*\w*(fsync|fdatasync|syncfs|sync[A-Z]\w*|[sS]ync)\s*\(")
 LOCKER = re.compile(r"(const\s+)?(std::(lock_guard|unique_lock|scoped_lock|shared_lock)(<[^;]*>)?|\w*Locker)\s+\w+\s*[({]")
 EMIT = re.compile(r"(emit|Q_EMIT)\s+")
 EXPRESSION = re.compile(r"(delete\s+|\*|\+\+|--)*[\w:][\w:.]*(->[\w:.]+)*\s*([(\[=;]|[-+*/|&^%]=|<<|\+\+|--)")
+NO_TYPES = ("explicit", "inline", "virtual", "constexpr", "static")
 COMPARISONS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "&&": "||", "||": "&&"}
 COMPARISON = re.compile(r"(?<=\s)(<=|>=|==|!=|<|>|&&|\|\|)(?=\s)")
 NUMBER = re.compile(r"(?<![\w.'])(0[xX][0-9a-fA-F']+|\d[\d']*(?:\.\d+)?(?:[eE][-+]?\d+)?)([uUlLfF]*)(?![\w.'])")
@@ -121,8 +122,8 @@ class Maker:
     def returns(self):
         for function in self.source.functions:
             words = function.returns.split()
-            # Constructors and destructors say no type.
-            if not [word for word in words if word not in ("explicit", "inline", "virtual", "constexpr", "static")]:
+            # Constructors and destructors say no type; "Unit::" is what stands before the name ~Unit.
+            if not [word for word in words if not word.endswith("::") and word not in NO_TYPES]:
                 continue
             # Nothing is left out of an empty body.
             if self.source.code[function.end:].lstrip().startswith("}"):

@@ -4,7 +4,7 @@ import json
 import time
 from collections import namedtuple
 
-from mutate import trials
+from mutate import programs, trials
 from mutate.workplace import CouldNotRun, did_not_start
 
 LOCKER_PRESET = "tsan"
@@ -14,12 +14,12 @@ Judgement = namedtuple("Judgement", "outcome told ran unsteady seconds")
 
 
 class Judge:
-    def __init__(self, place, commit, preset, largest, jobs, say):
-        """largest: how many programs are asked, the nearest first."""
+    def __init__(self, place, commit, preset, least, jobs, say):
+        """least: how many programs are asked, the nearest first; more where several are equally near."""
         self._place = place
         self._commit = commit
         self._preset = preset
-        self._largest = largest
+        self._least = least
         self._jobs = jobs
         self._say = say
         self._graphs = {}
@@ -40,8 +40,7 @@ class Judge:
     def programs(self, file, preset):
         if preset not in self._graphs:
             self._graphs[preset] = self._place.graph(preset)
-        nearest = self._graphs[preset].nearest(file)
-        return [name for name, _ in nearest][:self._largest]
+        return programs.first_of(self._graphs[preset].nearest(file), self._least)
 
     def _try(self, fault, original, preset):
         ran, unsteady = [], []

@@ -9,6 +9,8 @@ from pathlib import Path
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
 # A program that is started or loaded is farther than what the test links.
 STARTED_STEPS = 3
+# So much farther are the tests of another room, tests/host being the tests of host/ and of what is in it.
+OTHER_ROOM_STEPS = 1
 # Linked, but nothing that the test's own sources lead to.
 LINKED_STEPS = 100
 LIKENESS_LETTERS = 4
@@ -44,8 +46,24 @@ def read_targets(build):
 
 def alike(file, other):
     """How many letters their names begin with in common; a few are chance."""
-    letters = len(os.path.commonprefix([Path(file).stem, Path(other).stem]))
+    # Classes have a C before their name, and so have their files.
+    letters = len(os.path.commonprefix([Path(name).stem.removeprefix("c") for name in (file, other)]))
     return letters if letters >= LIKENESS_LETTERS else 0
+
+
+def of_its_room(target, file):
+    """Whether the test's own sources are in the folder of tests for the file's room."""
+    rooms = {"tests", *(f"tests/{room}" for room in Path(file).parts[:-1])}
+    return any(str(Path(source).parent) in rooms for source in target.sources)
+
+
+def first_of(nearest, least):
+    """The nearest, and with the last of them all that are as near: which of those sees a fault is not known."""
+    names = [name for name, _ in nearest]
+    farthest = nearest[:least][-1][1] if nearest else 0
+    if farthest >= LINKED_STEPS:
+        return names[:least]
+    return [name for name, steps in nearest if steps <= farthest]
 
 
 class Graph:
@@ -102,7 +120,7 @@ class Graph:
                 continue
             needed = self._needed(target.name)
             if changed & set(needed):
-                steps = self._steps(target, needed, file)
+                steps = self._steps(target, needed, file) + (0 if of_its_room(target, file) else OTHER_ROOM_STEPS)
                 found.append((steps, -max(alike(source, file) for source in target.sources), target.name))
         return [(name, steps) for steps, _, name in sorted(found)]
 
