@@ -1,29 +1,16 @@
 #include "host/calls/calls.h"
+#include "tests/host/recordedrun.h"
 
 #include <QVector>
 #include <gtest/gtest.h>
 
 using namespace host;
+using namespace hosttest;
 
 namespace {
 
 const QString bob = QStringLiteral("Bob");
 const QString port = QStringLiteral("ttyS0");
-
-class Records final : public RunRecords
-{
-public:
-    void event(const QString& name, const QJsonObject& fields) override
-    {
-        names.append(name);
-        last = fields;
-    }
-    void journal(bool isError, const QString& text) override { lines.append((isError ? "E " : "") + text); }
-
-    QStringList names;
-    QStringList lines;
-    QJsonObject last;
-};
 
 class CallsTest : public ::testing::Test
 {
@@ -43,7 +30,7 @@ protected:
         return rules;
     }
 
-    Records records;
+    RecordedRun records;
     Calls calls{rules(), &records};
 };
 
@@ -103,4 +90,29 @@ TEST_F(CallsTest, WhatASessionSaidIsTheReason)
     calls.sessionEnded(bob, QStringLiteral("the connection was lost"));
     calls.disconnected(bob, 7, false, 1000);
     EXPECT_EQ(calls.failure(bob), QStringLiteral("the connection was lost"));
+}
+
+// The fields as docs/reference-host.md has them.
+TEST_F(CallsTest, EachEventHasTheDocumentedFieldsAndNoOthers)
+{
+    calls.connected(bob, 7);
+    calls.disconnected(bob, 7, false, 1000);
+    calls.notConnected(bob, 1000);
+    calls.placed(bob, 2000);
+    calls.connected(bob, 8);
+    calls.portState(port, QStringLiteral("Установлено соединение с 'Bob'"), 500);
+    calls.portGone(port, 1000);
+    calls.placed(bob, 3000);
+    calls.journalRecord(port, QStringLiteral("Вызов 'Bob' (102)"));
+    calls.portState(port, QStringLiteral("Вызов 'Bob' (102)"), 3500);
+    calls.portGone(port, 4000);
+    EXPECT_EQ(records.names, QStringList({"callPlaced", "connected", "disconnected", "notConnected", "callPlaced",
+                                          "connected", "connectionLost", "callPlaced", "callLost"}));
+    using Fields = QJsonObject;
+    EXPECT_EQ(jsonTexts(records.all),
+              jsonTexts({Fields{{"peer", bob}}, Fields{{"peer", bob}, {"connection", 7}},
+                         Fields{{"peer", bob}, {"connection", 7}, {"useful", false}}, Fields{{"peer", bob}},
+                         Fields{{"peer", bob}}, Fields{{"peer", bob}, {"connection", 8}},
+                         Fields{{"peer", bob}, {"port", port}}, Fields{{"peer", bob}},
+                         Fields{{"peer", bob}, {"port", port}}}));
 }

@@ -1,7 +1,9 @@
 // The help as a user sees it, against the table that the commands are read by.
 #include "host/program/commands.h"
 #include "host/program/commandtable.h"
+#include "host/transporthost.h"
 
+#include <QFile>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 
@@ -145,4 +147,76 @@ TEST(CommandTable, ASwitchHasNoStandardAndChoicesHaveTheirPlace)
             EXPECT_EQ(QString::fromLatin1(argument.help).contains(QStringLiteral("%1")), argument.choices != nullptr)
                 << command.name << " " << argument.name;
     }
+}
+
+// The user reads phrases beside the commands and whole sentences about options and arguments.
+TEST(CommandTable, SummariesArePhrasesAndHelpIsSentences)
+{
+    static const QRegularExpression phrase(QStringLiteral("^[a-z][A-Za-z', ]*[a-z]$"));
+    static const QRegularExpression sentence(QStringLiteral("^([A-Z]|%1)[^#]*\\.$"),
+                                             QRegularExpression::DotMatchesEverythingOption);
+    for (const Command& command : commandTable()) {
+        EXPECT_TRUE(phrase.match(QString::fromLatin1(command.summary)).hasMatch()) << command.summary;
+        EXPECT_TRUE(sentence.match(QString::fromLatin1(command.description)).hasMatch()) << command.description;
+        for (const CommandOption& option : command.options)
+            EXPECT_TRUE(sentence.match(QString::fromLatin1(option.help)).hasMatch()) << option.help;
+        for (const CommandArgument& argument : command.arguments)
+            EXPECT_TRUE(sentence.match(QString::fromLatin1(argument.help)).hasMatch()) << argument.help;
+    }
+}
+
+TEST(CommandTable, TheHelpTellsWhatAnOptionIsWhereItIsNotGiven)
+{
+    for (const Command& command : commandTable()) {
+        for (const CommandOption& option : command.options) {
+            const QString told = QStringLiteral("(default %1)").arg(QLatin1String(option.standard));
+            EXPECT_TRUE(*option.standard == '\0' || QString::fromLatin1(option.help).contains(told))
+                << command.name << " " << option.name;
+        }
+    }
+    // What "run" does without an option is said by its options as the host takes them.
+    const QString help = call({QStringLiteral("run"), QStringLiteral("--help")}).out.simplified();
+    const HostOptions standard;
+    const auto expectDefault = [&](const char* option, const QString& said, qint64 bytes, qint64 expected) {
+        EXPECT_TRUE(help.section(QLatin1String(option), 1, 1)
+                        .section(QLatin1String(" --"), 0, 0)
+                        .contains(QStringLiteral("(default %1)").arg(said)))
+            << option << qPrintable(help);
+        EXPECT_EQ(bytes, expected) << option;
+    };
+    constexpr qint64 mebi = 1024 * 1024;
+    expectDefault("--retry-seconds", QStringLiteral("1"), standard.retryUnitMs, 1000);
+    expectDefault("--silence-seconds", QStringLiteral("120"), standard.silenceMs, 120000);
+    expectDefault("--abonent-quota", QStringLiteral("8G"), standard.limits.ofAbonent.bytes, 8192 * mebi);
+    expectDefault("--unproved-quota", QStringLiteral("16M"), standard.limits.ofUnproved.bytes, 16 * mebi);
+    expectDefault("--total-quota", QStringLiteral("32G"), standard.limits.ofAll.bytes, 32768 * mebi);
+    expectDefault("--keep-free", QStringLiteral("16M"), standard.limits.keepFreeBytes, 16 * mebi);
+}
+
+// Scripts of users call them: a name that is gone breaks them, and one that is new is looked for in
+// the documents.
+TEST(CommandTable, EveryCommandAndOptionIsInTheDocumentsUnderItsName)
+{
+    QFile page(QStringLiteral(SOURCE_DIR "/docs/reference-host.md"));
+    ASSERT_TRUE(page.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(page.readAll());
+    QStringList named;
+    static const QRegularExpression optionName(QStringLiteral("--([a-z]+(?:-[a-z]+)*)"));
+    QRegularExpressionMatchIterator it = optionName.globalMatch(text);
+    while (it.hasNext())
+        named.append(it.next().captured(1));
+    QStringList known{QStringLiteral("help")};
+    for (const Command& command : commandTable()) {
+        const QStringList words = wordsOf(command);
+        const QRegularExpression mention(
+            words.size() == 1 ? QStringLiteral("`%1\\b").arg(words.first())
+                              : QStringLiteral("`%1 ([a-z-]+\\\\?\\|)*%2\\b").arg(words.first(), words.last()));
+        EXPECT_TRUE(mention.match(text).hasMatch()) << command.name << mention.pattern().toStdString();
+        for (const CommandOption& option : command.options) {
+            known.append(QString::fromLatin1(option.name));
+            EXPECT_TRUE(named.contains(QLatin1String(option.name))) << command.name << " --" << option.name;
+        }
+    }
+    for (const QString& name : named)
+        EXPECT_TRUE(known.contains(name)) << "no command takes --" << name.toStdString();
 }

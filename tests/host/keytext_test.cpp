@@ -84,18 +84,29 @@ TEST(KeyText, SwappedCharactersShow)
 
 TEST(KeyText, SaysWhatIsWrong)
 {
-    expectRefused(QString(), QStringLiteral("no key is given"));
-    expectRefused(QStringLiteral(" -- "), QStringLiteral("no key is given"));
-    expectRefused(firstText.chopped(1), QStringLiteral("a key has 56 characters, this one has 55"));
-    expectRefused(firstText + QStringLiteral("0"), QStringLiteral("this one has 57"));
-    expectRefused(QStringLiteral("GMGFU2"), QStringLiteral("\"U\" (character 5)"));
+    const QString strange =
+        QStringLiteral(" does not occur in a key: it consists of digits and Latin letters without U");
+    const auto expectReason = [](const QString& text, const QString& reason) {
+        QString error;
+        EXPECT_TRUE(host::keyFromText(text, &error).isEmpty()) << text.toStdString();
+        EXPECT_EQ(error, reason);
+    };
+    expectReason(QString(), QStringLiteral("no key is given"));
+    expectReason(QStringLiteral(" -- "), QStringLiteral("no key is given"));
+    expectReason(firstText.chopped(1), QStringLiteral("a key has 56 characters, this one has 55"));
+    expectReason(firstText + QStringLiteral("0"), QStringLiteral("a key has 56 characters, this one has 57"));
+    expectReason(QStringLiteral("GMGFU2"), QStringLiteral("\"U\" (character 5)") + strange);
     // Looks the same, and is of another alphabet.
-    expectRefused(QStringLiteral("GMGF02C9-62\u041A"), QStringLiteral("\"\u041A\" (character 12)"));
-    expectRefused(QStringLiteral("GM\u0007"), QStringLiteral("U+0007 (character 3)"));
-    expectRefused(QStringLiteral("GM") + QChar(0), QStringLiteral("U+0000 (character 3)"));
-    expectRefused(host::keyFingerprint(firstKey), QStringLiteral("fingerprint"));
-    expectRefused(QStringLiteral("00000000-00000000-00000000-00000000-00000000-00000000-0006GN5S"),
-                  QStringLiteral("no key that an installation can have"));
+    expectReason(QStringLiteral("GMGF02C9-62\u041A"), QStringLiteral("\"\u041A\" (character 12)") + strange);
+    expectReason(QStringLiteral("GM\u0007"), QStringLiteral("U+0007 (character 3)") + strange);
+    expectReason(QStringLiteral("GM") + QChar(0), QStringLiteral("U+0000 (character 3)") + strange);
+    expectReason(host::keyFingerprint(firstKey),
+                 QStringLiteral("this is a key's fingerprint; the whole key is needed, as \"transport-host key\" shows "
+                                "it there"));
+    expectReason(QStringLiteral("00000000-00000000-00000000-00000000-00000000-00000000-0006GN5S"),
+                 QStringLiteral("this is no key that an installation can have"));
+    expectReason(QString(firstText).replace(0, 1, QStringLiteral("H")),
+                 QStringLiteral("the key does not pass its check: a character is wrong, or two are swapped"));
 }
 
 TEST(KeyText, IsTheSameAfterwards)

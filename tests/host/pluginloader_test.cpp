@@ -63,6 +63,18 @@ TEST(PluginLoader, SaysWhatItFound)
         << qPrintable(error);
 }
 
+// Whatever was called of such a library would be a jump to nowhere.
+TEST(PluginLoader, EachEntryPointHasToBeThere)
+{
+    for (const char* library : {"withoutversion", "withoutinstance", "withoutdeletion", "withoutlog"}) {
+        QString error;
+        DebugData data;
+        const QString path = QStringLiteral(TEST_PLUGINS_DIR "/lib%1.so").arg(QLatin1String(library));
+        EXPECT_FALSE(loadPluginFile(path, &data, &error)) << library;
+        EXPECT_EQ(error, path + QStringLiteral(" is no channel plug-in: an entry point is missing"));
+    }
+}
+
 TEST(PluginLoader, LoadsTheDialUpChannel)
 {
     QString error;
