@@ -2,6 +2,7 @@
 #include "common/global.h"
 #include "host/installation/identitykey.h"
 #include "rig/testroot.h"
+#include "tests/support/opendescriptors.h"
 
 #include <QDir>
 #include <QFile>
@@ -89,6 +90,22 @@ TEST_F(IdentityKey, IsMadeOnceAndReadEachTime)
     const host::SecretBytes theirs = other.agree(made->publicKey());
     ASSERT_FALSE(agreed.isEmpty());
     EXPECT_TRUE(std::equal(agreed.data(), agreed.data() + agreed.size(), theirs.data()));
+}
+
+TEST_F(IdentityKey, LeavesNothingOpen)
+{
+    bool created = false;
+    QString error;
+    ASSERT_TRUE(loadOrCreateIdentityKey(path, &created, &error)) << error.toStdString();
+    const int before = testsupport::openDescriptors();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(loadOrCreateIdentityKey(path, &created, &error)) << error.toStdString();
+        ASSERT_TRUE(QFile::remove(path));
+        EXPECT_TRUE(loadOrCreateIdentityKey(path, &created, &error)) << error.toStdString();
+    }
+    put(knownFile, 0644);
+    expectRefused(QString());
+    EXPECT_EQ(testsupport::openDescriptors(), before);
 }
 
 TEST_F(IdentityKey, MakesItsDirectory)

@@ -2,6 +2,7 @@
 // written and read under another name would still come back, and no other version would know it.
 #include "host/store/messagerecord.h"
 #include "tests/host/storetools.h"
+#include "tests/support/opendescriptors.h"
 
 #include <QJsonDocument>
 #include <gtest/gtest.h>
@@ -142,4 +143,43 @@ TEST(DiskFile, ARecordIsNoLongerThanItsLimit)
     EXPECT_EQ(loadRecord(path), (QJsonObject{{"a", 1}}));
     writeFile(path, recordOf(64 * 1024 + 1));
     EXPECT_EQ(loadRecord(path), QJsonObject());
+}
+
+TEST(MessageStore, LeavesNothingOpen)
+{
+    useUtf8Names();
+    const StorePaths paths = pathsIn(QStringLiteral("s"));
+    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/f.txt"), "content");
+    const Peer bob = provedPeer(QStringLiteral("Боб"));
+    MessageStore store(paths, InboxLimits());
+    const auto useOnce = [&](quint64 id) {
+        QString error;
+        EXPECT_EQ(store.open(&error), QStringList());
+        EXPECT_EQ(error, QString());
+        QueuedMessage message;
+        EXPECT_EQ(store.queue().enqueue(bob.abonent, source, &message), QString());
+        EXPECT_EQ(store.queue().rescan(), QStringList());
+        EXPECT_EQ(store.queue().verify(message), QString());
+        store.queue().notDelivered(message, QStringLiteral("no room"), OutgoingStore::Fault::Remote);
+        EXPECT_EQ(store.queue().remove(message), QString());
+        const QString place = receiveWhole(&store, bob, offerOf(id, QStringLiteral("g.txt"), "abc"), "abc");
+        EXPECT_EQ(readAll(place), QByteArray("abc"));
+    };
+    useOnce(1);
+    const int before = testsupport::openDescriptors();
+    useOnce(2);
+    useOnce(3);
+    EXPECT_EQ(testsupport::openDescriptors(), before);
+}
+
+TEST(DiskFile, LeavesNothingOpen)
+{
+    const QString path = testsupport::installRoot() + QStringLiteral("/record");
+    const int before = testsupport::openDescriptors();
+    EXPECT_EQ(saveRecord(path, {{"a", 1}}), QString());
+    EXPECT_EQ(replaceFile(path, "{}"), QString());
+    EXPECT_EQ(loadRecord(path), QJsonObject());
+    syncDirectory(QDir(testsupport::installRoot()));
+    EXPECT_NE(replaceFile(testsupport::installRoot() + QStringLiteral("/absent/record"), "{}"), QString());
+    EXPECT_EQ(testsupport::openDescriptors(), before);
 }
