@@ -1,6 +1,6 @@
 // Commands in an installation that is at fault: told with status 1, nothing changed, nothing left.
 #include "common/global.h"
-#include "host/program/commands.h"
+#include "tests/host/calledcommand.h"
 #include "tests/host/storetools.h"
 #include "tests/support/systemcalls.h"
 
@@ -15,26 +15,11 @@ using testsupport::SystemCallWatch;
 
 namespace {
 
-struct Result
-{
-    int status = -1;
-    QString out;
-    QString err;
-};
-
 class CommandFaults : public testing::Test
 {
 protected:
-    // The command in this process, whose system calls are judged.
-    static Result call(const QStringList& words)
-    {
-        Result result;
-        QTextStream out(&result.out);
-        QTextStream err(&result.err);
-        result.status = host::runCommand(QStringList{QStringLiteral("transport-host")} + words, out, err);
-        qInstallMessageHandler(nullptr);
-        return result;
-    }
+    // In this process, whose system calls are judged.
+    static Called call(const QStringList& words) { return callCommand(words); }
 
     void SetUp() override
     {
@@ -88,7 +73,7 @@ TEST_F(CommandFaults, ABackupThatCannotBePutBackIsToldAndNothingIsWritten)
         ASSERT_TRUE(QFile::rename(path, path + QStringLiteral(".old")));
         const QStringList standing = entries(settings());
         int refused = 0;
-        Result result;
+        Called result;
         {
             const std::string backup = (path + QStringLiteral(".old")).toStdString();
             SystemCallWatch watch(std::string(), [&](SystemCall& call) {
@@ -115,7 +100,7 @@ TEST_F(CommandFaults, ASettingsDirectoryThatIsNoneIsToldUnderName)
     writeFile(path, "not a directory");
     for (const QStringList& command :
          {QStringList{QStringLiteral("name"), QStringLiteral("South")}, QStringList{QStringLiteral("name")}}) {
-        const Result result = call(command);
+        const Called result = call(command);
         EXPECT_EQ(result.status, 1);
         EXPECT_TRUE(result.err.contains(path)) << qPrintable(result.err);
         EXPECT_EQ(result.out, QString());
@@ -128,7 +113,7 @@ TEST_F(CommandFaults, ASettingsDirectoryThatTakesNothingIsToldUnderName)
     const QByteArray before = readAll(settings() + QStringLiteral("generalSettings.ini"));
     const QStringList standing = entries(settings());
     int refused = 0;
-    Result result;
+    Called result;
     {
         SystemCallWatch watch(settings().toStdString(), [&](SystemCall& call) {
             // New files: a lock, a side file. What is there can be read.
@@ -152,7 +137,7 @@ TEST_F(CommandFaults, NameOnAFullDiskKeepsTheOldOne)
     ASSERT_TRUE(before.contains("name=North"));
     const QStringList standing = entries(settings());
     int failed = 0;
-    Result result;
+    Called result;
     {
         const SystemCallWatch watch = fullDisk(&failed);
         result = call({QStringLiteral("name"), QStringLiteral("South")});
@@ -170,7 +155,7 @@ TEST_F(CommandFaults, SendOnAFullDiskQueuesNothingAndLeavesNothing)
     ASSERT_EQ(call({QStringLiteral("send"), QStringLiteral("Bob"), file}).status, 0);
     const QStringList standing = entries(messages());
     int failed = 0;
-    Result result;
+    Called result;
     {
         const SystemCallWatch watch = fullDisk(&failed);
         result = call({QStringLiteral("send"), QStringLiteral("Bob"), file});
@@ -190,7 +175,7 @@ TEST_F(CommandFaults, SendWhoseTaskDoesNotFitQueuesNothing)
 {
     const QString file = writeFile(testsupport::installRoot() + QStringLiteral("/f.txt"), "x");
     int failed = 0;
-    Result result;
+    Called result;
     {
         SystemCallWatch watch(QDir::cleanPath(Global::tasksToTransportDir(0).absolutePath()).toStdString(),
                               [&](SystemCall& call) {

@@ -1,33 +1,16 @@
 // The help as a user sees it, against the table that the commands are read by.
-#include "host/program/commands.h"
 #include "host/program/commandtable.h"
 #include "host/transporthost.h"
+#include "tests/host/calledcommand.h"
 
 #include <QFile>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 
 using namespace host;
+using namespace hosttest;
 
 namespace {
-
-struct Printed
-{
-    int status = 0;
-    QString out;
-    QString err;
-};
-
-Printed call(const QStringList& arguments)
-{
-    Printed printed;
-    QTextStream out(&printed.out);
-    QTextStream err(&printed.err);
-    printed.status = runCommand(QStringList{QStringLiteral("transport-host")} + arguments, out, err);
-    out.flush();
-    err.flush();
-    return printed;
-}
 
 QStringList wordsOf(const Command& command)
 {
@@ -66,7 +49,7 @@ TEST(CommandTable, TheHelpListsEveryCommandAndNoOther)
         expected.append(QStringLiteral("  ") + QString::fromLatin1(command.name).leftJustified(20) +
                         QString::fromLatin1(command.summary));
     }
-    const Printed help = call({QStringLiteral("--help")});
+    const Called help = callCommand({QStringLiteral("--help")});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(section(help.out, QStringLiteral("Commands:")), expected);
 }
@@ -79,7 +62,7 @@ TEST(CommandTable, TheHelpOfACommandListsItsOptionsAndNoOthers)
             const QString name = QStringLiteral("--") + QLatin1String(option.name);
             expected.append(option.value ? QStringLiteral("%1 <%2>").arg(name, QLatin1String(option.value)) : name);
         }
-        const Printed help = call(wordsOf(command) + QStringList{QStringLiteral("--help")});
+        const Called help = callCommand(wordsOf(command) + QStringList{QStringLiteral("--help")});
         EXPECT_EQ(help.status, 0) << command.name;
         EXPECT_EQ(firstColumn(section(help.out, QStringLiteral("Options:"))), expected) << command.name;
     }
@@ -99,7 +82,7 @@ TEST(CommandTable, TheHelpOfACommandNamesItAndItsArguments)
             case CommandArgument::Count::OneOrMore: usage += QStringLiteral(" %1...").arg(name); break;
             }
         }
-        const QString help = call(wordsOf(command) + QStringList{QStringLiteral("--help")}).out;
+        const QString help = callCommand(wordsOf(command) + QStringList{QStringLiteral("--help")}).out;
         EXPECT_EQ(help.section(QLatin1Char('\n'), 0, 0).trimmed(), usage);
         EXPECT_TRUE(help.contains(QString::fromLatin1(command.description))) << command.name;
         EXPECT_EQ(firstColumn(section(help, QStringLiteral("Arguments:"))), names) << command.name;
@@ -125,11 +108,11 @@ TEST(CommandTable, AnOptionOfTheTableIsTakenAndAnotherIsNot)
             arguments.append(QStringLiteral("--") + QLatin1String(option.name));
             if (option.value)
                 arguments.append(QStringLiteral("1"));
-            EXPECT_EQ(call(arguments + QStringList{QStringLiteral("--help")}).status, 0)
+            EXPECT_EQ(callCommand(arguments + QStringList{QStringLiteral("--help")}).status, 0)
                 << command.name << " " << option.name;
         }
-        const Printed wrong =
-            call(wordsOf(command) + QStringList{QStringLiteral("--no-such-option"), QStringLiteral("--help")});
+        const Called wrong =
+            callCommand(wordsOf(command) + QStringList{QStringLiteral("--no-such-option"), QStringLiteral("--help")});
         EXPECT_EQ(wrong.status, 2) << command.name;
         EXPECT_TRUE(wrong.err.contains(QStringLiteral("no-such-option"))) << command.name;
     }
@@ -175,7 +158,7 @@ TEST(CommandTable, TheHelpTellsWhatAnOptionIsWhereItIsNotGiven)
         }
     }
     // What "run" does without an option is said by its options as the host takes them.
-    const QString help = call({QStringLiteral("run"), QStringLiteral("--help")}).out.simplified();
+    const QString help = callCommand({QStringLiteral("run"), QStringLiteral("--help")}).out.simplified();
     const HostOptions standard;
     const auto expectDefault = [&](const char* option, const QString& said, qint64 bytes, qint64 expected) {
         EXPECT_TRUE(help.section(QLatin1String(option), 1, 1)
