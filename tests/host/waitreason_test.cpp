@@ -41,19 +41,45 @@ TEST(WaitReasons, EachKindIsKeptAndSaysSomethingElse)
     EXPECT_EQ(sentences.size(), 10) << "refused, copyAtFault and other are their text";
 }
 
-TEST(WaitReasons, Sentences)
+// The words are those of docs/reference-host.md: programs compare them, and files keep them.
+TEST(WaitReasons, WordsAndSentences)
 {
-    const QString bob = QStringLiteral("Bob");
-    WaitReason reason = of(Kind::CallsFailed);
-    EXPECT_EQ(reason.sentence(bob), QStringLiteral("2 calls in a row failed, the last: text"));
-    reason.calls = 1;
-    reason.text.clear();
-    EXPECT_EQ(reason.sentence(bob), QStringLiteral("1 call in a row failed"));
-    // Both keys and the way out.
-    const QString changed = of(Kind::KeyChanged).sentence(bob);
-    EXPECT_TRUE(changed.contains(QStringLiteral("1111")) && changed.contains(QStringLiteral("2222")) &&
-                changed.contains(QStringLiteral("transport-host abonent forget-key")))
-        << qPrintable(changed);
+    const struct
+    {
+        Kind kind;
+        const char* word;
+        const char* sentence;
+    } table[] = {
+        {Kind::NotTried, "notTried", "not tried yet"},
+        {Kind::NoNumber, "noNumber",
+         "no number is known for 'Bob' (transport-host abonent add): it waits for their call"},
+        {Kind::NumberDamaged, "numberDamaged",
+         "the number of 'Bob' cannot be read (text): tell it again with \"transport-host abonent add\""},
+        {Kind::Blocked, "blocked", "'Bob' is blocked here (transport-host abonent unblock)"},
+        {Kind::NoCalls, "noCalls", "this host places no calls: it waits for theirs"},
+        {Kind::NoModem, "noModem", "no modem is ready"},
+        {Kind::CallsFailed, "callsFailed", "2 calls in a row failed, the last: text"},
+        {Kind::BrokenOff, "brokenOff", "the last call broke off: text"},
+        {Kind::KeyChanged, "keyChanged",
+         "'Bob' answered with the key 2222, but 1111 is pinned: ask them; if theirs is new, \"transport-host abonent "
+         "forget-key\" lets the next call pin it"},
+        {Kind::Refused, "refused", "text"},
+        {Kind::CopyAtFault, "copyAtFault", "text"},
+        {Kind::Other, "other", "text"},
+    };
+    for (const auto& row : table) {
+        const WaitReason reason = of(row.kind);
+        EXPECT_EQ(reason.word().toStdString(), row.word);
+        EXPECT_EQ(reason.sentence(QStringLiteral("Bob")).toStdString(), row.sentence);
+        const QJsonObject kept{
+            {"kind", row.word}, {"calls", 2}, {"text", "text"}, {"pinned", "1111"}, {"answered", "2222"}};
+        EXPECT_EQ(reason.toJson(), kept) << row.word;
+        EXPECT_EQ(WaitReason::fromJson(kept), reason) << row.word;
+    }
+    WaitReason once = of(Kind::CallsFailed);
+    once.calls = 1;
+    once.text.clear();
+    EXPECT_EQ(once.sentence(QStringLiteral("Bob")), QStringLiteral("1 call in a row failed"));
 }
 
 TEST(WaitReasons, WhatIsNotUnderstoodIsNoReason)
