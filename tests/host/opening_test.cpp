@@ -169,7 +169,31 @@ TEST(Opening, AnotherVersionIsNamedOnBothSides)
     (void)old.caller.takeOutput(0);
     old.caller.receive(QByteArray("\x01\x00\x24transport-host\x01", 18), 0);
     EXPECT_EQ(old.caller.end(), SessionEnd::OtherVersion);
-    EXPECT_TRUE(old.caller.reason().startsWith(QStringLiteral("the other side speaks version 1 ")));
+    EXPECT_EQ(old.caller.reason(), QStringLiteral("the other side speaks version 1 of the session protocol, this one "
+                                                  "version 2: install the same version on both"));
+}
+
+TEST(Opening, ReasonsAreToldWhole)
+{
+    Line damaged;
+    damaged.exchange([](QByteArray said) {
+        if (said.size() == 1 + 64)
+            said[20] = char(said[20] ^ 1);
+        return said;
+    });
+    EXPECT_EQ(damaged.answerer.end(), SessionEnd::Damaged);
+    EXPECT_EQ(damaged.answerer.reason(),
+              QStringLiteral("the handshake failed: its bytes were changed on the way, or the other side is no "
+                             "transport-host"));
+
+    TestDirectory book;
+    Opening answerer{SessionCall{}, testKey(1), &book, nullptr};
+    Line looped;
+    answerer.receive(looped.caller.takeOutput(0), 0);
+    looped.caller.receive(answerer.takeOutput(0), 0);
+    EXPECT_EQ(looped.caller.end(), SessionEnd::SelfCall);
+    EXPECT_EQ(looped.caller.reason(),
+              QStringLiteral("the line leads back to this installation, or its identity key was copied from here"));
 }
 
 TEST(Opening, TwoThatBothThinkTheyCalled)

@@ -284,3 +284,44 @@ TEST_F(PeersTest, OnlyOneOfSeveralFirstAnswersIsPinned)
                             [](const PeerNews& what) { return what.kind == PeerNews::Kind::Pinned; }),
               1);
 }
+
+// What stands in the journals of both ends, with the way out.
+TEST_F(PeersTest, RefusalsAreToldWhole)
+{
+    const auto directory = peers();
+    const std::string otherPrint = keyFingerprint(other).toStdString();
+    const std::string bobsPrint = keyFingerprint(bobs).toStdString();
+    const auto answering = [&](const char* called, const QByteArray& key) {
+        return directory->whoAnswers(QString::fromLatin1(called), key).reason.toStdString();
+    };
+    EXPECT_EQ(
+        directory->whoCalls(other).reason.toStdString(),
+        "the key " + otherPrint +
+            " is not known here: if you know whose it is, \"transport-host abonent add NAME --number NUMBER --key " +
+            keyText(other).toStdString() + "\"");
+    EXPECT_EQ(answering("Dave", other), "'Dave' is not known here any more");
+    pin(1, other);
+    EXPECT_EQ(answering("Bob", other),
+              "'Bob' was called and 'Carol' answered (key " + otherPrint + "): check the number");
+    EXPECT_EQ(answering("Bob", own), "'Bob' was called and this installation itself answered (key " +
+                                         keyFingerprint(own).toStdString() + "): check the number");
+    pin(0, bobs);
+    EXPECT_EQ(answering("Bob", other), "'Bob' answered with the key " + otherPrint +
+                                           ", which is that of 'Carol', but " + bobsPrint + " is pinned");
+    EXPECT_EQ(answering("Bob", own),
+              "'Bob' answered with the key " + keyFingerprint(own).toStdString() + ", but " + bobsPrint + " is pinned");
+    change([&](AbonentRecords* records) {
+        records->abonents[1].isBlocked = true;
+        records->blockedKeys.append(bobs);
+        return QString();
+    });
+    EXPECT_EQ(directory->whoCalls(other).reason.toStdString(),
+              "'Carol' is blocked here (transport-host abonent unblock)");
+    EXPECT_EQ(answering("Carol", other), "'Carol' is blocked here (transport-host abonent unblock)");
+    EXPECT_EQ(answering("Bob", bobs), "the key " + bobsPrint + " is blocked here (transport-host key unblock)");
+}
+
+TEST_F(PeersTest, AnUnprovedCallerIsCalledByItsKey)
+{
+    EXPECT_EQ(peers(true)->whoCalls(other).abonent, QStringLiteral("key ") + keyFingerprint(other));
+}

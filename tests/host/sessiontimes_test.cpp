@@ -113,6 +113,25 @@ TEST_F(Times, Limits)
     EXPECT_EQ(endAt(stranger, 900000), SessionEnd::TimeUsedUp);
 }
 
+// The user is told the limit that was passed.
+TEST_F(Times, ReasonsNameTheLimit)
+{
+    const auto reasonAt = [this](SessionTimes::Facts facts, qint64 afterMs) {
+        const auto overdue = times.overdue(facts, begin + afterMs);
+        return overdue ? overdue->reason.toStdString() : std::string();
+    };
+    SessionTimes::Facts facts;
+    EXPECT_EQ(reasonAt(facts, 120000), "nothing was heard from the other side for 120 s");
+    times.heard(begin + 900000);
+    EXPECT_EQ(reasonAt(facts, 300000), "nothing of use came from the other side for 300 s");
+    facts.awaitsAcknowledgement = true;
+    EXPECT_EQ(reasonAt(facts, 600000), "the other side acknowledges nothing");
+    facts.isOpening = true;
+    EXPECT_EQ(reasonAt(facts, 60000), "the other side did not say who it is within 60 s");
+    facts.isStranger = true;
+    EXPECT_EQ(reasonAt(facts, 900000), "a peer that is not known here may stay for 900 s");
+}
+
 // ---- in a session ----
 
 TEST(SessionTimes, ADeadConnectionEndsTheSession)
