@@ -114,6 +114,7 @@ public:
     int detailsTransportComMaxBytesInQueue() { return integer(Setting::DetailsTransportComMaxBytesInQueue); }
     int detailsTransportComResendInterval() { return integer(Setting::DetailsTransportComResendInterval); }
     int detailsTransportComConfirmationInterval() { return integer(Setting::DetailsTransportComConfirmationInterval); }
+    int detailsTransportComAdaptive() { return integer(Setting::DetailsTransportComAdaptive); }
     QString detailsTransportComControlSymbol() { return text(Setting::DetailsTransportComControlSymbol); }
 
 private:

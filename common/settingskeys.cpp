@@ -65,6 +65,7 @@ constexpr SettingKey keys[] = {
     number(Setting::DetailsTransportComResendInterval, "Details/transportComResendInterval", 2000, 100, 60000),
     number(Setting::DetailsTransportComConfirmationInterval, "Details/transportComConfirmationInterval", 500, 50,
            30000),
+    number(Setting::DetailsTransportComAdaptive, "Details/transportComAdaptive", 0, 0, 1), // 1: on
     text(Setting::DetailsTransportComControlSymbol, "Details/transportComControlSymbol", "\r"),
 };
 

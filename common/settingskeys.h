@@ -44,6 +44,7 @@ enum class Setting
     DetailsTransportComMaxBytesInQueue,
     DetailsTransportComResendInterval,
     DetailsTransportComConfirmationInterval,
+    DetailsTransportComAdaptive,
     DetailsTransportComControlSymbol,
 
     Count

@@ -43,6 +43,7 @@ const char usageText[] =
     "  --resend MS,...   resend interval\n"
     "  --confirm MS,...  confirmation interval\n"
     "                    (each default: as recommended for the line)\n"
+    "  --adaptive W      which ends send adaptively: none, one, both (default none)\n"
     "  --defaults        the settings' defaults for all of them instead\n"
     "  --ways W          one, both or all: one way, both ways at once, each of these (default all)\n"
     "  --driver W        when a driver calls itself writable: any (as soon as there is\n"
@@ -65,6 +66,7 @@ struct Options
     bool wakesWhenLow = false;
     double seconds = 60;
     int pauseMs = 0;
+    int adaptiveEnds = 0;
     int seeds = 1;
     int jobs = 2;
 };
@@ -86,6 +88,11 @@ Options readOptions(int argc, char** argv)
             if (driver != "any" && driver != "low")
                 soak::fail("--driver takes any or low");
             options.wakesWhenLow = driver == "low";
+        } else if (name == "--adaptive") {
+            const std::string ends = line.value();
+            if (ends != "none" && ends != "one" && ends != "both")
+                soak::fail("--adaptive takes none, one or both");
+            options.adaptiveEnds = ends == "none" ? 0 : ends == "one" ? 1 : 2;
         } else if (name == "--seconds") {
             options.seconds = soak::number(line.value());
         } else if (name == "--pause") {
@@ -121,7 +128,8 @@ std::string runText(const Point& point, const Options& options, int seed)
     text << point.line.rate << ' ' << point.line.delayMs << ' ' << point.line.bitErrorRate << ' '
          << point.line.bufferBytes << ' ' << p.packetSize << ' ' << p.maxBytesToWrite << ' ' << p.maxBytesInQueue << ' '
          << p.resendIntervalMs << ' ' << p.confirmationIntervalMs << ' ' << point.bothWays << ' '
-         << options.wakesWhenLow << ' ' << options.pauseMs << ' ' << options.seconds << ' ' << seed;
+         << options.wakesWhenLow << ' ' << options.pauseMs << ' ' << options.adaptiveEnds << ' ' << options.seconds
+         << ' ' << seed;
     return text.str();
 }
 
@@ -131,12 +139,15 @@ int runHere(const std::string& text)
     measure::Course course;
     tune::LinkProfile profile;
     bool bothWays = false;
+    int adaptiveEnds = 0;
     double seconds = 0;
     words >> course.line.rate >> course.line.delayMs >> course.line.bitErrorRate >> course.line.bufferBytes >>
         profile.packetSize >> profile.maxBytesToWrite >> profile.maxBytesInQueue >> profile.resendIntervalMs >>
-        profile.confirmationIntervalMs >> bothWays >> course.wakesWhenLow >> course.pauseMs >> seconds >> course.seed;
+        profile.confirmationIntervalMs >> bothWays >> course.wakesWhenLow >> course.pauseMs >> adaptiveEnds >>
+        seconds >> course.seed;
     if (!words)
         soak::fail("not a run: " + text);
+    course.adaptive = {adaptiveEnds > 0, adaptiveEnds > 1};
     course.bytes[0] = static_cast<std::int64_t>(seconds * course.line.rate / 10);
     course.bytes[1] = bothWays ? course.bytes[0] : 0;
 

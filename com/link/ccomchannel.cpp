@@ -2,6 +2,7 @@
 
 #include "com/link/currentcomsettings.h"
 #include "com/link/linkrules.h"
+#include "com/port/pendingoutput.h"
 #include "com/port/portwait.h"
 #include "common/csettings.h"
 #include "common/functiondebug.h"
@@ -61,14 +62,53 @@ void logSent(const CComPacket& packet, bool isRepeat)
     logWritten(packet.bytes);
 }
 
+// Each read where it is first used, and then kept.
+
+int maxBytesToWriteAtOnce()
+{
+    static const int bytes = CSettings().detailsTransportComMaxBytesToWrite();
+    return bytes;
+}
+
+int maxBytesInQueue()
+{
+    static const int bytes = CSettings().detailsTransportComMaxBytesInQueue();
+    return bytes;
+}
+
+int resendIntervalMs()
+{
+    static const int ms = CSettings().detailsTransportComResendInterval();
+    return ms;
+}
+
+bool isAdaptiveBySettings()
+{
+    static const bool isAdaptive = CSettings().detailsTransportComAdaptive() != 0;
+    return isAdaptive;
+}
+
+AdaptiveSender::Settings adaptiveSettings()
+{
+    return {currentPacketSize(), maxBytesToWriteAtOnce(), maxBytesInQueue(), resendIntervalMs()};
+}
+
 } // namespace
 
 CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex)
+    : CComChannel(port, state, channelIndex, isAdaptiveBySettings())
+{
+}
+
+CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex, bool isAdaptive)
     : m_port(port), m_channelsState(state), m_channelIndex(channelIndex)
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
     type = ChannelType::dialUp;
     m_confirmationTimer.start();
+    m_clock.start();
+    if (isAdaptive)
+        m_adaptive = std::make_unique<Adaptive>(adaptiveSettings());
 }
 
 void CComChannel::disconnectFromAbonent()
@@ -101,22 +141,36 @@ bool CComChannel::isConnected()
 void CComChannel::write(const QByteArray& data)
 {
     _CFunctionDebug trace(Q_FUNC_INFO);
+    const int blockBytes = blockSize();
+    for (int offset = 0; offset < data.size(); offset += blockBytes)
+        queuePacket(data.mid(offset, blockBytes));
+}
+
+void CComChannel::queuePacket(const QByteArray& payload)
+{
+    CComPacket packet;
+    packet.type = DataPacket;
+    packet.number = m_nextNumber++;
+    packet.data = payload;
+    packet.makePacket();
+    m_queuedBytes += packet.data.size();
+    m_sendQueue.append(packet);
+}
+
+int CComChannel::blockSize() const
+{
+    const int packetSize = currentPacketSize();
+    if (m_adaptive)
+        return linkrules::blockSize(packetSize, m_adaptive->sender.packetBytes());
     static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
-    const int blockSize = linkrules::blockSize(currentPacketSize(), maxBytesToWrite);
-    for (int offset = 0; offset < data.size(); offset += blockSize) {
-        CComPacket packet;
-        packet.type = DataPacket;
-        packet.number = m_nextNumber++;
-        packet.data = data.mid(offset, blockSize);
-        packet.makePacket();
-        m_queuedBytes += packet.data.size();
-        m_sendQueue.append(packet);
-    }
+    return linkrules::blockSize(packetSize, maxBytesToWrite);
 }
 
 QByteArray CComChannel::read(int maxSize)
 {
     readPort();
+    if (m_adaptive)
+        m_adaptive->sender.beginPass(nowUs(), pendingOutput(*m_port));
     computePackets();
     resending();
     return takeReceived(maxSize);
@@ -124,16 +178,19 @@ QByteArray CComChannel::read(int maxSize)
 
 int CComChannel::idealBlockSize()
 {
-    static const int maxBytesInQueue = CSettings().detailsTransportComMaxBytesInQueue();
+    const int mostBytes = m_adaptive ? m_adaptive->sender.mostQueuedBytes() : maxBytesInQueue();
     const quint8 first = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
-    if (!linkrules::mayQueueMore(m_sendQueue.size(), m_queuedBytes, maxBytesInQueue, m_nextNumber, first))
+    if (!linkrules::mayQueueMore(m_sendQueue.size(), m_queuedBytes, mostBytes, m_nextNumber, first))
         return 0;
-    return currentPacketSize();
+    return m_adaptive ? std::min(currentPacketSize(), m_adaptive->sender.packetBytes()) : currentPacketSize();
 }
 
 void CComChannel::readPort()
 {
-    waitForWritten(*m_port, readWaitMs);
+    if (m_adaptive)
+        m_port->flush(); // what the driver did not take before
+    else
+        waitForWritten(*m_port, readWaitMs);
     if (m_port->bytesAvailable() == 0)
         waitForInput(*m_port, readWaitMs);
     const QByteArray bytes = m_port->readAll();
@@ -177,6 +234,8 @@ void CComChannel::computeData(const CComPacket& packet)
                    hex(packet.bytes.right(loggedCheckBytes))),
           DebugTransportComPackets, DebugFlagNone);
 
+    if (m_adaptive)
+        m_adaptive->confirmations.arrived(packet.number, m_expectedNumber, packet.bytes.size());
     linkrules::dropOvertaken(m_held, m_expectedNumber, packet.number);
     if (packet.number == m_expectedNumber) {
         // Held packets are delivered only with the next packet that arrives ahead.
@@ -217,6 +276,8 @@ void CComChannel::computeConfirmation(const CComPacket& packet)
         queued = m_sendQueue.erase(queued);
     }
     m_sendWindow.noteConfirmed(taken);
+    if (m_adaptive)
+        m_adaptive->sender.confirmed(taken, nowUs());
 }
 
 void CComChannel::deliver(const CComPacket& packet)
@@ -237,19 +298,29 @@ QByteArray CComChannel::takeReceived(int maxSize)
 
 void CComChannel::resending()
 {
+    if (m_adaptive) {
+        sendConfirmation(); // first, so that it does not wait behind data
+        sendAdaptively();
+        return;
+    }
     sendQueue();
     sendConfirmation(); // also when the walk over the queue has stopped
 }
 
+int CComChannel::newPacketsLimit() const
+{
+    const int limit = m_sendWindow.newPacketsLimit(m_sendQueue);
+    if (m_adaptive) // a host may write what was offered before the packets became small
+        return std::min(limit, SendWindow::maxAheadOfLag);
+    const int packetSize = currentPacketSize(); // what a host offers to one write
+    return std::min(limit,
+                    SendWindow::writeLimit(packetSize, linkrules::blockSize(packetSize, maxBytesToWriteAtOnce())));
+}
+
 void CComChannel::sendQueue()
 {
-    static const int maxBytesToWrite = CSettings().detailsTransportComMaxBytesToWrite();
-    static const int resendIntervalMs = CSettings().detailsTransportComResendInterval();
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
-    const int packetSize = currentPacketSize(); // what a host offers to one write
-    const int newPacketsLimit =
-        std::min(m_sendWindow.newPacketsLimit(m_sendQueue),
-                 SendWindow::writeLimit(packetSize, linkrules::blockSize(packetSize, maxBytesToWrite)));
+    const int newLimit = newPacketsLimit();
     const quint8 oldest = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
     quint8 previous = oldest;
     int ahead = 0; // of the oldest; does not wrap, however long the queue
@@ -257,9 +328,9 @@ void CComChannel::sendQueue()
         ahead += linkrules::stepsFrom(previous, packet.number);
         previous = packet.number;
         const bool isRepeat = packet.sentTime != 0;
-        if (isRepeat ? !linkrules::isRepeatDue(nowMs, packet.sentTime, resendIntervalMs) : ahead > newPacketsLimit)
+        if (isRepeat ? !linkrules::isRepeatDue(nowMs, packet.sentTime, resendIntervalMs()) : ahead > newLimit)
             continue;
-        if (!linkrules::hasRoom(maxBytesToWrite, m_port->bytesToWrite(), packet.bytes.size())) {
+        if (!linkrules::hasRoom(maxBytesToWriteAtOnce(), m_port->bytesToWrite(), packet.bytes.size())) {
             waitForWritten(*m_port, isRepeat ? repeatRoomWaitMs : newPacketRoomWaitMs);
             return;
         }
@@ -274,18 +345,71 @@ void CComChannel::sendQueue()
     }
 }
 
-void CComChannel::sendConfirmation()
+void CComChannel::sendAdaptively()
+{
+    AdaptiveSender& sender = m_adaptive->sender;
+    for (;;) {
+        const AdaptiveSender::Queue queue{m_sendQueue, newPacketsLimit(), m_nextNumber};
+        const AdaptiveSender::Step step = sender.next(queue, nowUs(), pendingOutput(*m_port));
+        if (step.kind == AdaptiveSender::Step::Nothing)
+            return;
+        takeStep(step);
+    }
+}
+
+void CComChannel::takeStep(const AdaptiveSender::Step& step)
+{
+    if (step.kind == AdaptiveSender::Step::SendEmpty)
+        queuePacket(QByteArray());
+    const bool isRepeat = step.kind == AdaptiveSender::Step::Repeat;
+    const auto isMeant = [&](const CComPacket& packet) {
+        return isRepeat ? packet.number == step.number : packet.sentTime == 0;
+    };
+    const auto packet = std::find_if(m_sendQueue.begin(), m_sendQueue.end(), isMeant);
+    const quint8 oldest = m_sendQueue.first().number;
+    if (isRepeat)
+        m_sendWindow.noteRepeated(packet->number, oldest);
+    else
+        m_sendWindow.noteSent(packet->number, oldest);
+    packet->sentTime = QDateTime::currentMSecsSinceEpoch();
+    m_port->write(packet->bytes);
+    m_port->flush();
+    m_adaptive->sender.sent(step, packet->number, packet->bytes.size());
+    logSent(*packet, isRepeat);
+}
+
+bool CComChannel::hasUnsent() const
+{
+    return !m_sendQueue.isEmpty() && m_sendQueue.last().sentTime == 0;
+}
+
+bool CComChannel::isConfirmationDue() const
 {
     static const int confirmationIntervalMs = CSettings().detailsTransportComConfirmationInterval();
-    if (!linkrules::isConfirmationDue(m_confirmationTimer.elapsed(), m_toConfirm.size(), confirmationIntervalMs))
+    if (linkrules::isConfirmationDue(m_confirmationTimer.elapsed(), m_toConfirm.size(), confirmationIntervalMs))
+        return true;
+    return m_adaptive && !m_toConfirm.isEmpty() && m_adaptive->confirmations.isDue(hasUnsent(), pendingOutput(*m_port));
+}
+
+void CComChannel::sendConfirmation()
+{
+    if (!isConfirmationDue())
         return;
     CComPacket packet;
     packet.type = ConfirmationPacket;
-    packet.data = linkrules::confirmationPayload(m_toConfirm);
+    QSet<quint8> numbers = m_toConfirm;
+    if (m_adaptive) {
+        const bool isWayIdle = !hasUnsent() && pendingOutput(*m_port) == 0;
+        numbers = m_adaptive->confirmations.take(m_toConfirm, isWayIdle, m_adaptive->sender.noisePerByte());
+    }
+    packet.data = linkrules::confirmationPayload(numbers);
     packet.makePacket();
     m_port->write(packet.bytes);
     m_port->flush();
-    waitForWritten(*m_port, writtenWaitMs);
+    if (m_adaptive)
+        m_adaptive->sender.written(packet.bytes.size());
+    else
+        waitForWritten(*m_port, writtenWaitMs);
     if (CSettings().debugTransportComPackets()) {
         debug(label(),
               QStringLiteral("Запись пакета с подтверждением - номера %1").arg(linkrules::numbersText(packet.data)),

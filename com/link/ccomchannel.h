@@ -2,7 +2,9 @@
 // and repeats. docs/link-protocol.md tells the life of a packet.
 #pragma once
 
+#include "com/link/adaptivesender.h"
 #include "com/link/ccompacket.h"
+#include "com/link/confirmationpace.h"
 #include "com/link/sendwindow.h"
 #include "plugin/api/cchannel.h"
 
@@ -10,6 +12,8 @@
 #include <QElapsedTimer>
 #include <QList>
 #include <QSet>
+
+#include <memory>
 
 class CAbstractChannelsState;
 class QSerialPort;
@@ -23,6 +27,9 @@ public:
     // port: open and connected. state: gets the traffic, under channelIndex. Both belong to the
     // caller and must outlive the channel.
     CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex);
+
+    // The same, whatever Details/transportComAdaptive says.
+    CComChannel(QSerialPort* port, CAbstractChannelsState* state, int channelIndex, bool isAdaptive);
 
     // Hangs up with "+++" and "ATH". Blocks for one second of guard time and up to
     // Details/transportComResetTimeout, and leaves the channel not connected.
@@ -54,7 +61,15 @@ private:
 
     void resending();
     void sendQueue();
+    void sendAdaptively();
+    void takeStep(const AdaptiveSender::Step& step);
     void sendConfirmation();
+    bool isConfirmationDue() const;
+    bool hasUnsent() const;
+    void queuePacket(const QByteArray& payload);
+    int newPacketsLimit() const;
+    int blockSize() const;
+    qint64 nowUs() const { return m_clock.nsecsElapsed() / 1000; }
 
     void discardInput();
     bool waitForOk(int timeoutMs);
@@ -73,4 +88,14 @@ private:
     QSet<quint8> m_toConfirm; // received and not yet confirmed
     QElapsedTimer m_confirmationTimer; // since the last confirmation, at first since construction
     SendWindow m_sendWindow;
+
+    // With Details/transportComAdaptive only.
+    struct Adaptive
+    {
+        explicit Adaptive(const AdaptiveSender::Settings& settings) : sender(settings) {}
+        AdaptiveSender sender;
+        ConfirmationPace confirmations;
+    };
+    std::unique_ptr<Adaptive> m_adaptive;
+    QElapsedTimer m_clock; // steady; since construction
 };

@@ -45,7 +45,7 @@ public:
         schedulePause();
         m_port.setPortName(QString::fromStdString(soak::Line::path(end)));
         m_isOpen = m_port.open(QIODevice::ReadWrite);
-        m_channel = std::make_unique<CComChannel>(&m_port, &m_state, end);
+        m_channel = std::make_unique<CComChannel>(&m_port, &m_state, end, course.adaptive[end]);
         host::SessionSettings settings;
         settings.abonentName = QString::number(end);
         settings.identity = hosttest::testKey(end);

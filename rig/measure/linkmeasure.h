@@ -14,6 +14,7 @@ namespace measure {
 struct Course
 {
     tune::LineFacts line;
+    std::array<bool, 2> adaptive{}; // whether that end is
     bool wakesWhenLow = false; // the driver calls itself writable only when nearly empty
     std::array<std::int64_t, 2> bytes{}; // a file of so many from that end; 0: none
     int pauseMs = 0; // now and then a host does nothing for so long, as on a busy machine
