@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <deque>
 #include <memory>
+#include <set>
 
 namespace soak {
 
@@ -24,12 +25,18 @@ constexpr std::int64_t longestPacketBytes = 65546;
 class Stream
 {
 public:
-    Stream(int blockBytes, Checks* checks) : m_block(blockBytes), m_checks(checks) {}
+    // hasOwnBlocks: the channel cuts packets as it sees fit, and adds empty ones.
+    Stream(int blockBytes, bool hasOwnBlocks, Checks* checks)
+        : m_block(blockBytes), m_hasOwnBlocks(hasOwnBlocks), m_checks(checks)
+    {
+    }
 
     void written(const std::string& bytes)
     {
         m_pending += bytes;
         m_written += bytes.size();
+        if (m_hasOwnBlocks)
+            return;
         for (std::size_t from = 0; from < bytes.size(); from += m_block)
             m_packets.push_back({bytes.substr(from, m_block), false});
     }
@@ -37,6 +44,10 @@ public:
     // A packet that reached the other port whole.
     void arrived(const testsupport::WirePacket& packet)
     {
+        if (m_hasOwnBlocks) {
+            noteArrival(packet);
+            return;
+        }
         // The latest of that number first: the stream is far past the others.
         for (std::size_t i = m_packets.size(); i > 0; --i) {
             Packet& sent = m_packets[i - 1];
@@ -87,6 +98,16 @@ private:
         bool arrived;
     };
 
+    // The nearest place in the stream with this number.
+    void noteArrival(const testsupport::WirePacket& packet)
+    {
+        const auto ahead = static_cast<std::int8_t>(packet.number - static_cast<std::uint8_t>(m_lastArrived));
+        const std::int64_t place = m_lastArrived + ahead;
+        m_lastArrived = std::max(m_lastArrived, place);
+        if (m_places.insert(place).second)
+            m_arrived += packet.payload.size();
+    }
+
     void forgetOld()
     {
         // More than once round the numbers: no repeat of these can come.
@@ -94,9 +115,14 @@ private:
             m_packets.pop_front();
             ++m_firstPacket;
         }
+        while (!m_places.empty() && *m_places.begin() < m_lastArrived - 3 * numbers)
+            m_places.erase(m_places.begin());
     }
 
     std::size_t m_block;
+    bool m_hasOwnBlocks;
+    std::set<std::int64_t> m_places; // in the stream, of what arrived lately
+    std::int64_t m_lastArrived = 0;
     Checks* m_checks; // not owned
     std::string m_pending; // handed over and not delivered
     std::deque<Packet> m_packets;
@@ -195,8 +221,7 @@ class LinkRun : public ScenarioRun, private Line::Listener
 {
 public:
     explicit LinkRun(const Scenario& scenario)
-        : ScenarioRun(scenario), m_streams{Stream(blockSize(scenario.channel), &m_checks),
-                                           Stream(blockSize(scenario.channel), &m_checks)},
+        : ScenarioRun(scenario), m_streams{makeStream(scenario, 0), makeStream(scenario, 1)},
           m_ends{End(0, scenario, &m_streams[0], &m_streams[1], &m_checks),
                  End(1, scenario, &m_streams[1], &m_streams[0], &m_checks)}
     {
@@ -204,6 +229,11 @@ public:
     }
 
 private:
+    Stream makeStream(const Scenario& scenario, int end)
+    {
+        return Stream(blockSize(scenario.channel), scenario.adaptive[end], &m_checks);
+    }
+
     void bytesRead(int end, const char* data, std::size_t size) override
     {
         testsupport::PacketCutter& cutter = m_cutters[end];

@@ -155,6 +155,18 @@ const char* name(Content content)
     return "";
 }
 
+std::array<bool, 2> adaptiveEnds(const Scenario& scenario, Adaptive adaptive)
+{
+    if (adaptive == Adaptive::Drawn)
+        adaptive = std::array{Adaptive::None, Adaptive::One, Adaptive::Both}[scenario.seed / 2 % 3];
+    const bool isFirst = scenario.plainPeer[1] || scenario.seed % 2 == 0;
+    switch (adaptive) {
+    case Adaptive::One: return {isFirst, !isFirst};
+    case Adaptive::Both: return {true, !scenario.plainPeer[1]};
+    default: return {false, false};
+    }
+}
+
 } // namespace
 
 const char* kindName(Kind kind)
@@ -169,7 +181,7 @@ const char* kindName(Kind kind)
     return "";
 }
 
-Scenario makeScenario(Kind kind, std::uint64_t seed)
+Scenario makeScenario(Kind kind, std::uint64_t seed, Adaptive adaptive)
 {
     Rng rng(seed * 4 + static_cast<std::uint64_t>(kind));
     Scenario scenario;
@@ -180,6 +192,7 @@ Scenario makeScenario(Kind kind, std::uint64_t seed)
     scenario.line = makeLine(rng);
     scenario.channel = makeChannel(rng);
     scenario.plainPeer[1] = kind == Kind::LinkToPlain || kind == Kind::SessionToPlain;
+    scenario.adaptive = adaptiveEnds(scenario, adaptive);
     for (EndSettings& end : scenario.ends) {
         end = makeEnd(rng);
         // Where bytes get lost, a receiver looks for packets inside a broken one, and
@@ -231,13 +244,14 @@ std::string describe(const Scenario& scenario)
     char text[400];
     std::snprintf(text, sizeof(text),
                   "%s %llu: %d bit/s, delay %d ms, depth %d, packet %d, write %d, queue %d, resend %d, confirm %d, "
-                  "%s/%s every %d ms, %s/%s every %d ms, %d phases",
+                  "%s/%s every %d ms%s, %s/%s every %d ms%s, %d phases",
                   kindName(scenario.kind), static_cast<unsigned long long>(scenario.seed), scenario.line.bitsPerSecond,
                   static_cast<int>(scenario.line.delayNs / nsPerMs), scenario.line.driverDepth,
                   scenario.channel.packetSize, scenario.channel.maxBytesToWrite, scenario.channel.maxBytesInQueue,
                   scenario.channel.resendIntervalMs, scenario.channel.confirmationIntervalMs,
                   name(scenario.ends[0].writing), name(scenario.ends[0].content), scenario.ends[0].periodMs,
-                  name(scenario.ends[1].writing), name(scenario.ends[1].content), scenario.ends[1].periodMs,
+                  scenario.adaptive[0] ? " adaptively" : "", name(scenario.ends[1].writing),
+                  name(scenario.ends[1].content), scenario.ends[1].periodMs, scenario.adaptive[1] ? " adaptively" : "",
                   static_cast<int>(scenario.phases.size()));
     return text;
 }

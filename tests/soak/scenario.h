@@ -76,6 +76,7 @@ struct Scenario
     ChannelSettings channel;
     std::array<EndSettings, 2> ends;
     std::array<bool, 2> plainPeer{}; // whether that end is a peer without our safeguards
+    std::array<bool, 2> adaptive{}; // whether that end sends adaptively
     std::vector<Phase> phases; // all with faults; the one without comes behind them
 };
 
@@ -86,7 +87,16 @@ int blockSize(const ChannelSettings& settings);
 // of a queue for each round trip, and on a slow line one packet in many that is no repeat.
 double slowestGoodput(const Scenario& scenario);
 
-Scenario makeScenario(Kind kind, std::uint64_t seed);
+// Which ends send adaptively: apart from what a seed draws, so that runs keep their numbers.
+enum class Adaptive
+{
+    None,
+    One, // which one: by the seed; ours, if the other is a plain peer
+    Both, // or the one that is ours
+    Drawn, // one of these, by the seed
+};
+
+Scenario makeScenario(Kind kind, std::uint64_t seed, Adaptive adaptive = Adaptive::None);
 
 // One line, for reports.
 std::string describe(const Scenario& scenario);

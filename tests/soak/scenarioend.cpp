@@ -20,7 +20,7 @@ std::unique_ptr<CChannel> ScenarioEnd::makeChannel(CAbstractChannelsState* state
 {
     if (m_scenario.plainPeer[m_end])
         return std::make_unique<PlainPeer>(&m_port, state, m_end, m_scenario.channel);
-    return std::make_unique<CComChannel>(&m_port, state, m_end);
+    return std::make_unique<CComChannel>(&m_port, state, m_end, m_scenario.adaptive[m_end]);
 }
 
 void ScenarioEnd::runEvents()

@@ -41,6 +41,7 @@ struct Options
     std::vector<std::pair<Kind, std::uint64_t>> once; // these runs instead
     bool twice = false; // each run again, which must go the same way
     bool verbose = false;
+    std::string adaptive = "none";
 };
 
 struct Outcome
@@ -68,7 +69,7 @@ struct Totals
 };
 
 const char usageText[] = "Usage: soak [options]\n"
-                         "       soak --run KIND SEED    one run, in this process, with the settings found\n"
+                         "       soak --run KIND SEED ENDS    one run, in this process, with the settings found\n"
                          "\n"
                          "  --hours N       virtual hours to run (default 1)\n"
                          "  --seed S        the first seed; the following runs count on from it (default 1)\n"
@@ -76,6 +77,7 @@ const char usageText[] = "Usage: soak [options]\n"
                          "  --replay FILE   the runs listed in FILE instead, one \"KIND SEED\" a line\n"
                          "  --once KIND SEED    that run instead\n"
                          "  --twice         every run twice, which must go the same way\n"
+                         "  --adaptive ENDS which ends send adaptively: none, one, both, drawn (default none)\n"
                          "  --verbose       tell every run\n"
                          "\n"
                          "Exit status 0 only if nothing that must hold was violated.\n";
@@ -87,6 +89,18 @@ Kind kindNamed(const std::string& name)
             return kind;
     }
     soak::fail("no such kind of run: " + name);
+}
+
+soak::Adaptive adaptiveNamed(const std::string& name)
+{
+    const std::map<std::string, soak::Adaptive> names{{"none", soak::Adaptive::None},
+                                                      {"one", soak::Adaptive::One},
+                                                      {"both", soak::Adaptive::Both},
+                                                      {"drawn", soak::Adaptive::Drawn}};
+    const auto found = names.find(name);
+    if (found == names.end())
+        soak::fail("--adaptive takes none, one, both or drawn");
+    return found->second;
 }
 
 Options readOptions(int argc, char** argv)
@@ -104,6 +118,9 @@ Options readOptions(int argc, char** argv)
         } else if (name == "--once") {
             const Kind kind = kindNamed(line.value());
             options.once.emplace_back(kind, soak::wholeNumber(line.value()));
+        } else if (name == "--adaptive") {
+            options.adaptive = line.value();
+            adaptiveNamed(options.adaptive);
         } else if (name == "--twice") {
             options.twice = true;
         } else if (name == "--verbose") {
@@ -172,10 +189,11 @@ Outcome parseOutcome(const std::string& output, int status)
     return outcome;
 }
 
-Outcome runOnce(soak::RunInstallation& installation, Kind kind, std::uint64_t seed, soak::StopRequest& stop)
+Outcome runOnce(soak::RunInstallation& installation, Kind kind, std::uint64_t seed, const std::string& adaptive,
+                soak::StopRequest& stop)
 {
     installation.prepare(soak::makeScenario(kind, seed).channel);
-    const soak::StartedRun run = installation.start({"--run", soak::kindName(kind), std::to_string(seed)});
+    const soak::StartedRun run = installation.start({"--run", soak::kindName(kind), std::to_string(seed), adaptive});
     const std::string output = outputOf(run, stop);
     close(run.output);
     int status = 0;
@@ -196,8 +214,8 @@ public:
         if (m_stop.isAsked())
             return;
         const auto before = Clock::now();
-        Outcome outcome = runOnce(m_installation, kind, seed, m_stop);
-        if (m_options.twice && runOnce(m_installation, kind, seed, m_stop).digest != outcome.digest)
+        Outcome outcome = runOnce(m_installation, kind, seed, m_options.adaptive, m_stop);
+        if (m_options.twice && runOnce(m_installation, kind, seed, m_options.adaptive, m_stop).digest != outcome.digest)
             outcome.violations.push_back("went another way the second time");
         if (m_stop.isAsked())
             return;
@@ -205,8 +223,9 @@ public:
         if (m_options.verbose || !outcome.violations.empty()) {
             std::printf("%s: %.2f h in %.1f s, %" PRIu64 " bytes delivered, %" PRIu64 " faults, %" PRIu64
                         " connections\n",
-                        soak::describe(soak::makeScenario(kind, seed)).c_str(), outcome.virtualS / secondsPerHour,
-                        secondsSince(before), outcome.delivered, outcome.faults, outcome.connections);
+                        soak::describe(soak::makeScenario(kind, seed, adaptiveNamed(m_options.adaptive))).c_str(),
+                        outcome.virtualS / secondsPerHour, secondsSince(before), outcome.delivered, outcome.faults,
+                        outcome.connections);
         }
         for (const std::string& violation : outcome.violations)
             std::printf("  VIOLATION %s\n", violation.c_str());
@@ -313,8 +332,11 @@ bool runAll(const Options& options, soak::StopRequest& stop)
 
 int runProgram(int argc, char** argv)
 {
-    if (argc == 4 && std::strcmp(argv[1], "--run") == 0)
-        return soak::runAndReport(soak::makeScenario(kindNamed(argv[2]), soak::wholeNumber(argv[3]))) ? 0 : 1;
+    if (argc == 5 && std::strcmp(argv[1], "--run") == 0) {
+        const soak::Scenario scenario =
+            soak::makeScenario(kindNamed(argv[2]), soak::wholeNumber(argv[3]), adaptiveNamed(argv[4]));
+        return soak::runAndReport(scenario) ? 0 : 1;
+    }
     const Options options = readOptions(argc, argv);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     soak::StopRequest stop;
