@@ -319,6 +319,8 @@ int CComChannel::newPacketsLimit() const
 
 void CComChannel::sendQueue()
 {
+    const int maxBytesToWrite = maxBytesToWriteAtOnce();
+    const int resendMs = resendIntervalMs();
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
     const int newLimit = newPacketsLimit();
     const quint8 oldest = m_sendQueue.isEmpty() ? m_nextNumber : m_sendQueue.first().number;
@@ -328,9 +330,9 @@ void CComChannel::sendQueue()
         ahead += linkrules::stepsFrom(previous, packet.number);
         previous = packet.number;
         const bool isRepeat = packet.sentTime != 0;
-        if (isRepeat ? !linkrules::isRepeatDue(nowMs, packet.sentTime, resendIntervalMs()) : ahead > newLimit)
+        if (isRepeat ? !linkrules::isRepeatDue(nowMs, packet.sentTime, resendMs) : ahead > newLimit)
             continue;
-        if (!linkrules::hasRoom(maxBytesToWriteAtOnce(), m_port->bytesToWrite(), packet.bytes.size())) {
+        if (!linkrules::hasRoom(maxBytesToWrite, m_port->bytesToWrite(), packet.bytes.size())) {
             waitForWritten(*m_port, isRepeat ? repeatRoomWaitMs : newPacketRoomWaitMs);
             return;
         }

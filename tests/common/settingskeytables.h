@@ -72,6 +72,7 @@ inline const IntKey intKeys[] = {
     {"Details/transportComMaxBytesInQueue", 10240, 128, 1048576, &CSettings::detailsTransportComMaxBytesInQueue},
     {"Details/transportComResendInterval", 2000, 100, 60000, &CSettings::detailsTransportComResendInterval},
     {"Details/transportComConfirmationInterval", 500, 50, 30000, &CSettings::detailsTransportComConfirmationInterval},
+    {"Details/transportComAdaptive", 0, 0, 1, &CSettings::detailsTransportComAdaptive},
 };
 
 inline const QString symbolKey = QStringLiteral("Details/transportComControlSymbol");
