@@ -25,7 +25,7 @@ quint64 directionSeed(const LineSettings& settings, int callNumber, int directio
 } // namespace
 
 LineDirection::LineDirection(const LineSettings& settings, int rate, quint64 seed)
-    : m_rate(rate), m_delayNs(settings.delayMs * nsPerMs), m_noise(settings.bitErrorRate, settings.burst, rate, seed)
+    : m_pace(rate), m_delayNs(settings.delayMs * nsPerMs), m_noise(settings.bitErrorRate, settings.burst, rate, seed)
 {
 }
 
@@ -35,44 +35,23 @@ void LineDirection::wake(qint64 nowNs)
         return;
     m_idle = false;
     m_shortSinceNs = -1;
-    m_baseNs = nowNs;
-    m_bytesSinceBase = 0;
-}
-
-qint64 LineDirection::room(qint64 nowNs) const
-{
-    if (m_idle || nowNs <= m_baseNs)
-        return 0;
-    const qint64 elapsedNs = nowNs - m_baseNs;
-    const qint64 seconds = elapsedNs / nsPerSecond;
-    const qint64 bits = seconds * m_rate + elapsedNs % nsPerSecond * m_rate / nsPerSecond;
-    return std::max<qint64>(bits / bitsPerByte - m_bytesSinceBase, 0);
-}
-
-qint64 LineDirection::nextRoomNs() const
-{
-    return timeOfByte(m_bytesSinceBase + 1);
+    m_pace.begin(nowNs);
 }
 
 void LineDirection::carry(QByteArray bytes, bool senderWaits, qint64 nowNs)
 {
     const bool isShort = bytes.size() < room(nowNs) && !senderWaits;
     if (!bytes.isEmpty()) {
-        m_bytesSinceBase += bytes.size();
+        m_pace.take(bytes.size());
         m_statistics.bytesCarried += bytes.size();
-        m_statistics.busyNs += bytes.size() * bitsPerByte * nsPerSecond / m_rate;
+        m_statistics.busyNs += bytes.size() * bitsPerByte * nsPerSecond / rate();
         if (m_noisy) {
             const QByteArray sent = bytes;
             m_statistics.bitsFlipped += m_noise.apply(bytes);
             for (int i = 0; i < bytes.size(); ++i)
                 m_statistics.bytesSpoiled += bytes.at(i) != sent.at(i);
         }
-        m_flights.push_back({timeOfByte(m_bytesSinceBase) + m_delayNs, bytes});
-    }
-    // The base moves on by whole ten seconds, in which exactly rate bytes pass.
-    while (m_bytesSinceBase > m_rate) {
-        m_bytesSinceBase -= m_rate;
-        m_baseNs += bitsPerByte * nsPerSecond;
+        m_underWay.launch(m_pace.throughNs(0) + m_delayNs, bytes);
     }
     if (!isShort) {
         m_shortSinceNs = -1;
@@ -85,37 +64,16 @@ void LineDirection::carry(QByteArray bytes, bool senderWaits, qint64 nowNs)
 
 QByteArray LineDirection::deliver(qint64 nowNs, qint64 mostBytes)
 {
-    QByteArray bytes;
-    while (!m_flights.empty() && m_flights.front().arrivesNs <= nowNs && bytes.size() != mostBytes) {
-        QByteArray& arrived = m_flights.front().bytes;
-        const qint64 left = mostBytes < 0 ? arrived.size() : mostBytes - bytes.size();
-        const int taken = static_cast<int>(std::min<qint64>(arrived.size(), left));
-        bytes += arrived.left(taken);
-        arrived.remove(0, taken);
-        if (arrived.isEmpty())
-            m_flights.pop_front();
-    }
+    const QByteArray bytes = m_underWay.take(nowNs, mostBytes);
     m_statistics.bytesDelivered += bytes.size();
     return bytes;
-}
-
-qint64 LineDirection::nextDeliveryNs() const
-{
-    return m_flights.empty() ? -1 : m_flights.front().arrivesNs;
 }
 
 DirectionStatistics LineDirection::finalStatistics() const
 {
     DirectionStatistics statistics = m_statistics;
-    for (const Flight& flight : m_flights)
-        statistics.bytesLost += flight.bytes.size();
+    statistics.bytesLost += m_underWay.bytes();
     return statistics;
-}
-
-qint64 LineDirection::timeOfByte(qint64 count) const
-{
-    // Rounded up: room() at this very moment counts the byte.
-    return m_baseNs + (count * bitsPerByte * nsPerSecond + m_rate - 1) / m_rate;
 }
 
 Line::Line(const LineSettings& settings, int callNumber, bool mayDrop, qint64 connectedNs)

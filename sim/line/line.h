@@ -4,10 +4,10 @@
 
 #include "sim/line/linesettings.h"
 #include "sim/line/noise.h"
+#include "sim/line/pace.h"
+#include "sim/line/underway.h"
 
 #include <QByteArray>
-
-#include <deque>
 
 namespace sim {
 
@@ -36,9 +36,9 @@ public:
     // The sender has left data mode: no time counts until it wakes the line again.
     void rest() { m_idle = true; }
     // How many bytes the line has had the time to carry since it was last asked.
-    qint64 room(qint64 nowNs) const;
+    qint64 room(qint64 nowNs) const { return m_idle ? 0 : m_pace.room(nowNs); }
     // When there will be room for at least one byte; only while not idle.
-    qint64 nextRoomNs() const;
+    qint64 nextRoomNs() const { return m_pace.throughNs(1); }
     // Takes bytes (at most room(nowNs) of them) from the sender. senderWaits: the sender
     // has more. When there are fewer than room and no more, the line goes idle after graceNs.
     void carry(QByteArray bytes, bool senderWaits, qint64 nowNs);
@@ -46,7 +46,7 @@ public:
     // What has come out at the other end by now, at most mostBytes of it, or all.
     QByteArray deliver(qint64 nowNs, qint64 mostBytes = -1);
     // When the next bytes come out; -1: none in flight.
-    qint64 nextDeliveryNs() const;
+    qint64 nextDeliveryNs() const { return m_underWay.nextArrivalNs(); }
 
     void setNoisy(bool noisy) { m_noisy = noisy; }
     // Bytes that came out, but found no place at the receiver.
@@ -54,28 +54,16 @@ public:
     // With the bytes still in flight counted as lost.
     DirectionStatistics finalStatistics() const;
     const DirectionStatistics& statistics() const { return m_statistics; }
-    int rate() const { return m_rate; }
+    int rate() const { return m_pace.rate(); }
 
 private:
-    struct Flight
-    {
-        qint64 arrivesNs;
-        QByteArray bytes;
-    };
-
-    qint64 timeOfByte(qint64 count) const;
-
-    const int m_rate;
+    Pace m_pace;
     const qint64 m_delayNs;
     Noise m_noise;
     bool m_noisy = true;
     bool m_idle = true;
     qint64 m_shortSinceNs = -1;
-    // Byte n since m_baseNs is through at m_baseNs + n * 10 bits / rate, so that nothing
-    // is rounded twice.
-    qint64 m_baseNs = 0;
-    qint64 m_bytesSinceBase = 0;
-    std::deque<Flight> m_flights;
+    UnderWay m_underWay;
     DirectionStatistics m_statistics;
 };
 

@@ -23,6 +23,12 @@ Noise::Noise(double bitErrorRate, const BurstSettings& burst, int rate, quint64 
 
 qint64 Noise::apply(QByteArray& bytes)
 {
+    const double size = bytes.size();
+    if (m_burstLeft == 0 && m_untilError >= dataBits * size && m_untilBurst >= lineBits * size) {
+        m_untilError -= dataBits * size;
+        m_untilBurst -= lineBits * size;
+        return 0;
+    }
     qint64 flipped = 0;
     for (char& byte : bytes)
         flipped += flipEvery(byte) + flipInBurst(byte);

@@ -106,6 +106,24 @@ TEST(LineTest, AByteIsThroughAtTheMomentThatIsTold)
     }
 }
 
+TEST(LineTest, APieceOvertakesOnlyWhatArrivesLater)
+{
+    UnderWay underWay;
+    EXPECT_EQ(underWay.nextArrivalNs(), -1);
+    underWay.launch(30, "late");
+    underWay.launch(10, "ab");
+    underWay.launch(30, "later");
+    underWay.launch(10, "cd");
+    EXPECT_EQ(underWay.bytes(), 13);
+    EXPECT_EQ(underWay.nextArrivalNs(), 10);
+    EXPECT_EQ(underWay.lastArrivalNs(), 30);
+    EXPECT_EQ(underWay.take(9), QByteArray());
+    EXPECT_EQ(underWay.take(29, 3), QByteArray("abc"));
+    EXPECT_EQ(underWay.take(29), QByteArray("d"));
+    EXPECT_EQ(underWay.take(30), QByteArray("latelater"));
+    EXPECT_TRUE(underWay.isEmpty());
+}
+
 TEST(LineTest, ALineThatIsWokenHasItsWholeGraceAgain)
 {
     LineDirection direction(LineSettings(), 10000, 1);
