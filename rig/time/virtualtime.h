@@ -15,15 +15,13 @@
 // startVirtualTime() unless the name says otherwise.
 #pragma once
 
+#include "rig/time/moments.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <sys/types.h>
 
 namespace soak {
-
-constexpr std::int64_t nsPerMs = 1000000;
-constexpr std::int64_t nsPerS = 1000 * nsPerMs;
-constexpr std::int64_t never = INT64_MAX;
 
 // What happens by itself while the program waits.
 class World

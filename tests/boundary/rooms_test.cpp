@@ -59,7 +59,7 @@ const QList<Room>& rooms()
         {"rig", {"plugin/api", "common"}, rig},
         {"rig/port", {}, rig},
         {"rig/time", {"rig"}, rig},
-        {"rig/line", {"rig/time", "rig", "plugin/api"}, rig},
+        {"rig/line", {"rig/time", "rig", "sim/line", "plugin/api"}, rig},
         {"rig/runs", {"rig/time"}, rig},
         {"rig/host", {"rig", "host/session"}, rigOver},
         {"rig/server", {"rig", "com/worker", "sim/exchange", "plugin/api"}, rigOver},

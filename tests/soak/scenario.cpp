@@ -78,9 +78,9 @@ Faults makeFaults(Kind kind, const LineSettings& line, Rng& rng)
     if (rng.chance(0.5))
         faults.bitErrorRate = rng.logBetween(1e-7, 1e-3);
     if (rng.chance(0.3)) {
-        faults.burstsPerSecond = rng.logBetween(0.01, 2);
-        faults.burstBytes = static_cast<int>(rng.logBetween(1, 1000));
-        faults.burstBitErrorRate = rng.logBetween(0.01, 0.5);
+        faults.burst.meanIntervalSeconds = 1 / rng.logBetween(0.01, 2);
+        faults.burst.lengthBits = static_cast<int>(sim::bitsPerByte * rng.logBetween(1, 1000));
+        faults.burst.errorRate = rng.logBetween(0.01, 0.5);
     }
     if (rng.chance(0.4))
         faults.dropChunk = rng.logBetween(1e-5, 0.1);
