@@ -1,46 +1,36 @@
-// One line between two ports of a run with several: bytes take their time, arrive in order
-// and whole, and are gone when the line dies, of which each end learns when it learns it.
+// One line between two ports of a run with several, which fails as a whole or not at all: bytes
+// arrive in order and whole, and are gone when the line dies, of which each end learns when it
+// learns it.
 #pragma once
 
+#include "rig/line/direction.h"
 #include "tests/soak/hubscenario.h"
 
 #include <QByteArray>
 
 #include <cstdint>
-#include <deque>
 
 namespace soak {
 
-// One way.
-class HubPipe
+// One way, of which somebody else hears the beginning.
+class HubWay
 {
 public:
-    HubPipe(int bitsPerSecond, std::int64_t delayNs);
+    HubWay(int bitsPerSecond, std::int64_t delayNs);
 
-    int room(std::int64_t now) const; // bytes that a write takes now
+    int room(std::int64_t now); // bytes that a write takes now
     void send(const QByteArray& bytes, std::int64_t now);
     QByteArray take(std::int64_t now); // what has arrived
     std::int64_t nextArrivalNs() const; // never: nothing is under way
     std::int64_t lastArrivalNs(std::int64_t now) const;
     void clear(); // what is under way is gone
+    void setDead(bool dead) { m_direction.setSilent(dead); } // what is sent from now on is gone
     // How the last call began that said anything.
     const QByteArray& tapped() const { return m_said.isEmpty() ? m_saidEarlier : m_said; }
-    void setDead(bool dead) { m_dead = dead; } // what is sent from now on is gone
-    bool isDead() const { return m_dead; }
-    std::uint64_t bytesCarried() const { return m_carried; }
+    std::uint64_t bytesCarried() const { return m_direction.bytesCarried(); }
 
 private:
-    struct Flight
-    {
-        std::int64_t arrivalNs;
-        QByteArray bytes;
-    };
-    const std::int64_t m_nsPerByte;
-    const std::int64_t m_delayNs;
-    std::int64_t m_freeNs = 0;
-    bool m_dead = false;
-    std::uint64_t m_carried = 0;
-    std::deque<Flight> m_flights;
+    Direction m_direction;
     QByteArray m_said; // in this call, as far as anybody taps it
     QByteArray m_saidEarlier;
 };
@@ -63,13 +53,14 @@ public:
     bool isLost(int end) const { return nowNs() >= m_learnsNs[end]; }
     std::int64_t learnsNs(int end) const { return m_learnsNs[end]; }
     // Whether somebody stands at the other end of that one, and hears it.
-    bool isHeard(int end) const { return !m_hungUp[1 - end] && !m_pipes[end].isDead(); }
+    bool isHeard(int end) const { return !m_hungUp[1 - end] && !m_isDead; }
 
-    HubPipe& from(int end) { return m_pipes[end]; }
+    HubWay& from(int end) { return m_ways[end]; }
 
 private:
-    HubPipe m_pipes[2]; // by the end that writes
+    HubWay m_ways[2]; // by the end that writes
     bool m_stands = false;
+    bool m_isDead = false;
     bool m_hungUp[2] = {true, true};
     std::int64_t m_learnsNs[2] = {never, never};
     std::uint64_t m_call = 0;

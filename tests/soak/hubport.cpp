@@ -179,8 +179,8 @@ void HubCalls::servePort(int end)
 void HubCalls::serveSession(int end)
 {
     HubSite& site = *m_sites[end];
-    HubPipe& in = m_line.from(1 - end);
-    HubPipe& out = m_line.from(end);
+    HubWay& in = m_line.from(1 - end);
+    HubWay& out = m_line.from(end);
     site.sessionBegins();
     host::SessionSettings settings;
     settings.abonentName = site.name();
