@@ -15,6 +15,7 @@
 #include "rig/randombytes.h"
 #include "rig/silentstate.h"
 #include "rig/time/virtualclock.h"
+#include "sim/line/underway.h"
 
 #include <QByteArray>
 #include <QSettings>
@@ -22,7 +23,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <deque>
 #include <memory>
 
 using fuzz::require;
@@ -65,17 +65,52 @@ public:
     qint64 confirmed = 0;
 };
 
-struct Chunk
+// What one side has sent and the other one has not yet: nothing arrives by itself, the input
+// decides what becomes of each chunk.
+class Way
 {
-    QByteArray bytes;
-    bool isFlipped = false;
+public:
+    void send(const QByteArray& bytes) { m_chunks.launch(0, bytes); }
+    bool isEmpty() const { return m_chunks.isEmpty(); }
+    QByteArray& first() { return m_chunks.first(); }
+
+    void dropFirst()
+    {
+        m_chunks.dropFirst();
+        m_flipped = std::max(0, m_flipped - 1);
+    }
+
+    void doubleFirst()
+    {
+        m_chunks.doubleFirst();
+        m_flipped += m_flipped > 0;
+    }
+
+    void flipInFirst(int bit)
+    {
+        if (m_flipped > 0 || first().isEmpty())
+            return;
+        const int at = bit / 8 % first().size();
+        first()[at] = static_cast<char>(first().at(at) ^ (1 << (bit % 8)));
+        m_flipped = 1;
+    }
+
+    void clear()
+    {
+        m_chunks.clear();
+        m_flipped = 0;
+    }
+
+private:
+    sim::UnderWay m_chunks;
+    int m_flipped = 0; // so many of them, from the first one on
 };
 
 struct Party
 {
     explicit Party(int partySide) : side(partySide)
     {
-        port.setLine([this](const QByteArray& bytes) { sent.push_back({bytes, false}); });
+        port.setLine([this](const QByteArray& bytes) { way.send(bytes); });
     }
 
     void write(int size)
@@ -100,13 +135,14 @@ struct Party
     int side;
     int written = 0;
     int delivered = 0;
-    std::deque<Chunk> sent; // on the line, in order
+    Way way; // from here to the other one
     testsupport::FakeSerialPort port;
     CountingState state;
     CComChannel channel{&port, &state, side};
 };
 
-class SpoiltLine
+// Two channels, and what the input does to the line between them.
+class SpoiltCall
 {
 public:
     void run(fuzz::Input& input)
@@ -141,14 +177,14 @@ private:
         const int choice = input.byte();
         Party& from = *m_parties[static_cast<std::size_t>(choice >> 7)];
         Party& to = *m_parties[static_cast<std::size_t>(1 - (choice >> 7))];
-        std::deque<Chunk>& line = from.sent;
+        Way& way = from.way;
         switch (static_cast<Action>((choice & 127) % ActionCount)) {
         case Write: from.write(4 * input.byte()); break;
         case Read: from.read(16 * input.byte()); break;
         case Wait: m_clock.advanceMs(8 * input.byte()); break;
         case Deliver:
-            for (int chunks = 1 + input.byte(); chunks > 0 && !line.empty(); --chunks)
-                deliver(line, to);
+            for (int chunks = 1 + input.byte(); chunks > 0 && !way.isEmpty(); --chunks)
+                deliver(way, to);
             break;
         case Exchange:
             for (int steps = 1 + input.byte() % 64; steps > 0 && m_steps < mostSteps; --steps, ++m_steps) {
@@ -157,54 +193,49 @@ private:
             }
             break;
         case Drop:
-            if (!line.empty())
-                line.pop_front();
+            if (!way.isEmpty())
+                way.dropFirst();
             break;
         case Double:
-            if (!line.empty())
-                line.push_front(line.front());
+            if (!way.isEmpty())
+                way.doubleFirst();
             break;
-        case Flip: flip(line, input.word()); break;
+        case Flip: {
+            const int bit = input.word();
+            if (!way.isEmpty())
+                way.flipInFirst(bit);
+            break;
+        }
         case Cut:
-            if (!line.empty())
-                line.front().bytes.truncate(input.byte());
+            if (!way.isEmpty())
+                way.first().truncate(input.byte());
             break;
         case Garbage: to.port.inject(input.run(input.byte() % 64).replace(startSymbol, 'x')); break;
         case Split:
-            if (!line.empty()) {
+            if (!way.isEmpty()) {
                 const int size = input.byte();
-                to.port.inject(line.front().bytes.left(size));
-                line.front().bytes.remove(0, size);
+                to.port.inject(way.first().left(size));
+                way.first().remove(0, size);
             }
             break;
         case Room: from.port.setRoom(input.byte() * 4); break;
         case StepClock: m_clock.stepWallClockMs(input.byte() % 2 == 0 ? hourMs : -hourMs); break;
-        case DropAll: line.clear(); break;
+        case DropAll: way.clear(); break;
         case ActionCount: break;
         }
     }
 
-    static void deliver(std::deque<Chunk>& line, Party& to)
+    static void deliver(Way& way, Party& to)
     {
-        to.port.inject(line.front().bytes);
-        line.pop_front();
-    }
-
-    static void flip(std::deque<Chunk>& line, int bit)
-    {
-        if (line.empty() || line.front().isFlipped || line.front().bytes.isEmpty())
-            return;
-        QByteArray& bytes = line.front().bytes;
-        const int at = bit / 8 % bytes.size();
-        bytes[at] = static_cast<char>(bytes.at(at) ^ (1 << (bit % 8)));
-        line.front().isFlipped = true;
+        to.port.inject(way.first());
+        way.dropFirst();
     }
 
     void step()
     {
         for (std::size_t i = 0; i < 2; ++i) {
-            while (!m_parties[i]->sent.empty())
-                deliver(m_parties[i]->sent, *m_parties[1 - i]);
+            while (!m_parties[i]->way.isEmpty())
+                deliver(m_parties[i]->way, *m_parties[1 - i]);
         }
         for (const auto& party : m_parties)
             party->read(everything);
@@ -336,7 +367,7 @@ extern "C" __attribute__((visibility("default"))) int LLVMFuzzerTestOneInput(con
     const int choice = input.byte();
     gComSettings.packetSize = 11 + choice % 128 * 8;
     if (choice < 128)
-        SpoiltLine().run(input);
+        SpoiltCall().run(input);
     else
         HostilePeer().run(input);
     return 0;
