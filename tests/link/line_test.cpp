@@ -1,7 +1,7 @@
 // Two channels over a bad line: what arrives is what was sent, in order and once, and in
 // the end it all arrives.
+#include "tests/link/badline.h"
 #include "tests/link/channelfixture.h"
-#include "tests/link/linesimulator.h"
 
 #include <set>
 
@@ -21,14 +21,15 @@ protected:
         setKey(QStringLiteral("Details/transportComConfirmationInterval"), 100);
     }
 
-    void expectDelivered(const LineFaults& faults, const Stream& stream, int runs)
+    void expectDelivered(const Stream& stream, int runs)
     {
         for (int run = 0; run < runs; ++run) {
             const unsigned seed = testsupport::seed() + static_cast<unsigned>(run) * 1000003u;
-            ASSERT_EQ(exchange(faults, stream, seed, limitMs), Outcome::Delivered)
-                << "run " << run << ", seed " << seed;
+            ASSERT_EQ(exchange(line, stream, seed, limitMs), Outcome::Delivered) << "run " << run << ", seed " << seed;
         }
     }
+
+    LinePlan line;
 };
 
 constexpr Stream smallPackets{4000, 7};
@@ -37,69 +38,63 @@ constexpr Stream smallPackets{4000, 7};
 
 TEST_F(BadLine, WithoutFaultsDelivers)
 {
-    expectDelivered({}, smallPackets, 1);
+    expectDelivered(smallPackets, 1);
 }
 
 TEST_F(BadLine, ThatLosesDelivers)
 {
-    for (const int percent : {2, 10, 40}) {
-        LineFaults faults;
-        faults.lostPercent = percent;
-        expectDelivered(faults, smallPackets, 1);
+    for (const double share : {0.02, 0.1, 0.4}) {
+        line.faults.dropChunk = share;
+        expectDelivered(smallPackets, 1);
     }
 }
 
 TEST_F(BadLine, ThatDoublesDelivers)
 {
-    LineFaults faults;
-    faults.doubledPercent = 30;
-    expectDelivered(faults, smallPackets, 3);
+    line.faults.doubleChunk = 0.3;
+    expectDelivered(smallPackets, 3);
 }
 
 TEST_F(BadLine, ThatDamagesDelivers)
 {
-    LineFaults faults;
-    faults.damagedPercent = 15;
-    expectDelivered(faults, smallPackets, 3);
+    line.faults.bitErrorRate = 1e-3; // one packet of seven
+    expectDelivered(smallPackets, 3);
 }
 
 TEST_F(BadLine, ThatDelaysDelivers)
 {
-    LineFaults faults;
-    faults.minDelayMs = 50;
-    faults.maxDelayMs = 700; // beyond the repeat interval
-    expectDelivered(faults, smallPackets, 1);
+    line.delayNs = 50 * soak::nsPerMs;
+    line.faults.jitterNs = 650 * soak::nsPerMs; // beyond the repeat interval
+    expectDelivered(smallPackets, 1);
 }
 
 TEST_F(BadLine, WithAllFaultsDelivers)
 {
-    LineFaults faults;
-    faults.lostPercent = 10;
-    faults.doubledPercent = 10;
-    faults.damagedPercent = 10;
-    faults.minDelayMs = 5;
-    faults.maxDelayMs = 200;
-    expectDelivered(faults, smallPackets, 2);
+    line.faults.dropChunk = 0.1;
+    line.faults.doubleChunk = 0.1;
+    line.faults.bitErrorRate = 7e-4;
+    line.delayNs = 5 * soak::nsPerMs;
+    line.faults.jitterNs = 195 * soak::nsPerMs;
+    expectDelivered(smallPackets, 2);
 }
 
 TEST_F(BadLine, ThatIsOutForAWhileDelivers)
 {
-    LineFaults faults;
-    faults.lostPercent = 5;
-    faults.minDelayMs = 20;
-    faults.maxDelayMs = 120;
-    faults.outageEveryMs = 3000;
-    faults.outageMs = 900;
-    expectDelivered(faults, smallPackets, 2);
+    line.faults.dropChunk = 0.05;
+    line.delayNs = 20 * soak::nsPerMs;
+    line.faults.jitterNs = 100 * soak::nsPerMs;
+    line.outageEveryMs = 3000;
+    line.outageMs = 900;
+    expectDelivered(smallPackets, 2);
 }
 
 TEST_F(BadLine, CarriesFullPacketsToo)
 {
-    LineFaults faults;
-    faults.lostPercent = 10;
-    faults.damagedPercent = 5;
-    faults.maxDelayMs = 50;
-    expectDelivered(faults, {60000, 1024}, 3);
+    line.bitsPerSecond = 921600; // so that a queue is through within the repeat interval
+    line.faults.dropChunk = 0.002; // one packet of ten
+    line.faults.bitErrorRate = 6e-6; // one of twenty
+    line.faults.jitterNs = 50 * soak::nsPerMs;
+    expectDelivered({60000, 1024}, 3);
 }
 
 // One way only, in single bytes, over a line that loses the first sending of some packets.

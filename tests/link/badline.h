@@ -1,9 +1,10 @@
-// Two link channels over a line that loses, doubles, damages and delays what it is given.
-// All in virtual time, so that a failing run repeats exactly from its seed.
+// Two link channels over the simulated line and all that goes wrong on it. All in virtual time, so
+// that a failing run repeats exactly from its seed.
 #pragma once
 
 #include "com/link/ccomchannel.h"
 #include "rig/fakehost.h"
+#include "rig/line/direction.h"
 #include "rig/port/fakeserialport.h"
 #include "rig/randombytes.h"
 #include "rig/silentstate.h"
@@ -11,76 +12,15 @@
 
 #include <QByteArray>
 
-#include <deque>
-#include <random>
-
 namespace linktest {
 
-struct LineFaults
+struct LinePlan
 {
-    int lostPercent = 0; // of the chunks, as each of these
-    int doubledPercent = 0;
-    int damagedPercent = 0;
-    int minDelayMs = 1;
-    int maxDelayMs = 1;
+    soak::Faults faults;
+    int bitsPerSecond = 115200;
+    std::int64_t delayNs = soak::nsPerMs;
     int outageEveryMs = 0; // the line takes everything and delivers nothing
     int outageMs = 0;
-};
-
-// One direction of the line; what it delivers stays in order.
-class Line
-{
-public:
-    Line(const LineFaults& faults, std::mt19937& random, const testsupport::VirtualClock& clock)
-        : m_faults(faults), m_random(random), m_clock(clock)
-    {
-    }
-
-    void send(const QByteArray& chunk)
-    {
-        if (isOut() || draw(100) < m_faults.lostPercent)
-            return;
-        const int copies = draw(100) < m_faults.doubledPercent ? 2 : 1;
-        for (int i = 0; i < copies; ++i) {
-            const qint64 delayMs = m_faults.minDelayMs + draw(m_faults.maxDelayMs - m_faults.minDelayMs + 1);
-            const qint64 lastMs = m_onTheWay.empty() ? 0 : m_onTheWay.back().arrivesMs;
-            m_onTheWay.push_back({std::max(lastMs, m_clock.nowMs() + delayMs), damaged(chunk)});
-        }
-    }
-
-    void deliverTo(testsupport::FakeSerialPort& port)
-    {
-        for (; !m_onTheWay.empty() && m_onTheWay.front().arrivesMs <= m_clock.nowMs(); m_onTheWay.pop_front())
-            port.inject(m_onTheWay.front().bytes);
-    }
-
-private:
-    struct Chunk
-    {
-        qint64 arrivesMs;
-        QByteArray bytes;
-    };
-
-    int draw(int limit) { return static_cast<int>(m_random() % static_cast<unsigned>(limit)); }
-
-    bool isOut() const
-    {
-        return m_faults.outageEveryMs > 0 && m_clock.nowMs() % m_faults.outageEveryMs < m_faults.outageMs;
-    }
-
-    QByteArray damaged(QByteArray chunk)
-    {
-        if (draw(100) >= m_faults.damagedPercent)
-            return chunk;
-        const int at = draw(chunk.size());
-        chunk[at] = static_cast<char>(chunk[at] ^ (1 << draw(8)));
-        return chunk;
-    }
-
-    LineFaults m_faults;
-    std::mt19937& m_random;
-    const testsupport::VirtualClock& m_clock;
-    std::deque<Chunk> m_onTheWay;
 };
 
 // A channel, its port and a session that sends an endless stream: as fast as the channel
@@ -150,21 +90,61 @@ enum class Outcome
     Stuck
 };
 
+// One direction of a line, between two ports in memory.
+class Way
+{
+public:
+    Way(const LinePlan& line, std::uint64_t seed, const testsupport::VirtualClock& clock)
+        : m_line(line), m_clock(clock), m_direction(settingsOf(line), seed)
+    {
+        m_direction.setFaults(line.faults, nowNs());
+    }
+
+    void send(const QByteArray& bytes)
+    {
+        m_direction.send(bytes.constData(), static_cast<std::size_t>(bytes.size()), nowNs());
+    }
+
+    void deliverTo(testsupport::FakeSerialPort& port)
+    {
+        m_direction.setSilent(m_line.outageEveryMs > 0 && m_clock.nowMs() % m_line.outageEveryMs < m_line.outageMs);
+        m_direction.advanceTo(nowNs());
+        port.inject(m_direction.receiveAll());
+    }
+
+    std::uint64_t faultsMade() const { return m_direction.faultsMade(); }
+
+private:
+    static soak::LineSettings settingsOf(const LinePlan& line)
+    {
+        soak::LineSettings settings;
+        settings.bitsPerSecond = line.bitsPerSecond;
+        settings.delayNs = line.delayNs;
+        settings.driverDepth = 1 << 20; // the port in memory has taken it already
+        return settings;
+    }
+
+    std::int64_t nowNs() const { return m_clock.nowMs() * soak::nsPerMs; }
+
+    const LinePlan& m_line;
+    const testsupport::VirtualClock& m_clock;
+    soak::Direction m_direction;
+};
+
 // Sends both ways at once until both streams have arrived.
-inline Outcome exchange(const LineFaults& faults, const Stream& stream, unsigned seed, qint64 limitMs)
+inline Outcome exchange(const LinePlan& line, const Stream& stream, unsigned seed, qint64 limitMs)
 {
     testsupport::VirtualClock clock;
-    std::mt19937 random(seed);
     Party parties[2] = {Party(seed), Party(seed + 1)};
-    Line lines[2] = {Line(faults, random, clock), Line(faults, random, clock)};
+    Way ways[2] = {Way(line, seed, clock), Way(line, ~std::uint64_t(seed), clock)};
     for (int i = 0; i < 2; ++i)
-        parties[i].port().setLine([&lines, i](const QByteArray& chunk) { lines[i].send(chunk); });
+        parties[i].port().setLine([&ways, i](const QByteArray& bytes) { ways[i].send(bytes); });
     while (parties[0].received() < stream.length || parties[1].received() < stream.length) {
         if (clock.nowMs() > limitMs)
             return Outcome::Stuck;
         for (int i = 0; i < 2; ++i) {
             parties[i].send(stream.length, stream.blockSize, clock.nowMs());
-            lines[1 - i].deliverTo(parties[i].port());
+            ways[1 - i].deliverTo(parties[i].port());
             if (!parties[i].receive(seed + (i == 0 ? 1 : 0)))
                 return Outcome::Corrupted;
         }
