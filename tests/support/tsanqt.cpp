@@ -120,13 +120,29 @@ INTERPOSED void _ZN11QMetaObject8activateEP7QObjectPKS_iPPv(QObject* sender, con
     real(sender, meta, signal, arguments);
 }
 
+// A functor is deleted by whichever thread drops the last reference: often the one that posted it,
+// after the other has carried it out. Qt counts the references where the sanitizer does not see it,
+// and the functor shares its strings with whoever posted it. So each has an edge from the end of the
+// delivery, on the receiver's address: an edge for all events would hide races.
 INTERPOSED bool _ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPv(
     QObject* object, void* slot, int type, void* result)
 {
     static auto* real = next<bool(QObject*, void*, int, void*)>(
         "_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPv");
     publish();
-    return real(object, slot, type, result);
+    const bool isPossible = real(object, slot, type, result);
+    __tsan_acquire(object);
+    return isPossible;
+}
+
+INTERPOSED bool _ZN7QObject5eventEP6QEvent(QObject* object, QEvent* event)
+{
+    static auto* real = next<bool(QObject*, QEvent*)>("_ZN7QObject5eventEP6QEvent");
+    if (event->type() != QEvent::MetaCall) // others may delete the object
+        return real(object, event);
+    const bool isRecognised = real(object, event);
+    __tsan_release(object);
+    return isRecognised;
 }
 
 INTERPOSED void _ZN16QCoreApplication9postEventEP7QObjectP6QEventi(QObject* receiver, QEvent* event, int priority)
