@@ -21,6 +21,7 @@
 #include "host/session/peer.h"
 #include "host/session/peerdirectory.h"
 #include "host/session/sessioncall.h"
+#include "host/session/steadytime.h"
 
 #include <QByteArray>
 #include <QString>
@@ -42,6 +43,8 @@ public:
 
     // What is to be said now; empty when nothing is due.
     [[nodiscard]] QByteArray takeOutput(qint64 nowMs);
+    // When something will be due; never when there is nothing to be said.
+    [[nodiscard]] qint64 outputDueMs() const { return m_output.isEmpty() ? never : m_outputDueMs; }
 
     // What a waiting side says.
     [[nodiscard]] static QByteArray filler() { return QByteArray(1, '\0'); }

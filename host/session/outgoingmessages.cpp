@@ -1,6 +1,7 @@
 #include "host/session/outgoingmessages.h"
 
 #include "host/session/hashslice.h"
+#include "host/session/steadytime.h"
 
 namespace host {
 
@@ -43,9 +44,15 @@ void OutgoingMessages::onState(const Frame& frame)
     m_peerStateKnown = state.isLast;
 }
 
+qint64 OutgoingMessages::settledDueMs() const
+{
+    const bool isDue = m_acknowledgementsSeen != m_settledTold && m_peerStateKnown;
+    return isDue ? m_settledToldMs + settledEveryMs : never;
+}
+
 bool OutgoingMessages::tellSettled(qint64 nowMs)
 {
-    if (m_acknowledgementsSeen == m_settledTold || nowMs - m_settledToldMs < settledEveryMs || !m_peerStateKnown)
+    if (nowMs < settledDueMs())
         return false;
     m_session->put(FrameType::Settled, encodeNumbers({m_acknowledgementsSeen}));
     m_settledTold = m_acknowledgementsSeen;

@@ -29,6 +29,7 @@ public:
 
     // Each answers whether there was something to do, although it may not have put any frame.
     bool tellSettled(qint64 nowMs);
+    [[nodiscard]] qint64 settledDueMs() const; // when it will tell; never when there is nothing
     bool sendNext();
 
     // The peer has a part of the message that comes next: it is compared with ours, in slices.

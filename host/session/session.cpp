@@ -1,5 +1,7 @@
 #include "host/session/session.h"
 
+#include <algorithm>
+
 namespace host {
 
 namespace {
@@ -35,6 +37,7 @@ void Session::put(FrameType type, const QByteArray& payload)
     }
     m_output.append(m_writer.write(type, payload));
     m_isHeartbeat = false;
+    m_hasSaidAll = false;
 }
 
 void Session::tell(const SessionEvent& event)
@@ -60,6 +63,7 @@ void Session::receive(const QByteArray& bytes, qint64 nowMs)
     m_nowMs = nowMs;
     if (bytes.isEmpty() || isFinished() || m_phase == Phase::Closing)
         return;
+    m_hasSaidAll = false;
     if (m_opening)
         receiveOpening(bytes);
     else
@@ -123,11 +127,16 @@ void Session::refusePeer(const PeerDirectory::Verdict& verdict)
     beginClosing(refusalEnd(verdict.cause), verdict.reason, m_settings.refusingMs);
 }
 
+// Whether the peer is in, so that it may be put out.
+bool Session::isExpulsionAsked() const
+{
+    return m_writer.isUsable() && m_phase != Phase::Closing && m_phase != Phase::Lingering;
+}
+
 // Blocking counts at once: what this call has not acknowledged by now it will not.
 void Session::expelIfBlocked()
 {
-    const bool isLetIn = m_writer.isUsable() && m_phase != Phase::Closing && m_phase != Phase::Lingering;
-    if (!isLetIn || m_nowMs - m_askedMs < askEveryMs)
+    if (!isExpulsionAsked() || m_nowMs - m_askedMs < askEveryMs)
         return;
     m_askedMs = m_nowMs;
     if (const std::optional<PeerDirectory::Verdict> verdict = m_directory->whyExpelled(m_peer))
@@ -206,6 +215,7 @@ QByteArray Session::takeOutput(int maxBytes, qint64 nowMs)
         m_output.clear();
         m_outputPosition = 0;
     }
+    m_hasSaidAll = piece.isEmpty();
     if (!piece.isEmpty())
         m_times.sent(m_isHeartbeat, nowMs);
     return piece;
@@ -330,6 +340,7 @@ void Session::setKeepAlive(bool keepAlive)
         put(FrameType::Continue);
         m_finishSent = false;
     }
+    m_hasSaidAll = m_hasSaidAll && keepAlive == m_keepAlive;
     m_keepAlive = keepAlive;
 }
 
@@ -397,6 +408,7 @@ void Session::advance(qint64 nowMs)
         if (m_outgoing.isComparing()) {
             m_outgoing.compare();
             m_times.useful(nowMs);
+            m_hasSaidAll = false;
         }
         break;
     case Phase::Opening:
@@ -409,17 +421,40 @@ void Session::checkLimits()
 {
     if (m_keepAlive)
         m_times.useful(m_nowMs);
-    SessionTimes::Facts facts;
-    facts.isOpening = m_phase == Phase::Opening;
-    facts.isStranger = m_isPeerNamed && !m_peer.isProved;
-    facts.awaitsAcknowledgement = m_outgoing.awaitsAcknowledgement();
-    const auto overdue = m_times.overdue(facts, m_nowMs);
+    const auto overdue = m_times.overdue(facts(), m_nowMs);
     if (!overdue)
         return;
     if (overdue->end == SessionEnd::Silence)
         finish(overdue->end, overdue->reason); // nobody is there to be told
     else
         close(overdue->end, overdue->reason);
+}
+
+SessionTimes::Facts Session::facts() const
+{
+    SessionTimes::Facts facts;
+    facts.isOpening = m_phase == Phase::Opening;
+    facts.isStranger = m_isPeerNamed && !m_peer.isProved;
+    facts.awaitsAcknowledgement = m_outgoing.awaitsAcknowledgement();
+    return facts;
+}
+
+qint64 Session::nextTurnMs() const
+{
+    const bool isHashing = m_phase == Phase::Preparing || (m_phase == Phase::Running && m_outgoing.isComparing());
+    if (!m_hasSaidAll || isHashing || isFinished())
+        return m_nowMs;
+    if (m_phase == Phase::Closing)
+        return m_deadlineMs;
+    qint64 nextMs = m_times.nextHeartbeatMs(isMuchComing(), m_nowMs);
+    if (m_phase == Phase::Lingering)
+        return std::min({nextMs, m_deadlineMs, m_times.heardMs() + m_settings.lingerSilenceMs});
+    nextMs = std::min(nextMs, m_times.nextLimitMs(facts()));
+    if (m_opening)
+        nextMs = std::min(nextMs, m_opening->outputDueMs());
+    if (isExpulsionAsked())
+        nextMs = std::min(nextMs, m_askedMs + askEveryMs);
+    return std::min(nextMs, m_outgoing.settledDueMs());
 }
 
 void Session::stop(const QString& reason, qint64 nowMs)

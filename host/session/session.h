@@ -51,8 +51,14 @@ public:
     // empty when there is nothing to send now.
     QByteArray takeOutput(int maxBytes, qint64 nowMs);
 
-    // Call it regularly: timeouts, and hashing in slices.
+    // Timeouts, and hashing in slices. Call it regularly, or at the latest when nextTurnMs() says so.
     void advance(qint64 nowMs);
+
+    // Until when, on the clock that is handed in, nothing needs to be done: neither advance() nor
+    // takeOutput() would do anything before, unless something changes outside. The session does
+    // not know of a message that is put into the queue meanwhile: it asks at its next turn.
+    // In the past when there is something to do now.
+    [[nodiscard]] qint64 nextTurnMs() const;
 
     // While set, the session does not end although nothing is left to send.
     void setKeepAlive(bool keepAlive);
@@ -115,6 +121,8 @@ private:
     bool produceHeartbeat();
     void sayHeartbeat();
     void checkLimits();
+    [[nodiscard]] SessionTimes::Facts facts() const;
+    [[nodiscard]] bool isExpulsionAsked() const;
     [[nodiscard]] bool nothingLeft() const;
 
     void close(SessionEnd end, const QString& reason);
@@ -143,6 +151,7 @@ private:
     QByteArray m_output; // frames written and not yet taken
     int m_outputPosition = 0;
     bool m_isHeartbeat = false; // nothing else stands in the output
+    bool m_hasSaidAll = false; // asked for output, it had none, and nothing has happened since
 
     OutgoingMessages m_outgoing;
     IncomingMessages m_incoming;

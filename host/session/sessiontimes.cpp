@@ -1,5 +1,9 @@
 #include "host/session/sessiontimes.h"
 
+#include "host/session/steadytime.h"
+
+#include <algorithm>
+
 namespace host {
 
 namespace {
@@ -30,13 +34,16 @@ void SessionTimes::sent(bool isHeartbeat, qint64 nowMs)
         m_saidMs = nowMs;
 }
 
-bool SessionTimes::isHeartbeatDue(bool isMuchComing, qint64 nowMs) const
+qint64 SessionTimes::nextHeartbeatMs(bool isMuchComing, qint64 nowMs) const
 {
-    int afterMs = m_settings.heartbeatMs;
+    const qint64 usualMs = m_sentMs + m_settings.heartbeatMs;
     // Not soon after a frame: it may stand behind a gap until the next packet comes.
-    if (isMuchComing && nowMs - m_saidMs >= m_settings.heartbeatMs * heartbeatsAtUsualPace)
-        afterMs = qMin(afterMs * slowerHeartbeats, m_settings.silenceMs / heartbeatsBeforeSilence);
-    return nowMs - m_sentMs >= afterMs;
+    const qint64 slowFromMs = m_saidMs + m_settings.heartbeatMs * heartbeatsAtUsualPace;
+    if (!isMuchComing || std::max(usualMs, nowMs) < slowFromMs)
+        return usualMs;
+    const int slowMs =
+        std::min(m_settings.heartbeatMs * slowerHeartbeats, m_settings.silenceMs / heartbeatsBeforeSilence);
+    return std::max(slowFromMs, m_sentMs + slowMs);
 }
 
 bool SessionTimes::isAliveDue(qint64 nowMs) const
@@ -45,27 +52,45 @@ bool SessionTimes::isAliveDue(qint64 nowMs) const
            qMin(m_settings.aliveMs, m_settings.silenceMs / heartbeatsBeforeSilence);
 }
 
+// In the order in which they are looked at.
+std::array<SessionTimes::Limit, 4> SessionTimes::limits(const Facts& facts) const
+{
+    const Limit stalled{m_usefulMs + m_settings.stallMs, SessionEnd::Stalled};
+    const Limit useless{m_usefulMs + m_settings.uselessMs, SessionEnd::Useless};
+    return {{{facts.isStranger ? m_beganMs + m_settings.strangerMs : never, SessionEnd::TimeUsedUp},
+             {m_heardMs + m_settings.silenceMs, SessionEnd::Silence},
+             {facts.isOpening ? m_beganMs + m_settings.openingMs : never, SessionEnd::OpeningTimedOut},
+             facts.awaitsAcknowledgement ? stalled : useless}};
+}
+
 std::optional<SessionTimes::Overdue> SessionTimes::overdue(const Facts& facts, qint64 nowMs) const
 {
-    if (facts.isStranger && nowMs - m_beganMs >= m_settings.strangerMs)
-        return Overdue{
-            SessionEnd::TimeUsedUp,
-            QStringLiteral("a peer that is not known here may stay for %1 s").arg(seconds(m_settings.strangerMs))};
-    if (silentMs(nowMs) >= m_settings.silenceMs)
-        return Overdue{
-            SessionEnd::Silence,
-            QStringLiteral("nothing was heard from the other side for %1 s").arg(seconds(m_settings.silenceMs))};
-    if (facts.isOpening && nowMs - m_beganMs >= m_settings.openingMs)
-        return Overdue{
-            SessionEnd::OpeningTimedOut,
-            QStringLiteral("the other side did not say who it is within %1 s").arg(seconds(m_settings.openingMs))};
-    if (facts.awaitsAcknowledgement && nowMs - m_usefulMs >= m_settings.stallMs)
-        return Overdue{SessionEnd::Stalled, QStringLiteral("the other side acknowledges nothing")};
-    if (!facts.awaitsAcknowledgement && nowMs - m_usefulMs >= m_settings.uselessMs)
-        return Overdue{
-            SessionEnd::Useless,
-            QStringLiteral("nothing of use came from the other side for %1 s").arg(seconds(m_settings.uselessMs))};
+    for (const Limit& limit : limits(facts)) {
+        if (nowMs >= limit.atMs)
+            return Overdue{limit.end, reason(limit.end)};
+    }
     return std::nullopt;
+}
+
+qint64 SessionTimes::nextLimitMs(const Facts& facts) const
+{
+    qint64 nextMs = never;
+    for (const Limit& limit : limits(facts))
+        nextMs = std::min(nextMs, limit.atMs);
+    return nextMs;
+}
+
+QString SessionTimes::reason(SessionEnd limit) const
+{
+    if (limit == SessionEnd::TimeUsedUp)
+        return QStringLiteral("a peer that is not known here may stay for %1 s").arg(seconds(m_settings.strangerMs));
+    if (limit == SessionEnd::Silence)
+        return QStringLiteral("nothing was heard from the other side for %1 s").arg(seconds(m_settings.silenceMs));
+    if (limit == SessionEnd::OpeningTimedOut)
+        return QStringLiteral("the other side did not say who it is within %1 s").arg(seconds(m_settings.openingMs));
+    if (limit == SessionEnd::Stalled)
+        return QStringLiteral("the other side acknowledges nothing");
+    return QStringLiteral("nothing of use came from the other side for %1 s").arg(seconds(m_settings.uselessMs));
 }
 
 } // namespace host

@@ -7,6 +7,7 @@
 
 #include <QString>
 
+#include <array>
 #include <optional>
 
 namespace host {
@@ -22,10 +23,16 @@ public:
     void sent(bool isHeartbeat, qint64 nowMs);
     void saidAlive(qint64 nowMs) { m_aliveMs = nowMs; }
 
+    [[nodiscard]] qint64 heardMs() const { return m_heardMs; }
     [[nodiscard]] qint64 silentMs(qint64 nowMs) const { return nowMs - m_heardMs; }
 
-    // isMuchComing: much of a file is still to come in, so that there is little else to say.
-    [[nodiscard]] bool isHeartbeatDue(bool isMuchComing, qint64 nowMs) const;
+    // When the next heartbeat is due, if nothing else is said before. isMuchComing: much of a file
+    // is still to come in, so that there is little else to say.
+    [[nodiscard]] qint64 nextHeartbeatMs(bool isMuchComing, qint64 nowMs) const;
+    [[nodiscard]] bool isHeartbeatDue(bool isMuchComing, qint64 nowMs) const
+    {
+        return nowMs >= nextHeartbeatMs(isMuchComing, nowMs);
+    }
     // Whether a heartbeat has to prove that it is ours.
     [[nodiscard]] bool isAliveDue(qint64 nowMs) const;
 
@@ -41,8 +48,18 @@ public:
         QString reason;
     };
     [[nodiscard]] std::optional<Overdue> overdue(const Facts& facts, qint64 nowMs) const;
+    // When the first limit is reached, if nothing happens before.
+    [[nodiscard]] qint64 nextLimitMs(const Facts& facts) const;
 
 private:
+    struct Limit
+    {
+        qint64 atMs;
+        SessionEnd end;
+    };
+    [[nodiscard]] std::array<Limit, 4> limits(const Facts& facts) const;
+    [[nodiscard]] QString reason(SessionEnd limit) const;
+
     const SessionSettings& m_settings; // the session's
     const qint64 m_beganMs;
     qint64 m_heardMs;

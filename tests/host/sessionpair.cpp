@@ -58,8 +58,10 @@ void SessionPair::connect(const LineOptions& options)
     }
 }
 
-void SessionPair::deliver(Side& side)
+// Whether something came.
+bool SessionPair::deliver(Side& side)
 {
+    const qint64 before = side.receivedBytes;
     int budget = m_options.bytesPerStep;
     while (budget > 0 && !side.wire.isEmpty() && !m_isCut) {
         int size = std::min<int>({side.wire.size(), budget, 1 + static_cast<int>(m_random() % 3000)});
@@ -75,6 +77,12 @@ void SessionPair::deliver(Side& side)
         side.session->receive(piece, nowMs);
         m_isCut = m_options.cutAfterBytes >= 0 && carriedBytes >= m_options.cutAfterBytes;
     }
+    return side.receivedBytes > before;
+}
+
+bool SessionPair::takesTurn(const Side& side, bool hasReceived) const
+{
+    return !m_options.sleeps || hasReceived || side.session->nextTurnMs() <= nowMs;
 }
 
 void SessionPair::pump(Side& from, Side& to)
@@ -83,6 +91,7 @@ void SessionPair::pump(Side& from, Side& to)
         const QByteArray piece = from.session->takeOutput(m_options.pieceBytes, nowMs);
         if (piece.isEmpty())
             return;
+        said.push_back({nowMs, &from == &a, piece.size()});
         if (!from.silent)
             to.wire.append(piece);
     }
@@ -93,12 +102,19 @@ void SessionPair::step()
     nowMs += m_options.stepMs;
     if (m_options.cutAfterBytes == 0)
         m_isCut = true;
-    deliver(a);
-    deliver(b);
-    pump(a, b);
-    pump(b, a);
-    a.session->advance(nowMs);
-    b.session->advance(nowMs);
+    const bool aReceived = deliver(a);
+    const bool bReceived = deliver(b);
+    const bool isTurnOfA = takesTurn(a, aReceived);
+    const bool isTurnOfB = takesTurn(b, bReceived);
+    turns += int(isTurnOfA) + int(isTurnOfB);
+    if (isTurnOfA)
+        pump(a, b);
+    if (isTurnOfB)
+        pump(b, a);
+    if (isTurnOfA)
+        a.session->advance(nowMs);
+    if (isTurnOfB)
+        b.session->advance(nowMs);
     // One side that ended hangs up.
     if (m_isCut || a.session->isFinished() || b.session->isFinished()) {
         if (!m_isCut) {

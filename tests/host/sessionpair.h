@@ -25,6 +25,7 @@ struct LineOptions
     int bytesPerStep = 1 << 20; // delivered in one step each way
     int stepMs = 10;
     qint64 cutAfterBytes = -1; // of both directions together; -1: never
+    bool sleeps = false; // a session has a turn only when it asked for one, or when bytes came
 };
 
 class SessionPair
@@ -58,14 +59,28 @@ public:
         const host::SessionEvent* last(host::SessionEvent::Kind kind) const;
     };
 
+    struct Said
+    {
+        qint64 atMs;
+        bool byCaller;
+        int bytes;
+        bool operator==(const Said& other) const
+        {
+            return atMs == other.atMs && byCaller == other.byCaller && bytes == other.bytes;
+        }
+    };
+
     Side a; // calls
     Side b;
+    std::vector<Said> said; // all that was written, also what was lost
+    int turns = 0; // of both
     qint64 nowMs = 1000;
     qint64 carriedBytes = 0; // both directions, on this connection
     bool isCut() const { return m_isCut; }
 
 private:
-    void deliver(Side& side);
+    bool deliver(Side& side);
+    bool takesTurn(const Side& side, bool hasReceived) const;
     void pump(Side& from, Side& to);
 
     LineOptions m_options;
