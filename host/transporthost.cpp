@@ -20,6 +20,9 @@ namespace host {
 namespace {
 
 constexpr int pollMs = 100;
+// By so much later a session that sleeps may see a fallen carrier, a new message or the wish to keep
+// the connection.
+constexpr int longestSessionSleepMs = 100;
 constexpr qint64 queuePollMs = 300;
 constexpr qint64 stateEveryMs = 1000;
 constexpr qint64 stopGraceMs = 5000; // beyond the server's own stop time-out
@@ -250,10 +253,21 @@ void TransportHost::makeContext()
     m_context->directory = m_peers.get();
     m_context->keepsConnections = m_options.keepConnections;
     m_context->maxBlockBytes = CSettings().detailsTransportComMaxBytesToWrite();
+    m_context->sleepRules = [this](const QString& channelName) { return sleepRules(channelName); };
     m_context->report = [this](const SessionReport& report) {
         QMetaObject::invokeMethod(
             this, [this, report] { onReport(report); }, Qt::QueuedConnection);
     };
+}
+
+// In the thread of a session.
+SleepRules TransportHost::sleepRules(const QString& channelName) const
+{
+    // Once, as the link itself reads it.
+    static const int confirmationIntervalMs = CSettings().detailsTransportComConfirmationInterval();
+    const ChannelsTable* const channels = m_channels.get();
+    return {longestSessionSleepMs, confirmationIntervalMs,
+            [channels, channelName] { return channels->sentBytes(channelName); }};
 }
 
 void TransportHost::connectServer()

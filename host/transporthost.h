@@ -109,6 +109,7 @@ private:
     QString loadSettings();
     QString startServer();
     void makeContext();
+    [[nodiscard]] SleepRules sleepRules(const QString& channelName) const;
     void connectServer();
     void reloadSettings();
     void reloadAbonents();

@@ -74,6 +74,16 @@ void ChannelsTable::addSentBytes(int id, int bytes)
         row->sentBytes += bytes;
 }
 
+// Of two rows with one name only one has the port open.
+qint64 ChannelsTable::sentBytes(const QString& name) const
+{
+    QMutexLocker locker(&m_mutex);
+    qint64 bytes = 0;
+    for (const ChannelRow& row : m_rows)
+        bytes += row.name == name ? row.sentBytes : 0;
+    return bytes;
+}
+
 QVector<ChannelRow> ChannelsTable::rows() const
 {
     // A copy of its own: sharing the rows, the reader would let go of them without the lock.

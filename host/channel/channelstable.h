@@ -36,6 +36,9 @@ public:
     void addReceivedBytes(int id, int bytes) override;
     void addSentBytes(int id, int bytes) override;
 
+    // What the peers have confirmed of all that was written over the port of this name.
+    [[nodiscard]] qint64 sentBytes(const QString& name) const;
+
     // In the order in which they were added.
     [[nodiscard]] QVector<ChannelRow> rows() const;
 

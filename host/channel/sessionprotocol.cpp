@@ -10,13 +10,10 @@ SessionProtocol::SessionProtocol(CChannel* ownedChannel, std::shared_ptr<const S
     : CAbstractProtocol(ownedChannel), m_context(std::move(context)), m_call([] {
           static std::atomic<quint64> calls{0};
           return ++calls;
-      }())
+      }()),
+      m_timer([this](bool wasWoken) { tick(wasWoken); })
 {
     keepAlive = m_context->keepsConnections;
-    // Reading from an event posted meanwhile would race the port's own notifier: a timer.
-    // Without an interval: a tick brings its own pause.
-    m_timer.setInterval(0);
-    connect(&m_timer, &QTimer::timeout, this, &SessionProtocol::tick);
 }
 
 SessionProtocol::~SessionProtocol()
@@ -35,8 +32,9 @@ void SessionProtocol::start()
     m_session = std::make_unique<Session>(
         m_context->settings, call, m_context->directory, m_context->store,
         [this](const SessionEvent& event) { onEvent(event); }, m_clock.elapsed());
-    m_pass = std::make_unique<SessionPass>(m_session.get(), channel, m_context->maxBlockBytes,
-                                           [this] { return m_clock.elapsed(); });
+    m_pass = std::make_unique<SessionPass>(
+        m_session.get(), channel, m_context->maxBlockBytes, [this] { return m_clock.elapsed(); },
+        m_context->sleepRules ? m_context->sleepRules(channelName) : SleepRules());
     report(SessionReport::Kind::Begun);
     m_timer.start();
 }
@@ -44,13 +42,19 @@ void SessionProtocol::start()
 void SessionProtocol::stop()
 {
     m_stopRequested = true;
+    m_timer.wake();
 }
 
-void SessionProtocol::tick()
+// Called from a timer: reading from an event that was posted would race the port's own notifier.
+void SessionProtocol::tick(bool wasWoken)
 {
     if (m_ended)
         return;
-    rest();
+    if (wasWoken)
+        m_pass->woken();
+    if (!m_timer.sleeps())
+        rest();
+    m_pass->rested();
     const bool isConnected = channel->isConnected();
     if (m_stopRequested)
         m_session->stop(QStringLiteral("stopped"), m_clock.elapsed());
@@ -64,14 +68,15 @@ void SessionProtocol::tick()
         m_session->connectionLost();
     if (m_session->isFinished())
         end();
+    else
+        m_timer.setSleep(m_pass->sleepMs());
 }
 
-// Between its passes the worker sleeps instead of waiting in the event loop, where the
+// While the link works the thread does not wait for its next pass in the event loop, where the
 // port's notifier would wake it for each few bytes of a packet that comes in.
 void SessionProtocol::rest()
 {
     QThread::msleep(static_cast<unsigned long>(m_pass->pauseMs()));
-    m_pass->rested();
 }
 
 void SessionProtocol::onEvent(const SessionEvent& event)

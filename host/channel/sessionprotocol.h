@@ -2,13 +2,13 @@
 // makes it.
 #pragma once
 
+#include "host/channel/passtimer.h"
 #include "host/channel/sessionpass.h"
 #include "host/session/session.h"
 #include "plugin/api/cabstractprotocol.h"
 #include "plugin/api/cabstractprotocolfactory.h"
 
 #include <QElapsedTimer>
-#include <QTimer>
 
 #include <atomic>
 #include <functional>
@@ -47,6 +47,8 @@ struct SessionContext
     PeerDirectory* directory = nullptr; // not owned
     std::function<void(const SessionReport&)> report; // called from several threads at once
     int maxBlockBytes = 1024; // what the link takes as one packet, together with its own bytes
+    // Of the channel of this name, asked when a session begins; null: sessions do not sleep.
+    std::function<SleepRules(const QString& channelName)> sleepRules;
     // From the first moment: a session with little to say is over before the host's wish to
     // keep it comes round by way of the server.
     bool keepsConnections = false;
@@ -67,7 +69,7 @@ public:
     void stop() override;
 
 private:
-    void tick();
+    void tick(bool wasWoken);
     void rest();
     void onEvent(const SessionEvent& event);
     void report(SessionReport::Kind kind, const SessionEvent& event = {});
@@ -79,7 +81,7 @@ private:
     std::unique_ptr<Session> m_session;
     std::unique_ptr<SessionPass> m_pass;
     QElapsedTimer m_clock;
-    QTimer m_timer;
+    PassTimer m_timer;
     std::atomic<bool> m_stopRequested{false}; // set from the server's thread
     bool m_ended = false;
 };

@@ -37,6 +37,8 @@ public:
         ++reads;
         const QByteArray bytes = incoming.left(maxSize);
         incoming.remove(0, bytes.size());
+        if (peer)
+            peer->confirmedBytes += bytes.size();
         return bytes;
     }
     int idealBlockSize() override { return peer && peer->incoming.size() > 10240 ? 0 : offered; }
@@ -47,6 +49,7 @@ public:
     QVector<QByteArray> written;
     bool isUp = true;
     int reads = 0;
+    qint64 confirmedBytes = 0; // of what was written, read by the peer
 };
 
 } // namespace hosttest

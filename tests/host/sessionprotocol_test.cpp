@@ -7,8 +7,10 @@
 
 #include <QElapsedTimer>
 #include <QSignalSpy>
+#include <QThread>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 using namespace host;
@@ -237,4 +239,96 @@ TEST(SessionProtocol, DeletedWhileItRuns)
     ASSERT_TRUE(waitFor([&] { return line.a.named->count() > 0; }));
     line.a.protocol.reset();
     EXPECT_TRUE(line.a.store.hasUnclaimed(provedPeer(QString()))) << "its messages are free again";
+}
+
+// ---- sleeping ----
+
+namespace {
+
+// An End in a thread of its own, as a port's worker runs it. Its peer is in the test's thread and
+// says nothing; what it writes is confirmed at once.
+class SleepyEnd : public QThread
+{
+public:
+    SleepyEnd()
+    {
+        start();
+        while (!m_isReady)
+            yieldCurrentThread();
+    }
+    ~SleepyEnd() override
+    {
+        quit();
+        wait();
+    }
+
+    std::atomic<int> reads{0};
+    std::atomic<bool> isOver{false};
+    CAbstractProtocol* protocol = nullptr;
+
+private:
+    struct CountingChannel : CChannel
+    {
+        explicit CountingChannel(SleepyEnd* end) : m_end(end) { type = 2; }
+        void disconnectFromAbonent() override {}
+        bool isConnected() override { return true; }
+        void write(const QByteArray& data) override { m_end->m_confirmedBytes += data.size(); }
+        QByteArray read(int) override
+        {
+            ++m_end->reads;
+            return QByteArray();
+        }
+        int idealBlockSize() override { return 1024; }
+
+        SleepyEnd* m_end; // not owned
+    };
+
+    void run() override
+    {
+        MemoryStore store;
+        TestDirectory directory;
+        const auto context = std::make_shared<SessionContext>();
+        context->settings.identity = testKey(1);
+        context->settings.heartbeatMs = 3600 * 1000;
+        context->settings.silenceMs = context->settings.openingMs = context->settings.uselessMs = 3600 * 1000;
+        context->settings.closingMs = 0;
+        context->directory = &directory;
+        context->store = store.forSessions();
+        context->report = [](const SessionReport&) {};
+        context->sleepRules = [this](const QString& channelName) {
+            EXPECT_EQ(channelName, QStringLiteral("port"));
+            return SleepRules{3600 * 1000, 1, [this] { return m_confirmedBytes; }};
+        };
+        const std::unique_ptr<CAbstractProtocol> made(
+            SessionProtocolFactory(context).createProtocol(new CountingChannel(this)));
+        made->remoteAbonentName = QStringLiteral("Боб");
+        made->channelName = QStringLiteral("port");
+        connect(made.get(), &CAbstractProtocol::finished, [this] { isOver = true; });
+        protocol = made.get();
+        made->start();
+        m_isReady = true;
+        exec();
+    }
+
+    std::atomic<bool> m_isReady{false};
+    qint64 m_confirmedBytes = 0;
+};
+
+} // namespace
+
+// Without a sleep a pass follows the last one after 10 ms.
+TEST(SessionProtocol, SleepsWhileThereIsNothingToDoAndAStopWakesIt)
+{
+    SleepyEnd end;
+    int readsBefore = -1;
+    QElapsedTimer quiet;
+    ASSERT_TRUE(waitFor([&] {
+        if (end.reads != readsBefore) {
+            readsBefore = end.reads;
+            quiet.start();
+        }
+        return readsBefore > 0 && quiet.elapsed() > 1000;
+    })) << end.reads;
+    end.protocol->stop();
+    EXPECT_TRUE(waitFor([&] { return end.isOver.load(); }));
 }
