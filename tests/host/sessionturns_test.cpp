@@ -1,0 +1,174 @@
+// When a session wants its next turn, and that nothing is different if it has none before.
+#include "rig/testroot.h"
+#include "tests/host/sessionpair.h"
+
+#include <gtest/gtest.h>
+
+using namespace host;
+using namespace hosttest;
+
+namespace {
+
+struct Course
+{
+    const char* name;
+    LineOptions line;
+    std::function<void(SessionPair*)> prepare;
+    std::function<void(SessionPair*)> eachStep = [](SessionPair*) {};
+};
+
+// All that can be seen of a course from outside: what was written when, and how it ended.
+void runCourse(SessionPair* pair, const Course& course, bool sleeps)
+{
+    LineOptions line = course.line;
+    line.stepMs = 1;
+    line.sleeps = sleeps;
+    course.prepare(pair);
+    pair->connect(line);
+    const auto isOver = [&] { return pair->a.session->isFinished() && pair->b.session->isFinished(); };
+    while (!isOver() && pair->nowMs < 1000 * 1000) {
+        course.eachStep(pair);
+        pair->step();
+    }
+    EXPECT_TRUE(isOver()) << course.name;
+}
+
+std::vector<Course> courses()
+{
+    const int bytesPerMs = 1;
+    LineOptions slow;
+    slow.bytesPerStep = bytesPerMs;
+    LineOptions cut = slow;
+    cut.cutAfterBytes = 40000;
+    const auto bothSend = [](SessionPair* pair) {
+        pair->a.store.queue(QStringLiteral("f"), randomBytes(60000, 1));
+        pair->b.store.queue(QStringLiteral("g"), randomBytes(3000, 2));
+    };
+    const auto rareHeartbeats = [](SessionPair* pair) {
+        pair->a.store.queue(QStringLiteral("f"), "content");
+        pair->a.settings.heartbeatMs = pair->b.settings.heartbeatMs = 7700;
+        pair->nowMs += 333; // so that what is done each second is not done when something else is
+    };
+    const auto guarded = [](SessionPair* pair) {
+        pair->b.settings.guard = std::make_shared<HandshakeGuard>([] { return qint64(0); });
+        pair->b.settings.guard->failed();
+    };
+    return {
+        {"both send", slow, bothSend},
+        {"a fast line", {}, bothSend},
+        {"the line breaks", cut, bothSend},
+        {"a part is compared",
+         {},
+         [](SessionPair* pair) {
+             const QByteArray content = randomBytes(9000000, 3); // several slices
+             const quint64 id = pair->a.store.queue(QStringLiteral("f"), content);
+             pair->b.store.standing[id] = content.left(8950000);
+         }},
+        {"kept by one host, then by the other", slow, rareHeartbeats,
+         [](SessionPair* pair) {
+             pair->a.session->setKeepAlive(pair->nowMs < 31000);
+             if (pair->nowMs == 30000)
+                 pair->b.session->setKeepAlive(true);
+             if (pair->nowMs == 35000)
+                 pair->b.session->setKeepAlive(false);
+         }},
+        {"the answer is slowed down", slow, guarded},
+        {"nobody is heard any more", slow, bothSend,
+         [](SessionPair* pair) { pair->a.silent = pair->b.silent = pair->nowMs > 9000; }},
+        {"our host stops", slow, bothSend,
+         [](SessionPair* pair) {
+             if (pair->nowMs == 9000)
+                 pair->a.session->stop(QStringLiteral("stopped"), pair->nowMs);
+         }},
+        {"our host stops on a dead line", slow, bothSend,
+         [](SessionPair* pair) {
+             pair->a.silent = pair->b.silent = pair->nowMs > 9000;
+             if (pair->nowMs == 20000)
+                 pair->a.session->stop(QStringLiteral("stopped"), pair->nowMs);
+         }},
+        {"a stranger", slow,
+         [](SessionPair* pair) {
+             pair->b.directory.names.clear();
+             pair->b.directory.everybodyElse.clear();
+             pair->b.directory.acceptsUnknown = true;
+             pair->b.settings.strangerMs = 20000;
+         },
+         [](SessionPair* pair) { pair->b.session->setKeepAlive(true); }},
+        {"a stranger who is refused", slow,
+         [](SessionPair* pair) {
+             pair->b.directory.names.clear();
+             pair->b.directory.everybodyElse.clear();
+         }},
+        {"blocked while it is in", slow, rareHeartbeats,
+         [](SessionPair* pair) {
+             pair->b.session->setKeepAlive(true);
+             if (pair->nowMs == 20000)
+                 pair->b.directory.blockedKeys.insert(testKey(1)->publicKey());
+         }},
+    };
+}
+
+} // namespace
+
+// What a host relies on that sleeps until the next turn.
+TEST(SessionTurns, ASessionThatSleepsDoesTheSameAtTheSameTimes)
+{
+    for (const Course& course : courses()) {
+        SessionPair awake(1);
+        SessionPair sleepy(1);
+        runCourse(&awake, course, false);
+        runCourse(&sleepy, course, true);
+        EXPECT_EQ(awake.nowMs, sleepy.nowMs) << course.name;
+        EXPECT_TRUE(awake.said == sleepy.said) << course.name;
+        for (const auto side : {&SessionPair::a, &SessionPair::b}) {
+            EXPECT_EQ((awake.*side).session->end(), (sleepy.*side).session->end()) << course.name;
+            EXPECT_EQ((awake.*side).events.size(), (sleepy.*side).events.size()) << course.name;
+        }
+    }
+}
+
+TEST(SessionTurns, TheSideThatAgreedToEndLeavesAtTheSameTime)
+{
+    Course course = courses().at(1);
+    SessionPair whole(1);
+    runCourse(&whole, course, false);
+    ASSERT_FALSE(whole.said.back().byCaller) << "the last word is the answer to the wish to end";
+    // The answer is lost, so that the caller does not hang up.
+    const qint64 lostFromMs = whole.said.back().atMs;
+    course.eachStep = [lostFromMs](SessionPair* pair) {
+        pair->a.silent = pair->b.silent = pair->nowMs + 1 >= lostFromMs;
+    };
+    SessionPair awake(1);
+    SessionPair sleepy(1);
+    runCourse(&awake, course, false);
+    runCourse(&sleepy, course, true);
+    EXPECT_EQ(awake.b.session->end(), SessionEnd::Agreed);
+    EXPECT_EQ(awake.nowMs, sleepy.nowMs);
+    EXPECT_TRUE(awake.said == sleepy.said);
+}
+
+TEST(SessionTurns, ASessionWithNothingToSaySleepsFromHeartbeatToHeartbeat)
+{
+    LineOptions line;
+    line.stepMs = 1;
+    line.sleeps = true;
+    SessionPair pair(testsupport::seed(), line);
+    pair.a.session->setKeepAlive(true);
+    ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs >= 10000; }));
+    const int before = pair.turns;
+    ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs >= 70000; }));
+    // Each has 60 heartbeats to say, with a turn after each in which there is nothing more, and
+    // 60 to hear, and asks 60 times whether the peer may stay.
+    EXPECT_LE(pair.turns - before, 2 * 60 * 6);
+    EXPECT_GE(pair.turns - before, 2 * 60);
+}
+
+TEST(SessionTurns, WhatIsToBeSaidIsToBeSaidNow)
+{
+    SessionPair pair(testsupport::seed());
+    EXPECT_LE(pair.a.session->nextTurnMs(), pair.nowMs) << "the caller speaks first";
+    pair.a.session->setKeepAlive(true);
+    ASSERT_TRUE(pair.runUntil([&] { return pair.a.session->nextTurnMs() > pair.nowMs; }));
+    pair.a.session->setKeepAlive(false);
+    EXPECT_LE(pair.a.session->nextTurnMs(), pair.nowMs) << "it may have nothing left";
+}
