@@ -23,7 +23,7 @@ QByteArray bytesOf(char byte)
     return QByteArray(32, byte);
 }
 
-// The fingerprint of 32 bytes 'k', which tests/host/status_test.cpp has from elsewhere.
+// The fingerprint of 32 bytes 'k', which tests/host/statuscommand_test.cpp has from elsewhere.
 const QString fingerprint = QStringLiteral("95114-81512-78646-12888-08988-26535");
 
 Status statusOfEverything()

@@ -1,26 +1,20 @@
 // The line as a value and in virtual time: pace, delay, noise, drops.
 #include "rig/testroot.h"
 #include "sim/line/line.h"
+#include "tests/sim/linetext.h"
 
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <bitset>
 #include <random>
 
 using namespace sim;
+using simtest::settingsOf;
 
 namespace {
 
 constexpr qint64 msNs = 1000000;
 constexpr qint64 secondNs = 1000 * msNs;
-
-LineSettings settingsOf(const char* text)
-{
-    LineSettings settings;
-    QString error;
-    EXPECT_TRUE(settings.change(QString::fromLatin1(text), &error)) << error.toStdString();
-    return settings;
-}
 
 // Carries bytes for as long as duration, from a sender that always has more, in steps.
 qint64 carriedIn(LineDirection& direction, qint64 from, qint64 duration, qint64 stepNs)
@@ -197,101 +191,6 @@ TEST(LineTest, ACleanLineChangesNothing)
     EXPECT_EQ(direction.statistics().bytesDelivered, 100000);
 }
 
-int bitsSet(char byte)
-{
-    int count = 0;
-    for (int bit = 0; bit < 8; ++bit)
-        count += (static_cast<unsigned char>(byte) >> bit) & 1;
-    return count;
-}
-
-qint64 bitsSet(const QByteArray& bytes)
-{
-    qint64 count = 0;
-    for (const char byte : bytes)
-        count += bitsSet(byte);
-    return count;
-}
-
-class BitErrorTest : public testing::TestWithParam<double>
-{
-};
-
-TEST_P(BitErrorTest, FlipsAsManyAsItSays)
-{
-    constexpr int size = 250000;
-    Noise noise(GetParam(), {}, 33600, testsupport::seed());
-    QByteArray bytes(size, '\0');
-    const qint64 flipped = noise.apply(bytes);
-    EXPECT_EQ(flipped, bitsSet(bytes));
-    const double expected = 8.0 * size * GetParam();
-    const double sigma = std::sqrt(expected * (1 - GetParam()));
-    EXPECT_NEAR(static_cast<double>(flipped), expected, 6 * sigma + 1e-9);
-    // Every place in a byte is hit alike.
-    for (int bit = 0; bit < 8; ++bit) {
-        double hits = 0;
-        for (const char byte : bytes)
-            hits += (static_cast<unsigned char>(byte) >> bit) & 1;
-        EXPECT_NEAR(hits, expected / 8, 6 * sigma / std::sqrt(8.0) + 1e-9) << bit;
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Rates, BitErrorTest, testing::Values(0.0, 1e-4, 1e-3, 1e-2, 0.3, 1.0));
-
-TEST(NoiseTest, DependsOnTheSeedAndNotOnThePieces)
-{
-    const BurstSettings burst{0.1, 60, 0.5};
-    QByteArray whole(20000, 'x');
-    Noise(1e-3, burst, 33600, 7).apply(whole);
-    Noise pieces(1e-3, burst, 33600, 7);
-    std::mt19937 random(testsupport::seed());
-    QByteArray joined;
-    while (joined.size() < 20000) {
-        QByteArray piece(qMin<int>(1 + static_cast<int>(random() % 300), 20000 - joined.size()), 'x');
-        pieces.apply(piece);
-        joined += piece;
-    }
-    EXPECT_EQ(joined, whole);
-    QByteArray other(20000, 'x');
-    Noise(1e-3, burst, 33600, 8).apply(other);
-    EXPECT_NE(other, whole);
-}
-
-TEST(NoiseTest, BurstsAreAsLongAndAsFarApartAsTheySay)
-{
-    // One second at 10000 bit/s between bursts of 200 bits, in which every bit is hit.
-    constexpr int size = 2000000;
-    QByteArray bytes(size, '\0');
-    Noise noise(0, {1.0, 200, 1.0}, 10000, testsupport::seed());
-    const qint64 flipped = noise.apply(bytes);
-    int bursts = 0;
-    int longest = 0;
-    int length = 0;
-    for (const char byte : bytes) {
-        if (byte == 0) {
-            bursts += length > 0;
-            length = 0;
-        } else {
-            ++length;
-            longest = qMax(longest, length);
-        }
-    }
-    const double expected = size * 10.0 / (10000 + 200);
-    EXPECT_NEAR(bursts, expected, 6 * std::sqrt(expected));
-    EXPECT_GE(longest, 20);
-    // Of the 200 bits of each, eight in ten are data.
-    EXPECT_NEAR(static_cast<double>(flipped) / bursts, 160, 8);
-}
-
-TEST(NoiseTest, BurstsHitTheShareTheySay)
-{
-    QByteArray bytes(1000000, '\0');
-    Noise noise(0, {0.5, 1000, 0.25}, 20000, testsupport::seed());
-    const double flipped = static_cast<double>(noise.apply(bytes));
-    const double expected = 1e7 / (10000 + 1000) * 1000 * 0.25 * 0.8;
-    EXPECT_NEAR(flipped, expected, expected * 0.2);
-}
-
 TEST(LineTest, EachCallAndDirectionHasItsOwnNoise)
 {
     const LineSettings settings = settingsOf("ber=0.01,seed=5");
@@ -321,7 +220,7 @@ TEST(LineTest, CountsWhatItSpoils)
     qint64 bits = 0;
     for (int i = 0; i < sent.size(); ++i) {
         bytes += sent.at(i) != received.at(i);
-        bits += bitsSet(static_cast<char>(sent.at(i) ^ received.at(i)));
+        bits += static_cast<int>(std::bitset<8>(static_cast<unsigned char>(sent.at(i) ^ received.at(i))).count());
     }
     EXPECT_GT(bytes, 0);
     EXPECT_EQ(line.forward.statistics().bytesSpoiled, bytes);
@@ -368,58 +267,6 @@ TEST(LineTest, DropsAfterExactlySoManyBytesOfBothWays)
     EXPECT_EQ(line.backward.finalStatistics().bytesLost, 2);
     Line kept(line.settings(), 2, false, 0);
     EXPECT_EQ(kept.bytesBeforeDrop(), -1);
-}
-
-TEST(LineSettingsTest, TakesAllKeysAndSaysThemAgain)
-{
-    const LineSettings settings =
-        settingsOf("rate=2400/1200,delay=120,ber=1e-05,burst=5/200/"
-                   "0.25,drop-after-seconds=12.5,drop-after-bytes=20000,drop-times=3,seed=42");
-    EXPECT_EQ(settings.rateForward, 2400);
-    EXPECT_EQ(settings.rateBackward, 1200);
-    EXPECT_EQ(settings.delayMs, 120);
-    EXPECT_DOUBLE_EQ(settings.bitErrorRate, 1e-5);
-    EXPECT_EQ(settings.burst, (BurstSettings{5, 200, 0.25}));
-    EXPECT_DOUBLE_EQ(settings.dropAfterSeconds, 12.5);
-    EXPECT_EQ(settings.dropAfterBytes, 20000);
-    EXPECT_EQ(settings.dropTimes, 3);
-    EXPECT_EQ(settings.seed, 42u);
-    EXPECT_EQ(settingsOf(settings.toString().toLatin1().constData()), settings);
-    EXPECT_EQ(settingsOf(LineSettings().toString().toLatin1().constData()), LineSettings());
-    EXPECT_EQ(settingsOf("burst=5/200,burst=off").burst, BurstSettings());
-    EXPECT_EQ(settingsOf("rate=57600").rateBackward, 57600);
-}
-
-TEST(LineSettingsTest, BadValuesChangeNothingAndSayWhatToWrite)
-{
-    for (const char* text : {"rate=9",
-                             "rate=10000001",
-                             "rate=1/2/3",
-                             "rate=",
-                             "rate",
-                             "delay=-1",
-                             "delay=60001",
-                             "ber=2",
-                             "ber=nan",
-                             "ber=-1",
-                             "burst=5",
-                             "burst=0/10",
-                             "burst=5/0",
-                             "burst=5/10/2",
-                             "drop-after-seconds=-1",
-                             "drop-after-bytes=x",
-                             "drop-times=-1",
-                             "seed=-1",
-                             "color=red",
-                             "",
-                             "rate=9600,delay=x"}) {
-        LineSettings settings;
-        QString error;
-        EXPECT_FALSE(settings.change(QString::fromLatin1(text), &error)) << text;
-        EXPECT_EQ(settings, LineSettings()) << text;
-        EXPECT_TRUE(error.contains(QStringLiteral("; give ")) || error.contains(QStringLiteral("; write ")))
-            << error.toStdString();
-    }
 }
 
 } // namespace
