@@ -156,3 +156,31 @@ TEST_F(OpenDirectoryTest, IsHeldByOneObject)
     }
     EXPECT_EQ(testsupport::openDescriptors(), before);
 }
+
+// It is held: whoever puts another one in its place does not lead us there.
+TEST_F(OpenDirectoryTest, StaysWhatItWasWhenItsNameLeadsElsewhere)
+{
+    writeFile(testsupport::installRoot() + QStringLiteral("/elsewhere/x"), "x");
+    ASSERT_TRUE(QDir().rename(root, root + QStringLiteral("-moved")));
+    ASSERT_TRUE(QFile::link(testsupport::installRoot() + QStringLiteral("/elsewhere"), root));
+    EXPECT_NE(text(directory.openForReading(QStringLiteral("x"), &file)), "");
+    ASSERT_EQ(text(directory.createFile(QStringLiteral("mine"), &file)), "");
+    file.close();
+    EXPECT_TRUE(QFile::exists(root + QStringLiteral("-moved/mine")));
+    EXPECT_FALSE(QFile::exists(testsupport::installRoot() + QStringLiteral("/elsewhere/mine")));
+}
+
+// Each step holds a descriptor: a tree of any depth would take them all.
+TEST_F(OpenDirectoryTest, RemovesTreesOfSixteenStepsAndNoDeeperOnes)
+{
+    QString deep = QStringLiteral("0");
+    for (int depth = 1; depth < 16; ++depth)
+        deep += QStringLiteral("/%1").arg(depth);
+    writeFile(root + QLatin1Char('/') + deep + QStringLiteral("/file"), "x");
+    EXPECT_EQ(text(directory.removeTree(QStringLiteral("0"))), "");
+    EXPECT_FALSE(QFile::exists(pathOf("0")));
+    QDir().mkpath(root + QLatin1Char('/') + deep + QStringLiteral("/16"));
+    EXPECT_EQ(text(directory.removeTree(QStringLiteral("0"))),
+              "cannot remove " + at + "/0: Too many levels of symbolic links");
+    EXPECT_TRUE(QFile::exists(pathOf("0")));
+}
