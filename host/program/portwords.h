@@ -26,7 +26,7 @@ bool valueOf(const QVector<PortWord>& words, const QString& text, qint32* value)
 [[nodiscard]] QString stopBitsChoices();
 [[nodiscard]] QString dataBitsChoices();
 
-// "20 to 65536"
+// "11 to 16384"
 [[nodiscard]] QString packetSizeRange();
 
 } // namespace host
