@@ -268,8 +268,10 @@ INTERPOSED long syscall(long number, ...) noexcept
     va_end(list);
     if (number == SYS_futex) {
         bool isOurs = false;
-        const long result = soak::lockCall(reinterpret_cast<int*>(arguments[0]), static_cast<int>(arguments[1]),
-                                           static_cast<int>(arguments[2]), &isOurs);
+        // A system call takes addresses as numbers. NOLINTNEXTLINE(performance-no-int-to-ptr)
+        int* const word = reinterpret_cast<int*>(arguments[0]);
+        const long result =
+            soak::lockCall(word, static_cast<int>(arguments[1]), static_cast<int>(arguments[2]), &isOurs);
         if (isOurs)
             return result;
     }

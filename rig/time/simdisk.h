@@ -36,7 +36,7 @@ public:
     void setTimes(std::int64_t syncNs, std::int64_t otherNs);
     void setFull(bool full); // writes fail
     bool isFull() const { return m_full; }
-    void setShort(bool isShort); // they do not, but less is free than should stay so
+    void setShort(bool isItShort); // they do not, but less is free than should stay so
     bool isShort() const { return m_full || m_short; }
     std::int64_t shortForNs() const; // 0: it is not
 

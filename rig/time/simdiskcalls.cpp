@@ -503,7 +503,7 @@ INTERPOSED int kill(pid_t process, int signal) noexcept
     return -1;
 }
 
-INTERPOSED int getentropy(void* data, std::size_t size) noexcept
+INTERPOSED int getentropy(void* data, std::size_t size)
 {
     if (!entropy) {
         return syscall(SYS_getrandom, data, size, 0) == static_cast<long>(size) ? 0 : -1;

@@ -75,7 +75,7 @@ void TaskQueue::detach()
 
 void TaskQueue::clearWake()
 {
-    std::uint64_t count;
+    std::uint64_t count = 0;
     [[maybe_unused]] const ssize_t got = ::read(m_wakeFd, &count, sizeof(count));
 }
 

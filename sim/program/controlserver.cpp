@@ -188,8 +188,7 @@ bool ControlServer::readFrom(Peer& peer)
 
 void ControlServer::executeCommands(Peer& peer)
 {
-    int end;
-    while (!m_quit && (end = peer.pending.indexOf('\n')) >= 0) {
+    for (int end = 0; !m_quit && (end = peer.pending.indexOf('\n')) >= 0;) {
         const QString command = QString::fromUtf8(peer.pending.left(end)).trimmed();
         peer.pending.remove(0, end + 1);
         const ControlReply reply = m_control->execute(command);

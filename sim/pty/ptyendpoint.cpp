@@ -325,7 +325,7 @@ void PtyEndpoint::closePty()
 
 qint64 PtyEndpoint::readMaster(char* data, qint64 maxBytes)
 {
-    ssize_t got;
+    ssize_t got = 0;
     do {
         got = ::read(m_master, data, static_cast<size_t>(maxBytes));
     } while (got < 0 && errno == EINTR);

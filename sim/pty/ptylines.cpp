@@ -35,7 +35,7 @@ constexpr unsigned programBits = TIOCM_DTR | TIOCM_RTS;
 void setProgramSignals(SignalRow& row, unsigned clear, unsigned set)
 {
     std::uint32_t before = row.programSignals.load();
-    std::uint32_t after;
+    std::uint32_t after = before;
     do {
         after = (before & ~clear) | set;
     } while (!row.programSignals.compare_exchange_weak(before, after));

@@ -89,8 +89,8 @@ int pollBounded(pollfd* fds, nfds_t count, const timespec* timeout, const sigset
         return -1;
     }
     const Deadline deadline(timeout);
-    int ready;
-    bool more;
+    int ready = 0;
+    bool more = false;
     do {
         long soonestNs = longestSliceNs;
         memcpy(asked, fds, count * sizeof(pollfd));

@@ -63,7 +63,7 @@ void AnsweringModem::run()
             m_input.clear();
             hear("+++");
         }
-        for (int end; (end = m_input.indexOf('\r')) >= 0;) {
+        for (int end = 0; (end = m_input.indexOf('\r')) >= 0;) {
             const QByteArray command = m_input.left(end);
             m_input.remove(0, end + 1);
             if (!command.isEmpty())

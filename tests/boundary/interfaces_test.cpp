@@ -32,7 +32,7 @@ int slotOf(Function function)
 template <typename Class, typename Member>
 int offsetOf(Member Class::*member)
 {
-    std::ptrdiff_t offset;
+    std::ptrdiff_t offset = 0;
     static_assert(sizeof(member) == sizeof(offset));
     std::memcpy(&offset, &member, sizeof(offset));
     return static_cast<int>(offset);
