@@ -136,15 +136,20 @@ TEST(CommandTable, ASwitchHasNoStandardAndChoicesHaveTheirPlace)
 TEST(CommandTable, SummariesArePhrasesAndHelpIsSentences)
 {
     static const QRegularExpression phrase(QStringLiteral("^[a-z][A-Za-z', ]*[a-z]$"));
+    static const QRegularExpression word(QStringLiteral("^[A-Z]+$"));
     static const QRegularExpression sentence(QStringLiteral("^([A-Z]|%1)[^#]*\\.$"),
                                              QRegularExpression::DotMatchesEverythingOption);
     for (const Command& command : commandTable()) {
         EXPECT_TRUE(phrase.match(QString::fromLatin1(command.summary)).hasMatch()) << command.summary;
         EXPECT_TRUE(sentence.match(QString::fromLatin1(command.description)).hasMatch()) << command.description;
-        for (const CommandOption& option : command.options)
+        for (const CommandOption& option : command.options) {
             EXPECT_TRUE(sentence.match(QString::fromLatin1(option.help)).hasMatch()) << option.help;
-        for (const CommandArgument& argument : command.arguments)
+            EXPECT_TRUE(!option.value || word.match(QString::fromLatin1(option.value)).hasMatch()) << option.value;
+        }
+        for (const CommandArgument& argument : command.arguments) {
             EXPECT_TRUE(sentence.match(QString::fromLatin1(argument.help)).hasMatch()) << argument.help;
+            EXPECT_TRUE(word.match(QString::fromLatin1(argument.name)).hasMatch()) << argument.name;
+        }
     }
 }
 
