@@ -99,7 +99,9 @@ TEST_F(Keys, TheFirstCallPinsTheKeyAndSaysSoOnce)
     EXPECT_EQ(pinned.first()[QStringLiteral("peer")].toString(), bobs);
     EXPECT_EQ(pinned.first()[QStringLiteral("fingerprint")].toString(), fingerprint);
     const QString told =
-        QStringLiteral("'%1' answered for the first time: its key %2 is pinned").arg(bobs, fingerprint);
+        QStringLiteral("'%1' answered for the first time: its key %2 is pinned; compare it with what \"transport-host "
+                       "key\" shows there\n")
+            .arg(bobs, fingerprint);
     EXPECT_EQ(count(alice, told), 1) << alice.output().constData();
     EXPECT_EQ(QString::fromUtf8(readAll(alice.root + QStringLiteral("/data/0/journal.txt"))).count(told), 1);
     const QString list = alice.call({QStringLiteral("abonent"), QStringLiteral("list")}).out;
@@ -125,11 +127,15 @@ TEST_F(Keys, AChangedKeyIsRefusedLoudlyAndTheRunEndsWithStatus5)
     EXPECT_EQ(changed.first()[QStringLiteral("peer")].toString(), bobs);
     EXPECT_EQ(changed.first()[QStringLiteral("pinned")].toString(), before);
     EXPECT_EQ(changed.first()[QStringLiteral("answered")].toString(), now);
-    EXPECT_EQ(
-        count(alice, QStringLiteral("THE KEY OF '%1' HAS CHANGED: %2 answered, %3 is pinned").arg(bobs, now, before)),
-        1)
+    EXPECT_EQ(count(alice, QStringLiteral("THE KEY OF '%1' HAS CHANGED: %2 answered, %3 is pinned. Somebody else may "
+                                          "have answered; nothing was sent. Ask them; if theirs is new: "
+                                          "\"transport-host abonent add %1 --key TEXT\", or \"transport-host abonent "
+                                          "forget-key %1\"\n")
+                               .arg(bobs, now, before)),
+              1)
         << alice.output().constData();
-    EXPECT_TRUE(alice.output().contains("an abonent answered with another key than the pinned one"));
+    EXPECT_TRUE(alice.output().contains("transport-host: an abonent answered with another key than the pinned one; "
+                                        "\"transport-host status\" tells more\n"));
     EXPECT_EQ(count(alice, QStringLiteral("an unproved caller")), 0) << "it was our call";
     const QList<QJsonObject> ended = alice.events(QStringLiteral("callEnded"));
     ASSERT_EQ(ended.size(), 1);

@@ -164,7 +164,7 @@ TEST_F(TwoPrograms, AServerThatNeverFinishesEndsTheRunWithStatus1)
     ASSERT_TRUE(waitFor([&] { return alice.output().contains("Свободен"); }));
     alice.process->terminate();
     EXPECT_EQ(alice.waitForEnd(), 1);
-    EXPECT_TRUE(alice.output().contains("transport-host: the channel's server did not stop in time"));
+    EXPECT_TRUE(alice.output().contains("transport-host: the channel's server did not stop in time\n"));
 }
 
 TEST_F(TwoPrograms, TimeRunsOut)
@@ -240,6 +240,9 @@ TEST_F(TwoPrograms, KeptConnectionsCarryLaterMessages)
     ASSERT_TRUE(waitFor([&] { return alice.events(QStringLiteral("stored")).size() == 1; }));
     EXPECT_EQ(alice.events(QStringLiteral("callBegun")).size(), 1);
     EXPECT_EQ(bob.events(QStringLiteral("callBegun")).size(), 1);
+    // The channel is told, too: with a session of its own it would have no other way to know.
+    EXPECT_TRUE(waitFor([&] { return alice.output().contains("socket: keeps connection 1\n"); }));
+    EXPECT_FALSE(bob.output().contains("socket: keeps")) << "it was not told to keep any";
 }
 
 TEST_F(TwoPrograms, PortsDefinedWhileItRunsComeUp)
@@ -247,7 +250,7 @@ TEST_F(TwoPrograms, PortsDefinedWhileItRunsComeUp)
     EXPECT_EQ(bob.call({QStringLiteral("port"), QStringLiteral("remove"), bob.socket}).status, 0);
     bob.run();
     ASSERT_TRUE(waitFor([&] { return bob.output().contains("Работает"); }));
-    EXPECT_TRUE(bob.output().contains("no port is defined"));
+    EXPECT_TRUE(bob.output().contains("no port is defined: define one with \"transport-host port add DEVICE\"\n"));
     EXPECT_EQ(bob.call({QStringLiteral("port"), QStringLiteral("add"), bob.socket}).status, 0);
     EXPECT_TRUE(waitFor([&] { return bob.output().contains("Свободен"); }));
 }

@@ -336,6 +336,7 @@ public:
     void disconnectFromAbonent(const QString&, int) override {}
     void keepAliveConnection(int connectionId) override
     {
+        journal->addRecord(0, QStringLiteral("socket"), QStringLiteral("keeps connection %1").arg(connectionId));
         QMutexLocker locker(&m_mutex);
         for (Line* line : qAsConst(m_lines)) {
             if (line->id() == connectionId)
