@@ -413,6 +413,16 @@ class JudgeTest(unittest.TestCase):
         self.assertEqual((survived.outcome, survived.ran), ("survived", ["near_test (1 tests)", "far_test (1 tests)"]))
         self.assertEqual(self.place.text, SAMPLE)
 
+    def test_of_equally_near_programs_the_quickest_is_asked_first(self):
+        seconds = {"slow_test": 9.0, "quick_test": 0.2, "near_test": 5.0, "other_test": 1.0}
+        self.place.graph = lambda _: unittest.mock.Mock(
+            nearest=lambda _: [("near_test", 0), ("slow_test", 1), ("quick_test", 1), ("other_test", 1)])
+        with unittest.mock.patch.object(trials.Runner, "baseline", lambda _, tests: {test.name: seconds[test.name] for test in tests}):
+            first = self.judge.judge(self.of_kind("text")).ran
+        self.assertEqual(first, [f"{name}_test (1 tests)" for name in ("near", "slow", "quick", "other")])
+        again = self.judge.judge(self.of_kind("text")).ran
+        self.assertEqual(again, [f"{name}_test (1 tests)" for name in ("near", "quick", "other", "slow")])
+
     def test_lockers_are_tried_under_the_thread_sanitizer(self):
         self.judge.judge(self.of_kind("locker"))
         self.assertEqual({preset for preset, _, _ in self.place.built}, {"tsan"})

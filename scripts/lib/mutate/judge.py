@@ -1,6 +1,7 @@
 """Puts one fault after the other into the copy, and finds out which tests see it."""
 
 import json
+import math
 import time
 from collections import namedtuple
 
@@ -40,7 +41,14 @@ class Judge:
     def programs(self, file, preset):
         if preset not in self._graphs:
             self._graphs[preset] = self._place.graph(preset)
-        return programs.first_of(self._graphs[preset].nearest(file), self._least)
+        nearest = self._graphs[preset].nearest(file)
+        steps = dict(nearest)
+        # Of those that are equally near the quickest first, as far as that is known.
+        return sorted(programs.first_of(nearest, self._least), key=lambda name: (steps[name], self._seconds(preset, name)))
+
+    def _seconds(self, preset, program):
+        _, taken = self._baselines.get((preset, program), (None, {}))
+        return sum(seconds or 0 for seconds in taken.values()) if taken else math.inf
 
     def _try(self, fault, original, preset):
         ran, unsteady = [], []
