@@ -167,6 +167,18 @@ TEST_F(TwoPrograms, AServerThatNeverFinishesEndsTheRunWithStatus1)
     EXPECT_TRUE(alice.output().contains("transport-host: the channel's server did not stop in time\n"));
 }
 
+// Whatever the server's thread holds: nothing waits for it.
+TEST_F(TwoPrograms, AServerWhoseThreadHangsDoesNotHoldUpTheEnd)
+{
+    writeFile(alice.root + QStringLiteral("/settings/settings.ini"),
+              "[Details]\ntransportServerThreadStopTimeout=100\n");
+    alice.run({}, {QStringLiteral("SOCKETPLUGIN_STUCK=thread")});
+    ASSERT_TRUE(waitFor([&] { return alice.output().contains("Свободен"); }));
+    alice.process->terminate();
+    EXPECT_EQ(alice.waitForEnd(), 1);
+    EXPECT_TRUE(alice.output().contains("transport-host: the channel's server did not stop in time\n"));
+}
+
 TEST_F(TwoPrograms, TimeRunsOut)
 {
     alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("f"), "x")});

@@ -3,7 +3,8 @@
 //   SOCKETPLUGIN_RATE      bytes a second that a line takes
 //   SOCKETPLUGIN_CUT       "<bytes>:<calls>": the first calls break after so many bytes were written
 //   SOCKETPLUGIN_BUSY      so many first calls fail
-//   SOCKETPLUGIN_STUCK     the server never says that it has finished
+//   SOCKETPLUGIN_STUCK     the server never says that it has finished; with the value "thread" its
+//                          thread hangs, too
 //   SOCKETPLUGIN_LOST      in so many first calls the port goes down for good while it dials: no
 //                          signal tells of it, only its state text
 //   SOCKETPLUGIN_CUTOFF    a line that is stopped in a session ends as if it were terminated: no
@@ -310,6 +311,8 @@ public:
                 [this] {
                     clear();
                     channelsState->setState(stateId, QStringLiteral("Выключен"));
+                    while (qgetenv("SOCKETPLUGIN_STUCK") == "thread")
+                        pause();
                     if (!qEnvironmentVariableIsSet("SOCKETPLUGIN_STUCK"))
                         emit finished();
                 },
