@@ -144,6 +144,20 @@ TEST(LogThreads, TheLockIsHeldWhileTheFileIsOpen)
     close(reader);
 }
 
+// Another thread may be looking for its row, or taking a free one.
+TEST(LogThreads, ARowIsFreedUnderTheLock)
+{
+    const OwnThread gone([] { EXPECT_EQ(currentTabLevel(), 1); });
+    DebugData* const data = LoggerData::debugData();
+    data->mutex.lock();
+    testsupport::ObservedThread freeing([&gone] { deleteThreadTabLevel(gone.thread()); });
+    EXPECT_TRUE(freeing.sleepsBeforeItsEnd());
+    EXPECT_EQ(data->tabs.first().thread, gone.thread());
+    data->mutex.unlock();
+    freeing.join();
+    EXPECT_EQ(data->tabs.first().thread, nullptr);
+}
+
 TEST(LogThreads, ColumnsComeAndGoBesideLogging)
 {
     beginEmptyLog();
