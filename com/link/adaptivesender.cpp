@@ -126,7 +126,7 @@ AdaptiveSender::Step AdaptiveSender::next(const Queue& queue, qint64 nowUs, qint
         return step;
     step = repeatLost(view, nowUs, pendingBytes);
     if (step.kind == Step::Nothing)
-        step = repeatAll(view);
+        step = repeatAll(view, nowUs);
     if (step.kind == Step::Nothing)
         step = repeatOverdue(view, nowUs);
     if (step.kind == Step::Nothing)
@@ -144,7 +144,8 @@ void AdaptiveSender::sent(const Step& step, quint8 number, int wireBytes)
     else
         m_transmissions.sent(number, wireBytes);
     m_wasRepeat = isRepeat;
-    m_needsFollower = isRepeat && number != m_newest;
+    // What fills a gap is delivered alone.
+    m_needsFollower = isRepeat && (step.isNeeded || step.isForOldest) && number != m_newest;
     if (!isRepeat)
         m_newest = number;
 }
@@ -180,16 +181,16 @@ AdaptiveSender::Step AdaptiveSender::repeatLost(const View& view, qint64 nowUs, 
 }
 
 // In a long silence, round after round, each from the highest number down.
-AdaptiveSender::Step AdaptiveSender::repeatAll(const View& view)
+AdaptiveSender::Step AdaptiveSender::repeatAll(const View& view, qint64 nowUs)
 {
-    if (!m_silence.mayRepeatAll() || !view.hasSent())
+    if (!view.hasSent() || !m_silence.mayRepeatAll(nowUs))
         return {};
     if (m_round.isEmpty()) {
         for (qsizetype i = 0; i < view.unsent; ++i)
             m_round.append(view.number(i));
     }
     const quint8 number = m_round.takeLast();
-    m_silence.repeatedInRound(m_transmissions.of(number).wireBytes);
+    m_silence.repeatedInRound(m_transmissions.of(number).wireBytes, nowUs);
     return {Step::Repeat, number, false};
 }
 
@@ -220,10 +221,11 @@ AdaptiveSender::Step AdaptiveSender::probe(const View& view, qint64 nowUs)
         return {};
     if (m_isProbing) {
         m_isProbing = false;
-        return {Step::Repeat, view.number(0), false};
+        return {Step::Repeat, view.number(0), false, true};
     }
-    if (!m_transmissions.hasAllDeparted() || !m_silence.isProbeDue(nowUs, m_transmissions.lastDepartureUs(),
-                                                                   timeoutUs(), m_settings.resendIntervalMs * usPerMs))
+    const qint64 departedUs = m_transmissions.of(view.number(0)).live.departedUs;
+    if (!m_transmissions.hasAllDeparted() || departedUs < 0 ||
+        !m_silence.isProbeDue(nowUs, departedUs, timeoutUs(), m_settings.resendIntervalMs * usPerMs))
         return {};
     m_silence.probed(nowUs);
     m_tookDoubtful = false;
@@ -232,7 +234,7 @@ AdaptiveSender::Step AdaptiveSender::probe(const View& view, qint64 nowUs)
         return {Step::SendEmpty, 0, false};
     if (view.newest() == view.number(0)) {
         m_isProbing = false;
-        return {Step::Repeat, view.number(0), false};
+        return {Step::Repeat, view.number(0), false, true};
     }
     return {Step::Repeat, view.newest(), false};
 }

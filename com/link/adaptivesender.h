@@ -47,6 +47,7 @@ public:
         Kind kind = Nothing;
         quint8 number = 0; // to be repeated
         bool isNeeded = false; // since it is known to be lost
+        bool isForOldest = false; // since the peer may be waiting for it
     };
 
     // At the beginning of each pass, before what has come is looked at. pendingBytes: written, and
@@ -76,7 +77,7 @@ private:
     void takeSamples(const QVector<Transmissions::Packet>& packets, qint64 nowUs);
     void takeLosses();
     Step repeatLost(const View& view, qint64 nowUs, qint64 pendingBytes);
-    Step repeatAll(const View& view);
+    Step repeatAll(const View& view, qint64 nowUs);
     Step repeatOverdue(const View& view, qint64 nowUs) const;
     Step sendNew(const View& view, qint64 nowUs, qint64 pendingBytes) const;
     Step probe(const View& view, qint64 nowUs);

@@ -9,19 +9,21 @@ public:
     static constexpr qint64 sampleUs = 100 * 1000;
     static constexpr qint64 firstSampleUs = 20 * 1000; // a guess soon is better than none
 
-    // writtenBytes: in all since the beginning; pendingBytes: of them, what is still in the port.
+    // At the beginning of each pass, which may write. writtenBytes: in all since the beginning;
+    // pendingBytes: of them, what is still in the port.
     void look(qint64 nowUs, qint64 writtenBytes, qint64 pendingBytes);
 
     bool isMeasured() const { return m_bytesPerS > 0; }
     double bytesPerS() const { return m_bytesPerS; }
 
 private:
-    void finishSample(bool hasRunDry);
+    void finishSample();
 
     double m_bytesPerS = 0;
-    bool m_wasBusy = false; // something was pending at the last look
     qint64 m_lastUs = 0;
-    qint64 m_lastGone = 0;
+    qint64 m_lastWritten = 0;
+    qint64 m_lastPending = 0;
     qint64 m_sampledUs = 0; // of busy time since the last sample
     qint64 m_sampledBytes = 0;
+    bool m_hasRunDry = false; // in it
 };

@@ -7,8 +7,9 @@
 class Silence
 {
 public:
-    // What a false header can announce, and what a driver holds: after so many bytes in one silence
-    // a peer behind such a header has got out of it.
+    // What a false header can announce, and what a driver holds: after so many bytes a peer behind
+    // such a header has got out of it. If they were lost too, the same follows after a pause as long
+    // as they took, so that a line that comes back is not left idle, nor a dead one kept full.
     static constexpr int mostRoundBytes = 65546 + 4096;
 
     // From this many probes without an answer on, everything is repeated.
@@ -16,19 +17,21 @@ public:
 
     void confirmed(qint64 nowUs);
     void probed(qint64 nowUs);
-    void repeatedInRound(int wireBytes) { m_roundBytes += wireBytes; }
+    void repeatedInRound(int wireBytes, qint64 nowUs);
 
-    // All that was sent has left the port, the last of it at departedUs; timeoutUs: RTO;
+    // All that was sent has left the port, the oldest of it at departedUs; timeoutUs: RTO;
     // resendIntervalUs: what the settings say.
     bool isProbeDue(qint64 nowUs, qint64 departedUs, qint64 timeoutUs, qint64 resendIntervalUs) const;
 
-    bool mayRepeatAll() const { return m_probes >= probesBeforeRounds && m_roundBytes < mostRoundBytes; }
+    bool mayRepeatAll(qint64 nowUs);
 
     qint64 lastProbeUs() const { return m_lastProbeUs; } // -1: never
 
 private:
     int m_probes = 0; // since the last confirmation: the back-off
-    int m_roundBytes = 0; // since then
+    int m_roundBytes = 0; // since then, or since the last pause
+    qint64 m_roundsBeganUs = 0;
+    qint64 m_roundsEndedUs = 0;
     qint64 m_lastProbeUs = -1;
     qint64 m_lastConfirmedUs = -1;
 };

@@ -40,7 +40,6 @@ void Transmissions::look(qint64 nowUs, qint64 pendingBytes, DeliveryRate& rate, 
     const qint64 gone = m_written - pendingBytes;
     for (; !m_inPort.empty() && m_inPort.front().end <= gone; m_inPort.pop_front()) {
         const Copy& copy = m_inPort.front();
-        m_lastDepartureUs = nowUs;
         Packet& packet = m_packets[copy.number];
         if (!packet.isOut)
             continue;

@@ -53,7 +53,6 @@ public:
     // Out, not known to be lost and not confirmed; of all that, what has left the driver.
     qint64 underWayBytes() const { return m_departedBytes; }
     bool hasAllDeparted() const { return m_inPort.empty(); }
-    qint64 lastDepartureUs() const { return m_lastDepartureUs; }
 
 private:
     void write(quint8 number, Packet& packet);
@@ -72,5 +71,4 @@ private:
     qint64 m_evidence = 0; // the latest copy that surely arrived
     qint64 m_written = 0;
     qint64 m_departedBytes = 0;
-    qint64 m_lastDepartureUs = 0;
 };

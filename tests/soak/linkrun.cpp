@@ -318,9 +318,19 @@ private:
     // session does better to end the connection.
     std::int64_t standstillLimitNs() const
     {
+        if (m_scenario.adaptive[0] && m_scenario.adaptive[1])
+            return adaptiveStandstillLimitNs();
         constexpr std::int64_t smallestPacketBytes = 12;
         const std::int64_t repeats = longestPacketBytes / smallestPacketBytes + 1;
         return usualStandstillNs() + repeats * (m_scenario.channel.resendIntervalMs + 300) * nsPerMs;
+    }
+
+    // The silence is noticed within three time-outs, and then everything is repeated at the line's
+    // rate, until as much has come as a false header can announce; now and then it comes twice.
+    std::int64_t adaptiveStandstillLimitNs() const
+    {
+        const std::int64_t bytes = longestPacketBytes + m_scenario.line.driverDepth;
+        return 60 * nsPerS + 2 * bytes * 10 * nsPerS / m_scenario.line.bitsPerSecond + 20 * m_scenario.line.delayNs;
     }
 
     void complete(RunResult* result) const override

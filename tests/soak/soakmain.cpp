@@ -222,10 +222,10 @@ public:
         count(kind, seed, outcome);
         if (m_options.verbose || !outcome.violations.empty()) {
             std::printf("%s: %.2f h in %.1f s, %" PRIu64 " bytes delivered, %" PRIu64 " faults, %" PRIu64
-                        " connections\n",
+                        " connections, stood still for %.0f s\n",
                         soak::describe(soak::makeScenario(kind, seed, adaptiveNamed(m_options.adaptive))).c_str(),
                         outcome.virtualS / secondsPerHour, secondsSince(before), outcome.delivered, outcome.faults,
-                        outcome.connections);
+                        outcome.connections, outcome.standstillS);
         }
         for (const std::string& violation : outcome.violations)
             std::printf("  VIOLATION %s\n", violation.c_str());
