@@ -80,7 +80,7 @@ public:
             m_ok = false;
             return QByteArray();
         }
-        const QByteArray bytes = m_bytes.mid(m_position, count);
+        const QByteArray bytes(m_bytes.constData() + m_position, count); // the frame goes, this stays
         m_position += count;
         return bytes;
     }

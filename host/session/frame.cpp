@@ -2,6 +2,8 @@
 
 #include <QtEndian>
 
+#include <algorithm>
+
 namespace host {
 
 namespace {
@@ -13,20 +15,19 @@ bool isFrameType(quint8 type)
 
 } // namespace
 
-QByteArray FrameWriter::write(FrameType type, const QByteArray& payload)
+void FrameWriter::append(FrameType type, const QByteArray& payload, QByteArray* out)
 {
     Q_ASSERT(payload.size() <= maxFramePayloadBytes);
-    QByteArray plain;
-    plain.reserve(frameTypeBytes + payload.size());
-    plain.append(static_cast<char>(type));
-    plain.append(payload);
-    const QByteArray sealed = m_cipher.seal(plain);
-    if (sealed.isEmpty())
-        return QByteArray();
-    QByteArray bytes(frameLengthBytes, Qt::Uninitialized);
-    qToBigEndian(static_cast<quint16>(sealed.size()), bytes.data());
-    bytes.append(sealed);
-    return bytes;
+    const int before = out->size();
+    const int plainBytes = frameTypeBytes + payload.size();
+    out->resize(before + frameLengthBytes + plainBytes + noiseTagBytes);
+    char* const length = out->data() + before;
+    char* const sealed = length + frameLengthBytes;
+    qToBigEndian(static_cast<quint16>(plainBytes + noiseTagBytes), length);
+    sealed[0] = static_cast<char>(type);
+    std::copy(payload.cbegin(), payload.cend(), sealed + frameTypeBytes);
+    if (!m_cipher.sealInPlace(sealed, plainBytes))
+        out->truncate(before);
 }
 
 void FrameReader::append(const QByteArray& bytes)
@@ -50,7 +51,7 @@ FrameReader::Result FrameReader::next(Frame* frame)
     const int available = m_buffer.size() - m_position;
     if (available < frameLengthBytes)
         return Result::None;
-    const char* start = m_buffer.constData() + m_position;
+    char* const start = m_buffer.data() + m_position;
     const int length = qFromBigEndian<quint16>(start);
     if (length < frameTypeBytes + noiseTagBytes || length > frameTypeBytes + maxFramePayloadBytes + noiseTagBytes) {
         m_damaged = true;
@@ -58,15 +59,14 @@ FrameReader::Result FrameReader::next(Frame* frame)
     }
     if (available < frameLengthBytes + length)
         return Result::None;
-    QByteArray plain;
-    if (!m_cipher.open(QByteArray::fromRawData(start + frameLengthBytes, length), &plain) ||
-        !isFrameType(static_cast<quint8>(plain.at(0)))) {
+    char* const opened = start + frameLengthBytes;
+    if (!m_cipher.openInPlace(opened, length) || !isFrameType(static_cast<quint8>(opened[0]))) {
         m_damaged = true;
         return Result::Damaged;
     }
     m_position += frameLengthBytes + length;
-    frame->type = static_cast<FrameType>(plain.at(0));
-    frame->payload = plain.mid(frameTypeBytes);
+    frame->type = static_cast<FrameType>(opened[0]);
+    frame->payload = QByteArray::fromRawData(opened + frameTypeBytes, length - frameTypeBytes - noiseTagBytes);
     return Result::Frame;
 }
 

@@ -44,7 +44,7 @@ enum class FrameType : quint8
 struct Frame
 {
     FrameType type = FrameType::Alive;
-    QByteArray payload;
+    QByteArray payload; // out of a FrameReader: its bytes stand in the reader
 };
 
 [[nodiscard]] inline QByteArray frameFiller()
@@ -61,8 +61,16 @@ public:
 
     [[nodiscard]] bool isUsable() const { return m_cipher.isUsable(); }
 
-    // payload: at most maxFramePayloadBytes.
-    [[nodiscard]] QByteArray write(FrameType type, const QByteArray& payload);
+    // Appends a frame to out, or nothing when it cannot be sealed. payload: at most
+    // maxFramePayloadBytes.
+    void append(FrameType type, const QByteArray& payload, QByteArray* out);
+
+    [[nodiscard]] QByteArray write(FrameType type, const QByteArray& payload)
+    {
+        QByteArray bytes;
+        append(type, payload, &bytes);
+        return bytes;
+    }
 
 private:
     NoiseCipher m_cipher;
@@ -87,7 +95,8 @@ public:
     // Whether a frame has begun to come in.
     [[nodiscard]] bool isInFrame() const { return m_buffer.size() - m_position >= frameLengthBytes; }
 
-    // Frame: one frame was taken out. None: more bytes are needed. Damaged: the stream is
+    // Frame: one frame was taken out; its payload is valid until the reader is used again or goes,
+    // whoever keeps it has to copy it (QByteArray::detach). None: more bytes are needed. Damaged: the stream is
     // broken (for good, every later call says the same).
     Result next(Frame* frame);
 

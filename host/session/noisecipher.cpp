@@ -23,11 +23,6 @@ struct Nonce
     explicit Nonce(quint64 counter) { qToLittleEndian(counter, bytes + 4); }
 };
 
-unsigned char* bytesOf(QByteArray& bytes)
-{
-    return reinterpret_cast<unsigned char*>(bytes.data());
-}
-
 const unsigned char* bytesOf(const QByteArray& bytes)
 {
     return reinterpret_cast<const unsigned char*>(bytes.constData());
@@ -47,35 +42,47 @@ NoiseCipher::NoiseCipher(SecretBytes key, quint64 nextNonce) : m_key(std::move(k
 
 QByteArray NoiseCipher::seal(const QByteArray& plain, const QByteArray& associated)
 {
-    if (m_nextNonce == lastNonce)
-        wipe();
-    if (!isUsable() || plain.size() > maxNoiseMessageBytes - noiseTagBytes)
-        return QByteArray();
-    QByteArray sealed(plain.size() + noiseTagBytes, Qt::Uninitialized);
-    const Nonce nonce(m_nextNonce++);
-    crypto_aead_chacha20poly1305_ietf_encrypt(bytesOf(sealed), nullptr, bytesOf(plain), sizeOf(plain),
-                                              bytesOf(associated), sizeOf(associated), nullptr, nonce.bytes,
-                                              m_key.data());
-    wipeStack();
-    return sealed;
+    QByteArray bytes = plain;
+    bytes.resize(plain.size() + noiseTagBytes);
+    return sealInPlace(bytes.data(), plain.size(), associated) ? bytes : QByteArray();
 }
 
 bool NoiseCipher::open(const QByteArray& sealed, QByteArray* plain, const QByteArray& associated)
 {
-    plain->clear();
-    if (m_nextNonce == lastNonce || sealed.size() < noiseTagBytes || sealed.size() > maxNoiseMessageBytes)
+    QByteArray bytes(sealed.constData(), sealed.size());
+    const bool isGenuine = openInPlace(bytes.data(), bytes.size(), associated);
+    *plain = isGenuine ? bytes.left(bytes.size() - noiseTagBytes) : QByteArray();
+    return isGenuine;
+}
+
+bool NoiseCipher::sealInPlace(char* bytes, int plainBytes, const QByteArray& associated)
+{
+    if (m_nextNonce == lastNonce)
+        wipe();
+    if (!isUsable() || plainBytes > maxNoiseMessageBytes - noiseTagBytes)
+        return false;
+    const Nonce nonce(m_nextNonce++);
+    auto* const at = reinterpret_cast<unsigned char*>(bytes);
+    crypto_aead_chacha20poly1305_ietf_encrypt(at, nullptr, at, static_cast<unsigned long long>(plainBytes),
+                                              bytesOf(associated), sizeOf(associated), nullptr, nonce.bytes,
+                                              m_key.data());
+    wipeStack();
+    return true;
+}
+
+bool NoiseCipher::openInPlace(char* bytes, int sealedBytes, const QByteArray& associated)
+{
+    if (m_nextNonce == lastNonce || sealedBytes < noiseTagBytes || sealedBytes > maxNoiseMessageBytes)
         wipe();
     if (!isUsable())
         return false;
-    QByteArray opened(sealed.size() - noiseTagBytes, Qt::Uninitialized);
     const Nonce nonce(m_nextNonce++);
+    auto* const at = reinterpret_cast<unsigned char*>(bytes);
     const bool isGenuine = crypto_aead_chacha20poly1305_ietf_decrypt(
-                               bytesOf(opened), nullptr, nullptr, bytesOf(sealed), sizeOf(sealed), bytesOf(associated),
-                               sizeOf(associated), nonce.bytes, m_key.data()) == 0;
+                               at, nullptr, nullptr, at, static_cast<unsigned long long>(sealedBytes),
+                               bytesOf(associated), sizeOf(associated), nonce.bytes, m_key.data()) == 0;
     wipeStack();
-    if (isGenuine)
-        *plain = opened;
-    else
+    if (!isGenuine)
         wipe();
     return isGenuine;
 }

@@ -28,6 +28,13 @@ public:
     // False: not the next message of this direction. That is for good, the key is wiped.
     [[nodiscard]] bool open(const QByteArray& sealed, QByteArray* plain, const QByteArray& associated = QByteArray());
 
+    // The same without a copy. bytes: plainBytes of them, and room for the tag behind them. False when
+    // that is not possible; then nothing is changed.
+    [[nodiscard]] bool sealInPlace(char* bytes, int plainBytes, const QByteArray& associated = QByteArray());
+
+    // What is opened stands in the beginning of bytes. Where that fails, they are of no use any more.
+    [[nodiscard]] bool openInPlace(char* bytes, int sealedBytes, const QByteArray& associated = QByteArray());
+
     void wipe() { m_key.wipe(); }
 
 private:

@@ -35,7 +35,7 @@ void Session::put(FrameType type, const QByteArray& payload)
         m_output.remove(0, m_outputPosition);
         m_outputPosition = 0;
     }
-    m_output.append(m_writer.write(type, payload));
+    m_writer.append(type, payload, &m_output);
     m_isHeartbeat = false;
     m_hasSaidAll = false;
 }

@@ -52,7 +52,13 @@ public:
 
     // What came from the session.
     void append(const QByteArray& bytes);
-    host::FrameReader::Result next(host::Frame* frame) { return m_reader.next(frame); }
+    // The frame may be kept.
+    host::FrameReader::Result next(host::Frame* frame)
+    {
+        const host::FrameReader::Result result = m_reader.next(frame);
+        frame->payload.detach();
+        return result;
+    }
 
     [[nodiscard]] bool isOpen() const { return m_writer.isUsable(); }
 

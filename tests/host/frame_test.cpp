@@ -34,6 +34,18 @@ TEST(Frame, BytesOnTheWire)
     EXPECT_EQ(writer.write(FrameType::Data, "abc").toHex(), dataAsSecond.toHex());
 }
 
+TEST(Frame, AFrameIsAppendedOrNothingIs)
+{
+    FrameWriter writer(cipher());
+    QByteArray output = "before";
+    writer.append(FrameType::Alive, QByteArray(), &output);
+    writer.append(FrameType::Data, "abc", &output);
+    EXPECT_EQ(output, "before" + aliveAsFirst + dataAsSecond);
+    FrameWriter without;
+    without.append(FrameType::Data, "abc", &output);
+    EXPECT_EQ(output, "before" + aliveAsFirst + dataAsSecond);
+}
+
 TEST(Frame, ReadsWhateverTheSplit)
 {
     const QByteArray stream = aliveAsFirst + dataAsSecond;
@@ -43,8 +55,10 @@ TEST(Frame, ReadsWhateverTheSplit)
         QVector<QByteArray> payloads;
         for (const QByteArray& piece : {stream.left(split), stream.mid(split)}) {
             reader.append(piece);
-            while (reader.next(&frame) == FrameReader::Result::Frame)
+            while (reader.next(&frame) == FrameReader::Result::Frame) {
                 payloads.append(frame.payload);
+                payloads.last().detach();
+            }
         }
         EXPECT_EQ(payloads, (QVector<QByteArray>{QByteArray(), "abc"})) << split;
     }

@@ -117,6 +117,36 @@ TEST(NoiseCipher, AssociatedBytesArePartOfIt)
     EXPECT_FALSE(ends.receiving.open(ends.sending.seal("text", "with"), &plain, "witH"));
 }
 
+TEST(NoiseCipher, InPlaceTheBytesAreTheSame)
+{
+    const SecretBytes key = noisetools::copyOf(host::KeyPair::generate().secretKey());
+    NoiseCipher copying(noisetools::copyOf(key));
+    NoiseCipher sending(noisetools::copyOf(key));
+    NoiseCipher receiving(noisetools::copyOf(key));
+    QByteArray bytes = "text" + QByteArray(host::noiseTagBytes, 'x') + "behind";
+    ASSERT_TRUE(sending.sealInPlace(bytes.data(), 4, "with"));
+    EXPECT_EQ(bytes, copying.seal("text", "with") + "behind");
+    ASSERT_TRUE(receiving.openInPlace(bytes.data(), 4 + host::noiseTagBytes, "with"));
+    EXPECT_TRUE(bytes.startsWith("text"));
+    EXPECT_TRUE(bytes.endsWith("behind"));
+
+    const QByteArray next = sending.seal("second");
+    bytes = next;
+    bytes[0] = static_cast<char>(bytes.at(0) ^ 1);
+    EXPECT_FALSE(receiving.openInPlace(bytes.data(), bytes.size()));
+    bytes = next;
+    EXPECT_FALSE(receiving.openInPlace(bytes.data(), bytes.size())) << "the genuine one comes too late";
+    EXPECT_FALSE(receiving.isUsable());
+}
+
+TEST(NoiseCipher, WhatCannotBeSealedInPlaceStaysAsItIs)
+{
+    NoiseCipher none;
+    QByteArray bytes(20, 'x');
+    EXPECT_FALSE(none.sealInPlace(bytes.data(), 4));
+    EXPECT_EQ(bytes, QByteArray(20, 'x'));
+}
+
 // The counter's last value belongs to nobody.
 TEST(NoiseCipher, EndsWhereTheCounterEnds)
 {
