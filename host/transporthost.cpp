@@ -325,7 +325,7 @@ void TransportHost::onConnected(const QString& abonent, int connectionId)
 void TransportHost::onNotConnected(const QString& abonent)
 {
     m_calls->notConnected(abonent, nowMs());
-    explainWaiting();
+    updateWaitReasons();
 }
 
 void TransportHost::onDisconnected(const QString& abonent, int connectionId, bool wasUseful)

@@ -127,10 +127,10 @@ private:
     void poll();
     void pollQueue();
     void placeCalls();
-    void explainWaiting();
+    void updateWaitReasons();
     void checkEnd();
     void writeState();
-    [[nodiscard]] std::optional<WaitReason> whyWaiting(const QString& abonent) const;
+    [[nodiscard]] std::optional<WaitReason> waitReason(const QString& abonent) const;
 
     const HostOptions m_options;
     QElapsedTimer m_clock;

@@ -32,7 +32,7 @@ void TransportHost::pollQueue()
             waiting.append(m_abonents.abonents.at(known).name);
     }
     m_calls->setWaiting(waiting);
-    explainWaiting();
+    updateWaitReasons();
 }
 
 void TransportHost::onPeerNews(const PeerNews& news)
@@ -54,7 +54,7 @@ void TransportHost::onPeerNews(const PeerNews& news)
                                  "Ask them; if theirs is new: \"transport-host abonent add %1 --key TEXT\", or "
                                  "\"transport-host abonent forget-key %1\"")
                       .arg(abonent, news.answered, news.pinned));
-    explainWaiting();
+    updateWaitReasons();
 }
 
 bool TransportHost::hasKeyTrouble(const QString& abonent) const
@@ -88,7 +88,7 @@ void TransportHost::placeCalls()
 }
 
 // Null while something is being done about it.
-std::optional<WaitReason> TransportHost::whyWaiting(const QString& abonent) const
+std::optional<WaitReason> TransportHost::waitReason(const QString& abonent) const
 {
     using Kind = WaitReason::Kind;
     const auto of = [](Kind kind, const QString& text = QString(), int calls = 0) {
@@ -128,9 +128,9 @@ std::optional<WaitReason> TransportHost::whyWaiting(const QString& abonent) cons
     return of(m_server->isHardwareOn() ? Kind::NotTried : Kind::NoModem);
 }
 
-void TransportHost::explainWaiting()
+void TransportHost::updateWaitReasons()
 {
-    m_store->queue().explain([this](const QString& abonent) { return whyWaiting(abonent); });
+    m_store->queue().updateReasons([this](const QString& abonent) { return waitReason(abonent); });
 }
 
 // What is to be looked into by somebody is told however the run ended.

@@ -44,7 +44,7 @@ constexpr double resendFactor = 1.8;
 // repeat that comes sooner lets it move again.
 constexpr double leastResendFactor = 1.3;
 constexpr double standingThatCounts = 0.05;
-constexpr double lessForStanding = 2; // for each share of the time beyond that
+constexpr double standingWeight = 2; // for each share of the time beyond that
 constexpr double cleanResendFactor = 1.25; // of the longest round trip there can be
 
 constexpr double leastQueue = 512; // bytes: room for what a session says beside its data
@@ -161,7 +161,7 @@ LinkProfile recommendedProfile(const LineFacts& facts)
     const double lost = 1 - std::exp(-line.noise * packet);
     const double moving = movingShare(lost, resendFactor * unconfirmedS, unconfirmedS, packetS);
     const double standing = std::max(0.0, 1 - moving - standingThatCounts);
-    const double factor = std::max(leastResendFactor, resendFactor - lessForStanding * standing);
+    const double factor = std::max(leastResendFactor, resendFactor - standingWeight * standing);
     const double longestRoundTripS = 2 * (line.bufferBytes + packet) / line.bytesPerS + roundTripS;
     const double resendS = std::min(factor * unconfirmedS, cleanResendFactor * longestRoundTripS);
 

@@ -54,7 +54,7 @@ void Pacing::written(int bytes, qint64 nowMs)
     m_hasSent = true;
 }
 
-int Pacing::pauseMs(bool isMuchComing, qint64 nowMs) const
+int Pacing::pauseMs(bool hasMuchToReceive, qint64 nowMs) const
 {
     if (m_hasSent) { // as a rule the channel has waited for room in the driver: that counts
         const qint64 pauseMs = onSlowLine(sendingPauseMs, longestSendingPauseMs);
@@ -62,7 +62,7 @@ int Pacing::pauseMs(bool isMuchComing, qint64 nowMs) const
     }
     if (m_in.bytesPerS() > fastBytesPerS)
         return sendingPauseMs;
-    return isMuchComing ? onSlowLine(bulkReceivingPauseMs, longestBulkReceivingPauseMs) : receivingPauseMs;
+    return hasMuchToReceive ? onSlowLine(bulkReceivingPauseMs, longestBulkReceivingPauseMs) : receivingPauseMs;
 }
 
 // A pause of usualMs, or what pauseBytes take on the line where that is more.

@@ -28,8 +28,8 @@ public:
     // Whether one more block belongs into this pass.
     [[nodiscard]] bool mayWrite() const { return m_writtenBytes == 0 || m_writtenBytes < m_mostBytes; }
 
-    // How long to rest before the next pass. isMuchComing: of a file that comes in.
-    [[nodiscard]] int pauseMs(bool isMuchComing, qint64 nowMs) const;
+    // How long to rest before the next pass. hasMuchToReceive: of a file that comes in.
+    [[nodiscard]] int pauseMs(bool hasMuchToReceive, qint64 nowMs) const;
     // The rest is over, the next pass begins.
     void rested(qint64 nowMs) { m_passBeganMs = nowMs; }
 

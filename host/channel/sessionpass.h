@@ -27,7 +27,7 @@ public:
     void woken() { m_link.woken(); }
     void readAll();
     void writeAll();
-    [[nodiscard]] int pauseMs() const { return m_pacing.pauseMs(m_session->isMuchComing(), m_clock()); }
+    [[nodiscard]] int pauseMs() const { return m_pacing.pauseMs(m_session->hasMuchToReceive(), m_clock()); }
 
     // How long there will be nothing to do unless something comes in: until the session's next
     // turn, and no longer than the rules allow, since nobody tells a session that the carrier fell,

@@ -57,9 +57,9 @@ QJsonObject usedJson(const Share& used, const Share& limit)
 QJsonObject roomJson(const InboxUsage& usage)
 {
     QJsonArray abonents;
-    for (const InboxUsage::Line& line : usage.abonents) {
-        QJsonObject entry = usedJson(line.used, usage.limits.ofAbonent);
-        entry[QStringLiteral("abonent")] = line.abonent;
+    for (const InboxUsage::AbonentShare& share : usage.abonents) {
+        QJsonObject entry = usedJson(share.used, usage.limits.ofAbonent);
+        entry[QStringLiteral("abonent")] = share.abonent;
         abonents.append(entry);
     }
     return {{QStringLiteral("all"), usedJson(usage.all, usage.limits.ofAll)},

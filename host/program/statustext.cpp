@@ -64,9 +64,10 @@ void printRoom(const InboxUsage& usage, QTextStream& out)
     out << "room:  " << usedText(usage.all, usage.limits.ofAll) << Qt::endl;
     if (usage.unproved.inodes > 0)
         out << "  unproved together  " << usedText(usage.unproved, usage.limits.ofUnproved) << Qt::endl;
-    for (const InboxUsage::Line& line : usage.abonents) {
-        if (isAboveHalf(line.used, usage.limits.ofAbonent))
-            out << "  " << displayName(line.abonent) << "  " << usedText(line.used, usage.limits.ofAbonent) << Qt::endl;
+    for (const InboxUsage::AbonentShare& share : usage.abonents) {
+        if (isAboveHalf(share.used, usage.limits.ofAbonent))
+            out << "  " << displayName(share.abonent) << "  " << usedText(share.used, usage.limits.ofAbonent)
+                << Qt::endl;
     }
 }
 

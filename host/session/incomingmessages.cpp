@@ -258,7 +258,7 @@ void IncomingMessages::settleFirst(int count)
     m_settledCount = count;
 }
 
-bool IncomingMessages::isMuchComing() const
+bool IncomingMessages::hasMuchToReceive() const
 {
     return m_receiving && m_receiving->offer.size - m_receiving->position > muchBytes;
 }

@@ -38,7 +38,7 @@ public:
     void settleAll() { settleFirst(m_toSettle.size()); }
 
     [[nodiscard]] bool isReceiving() const { return m_receiving.has_value(); }
-    [[nodiscard]] bool isMuchComing() const;
+    [[nodiscard]] bool hasMuchToReceive() const;
     [[nodiscard]] bool nothingLeft() const { return m_toAcknowledge.isEmpty() && !m_receiving; }
     // The peer makes us answer and takes no answers.
     [[nodiscard]] bool hasPiledUp() const;

@@ -255,7 +255,7 @@ bool Session::produceFrames()
 bool Session::produceHeartbeat()
 {
     const bool isDue = m_phase != Phase::Closing && m_output.size() == m_outputPosition &&
-                       m_times.isHeartbeatDue(isMuchComing(), m_nowMs);
+                       m_times.isHeartbeatDue(hasMuchToReceive(), m_nowMs);
     if (isDue)
         sayHeartbeat();
     return isDue;
@@ -446,7 +446,7 @@ qint64 Session::nextTurnMs() const
         return m_nowMs;
     if (m_phase == Phase::Closing)
         return m_deadlineMs;
-    qint64 nextMs = m_times.nextHeartbeatMs(isMuchComing(), m_nowMs);
+    qint64 nextMs = m_times.nextHeartbeatMs(hasMuchToReceive(), m_nowMs);
     if (m_phase == Phase::Lingering)
         return std::min({nextMs, m_deadlineMs, m_times.heardMs() + m_settings.lingerSilenceMs});
     nextMs = std::min(nextMs, m_times.nextLimitMs(facts()));

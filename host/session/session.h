@@ -81,7 +81,7 @@ public:
     [[nodiscard]] QString peerName() const { return m_isPeerNamed ? m_peer.abonent : QString(); }
     [[nodiscard]] const Peer& peer() const { return m_peer; }
     // Whether a file is coming in of which much is still to come.
-    [[nodiscard]] bool isMuchComing() const { return m_incoming.isMuchComing(); }
+    [[nodiscard]] bool hasMuchToReceive() const { return m_incoming.hasMuchToReceive(); }
 
 private:
     enum class Phase

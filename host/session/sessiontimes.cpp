@@ -34,12 +34,12 @@ void SessionTimes::sent(bool isHeartbeat, qint64 nowMs)
         m_saidMs = nowMs;
 }
 
-qint64 SessionTimes::nextHeartbeatMs(bool isMuchComing, qint64 nowMs) const
+qint64 SessionTimes::nextHeartbeatMs(bool hasMuchToReceive, qint64 nowMs) const
 {
     const qint64 usualMs = m_sentMs + m_settings.heartbeatMs;
     // Not soon after a frame: it may stand behind a gap until the next packet comes.
     const qint64 slowFromMs = m_saidMs + m_settings.heartbeatMs * heartbeatsAtUsualPace;
-    if (!isMuchComing || std::max(usualMs, nowMs) < slowFromMs)
+    if (!hasMuchToReceive || std::max(usualMs, nowMs) < slowFromMs)
         return usualMs;
     const int slowMs =
         std::min(m_settings.heartbeatMs * slowerHeartbeats, m_settings.silenceMs / heartbeatsBeforeSilence);

@@ -26,12 +26,12 @@ public:
     [[nodiscard]] qint64 heardMs() const { return m_heardMs; }
     [[nodiscard]] qint64 silentMs(qint64 nowMs) const { return nowMs - m_heardMs; }
 
-    // When the next heartbeat is due, if nothing else is said before. isMuchComing: much of a file
+    // When the next heartbeat is due, if nothing else is said before. hasMuchToReceive: much of a file
     // is still to come in, so that there is little else to say.
-    [[nodiscard]] qint64 nextHeartbeatMs(bool isMuchComing, qint64 nowMs) const;
-    [[nodiscard]] bool isHeartbeatDue(bool isMuchComing, qint64 nowMs) const
+    [[nodiscard]] qint64 nextHeartbeatMs(bool hasMuchToReceive, qint64 nowMs) const;
+    [[nodiscard]] bool isHeartbeatDue(bool hasMuchToReceive, qint64 nowMs) const
     {
-        return nowMs >= nextHeartbeatMs(isMuchComing, nowMs);
+        return nowMs >= nextHeartbeatMs(hasMuchToReceive, nowMs);
     }
     // Whether a heartbeat has to prove that it is ours.
     [[nodiscard]] bool isAliveDue(qint64 nowMs) const;

@@ -297,7 +297,7 @@ void OutgoingQueue::setReason(const OutgoingMessage& message, const WaitReason& 
     saveReason(message, reason);
 }
 
-void OutgoingQueue::explain(const Why& why)
+void OutgoingQueue::updateReasons(const ReasonOf& reasonOf)
 {
     QMutexLocker changing(&m_changes);
     QVector<QueuedMessage> changed;
@@ -309,7 +309,7 @@ void OutgoingQueue::explain(const Why& why)
                 continue;
             auto reason = reasons.find(entry.abonentKey);
             if (reason == reasons.end())
-                reason = reasons.insert(entry.abonentKey, why(entry.message.abonent));
+                reason = reasons.insert(entry.abonentKey, reasonOf(entry.message.abonent));
             if (!*reason || **reason == entry.message.reason)
                 continue;
             entry.message.reason = **reason;

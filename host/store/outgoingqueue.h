@@ -66,11 +66,11 @@ public:
     // Keeps the reason with the message. Cheap when it is the same again.
     void setReason(const OutgoingMessage& message, const WaitReason& reason);
 
-    // The same for all messages: why is asked once for each abonent, and must not call this
-    // object; null where something is being done about them. What is known of a single message
-    // (see WaitReason::isOfTheMessage()) stays.
-    using Why = std::function<std::optional<WaitReason>(const QString& abonent)>;
-    void explain(const Why& why);
+    // Sets the reasons of all messages. reasonOf is asked once for each abonent and must not call
+    // this object; it answers null while something is being done about the abonent's messages. The
+    // reason of a single message (see WaitReason::isOfTheMessage()) stays.
+    using ReasonOf = std::function<std::optional<WaitReason>(const QString& abonent)>;
+    void updateReasons(const ReasonOf& reasonOf);
 
     // Those for whom messages wait that no session has claimed, in the order of the oldest.
     [[nodiscard]] QStringList waitingAbonents() const;

@@ -119,19 +119,19 @@ InboxUsage usageOf(const QVector<Counted>& counted, const InboxLimits& limits, c
     InboxUsage usage;
     usage.limits = limits;
     usage.room = room;
-    std::map<QString, InboxUsage::Line> abonents;
+    std::map<QString, InboxUsage::AbonentShare> abonents;
     for (const Counted& one : counted) {
         usage.all = usage.all + one.used;
         if (one.shareKey == unprovedPool) {
             usage.unproved = usage.unproved + one.used;
         } else if (!one.shareKey.isEmpty()) {
-            InboxUsage::Line& line = abonents[one.shareKey];
-            line.abonent = one.abonent;
-            line.used = line.used + one.used;
+            InboxUsage::AbonentShare& share = abonents[one.shareKey];
+            share.abonent = one.abonent;
+            share.used = share.used + one.used;
         }
     }
-    for (const auto& [key, line] : abonents)
-        usage.abonents.append(line);
+    for (const auto& [key, share] : abonents)
+        usage.abonents.append(share);
     return usage;
 }
 

@@ -41,14 +41,14 @@ struct InboxLimits
 // For those who are shown it.
 struct InboxUsage
 {
-    struct Line
+    struct AbonentShare
     {
         QString abonent;
         Share used;
     };
 
     InboxLimits limits;
-    QVector<Line> abonents; // those of whom anything stands
+    QVector<AbonentShare> abonents; // those who have anything in the inbox
     Share unproved;
     Share all;
     VolumeRoom room;

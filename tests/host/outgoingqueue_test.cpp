@@ -198,7 +198,7 @@ TEST_F(Queue, AReasonIsAskedOnceForEachAbonentAndWhatIsKnownOfAMessageStays)
         reason.kind = abonent == QLatin1String("Bob") ? WaitReason::Kind::NoModem : WaitReason::Kind::NoNumber;
         return reason;
     };
-    queue.explain(why);
+    queue.updateReasons(why);
     EXPECT_EQ(asked, (QStringList{QStringLiteral("Bob"), QStringLiteral("Carol"), QStringLiteral("Dave")}));
     OutgoingQueue other(paths.output, paths.tasks);
     other.rescan();

@@ -282,8 +282,8 @@ TEST_F(Quota, UsageIsSeenByAnotherProgram)
     const InboxUsage usage = Inbox(paths.input, paths.incomplete, paths.receivedList, limits).usage();
     ASSERT_EQ(usage.abonents.size(), 2);
     QHash<QString, Share> of;
-    for (const InboxUsage::Line& line : usage.abonents)
-        of.insert(line.abonent, line.used);
+    for (const InboxUsage::AbonentShare& share : usage.abonents)
+        of.insert(share.abonent, share.used);
     EXPECT_EQ(of.value(bob.abonent).messages, 1);
     EXPECT_EQ(of.value(bob.abonent).bytes, 50);
     EXPECT_EQ(of.value(carol.abonent).messages, 1);

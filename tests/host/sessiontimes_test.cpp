@@ -135,7 +135,7 @@ TEST_F(Times, ReasonsNameTheLimit)
 // Whatever was said when, and however late it is.
 TEST_F(Times, TheNextHeartbeatIsTheFirstMomentAtWhichOneIsDue)
 {
-    for (const bool isMuchComing : {false, true}) {
+    for (const bool hasMuchToReceive : {false, true}) {
         for (const qint64 saidMs : {0, 700, 18500, 19500}) {
             for (const qint64 sentMs : {0, 18999, 19001, 25000}) {
                 SessionTimes of(settings, begin);
@@ -143,10 +143,10 @@ TEST_F(Times, TheNextHeartbeatIsTheFirstMomentAtWhichOneIsDue)
                 of.sent(true, begin + std::max(saidMs, sentMs));
                 for (qint64 nowMs = begin + std::max(saidMs, sentMs); nowMs < begin + 60000; nowMs += 499) {
                     qint64 dueMs = nowMs;
-                    while (!of.isHeartbeatDue(isMuchComing, dueMs))
+                    while (!of.isHeartbeatDue(hasMuchToReceive, dueMs))
                         ++dueMs;
-                    ASSERT_EQ(std::max(nowMs, of.nextHeartbeatMs(isMuchComing, nowMs)), dueMs)
-                        << isMuchComing << " " << saidMs << " " << sentMs << " " << nowMs;
+                    ASSERT_EQ(std::max(nowMs, of.nextHeartbeatMs(hasMuchToReceive, nowMs)), dueMs)
+                        << hasMuchToReceive << " " << saidMs << " " << sentMs << " " << nowMs;
                 }
             }
         }

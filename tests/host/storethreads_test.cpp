@@ -42,7 +42,7 @@ public:
             (void)m_queue.waitingAbonents();
             (void)m_queue.hasUnclaimed(m_peer);
             (void)m_queue.queuedIds(m_peer);
-            m_queue.explain([&reason](const QString&) { return reason; });
+            m_queue.updateReasons([&reason](const QString&) { return reason; });
             std::this_thread::yield();
         }
     }
@@ -130,7 +130,7 @@ TEST_F(StoreThreads, AReasonDoesNotBringAMessageBack)
                     if (i == 0)
                         queue.setReason(message, reason);
                     else
-                        queue.explain([&reason](const QString&) { return reason; });
+                        queue.updateReasons([&reason](const QString&) { return reason; });
                 }
             });
         }
