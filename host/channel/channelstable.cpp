@@ -74,7 +74,7 @@ void ChannelsTable::addSentBytes(int id, int bytes)
         row->sentBytes += bytes;
 }
 
-// Of two rows with one name only one has the port open.
+// Two rows may have the same name, but only one of them can have the port open.
 qint64 ChannelsTable::sentBytes(const QString& name) const
 {
     QMutexLocker locker(&m_mutex);
@@ -86,7 +86,7 @@ qint64 ChannelsTable::sentBytes(const QString& name) const
 
 QVector<ChannelRow> ChannelsTable::rows() const
 {
-    // A copy of its own: sharing the rows, the reader would let go of them without the lock.
+    // A deep copy: rows that are shared with the reader would be released by it without the lock.
     QMutexLocker locker(&m_mutex);
     QVector<ChannelRow> copy = m_rows;
     copy.detach();

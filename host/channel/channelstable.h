@@ -36,7 +36,7 @@ public:
     void addReceivedBytes(int id, int bytes) override;
     void addSentBytes(int id, int bytes) override;
 
-    // What the peers have confirmed of all that was written over the port of this name.
+    // How many bytes peers have confirmed over the port of this name, in all calls.
     [[nodiscard]] qint64 sentBytes(const QString& name) const;
 
     // In the order in which they were added.

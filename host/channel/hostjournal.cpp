@@ -58,7 +58,7 @@ void HostJournal::append(const QByteArray& line)
 QString HostJournal::write(const QByteArray& line) const
 {
     if (QFileInfo(m_path).size() > m_maxBytes)
-        (void)renamePath(m_path, m_path + QStringLiteral(".old")); // else it grows on
+        (void)renamePath(m_path, m_path + QStringLiteral(".old")); // if that fails, the file goes on growing
     const bool isNew = !QFile::exists(m_path);
     const int descriptor = openOwnForAppending(QFile::encodeName(m_path));
     if (descriptor < 0 && errno == ELOOP)

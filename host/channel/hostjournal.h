@@ -18,7 +18,7 @@ struct JournalRecord
     QString source;
     QString text;
 
-    // "2026-03-01 12:34:56.789 ttyS0: text", errors marked; one line.
+    // One line, "2026-03-01 12:34:56.789 ttyS0: text"; errors are marked.
     [[nodiscard]] QString line() const;
 };
 
@@ -29,8 +29,8 @@ public:
     // Called in the calling thread with each record.
     using Listener = std::function<void(const JournalRecord&)>;
 
-    // path: appended to, its directory is created. A file that has grown beyond maxBytes is
-    // renamed to "<path>.old" first.
+    // Appends to the file path and creates its directory. A file that is larger than maxBytes is
+    // first renamed to "<path>.old".
     explicit HostJournal(const QString& path, Listener listener = {}, qint64 maxBytes = 4 * 1024 * 1024);
 
     void addRecord(int kind, const QString& source, const QString& text) override;

@@ -1,8 +1,8 @@
-// Whether the link under a session has work of its own: something to repeat, something to confirm.
+// Whether the link under a session has work of its own: something to repeat or to confirm.
 //
-// The link works only while its host reads and writes, and does not say whether it needs to. The
-// host can tell: the channels table counts what the peer has confirmed, and what came in is
-// confirmed within an interval that the settings give.
+// The link works only while its host reads and writes, and it does not say whether it has work. The
+// host can work it out: the channels table counts what the peer has confirmed, and the link confirms
+// what came in after at most an interval that is in the settings.
 #pragma once
 
 #include <QtGlobal>
@@ -15,8 +15,8 @@ namespace host {
 struct SleepRules
 {
     int longestMs = 0; // 0: it does not sleep
-    int confirmationIntervalMs = 0; // of the link
-    std::function<qint64()> confirmedBytes; // of all that was ever written over this port
+    int confirmationIntervalMs = 0; // the link's setting
+    std::function<qint64()> confirmedBytes; // by peers, over this port, in all calls
 };
 
 // For one thread. nowMs: any steady clock, in milliseconds.
@@ -27,15 +27,15 @@ public:
 
     void written(int bytes) { m_unconfirmedBytes += bytes; }
 
-    // Something, as a rule input, ended a sleep.
+    // Something ended a sleep, as a rule input.
     void woken() { m_wasWoken = true; }
 
     // A pass has read all there was.
     void read(qint64 bytes, qint64 beganMs, qint64 endedMs);
 
-    // Nothing is unconfirmed, here or there. What this cannot see is a packet that came a second
-    // time: it brings no bytes. If it did not end a sleep either, its confirmation may wait for
-    // the end of the next one.
+    // True when neither side waits for a confirmation. Not seen is a packet that comes a second time
+    // between two passes without a sleep, because it brings no bytes. Its confirmation may then wait
+    // for one sleep.
     [[nodiscard]] bool isAtRest() const { return m_unconfirmedBytes == 0 && m_beganMs >= m_confirmedByMs; }
 
 private:
@@ -44,8 +44,8 @@ private:
     qint64 m_seenConfirmedBytes = 0;
     bool m_wasWoken = false;
     qint64 m_beganMs; // the last pass
-    qint64 m_lastConfirmationMs; // of what came in; it was not later
-    qint64 m_confirmedByMs; // a pass that begins then, or later, has confirmed all that came in
+    qint64 m_lastConfirmationMs; // the link's last confirmation was not after this
+    qint64 m_confirmedByMs; // a pass that begins then or later has confirmed all that came in
 };
 
 } // namespace host

@@ -12,16 +12,17 @@ constexpr qint64 rateWindowMs = 500;
 constexpr int sendingPauseMs = 5;
 constexpr int longestSendingPauseMs = 25;
 constexpr int receivingPauseMs = 10; // while nothing is to be sent
-constexpr int bulkReceivingPauseMs = 20; // and much is still to come, on a line that is not fast
+constexpr int bulkReceivingPauseMs = 20; // the same while a file comes in, on a line that is not fast
 constexpr int longestBulkReceivingPauseMs = 40;
 constexpr qint64 fastBytesPerS = 20000;
-// On a slow line less than so much comes or goes in the usual pauses: half a small packet.
+// On a slow line the usual pauses carry less than this, which is half a small packet: there the
+// pauses become longer.
 constexpr qint64 pauseBytes = 60;
 
-// While the peer sends too, so much a pass that its confirmations do not wait long: what the
-// line carries in this time, or where passes take longer, in twice that, or each would be
-// shorter of bytes than the one before.
-constexpr qint64 busyBytesPerS = 256; // more than answers make
+// While the peer sends too, a pass writes only what the line carries in this time, so that the peer's
+// data is confirmed soon. Where passes take longer, twice the time of a pass counts; otherwise each
+// pass would write less than the one before.
+constexpr qint64 busyBytesPerS = 256; // the peer sends data, not only answers
 constexpr qint64 turnMs = 30;
 
 } // namespace
@@ -56,7 +57,7 @@ void Pacing::written(int bytes, qint64 nowMs)
 
 int Pacing::pauseMs(bool hasMuchToReceive, qint64 nowMs) const
 {
-    if (m_hasSent) { // as a rule the channel has waited for room in the driver: that counts
+    if (m_hasSent) { // the channel has usually waited for room in the driver, which is part of the pause
         const qint64 pauseMs = onSlowLine(sendingPauseMs, longestSendingPauseMs);
         return static_cast<int>(std::max<qint64>(0, pauseMs - (nowMs - m_passBeganMs)));
     }
@@ -65,7 +66,7 @@ int Pacing::pauseMs(bool hasMuchToReceive, qint64 nowMs) const
     return hasMuchToReceive ? onSlowLine(bulkReceivingPauseMs, longestBulkReceivingPauseMs) : receivingPauseMs;
 }
 
-// A pause of usualMs, or what pauseBytes take on the line where that is more.
+// A pause of usualMs, or the time of pauseBytes on the line if that is longer.
 int Pacing::onSlowLine(int usualMs, int longestMs) const
 {
     const qint64 lineBytesPerS = std::max(m_in.bytesPerS(), m_out.bytesPerS());

@@ -14,8 +14,8 @@ PassTimer::PassTimer(std::function<void(bool wasWoken)> pass) : m_pass(std::move
 
 void PassTimer::start()
 {
-    // A round of the loop ends with awake() too when it was the one of the pass that set the sleep:
-    // only a round that began to wait after that can end it.
+    // Every round of the loop ends with awake(), also the one in which the pass ran that set the sleep.
+    // Only a round that began to wait after that can end the sleep.
     const auto* const loop = QAbstractEventDispatcher::instance();
     QObject::connect(loop, &QAbstractEventDispatcher::aboutToBlock, &m_timer, [this] { m_isWaiting = sleeps(); });
     QObject::connect(loop, &QAbstractEventDispatcher::awake, &m_timer, [this] { endSleep(); });

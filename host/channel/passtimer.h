@@ -1,5 +1,5 @@
-// Says when a session has its next pass: at once, after a sleep, or as soon as anything wakes the
-// thread's event loop out of a sleep. That is above all the port's notifier: the channel itself
+// Calls a session's passes: the next one at once, or after a sleep, or as soon as anything wakes the
+// thread's event loop out of a sleep. As a rule that is the notifier of the port, since the channel
 // does not tell that something has come.
 #pragma once
 
@@ -21,8 +21,8 @@ public:
     void start();
     void stop() { m_timer.stop(); }
 
-    // In a pass: how long it is to the next one, if nothing wakes the event loop. What wakes it in
-    // the moment between the end of this pass and the beginning of its wait is not noticed.
+    // To be called in a pass: the time to the next one, if nothing wakes the event loop before. A
+    // notifier that is handled after this pass in the same round of the loop does not end the sleep.
     void setSleep(int ms);
     [[nodiscard]] bool sleeps() const { return m_timer.isActive() && m_timer.interval() > 0; }
 

@@ -53,7 +53,7 @@ Peers::Peers(AbonentBook* book, const QByteArray& ownKey, bool acceptUnknown, st
 Verdict Peers::whoCalls(const QByteArray& publicKey)
 {
     AbonentRecords records;
-    // What was read last still tells whom to trust; whom to block since then it does not.
+    // What was read before may still say whom to trust, but not who was blocked since then.
     const QString error = m_book->read(&records);
     if (!error.isEmpty())
         return refused(Cause::Failed, error);
@@ -105,7 +105,7 @@ std::optional<Verdict> Peers::whyExpelled(const Peer& peer)
         return std::nullopt;
     if (records.blockedKeys.contains(peer.publicKey))
         return keyIsBlocked(peer.publicKey);
-    // Under whose name it came in, and whose key it has by now.
+    // The abonent under whose name it came in, and the one who has its key now.
     for (const int index : {peer.isProved ? records.find(peer.abonent) : -1, records.findKey(peer.publicKey)}) {
         if (index >= 0 && records.abonents.at(index).isBlocked)
             return abonentIsBlocked(records.abonents.at(index));
@@ -136,7 +136,7 @@ Verdict Peers::answeredByAnother(const Abonent& called, const AbonentRecords& re
                                         .arg(displayName(called.name), answered, known, news.pinned));
 }
 
-// Two lines may reach the abonent at once: what counts is what stands in the file under its lock.
+// Two ports may call the abonent at the same time. What the file says while it is locked decides.
 Verdict Peers::pinFirstAnswer(const QString& called, const QByteArray& publicKey)
 {
     Abonent now;
@@ -156,7 +156,7 @@ Verdict Peers::pinFirstAnswer(const QString& called, const QByteArray& publicKey
         return refused(Cause::Failed,
                        QStringLiteral("the key of '%1' cannot be pinned: %2").arg(displayName(called), error));
     if (!isPinnedHere)
-        return whoAnswers(called, publicKey); // somebody was faster: this key is looked at as any other
+        return whoAnswers(called, publicKey); // somebody else has pinned a key meanwhile: compare with that one
     m_tell(PeerNews{PeerNews::Kind::Pinned, now.name, QString(), keyFingerprint(publicKey)});
     return proved(now);
 }

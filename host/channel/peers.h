@@ -1,4 +1,4 @@
-// Who may have a session with this installation: its book of abonents, as sessions ask it.
+// Who may have a session with this installation, answered from its book of abonents.
 #pragma once
 
 #include "host/installation/abonentbook.h"
@@ -12,13 +12,14 @@
 
 namespace host {
 
-// What came of a look at a peer's key, for the journal and the views. Fingerprints, no keys.
+// What happened when a peer's key was looked up, for the journal and the views. It has fingerprints,
+// no keys.
 struct PeerNews
 {
     enum class Kind
     {
         Pinned, // the first answer to a call of ours: the key is the abonent's from now on
-        KeyChanged, // the called abonent is known by another key
+        KeyChanged, // another key is pinned for the called abonent
     };
     Kind kind = Kind::Pinned;
     QString abonent;
@@ -39,8 +40,8 @@ public:
     Verdict whoAnswers(const QString& calledAbonent, const QByteArray& publicKey) override;
     std::optional<Verdict> whyExpelled(const Peer& peer) override;
 
-    // The last answer since the start, when it came with a wrong key and the pinned one is still
-    // the one that it did not fit; null otherwise.
+    // The last answer of the abonent if it came with a wrong key, as long as the same key is still
+    // pinned; otherwise null.
     [[nodiscard]] std::optional<PeerNews> keyTrouble(const Abonent& abonent) const;
 
 private:

@@ -8,7 +8,7 @@ namespace host {
 
 std::unique_ptr<LoadedPlugin> loadPluginFile(const QString& path, DebugData* debugData, QString* error)
 {
-    QLibrary library(path); // unloads nothing when it goes
+    QLibrary library(path); // its destructor does not unload
     library.setLoadHints(QLibrary::ResolveAllSymbolsHint);
     if (!library.load()) {
         *error = QStringLiteral("%1 cannot be loaded: %2").arg(path, library.errorString());
@@ -35,7 +35,7 @@ std::unique_ptr<LoadedPlugin> loadPluginFile(const QString& path, DebugData* deb
 std::unique_ptr<LoadedPlugin> loadPlugin(const QDir& dir, int channelType, DebugData* debugData, QString* error)
 {
     QStringList troubles;
-    QSet<QString> seen; // a library stands there under several names
+    QSet<QString> seen; // a library has several names there
     const QFileInfoList files =
         dir.entryInfoList({QStringLiteral("*.so"), QStringLiteral("*.so.*")}, QDir::Files, QDir::Name);
     for (const QFileInfo& file : files) {

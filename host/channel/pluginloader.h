@@ -15,8 +15,8 @@ struct DebugData;
 
 namespace host {
 
-// A loaded plug-in. The library stays loaded until the process ends: code of its threads
-// and statics may outlive the objects. Deleting gives the plug-in object back.
+// A loaded plug-in. Deleting this gives the plug-in object back to its library. The library stays
+// loaded until the process ends, because its threads and statics may outlive the objects.
 class LoadedPlugin
 {
 public:
@@ -37,9 +37,9 @@ private:
     const DeleteInstanceFunction m_deleteInstance;
 };
 
-// The first plug-in of this channel type in dir. Null with *error set when there is none; the
-// text says what was found instead. debugData: handed to the library before anything else is
-// asked of it, must outlive the process' last log line.
+// The first plug-in of this channel type in dir. Null with *error set when there is none; the text
+// says what was found instead. debugData is given to the library before anything else, and must
+// exist until the last log line of the process.
 [[nodiscard]] std::unique_ptr<LoadedPlugin> loadPlugin(const QDir& dir, int channelType, DebugData* debugData,
                                                        QString* error);
 

@@ -18,21 +18,21 @@ class SessionPass
 public:
     using Clock = std::function<qint64()>; // a steady one, in milliseconds
 
-    // Neither is owned, both outlive this. maxBlockBytes: what the link takes as one packet,
-    // together with its own bytes.
+    // Neither is owned, both outlive this object. maxBlockBytes: the size of the largest packet of
+    // the link, with its header and checks.
     SessionPass(Session* session, CChannel* channel, int maxBlockBytes, Clock clock, SleepRules sleep = {});
 
     void rested() { m_pacing.rested(m_clock()); }
-    // Something, as a rule input, ended the sleep before its time.
+    // Something ended the sleep before its time, as a rule input.
     void woken() { m_link.woken(); }
     void readAll();
     void writeAll();
     [[nodiscard]] int pauseMs() const { return m_pacing.pauseMs(m_session->hasMuchToReceive(), m_clock()); }
 
-    // How long there will be nothing to do unless something comes in: until the session's next
-    // turn, and no longer than the rules allow, since nobody tells a session that the carrier fell,
-    // that a message was queued or that the host wants to keep the connection. 0 while the link
-    // or the session have something to do.
+    // How long there will be nothing to do unless something comes in; 0 while the link or the session
+    // has something to do. The sleep lasts until the session's next turn, but not longer than the
+    // rules allow: nobody wakes a session because the carrier fell, a message was queued, or the host
+    // wants to keep the connection.
     [[nodiscard]] int sleepMs() const;
 
 private:

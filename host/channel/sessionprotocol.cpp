@@ -26,7 +26,7 @@ void SessionProtocol::start()
 {
     CAbstractProtocol::start();
     m_clock.start();
-    // The worker presets the name of whom it called, and of nobody else.
+    // The worker has set the name only if it placed the call.
     m_called = remoteAbonentName;
     const SessionCall call{!m_called.isEmpty(), m_called};
     m_session = std::make_unique<Session>(
@@ -45,7 +45,7 @@ void SessionProtocol::stop()
     m_timer.wake();
 }
 
-// Called from a timer: reading from an event that was posted would race the port's own notifier.
+// Called from a timer. Reading from a posted event could run at the same time as the port's notifier.
 void SessionProtocol::tick(bool wasWoken)
 {
     if (m_ended)
@@ -63,7 +63,7 @@ void SessionProtocol::tick(bool wasWoken)
     m_pass->readAll();
     m_session->advance(m_clock.elapsed());
     m_pass->writeAll();
-    // What came before the carrier fell has been read.
+    // By now all that came before the carrier fell has been read.
     if (!isConnected)
         m_session->connectionLost();
     if (m_session->isFinished())
@@ -72,8 +72,8 @@ void SessionProtocol::tick(bool wasWoken)
         m_timer.setSleep(m_pass->sleepMs());
 }
 
-// While the link works the thread does not wait for its next pass in the event loop, where the
-// port's notifier would wake it for each few bytes of a packet that comes in.
+// While the link works, the thread does not wait in the event loop for its next pass: there the port's
+// notifier would wake it for every few bytes of a packet.
 void SessionProtocol::rest()
 {
     QThread::msleep(static_cast<unsigned long>(m_pass->pauseMs()));

@@ -28,7 +28,7 @@ struct SessionReport
 
     Kind kind = Kind::Event;
     quint64 call = 0; // counts the sessions of the process
-    const void* claimant = nullptr; // under which the store knows the session; only compared
+    const void* claimant = nullptr; // the session's token in the store; only compared
     QString channelName;
     QString called; // whom we called; empty when the call came in
     QString peer; // empty until it is known
@@ -39,18 +39,18 @@ struct SessionReport
     QString reason;
 };
 
-// What all sessions of a host share. Read only once sessions run.
+// What all sessions of a host share. It is not changed once sessions run.
 struct SessionContext
 {
     SessionSettings settings;
     SessionStore store;
     PeerDirectory* directory = nullptr; // not owned
     std::function<void(const SessionReport&)> report; // called from several threads at once
-    int maxBlockBytes = 1024; // what the link takes as one packet, together with its own bytes
-    // Of the channel of this name, asked when a session begins; null: sessions do not sleep.
+    int maxBlockBytes = 1024; // the largest packet of the link, with its header and checks
+    // Asked when a session begins on the channel of this name; null: sessions do not sleep.
     std::function<SleepRules(const QString& channelName)> sleepRules;
-    // From the first moment: a session with little to say is over before the host's wish to
-    // keep it comes round by way of the server.
+    // Set from the beginning: a session with little to say would be over before the server could
+    // tell it that the host wants to keep the connection.
     bool keepsConnections = false;
 };
 

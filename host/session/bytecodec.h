@@ -1,4 +1,4 @@
-// Numbers and byte strings as they stand inside the session's frames.
+// Numbers and byte strings as the session's frames carry them.
 #pragma once
 
 #include <QByteArray>
@@ -35,8 +35,8 @@ inline void putBytes(QByteArray& out, const QByteArray& bytes)
     out.append(bytes);
 }
 
-// Reads what the functions above wrote. Bytes come from the peer: anything short or
-// absurd turns ok() false, and every later read gives zero.
+// Reads what the functions above wrote. The bytes come from the peer: if they are too short or make
+// no sense, ok() becomes false, and every later read gives zero.
 class ByteReader
 {
 public:
@@ -80,7 +80,7 @@ public:
             m_ok = false;
             return QByteArray();
         }
-        const QByteArray bytes(m_bytes.constData() + m_position, count); // the frame goes, this stays
+        const QByteArray bytes(m_bytes.constData() + m_position, count); // a copy: the frame's bytes do not last
         m_position += count;
         return bytes;
     }

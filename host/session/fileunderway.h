@@ -1,5 +1,5 @@
-// A file on its way from one host to another, as sessions tell of it and as events, views and the
-// state file show it.
+// A file on its way from one host to another: what sessions report about it, and what events, views
+// and the state file show.
 #pragma once
 
 #include <QByteArray>

@@ -3,12 +3,13 @@
 //
 //   length of the rest (2, big-endian) | sealed: type (1), payload | tag (16)
 //
-// Each direction has a key of its own, agreed in the handshake, and counts its frames: one
-// that was lost, repeated, moved, cut or changed on the way does not open, nor does one of
-// the other direction (a modem that has lost its carrier echoes what is still written to it)
-// or of another call. Whoever listens learns the frames' lengths and times.
+// Each direction has a key of its own from the handshake, and counts its frames. So a frame cannot be
+// opened if one was lost, repeated, moved, cut or changed on the way, if it belongs to another call,
+// or if it is one of ours (a modem that has lost its carrier echoes what is still written to it).
+// Somebody who listens learns only when frames were sent and how long they were.
 //
-// A length of 0 is a filler: two bytes that only move the link on. It proves nothing.
+// A length of 0 is a filler: two bytes that only make the link deliver what it holds. Anybody could
+// have sent them.
 #pragma once
 
 #include "host/session/noisecipher.h"
@@ -31,9 +32,9 @@ enum class FrameType : quint8
     Abort = 5, // the offered message's data ends here
     Stored = 6, // offers that were verified and stored
     Refused = 7, // an offer that was not
-    Settled = 8, // so many acknowledgements were taken note of
+    Settled = 8, // so many acknowledgements have arrived
     Alive = 9, // nothing to say
-    Finish = 10, // nothing left to send, until something is
+    Finish = 10, // nothing left to send at the moment
     Continue = 11, // takes a Finish back
     Bye = 12, // shall we end?
     ByeYes = 13,
@@ -44,7 +45,7 @@ enum class FrameType : quint8
 struct Frame
 {
     FrameType type = FrameType::Alive;
-    QByteArray payload; // out of a FrameReader: its bytes stand in the reader
+    QByteArray payload; // from a FrameReader: its bytes belong to the reader
 };
 
 [[nodiscard]] inline QByteArray frameFiller()
@@ -95,9 +96,9 @@ public:
     // Whether a frame has begun to come in.
     [[nodiscard]] bool isInFrame() const { return m_buffer.size() - m_position >= frameLengthBytes; }
 
-    // Frame: one frame was taken out; its payload is valid until the reader is used again or goes,
-    // whoever keeps it has to copy it (QByteArray::detach). None: more bytes are needed. Damaged: the stream is
-    // broken (for good, every later call says the same).
+    // Frame: one frame was taken out. Its payload is valid until the reader is used again or
+    // deleted; to keep it, copy it (QByteArray::detach). None: more bytes are needed. Damaged: the
+    // stream is broken; every later call says so, too.
     Result next(Frame* frame);
 
 private:

@@ -8,7 +8,7 @@ namespace host {
 
 namespace {
 
-constexpr int maxRemembered = 6; // more would only make the time of forgetting longer
+constexpr int maxRemembered = 6; // more would not slow down more, but take longer to forget
 
 qint64 steadyMs()
 {

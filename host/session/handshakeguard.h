@@ -1,5 +1,5 @@
-// Slows down whoever tries keys: each handshake that failed makes the next answers of the
-// process later, up to some seconds, and it wears off. Nobody is locked out by it.
+// Slows down callers who try keys: after each failed handshake the process answers later, by some
+// seconds at most, until the failure is forgotten. Nobody is locked out.
 #pragma once
 
 #include <QMutex>
@@ -16,7 +16,7 @@ public:
 
     explicit HandshakeGuard(Clock clock = {});
 
-    // Somebody who called did not prove to be one who may.
+    // A caller did not prove that it may call.
     void failed();
 
     // How long to wait before the next caller's handshake is answered.
@@ -27,7 +27,7 @@ public:
 
     static constexpr int firstDelayMs = 500; // doubled with each further failure
     static constexpr int maxDelayMs = 8000;
-    static constexpr qint64 forgetMs = 60000; // one failure is forgotten after so long
+    static constexpr qint64 forgetMs = 60000; // after each such time one failure is forgotten
 
 private:
     [[nodiscard]] int remembered(qint64 nowMs) const;

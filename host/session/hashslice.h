@@ -1,4 +1,4 @@
-// How much is hashed at once, so that the line is served meanwhile.
+// How much is hashed at once. Between two slices the session serves the line.
 #pragma once
 
 #include <QtGlobal>

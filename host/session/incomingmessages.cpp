@@ -12,7 +12,8 @@ constexpr int maxToAcknowledge = 100000;
 constexpr int maxToSettle = 1000000; // acknowledgements of one call
 constexpr int mostRefusalsOfStrangers = 20; // each is a line in the journal
 
-// What the peer is told: nothing of our disk, and a stranger nothing of our limits either.
+// What the peer is told: never anything about our disk. A peer that is not proved does not learn our
+// limits either.
 QString toldReason(RefusalCode code, const QString& reason, bool isProved)
 {
     if (!isProved)
@@ -62,7 +63,7 @@ bool IncomingMessages::hashParts()
     return true;
 }
 
-// Whether all of the part is hashed, or cannot be.
+// True when the whole part is hashed, or when it cannot be read.
 bool IncomingMessages::hashSlice(Part* part, qint64* budget, QString* error)
 {
     while (!part->done && *budget > 0) {
@@ -123,7 +124,7 @@ void IncomingMessages::onOffer(const Frame& frame)
         receivedAll();
 }
 
-// It was stored before: what comes of it is skipped until the peer has heard that.
+// The message was stored before. Its data is skipped until the peer has heard that.
 void IncomingMessages::duplicate()
 {
     const OfferFrame offer = m_receiving->offer;
@@ -195,7 +196,7 @@ void IncomingMessages::receivedAll()
     m_receiving.reset();
 }
 
-// An error of this machine names places on its disk: for its own user only.
+// An error of this machine names paths on its disk. Only its own user may see them.
 void IncomingMessages::refuse(RefusalCode code, const QString& reason)
 {
     RefusedFrame refused;
@@ -215,7 +216,7 @@ void IncomingMessages::onAbort(const Frame& frame)
         m_session->giveUp(brokenProtocol(QStringLiteral("abort")));
         return;
     }
-    // The data may have been complete when the abort was on its way.
+    // All data may have arrived while the abort was on its way.
     if (!m_receiving)
         return;
     if (m_receiving->file) {
@@ -249,7 +250,7 @@ void IncomingMessages::onSettled(const Frame& frame)
         settleFirst(static_cast<int>(qMin<quint64>(numbers.first(), static_cast<quint64>(m_toSettle.size()))));
 }
 
-// The list is kept whole: the peer counts from its beginning.
+// The list keeps its settled entries, because the peer counts from its beginning.
 void IncomingMessages::settleFirst(int count)
 {
     if (count <= m_settledCount)

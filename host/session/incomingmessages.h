@@ -1,5 +1,5 @@
-// The peer's messages on their way into the inbox: what stands of them, what comes, what is
-// acknowledged.
+// The peer's messages on their way into the inbox: the parts that we have, the data that comes in,
+// and what we acknowledge.
 #pragma once
 
 #include "host/session/peer.h"
@@ -20,8 +20,8 @@ public:
     // peer, store, session: not owned, outlive this object.
     IncomingMessages(const Peer& peer, IncomingStore* store, SessionControl* session);
 
-    // The peer is known: looks for the parts of its messages that stand. They are hashed in
-    // slices; hashParts() answers true once all are and our State was said.
+    // Call it once the peer is known: looks for parts of its messages. hashParts() hashes them in
+    // slices; it returns true once all are hashed and our State is said.
     void lookForParts();
     bool hashParts();
 
@@ -31,19 +31,19 @@ public:
     void onAbort(const Frame& frame);
     void onSettled(const Frame& frame);
 
-    // Whether there was something to acknowledge.
+    // Says one acknowledgement; false when there is nothing to acknowledge.
     bool acknowledge();
 
-    // The peer has heard of all that we have stored.
+    // The peer knows of everything that we have stored.
     void settleAll() { settleFirst(m_toSettle.size()); }
 
     [[nodiscard]] bool isReceiving() const { return m_receiving.has_value(); }
     [[nodiscard]] bool hasMuchToReceive() const;
     [[nodiscard]] bool nothingLeft() const { return m_toAcknowledge.isEmpty() && !m_receiving; }
-    // The peer makes us answer and takes no answers.
+    // True when too many answers wait: the peer makes us answer and does not take the answers.
     [[nodiscard]] bool hasPiledUp() const;
 
-    // The session is over: parts are left to the next one.
+    // Call it when the session is over: the parts stay for the next one.
     void drop();
 
 private:

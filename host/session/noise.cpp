@@ -7,7 +7,7 @@ namespace host {
 namespace {
 
 constexpr int sealedKeyBytes = publicKeyBytes + noiseTagBytes;
-// What stands before the payload of each message.
+// The bytes before the payload of each message.
 constexpr int keysBytes[] = {publicKeyBytes, publicKeyBytes + sealedKeyBytes, sealedKeyBytes};
 
 bool showsEphemeral(int message)
@@ -98,7 +98,7 @@ bool NoiseHandshake::readKeys(const QByteArray& message, QByteArray* remoteStati
 
 bool NoiseHandshake::readEphemeral(const QByteArray& key)
 {
-    // A line that echoes brings our own back.
+    // A line that echoes brings our own key back.
     if (!isUsablePublicKey(key) || key == m_ephemeral.publicKey())
         return false;
     m_remoteEphemeral = key;

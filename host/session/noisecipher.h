@@ -1,5 +1,5 @@
 // The encrypted bytes of one direction: ChaCha20-Poly1305 with a counter that is not sent,
-// so that a message opens only whole, unchanged, and in its turn.
+// so that a message can be opened only if it is whole, unchanged and the next one.
 #pragma once
 
 #include "host/installation/secretbytes.h"
@@ -18,21 +18,23 @@ public:
     NoiseCipher() = default; // without a key: seals and opens nothing
     explicit NoiseCipher(SecretBytes key, quint64 nextNonce = 0);
 
-    // False: without a key, or done with for good.
+    // False: there is no key, or it was wiped.
     [[nodiscard]] bool isUsable() const { return !m_key.isEmpty(); }
 
     // noiseTagBytes longer than plain. Empty when that is not possible: plain is longer than
-    // maxNoiseMessageBytes - noiseTagBytes, or the counter is used up; the latter is for good.
+    // maxNoiseMessageBytes - noiseTagBytes, or the counter is used up (then nothing can be sealed any
+    // more).
     [[nodiscard]] QByteArray seal(const QByteArray& plain, const QByteArray& associated = QByteArray());
 
-    // False: not the next message of this direction. That is for good, the key is wiped.
+    // False: this is not the next message of this direction. The key is wiped then, and nothing can be
+    // opened any more.
     [[nodiscard]] bool open(const QByteArray& sealed, QByteArray* plain, const QByteArray& associated = QByteArray());
 
-    // The same without a copy. bytes: plainBytes of them, and room for the tag behind them. False when
-    // that is not possible; then nothing is changed.
+    // The same without a copy. bytes: plainBytes of plain text and room for the tag after them. False
+    // when that is not possible; then nothing is changed.
     [[nodiscard]] bool sealInPlace(char* bytes, int plainBytes, const QByteArray& associated = QByteArray());
 
-    // What is opened stands in the beginning of bytes. Where that fails, they are of no use any more.
+    // On success the plain text is at the beginning of bytes; on failure their content is lost.
     [[nodiscard]] bool openInPlace(char* bytes, int sealedBytes, const QByteArray& associated = QByteArray());
 
     void wipe() { m_key.wipe(); }

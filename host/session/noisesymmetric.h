@@ -22,7 +22,7 @@ public:
     [[nodiscard]] bool decryptAndHash(const QByteArray& sealed, QByteArray* plain);
     [[nodiscard]] bool hasKey() const { return m_cipher.isUsable(); }
 
-    // The ends: the keys of the two directions. Nothing secret stays here.
+    // Ends it: the keys of the two directions. No secret stays in this object.
     void split(NoiseCipher* fromInitiator, NoiseCipher* fromResponder);
 
     [[nodiscard]] const QByteArray& hash() const { return m_hash; }

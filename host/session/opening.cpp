@@ -100,7 +100,7 @@ bool Opening::takeItem(qint64 nowMs)
     return false;
 }
 
-// Whether the peer's word stands whole at the beginning; fails as soon as it cannot be one.
+// True when the input begins with the peer's whole word. Fails as soon as it cannot be a word.
 bool Opening::checkWord()
 {
     const bool isFirstVersion = m_input.at(0) == firstVersionItem;
@@ -126,7 +126,7 @@ bool Opening::checkWord()
         fail(SessionEnd::NotThisProtocol, QStringLiteral("the line gives back what is said on it"));
         return false;
     }
-    // Of all messages only the first of each side comes with a word.
+    // Only the first message of each side has a word before it.
     if (!said.startsWith(word(!m_call.isOutgoing)) || m_hasWord) {
         fail(SessionEnd::ProtocolError, QStringLiteral("the other side does not keep to the protocol (opening)"));
         return false;
@@ -176,7 +176,7 @@ void Opening::judge()
     if (m_verdict.kind != PeerDirectory::Verdict::Kind::Refused)
         return;
     if (m_call.isOutgoing)
-        fail(refusalEnd(m_verdict.cause), m_verdict.reason); // we are not made known to it
+        fail(refusalEnd(m_verdict.cause), m_verdict.reason); // it does not learn who we are
     else if (m_guard && m_verdict.cause != PeerDirectory::Verdict::Cause::Failed)
         m_guard->failed();
 }

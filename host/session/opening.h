@@ -10,10 +10,10 @@
 //
 // The word tells, in the clear, what is spoken here: "transport-host", the version (1 byte),
 // "C" for the caller or "A" for the answerer, the largest payload of a frame (2, big-endian).
-// Both words are the handshake's prologue: changed on the way, they spoil it. The messages
-// have fixed lengths (see noise.h). A zero may stand between any two of these items: a side
-// that waits says one each second, since what stands behind a gap in the link comes out only
-// when something comes behind it.
+// Both words are the prologue of the handshake, which fails if one was changed on the way. The
+// messages have fixed lengths (see noise.h). Zeros may come between any two of these items: a side
+// that waits sends one each second, because the link delivers what is held behind a gap only when
+// another packet follows.
 #pragma once
 
 #include "host/session/handshakeguard.h"
@@ -31,7 +31,7 @@
 
 namespace host {
 
-// For one thread; the time is handed in. A failure is for good.
+// For one thread; the time is handed in. After a failure it cannot go on.
 class Opening
 {
 public:
@@ -43,25 +43,27 @@ public:
 
     // What is to be said now; empty when nothing is due.
     [[nodiscard]] QByteArray takeOutput(qint64 nowMs);
-    // When something will be due; never when there is nothing to be said.
+    // When takeOutput() will have something to give; never when there is nothing to say.
     [[nodiscard]] qint64 outputDueMs() const { return m_output.isEmpty() ? never : m_outputDueMs; }
 
-    // What a waiting side says.
+    // What a side says while it waits.
     [[nodiscard]] static QByteArray filler() { return QByteArray(1, '\0'); }
 
     [[nodiscard]] bool hasFailed() const { return m_end != SessionEnd::None; }
     [[nodiscard]] SessionEnd end() const { return m_end; }
     [[nodiscard]] QString reason() const { return m_reason; }
 
-    // The call ends: a caller that has begun with a handshake and not gone on counts as failed.
+    // Call it when the call ends: a handshake that the caller began and did not complete counts as
+    // failed.
     void abandon();
 
     // Our sealed frames may follow what takeOutput() gave; the peer's key is proved.
     [[nodiscard]] bool maySend() const { return m_handshake.isDone() && m_output.isEmpty() && !hasFailed(); }
-    // All that is left is sealed frames of the peer.
+    // From now on the peer sends only sealed frames.
     [[nodiscard]] bool isOver() const { return m_isOver; }
 
-    // Once maySend(): who the peer is. The answerer tells a peer that is refused so, sealed.
+    // Once maySend(): who the peer is. An answerer that refuses the peer tells it so in a sealed
+    // frame.
     [[nodiscard]] const PeerDirectory::Verdict& verdict() const { return m_verdict; }
     [[nodiscard]] Peer peer() const;
     [[nodiscard]] NoiseCipher takeSending() { return m_handshake.takeSending(); }
@@ -84,7 +86,7 @@ private:
     HandshakeGuard* const m_guard; // not owned, may be null
     NoiseHandshake m_handshake;
     PeerDirectory::Verdict m_verdict;
-    QByteArray m_input; // not yet taken apart
+    QByteArray m_input; // not yet parsed
     QByteArray m_output; // not yet taken
     qint64 m_outputDueMs = 0;
     bool m_hasWord = false; // the peer's, with its first message

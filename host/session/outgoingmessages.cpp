@@ -7,8 +7,8 @@ namespace host {
 
 namespace {
 
-// What is lost with a Data frame that a cut leaves unfinished is at most a tenth of what the
-// call has carried, and the frames' own bytes cost next to nothing of a file.
+// A Data frame that is cut off is lost. Its size is at most a tenth of what the call has carried, so
+// that little is lost, and yet the frames' own bytes are a tiny share of a file.
 constexpr int carriedForDataByte = 10;
 constexpr int minDataBytes = 1024;
 constexpr int maxDataBytes = maxFramePayloadBytes;
@@ -174,7 +174,7 @@ void OutgoingMessages::sentAll()
     m_sending.reset();
 }
 
-// Our own copy is to blame. The claim stays with this session, so that it does not try again.
+// Our own copy cannot be read. The session keeps its claim, so that nobody tries again during it.
 void OutgoingMessages::failed(const QString& reason)
 {
     const OutgoingMessage message = m_sending->message;
@@ -192,7 +192,7 @@ void OutgoingMessages::delivered(const OutgoingMessage& message)
     m_session->tell(fileEvent(SessionEvent::Kind::FileDelivered, message, message.size));
 }
 
-// The message of an offer that the peer has answered; one that is still being sent is broken off.
+// The message of an offer that the peer has answered. If it is still being sent, that is aborted.
 std::optional<OutgoingMessage> OutgoingMessages::takeOffered(quint64 offerIndex, const QString& abortReason)
 {
     std::optional<OutgoingMessage> message;
@@ -216,7 +216,7 @@ void OutgoingMessages::onStored(const Frame& frame)
         return;
     }
     for (const quint64 offerIndex : offers) {
-        // One that is not sent yet: the peer had it from an earlier session.
+        // It may not be sent completely yet: the peer had it from an earlier session.
         const std::optional<OutgoingMessage> message = takeOffered(offerIndex, QStringLiteral("stored before"));
         if (!message) {
             m_session->giveUp(QStringLiteral("the other side acknowledged what was not sent"));

@@ -18,8 +18,8 @@ namespace host {
 class OutgoingMessages
 {
 public:
-    // peer, store, session: not owned, outlive this object. What is claimed of the queue is
-    // claimed in the session's name.
+    // peer, store, session: not owned, outlive this object. Messages of the queue are claimed in the
+    // session's name.
     OutgoingMessages(const Peer& peer, OutgoingStore* store, SessionControl* session);
 
     // Frames of the peer.
@@ -27,19 +27,19 @@ public:
     void onStored(const Frame& frame);
     void onRefused(const Frame& frame);
 
-    // Each answers whether there was something to do, although it may not have put any frame.
+    // Each returns whether there was something to do. That need not mean that it put a frame.
     bool tellSettled(qint64 nowMs);
-    [[nodiscard]] qint64 settledDueMs() const; // when it will tell; never when there is nothing
+    [[nodiscard]] qint64 settledDueMs() const; // when tellSettled() will have something to say
     bool sendNext();
 
-    // The peer has a part of the message that comes next: it is compared with ours, in slices.
+    // The peer has a part of the next message: it is compared with our copy, in slices.
     [[nodiscard]] bool isComparing() const { return m_sending && m_sending->prefixHash; }
     void compare();
 
     [[nodiscard]] bool awaitsAcknowledgement() const { return !m_unacknowledged.empty(); }
     [[nodiscard]] bool nothingLeft() const;
 
-    // The session is over: what it has claimed of the queue is free again.
+    // Call it when the session is over: others may claim its messages again.
     void drop();
 
 private:
@@ -69,7 +69,7 @@ private:
 
     bool m_peerStateKnown = false;
     std::map<quint64, MessagePart> m_peerParts;
-    QSet<quint64> m_peerStored; // of our queue, as the parts above
+    QSet<quint64> m_peerStored; // only messages of our queue, as with the parts above
     std::optional<QSet<quint64>> m_queuedIds; // as they were when the peer's State came
     std::optional<Sending> m_sending;
     std::map<quint64, OutgoingMessage> m_unacknowledged; // by offer

@@ -1,4 +1,4 @@
-// Who stands at the other end of a session.
+// Who is at the other end of a session.
 #pragma once
 
 #include "host/installation/names.h"
@@ -10,15 +10,15 @@ namespace host {
 
 struct Peer
 {
-    QString abonent; // proved: the name under which this installation knows it;
+    QString abonent; // proved: its name in this installation;
                      // unproved: a name made of its key's fingerprint
     QByteArray publicKey; // 32 bytes; empty only where nothing depends on it
     bool isProved = false;
-    QString claimedName; // as it called itself; shown only, never a key for anything
+    QString claimedName; // as it calls itself; only shown, nothing is looked up by it
 };
 
-// Whose parts, acknowledgements and share of the disk are meant. An unproved peer never has
-// the key of an abonent: that has no slash.
+// The key under which a peer's parts, acknowledgements and share of the disk are kept. It contains a
+// slash for a peer that is not proved, and never for an abonent, so that they cannot be mixed up.
 [[nodiscard]] inline QString unprovedPeerKey(const QByteArray& publicKey)
 {
     return QStringLiteral("unproved/") + QString::fromLatin1(publicKey.toHex());

@@ -1,5 +1,5 @@
-// Who may have a session with this installation: asked by a session once a peer has proved
-// that it holds a key.
+// Who may have a session with this installation. A session asks once the peer has proved that it
+// holds a key.
 #pragma once
 
 #include "host/session/peer.h"
@@ -29,12 +29,12 @@ public:
         {
             UnknownKey,
             BlockedKey,
-            WrongKey, // the called abonent is known by another one
+            WrongKey, // another key is known for the called abonent
             Failed, // the directory could not be asked, or could not remember the key
         };
 
         Kind kind = Kind::Refused;
-        QString abonent; // the name under which the peer is known here; unproved: one made of its key
+        QString abonent; // the peer's name here; unproved: a name made of its key
         QString reason; // of a refusal: for our journal, never told to the peer
         Cause cause = Cause::UnknownKey; // of a refusal
     };
@@ -42,12 +42,13 @@ public:
     // A call came in: whose key is it?
     virtual Verdict whoCalls(const QByteArray& publicKey) = 0;
 
-    // A call of ours was answered: may the party with this key be the one that was called? A
-    // key that is seen for the first time is remembered as the called abonent's.
+    // A call of ours was answered: can the answerer, who has this key, be the called abonent? If no
+    // key was known for that abonent, this one is remembered.
     virtual Verdict whoAnswers(const QString& calledAbonent, const QByteArray& publicKey) = 0;
 
-    // Asked each second while a session with peer runs: why it may not go on, when it was blocked
-    // meanwhile. Null otherwise, also when that cannot be found out: it was let in once.
+    // Asked each second while a session with peer runs: the reason to end it, if the peer was blocked
+    // meanwhile. Otherwise null, also when the question cannot be answered, because the peer was let
+    // in once.
     virtual std::optional<Verdict> whyExpelled(const Peer& peer) = 0;
 };
 

@@ -11,7 +11,8 @@ public:
     // nowMs, here and below: any steady clock, in milliseconds.
     RateMeter(qint64 windowMs, qint64 nowMs) : m_windowMs(windowMs), m_sinceMs(nowMs) {}
 
-    // Counts bytes (0 too: it lets time pass). True when that ended a window.
+    // Counts bytes; call it also with 0, so that it notices that time passes. True when a window
+    // ended.
     bool count(int bytes, qint64 nowMs)
     {
         m_bytes += bytes;
@@ -24,7 +25,7 @@ public:
         return true;
     }
 
-    // Of the last whole window; 0 before there is one.
+    // Over the last complete window; 0 before there is one.
     [[nodiscard]] qint64 bytesPerS() const { return m_bytesPerS; }
 
 private:

@@ -6,8 +6,8 @@ namespace host {
 
 namespace {
 
-constexpr qint64 askEveryMs = 1000; // whether the peer may go on: a look at a file
-constexpr int maxOutputBytes = 1024 * 1024; // a peer that makes us answer and takes no answers
+constexpr qint64 askEveryMs = 1000; // whether the peer may stay; the directory looks at a file
+constexpr int maxOutputBytes = 1024 * 1024; // only a peer that does not take our answers makes more wait
 
 } // namespace
 
@@ -68,7 +68,7 @@ void Session::receive(const QByteArray& bytes, qint64 nowMs)
         receiveOpening(bytes);
     else
         m_reader.append(bytes);
-    // Fillers may come from anywhere, a modem that echoes ours included.
+    // Fillers do not count as heard: they may be our own, echoed by a modem.
     if (m_opening || receiveFrames() || m_reader.isInFrame())
         m_times.heard(nowMs);
 }
@@ -89,7 +89,7 @@ void Session::receiveOpening(const QByteArray& bytes)
     m_opening.reset();
 }
 
-// What the handshake has to say, and as soon as it has said all, who we are.
+// Says the next step of the handshake and, once the handshake is done, our Hello.
 void Session::sayOpening()
 {
     m_output.append(m_opening->takeOutput(m_nowMs));
@@ -108,7 +108,7 @@ void Session::sayOpening()
     put(FrameType::Hello, hello.encode());
 }
 
-// The peer learns what its operator can do, and nothing of us.
+// The peer is told what its operator can do about it, and nothing about this installation.
 void Session::refusePeer(const PeerDirectory::Verdict& verdict)
 {
     QString told;
@@ -127,13 +127,13 @@ void Session::refusePeer(const PeerDirectory::Verdict& verdict)
     beginClosing(refusalEnd(verdict.cause), verdict.reason, m_settings.refusingMs);
 }
 
-// Whether the peer is in, so that it may be put out.
+// Whether the peer has been let in and the session has not begun to end.
 bool Session::isExpulsionAsked() const
 {
     return m_writer.isUsable() && m_phase != Phase::Closing && m_phase != Phase::Lingering;
 }
 
-// Blocking counts at once: what this call has not acknowledged by now it will not.
+// Blocking takes effect at once: from now on this call acknowledges nothing.
 void Session::expelIfBlocked()
 {
     if (!isExpulsionAsked() || m_nowMs - m_askedMs < askEveryMs)
@@ -143,7 +143,7 @@ void Session::expelIfBlocked()
         refusePeer(*verdict);
 }
 
-// Whether there was a frame.
+// True when there was a frame.
 bool Session::receiveFrames()
 {
     Frame frame;
@@ -261,7 +261,7 @@ bool Session::produceHeartbeat()
     return isDue;
 }
 
-// A filler costs a slow line a third of what an Alive does, and proves nothing.
+// A filler takes a third of the bytes of an Alive, but does not prove that it is ours.
 void Session::sayHeartbeat()
 {
     if (!m_writer.isUsable()) {
@@ -325,7 +325,7 @@ bool Session::produceEnding()
         m_finishSent = true;
         return true;
     }
-    // Of two sides that have finished, the caller asks.
+    // When both sides have finished, the caller asks to end.
     if (m_peerFinished && m_isCaller) {
         put(FrameType::Bye);
         m_phase = Phase::ByeSent;
@@ -347,7 +347,7 @@ void Session::setKeepAlive(bool keepAlive)
 void Session::onFinish()
 {
     m_peerFinished = true;
-    // Whoever has nothing left has heard of everything we stored.
+    // A side that has nothing left knows of everything that we have stored.
     m_incoming.settleAll();
 }
 

@@ -2,14 +2,15 @@
 // both directions at once. A state machine without threads, timers or sockets: bytes and
 // the time are handed in, bytes are taken out.
 //
-// Course: the handshake of opening.h; then, sealed, both sides say Hello; each answers the
-// other's with its State (what it has stored that the other may not know, which parts stand,
-// with their hashes). Then each streams its messages, one after another, without waiting:
-// Offer, Data..., Offer, Data... Acknowledgements come when they come. A side with nothing
-// left says Finish; when both have, the caller asks Bye and the other agrees.
+// A session begins with the handshake of opening.h. All that follows is sealed. Both sides say Hello,
+// and each answers the other's Hello with its State: the messages that it has stored and the other
+// may not know of, and its parts of messages, with their hashes. Then each side sends its messages,
+// one after another, without waiting for acknowledgements: Offer, Data..., Offer, Data... A side
+// that has nothing left says Finish. When both have said it, the caller says Bye, and the other
+// side agrees.
 //
-// Here: the stream of frames, the phases and the end. What is said of messages stands in
-// outgoingmessages.h and incomingmessages.h, the limits of time in sessiontimes.h.
+// This class has the stream of frames, the phases and the end; outgoingmessages.h and
+// incomingmessages.h have the messages, sessiontimes.h the limits of time.
 #pragma once
 
 #include "host/session/frame.h"
@@ -37,7 +38,8 @@ class Session final : private SessionControl
 public:
     using EventSink = std::function<void(const SessionEvent&)>;
 
-    // directory and what store points to: not owned, outlive the session. nowMs: any steady clock, in milliseconds.
+    // directory and what store points to: not owned, outlive the session. nowMs, here and below: any
+    // steady clock, in milliseconds.
     Session(const SessionSettings& settings, const SessionCall& call, PeerDirectory* directory,
             const SessionStore& store, EventSink sink, qint64 nowMs);
     ~Session();
@@ -54,10 +56,10 @@ public:
     // Timeouts, and hashing in slices. Call it regularly, or at the latest when nextTurnMs() says so.
     void advance(qint64 nowMs);
 
-    // Until when, on the clock that is handed in, nothing needs to be done: neither advance() nor
-    // takeOutput() would do anything before, unless something changes outside. The session does
-    // not know of a message that is put into the queue meanwhile: it asks at its next turn.
-    // In the past when there is something to do now.
+    // When the session must be asked again, on the clock that is handed in. Before that neither
+    // advance() nor takeOutput() has anything to do, unless bytes come in or the host calls
+    // something else. (A message that is queued meanwhile is found at the next turn.) A time in the
+    // past when there is something to do now.
     [[nodiscard]] qint64 nextTurnMs() const;
 
     // While set, the session does not end although nothing is left to send.
@@ -69,7 +71,7 @@ public:
     // The channel has no connection any more.
     void connectionLost();
 
-    // Under which the store knows the session; only compared.
+    // The token under which the store knows the session; it is only compared.
     [[nodiscard]] const void* claimant() const { return static_cast<const SessionControl*>(this); }
 
     [[nodiscard]] bool isFinished() const { return m_phase == Phase::Finished; }
@@ -77,21 +79,21 @@ public:
     [[nodiscard]] bool endedWell() const { return m_end == SessionEnd::Agreed; }
     [[nodiscard]] QString endReason() const { return m_endReason; }
     [[nodiscard]] bool wasUseful() const { return m_wasUseful; } // a message was stored or delivered
-    // Under which name the peer is known here; empty until it has proved who it is and said Hello.
+    // The peer's name in this installation; empty until it has proved who it is and said Hello.
     [[nodiscard]] QString peerName() const { return m_isPeerNamed ? m_peer.abonent : QString(); }
     [[nodiscard]] const Peer& peer() const { return m_peer; }
-    // Whether a file is coming in of which much is still to come.
+    // Whether a file is coming in that still lacks many bytes.
     [[nodiscard]] bool hasMuchToReceive() const { return m_incoming.hasMuchToReceive(); }
 
 private:
     enum class Phase
     {
         Opening, // the handshake, until the peer's Hello
-        Preparing, // theirs came; hashing the parts that stand for our State
+        Preparing, // the peer's Hello came; we hash our parts, for our State
         Running,
         ByeSent, // we asked to end and wait for the answer
-        Lingering, // we agreed to end and let the answer get out
-        Closing, // we said Stop and let it get out
+        Lingering, // we agreed to end; our answer is on its way
+        Closing, // we said Stop; it is on its way
         Finished,
     };
 
@@ -145,13 +147,13 @@ private:
     bool m_isPeerNamed = false;
 
     // The stream
-    std::unique_ptr<Opening> m_opening; // until all that comes is sealed frames
+    std::unique_ptr<Opening> m_opening; // until only sealed frames come
     FrameReader m_reader;
     FrameWriter m_writer;
     QByteArray m_output; // frames written and not yet taken
     int m_outputPosition = 0;
-    bool m_isHeartbeat = false; // nothing else stands in the output
-    bool m_hasSaidAll = false; // asked for output, it had none, and nothing has happened since
+    bool m_isHeartbeat = false; // the output is nothing but a heartbeat
+    bool m_hasSaidAll = false; // the last takeOutput() had nothing to give, and nothing has happened since
 
     OutgoingMessages m_outgoing;
     IncomingMessages m_incoming;
@@ -163,7 +165,7 @@ private:
     // Time
     qint64 m_nowMs; // as it was handed in last
     SessionTimes m_times;
-    qint64 m_askedMs; // whether the peer may go on
+    qint64 m_askedMs; // when the directory was last asked whether the peer may stay
     qint64 m_deadlineMs = 0; // of Closing and Lingering
 };
 

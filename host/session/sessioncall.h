@@ -1,4 +1,4 @@
-// What a session is told of the call it runs on, and how it tells its end.
+// What a session is told about its call, and what it tells about its end.
 #pragma once
 
 #include <QString>
@@ -23,20 +23,20 @@ enum class SessionEnd
     Useless, // heartbeats, but nothing of use for too long
     Stalled, // acknowledgements were due and did not come
     OpeningTimedOut,
-    TimeUsedUp, // a peer that is not proved may stay only so long
-    NotThisProtocol, // whatever is at the other end, it is no host of this kind
+    TimeUsedUp, // a peer that is not proved has stayed as long as it may
+    NotThisProtocol, // the other end is no host of this kind
     OtherVersion,
     SelfCall, // the line leads back to this installation
-    WrongKey, // our call was answered by a key that is not the called abonent's
-    UnknownKey, // incoming, and not let in
+    WrongKey, // who answered our call has another key than the called abonent
+    UnknownKey, // an incoming call, not let in
     BlockedKey,
-    DirectoryFailed, // whether the peer may be let in could not be found out
-    RefusedByPeer, // we are not let in over there
+    DirectoryFailed, // we could not find out whether the peer may be let in
+    RefusedByPeer, // the peer does not let us in
     Damaged, // the bytes are not what the peer sent
     ProtocolError,
 };
 
-// One word for each, for programs.
+// One word for each end, for programs.
 [[nodiscard]] QString endWord(SessionEnd end);
 
 } // namespace host

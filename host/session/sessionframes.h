@@ -1,4 +1,4 @@
-// What stands in the payload of each kind of session frame.
+// The payload of each kind of session frame.
 #pragma once
 
 #include "host/installation/names.h"
@@ -10,33 +10,33 @@
 
 namespace host {
 
-constexpr quint8 sessionVersion = 2; // 1 knew no keys
+constexpr quint8 sessionVersion = 2; // version 1 had no keys
 constexpr quint64 noMessageId = 0; // no message has it
 constexpr int sha256Bytes = 32;
 constexpr int maxFileNameBytes = 1024; // in UTF-8; a name of any file system fits
 constexpr int maxReasonBytes = 400; // in UTF-8
 constexpr qint64 maxMessageBytes = Q_INT64_C(1) << 53;
 
-// Each decode answers false on a payload that is short, long or absurd.
+// Each decode() returns false if the payload is too short, too long or makes no sense.
 
 // The first frame of each side.
 struct HelloFrame
 {
-    QString abonentName; // as this side calls itself: shown, never believed; empty to a peer that is not proved
+    QString abonentName; // what this side calls itself: only shown; empty to a peer that is not proved
 
     [[nodiscard]] QByteArray encode() const;
     [[nodiscard]] bool decode(const QByteArray& payload);
 };
 
-// The part of a message that stands from an earlier, broken session.
+// The part of a message that an earlier session left when it broke off.
 struct MessagePart
 {
     quint64 messageId = 0;
     qint64 length = 0;
-    QByteArray sha256; // of these length bytes
+    QByteArray sha256; // of the part
 };
 
-// What one side has got from the other; a long one is cut into several frames.
+// What one side has got from the other; a long list takes several frames.
 struct StateFrame
 {
     bool isLast = true;
@@ -54,10 +54,10 @@ struct OfferFrame
 {
     quint64 messageId = 0;
     qint64 size = 0;
-    qint64 offset = 0; // the data begins here: what stands before it was compared by hash
+    qint64 offset = 0; // the data begins here: the receiver has the bytes before, their hash was compared
     QByteArray sha256; // of the whole
     qint64 modifiedSecs = 0; // seconds since the epoch, 0 when not known
-    QString fileName; // as the sender calls it: to be shown, never to be used as a path
+    QString fileName; // the sender's name for it: shown, never used as a path
 
     [[nodiscard]] QByteArray encode() const;
     [[nodiscard]] bool decode(const QByteArray& payload);
@@ -89,7 +89,7 @@ struct RefusedFrame
 [[nodiscard]] QByteArray encodeReason(const QString& reason);
 [[nodiscard]] bool decodeReason(const QByteArray& payload, QString* reason);
 
-// Exact: false when bytes are not well-formed UTF-8.
+// False when bytes are not well-formed UTF-8.
 [[nodiscard]] bool decodeUtf8(const QByteArray& bytes, QString* text);
 
 } // namespace host

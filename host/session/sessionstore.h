@@ -1,4 +1,4 @@
-// What a session needs of the place where messages are kept.
+// What a session needs from the place where messages are kept.
 #pragma once
 
 #include "host/session/peer.h"
@@ -28,8 +28,8 @@ struct OutgoingMessage
     qint64 modifiedSecs = 0;
 };
 
-// One message that is being received. Deleting the object keeps its part, for the next session to
-// resume.
+// One message that is being received. Deleting the object keeps the part, so that the next session
+// can resume it.
 class IncomingFile
 {
 public:
@@ -42,76 +42,76 @@ public:
     // maxSize; empty at the end or on failure (then *error is set).
     virtual QByteArray readBack(qint64 maxSize, QString* error) = 0;
 
-    // Go on after the first offer.offset bytes of the part and forget the rest of it. Another
-    // session that still holds the part loses it (its append() fails from then on): the sender
-    // has turned to this one. False with *refused set when the message cannot be received:
-    // somebody else has resumed the part since this object was made, it is shorter, it is of
-    // another file than the one offered, or there is no room for the rest.
+    // Goes on after the first offer.offset bytes of the part; what follows them is forgotten. If
+    // another session still holds the part, it loses it (its append() fails from then on), because
+    // the sender now uses this session. False with *refused set when the message cannot be received:
+    // somebody else has resumed the part since this object was made, the part is shorter than
+    // offer.offset, it belongs to another file, or there is no room for the rest.
     virtual bool resume(const OfferFrame& offer, RefusedFrame* refused) = 0;
 
-    // The rest answer an error text, empty on success.
+    // append() and store() return an error text, empty on success.
     virtual QString append(const QByteArray& bytes) = 0;
 
-    // All bytes are there and their hash is right: put the message into the inbox and remember
-    // its id, both so that they outlive a crash. *place tells the user where it is.
+    // Call it when all bytes are there and their hash is right: puts the message into the inbox and
+    // remembers its id, both safe from a crash. *place tells the user where it is.
     virtual QString store(const OfferFrame& offer, QString* place) = 0;
 
-    // Remove the part.
+    // Removes the part.
     virtual void discard() = 0;
 };
 
-// Where messages wait to be sent. Called from the threads of all sessions at once. A peer gets at
-// the queue of its own abonent only, and only if it is proved.
+// Where messages wait to be sent. Called from the threads of all sessions at once. A peer can only
+// have messages for its own abonent, and only if it is proved.
 class OutgoingStore
 {
 public:
     virtual ~OutgoingStore() = default;
 
-    // A message may be claimed by one session only (session: any token that tells sessions
-    // apart); it stays so until it is removed or the session releases all it has.
+    // Claims a message for one session, so that no other session gets it, until the message is removed
+    // or the session releases all that it has. session: any token that differs between sessions.
     virtual std::optional<OutgoingMessage> claimNext(const Peer& peer, const void* session) = 0;
     [[nodiscard]] virtual bool hasUnclaimed(const Peer& peer) const = 0;
     virtual void releaseAll(const void* session) = 0;
-    // All that is queued for peer, claimed or not; nothing for one that is not proved.
+    // All messages that are queued for peer, claimed or not; none if it is not proved.
     [[nodiscard]] virtual QSet<quint64> queuedIds(const Peer& peer) const = 0;
 
     // Null with *error set when the queued copy cannot be read.
     virtual std::unique_ptr<QIODevice> open(const OutgoingMessage& message, QString* error) const = 0;
 
-    // The peer has the message: take it out of the queue. An error text, empty on success.
+    // Takes a message that the peer has out of the queue. An error text, empty on success.
     virtual QString remove(const OutgoingMessage& message) = 0;
 
     enum class Fault
     {
         Remote,
-        Local, // our own copy is to blame: not soon again
-        Recheck, // compare our copy with its hash
+        Local, // our own copy is damaged or unreadable: not to be tried again soon
+        Recheck, // our own copy may be damaged: it is compared with its hash
     };
     // The message stays queued; reason is shown to the user.
     virtual void notDelivered(const OutgoingMessage& message, const QString& reason, Fault fault) = 0;
 };
 
-// Where messages arrive. Called from the threads of all sessions at once. A peer gets at nothing
-// but its own parts and messages (see peerKey()).
+// Where messages arrive. Called from the threads of all sessions at once. A peer can only reach its
+// own parts and messages (see peerKey()).
 class IncomingStore
 {
 public:
     virtual ~IncomingStore() = default;
 
-    // Messages stored from peer of which it may not have heard.
+    // Messages from peer that are stored, but the peer may not know it.
     [[nodiscard]] virtual QVector<quint64> unsettled(const Peer& peer) = 0;
     virtual void settle(const Peer& peer, const QVector<quint64>& messageIds) = 0;
     [[nodiscard]] virtual bool isStored(const Peer& peer, quint64 messageId, const QByteArray& sha256) = 0;
 
-    // Parts left from earlier sessions with peer; they are held only once resumed.
+    // Parts left from earlier sessions with peer. A part is held only after resume().
     virtual std::vector<std::unique_ptr<IncomingFile>> parts(const Peer& peer) = 0;
 
-    // From the first byte: a part of the message is dropped. Null with *refused set when the
-    // message cannot be received.
+    // Begins a message at its first byte and drops a part that there may be. Null with *refused set
+    // when the message cannot be received.
     virtual std::unique_ptr<IncomingFile> begin(const Peer& peer, const OfferFrame& offer, RefusedFrame* refused) = 0;
 };
 
-// What a session needs of the place where messages are kept. Neither is owned.
+// Both sides of the place where messages are kept. Neither is owned.
 struct SessionStore
 {
     OutgoingStore* outgoing = nullptr;

@@ -8,11 +8,14 @@ namespace host {
 
 namespace {
 
-// With its confirmation a filler takes 25 bytes of the line, and whoever takes a file in may
-// have nothing else to say for long.
-constexpr int slowerHeartbeats = 5; // times as long between two
-constexpr int heartbeatsAtUsualPace = 20; // after the last frame: if that stands behind a gap, the next packet frees it
-constexpr int heartbeatsBeforeSilence = 3; // but the other side must not take us for dead: its limit is as ours
+// A filler and its confirmation take 25 bytes of the line. While a file comes in, there may be
+// nothing else to say for a long time, so that fillers become rare.
+constexpr int slowerHeartbeats = 5; // the time between two is so many times longer
+// So many come at the usual pace after the last frame. The link may hold that frame behind a gap,
+// and the next packet makes it deliver the frame.
+constexpr int heartbeatsAtUsualPace = 20;
+// At least so many within the other side's silence limit, which should be the same as ours.
+constexpr int heartbeatsBeforeSilence = 3;
 
 QString seconds(int ms)
 {
@@ -37,7 +40,7 @@ void SessionTimes::sent(bool isHeartbeat, qint64 nowMs)
 qint64 SessionTimes::nextHeartbeatMs(bool hasMuchToReceive, qint64 nowMs) const
 {
     const qint64 usualMs = m_sentMs + m_settings.heartbeatMs;
-    // Not soon after a frame: it may stand behind a gap until the next packet comes.
+    // Not soon after a frame: the link may hold it behind a gap until another packet comes.
     const qint64 slowFromMs = m_saidMs + m_settings.heartbeatMs * heartbeatsAtUsualPace;
     if (!hasMuchToReceive || std::max(usualMs, nowMs) < slowFromMs)
         return usualMs;
@@ -52,7 +55,7 @@ bool SessionTimes::isAliveDue(qint64 nowMs) const
            qMin(m_settings.aliveMs, m_settings.silenceMs / heartbeatsBeforeSilence);
 }
 
-// In the order in which they are looked at.
+// In order of precedence.
 std::array<SessionTimes::Limit, 4> SessionTimes::limits(const Facts& facts) const
 {
     const Limit stalled{m_usefulMs + m_settings.stallMs, SessionEnd::Stalled};

@@ -1,4 +1,4 @@
-// When a session last heard, said and did something, and what follows from that. The time is
+// When a session last heard, said and did something, and what is due because of that. The time is
 // handed in.
 #pragma once
 
