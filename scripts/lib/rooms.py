@@ -10,6 +10,8 @@ import sys
 from collections import Counter
 from pathlib import Path
 
+from testnames import ENDING, is_named_after
+
 # What is installed or run; tests, benches and what they stand on measure these.
 ROOMS = ("common", "plugin", "com", "sim", "host", "tools")
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
@@ -30,7 +32,7 @@ def units(tree, with_code):
 def included_by_tests(tree):
     """What tests include, and what the headers of their own folder do that they include."""
     included = set()
-    for test in (tree / "tests").rglob("*_test.cpp"):
+    for test in (tree / "tests").rglob(f"*{ENDING}"):
         for target in INCLUDE.findall(test.read_text(encoding="utf-8")):
             included.add(target)
             fixture = tree / target
@@ -41,10 +43,10 @@ def included_by_tests(tree):
 
 def units_without_tests(tree, with_code):
     """The units that no test is named after and of which no test includes the header."""
-    names = {test.name for test in (tree / "tests").rglob("*_test.cpp")}
+    tests = sorted((tree / "tests").rglob(f"*{ENDING}"))
     included = included_by_tests(tree)
     return [unit for unit in units(tree, with_code)
-            if f"{unit.stem}_test.cpp" not in names and str(unit.with_suffix(".h")) not in included]
+            if not any(is_named_after(test, unit) for test in tests) and str(unit.with_suffix(".h")) not in included]
 
 
 def counts_of_rooms(files):

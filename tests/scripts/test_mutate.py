@@ -234,6 +234,12 @@ class ProgramsTest(unittest.TestCase):
         self.assertEqual([name for name, _ in self.graph.nearest("room/inner.cpp")],
                          ["inside_test", "unit_test", "whole_test", "aside_test"])
 
+    def test_what_is_named_after_the_unit_and_a_subject_is_its_test_too(self):
+        files = {**self.FILES, "tests/inner_limits_test.cpp": '#include "tests/fixture.h"\n'}
+        targets = self.TARGETS + [target("some_test", "EXECUTABLE", ["tests/inner_limits_test.cpp"], "room")]
+        graph = programs.Graph({target.name: target for target in targets}, files.get)
+        self.assertEqual(graph.nearest("room/inner.cpp")[0], ("some_test", 0))
+
     def test_the_tests_of_another_room_are_farther(self):
         sources = {name: f"tests/{room}/{name}.cpp" for name, room in
                    {"ahead_test": "other", "beside_test": "room", "unit_test": "room"}.items()}

@@ -47,18 +47,21 @@ class RoomsTest(unittest.TestCase):
         self.write("com/link/untested.cpp")
         self.write("com/link/untested.h")
         self.write("com/link/behind.cpp")
+        self.write("com/link/split.cpp")
+        self.write("com/link/spl.cpp")
         self.write("host/inline.h")
         self.write("host/types.h")
         self.write("host/main.cpp")
         self.write("tools/tune_main.cpp")
         self.write("bench/beside.cpp")
         self.write("tests/link/named_test.cpp")
+        self.write("tests/link/split_limits_test.cpp")
         self.write("tests/link/other_test.cpp", '#include "com/link/included.h"\n#include "tests/link/fixture.h"\n'
                                                 '#include "tests/support/shared.h"\n')
         self.write("tests/link/fixture.h", '#include "com/link/behind.h"\n')
         self.write("tests/support/shared.h", '#include "com/link/untested.h"\n')
         self.assertEqual([str(unit) for unit in rooms.units_without_tests(self.tree, {"host/inline.h", "com/link/named.h"})],
-                         ["com/link/untested.cpp", "host/inline.h"])
+                         ["com/link/spl.cpp", "com/link/untested.cpp", "host/inline.h"])
 
     def run_main(self, files):
         self.write("summary.json", json.dumps({"files": files}))

@@ -6,6 +6,8 @@ import re
 from collections import deque, namedtuple
 from pathlib import Path
 
+from testnames import is_named_after
+
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
 # A program that is started or loaded is farther than what the test links.
 STARTED_STEPS = 3
@@ -125,7 +127,7 @@ class Graph:
         return [(name, steps) for steps, _, name in sorted(found)]
 
     def _steps(self, target, needed, file):
-        if any(Path(source).name == f"{Path(file).stem}_test.cpp" for source in target.sources):
+        if any(is_named_after(source, file) for source in target.sources):
             return 0
         starts = dict.fromkeys(target.sources, 0)
         for name, started in needed.items():
