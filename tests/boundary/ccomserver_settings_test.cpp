@@ -8,8 +8,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 
-using testsupport::installRoot;
-
 namespace {
 
 class ServerSettings : public ServerTest

@@ -21,12 +21,18 @@ void writeFile(const QString& path, const QByteArray& bytes)
     ASSERT_EQ(file.write(bytes), bytes.size());
 }
 
+// Never destroyed: a terminated worker may still use one.
+QList<CAbstractProtocol*>& leftSessions()
+{
+    static auto* const left = new QList<CAbstractProtocol*>;
+    return *left;
+}
+
 } // namespace
 
 SessionFactory::~SessionFactory()
 {
-    static auto* const left = new QList<CAbstractProtocol*>;
-    left->append(m_sessions);
+    leftSessions().append(m_sessions);
 }
 
 CAbstractProtocol* SessionFactory::createProtocol(CChannel* channel)
