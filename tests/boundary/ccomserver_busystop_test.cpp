@@ -142,7 +142,7 @@ protected:
 
     void SetUp() override
     {
-        ServerTest::SetUp();
+        ServerCalls::SetUp();
         writeDetails(usualDetails +
                      QStringList{QStringLiteral("transportServerThreadStopTimeout=%1").arg(threadStopTimeoutMs)});
     }
