@@ -58,7 +58,7 @@ QStringList valuesInUse()
           settings.detailsTransportComOpenInterval(), settings.detailsTransportComConnectTimeout(),
           settings.detailsTransportComResetTimeout(), settings.detailsTransportComMaxBytesToWrite(),
           settings.detailsTransportComMaxBytesInQueue(), settings.detailsTransportComResendInterval(),
-          settings.detailsTransportComConfirmationInterval()})
+          settings.detailsTransportComConfirmationInterval(), settings.detailsTransportComAdaptive()})
         values += QString::number(number);
     values += settings.detailsTransportComControlSymbol();
     return values;
