@@ -51,11 +51,11 @@ bool prepareSettings()
 
 char byteOf(int side, int position)
 {
-    const char byte = testsupport::streamByte(static_cast<quint32>(side + 1) * 0x9E3779B9u, position);
+    const char byte = rig::streamByte(static_cast<quint32>(side + 1) * 0x9E3779B9u, position);
     return byte == startSymbol ? 'x' : byte;
 }
 
-class CountingState : public testsupport::SilentState
+class CountingState : public rig::SilentState
 {
 public:
     void addReceivedBytes(int, int bytes) override { received += bytes; }
@@ -136,7 +136,7 @@ struct Party
     int written = 0;
     int delivered = 0;
     Way way; // from here to the other one
-    testsupport::FakeSerialPort port;
+    rig::FakeSerialPort port;
     CountingState state;
     CComChannel channel{&port, &state, side};
 };
@@ -269,7 +269,7 @@ private:
         }
     }
 
-    testsupport::VirtualClock m_clock;
+    rig::VirtualClock m_clock;
     std::array<std::unique_ptr<Party>, 2> m_parties{std::make_unique<Party>(0), std::make_unique<Party>(1)};
     int m_steps = 0;
 };
@@ -348,8 +348,8 @@ private:
         require(bytes.isEmpty(), "what goes out is whole packets");
     }
 
-    testsupport::VirtualClock m_clock;
-    testsupport::FakeSerialPort m_port;
+    rig::VirtualClock m_clock;
+    rig::FakeSerialPort m_port;
     CountingState m_state;
     CComChannel m_channel{&m_port, &m_state, 1};
     qint64 m_injected = 0;

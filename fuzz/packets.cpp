@@ -19,19 +19,19 @@ QByteArray toBytes(const std::string& text)
 
 QByteArray plainWire(int type, int number, const QByteArray& data)
 {
-    return toBytes(testsupport::packetImage(
-        {static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(number), data.toStdString()}));
+    return toBytes(
+        rig::packetImage({static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(number), data.toStdString()}));
 }
 
 bool plainRead(QByteArray& buffer, PlainPacket& packet)
 {
-    using testsupport::PacketPlace;
-    const PacketPlace place = testsupport::findPacket(buffer.constData(), static_cast<std::size_t>(buffer.size()));
+    using rig::PacketPlace;
+    const PacketPlace place = rig::findPacket(buffer.constData(), static_cast<std::size_t>(buffer.size()));
     if (place.kind == PacketPlace::Kind::None)
         buffer.remove(0, static_cast<int>(place.begin));
     if (place.kind != PacketPlace::Kind::Whole)
         return false;
-    const testsupport::WirePacket found = testsupport::packetAt(buffer.constData(), place);
+    const rig::WirePacket found = rig::packetAt(buffer.constData(), place);
     packet.type = found.type;
     packet.number = found.number;
     packet.data = toBytes(found.payload);
@@ -86,8 +86,8 @@ QByteArray pieceBytes(Piece piece, int times, Input& input)
     case LonelyHeader: {
         const int type = input.byte();
         const int number = input.byte();
-        return toBytes(testsupport::headerImage(static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(number),
-                                                static_cast<std::uint16_t>(input.word())));
+        return toBytes(rig::headerImage(static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(number),
+                                        static_cast<std::uint16_t>(input.word())));
     }
     case LongPacket: {
         const int number = input.byte();

@@ -40,8 +40,7 @@ QByteArray sha256(const QByteArray& bytes)
 class Listener
 {
 public:
-    Listener(const std::map<quint64, QByteArray>* messages, hosttest::SealedPeer* peer)
-        : m_messages(messages), m_peer(peer)
+    Listener(const std::map<quint64, QByteArray>* messages, rig::SealedPeer* peer) : m_messages(messages), m_peer(peer)
     {
     }
 
@@ -106,7 +105,7 @@ private:
     }
 
     const std::map<quint64, QByteArray>* m_messages; // not owned
-    hosttest::SealedPeer* m_peer; // not owned
+    rig::SealedPeer* m_peer; // not owned
     bool m_wasOffered = false;
     QByteArray m_content;
     int m_position = 0;
@@ -126,7 +125,7 @@ public:
             m_store.standing[firstStandingId + static_cast<quint64>(i)] = standingPart(i);
         SessionSettings settings;
         settings.abonentName = QStringLiteral("Боб");
-        settings.identity = hosttest::testKey(1);
+        settings.identity = rig::testKey(1);
         // Usually proved, otherwise unproved or refused.
         m_isProved = choice / 16 % 4 < 2;
         if (m_isProved)
@@ -170,7 +169,7 @@ private:
 
     void queue(int index, const QByteArray& content)
     {
-        hosttest::MemoryStore::Outgoing entry;
+        rig::MemoryStore::Outgoing entry;
         entry.message.id = firstQueuedId + static_cast<quint64>(index);
         entry.message.fileName = QStringLiteral("queued %1").arg(index);
         entry.message.size = content.size();
@@ -339,10 +338,10 @@ private:
     }
 
     fuzz::Input& m_input;
-    hosttest::MemoryStore m_store;
+    rig::MemoryStore m_store;
     std::map<quint64, QByteArray> m_queued;
-    hosttest::TestDirectory m_directory;
-    hosttest::SealedPeer m_peer{true};
+    rig::TestDirectory m_directory;
+    rig::SealedPeer m_peer{true};
     Listener m_listener{&m_queued, &m_peer};
     std::unique_ptr<Session> m_session;
     bool m_isProved = false;
@@ -355,7 +354,7 @@ private:
 
 extern "C" __attribute__((visibility("default"))) int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    testsupport::seedRandomness(0); // the same input is the same run
+    rig::seedRandomness(0); // the same input is the same run
     fuzz::Input input(data, size);
     HostilePeer(input).run();
     return 0;

@@ -8,8 +8,8 @@
 
 extern "C" __attribute__((visibility("default"))) int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
-    if (!testsupport::isInFreshRoot())
-        std::_Exit(testsupport::runInFreshRoot(*argv));
+    if (!rig::isInFreshRoot())
+        std::_Exit(rig::runInFreshRoot(*argv));
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString&) {
         if (type == QtFatalMsg)
             std::abort();

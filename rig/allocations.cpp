@@ -16,7 +16,7 @@ Function* next(const char* name)
 
 } // namespace
 
-qint64 testsupport::allocationCount()
+qint64 rig::allocationCount()
 {
     return count;
 }

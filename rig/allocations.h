@@ -5,9 +5,9 @@
 
 #include <QtGlobal>
 
-namespace testsupport {
+namespace rig {
 
 // Of the calling thread since some moment before the first call; to be compared with a later one.
 qint64 allocationCount();
 
-} // namespace testsupport
+} // namespace rig

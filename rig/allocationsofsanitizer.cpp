@@ -21,7 +21,7 @@ void ignore(const volatile void*) {}
 
 } // namespace
 
-qint64 testsupport::allocationCount()
+qint64 rig::allocationCount()
 {
     static const bool isInstalled = __sanitizer_install_malloc_and_free_hooks(countOne, ignore) != 0;
     return isInstalled ? count : -1;

@@ -4,7 +4,7 @@
 
 #include <QMutexLocker>
 
-namespace testsupport {
+namespace rig {
 
 void CallLog::add(const QString& entry)
 {
@@ -49,4 +49,4 @@ bool CallLog::waitForEntry(const QString& entry, int times, int deadlineMs) cons
     return waitFor([&] { return count(entry) >= times; }, deadlineMs < 0 ? defaultDeadlineMs : deadlineMs);
 }
 
-} // namespace testsupport
+} // namespace rig

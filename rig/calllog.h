@@ -5,7 +5,7 @@
 #include <QString>
 #include <QStringList>
 
-namespace testsupport {
+namespace rig {
 
 class CallLog
 {
@@ -26,4 +26,4 @@ private:
     QStringList m_entries;
 };
 
-} // namespace testsupport
+} // namespace rig

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <thread>
 
-namespace testsupport {
+namespace rig {
 
 // Generous: a test must pass with all cores busy and under a sanitizer.
 constexpr int defaultDeadlineMs = 30000;
@@ -28,4 +28,4 @@ bool waitFor(Condition condition, int deadlineMs = defaultDeadlineMs)
     return true;
 }
 
-} // namespace testsupport
+} // namespace rig

@@ -1,6 +1,6 @@
 #include "rig/fakehost.h"
 
-namespace testsupport {
+namespace rig {
 
 int RecordingChannelsState::addChannel(int type, const QString& name, const QString& state)
 {
@@ -34,4 +34,4 @@ void RecordingJournal::addRecord(int kind, const QString& source, const QString&
     m_log->add(QStringLiteral("journal %1 ").arg(kind) + source + QLatin1Char(' ') + text);
 }
 
-} // namespace testsupport
+} // namespace rig

@@ -14,7 +14,7 @@
 
 #include <atomic>
 
-namespace testsupport {
+namespace rig {
 
 class RecordingChannelsState : public CAbstractChannelsState
 {
@@ -46,4 +46,4 @@ private:
     CallLog* m_log; // not owned
 };
 
-} // namespace testsupport
+} // namespace rig

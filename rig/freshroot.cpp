@@ -53,17 +53,17 @@ void removeRoot(const fs::path& root)
 
 } // namespace
 
-bool testsupport::isInFreshRoot()
+bool rig::isInFreshRoot()
 {
     return std::getenv(rootVariable) != nullptr;
 }
 
-QString testsupport::installRoot()
+QString rig::installRoot()
 {
     return QString::fromLocal8Bit(std::getenv(rootVariable));
 }
 
-bool testsupport::isRootPrivate()
+bool rig::isRootPrivate()
 {
     fs::path current = fs::canonical(std::getenv(rootVariable));
     for (;; current = current.parent_path()) {
@@ -79,12 +79,12 @@ bool testsupport::isRootPrivate()
     }
 }
 
-unsigned testsupport::seed()
+unsigned rig::seed()
 {
     return static_cast<unsigned>(std::strtoul(std::getenv(seedVariable), nullptr, 10));
 }
 
-int testsupport::runInFreshRoot(char** argv)
+int rig::runInFreshRoot(char** argv)
 {
     const fs::path program = fs::canonical("/proc/self/exe");
     const fs::path root = makeRoot(program);

@@ -2,7 +2,7 @@
 // under test are read once per process and kept in files beside the program.
 #pragma once
 
-namespace testsupport {
+namespace rig {
 
 // Whether this process already runs in a root of its own.
 bool isInFreshRoot();
@@ -11,4 +11,4 @@ bool isInFreshRoot();
 // removes the root when it has ended and answers its exit status.
 int runInFreshRoot(char** argv);
 
-} // namespace testsupport
+} // namespace rig

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-namespace testsupport {
+namespace rig {
 
 namespace {
 
@@ -138,4 +138,4 @@ bool PacketCutter::next(WirePacket* packet)
     return isWhole;
 }
 
-} // namespace testsupport
+} // namespace rig

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-namespace testsupport {
+namespace rig {
 
 constexpr char startSymbol = 0x7C;
 constexpr std::uint8_t dataType = 0;
@@ -57,4 +57,4 @@ private:
     std::string m_buffer;
 };
 
-} // namespace testsupport
+} // namespace rig

@@ -5,7 +5,7 @@
 
 #include <random>
 
-namespace testsupport {
+namespace rig {
 
 // draw: a generator of numbers, of which the low byte counts.
 template <typename Draw>
@@ -30,4 +30,4 @@ inline char streamByte(quint32 stream, int position)
     return static_cast<char>(value * 2246822519u >> 24);
 }
 
-} // namespace testsupport
+} // namespace rig

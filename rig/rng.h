@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <initializer_list>
 
-namespace soak {
+namespace rig {
 
 class Rng // SplitMix64
 {
@@ -54,4 +54,4 @@ private:
     std::uint64_t m_state;
 };
 
-} // namespace soak
+} // namespace rig

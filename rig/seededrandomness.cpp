@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace testsupport {
+namespace rig {
 
 namespace {
 
@@ -45,4 +45,4 @@ void seedRandomness(std::uint64_t seed)
     randombytes_set_implementation(&source);
 }
 
-} // namespace testsupport
+} // namespace rig

@@ -4,10 +4,10 @@
 
 #include <cstdint>
 
-namespace testsupport {
+namespace rig {
 
 // From here on all random bytes of the process follow from the seed. The first call comes
 // before anything of the cryptography is used.
 void seedRandomness(std::uint64_t seed);
 
-} // namespace testsupport
+} // namespace rig

@@ -4,7 +4,7 @@
 
 #include "plugin/api/cabstractchannelsstate.h"
 
-namespace testsupport {
+namespace rig {
 
 class SilentState : public CAbstractChannelsState
 {
@@ -16,4 +16,4 @@ public:
     void addSentBytes(int, int) override {}
 };
 
-} // namespace testsupport
+} // namespace rig

@@ -5,7 +5,7 @@
 
 #include <QString>
 
-namespace testsupport {
+namespace rig {
 
 // The installation root of this process, without a trailing slash.
 QString installRoot();
@@ -17,4 +17,4 @@ bool isRootPrivate();
 // The seed of this run: TEST_SEED from the environment, else drawn; printed when a test fails.
 unsigned seed();
 
-} // namespace testsupport
+} // namespace rig

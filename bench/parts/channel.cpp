@@ -29,8 +29,8 @@ public:
     }
 
 private:
-    testsupport::FakeSerialPort m_port;
-    testsupport::SilentState m_state;
+    rig::FakeSerialPort m_port;
+    rig::SilentState m_state;
     CComChannel m_channel{&m_port, &m_state, 0};
 };
 

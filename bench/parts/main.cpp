@@ -6,8 +6,8 @@
 
 int main(int argc, char** argv)
 {
-    if (!testsupport::isInFreshRoot())
-        return testsupport::runInFreshRoot(argv);
+    if (!rig::isInFreshRoot())
+        return rig::runInFreshRoot(argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;

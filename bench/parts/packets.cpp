@@ -76,9 +76,9 @@ void makePacket(benchmark::State& state)
     qint64 allocated = 0;
     for (auto _ : state) {
         packet.bytes.clear();
-        const qint64 before = testsupport::allocationCount();
+        const qint64 before = rig::allocationCount();
         packet.makePacket();
-        allocated += testsupport::allocationCount() - before;
+        allocated += rig::allocationCount() - before;
     }
     state.SetBytesProcessed(state.iterations() * state.range(0));
     state.counters["allocations"] = static_cast<double>(allocated) / static_cast<double>(state.iterations());

@@ -33,7 +33,7 @@ QByteArray traffic::dataPackets(int first, int count)
 
 QByteArray traffic::randomBytes(int size)
 {
-    return testsupport::randomBytes(size, 1);
+    return rig::randomBytes(size, 1);
 }
 
 traffic::Burst traffic::garbageInPieces(int size)

@@ -25,8 +25,8 @@
 #include <time.h>
 #include <vector>
 
-using testsupport::StressBed;
-using testsupport::waitFor;
+using rig::StressBed;
+using rig::waitFor;
 
 namespace {
 
@@ -77,7 +77,7 @@ sim::LineSettings line()
 // The port's usual intervals: the bed shortens them for its tests.
 void useDefaultSettings()
 {
-    QFile settings(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    QFile settings(rig::installRoot() + QStringLiteral("/settings/settings.ini"));
     if (settings.exists() && !settings.remove())
         fail(QStringLiteral("cannot remove %1: %2").arg(settings.fileName(), settings.errorString()));
 }
@@ -114,11 +114,11 @@ double bareThreadPercent(const QString& path, int ms)
 QJsonObject measureIdle(int ports, const Lengths& lengths)
 {
     tell(QStringLiteral("%1 idle ports").arg(ports));
-    StressBed bed(ports, line(), [] { return testsupport::SessionPlan(); });
+    StressBed bed(ports, line(), [] { return rig::SessionPlan(); });
     useDefaultSettings();
     bed.inServer([] {}); // its event loop runs
     const double bare = bareThreadPercent(bed.port(1), lengths.idleMs / 2);
-    const testsupport::Resources before = testsupport::currentResources();
+    const rig::Resources before = rig::currentResources();
     const ThreadTimes others = threadTimes();
     QElapsedTimer timer;
     timer.start();
@@ -130,7 +130,7 @@ QJsonObject measureIdle(int ports, const Lengths& lengths)
     const ThreadTimes then = threadTimes();
     const qint64 passedNs = passTime(lengths.idleMs);
     const qint64 used = usedNs(then, threadTimes(), others);
-    const testsupport::Resources idle = testsupport::currentResources();
+    const rig::Resources idle = rig::currentResources();
     timer.restart();
     bed.stopFromWithin();
     const qint64 stopMs = timer.elapsed();
@@ -156,7 +156,7 @@ double median(std::vector<double> values)
 QJsonObject measureCalls(const Lengths& lengths)
 {
     tell(QStringLiteral("%1 calls").arg(lengths.calls));
-    StressBed bed(2, line(), [] { return testsupport::SessionPlan(); });
+    StressBed bed(2, line(), [] { return rig::SessionPlan(); });
     useDefaultSettings();
     bed.start();
     std::vector<double> toDialMs;
@@ -194,8 +194,8 @@ QJsonObject measureCalls(const Lengths& lengths)
 
 int main(int argc, char** argv)
 {
-    if (!testsupport::isInFreshRoot())
-        return testsupport::runInFreshRoot(argv);
+    if (!rig::isInFreshRoot())
+        return rig::runInFreshRoot(argv);
     QCoreApplication application(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription(

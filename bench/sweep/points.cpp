@@ -32,20 +32,20 @@ constexpr PointValue pointValues[] = {
 double readValue(const PointValue& kind, const std::string& text)
 {
     if (kind.isWhole)
-        return soak::wholeNumber(text, kind.least, kind.most);
-    const double chance = soak::number(text);
+        return rig::wholeNumber(text, kind.least, kind.most);
+    const double chance = rig::number(text);
     if (chance >= kind.most)
-        soak::fail("not a chance below 1: " + text);
+        rig::fail("not a chance below 1: " + text);
     return chance;
 }
 
 std::vector<double> readValues(const PointValue& kind, const std::string& text)
 {
     std::vector<double> values;
-    for (const std::string& part : soak::parts(text))
+    for (const std::string& part : rig::parts(text))
         values.push_back(readValue(kind, part));
     if (values.empty())
-        soak::fail(std::string(kind.option) + " needs a value");
+        rig::fail(std::string(kind.option) + " needs a value");
     return values;
 }
 
@@ -78,7 +78,7 @@ Grid::Grid()
 {
 }
 
-bool Grid::takeOption(soak::CommandLine& line)
+bool Grid::takeOption(rig::CommandLine& line)
 {
     const std::string& name = line.option();
     if (const PointValue* kind = pointValueOf(name)) {
@@ -88,9 +88,9 @@ bool Grid::takeOption(soak::CommandLine& line)
     } else if (name == "--ways") {
         m_ways = line.value();
         if (m_ways != "one" && m_ways != "both" && m_ways != "all")
-            soak::fail("--ways takes one, both or all");
+            rig::fail("--ways takes one, both or all");
     } else if (name == "--buffer") {
-        m_bufferBytes = soak::wholeNumber(line.value(), 1, tune::largestBufferBytes);
+        m_bufferBytes = rig::wholeNumber(line.value(), 1, tune::largestBufferBytes);
     } else {
         return false;
     }
@@ -138,7 +138,7 @@ std::vector<Point> readPoints(std::istream& list, int bufferBytes)
         }
         std::string ways;
         if (!(words >> ways) || (ways != "one" && ways != "both") || words >> word)
-            soak::fail("not a point: " + text);
+            rig::fail("not a point: " + text);
         point.bothWays = ways == "both";
         points.push_back(point);
     }

@@ -25,7 +25,7 @@ public:
     Grid();
 
     // Whether the option at hand is one of the grid's, which is taken with its value.
-    bool takeOption(soak::CommandLine& line);
+    bool takeOption(rig::CommandLine& line);
     std::vector<Point> points() const;
     int bufferBytes() const { return m_bufferBytes; }
 

@@ -76,7 +76,7 @@ constexpr double mostBytes = 1e9; // of a file, which is held in memory more tha
 Options readOptions(int argc, char** argv)
 {
     Options options;
-    soak::CommandLine line(argc, argv, usageText);
+    rig::CommandLine line(argc, argv, usageText);
     while (line.next()) {
         const std::string& name = line.option();
         if (options.grid.takeOption(line))
@@ -86,21 +86,21 @@ Options readOptions(int argc, char** argv)
         } else if (name == "--driver") {
             const std::string driver = line.value();
             if (driver != "any" && driver != "low")
-                soak::fail("--driver takes any or low");
+                rig::fail("--driver takes any or low");
             options.wakesWhenLow = driver == "low";
         } else if (name == "--adaptive") {
             const std::string ends = line.value();
             if (ends != "none" && ends != "one" && ends != "both")
-                soak::fail("--adaptive takes none, one or both");
+                rig::fail("--adaptive takes none, one or both");
             options.adaptiveEnds = ends == "none" ? 0 : ends == "one" ? 1 : 2;
         } else if (name == "--seconds") {
-            options.seconds = soak::number(line.value());
+            options.seconds = rig::number(line.value());
         } else if (name == "--pause") {
-            options.pauseMs = soak::wholeNumber(line.value(), 0, 600000);
+            options.pauseMs = rig::wholeNumber(line.value(), 0, 600000);
         } else if (name == "--seeds") {
-            options.seeds = soak::wholeNumber(line.value(), 1, 1000000);
+            options.seeds = rig::wholeNumber(line.value(), 1, 1000000);
         } else if (name == "--jobs") {
-            options.jobs = std::max(1, soak::wholeNumber(line.value(), 0, 1000));
+            options.jobs = std::max(1, rig::wholeNumber(line.value(), 0, 1000));
         } else {
             line.unknownOption();
         }
@@ -113,8 +113,8 @@ void checkLengths(const std::vector<Point>& points, const Options& options)
     for (const Point& point : points) {
         const double bytes = options.seconds * point.line.rate / 10;
         if (!(bytes >= 1 && bytes <= mostBytes))
-            soak::fail("--seconds makes a file of no byte, or of more than 1000000000, at " +
-                       std::to_string(point.line.rate) + " bit/s");
+            rig::fail("--seconds makes a file of no byte, or of more than 1000000000, at " +
+                      std::to_string(point.line.rate) + " bit/s");
     }
 }
 
@@ -136,7 +136,7 @@ std::string runText(const Point& point, const Options& options, int seed)
 int runHere(const std::string& text)
 {
     std::istringstream words(text);
-    measure::Course course;
+    rig::measure::Course course;
     tune::LinkProfile profile;
     bool bothWays = false;
     int adaptiveEnds = 0;
@@ -146,7 +146,7 @@ int runHere(const std::string& text)
         profile.confirmationIntervalMs >> bothWays >> course.wakesWhenLow >> course.pauseMs >> adaptiveEnds >>
         seconds >> course.seed;
     if (!words)
-        soak::fail("not a run: " + text);
+        rig::fail("not a run: " + text);
     course.adaptive = {adaptiveEnds > 0, adaptiveEnds > 1};
     course.bytes[0] = static_cast<std::int64_t>(seconds * course.line.rate / 10);
     course.bytes[1] = bothWays ? course.bytes[0] : 0;
@@ -154,9 +154,9 @@ int runHere(const std::string& text)
     int argc = 1;
     char name[] = "link-sweep";
     char* argv[] = {name, nullptr};
-    soak::beginRunProcess();
+    rig::beginRunProcess();
     QCoreApplication application(argc, argv);
-    const measure::Outcome outcome = measure::run(course, profile);
+    const rig::measure::Outcome outcome = rig::measure::run(course, profile);
     std::printf("%.6f %.6f %.6f %.6f %s\n", outcome.share[0], outcome.share[1], outcome.busy[0], outcome.busy[1],
                 outcome.error.c_str());
     return outcome.error.empty() ? 0 : 1;
@@ -194,7 +194,7 @@ public:
 
     void start(std::size_t index, const Point& point, const Options& options, int seed)
     {
-        m_installation.prepare(measure::channelSettings(point.profile));
+        m_installation.prepare(rig::measure::channelSettings(point.profile));
         m_point = index;
         m_output.clear();
         m_run = m_installation.start({"--run", runText(point, options, seed)});
@@ -220,9 +220,9 @@ public:
         std::istringstream result(m_output);
         std::string error;
         if (!(result >> share[0] >> share[1] >> busy[0] >> busy[1]))
-            error = "the run broke off: " + soak::describeEnd(m_status);
+            error = "the run broke off: " + rig::describeEnd(m_status);
         else if (!std::getline(result >> std::ws, error) && m_status != 0)
-            error = soak::describeEnd(m_status);
+            error = rig::describeEnd(m_status);
         if (!error.empty())
             figures->error = error;
         const int slower = point.bothWays && share[1] < share[0] ? 1 : 0;
@@ -240,8 +240,8 @@ private:
         m_run = {};
     }
 
-    soak::RunInstallation m_installation;
-    soak::StartedRun m_run;
+    rig::RunInstallation m_installation;
+    rig::StartedRun m_run;
     std::size_t m_point = 0;
     std::string m_output;
     int m_status = 0;
@@ -261,7 +261,7 @@ class Sweep
 {
 public:
     // options and stop are not owned.
-    Sweep(std::vector<Point> points, const Options& options, soak::StopRequest& stop)
+    Sweep(std::vector<Point> points, const Options& options, rig::StopRequest& stop)
         : m_points(std::move(points)), m_options(options), m_stop(stop), m_figures(m_points.size()),
           m_slots(static_cast<std::size_t>(options.jobs))
     {
@@ -328,7 +328,7 @@ private:
 
     const std::vector<Point> m_points;
     const Options& m_options;
-    soak::StopRequest& m_stop;
+    rig::StopRequest& m_stop;
     std::vector<Figures> m_figures;
     std::vector<Slot> m_slots;
     std::size_t m_printed = 0;
@@ -342,7 +342,7 @@ int runProgram(int argc, char** argv)
     const std::vector<Point> points =
         options.points ? sweep::readPoints(std::cin, options.grid.bufferBytes()) : options.grid.points();
     checkLengths(points, options);
-    soak::StopRequest stop;
+    rig::StopRequest stop;
     const bool isGood = Sweep(points, options, stop).run();
     stop.obey();
     return isGood ? 0 : 1;
@@ -352,5 +352,5 @@ int runProgram(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    return soak::exitStatusOf("link-sweep", runProgram, argc, argv);
+    return rig::exitStatusOf("link-sweep", runProgram, argc, argv);
 }

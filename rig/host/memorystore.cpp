@@ -3,7 +3,7 @@
 #include <QBuffer>
 #include <QCryptographicHash>
 
-namespace hosttest {
+namespace rig {
 
 using namespace host;
 
@@ -194,4 +194,4 @@ std::unique_ptr<IncomingFile> MemoryStore::begin(const Peer&, const OfferFrame& 
     return std::make_unique<MemoryFile>(this, offer.messageId);
 }
 
-} // namespace hosttest
+} // namespace rig

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <set>
 
-namespace hosttest {
+namespace rig {
 
 struct InboxEntry
 {
@@ -66,4 +66,4 @@ public:
     bool refuseBegin = false;
 };
 
-} // namespace hosttest
+} // namespace rig

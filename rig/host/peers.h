@@ -3,7 +3,7 @@
 
 #include "host/session/peer.h"
 
-namespace hosttest {
+namespace rig {
 
 inline host::Peer provedPeer(const QString& abonent)
 {
@@ -23,4 +23,4 @@ inline host::Peer unprovedPeer(char seed)
     return peer;
 }
 
-} // namespace hosttest
+} // namespace rig

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace hosttest {
+namespace rig {
 
 using namespace host;
 
@@ -93,4 +93,4 @@ void SealedPeer::append(const QByteArray& bytes)
     m_reader.append(m_opening.takeRest());
 }
 
-} // namespace hosttest
+} // namespace rig

@@ -11,7 +11,7 @@
 #include <optional>
 #include <set>
 
-namespace hosttest {
+namespace rig {
 
 // A key of that number: the same one each time.
 std::shared_ptr<const host::KeyPair> testKey(int number);
@@ -70,4 +70,4 @@ private:
     bool m_hears = false;
 };
 
-} // namespace hosttest
+} // namespace rig

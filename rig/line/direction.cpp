@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace soak {
+namespace rig {
 
 namespace {
 
@@ -150,11 +150,11 @@ QByteArray Direction::garbage()
 {
     const int size = static_cast<int>(1 + m_rng.below(static_cast<std::uint64_t>(m_faults.garbageBytes)));
     switch (m_rng.below(5)) {
-    case 0: return QByteArray(size, testsupport::startSymbol);
+    case 0: return QByteArray(size, rig::startSymbol);
     case 1: {
         const std::string header =
-            testsupport::headerImage(static_cast<std::uint8_t>(m_rng.below(3)), static_cast<std::uint8_t>(m_rng.next()),
-                                     static_cast<std::uint16_t>(1 + m_rng.below(65535)));
+            rig::headerImage(static_cast<std::uint8_t>(m_rng.below(3)), static_cast<std::uint8_t>(m_rng.next()),
+                             static_cast<std::uint16_t>(1 + m_rng.below(65535)));
         return QByteArray::fromStdString(header).left(size);
     }
     case 2: return "\r\nNO CARRIER\r\n";
@@ -192,4 +192,4 @@ bool Direction::happens(double probability)
     return does;
 }
 
-} // namespace soak
+} // namespace rig

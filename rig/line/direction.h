@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <optional>
 
-namespace soak {
+namespace rig {
 
 // What goes wrong on the way of one direction. All zero: nothing.
 struct Faults
@@ -113,4 +113,4 @@ private:
     std::uint64_t m_bytesOverrun = 0;
 };
 
-} // namespace soak
+} // namespace rig

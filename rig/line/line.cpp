@@ -4,7 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-namespace soak {
+namespace rig {
 
 Line::Line(const LineSettings& settings, std::uint64_t seed)
     : m_directions{Direction(settings, seed), Direction(settings, ~seed)}, m_ports{Port(this, 0), Port(this, 1)}
@@ -56,4 +56,4 @@ int Line::Port::modemLines() const
     return TIOCM_DSR | TIOCM_CTS | (m_line->m_carrier ? TIOCM_CAR : 0);
 }
 
-} // namespace soak
+} // namespace rig

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-namespace soak {
+namespace rig {
 
 // Both ways, and the two ports at its ends (0 and 1).
 class Line : public World
@@ -68,4 +68,4 @@ private:
     Listener* m_listener = nullptr;
 };
 
-} // namespace soak
+} // namespace rig

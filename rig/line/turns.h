@@ -6,7 +6,7 @@
 
 #include <array>
 
-namespace soak {
+namespace rig {
 
 // Lets time pass until the next turn of either end; the end whose turn it is.
 template <typename End>
@@ -29,4 +29,4 @@ void readAll(CChannel& channel, int bytesAtOnce, Take take)
     }
 }
 
-} // namespace soak
+} // namespace rig

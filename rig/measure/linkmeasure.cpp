@@ -19,13 +19,13 @@
 #include <algorithm>
 #include <memory>
 
-namespace measure {
+namespace rig::measure {
 
 namespace {
 
-using soak::nowNs;
-using soak::nsPerMs;
-using soak::nsPerS;
+using rig::nowNs;
+using rig::nsPerMs;
+using rig::nsPerS;
 
 constexpr int bitsPerByteOnLine = 10;
 
@@ -43,12 +43,12 @@ public:
         : m_pauseNs(course.pauseMs * nsPerMs), m_rng(course.seed * 16 + static_cast<std::uint64_t>(end))
     {
         schedulePause();
-        m_port.setPortName(QString::fromStdString(soak::Line::path(end)));
+        m_port.setPortName(QString::fromStdString(rig::Line::path(end)));
         m_isOpen = m_port.open(QIODevice::ReadWrite);
         m_channel = std::make_unique<CComChannel>(&m_port, &m_state, end, course.adaptive[end]);
         host::SessionSettings settings;
         settings.abonentName = QString::number(end);
-        settings.identity = hosttest::testKey(end);
+        settings.identity = rig::testKey(end);
         m_directory.everybodyElse = QString::number(1 - end);
         const host::SessionCall call{end == 0, m_directory.everybodyElse};
         m_session = std::make_unique<host::Session>(
@@ -57,7 +57,7 @@ public:
         m_pass = std::make_unique<host::SessionPass>(m_session.get(), m_channel.get(), profile.maxBytesToWrite, nowMs);
     }
 
-    hosttest::MemoryStore store;
+    rig::MemoryStore store;
 
     bool isOpen() const { return m_isOpen; }
     std::int64_t nextTurnNs() const { return m_nextTurnNs; }
@@ -91,13 +91,13 @@ private:
     void schedulePause() { m_nextPauseNs = nowNs() + static_cast<std::int64_t>(m_rng.below(2 * meanBetweenPausesNs)); }
 
     const std::int64_t m_pauseNs;
-    soak::Rng m_rng;
+    rig::Rng m_rng;
     std::int64_t m_nextPauseNs = 0;
-    testsupport::SilentState m_state;
+    rig::SilentState m_state;
     QSerialPort m_port;
     bool m_isOpen = false;
     std::unique_ptr<CComChannel> m_channel;
-    hosttest::TestDirectory m_directory;
+    rig::TestDirectory m_directory;
     std::unique_ptr<host::Session> m_session;
     std::unique_ptr<host::SessionPass> m_pass;
     std::int64_t m_nextTurnNs = 0;
@@ -105,9 +105,9 @@ private:
     bool m_wasOffered = false;
 };
 
-soak::LineSettings lineSettings(const Course& course)
+rig::LineSettings lineSettings(const Course& course)
 {
-    soak::LineSettings line;
+    rig::LineSettings line;
     line.bitsPerSecond = course.line.rate;
     line.delayNs = course.line.delayMs * nsPerMs;
     line.chunkBytes = std::max(1, course.line.rate / 10 / 1000); // a millisecond's
@@ -140,12 +140,12 @@ public:
         : m_course(course),
           m_line(lineSettings(course), course.seed), m_ends{End(0, course, profile), End(1, course, profile)}
     {
-        soak::Rng rng(course.seed + 1);
-        soak::Faults faults;
+        rig::Rng rng(course.seed + 1);
+        rig::Faults faults;
         faults.bitErrorRate = course.line.bitErrorRate;
         for (int end = 0; end < 2; ++end) {
             m_line.setFaults(end, faults);
-            m_files[end] = testsupport::drawBytes(static_cast<int>(course.bytes[end]), [&] { return rng.next(); });
+            m_files[end] = rig::drawBytes(static_cast<int>(course.bytes[end]), [&] { return rng.next(); });
             if (course.bytes[end] > 0)
                 m_ends[end].store.queue(QStringLiteral("file"), m_files[end]);
         }
@@ -162,7 +162,7 @@ public:
             graceNs + static_cast<std::int64_t>(static_cast<double>(most) / bytesPerS() / leastShare) * nsPerS;
         bool isDone = false;
         while (!isDone) {
-            End& end = soak::awaitNextTurn(m_ends);
+            End& end = rig::awaitNextTurn(m_ends);
             end.turn();
             if (m_ends[0].knowsPeer() && m_ends[1].knowsPeer())
                 noteMoment(startNs, &outcome.bothProved);
@@ -208,14 +208,14 @@ private:
     }
 
     const Course& m_course;
-    soak::Line m_line;
+    rig::Line m_line;
     std::array<End, 2> m_ends;
     std::array<QByteArray, 2> m_files;
 };
 
 } // namespace
 
-soak::ChannelSettings channelSettings(const tune::LinkProfile& profile)
+rig::ChannelSettings channelSettings(const tune::LinkProfile& profile)
 {
     return {profile.packetSize, profile.maxBytesToWrite, profile.maxBytesInQueue, profile.resendIntervalMs,
             profile.confirmationIntervalMs};
@@ -232,4 +232,4 @@ Outcome run(const Course& course, const tune::LinkProfile& profile)
     return run.run();
 }
 
-} // namespace measure
+} // namespace rig::measure

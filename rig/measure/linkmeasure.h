@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-namespace measure {
+namespace rig::measure {
 
 struct Course
 {
@@ -36,10 +36,10 @@ struct Outcome
     Moment firstOffer; // has arrived
 };
 
-soak::ChannelSettings channelSettings(const tune::LinkProfile& profile);
+rig::ChannelSettings channelSettings(const tune::LinkProfile& profile);
 
 // Needs virtual time, started, and an application object; settings.ini holds the profile,
 // which the channel reads once in a process: one course in a process. Sets the packet size.
 Outcome run(const Course& course, const tune::LinkProfile& profile);
 
-} // namespace measure
+} // namespace rig::measure

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace testsupport {
+namespace rig {
 
 FakeSerialPort::FakeSerialPort()
 {
@@ -83,4 +83,4 @@ void FakeSerialPort::drain()
         m_written += chunk;
 }
 
-} // namespace testsupport
+} // namespace rig

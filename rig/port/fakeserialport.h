@@ -9,7 +9,7 @@
 #include <functional>
 #include <utility>
 
-namespace testsupport {
+namespace rig {
 
 class FakeSerialPort : public QSerialPort
 {
@@ -68,4 +68,4 @@ private:
     QList<int> m_writeWaits;
 };
 
-} // namespace testsupport
+} // namespace rig

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-std::string soak::settingsText(const ChannelSettings& settings)
+std::string rig::settingsText(const ChannelSettings& settings)
 {
     std::ostringstream text;
     text << "[Details]\n"

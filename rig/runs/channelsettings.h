@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace soak {
+namespace rig {
 
 struct ChannelSettings
 {
@@ -17,4 +17,4 @@ struct ChannelSettings
 // All but the packet size as settings.ini has them: the channel reads them once in a process.
 std::string settingsText(const ChannelSettings& settings);
 
-} // namespace soak
+} // namespace rig

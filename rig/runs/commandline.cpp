@@ -6,7 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace soak {
+namespace rig {
 
 bool CommandLine::next()
 {
@@ -83,4 +83,4 @@ int exitStatusOf(const char* program, int (*run)(int argc, char** argv), int arg
     }
 }
 
-} // namespace soak
+} // namespace rig

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace soak {
+namespace rig {
 
 class CommandLine
 {
@@ -43,4 +43,4 @@ std::vector<std::string> parts(const std::string& text);
 // The exit status of run(), or 2 and a message on the standard error for what it throws.
 int exitStatusOf(const char* program, int (*run)(int argc, char** argv), int argc, char** argv);
 
-} // namespace soak
+} // namespace rig

@@ -13,7 +13,7 @@
 
 namespace fs = std::filesystem;
 
-namespace soak {
+namespace rig {
 
 namespace {
 
@@ -107,4 +107,4 @@ StartedRun RunInstallation::start(const std::vector<std::string>& arguments) con
     return {child, ends[0]};
 }
 
-} // namespace soak
+} // namespace rig

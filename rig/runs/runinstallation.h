@@ -9,7 +9,7 @@
 #include <sys/types.h>
 #include <vector>
 
-namespace soak {
+namespace rig {
 
 // A run on its way: the caller closes the descriptor and waits for the process.
 struct StartedRun
@@ -43,4 +43,4 @@ private:
     std::filesystem::path m_program;
 };
 
-} // namespace soak
+} // namespace rig

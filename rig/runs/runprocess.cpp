@@ -12,7 +12,7 @@ void keepQuiet(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 } // namespace
 
-void soak::beginRunProcess()
+void rig::beginRunProcess()
 {
     qInstallMessageHandler(keepQuiet);
     startVirtualTime(wallClockMs);

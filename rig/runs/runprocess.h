@@ -1,10 +1,10 @@
 // What every process begins with that runs something in simulated time.
 #pragma once
 
-namespace soak {
+namespace rig {
 
 // Starts virtual time, on the same day for all, and keeps Qt's debug output quiet, where the
 // channel tells of each damaged packet.
 void beginRunProcess();
 
-} // namespace soak
+} // namespace rig

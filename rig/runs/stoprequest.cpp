@@ -2,7 +2,7 @@
 
 #include <initializer_list>
 
-namespace soak {
+namespace rig {
 
 namespace {
 
@@ -64,4 +64,4 @@ void StopRequest::obey()
     sigprocmask(SIG_UNBLOCK, &it, nullptr);
 }
 
-} // namespace soak
+} // namespace rig

@@ -5,7 +5,7 @@
 #include <csignal>
 #include <poll.h>
 
-namespace soak {
+namespace rig {
 
 class StopRequest
 {
@@ -28,4 +28,4 @@ private:
     sigset_t m_usualMask;
 };
 
-} // namespace soak
+} // namespace rig

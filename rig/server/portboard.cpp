@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace testsupport {
+namespace rig {
 
 PortBoard::PortBoard(int serverId) : m_serverId(serverId), m_lastId(serverId) {}
 
@@ -123,4 +123,4 @@ void CountingJournal::addRecord(int, const QString&, const QString&)
     ++m_count;
 }
 
-} // namespace testsupport
+} // namespace rig

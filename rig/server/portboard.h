@@ -13,7 +13,7 @@
 
 #include <atomic>
 
-namespace testsupport {
+namespace rig {
 
 class PortBoard : public CAbstractChannelsState
 {
@@ -67,4 +67,4 @@ private:
     std::atomic<int> m_count{0};
 };
 
-} // namespace testsupport
+} // namespace rig

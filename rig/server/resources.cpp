@@ -9,7 +9,7 @@
 // There in a program that a sanitizer is linked into, whose allocator mallinfo2() does not know.
 extern "C" std::size_t __attribute__((weak)) __sanitizer_get_current_allocated_bytes();
 
-namespace testsupport {
+namespace rig {
 
 namespace {
 
@@ -47,4 +47,4 @@ Resources currentResources()
     return now;
 }
 
-} // namespace testsupport
+} // namespace rig

@@ -3,7 +3,7 @@
 
 #include <QtGlobal>
 
-namespace testsupport {
+namespace rig {
 
 struct Resources
 {
@@ -15,4 +15,4 @@ struct Resources
 
 Resources currentResources();
 
-} // namespace testsupport
+} // namespace rig

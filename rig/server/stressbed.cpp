@@ -7,7 +7,7 @@
 #include <QDirIterator>
 #include <QFile>
 
-namespace testsupport {
+namespace rig {
 
 namespace {
 
@@ -172,4 +172,4 @@ bool StressBed::anyWasTerminated() const
     return false;
 }
 
-} // namespace testsupport
+} // namespace rig

@@ -17,7 +17,7 @@
 #include <functional>
 #include <memory>
 
-namespace testsupport {
+namespace rig {
 
 class StressBed
 {
@@ -69,4 +69,4 @@ private:
     QThread m_thread;
 };
 
-} // namespace testsupport
+} // namespace rig

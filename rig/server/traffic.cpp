@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-namespace testsupport {
+namespace rig {
 
 namespace {
 
@@ -334,4 +334,4 @@ void TrafficSession::end()
     emit finished();
 }
 
-} // namespace testsupport
+} // namespace rig

@@ -16,7 +16,7 @@
 #include <optional>
 #include <vector>
 
-namespace testsupport {
+namespace rig {
 
 // The bytes of one stream, drawn from its number; rich in what a link takes for the
 // beginning of a packet and a modem for its escape. Never "AT": a modem that has lost its
@@ -151,4 +151,4 @@ private:
     QTimer m_timer;
 };
 
-} // namespace testsupport
+} // namespace rig

@@ -19,7 +19,7 @@
 #include <sanitizer/common_interface_defs.h>
 #endif
 
-namespace soak {
+namespace rig {
 
 namespace {
 
@@ -251,7 +251,7 @@ int Fibers::process()
     return running ? running->process() : 0;
 }
 
-} // namespace soak
+} // namespace rig
 
 // ---- what the C library is asked for in a fiber ----
 
@@ -271,7 +271,7 @@ INTERPOSED long syscall(long number, ...) noexcept
         // A system call takes addresses as numbers. NOLINTNEXTLINE(performance-no-int-to-ptr)
         int* const word = reinterpret_cast<int*>(arguments[0]);
         const long result =
-            soak::lockCall(word, static_cast<int>(arguments[1]), static_cast<int>(arguments[2]), &isOurs);
+            rig::lockCall(word, static_cast<int>(arguments[1]), static_cast<int>(arguments[2]), &isOurs);
         if (isOurs)
             return result;
     }
@@ -280,6 +280,6 @@ INTERPOSED long syscall(long number, ...) noexcept
 
 INTERPOSED pid_t getpid() noexcept
 {
-    const int process = soak::Fibers::process();
+    const int process = rig::Fibers::process();
     return process != 0 ? process : static_cast<pid_t>(syscall(SYS_getpid));
 }

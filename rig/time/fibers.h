@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-namespace soak {
+namespace rig {
 
 class Fiber;
 
@@ -46,4 +46,4 @@ private:
     std::uint64_t m_nextOrder = 0;
 };
 
-} // namespace soak
+} // namespace rig

@@ -27,7 +27,7 @@ bool showsWallClock(clockid_t id)
 
 } // namespace
 
-namespace testsupport {
+namespace rig {
 
 void startClock(const ClockStart& start)
 {
@@ -106,9 +106,9 @@ timespec toTimespec(std::int64_t ns)
     return {static_cast<time_t>((ns - part) / nsPerS), static_cast<long>(part)};
 }
 
-} // namespace testsupport
+} // namespace rig
 
-using namespace testsupport;
+using namespace rig;
 
 // These stand before libc's in the program, for its libraries too.
 

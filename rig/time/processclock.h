@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <ctime>
 
-namespace testsupport {
+namespace rig {
 
 struct ClockStart
 {
@@ -40,4 +40,4 @@ void setNanosleep(int (*sleepNs)(std::int64_t ns));
 std::int64_t toNs(const timespec& time);
 timespec toTimespec(std::int64_t ns);
 
-} // namespace testsupport
+} // namespace rig

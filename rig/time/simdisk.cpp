@@ -12,7 +12,7 @@
 
 namespace fs = std::filesystem;
 
-namespace soak {
+namespace rig {
 
 namespace {
 
@@ -295,4 +295,4 @@ void SimDisk::forgetAll()
     m_journal.clear();
 }
 
-} // namespace soak
+} // namespace rig

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-namespace soak {
+namespace rig {
 
 class SimDisk
 {
@@ -157,4 +157,4 @@ void setProcessAlive(int process, bool alive);
 // What the process finds free on its volume comes from this disk.
 void setDiskOfProcess(int process, SimDisk* disk);
 
-} // namespace soak
+} // namespace rig

@@ -27,14 +27,14 @@
 
 namespace {
 
-using soak::SimDisk;
+using rig::SimDisk;
 using Call = SimDisk::Call;
 
 constexpr std::uint64_t freeBlocks = 1 << 22;
 constexpr std::uint64_t blocksWhenShort = 1 << 10; // less than an inbox leaves free
 
 bool simulating = false;
-soak::Rng* entropy = nullptr; // never freed
+rig::Rng* entropy = nullptr; // never freed
 std::set<int> alive;
 std::map<int, SimDisk*> diskOfProcess;
 
@@ -65,12 +65,12 @@ std::string pathAt(int directory, const char* path)
 
 SimDisk* diskOf(const std::string& path)
 {
-    return simulating && soak::Directly::depth == 0 ? SimDisk::of(path) : nullptr;
+    return simulating && rig::Directly::depth == 0 ? SimDisk::of(path) : nullptr;
 }
 
 SimDisk* diskOf(int descriptor)
 {
-    return simulating && soak::Directly::depth == 0 ? SimDisk::of(pathOf(descriptor)) : nullptr;
+    return simulating && rig::Directly::depth == 0 ? SimDisk::of(pathOf(descriptor)) : nullptr;
 }
 
 std::uint64_t inodeOf(int descriptor)
@@ -119,7 +119,7 @@ int openOn(SimDisk* disk, const std::string& path, int flags, mode_t mode)
     return descriptor;
 }
 
-class DiskCalls : public soak::FileCalls
+class DiskCalls : public rig::FileCalls
 {
 public:
     int open(const char* path, int flags, mode_t mode) override
@@ -218,8 +218,8 @@ int showTimes(long result, Info* info)
 {
     const std::int64_t changed = result == 0 && simulating ? SimDisk::changedNs(info->st_dev, info->st_ino) : -1;
     if (changed >= 0) {
-        const std::int64_t wallNs = changed + soak::wallClockOffsetNs();
-        info->st_mtim = {wallNs / soak::nsPerS, wallNs % soak::nsPerS};
+        const std::int64_t wallNs = changed + rig::wallClockOffsetNs();
+        info->st_mtim = {wallNs / rig::nsPerS, wallNs % rig::nsPerS};
         info->st_ctim = info->st_mtim;
     }
     return static_cast<int>(result);
@@ -228,7 +228,7 @@ int showTimes(long result, Info* info)
 template <typename Space>
 void showSpace(Space* space)
 {
-    const auto found = diskOfProcess.find(soak::Fibers::process());
+    const auto found = diskOfProcess.find(rig::Fibers::process());
     if (found == diskOfProcess.end())
         return;
     space->f_bsize = space->f_frsize = 4096;
@@ -240,7 +240,7 @@ void showSpace(Space* space)
 
 } // namespace
 
-void soak::beginSimulatedDisks(std::uint64_t seed)
+void rig::beginSimulatedDisks(std::uint64_t seed)
 {
     static DiskCalls calls;
     entropy = new Rng(seed);
@@ -248,7 +248,7 @@ void soak::beginSimulatedDisks(std::uint64_t seed)
     setFileCalls(&calls);
 }
 
-void soak::setProcessAlive(int process, bool isAlive)
+void rig::setProcessAlive(int process, bool isAlive)
 {
     if (isAlive)
         alive.insert(process);
@@ -256,7 +256,7 @@ void soak::setProcessAlive(int process, bool isAlive)
         alive.erase(process);
 }
 
-void soak::setDiskOfProcess(int process, SimDisk* disk)
+void rig::setDiskOfProcess(int process, SimDisk* disk)
 {
     if (disk)
         diskOfProcess[process] = disk;
@@ -412,8 +412,8 @@ INTERPOSED int statx(int directory, const char* path, int flags, unsigned mask, 
         return result;
     const std::int64_t changed = SimDisk::changedNs(makedev(info->stx_dev_major, info->stx_dev_minor), info->stx_ino);
     if (changed >= 0) {
-        const std::int64_t wallNs = changed + soak::wallClockOffsetNs();
-        info->stx_ctime = {wallNs / soak::nsPerS, static_cast<std::uint32_t>(wallNs % soak::nsPerS), 0};
+        const std::int64_t wallNs = changed + rig::wallClockOffsetNs();
+        info->stx_ctime = {wallNs / rig::nsPerS, static_cast<std::uint32_t>(wallNs % rig::nsPerS), 0};
         info->stx_mtime = info->stx_ctime;
     }
     return result;
@@ -495,7 +495,7 @@ INTERPOSED int statvfs64(const char* path, struct statvfs64* space) noexcept
 
 INTERPOSED int kill(pid_t process, int signal) noexcept
 {
-    if (process < soak::firstProcess)
+    if (process < rig::firstProcess)
         return static_cast<int>(syscall(SYS_kill, process, signal));
     if (alive.count(process) != 0)
         return 0;

@@ -2,7 +2,7 @@
 
 #include "rig/time/processclock.h"
 
-namespace testsupport {
+namespace rig {
 
 namespace {
 
@@ -42,4 +42,4 @@ void VirtualClock::stepWallClockMs(qint64 ms)
     stepWallClockNs(ms * nsPerMs);
 }
 
-} // namespace testsupport
+} // namespace rig

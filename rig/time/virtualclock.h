@@ -5,7 +5,7 @@
 
 #include <QtGlobal>
 
-namespace testsupport {
+namespace rig {
 
 class VirtualClock
 {
@@ -23,4 +23,4 @@ public:
     void stepWallClockMs(qint64 ms);
 };
 
-} // namespace testsupport
+} // namespace rig

@@ -25,8 +25,7 @@
 
 namespace {
 
-using namespace soak;
-using namespace testsupport;
+using namespace rig;
 
 // Looking at the clock takes this long, so that a loop that only looks at the clock ends.
 constexpr std::int64_t lookNs = 200;
@@ -209,50 +208,50 @@ int virtualSleep(std::int64_t ns)
 
 } // namespace
 
-void soak::startVirtualTime(std::int64_t wallClockMs)
+void rig::startVirtualTime(std::int64_t wallClockMs)
 {
     setNanosleep(virtualSleep);
     startClock({monotonicOffsetNs, wallClockMs * nsPerMs, lookNs});
 }
 
-std::int64_t soak::nowNs()
+std::int64_t rig::nowNs()
 {
     return clockNs();
 }
 
-std::int64_t soak::wallClockOffsetNs()
+std::int64_t rig::wallClockOffsetNs()
 {
     return wallOffsetNs();
 }
 
-void soak::stepWallClock(std::int64_t ms)
+void rig::stepWallClock(std::int64_t ms)
 {
     stepWallClockNs(ms * nsPerMs);
 }
 
-void soak::setWorld(World* newWorld)
+void rig::setWorld(World* newWorld)
 {
     world = newWorld;
 }
 
-void soak::sleepUntilNs(std::int64_t ns)
+void rig::sleepUntilNs(std::int64_t ns)
 {
     while (nowNs() < ns)
         jumpTo(std::min(ns, world ? world->nextEventNs() : never));
 }
 
-void soak::setSleeper(bool (*isMeant)(), void (*sleepUntil)(std::int64_t ns))
+void rig::setSleeper(bool (*isMeant)(), void (*sleepUntil)(std::int64_t ns))
 {
     sleeperIsMeant = isMeant;
     sleeper = sleepUntil;
 }
 
-void soak::setFileCalls(FileCalls* calls)
+void rig::setFileCalls(FileCalls* calls)
 {
     fileCalls = calls;
 }
 
-void soak::setDevice(const char* path, SerialDevice* device)
+void rig::setDevice(const char* path, SerialDevice* device)
 {
     for (OpenDevice& open : devices) {
         if (open.device ? open.path == path : device != nullptr) {

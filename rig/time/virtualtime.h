@@ -21,7 +21,7 @@
 #include <cstdint>
 #include <sys/types.h>
 
-namespace soak {
+namespace rig {
 
 // What happens by itself while the program waits.
 class World
@@ -87,4 +87,4 @@ void setSleeper(bool (*isMeant)(), void (*sleepUntil)(std::int64_t ns));
 // Makes path (below devicePrefix) open device (not owned); null takes it away.
 void setDevice(const char* path, SerialDevice* device);
 
-} // namespace soak
+} // namespace rig

@@ -13,7 +13,7 @@ constexpr int pollIntervalMs = 5;
 } // namespace
 
 AnsweringModem::AnsweringModem(const QString& name, int lines)
-    : m_endpoint(testsupport::installRoot() + QLatin1Char('/') + name),
+    : m_endpoint(rig::installRoot() + QLatin1Char('/') + name),
       m_answers{{"AT", "OK"}, {"+++", "OK"}, {"ATH", "OK"}, {"ATD", ""}, {"ATA", ""}}, m_lines(lines)
 {
     m_endpoint.setModemSignals(lines);

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 

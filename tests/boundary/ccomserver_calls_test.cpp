@@ -10,7 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 
@@ -119,7 +119,7 @@ TEST_F(ServerCalls, PortLostBetweenLookAndClaimIsPassedOver)
         isRinging = true;
         QElapsedTimer timer;
         timer.start();
-        while (!(isCalling && threadSleeps(caller)) && timer.elapsed() < testsupport::defaultDeadlineMs)
+        while (!(isCalling && threadSleeps(caller)) && timer.elapsed() < rig::defaultDeadlineMs)
             QThread::msleep(1);
     };
     ASSERT_NO_FATAL_FAILURE(startTwoFree());

@@ -185,7 +185,7 @@ TEST_F(ServerSettings, AbsurdNumbersOfPorts)
         // None of the made-up records starts a worker.
         for (const ComPortSettings& port : gComSettings.ports)
             EXPECT_FALSE(port.enabled);
-        EXPECT_LT(timer.elapsed(), testsupport::defaultDeadlineMs) << count;
+        EXPECT_LT(timer.elapsed(), rig::defaultDeadlineMs) << count;
     }
     server->start();
     EXPECT_TRUE(log.entriesWith(QStringLiteral("add ")).isEmpty());
@@ -228,7 +228,7 @@ TEST_F(ServerSettings, SeveralServersLoadAtOnce)
         loaders.last()->start();
     }
     for (QThread* loader : loaders)
-        EXPECT_TRUE(loader->wait(testsupport::defaultDeadlineMs));
+        EXPECT_TRUE(loader->wait(rig::defaultDeadlineMs));
     qDeleteAll(loaders);
     EXPECT_EQ(initStrings(), (QStringList{QStringLiteral("a\r"), QStringLiteral("b")}));
 }

@@ -11,7 +11,7 @@
 
 #include <atomic>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 
@@ -149,7 +149,7 @@ TEST_F(ServerAlone, DestructorDeletesWorkersThatHaveEnded)
     ASSERT_TRUE(waitFor([] { return columnOwners().size() == 1; }));
     const QPointer<CComThread> worker = server->workers().first();
     worker->stop();
-    ASSERT_TRUE(worker->wait(testsupport::defaultDeadlineMs));
+    ASSERT_TRUE(worker->wait(rig::defaultDeadlineMs));
     EXPECT_EQ(columnOwners(), QList<QThread*>{worker});
     server.reset();
     EXPECT_TRUE(worker.isNull());

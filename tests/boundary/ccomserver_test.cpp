@@ -203,7 +203,7 @@ TEST_F(ServerAlone, UnknownConnections)
 
 TEST_F(ServerAlone, UnknownConnectionsBelongToASwitchableCategory)
 {
-    QFile settings(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    QFile settings(rig::installRoot() + QStringLiteral("/settings/settings.ini"));
     ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
     settings.write("[Debug]\ntransportConnects=false\n");
     settings.close();
@@ -214,7 +214,7 @@ TEST_F(ServerAlone, UnknownConnectionsBelongToASwitchableCategory)
 
 TEST_F(ServerAlone, WhatIsWrongWithTheSettingsIsToldWithAllCategoriesOff)
 {
-    QFile settings(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    QFile settings(rig::installRoot() + QStringLiteral("/settings/settings.ini"));
     ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
     settings.write("[Debug]\n");
     for (const char* category : {"ipcData",
@@ -303,7 +303,7 @@ TEST_F(ServerAlone, PolledFromAnotherThreadWhileWorkersComeAndGo)
         server->stop();
     }
     done = true;
-    EXPECT_TRUE(poller->wait(testsupport::defaultDeadlineMs));
+    EXPECT_TRUE(poller->wait(rig::defaultDeadlineMs));
     EXPECT_GT(polls, 0);
 }
 

@@ -58,8 +58,8 @@ QStringList headersIn(const QString& directory)
 class InstalledHost : public testing::Test
 {
 protected:
-    const QString prefix = testsupport::installRoot() + QStringLiteral("/prefix");
-    const QString hostBuild = testsupport::installRoot() + QStringLiteral("/host-build");
+    const QString prefix = rig::installRoot() + QStringLiteral("/prefix");
+    const QString hostBuild = rig::installRoot() + QStringLiteral("/host-build");
 
     void install(const QString& component)
     {

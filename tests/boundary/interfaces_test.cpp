@@ -90,7 +90,7 @@ private:
     int* m_deleted;
 };
 
-class CountingState : public testsupport::SilentState
+class CountingState : public rig::SilentState
 {
 public:
     explicit CountingState(int* deleted) : m_deleted(deleted) {}

@@ -24,7 +24,7 @@ namespace {
 QString logText()
 {
     QString text;
-    QDirIterator it(testsupport::installRoot(), {QStringLiteral("*.log")}, QDir::Files, QDirIterator::Subdirectories);
+    QDirIterator it(rig::installRoot(), {QStringLiteral("*.log")}, QDir::Files, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         QFile file(it.next());
         EXPECT_TRUE(file.open(QIODevice::ReadOnly));
@@ -90,7 +90,7 @@ protected:
     template <typename Function>
     static Range rangeOf(Function function, int draws = 20000)
     {
-        qsrand(testsupport::seed());
+        qsrand(rig::seed());
         Range range;
         for (int i = 0; i < draws; ++i) {
             const int value = function();
@@ -160,8 +160,8 @@ TEST_F(PluginTest, ServersOutliveThePluginObject)
 // The library and this program have each their own copy of the interfaces' meta-objects.
 TEST_F(PluginTest, SignalsReachAHostThatConnectsByPointer)
 {
-    testsupport::CallLog log;
-    testsupport::RecordingJournal journal(&log);
+    rig::CallLog log;
+    rig::RecordingJournal journal(&log);
     const std::unique_ptr<CChannelServer> server(plugin->create());
     server->journal = &journal;
     QStringList names;

@@ -30,7 +30,7 @@ protected:
     // Waits until this many ports have registered.
     bool waitForPorts(int count) const
     {
-        return testsupport::waitFor([&] { return log.entriesWith(QStringLiteral("add ")).size() >= count; });
+        return rig::waitFor([&] { return log.entriesWith(QStringLiteral("add ")).size() >= count; });
     }
 
     // A file that is there and cannot be opened.

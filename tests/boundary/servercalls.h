@@ -54,7 +54,7 @@ protected:
 
     bool waitForState(int worker, int state) const
     {
-        return testsupport::waitFor([&] { return server->workers().at(worker)->state() == state; });
+        return rig::waitFor([&] { return server->workers().at(worker)->state() == state; });
     }
 
     // Two modems that are free, "modemA" and "modemB".
@@ -74,8 +74,7 @@ protected:
         modem.setAnswer("ATD", "CONNECT 9600");
         const int before = emitted.entriesWith(QStringLiteral("connected ")).size();
         server->connectToAbonent(peerName, abonentBytes(QStringLiteral("123"), {modem.portPath()}));
-        ASSERT_TRUE(
-            testsupport::waitFor([&] { return emitted.entriesWith(QStringLiteral("connected ")).size() > before; }));
+        ASSERT_TRUE(rig::waitFor([&] { return emitted.entriesWith(QStringLiteral("connected ")).size() > before; }));
     }
 
     bool dialled(const AnsweringModem& modem) const

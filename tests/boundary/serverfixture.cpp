@@ -134,7 +134,7 @@ void ServerTest::SetUp()
 {
     setCurrentComSettings(ChannelComSettings());
     QFile::remove(settingsPath());
-    ASSERT_TRUE(QDir().mkpath(testsupport::installRoot() + QStringLiteral("/settings")));
+    ASSERT_TRUE(QDir().mkpath(rig::installRoot() + QStringLiteral("/settings")));
     server = std::make_unique<TestedServer>();
     server->stateId = serverStateId;
     server->channelsState = &channelsState;
@@ -142,7 +142,7 @@ void ServerTest::SetUp()
     factory = new SessionFactory;
     server->protocolFactory = factory;
     CComServer* emitter = server.get();
-    testsupport::CallLog* record = &emitted;
+    rig::CallLog* record = &emitted;
     QObject::connect(emitter, &CChannelServer::connected, [record](const QString& name, int id) {
         record->add(QStringLiteral("connected %1 ").arg(id) + name);
     });
@@ -171,7 +171,7 @@ void ServerTest::writeSettingsBytes(const QByteArray& bytes)
 
 void ServerTest::writeDetails(const QStringList& lines)
 {
-    writeFile(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"),
+    writeFile(rig::installRoot() + QStringLiteral("/settings/settings.ini"),
               "[Details]\n" + lines.join(QLatin1Char('\n')).toUtf8() + '\n');
 }
 
@@ -203,19 +203,19 @@ void ServerTest::stopAndDelete()
 
 QString ServerTest::settingsPath() const
 {
-    return testsupport::installRoot() + QStringLiteral("/settings/channelCom.conf");
+    return rig::installRoot() + QStringLiteral("/settings/channelCom.conf");
 }
 
 QString ServerTest::detailsText() const
 {
-    QFile file(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    QFile file(rig::installRoot() + QStringLiteral("/settings/settings.ini"));
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 QString ServerTest::logText() const
 {
     QString text;
-    QDirIterator it(testsupport::installRoot(), {QStringLiteral("*.log")}, QDir::Files, QDirIterator::Subdirectories);
+    QDirIterator it(rig::installRoot(), {QStringLiteral("*.log")}, QDir::Files, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         QFile file(it.next());
         if (file.open(QIODevice::ReadOnly))

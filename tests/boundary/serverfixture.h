@@ -59,7 +59,7 @@ private:
 };
 
 // Records the calling thread of each entry beside the common log.
-class NotingChannelsState : public testsupport::RecordingChannelsState
+class NotingChannelsState : public rig::RecordingChannelsState
 {
 public:
     using RecordingChannelsState::RecordingChannelsState;
@@ -96,12 +96,12 @@ protected:
     QString recordOf(const QString& text) const; // an event of the server as the call log shows it
     QString stateOf(const QString& text) const;
 
-    testsupport::CallLog log;
+    rig::CallLog log;
     NotingChannelsState channelsState{&log};
-    testsupport::RecordingJournal journal{&log};
+    rig::RecordingJournal journal{&log};
     SessionFactory* factory = nullptr; // owned by the server
     std::unique_ptr<TestedServer> server;
     std::unique_ptr<QThread> thread;
     // Signals of the server, as "connected <name> <id>", in the order of emission.
-    testsupport::CallLog emitted;
+    rig::CallLog emitted;
 };

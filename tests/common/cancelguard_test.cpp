@@ -52,7 +52,7 @@ void endByForce(Work work)
         });
         thread->start();
         const int wanted = 1 + i % 3;
-        ASSERT_TRUE(testsupport::waitFor([&] { return rounds >= wanted; }));
+        ASSERT_TRUE(rig::waitFor([&] { return rounds >= wanted; }));
         thread->terminate();
         ASSERT_TRUE(thread->wait(30000));
         deleteThreadTabLevel(thread.get());
@@ -101,7 +101,7 @@ TEST(Cancellation, AGuardPutsItOff)
         survived = true;
     });
     thread->start();
-    ASSERT_TRUE(testsupport::waitFor([&] { return isIn.load(); }));
+    ASSERT_TRUE(rig::waitFor([&] { return isIn.load(); }));
     thread->terminate();
     mayGoOn = true;
     ASSERT_TRUE(thread->wait(30000));
@@ -183,7 +183,7 @@ TEST(Cancellation, OfAThreadThatHangsInTheLogComesWhenItIsOut)
     });
     thread->start();
     QMutex& mutex = LoggerData::debugData()->mutex;
-    ASSERT_TRUE(testsupport::waitFor([&mutex] { return !mutex.tryLock(20) || (mutex.unlock(), false); }));
+    ASSERT_TRUE(rig::waitFor([&mutex] { return !mutex.tryLock(20) || (mutex.unlock(), false); }));
     thread->terminate();
     EXPECT_FALSE(thread->wait(20));
     EXPECT_FALSE(mutex.tryLock());
@@ -211,7 +211,7 @@ TEST(Cancellation, OfManyThreadsAtOnce)
         }));
         threads.back()->start();
     }
-    ASSERT_TRUE(testsupport::waitFor([&] { return rounds >= 50; }));
+    ASSERT_TRUE(rig::waitFor([&] { return rounds >= 50; }));
     for (const auto& thread : threads)
         thread->terminate();
     for (const auto& thread : threads)

@@ -140,13 +140,12 @@ TEST(SettingsFile, EditsFromBothSidesAreMerged)
 
 TEST(SettingsFile, AnEditWhileItIsWrittenIsSeen)
 {
-    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(),
-                                             [](testsupport::SystemCall& call) {
-                                                 // Between the writing and the look at the file's time.
-                                                 if (call.is("chmod", settingsPath().toStdString()))
-                                                     editSettings("[Details]\nmaxWritingTime=200\n");
-                                                 return 0;
-                                             });
+    const testsupport::SystemCallWatch watch(rig::installRoot().toStdString(), [](testsupport::SystemCall& call) {
+        // Between the writing and the look at the file's time.
+        if (call.is("chmod", settingsPath().toStdString()))
+            editSettings("[Details]\nmaxWritingTime=200\n");
+        return 0;
+    });
     EXPECT_FALSE(CSettings().debugAll());
     EXPECT_EQ(CSettings().detailsMaxWritingTime(), 200);
 }
@@ -302,7 +301,7 @@ TEST(SettingsPointerClass, WithoutAMarkAndANewTimeSyncDoesNothing)
 TEST(SettingsTroubles, RefusedPermissionsAreReported)
 {
     const MessageRecorder recorder;
-    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod());
+    const testsupport::SystemCallWatch watch(rig::installRoot().toStdString(), testsupport::refusedChmod());
     const QString reason = QString::fromLocal8Bit(std::strerror(EPERM));
     EXPECT_FALSE(CSettings().debugAll());
     EXPECT_EQ(recorder.texts(QtWarningMsg),
@@ -330,7 +329,7 @@ TEST(SettingsTroubles, AMessageHandlerMayReadSettings)
         EXPECT_TRUE(CSettings().debugTransportConnects());
         ++handled;
     });
-    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod());
+    const testsupport::SystemCallWatch watch(rig::installRoot().toStdString(), testsupport::refusedChmod());
     EXPECT_FALSE(CSettings().debugAll());
     EXPECT_GE(handled, 2);
 }
@@ -349,7 +348,7 @@ TEST(SettingsTroubles, AHandlerOfQtsOwnMessagesGetsDefaults)
         }
     });
     {
-        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(),
+        const testsupport::SystemCallWatch watch(rig::installRoot().toStdString(),
                                                  testsupport::refusedChmod([] { qWarning("from within"); }));
         EXPECT_FALSE(CSettings().debugAll());
     }

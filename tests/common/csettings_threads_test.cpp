@@ -51,16 +51,15 @@ TEST(SettingsThreads, OneOperationWaitsForAnother)
 {
     std::unique_ptr<testsupport::ObservedThread> other;
     {
-        const testsupport::SystemCallWatch watch(
-            testsupport::installRoot().toStdString(), [&](testsupport::SystemCall& call) {
-                // In the middle of this thread's operation, where Qt holds no lock of its own.
-                if ((call.name == "chmod" || call.name == "fchmod") &&
-                    call.path == rootPath(QStringLiteral("settings")).toStdString() && !other) {
-                    other = std::make_unique<testsupport::ObservedThread>([] { CSettings().debugIpcData(); });
-                    EXPECT_TRUE(other->sleepsBeforeItsEnd());
-                }
-                return 0;
-            });
+        const testsupport::SystemCallWatch watch(rig::installRoot().toStdString(), [&](testsupport::SystemCall& call) {
+            // In the middle of this thread's operation, where Qt holds no lock of its own.
+            if ((call.name == "chmod" || call.name == "fchmod") &&
+                call.path == rootPath(QStringLiteral("settings")).toStdString() && !other) {
+                other = std::make_unique<testsupport::ObservedThread>([] { CSettings().debugIpcData(); });
+                EXPECT_TRUE(other->sleepsBeforeItsEnd());
+            }
+            return 0;
+        });
         EXPECT_FALSE(CSettings().debugAll());
     }
     ASSERT_TRUE(other);

@@ -32,7 +32,7 @@ QString u(const char* text)
 
 QString inRoot(const char* name)
 {
-    return testsupport::installRoot() + QLatin1Char('/') + QString::fromUtf8(name);
+    return rig::installRoot() + QLatin1Char('/') + QString::fromUtf8(name);
 }
 
 QString put(const char* name, const QByteArray& content)

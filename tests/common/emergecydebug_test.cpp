@@ -125,7 +125,7 @@ TEST(EmergencyLog, LiesInTheLowestLevelThatCanBeWritten)
 TEST(EmergencyLog, KeepsItsFileAcrossMidnightWhateverTheLogDoes)
 {
     beginEmptyLog();
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     const QDate today = firstDay();
     emergency("emergency of today");
     debug(QStringLiteral("x"), QStringLiteral("log of today"), DebugAlways, DebugFlagFileOnly);
@@ -167,7 +167,7 @@ TEST(EmergencyLog, ADirectoryThatCannotBeMadeLosesOneMessage)
 TEST(EmergencyLog, AFailureFindsTheFileAnew)
 {
     qputenv("USER", "operator");
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     const QDate today = firstDay();
     emergency("today");
     clock.stepWallClockMs(24 * 3600 * 1000);
@@ -188,7 +188,7 @@ TEST(EmergencyLog, AFullDiskLosesOnlyTheLinesAtHand)
     qputenv("USER", "operator");
     ASSERT_TRUE(QDir().mkpath(logDirPath()));
     ASSERT_TRUE(QFile::link(QStringLiteral("/dev/full"), logPath()));
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     const MessageRecorder recorder;
     emergency("lost");
     EXPECT_EQ(recorder.texts(QtWarningMsg).last(),

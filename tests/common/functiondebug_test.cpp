@@ -237,7 +237,7 @@ TEST(FunctionDebug, ScopesOfManyThreadsShareTheHistory)
 TEST(FunctionMeasure, IsSilentUnderAMillisecondUnlessAlways)
 {
     beginEmptyLog();
-    const testsupport::VirtualClock clock;
+    const rig::VirtualClock clock;
     {
         const _CFunctionMeasure sometimes("quick", false);
         const _CFunctionMeasure always("name", true);
@@ -248,7 +248,7 @@ TEST(FunctionMeasure, IsSilentUnderAMillisecondUnlessAlways)
 TEST(FunctionMeasure, LogsFromAMillisecondOn)
 {
     beginEmptyLog();
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     const MessageRecorder recorder;
     {
         const _CFunctionMeasure measure("one", false);

@@ -24,9 +24,9 @@
 #include <unistd.h>
 
 using logtest::MessageRecorder;
+using rig::installRoot;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testsupport::installRoot;
 using testsupport::SystemCall;
 using testsupport::SystemCallWatch;
 using testsupport::taken;

@@ -266,7 +266,7 @@ namespace {
 
 TEST(FreeSpace, OfADirectoryAndAFile)
 {
-    const QString root = testsupport::installRoot();
+    const QString root = rig::installRoot();
     EXPECT_TRUE(isFreeSpaceOf(Global::diskFreeSpace(root), root));
     EXPECT_TRUE(isFreeSpaceOf(Global::diskFreeSpace(QCoreApplication::applicationFilePath()), root));
     ASSERT_TRUE(QDir::setCurrent(root));
@@ -275,7 +275,7 @@ TEST(FreeSpace, OfADirectoryAndAFile)
 
 TEST(FreeSpace, OfTheNearestExistingAncestor)
 {
-    const QString root = testsupport::installRoot();
+    const QString root = rig::installRoot();
     EXPECT_TRUE(isFreeSpaceOf(Global::diskFreeSpace(root + QStringLiteral("/missing/too/file.txt")), root));
     EXPECT_TRUE(isFreeSpaceOf(Global::diskFreeSpace(QStringLiteral("/missing_for_sure/too")), QStringLiteral("/")));
     ASSERT_TRUE(QDir::setCurrent(root));

@@ -21,7 +21,7 @@ TEST(LogFile, WithoutAUserHasTwoUnderlines)
 {
     qunsetenv("USER");
     QCoreApplication::setApplicationName(QStringLiteral("app"));
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     clock.stepWallClockMs(QDateTime(QDate(2025, 1, 2), QTime(12, 0)).toMSecsSinceEpoch() -
                           QDateTime::currentMSecsSinceEpoch());
     logText("text");
@@ -133,7 +133,7 @@ TEST(LogFile, LiesInTheLowestLevelThatCanBeWritten)
 TEST(LogFile, StaysThatOfItsDayUntilAFailure)
 {
     beginEmptyLog();
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     const QDate today = firstDay();
     logText("today");
     clock.stepWallClockMs(24 * 3600 * 1000);

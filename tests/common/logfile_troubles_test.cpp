@@ -125,7 +125,7 @@ TEST(LogTroubles, RefusedPermissionsAreReportedAndTheLineIsWritten)
     // So that the settings have no permissions to set.
     editSettings("[Permissions]\ndirPermissions=30583\nfilePermissions=26214\n");
     const MessageRecorder recorder;
-    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod());
+    const testsupport::SystemCallWatch watch(rig::installRoot().toStdString(), testsupport::refusedChmod());
     logText("text");
     ASSERT_EQ(recorder.messages().size(), 2);
     EXPECT_EQ(recorder.messages().at(0).type, QtDebugMsg);
@@ -273,7 +273,7 @@ TEST(LogTroubles, NothingToWriteIsNoError)
 TEST(LogTroubles, ARefusedWriteFindsTheFileAnew)
 {
     beginEmptyLog();
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     logText("before");
     clock.stepWallClockMs(24 * 3600 * 1000);
     const MessageRecorder recorder;
@@ -305,7 +305,7 @@ TEST(LogTroubles, AMessageHandlerMayLogTheTroublesOfTheLog)
 {
     qputenv("USER", "operator");
     editSettings("[Permissions]\ndirPermissions=30583\nfilePermissions=26214\n");
-    const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(), testsupport::refusedChmod());
+    const testsupport::SystemCallWatch watch(rig::installRoot().toStdString(), testsupport::refusedChmod());
     MessageRecorder recorder;
     recorder.setHandler([](const Message& message) {
         debug(QStringLiteral("Qt"), message.text, DebugTransportConnects, DebugFlagFileOnly);
@@ -345,7 +345,7 @@ TEST(LogTroubles, AMessageHandlerMayLogWhatQtSaysWhileTheFileIsWritten)
         [](const Message& message) { debug(QStringLiteral("Qt"), message.text, DebugAlways, DebugFlagFileOnly); });
     testing::internal::CaptureStderr();
     {
-        const testsupport::SystemCallWatch watch(testsupport::installRoot().toStdString(),
+        const testsupport::SystemCallWatch watch(rig::installRoot().toStdString(),
                                                  testsupport::refusedChmod([] { qWarning("from within"); }));
         logText("text");
     }

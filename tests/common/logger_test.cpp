@@ -42,7 +42,7 @@ TEST(LogLayout, StampsTellLocalTimeToTheMillisecond)
     beginEmptyLog();
     logText("the file of this day is kept");
     const QString path = logPath();
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     const QStringList times{QStringLiteral("2026-01-15T01:02:03.004"), QStringLiteral("2026-07-15T23:59:59.999"),
                             QStringLiteral("1999-12-31T00:00:00.000"), QStringLiteral("1970-03-04T15:16:17.089"),
                             QStringLiteral("1969-12-31T10:00:00.250")};
@@ -64,7 +64,7 @@ TEST(LogLayout, StampsFollowTheZone)
 {
     const auto hours = [] { return logTimeStamp().left(2).toInt(); };
     qputenv("TZ", "UTC0");
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     clock.advanceMs(10000);
     const int before = hours();
     qputenv("TZ", "EAST-7");

@@ -132,9 +132,9 @@ TEST(LogThreads, TheLockIsHeldWhileTheFileIsOpen)
     ASSERT_EQ(mkfifo(QFile::encodeName(logPath()).constData(), 0600), 0);
     const std::unique_ptr<QThread> thread(QThread::create([] { logText("text"); }));
     thread->start();
-    EXPECT_TRUE(testsupport::waitFor([] { return !lockIsFree(); }));
+    EXPECT_TRUE(rig::waitFor([] { return !lockIsFree(); }));
     // It may have been the short hold for the column: the pipe's is for good.
-    EXPECT_TRUE(testsupport::waitFor([] {
+    EXPECT_TRUE(rig::waitFor([] {
         return !LoggerData::debugData()->mutex.tryLock(20) || (LoggerData::debugData()->mutex.unlock(), false);
     }));
     const int reader = open(QFile::encodeName(logPath()).constData(), O_RDONLY | O_NONBLOCK);

@@ -27,7 +27,7 @@ namespace logtest {
 
 inline QString rootPath(const QString& relative)
 {
-    return testsupport::installRoot() + QLatin1Char('/') + relative;
+    return rig::installRoot() + QLatin1Char('/') + relative;
 }
 
 inline QByteArray contentOf(const QString& path)

@@ -12,7 +12,7 @@ namespace {
 class Naming : public testing::Test
 {
 protected:
-    Naming() : dir(testsupport::installRoot() + QStringLiteral("/names")) { QDir().mkpath(dir.path()); }
+    Naming() : dir(rig::installRoot() + QStringLiteral("/names")) { QDir().mkpath(dir.path()); }
 
     void putDirs(const QStringList& names)
     {
@@ -129,7 +129,7 @@ TEST_F(Naming, MessagesOfNineDigits)
 
 TEST_F(Naming, MessagesAreCountedByAbsolutePath)
 {
-    ASSERT_TRUE(QDir::setCurrent(testsupport::installRoot()));
+    ASSERT_TRUE(QDir::setCurrent(rig::installRoot()));
     EXPECT_EQ(message(), s("00000001"));
     EXPECT_EQ(Global::nextMessageDirName(QDir(s("names"))), s("00000002"));
     EXPECT_EQ(Global::nextMessageDirName(QDir(s("./names/"))), s("00000003"));
@@ -239,7 +239,7 @@ TEST_F(Naming, TasksOfNineDigits)
 
 TEST_F(Naming, TasksAreCountedByPathAsGiven)
 {
-    ASSERT_TRUE(QDir::setCurrent(testsupport::installRoot()));
+    ASSERT_TRUE(QDir::setCurrent(rig::installRoot()));
     EXPECT_EQ(task(), s("00000001.task"));
     EXPECT_EQ(task(), s("00000002.task"));
     EXPECT_EQ(Global::nextTaskFileName(QDir(s("names"))), s("00000001.task"));

@@ -238,7 +238,7 @@ TEST_P(SafeSavingUnderFaults, AfterACrashBetweenTheRenames)
 TEST_P(SafeSavingUnderFaults, OfTheWholeInstallation)
 {
     tryEveryCall(
-        testsupport::installRoot().toStdString(),
+        rig::installRoot().toStdString(),
         [this] {
             for (const char* tree : {"files", "data", "settings"})
                 QDir(rootPath(u(tree))).removeRecursively();

@@ -247,7 +247,7 @@ TEST_F(Book, ALockThatIsNoneIsToldInBoundedTime)
 
 TEST_F(Book, ALinkInTheWayIsReplacedNotFollowed)
 {
-    const QString victim = writeFile(testsupport::installRoot() + QStringLiteral("/victim"), "precious");
+    const QString victim = writeFile(rig::installRoot() + QStringLiteral("/victim"), "precious");
     QDir().mkpath(QFileInfo(path).absolutePath());
     ASSERT_TRUE(QFile::link(victim, path + QStringLiteral(".new")));
     ASSERT_EQ(add(QStringLiteral("Bob")), QString());

@@ -24,7 +24,7 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(call({QStringLiteral("name"), QStringLiteral("North")}).status, 0);
-        ASSERT_TRUE(settings().startsWith(testsupport::installRoot()));
+        ASSERT_TRUE(settings().startsWith(rig::installRoot()));
     }
 
     static QString settings() { return QDir::cleanPath(Global::settingsDir().absolutePath()) + QLatin1Char('/'); }
@@ -44,7 +44,7 @@ protected:
     // All writes below the installation's root find the disk full.
     static SystemCallWatch fullDisk(int* failed)
     {
-        return SystemCallWatch(testsupport::installRoot().toStdString(), [failed](SystemCall& call) {
+        return SystemCallWatch(rig::installRoot().toStdString(), [failed](SystemCall& call) {
             const bool fails = call.name == "write";
             *failed += fails;
             return fails ? ENOSPC : 0;
@@ -151,7 +151,7 @@ TEST_F(CommandFaults, NameOnAFullDiskKeepsTheOldOne)
 
 TEST_F(CommandFaults, SendOnAFullDiskQueuesNothingAndLeavesNothing)
 {
-    const QString file = writeFile(testsupport::installRoot() + QStringLiteral("/f.txt"), QByteArray(100000, 'x'));
+    const QString file = writeFile(rig::installRoot() + QStringLiteral("/f.txt"), QByteArray(100000, 'x'));
     ASSERT_EQ(call({QStringLiteral("send"), QStringLiteral("Bob"), file}).status, 0);
     const QStringList standing = entries(messages());
     int failed = 0;
@@ -173,7 +173,7 @@ TEST_F(CommandFaults, SendOnAFullDiskQueuesNothingAndLeavesNothing)
 // The copy fits, its task does not: a message is there wholly or not at all.
 TEST_F(CommandFaults, SendWhoseTaskDoesNotFitQueuesNothing)
 {
-    const QString file = writeFile(testsupport::installRoot() + QStringLiteral("/f.txt"), "x");
+    const QString file = writeFile(rig::installRoot() + QStringLiteral("/f.txt"), "x");
     int failed = 0;
     Called result;
     {

@@ -165,8 +165,8 @@ TEST_F(CommandTexts, CommandsThatAreNone)
 
 TEST_F(CommandTexts, FilesThatAreQueued)
 {
-    const QString file = writeFile(testsupport::installRoot() + QStringLiteral("/a.txt"), QByteArray(1500, 'x'));
-    const QString absent = testsupport::installRoot() + QStringLiteral("/absent");
+    const QString file = writeFile(rig::installRoot() + QStringLiteral("/a.txt"), QByteArray(1500, 'x'));
+    const QString absent = rig::installRoot() + QStringLiteral("/absent");
     const Called sent = callCommand({"send", "Bob", file, absent, file});
     EXPECT_EQ(sent.status, 1) << "one could not be queued";
     EXPECT_EQ(sent.out.toStdString(), "00000001  a.txt  1.5 kB\n00000002  a.txt  1.5 kB\n");

@@ -23,7 +23,7 @@ constexpr uid_t otherUser = 65534;
 class HostLinks : public testing::Test
 {
 protected:
-    HostLinks() : victim(writeFile(testsupport::installRoot() + QStringLiteral("/outside/victim"), "precious\n"))
+    HostLinks() : victim(writeFile(rig::installRoot() + QStringLiteral("/outside/victim"), "precious\n"))
     {
         EXPECT_EQ(::chmod(QFile::encodeName(victim).constData(), 0640), 0);
     }
@@ -53,7 +53,7 @@ protected:
     QString nowhere() const { return victim + QStringLiteral(".new"); }
 
     const QString victim;
-    const QString data = testsupport::installRoot() + QStringLiteral("/data/0/");
+    const QString data = rig::installRoot() + QStringLiteral("/data/0/");
 };
 
 bool isLink(const QString& path)

@@ -76,8 +76,7 @@ TEST(HostSettings, ComSettingsGoWhereThePluginLooks)
     port.portName = QStringLiteral("ttyS0");
     settings.ports = {port};
     ASSERT_EQ(saveComSettings(settings), QString());
-    EXPECT_EQ(readAll(testsupport::installRoot() + QStringLiteral("/settings/channelCom.conf")),
-              settings.toByteArray());
+    EXPECT_EQ(readAll(rig::installRoot() + QStringLiteral("/settings/channelCom.conf")), settings.toByteArray());
     ChannelComSettings read;
     ASSERT_EQ(loadComSettings(&read), QString());
     EXPECT_EQ(read.ports.size(), 1);
@@ -113,7 +112,7 @@ TEST(ChannelsTable, KeepsStatesAndTraffic)
 
 TEST(HostJournal, WritesOneLineARecordAndGivesWayWhenLarge)
 {
-    const QString path = testsupport::installRoot() + QStringLiteral("/data/0/journal.txt");
+    const QString path = rig::installRoot() + QStringLiteral("/data/0/journal.txt");
     int told = 0;
     HostJournal journal(
         path, [&](const JournalRecord&) { ++told; }, 200);
@@ -164,7 +163,7 @@ TEST(ChannelsTable, TwoThreadsAtOnce)
 
 TEST(HostJournal, LinesOfTwoThreadsDoNotMix)
 {
-    const QString path = testsupport::installRoot() + QStringLiteral("/data/0/journal.txt");
+    const QString path = rig::installRoot() + QStringLiteral("/data/0/journal.txt");
     constexpr int rounds = 300;
     HostJournal journal(path, {}, 8 * 1024 * 1024);
     const auto port = [&](char letter) {

@@ -41,7 +41,7 @@ const QString noFile = QStringLiteral("%1 is not a file: move it away; the ident
 class IdentityKey : public testing::Test
 {
 protected:
-    const QString directory = testsupport::installRoot() + QStringLiteral("/settings");
+    const QString directory = rig::installRoot() + QStringLiteral("/settings");
     const QString path = directory + QStringLiteral("/identity.key");
 
     void SetUp() override
@@ -123,7 +123,7 @@ TEST_F(IdentityKey, LeavesNothingOpen)
 
 TEST_F(IdentityKey, MakesItsDirectory)
 {
-    const QString deep = testsupport::installRoot() + QStringLiteral("/a/b/identity.key");
+    const QString deep = rig::installRoot() + QStringLiteral("/a/b/identity.key");
     bool created = false;
     QString error;
     EXPECT_TRUE(loadOrCreateIdentityKey(deep, &created, &error)) << error.toStdString();

@@ -84,7 +84,7 @@ public:
 
 private:
     SessionPair::Side* m_side; // not owned
-    SealedPeer m_peer;
+    rig::SealedPeer m_peer;
     quint64 m_nextId = 77;
 };
 

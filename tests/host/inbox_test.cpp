@@ -17,6 +17,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 
 class InboxTest : public InboxFixture
 {
@@ -84,7 +85,7 @@ TEST_F(InboxTest, HostileNamesStayInside)
         EXPECT_EQ(readAll(place), QByteArray("x"));
         ++id;
     }
-    EXPECT_FALSE(QFile::exists(testsupport::installRoot() + QStringLiteral("/evil")));
+    EXPECT_FALSE(QFile::exists(rig::installRoot() + QStringLiteral("/evil")));
     EXPECT_EQ(store->inbox().messages().at(1).fileName, QStringLiteral(".message"))
         << "the original name is kept for show";
 }
@@ -282,7 +283,7 @@ TEST_F(InboxTest, WhatStandsUnderItsBackupsNameIsPutBackAtTheStart)
         EXPECT_EQ(store->inbox().begin(bob, offer, &refused)->append("012345"), QString());
     }
     QStringList backups;
-    QDirIterator files(testsupport::installRoot(), {QStringLiteral(".message")}, QDir::Files | QDir::Hidden,
+    QDirIterator files(rig::installRoot(), {QStringLiteral(".message")}, QDir::Files | QDir::Hidden,
                        QDirIterator::Subdirectories);
     while (files.hasNext())
         backups.append(files.next());
@@ -364,8 +365,8 @@ TEST_F(InboxTest, KilledWhileReceiving)
 // Two real stores, one session pair, cut and killed in the middle.
 TEST_F(InboxTest, SessionsOverDisks)
 {
-    const QString big = writeFile(testsupport::installRoot() + QStringLiteral("/big"), randomBytes(300000, 1));
-    const QString empty = writeFile(testsupport::installRoot() + QStringLiteral("/пусто"), QByteArray());
+    const QString big = writeFile(rig::installRoot() + QStringLiteral("/big"), randomBytes(300000, 1));
+    const QString empty = writeFile(rig::installRoot() + QStringLiteral("/пусто"), QByteArray());
     const StorePaths alicePaths = pathsIn(QStringLiteral("alice"));
     SessionSettings alice;
     alice.abonentName = QStringLiteral("Alice");

@@ -38,7 +38,7 @@ protected:
 
     host::StorePaths paths;
     QStringList notes;
-    const host::Peer bob = provedPeer(QStringLiteral("Боб"));
+    const host::Peer bob = rig::provedPeer(QStringLiteral("Боб"));
     host::RefusedFrame refused;
 };
 

@@ -5,6 +5,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 using testsupport::SystemCall;
 using testsupport::SystemCallWatch;
 
@@ -205,7 +206,7 @@ TEST_F(InboxSessions, PeersDoNotMeet)
 TEST_F(InboxSessions, AnUnprovedPeerGetsNoQueue)
 {
     const auto store = open();
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/source"), "x");
     ASSERT_EQ(store->queue().enqueue(bob.abonent, source), QString());
     store->queue().rescan();
     Peer pretender = unprovedPeer('u');
@@ -222,7 +223,7 @@ TEST_F(InboxSessions, APeerIsToldOfItsOwnQueueOnly)
 {
     const auto store = open();
     const Peer carol = provedPeer(QStringLiteral("Carol"));
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/source"), "x");
     QueuedMessage forBob;
     QueuedMessage forCarol;
     ASSERT_EQ(store->queue().enqueue(bob.abonent, source, &forBob), QString());
@@ -251,7 +252,7 @@ protected:
         const auto file = store->inbox().begin(bob, offer, &refused);
         EXPECT_EQ(file->append(content), QString());
         bool isFull = false;
-        SystemCallWatch watch(testsupport::installRoot().toStdString() + "/i", [&](SystemCall& call) {
+        SystemCallWatch watch(rig::installRoot().toStdString() + "/i", [&](SystemCall& call) {
             isFull = isFull || isOfList(call);
             return isFull ? ENOSPC : 0;
         });
@@ -280,7 +281,7 @@ TEST_F(StaleRecord, BringsNoSecondCopy)
     leaveVerified().reset();
     std::unique_ptr<MessageStore> store;
     {
-        SystemCallWatch watch(testsupport::installRoot().toStdString() + "/i",
+        SystemCallWatch watch(rig::installRoot().toStdString() + "/i",
                               [](SystemCall& call) { return failMoving(call); });
         store = open();
     }

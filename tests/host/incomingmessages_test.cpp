@@ -8,6 +8,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 using Kind = SessionEvent::Kind;
 
 namespace {
@@ -97,7 +98,7 @@ TEST(IncomingMessages, ALostAcknowledgementDoesNotStoreTwiceNorSendAgain)
 {
     LineOptions line;
     line.bytesPerStep = 1000;
-    SessionPair pair(testsupport::seed(), line);
+    SessionPair pair(rig::seed(), line);
     const QByteArray content = randomBytes(50000, 4);
     pair.a.store.queue(QStringLiteral("f"), content);
     ASSERT_TRUE(pair.runUntil([&] { return pair.b.count(Kind::FileStored) == 1; }));
@@ -118,7 +119,7 @@ TEST(IncomingMessages, ARepeatedOfferIsAcknowledgedAgain)
 {
     LineOptions line;
     line.bytesPerStep = 1000;
-    SessionPair pair(testsupport::seed(), line);
+    SessionPair pair(rig::seed(), line);
     const QByteArray content = randomBytes(200000, 4);
     pair.a.store.queue(QStringLiteral("f"), content);
     ASSERT_TRUE(pair.runUntil([&] { return pair.b.count(Kind::FileStored) == 1; }));
@@ -134,7 +135,7 @@ TEST(IncomingMessages, ARepeatedOfferIsAcknowledgedAgain)
 
 TEST(IncomingMessages, SameIdWithOtherContentIsAnotherMessage)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     const quint64 id = pair.a.store.queue(QStringLiteral("f"), "new");
     pair.b.store.storedHashes[id] = QByteArray(32, 'o');
     ASSERT_TRUE(pair.runToEnd());
@@ -143,7 +144,7 @@ TEST(IncomingMessages, SameIdWithOtherContentIsAnotherMessage)
 
 TEST(IncomingMessages, APartThatDiffersIsSentFromTheBeginning)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     const QByteArray content = randomBytes(30000, 6);
     const quint64 id = pair.a.store.queue(QStringLiteral("f"), content);
     QByteArray other = content.left(20000);
@@ -156,7 +157,7 @@ TEST(IncomingMessages, APartThatDiffersIsSentFromTheBeginning)
 
 TEST(IncomingMessages, APartThatIsWholeNeedsNoData)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     const QByteArray content = randomBytes(30000, 6);
     const quint64 id = pair.a.store.queue(QStringLiteral("f"), content);
     pair.b.store.standing[id] = content;
@@ -167,7 +168,7 @@ TEST(IncomingMessages, APartThatIsWholeNeedsNoData)
 
 TEST(IncomingMessages, APartLongerThanTheMessageIsNotTakenUp)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     const quint64 id = pair.a.store.queue(QStringLiteral("f"), "short");
     pair.b.store.standing[id] = "much too long";
     ASSERT_TRUE(pair.runToEnd());
@@ -176,7 +177,7 @@ TEST(IncomingMessages, APartLongerThanTheMessageIsNotTakenUp)
 
 TEST(IncomingMessages, ALargePartIsHashedInSlices)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     const QByteArray content = randomBytes(9 * 1024 * 1024, 6);
     const quint64 id = pair.a.store.queue(QStringLiteral("f"), content);
     pair.b.store.standing[id] = content.left(content.size() - 1000);
@@ -187,7 +188,7 @@ TEST(IncomingMessages, ALargePartIsHashedInSlices)
 
 TEST(IncomingMessages, ARefusedMessageStaysAndTheOthersGo)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.b.store.refuseBegin = true;
     pair.b.store.beginRefusal.code = RefusalCode::NoRoom;
     pair.b.store.beginRefusal.reason = QStringLiteral("the disk is full");
@@ -205,7 +206,7 @@ TEST(IncomingMessages, AFullDiskInTheMiddleRefuses)
 {
     LineOptions line;
     line.bytesPerStep = 500;
-    SessionPair pair(testsupport::seed(), line);
+    SessionPair pair(rig::seed(), line);
     pair.a.store.queue(QStringLiteral("f"), randomBytes(200000, 1));
     ASSERT_TRUE(pair.runUntil([&] { return pair.b.receivedBytes > 20000; }));
     pair.b.store.appendError = QStringLiteral("no space left");
@@ -225,7 +226,7 @@ TEST(IncomingMessages, AFullDiskInTheMiddleRefuses)
 
 TEST(IncomingMessages, NotStoredIsNotAcknowledged)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.b.store.storeError = QStringLiteral("cannot rename");
     pair.a.store.queue(QStringLiteral("f"), "x");
     ASSERT_TRUE(pair.runToEnd());
@@ -238,9 +239,8 @@ TEST(IncomingMessages, NotStoredIsNotAcknowledged)
 // Where things stand on this machine's disk is nobody else's business.
 TEST(IncomingMessages, ARefusalNamesNoPlaceOfTheOtherMachine)
 {
-    for (QString hosttest::MemoryStore::*fault :
-         {&hosttest::MemoryStore::appendError, &hosttest::MemoryStore::storeError}) {
-        SessionPair pair(testsupport::seed());
+    for (QString rig::MemoryStore::*fault : {&rig::MemoryStore::appendError, &rig::MemoryStore::storeError}) {
+        SessionPair pair(rig::seed());
         const QString error = QStringLiteral("cannot write /srv/station/input/1: permission denied");
         pair.b.store.*fault = error;
         pair.a.store.queue(QStringLiteral("f"), "x");
@@ -257,7 +257,7 @@ TEST(IncomingMessages, ARefusalTellsNothingOfOurDisk)
 {
     for (const bool isProved : {true, false}) {
         for (const RefusalCode code : {RefusalCode::Failed, RefusalCode::NotAllowed, RefusalCode::NoRoom}) {
-            SessionPair pair(testsupport::seed());
+            SessionPair pair(rig::seed());
             if (!isProved)
                 pair.b.directory.everybodyElse.clear();
             pair.b.directory.acceptsUnknown = true;
@@ -284,7 +284,7 @@ TEST(IncomingMessages, ARefusalTellsNothingOfOurDisk)
 
 TEST(IncomingMessages, AnUnprovedCallerMayNotFillTheJournalWithRefusals)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.b.directory.everybodyElse.clear();
     pair.b.directory.acceptsUnknown = true;
     pair.b.store.refuseBegin = true;
@@ -299,13 +299,13 @@ TEST(IncomingMessages, AnUnprovedCallerMayNotFillTheJournalWithRefusals)
 TEST(IncomingMessages, DataWithoutOfferOrBeyondTheEnd)
 {
     {
-        SessionPair pair(testsupport::seed());
+        SessionPair pair(rig::seed());
         Impostor peer(&pair.a);
         peer.sayHelloAndState();
         peer.say(FrameType::Data, "x");
         peer.expectEnded(QStringLiteral("the other side does not keep to the protocol (data)"));
     }
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHelloAndState();
     peer.say(FrameType::Offer, peer.offer("abc").encode());
@@ -316,7 +316,7 @@ TEST(IncomingMessages, DataWithoutOfferOrBeyondTheEnd)
 
 TEST(IncomingMessages, OfferInsideAnOffer)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHelloAndState();
     peer.say(FrameType::Offer, peer.offer("abc").encode());
@@ -326,7 +326,7 @@ TEST(IncomingMessages, OfferInsideAnOffer)
 
 TEST(IncomingMessages, OffsetWhereNothingStands)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHelloAndState();
     OfferFrame offer = peer.offer("abcdef");
@@ -337,7 +337,7 @@ TEST(IncomingMessages, OffsetWhereNothingStands)
 
 TEST(IncomingMessages, WrongHashIsRefusedAndForgotten)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHelloAndState();
     OfferFrame offer = peer.offer("abc");
@@ -356,7 +356,7 @@ TEST(IncomingMessages, WrongHashIsRefusedAndForgotten)
 
 TEST(IncomingMessages, AnswersThatNobodyTakesDoNotPileUp)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     pair.a.store.refuseBegin = true;
     pair.a.store.beginRefusal.code = RefusalCode::NoRoom;
@@ -369,7 +369,7 @@ TEST(IncomingMessages, AnswersThatNobodyTakesDoNotPileUp)
 
 TEST(IncomingMessages, AcknowledgementsThatNobodyTakesDoNotPileUp)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     OfferFrame stored = peer.offer(QByteArray());
     pair.a.store.storedHashes[stored.messageId] = stored.sha256;
@@ -381,7 +381,7 @@ TEST(IncomingMessages, AcknowledgementsThatNobodyTakesDoNotPileUp)
 
 TEST(IncomingMessages, ALongListOfStoredMessagesComesInSeveralFrames)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     for (int i = 0; i < 2500; ++i) {
         const quint64 id = pair.a.store.queue(QString::number(i), QByteArray::number(i));
         pair.b.store.storedHashes[id] = pair.a.store.outgoing.back().message.sha256;
@@ -399,7 +399,7 @@ TEST(IncomingMessages, AcknowledgementsAreSettledMeanwhile)
 {
     LineOptions slow;
     slow.bytesPerStep = 30;
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     for (int i = 0; i < 200; ++i)
         pair.a.store.queue(QString::number(i), randomBytes(200, 1));
     ASSERT_TRUE(pair.runUntil([&] { return pair.b.store.inbox.size() > 150; }));

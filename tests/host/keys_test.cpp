@@ -4,7 +4,7 @@
 #include "tests/host/scriptedline.h"
 
 using namespace hosttest;
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 
@@ -386,8 +386,8 @@ TEST_F(Keys, TwoAbonentsAtOnceGetTheirOwnMessagesOnly)
     alice.knows(QStringLiteral("Carol"), carol);
     EXPECT_EQ(alice.call({QStringLiteral("port"), QStringLiteral("add"), alice.socket + QStringLiteral("2")}).status,
               0);
-    const QByteArray toBob = randomBytes(50000, testsupport::seed());
-    const QByteArray toCarol = randomBytes(50000, testsupport::seed() + 1);
+    const QByteArray toBob = randomBytes(50000, rig::seed());
+    const QByteArray toCarol = randomBytes(50000, rig::seed() + 1);
     EXPECT_EQ(alice.call({QStringLiteral("send"), bobs, file(QStringLiteral("b"), toBob)}).status, 0);
     EXPECT_EQ(alice.call({QStringLiteral("send"), QStringLiteral("Carol"), file(QStringLiteral("c"), toCarol)}).status,
               0);

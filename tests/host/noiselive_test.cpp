@@ -149,7 +149,7 @@ TEST_P(NoiseLiveRoles, HandshakeAndManyMessages)
     ASSERT_NO_FATAL_FAILURE(shakeHands(ours, GetParam()));
     NoiseCipher sending = ours.takeSending();
     NoiseCipher receiving = ours.takeReceiving();
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (int i = 0; i < 200; ++i) {
         QByteArray plain(i == 0 ? 0 : static_cast<int>(random() % (i == 199 ? 65520 : 600)), '\0');
         std::generate(plain.begin(), plain.end(), [&] { return static_cast<char>(random()); });

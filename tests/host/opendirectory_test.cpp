@@ -35,7 +35,7 @@ protected:
     }
     static std::string text(const QString& told) { return told.toStdString(); }
 
-    const QString root = testsupport::installRoot() + QStringLiteral("/d");
+    const QString root = rig::installRoot() + QStringLiteral("/d");
     const std::string at = root.toStdString();
     QString error;
     OpenDirectory directory;
@@ -160,14 +160,14 @@ TEST_F(OpenDirectoryTest, IsHeldByOneObject)
 // It is held: whoever puts another one in its place does not lead us there.
 TEST_F(OpenDirectoryTest, StaysWhatItWasWhenItsNameLeadsElsewhere)
 {
-    writeFile(testsupport::installRoot() + QStringLiteral("/elsewhere/x"), "x");
+    writeFile(rig::installRoot() + QStringLiteral("/elsewhere/x"), "x");
     ASSERT_TRUE(QDir().rename(root, root + QStringLiteral("-moved")));
-    ASSERT_TRUE(QFile::link(testsupport::installRoot() + QStringLiteral("/elsewhere"), root));
+    ASSERT_TRUE(QFile::link(rig::installRoot() + QStringLiteral("/elsewhere"), root));
     EXPECT_NE(text(directory.openForReading(QStringLiteral("x"), &file)), "");
     ASSERT_EQ(text(directory.createFile(QStringLiteral("mine"), &file)), "");
     file.close();
     EXPECT_TRUE(QFile::exists(root + QStringLiteral("-moved/mine")));
-    EXPECT_FALSE(QFile::exists(testsupport::installRoot() + QStringLiteral("/elsewhere/mine")));
+    EXPECT_FALSE(QFile::exists(rig::installRoot() + QStringLiteral("/elsewhere/mine")));
 }
 
 // Each step holds a descriptor: a tree of any depth would take them all.

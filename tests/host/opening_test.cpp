@@ -9,7 +9,7 @@
 #include <random>
 
 using namespace host;
-using namespace hosttest;
+using namespace rig;
 
 namespace {
 
@@ -92,7 +92,7 @@ TEST(Opening, BothProveWhoTheyAre)
 
 TEST(Opening, ComesInPiecesOfAnySizeWithFillersBetween)
 {
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (int round = 0; round < 50; ++round) {
         Line line;
         for (int step = 0; step < 400 && !(line.caller.isOver() && line.answerer.isOver()); ++step) {

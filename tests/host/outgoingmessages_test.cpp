@@ -10,11 +10,12 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 using Kind = SessionEvent::Kind;
 
 TEST(OutgoingMessages, AThousandSmallMessagesTakeNoRoundTripEach)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     for (int i = 0; i < 1000; ++i)
         pair.a.store.queue(QString::number(i), QByteArray::number(i));
     const qint64 beganMs = pair.nowMs;
@@ -27,7 +28,7 @@ TEST(OutgoingMessages, FiftyMessagesEachWayUseNineTenthsOfTheLine)
 {
     LineOptions line;
     line.bytesPerStep = 115; // 11,500 bytes/s
-    SessionPair pair(testsupport::seed(), line);
+    SessionPair pair(rig::seed(), line);
     for (int i = 0; i < 50; ++i) {
         pair.a.store.queue(QStringLiteral("message %1.txt").arg(i), randomBytes(2000, static_cast<unsigned>(i)));
         pair.b.store.queue(QStringLiteral("message %1.txt").arg(i), randomBytes(2000, static_cast<unsigned>(i)));
@@ -41,7 +42,7 @@ TEST(OutgoingMessages, ALargeFileCostsLessThanHalfAPercent)
 {
     LineOptions line;
     line.bytesPerStep = 115;
-    SessionPair pair(testsupport::seed(), line);
+    SessionPair pair(rig::seed(), line);
     pair.a.store.queue(QStringLiteral("big"), randomBytes(1000000, 1));
     const qint64 beganMs = pair.nowMs;
     ASSERT_TRUE(pair.runToEnd());
@@ -50,7 +51,7 @@ TEST(OutgoingMessages, ALargeFileCostsLessThanHalfAPercent)
 
 TEST(OutgoingMessages, PiecesAreFullWhileThereIsEnough)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.store.queue(QStringLiteral("x"), randomBytes(100000, 3));
     // Exchange the opening, then look at what comes.
     while (pair.b.receivedBytes < 200)
@@ -65,7 +66,7 @@ TEST(OutgoingMessages, AMessageQueuedMeanwhileGoesInTheSameCall)
 {
     LineOptions slow;
     slow.bytesPerStep = 100;
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     pair.b.store.queue(QStringLiteral("long"), randomBytes(20000, 1));
     ASSERT_TRUE(pair.runUntil([&] { return pair.a.receivedBytes > 5000; })); // A has said Finish long ago
     pair.a.store.queue(QStringLiteral("late"), "late");
@@ -81,7 +82,7 @@ TEST(OutgoingMessages, AMessageQueuedAtAnyMomentIsNotLost)
     for (int moment = 0; moment < 40; ++moment) {
         LineOptions slow;
         slow.bytesPerStep = 23;
-        SessionPair pair(testsupport::seed() + static_cast<unsigned>(moment), slow);
+        SessionPair pair(rig::seed() + static_cast<unsigned>(moment), slow);
         for (int i = 0; i < moment; ++i)
             pair.step();
         MemoryStore& sender = moment % 2 ? pair.a.store : pair.b.store;
@@ -101,7 +102,7 @@ TEST(OutgoingMessages, ACutLosesATenthOfTheCallAtMost)
 {
     LineOptions slow;
     slow.bytesPerStep = 3; // 300 bytes/s
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     pair.a.store.queue(QStringLiteral("f"), randomBytes(100000, 1));
     for (int i = 0; i < 5000; ++i) {
         const auto found = pair.b.store.standing.begin();
@@ -115,7 +116,7 @@ TEST(OutgoingMessages, ACutLosesATenthOfTheCallAtMost)
 
 TEST(OutgoingMessages, AnUnreadableCopyStaysQueuedAndTheOthersGo)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.store.queue(QStringLiteral("f"), "x");
     pair.a.store.openError = QStringLiteral("permission denied");
     ASSERT_TRUE(pair.runToEnd());
@@ -125,7 +126,7 @@ TEST(OutgoingMessages, AnUnreadableCopyStaysQueuedAndTheOthersGo)
 
 TEST(OutgoingMessages, ACopyThatGotShorterIsBrokenOff)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.store.queue(QStringLiteral("f"), randomBytes(50000, 1));
     pair.a.store.outgoing[0].content.truncate(30000);
     pair.a.store.queue(QStringLiteral("g"), "g");
@@ -139,7 +140,7 @@ TEST(OutgoingMessages, ACopyThatGotShorterIsBrokenOff)
 
 TEST(OutgoingMessages, ACopyThatChangedIsNeverAccepted)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.store.queue(QStringLiteral("f"), randomBytes(50000, 1));
     pair.a.store.outgoing[0].content[100] = static_cast<char>(pair.a.store.outgoing[0].content[100] ^ 4);
     ASSERT_TRUE(pair.runToEnd());
@@ -152,7 +153,7 @@ TEST(OutgoingMessages, ACopyThatChangedIsNeverAccepted)
 
 TEST(OutgoingMessages, AcknowledgementOfWhatWasNotSent)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     pair.a.store.queue(QStringLiteral("f"), "x");
     peer.sayHelloAndState();
@@ -163,7 +164,7 @@ TEST(OutgoingMessages, AcknowledgementOfWhatWasNotSent)
 
 TEST(OutgoingMessages, StateAfterStateIsAViolation)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHelloAndState();
     peer.say(FrameType::State, StateFrame().encode());
@@ -173,7 +174,7 @@ TEST(OutgoingMessages, StateAfterStateIsAViolation)
 // State frames without end, all of them well-formed and about messages that we never had.
 TEST(OutgoingMessages, StatesWithoutEndTakeNoMemory)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHello();
     peer.hear();

@@ -15,6 +15,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 
 class Queue : public testing::Test
 {
@@ -23,7 +24,7 @@ protected:
     {
         useUtf8Names();
         paths = pathsIn(QStringLiteral("q"));
-        source = writeFile(testsupport::installRoot() + QStringLiteral("/Отчёт за май.txt"), "the content");
+        source = writeFile(rig::installRoot() + QStringLiteral("/Отчёт за май.txt"), "the content");
     }
 
     StorePaths paths;
@@ -67,7 +68,7 @@ TEST_F(Queue, HoldsACopyUnderEightDigitsAndATaskBeside)
 TEST_F(Queue, EmptyFileAndTwiceTheSame)
 {
     OutgoingQueue queue(paths.output, paths.tasks);
-    const QString empty = writeFile(testsupport::installRoot() + QStringLiteral("/empty"), QByteArray());
+    const QString empty = writeFile(rig::installRoot() + QStringLiteral("/empty"), QByteArray());
     ASSERT_EQ(queue.enqueue(QStringLiteral("Bob"), empty), QString());
     ASSERT_EQ(queue.enqueue(QStringLiteral("Bob"), empty), QString());
     queue.rescan();
@@ -78,7 +79,7 @@ TEST_F(Queue, EmptyFileAndTwiceTheSame)
 TEST_F(Queue, WhatCannotBeSentSaysSoAndLeavesNothing)
 {
     OutgoingQueue queue(paths.output, paths.tasks);
-    const QString root = testsupport::installRoot();
+    const QString root = rig::installRoot();
     EXPECT_TRUE(queue.enqueue(QStringLiteral("Bob"), root + QStringLiteral("/absent"))
                     .startsWith(QStringLiteral("cannot read ")));
     EXPECT_EQ(queue.enqueue(QStringLiteral("Bob"), root),
@@ -100,22 +101,21 @@ TEST_F(Queue, AFullDiskIsToldAndLeavesNothing)
         signal(SIGXFSZ, SIG_IGN);
         rlimit limit{100000, 100000};
         setrlimit(RLIMIT_FSIZE, &limit);
-        const QString big = testsupport::installRoot() + QStringLiteral("/big");
+        const QString big = rig::installRoot() + QStringLiteral("/big");
         const QString error = queue.enqueue(QStringLiteral("Bob"), big);
         _exit(error.startsWith(QStringLiteral("cannot copy ")) ? 0 : 1);
     }
-    writeFile(testsupport::installRoot() + QStringLiteral("/big.new"), QByteArray(300000, 'x'));
+    writeFile(rig::installRoot() + QStringLiteral("/big.new"), QByteArray(300000, 'x'));
     int status = 1;
     waitpid(child, &status, 0);
     EXPECT_NE(status, 0) << "the file was not there yet";
-    QFile::rename(testsupport::installRoot() + QStringLiteral("/big.new"),
-                  testsupport::installRoot() + QStringLiteral("/big"));
+    QFile::rename(rig::installRoot() + QStringLiteral("/big.new"), rig::installRoot() + QStringLiteral("/big"));
     const pid_t second = fork();
     if (second == 0) {
         signal(SIGXFSZ, SIG_IGN);
         rlimit limit{100000, 100000};
         setrlimit(RLIMIT_FSIZE, &limit);
-        const QString error = queue.enqueue(QStringLiteral("Bob"), testsupport::installRoot() + QStringLiteral("/big"));
+        const QString error = queue.enqueue(QStringLiteral("Bob"), rig::installRoot() + QStringLiteral("/big"));
         _exit(error.startsWith(QStringLiteral("cannot copy ")) ? 0 : 1);
     }
     waitpid(second, &status, 0);
@@ -293,7 +293,7 @@ TEST_F(Queue, SeveralProgramsQueueAtOnce)
 // at the next start.
 TEST_F(Queue, KilledWhileQueueing)
 {
-    const QString big = writeFile(testsupport::installRoot() + QStringLiteral("/big"), QByteArray(500000, 'b'));
+    const QString big = writeFile(rig::installRoot() + QStringLiteral("/big"), QByteArray(500000, 'b'));
     int whole = 0;
     for (int round = 0; round < 10 || (whole < 3 && round < 300); ++round) {
         const pid_t child = fork();

@@ -70,7 +70,7 @@ private:
     std::unique_ptr<PassTimer> m_timer;
 };
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 } // namespace
 

@@ -13,6 +13,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 using Kind = PeerDirectory::Verdict::Kind;
 using Cause = PeerDirectory::Verdict::Cause;
 

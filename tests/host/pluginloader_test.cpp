@@ -13,7 +13,7 @@ namespace {
 // The directory of this test with some of the libraries.
 QDir pluginsDir(const QStringList& libraries)
 {
-    QDir dir(testsupport::installRoot() + QStringLiteral("/bin/channelPlugins"));
+    QDir dir(rig::installRoot() + QStringLiteral("/bin/channelPlugins"));
     dir.mkpath(QStringLiteral("."));
     for (const QString& library : libraries)
         QFile::link(QStringLiteral(TEST_PLUGINS_DIR "/lib") + library + QStringLiteral(".so"),

@@ -84,8 +84,7 @@ class Privacy : public testing::TestWithParam<User>
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(testsupport::isRootPrivate())
-            << "build where nobody else may write: " << testsupport::installRoot().toStdString();
+        ASSERT_TRUE(rig::isRootPrivate()) << "build where nobody else may write: " << rig::installRoot().toStdString();
         umask(0); // nothing must be private by luck
         const bool isRoot = geteuid() == 0;
         if (GetParam() == User::Root && !isRoot)
@@ -170,7 +169,7 @@ protected:
         return keys;
     }
 
-    const QString root = testsupport::installRoot() + QStringLiteral("/host");
+    const QString root = rig::installRoot() + QStringLiteral("/host");
     const QString plugin = path("bin/channelPlugins/libsocketplugin.so");
     uid_t m_user = 0;
     QString output;
@@ -430,8 +429,8 @@ TEST_P(Privacy, ARunningHostLeavesNoCoreDump)
             command.append(QStringLiteral("--core-dumps"));
         QProcess process;
         process.start(command.takeFirst(), command);
-        ASSERT_TRUE(testsupport::waitFor(
-            [&] { return process.state() == QProcess::NotRunning || process.bytesAvailable() > 0; }));
+        ASSERT_TRUE(
+            rig::waitFor([&] { return process.state() == QProcess::NotRunning || process.bytesAvailable() > 0; }));
         EXPECT_EQ(statusOf(QStringLiteral("/proc/%1/maps").arg(process.processId())).st_uid, isAllowed ? m_user : 0);
         process.terminate();
         EXPECT_TRUE(process.waitForFinished(commandDeadlineMs));

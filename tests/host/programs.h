@@ -38,7 +38,7 @@ class Installation
 {
 public:
     explicit Installation(const QString& folder, bool withPlugin = true)
-        : root(testsupport::installRoot() + QLatin1Char('/') + folder), socket(shortDir() + QLatin1Char('/') + folder)
+        : root(rig::installRoot() + QLatin1Char('/') + folder), socket(shortDir() + QLatin1Char('/') + folder)
     {
         QDir().mkpath(root + QStringLiteral("/bin/channelPlugins"));
         const QString program = QStringLiteral(TRANSPORT_HOST);
@@ -75,7 +75,7 @@ public:
 
     Result call(QStringList arguments) const
     {
-        if (arguments.value(0) == QLatin1String("run") && !testsupport::isRootPrivate())
+        if (arguments.value(0) == QLatin1String("run") && !rig::isRootPrivate())
             arguments.insert(1, QStringLiteral("--allow-shared"));
         QProcess child;
         child.start(program(), arguments);
@@ -90,12 +90,11 @@ public:
         process->setStandardOutputFile(root + QStringLiteral("/out.txt"), QIODevice::Append);
         process->setStandardErrorFile(root + QStringLiteral("/err.txt"), QIODevice::Append);
         process->setEnvironment(QProcess::systemEnvironment() + environment);
-        process->start(
-            program(),
-            QStringList{QStringLiteral("run"), QStringLiteral("--retry-seconds"), QStringLiteral("0.05"),
-                        QStringLiteral("--events"), root + QStringLiteral("/events.txt")} +
-                (testsupport::isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) +
-                options);
+        process->start(program(),
+                       QStringList{QStringLiteral("run"), QStringLiteral("--retry-seconds"), QStringLiteral("0.05"),
+                                   QStringLiteral("--events"), root + QStringLiteral("/events.txt")} +
+                           (rig::isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) +
+                           options);
         EXPECT_TRUE(process->waitForStarted());
     }
 
@@ -140,7 +139,7 @@ protected:
 
     QString file(const QString& name, const QByteArray& content) const
     {
-        return writeFile(testsupport::installRoot() + QStringLiteral("/files/") + name, content);
+        return writeFile(rig::installRoot() + QStringLiteral("/files/") + name, content);
     }
 };
 

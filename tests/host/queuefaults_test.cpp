@@ -36,7 +36,7 @@ protected:
                paths.tasks.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     }
 
-    const QString root = testsupport::installRoot();
+    const QString root = rig::installRoot();
     const StorePaths paths = pathsIn(QStringLiteral("q"));
     const std::string output = paths.output.absolutePath().toStdString();
     const std::string tasks = paths.tasks.absolutePath().toStdString();

@@ -4,6 +4,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 
 class Quota : public InboxFixture
 {

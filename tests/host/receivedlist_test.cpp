@@ -14,7 +14,7 @@ namespace {
 class Received : public testing::Test
 {
 protected:
-    Received() { QDir().mkpath(testsupport::installRoot()); }
+    Received() { QDir().mkpath(rig::installRoot()); }
 
     // Stored, and the sender has heard of it.
     static QByteArray settledLines(const QString& peer, quint64 id)
@@ -25,7 +25,7 @@ protected:
     }
 
     static const inline QByteArray sha = QByteArray(32, 'h');
-    const QString path = testsupport::installRoot() + QStringLiteral("/received.list");
+    const QString path = rig::installRoot() + QStringLiteral("/received.list");
 };
 
 QString stranger(int number)

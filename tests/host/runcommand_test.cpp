@@ -9,7 +9,7 @@
 #include <random>
 
 using namespace hosttest;
-using testsupport::waitFor;
+using rig::waitFor;
 
 TEST_F(Program, RunWithoutNameOrPlugin)
 {
@@ -32,7 +32,7 @@ TEST_F(Program, RunWithoutNameOrPlugin)
 
 TEST_F(TwoPrograms, FilesBothWaysInOneCall)
 {
-    const QByteArray big = randomBytes(300000, testsupport::seed());
+    const QByteArray big = randomBytes(300000, rig::seed());
     const QString name = QStringLiteral("Отчёт \xF0\x9F\x93\xA0.bin");
     alice.call(
         {QStringLiteral("send"), QStringLiteral("Боб"), file(name, big), file(QStringLiteral("empty"), QByteArray())});
@@ -87,7 +87,7 @@ TEST_F(TwoPrograms, SendWhileItRunsGoesAtOnce)
 
 TEST_F(TwoPrograms, BrokenCallsAreTakenUp)
 {
-    const QByteArray big = randomBytes(400000, testsupport::seed());
+    const QByteArray big = randomBytes(400000, rig::seed());
     alice.call({QStringLiteral("send"), QStringLiteral("Боб"), file(QStringLiteral("big"), big)});
     bob.run({QStringLiteral("--exit-when-received"), QStringLiteral("1"), QStringLiteral("--no-calls")});
     alice.run({QStringLiteral("--exit-when-sent")}, {QStringLiteral("SOCKETPLUGIN_CUT=150000:2")});
@@ -293,7 +293,7 @@ TEST_F(TwoPrograms, KilledAgainAndAgain)
         arguments << file(name, sent[name]);
     }
     ASSERT_EQ(alice.call(arguments).status, 0);
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     const QStringList slow{QStringLiteral("SOCKETPLUGIN_RATE=600000")};
     bob.run({QStringLiteral("--no-calls")}, slow);
     for (int round = 0; round < 8; ++round) {

@@ -111,7 +111,7 @@ bool wasDumped(bool isForbidden)
         ::getrlimit(RLIMIT_CORE, &limit);
         limit.rlim_cur = limit.rlim_max;
         ::setrlimit(RLIMIT_CORE, &limit);
-        if (::chdir(QFile::encodeName(testsupport::installRoot()).constData()) != 0 ||
+        if (::chdir(QFile::encodeName(rig::installRoot()).constData()) != 0 ||
             (isForbidden && !host::forbidCoreDumps().isEmpty()))
             ::_exit(1);
         ::signal(SIGSEGV, SIG_DFL);
@@ -128,7 +128,7 @@ bool wasDumped(bool isForbidden)
 
 TEST(Secrets, OfAnIdentityEndWithIt)
 {
-    const QString path = testsupport::installRoot() + QStringLiteral("/settings/identity.key");
+    const QString path = rig::installRoot() + QStringLiteral("/settings/identity.key");
     bool created = false;
     QString error;
     auto key = host::loadOrCreateIdentityKey(path, &created, &error);

@@ -6,13 +6,14 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 using Kind = SessionEvent::Kind;
 
 // ---- whole sessions ----
 
 TEST(Session, NothingToSendEndsAtOnce)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     ASSERT_TRUE(pair.runToEnd(1000));
     expectBothEndedWell(pair);
     EXPECT_EQ(pair.a.session->peerName(), QStringLiteral("Боб"));
@@ -23,12 +24,12 @@ TEST(Session, NothingToSendEndsAtOnce)
 
 TEST(Session, FilesOfManySizesBothWaysAtOnce)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     std::vector<std::pair<QString, QByteArray>> fromA;
     std::vector<std::pair<QString, QByteArray>> fromB;
     for (const int size : {0, 1, 1023, 1024, 1025, 16384, 300000}) {
         fromA.emplace_back(QStringLiteral("a%1").arg(size),
-                           randomBytes(size, testsupport::seed() + static_cast<unsigned>(size)));
+                           randomBytes(size, rig::seed() + static_cast<unsigned>(size)));
         fromB.emplace_back(QStringLiteral("b%1").arg(size), randomBytes(size, 7 + static_cast<unsigned>(size)));
         pair.a.store.queue(fromA.back().first, fromA.back().second);
         pair.b.store.queue(fromB.back().first, fromB.back().second);
@@ -49,7 +50,7 @@ TEST(Session, BothDirectionsMoveTogether)
 {
     LineOptions slow;
     slow.bytesPerStep = 115;
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     pair.a.store.queue(QStringLiteral("a"), randomBytes(50000, 1));
     pair.b.store.queue(QStringLiteral("b"), randomBytes(50000, 2));
     ASSERT_TRUE(pair.runUntil([&] { return pair.a.receivedBytes > 25000; }));
@@ -59,7 +60,7 @@ TEST(Session, BothDirectionsMoveTogether)
 
 TEST(Session, NamesInAnyLanguage)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     const QStringList names = {QStringLiteral("Отчёт за май.txt"), QStringLiteral("報告書"),
                                QString::fromUtf8("\xF0\x9F\x93\xA0 fax \xF0\x9D\x94\x98"), QStringLiteral("تقرير"),
                                QString(255, QLatin1Char('n'))};
@@ -78,7 +79,7 @@ TEST(Session, ABrokenCallIsTakenUpWhereItStopped)
     LineOptions line;
     line.bytesPerStep = 1000;
     line.cutAfterBytes = 60000;
-    SessionPair pair(testsupport::seed(), line);
+    SessionPair pair(rig::seed(), line);
     const QByteArray content = randomBytes(100000, 5);
     pair.a.store.queue(QStringLiteral("f"), content);
     ASSERT_TRUE(pair.runToEnd());
@@ -106,7 +107,7 @@ TEST(Session, CutAtEveryByte)
         line.bytesPerStep = 97;
         line.pieceBytes = 100;
         line.cutAfterBytes = cut == 0 ? -1 : cut; // first: how long is it?
-        SessionPair pair(testsupport::seed() + static_cast<unsigned>(cut), line);
+        SessionPair pair(rig::seed() + static_cast<unsigned>(cut), line);
         const QByteArray one = randomBytes(300, 1);
         const QByteArray two = randomBytes(200, 2);
         pair.a.store.queue(QStringLiteral("one"), one);
@@ -134,7 +135,7 @@ TEST(Session, CutAtEveryByte)
 
 TEST(Session, ManyShortCallsCarryALongFile)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     const QByteArray content = randomBytes(60000, 9);
     pair.a.store.queue(QStringLiteral("f"), content);
     int calls = 0;
@@ -153,7 +154,7 @@ TEST(Session, ManyShortCallsCarryALongFile)
 
 TEST(Session, KeepAliveHoldsTheConnection)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.b.session->setKeepAlive(true);
     EXPECT_FALSE(pair.runToEnd(60000));
     pair.b.session->setKeepAlive(false);
@@ -165,7 +166,7 @@ TEST(Session, KeepAliveAfterFinishTakesItBack)
 {
     LineOptions slow;
     slow.bytesPerStep = 100;
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     pair.a.store.queue(QStringLiteral("f"), randomBytes(10000, 1));
     ASSERT_TRUE(pair.runUntil([&] { return pair.b.receivedBytes > 5000; }));
     pair.b.session->setKeepAlive(true);
@@ -175,7 +176,7 @@ TEST(Session, KeepAliveAfterFinishTakesItBack)
 
 TEST(Session, StopTellsThePeer)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.session->setKeepAlive(true);
     pair.runUntil([&] { return pair.nowMs > 3000; });
     pair.a.session->stop(QStringLiteral("switched off"), pair.nowMs);
@@ -186,7 +187,7 @@ TEST(Session, StopTellsThePeer)
 
 TEST(Session, StopEndsEvenWhenNothingCanBeSent)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.session->stop(QStringLiteral("off"), 1000);
     pair.a.session->advance(1299);
     EXPECT_FALSE(pair.a.session->isFinished());
@@ -198,7 +199,7 @@ TEST(Session, EndingReleasesTheQueue)
 {
     LineOptions line;
     line.bytesPerStep = 100;
-    SessionPair pair(testsupport::seed(), line);
+    SessionPair pair(rig::seed(), line);
     pair.a.store.queue(QStringLiteral("f"), randomBytes(10000, 1));
     ASSERT_TRUE(pair.runUntil([&] { return pair.b.receivedBytes > 3000; }));
     EXPECT_FALSE(pair.a.store.hasUnclaimed(provedPeer(QString())));
@@ -214,7 +215,7 @@ TEST(Session, ADamagedStreamEndsTheSessionAndTheNextCallGoesOn)
     for (unsigned round = 0; round < 30; ++round) {
         LineOptions line;
         line.bytesPerStep = 800;
-        SessionPair pair(testsupport::seed() + round, line);
+        SessionPair pair(rig::seed() + round, line);
         const QByteArray content = randomBytes(30000, round);
         pair.a.store.queue(QStringLiteral("f"), content);
         const qint64 at = 100 + 900 * round;
@@ -242,7 +243,7 @@ TEST(Session, BytesRepeatedOrLeftOutEndTheSession)
     for (const bool repeat : {true, false}) {
         LineOptions line;
         line.bytesPerStep = 800;
-        SessionPair pair(testsupport::seed(), line);
+        SessionPair pair(rig::seed(), line);
         pair.a.store.queue(QStringLiteral("f"), randomBytes(30000, 1));
         qint64 seen = 0;
         pair.b.tamper = [&](const QByteArray& piece) {

@@ -10,7 +10,7 @@
 
 namespace hosttest {
 
-inline void expectInbox(const MemoryStore& store, const std::vector<std::pair<QString, QByteArray>>& expected)
+inline void expectInbox(const rig::MemoryStore& store, const std::vector<std::pair<QString, QByteArray>>& expected)
 {
     ASSERT_EQ(store.inbox.size(), expected.size());
     for (size_t i = 0; i < expected.size(); ++i) {

@@ -122,7 +122,7 @@ TEST(SessionFrames, ReasonsAreCutBetweenCharacters)
 
 TEST(SessionFrames, RandomPayloadsNeverCrash)
 {
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (int i = 0; i < 20000; ++i) {
         QByteArray payload(static_cast<int>(random() % 80), Qt::Uninitialized);
         for (char& byte : payload)

@@ -2,6 +2,8 @@
 
 namespace hosttest {
 
+using namespace rig;
+
 using namespace host;
 
 int SessionPair::Side::count(SessionEvent::Kind kind) const

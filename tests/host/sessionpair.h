@@ -16,7 +16,7 @@
 
 namespace hosttest {
 
-using testsupport::randomBytes;
+using rig::randomBytes;
 
 struct LineOptions
 {
@@ -44,9 +44,9 @@ public:
 
     struct Side
     {
-        MemoryStore store;
+        rig::MemoryStore store;
         host::SessionSettings settings;
-        TestDirectory directory;
+        rig::TestDirectory directory;
         std::unique_ptr<host::Session> session;
         QByteArray wire; // on its way to this side
         qint64 receivedBytes = 0;

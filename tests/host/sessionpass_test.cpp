@@ -12,6 +12,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 
 namespace {
 
@@ -105,7 +106,7 @@ TEST_F(Passes, NoSleepWhileTheLinkWorks)
 {
     begin(hourMs);
     longestSleepIn(3000);
-    b->store.queue(QStringLiteral("f"), testsupport::randomBytes(100000, 1));
+    b->store.queue(QStringLiteral("f"), rig::randomBytes(100000, 1));
     for (passOf(b.get()); !b->channel.peer->incoming.isEmpty(); passOf(b.get())) {
         passOf(a.get());
         EXPECT_EQ(a->pass->sleepMs(), 0) << "something may have to be confirmed";

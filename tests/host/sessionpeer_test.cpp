@@ -7,11 +7,12 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 using Kind = SessionEvent::Kind;
 
 TEST(SessionPeer, GarbageEndsTheSession)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.session->takeOutput(1000, 1000);
     pair.a.session->receive("login: \r\n", 1000);
     EXPECT_EQ(pair.a.session->takeOutput(1000, 1000), QByteArray()) << "nothing is said to it";
@@ -23,11 +24,11 @@ TEST(SessionPeer, GarbageEndsTheSession)
 TEST(SessionPeer, RandomBytesNeverCrash)
 {
     for (unsigned round = 0; round < 300; ++round) {
-        SessionPair pair(testsupport::seed());
+        SessionPair pair(rig::seed());
         Impostor peer(&pair.a);
         if (round % 2)
             peer.sayHelloAndState();
-        pair.a.session->receive(randomBytes(5000, testsupport::seed() + round), 1000);
+        pair.a.session->receive(randomBytes(5000, rig::seed() + round), 1000);
         EXPECT_TRUE(pair.a.store.inbox.empty());
         // A type and a length that may pass wait for their check; silence ends that.
         pair.a.session->advance(1000000);
@@ -39,9 +40,9 @@ TEST(SessionPeer, RandomBytesNeverCrash)
 // Well-formed frames in random order.
 TEST(SessionPeer, RandomFramesNeverCrash)
 {
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (unsigned round = 0; round < 500; ++round) {
-        SessionPair pair(testsupport::seed());
+        SessionPair pair(rig::seed());
         pair.a.store.queue(QStringLiteral("f"), randomBytes(5000, 1));
         Impostor peer(&pair.a);
         peer.sayHelloAndState();
@@ -65,7 +66,7 @@ TEST(SessionPeer, RandomFramesNeverCrash)
 
 TEST(SessionPeer, OurOwnEchoIsNoPeer)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.session->receive(pair.a.session->takeOutput(1000, 1000), 1000);
     pair.a.session->advance(2000);
     EXPECT_EQ(pair.a.session->end(), SessionEnd::NotThisProtocol);
@@ -84,7 +85,7 @@ TEST(SessionPeer, ARefusedCallerIsToldWhatToDoAndNothingElse)
          QStringLiteral("your key cannot be looked up here just now: call again later")},
     };
     for (const auto& [cause, end, told] : cases) {
-        SessionPair pair(testsupport::seed());
+        SessionPair pair(rig::seed());
         pair.b.store.queue(QStringLiteral("secret"), "x");
         pair.b.directory.refusal = cause;
         ASSERT_TRUE(pair.runToEnd(5000));
@@ -103,11 +104,11 @@ TEST(SessionPeer, WhoeverIsBlockedMeanwhileIsOutWithinASecond)
     for (const bool blocksCaller : {true, false}) {
         LineOptions line;
         line.bytesPerStep = 20;
-        SessionPair pair(testsupport::seed(), line);
+        SessionPair pair(rig::seed(), line);
         SessionPair::Side& blocking = blocksCaller ? pair.b : pair.a;
         SessionPair::Side& blocked = blocksCaller ? pair.a : pair.b;
-        blocked.store.queue(QStringLiteral("begun"), randomBytes(60000, testsupport::seed()));
-        blocking.store.queue(QStringLiteral("kept"), randomBytes(60000, testsupport::seed()));
+        blocked.store.queue(QStringLiteral("begun"), randomBytes(60000, rig::seed()));
+        blocking.store.queue(QStringLiteral("kept"), randomBytes(60000, rig::seed()));
         ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs > 15000; }));
         ASSERT_FALSE(blocking.session->isFinished());
         EXPECT_NEAR(blocking.directory.timesAsked, 14, 1) << "a look each second is enough";
@@ -129,7 +130,7 @@ TEST(SessionPeer, WhoeverIsBlockedMeanwhileIsOutWithinASecond)
 // The last words of a session that is over say so, and why in one sentence.
 TEST(SessionPeer, WhoeverIsBlockedMeanwhileIsToldSo)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.session->setKeepAlive(true);
     pair.b.session->setKeepAlive(true);
     ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs > 3000; }));
@@ -142,7 +143,7 @@ TEST(SessionPeer, WhoeverIsBlockedMeanwhileIsToldSo)
 
 TEST(SessionPeer, WhoeverAnswersInsteadOfTheCalledOneLearnsNothing)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.store.queue(QStringLiteral("secret"), "x");
     pair.a.directory.refusal = PeerDirectory::Verdict::Cause::WrongKey;
     ASSERT_TRUE(pair.runToEnd(5000));
@@ -156,7 +157,7 @@ TEST(SessionPeer, WhoeverAnswersInsteadOfTheCalledOneLearnsNothing)
 // Whatever name it tells.
 TEST(SessionPeer, ANameThatIsToldIsNotBelieved)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.settings.abonentName = QStringLiteral("Боб");
     pair.connect();
     ASSERT_TRUE(pair.runToEnd(5000));
@@ -167,7 +168,7 @@ TEST(SessionPeer, ANameThatIsToldIsNotBelieved)
 
 TEST(SessionPeer, AnUnprovedCallerLeavesMessagesAndGetsNothing)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.b.directory.names.clear();
     pair.b.directory.everybodyElse.clear();
     pair.b.directory.acceptsUnknown = true;
@@ -184,7 +185,7 @@ TEST(SessionPeer, AnUnprovedCallerLeavesMessagesAndGetsNothing)
 
 TEST(SessionPeer, OurOwnKeyAtTheOtherEndIsNamed)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.b.settings.identity = pair.a.settings.identity;
     pair.connect();
     ASSERT_TRUE(pair.runToEnd(5000));
@@ -195,7 +196,7 @@ TEST(SessionPeer, OurOwnKeyAtTheOtherEndIsNamed)
 TEST(SessionPeer, WordsThatComeBackEndTheSession)
 {
     for (int piece = 0; piece < 12; ++piece) {
-        SessionPair pair(testsupport::seed());
+        SessionPair pair(rig::seed());
         pair.a.store.queue(QStringLiteral("f"), randomBytes(5000, 3));
         QByteArray said;
         int pieces = 0;
@@ -216,7 +217,7 @@ TEST(SessionPeer, WordsThatComeBackEndTheSession)
 
 TEST(SessionPeer, NothingBeforeHello)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.say(FrameType::State, StateFrame().encode());
     peer.expectEnded(QStringLiteral("the other side does not keep to the protocol (opening)"));
@@ -224,7 +225,7 @@ TEST(SessionPeer, NothingBeforeHello)
 
 TEST(SessionPeer, SecondHelloIsAViolation)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHelloAndState();
     peer.hear();

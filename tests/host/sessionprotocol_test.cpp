@@ -15,7 +15,8 @@
 
 using namespace host;
 using namespace hosttest;
-using testsupport::waitFor;
+using namespace rig;
+using rig::waitFor;
 
 namespace {
 
@@ -82,7 +83,7 @@ struct Line
 TEST(SessionProtocol, ExchangesAndFinishes)
 {
     Line line;
-    const QByteArray content = randomBytes(100000, testsupport::seed());
+    const QByteArray content = randomBytes(100000, rig::seed());
     line.a.store.queue(QStringLiteral("f"), content);
     line.b.store.queue(QStringLiteral("g"), "g");
     line.start();

@@ -177,7 +177,7 @@ TEST(SessionTimes, ADeadConnectionEndsTheSession)
 {
     LineOptions slow;
     slow.bytesPerStep = 100;
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     pair.a.store.queue(QStringLiteral("f"), randomBytes(100000, 1));
     ASSERT_TRUE(pair.runUntil([&] { return pair.b.receivedBytes > 5000; }));
     pair.a.silent = true;
@@ -191,7 +191,7 @@ TEST(SessionTimes, ADeadConnectionEndsTheSession)
 
 TEST(SessionTimes, ACallThatSaysNothingEnds)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.settings.silenceMs = 5000;
     pair.connect();
     pair.b.silent = true;
@@ -201,7 +201,7 @@ TEST(SessionTimes, ACallThatSaysNothingEnds)
 
 TEST(SessionTimes, AWaitingSideSaysSomethingEachSecond)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.a.session->setKeepAlive(true);
     ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs > 5000; }));
     const qint64 before = pair.a.receivedBytes;
@@ -216,7 +216,7 @@ TEST(SessionTimes, ASideThatTakesAFileInSpeaksMoreRarely)
 {
     LineOptions slow;
     slow.bytesPerStep = 10; // 1000 bytes/s
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     pair.a.store.queue(QStringLiteral("f"), randomBytes(60000, 1));
     const auto heardIn = [&](qint64 ms) {
         const qint64 before = pair.a.receivedBytes;
@@ -234,7 +234,7 @@ TEST(SessionTimes, ASideThatTakesAFileInSpeaksMoreRarely)
 // As from a modem without carrier that echoes what is written to it.
 TEST(SessionTimes, FillersAloneAreSilence)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHelloAndState();
     pair.a.session->setKeepAlive(true);
@@ -253,7 +253,7 @@ TEST(SessionTimes, ALongTransferOutlivesAShortSilenceLimit)
 {
     LineOptions slow;
     slow.bytesPerStep = 10; // 1000 bytes/s
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     pair.a.settings.silenceMs = 4000;
     pair.b.settings.silenceMs = 4000;
     pair.connect();
@@ -264,7 +264,7 @@ TEST(SessionTimes, ALongTransferOutlivesAShortSilenceLimit)
 
 TEST(SessionTimes, NoHeartbeatWhileDataFlows)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     pair.a.store.queue(QStringLiteral("f"), randomBytes(100000, 1));
     peer.sayHelloAndState();
@@ -279,7 +279,7 @@ TEST(SessionTimes, NoHeartbeatWhileDataFlows)
 
 TEST(SessionTimes, APeerThatOnlyHeartbeatsIsLeft)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     pair.a.store.queue(QStringLiteral("f"), "x");
     peer.sayHelloAndState();
@@ -296,7 +296,7 @@ TEST(SessionTimes, APeerThatOnlyHeartbeatsIsLeft)
 
 TEST(SessionTimes, AnOpeningThatNeverComesEnds)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     qint64 now = 1000;
     for (; !pair.a.session->isFinished() && now < 3600 * 1000; now += 1000) {
         // The first bytes of an opening, one more now and then: never whole.
@@ -314,7 +314,7 @@ TEST(SessionTimes, AnOpeningThatNeverComesEnds)
 
 TEST(SessionTimes, APeerThatOnlyHeartbeatsDoesNotHoldTheLine)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     Impostor peer(&pair.a);
     peer.sayHelloAndState();
     const qint64 beganMs = peer.now;
@@ -340,7 +340,7 @@ TEST(SessionTimes, APeerThatOnlyHeartbeatsDoesNotHoldTheLine)
 TEST(SessionTimes, UselessFramesDoNotHoldTheLine)
 {
     for (const bool offers : {false, true}) {
-        SessionPair pair(testsupport::seed());
+        SessionPair pair(rig::seed());
         Impostor peer(&pair.a);
         pair.a.store.refuseBegin = true;
         peer.sayHello();
@@ -366,7 +366,7 @@ TEST(SessionTimes, ALongUploadIsNotTakenForAStall)
 {
     LineOptions slow;
     slow.bytesPerStep = 2; // 200 bytes/s: ten minutes
-    SessionPair pair(testsupport::seed(), slow);
+    SessionPair pair(rig::seed(), slow);
     pair.a.store.queue(QStringLiteral("f"), randomBytes(120000, 1));
     ASSERT_TRUE(pair.runToEnd());
     EXPECT_EQ(pair.b.store.inbox.size(), 1u);
@@ -376,7 +376,7 @@ TEST(SessionTimes, ALongUploadIsNotTakenForAStall)
 TEST(SessionTimes, WordsWithoutUseDoNotPutOffTheEndOfAStall)
 {
     for (const bool takesMore : {true, false}) {
-        SessionPair pair(testsupport::seed());
+        SessionPair pair(rig::seed());
         pair.a.store.queue(QStringLiteral("first"), "x");
         pair.a.store.queue(QStringLiteral("second"), randomBytes(200000, 2));
         Impostor peer(&pair.a);
@@ -397,7 +397,7 @@ TEST(SessionTimes, WordsWithoutUseDoNotPutOffTheEndOfAStall)
 
 TEST(SessionTimes, AnUnprovedCallerMayNotStayForEver)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     pair.b.directory.names.clear();
     pair.b.directory.everybodyElse.clear();
     pair.b.directory.acceptsUnknown = true;

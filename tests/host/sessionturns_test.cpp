@@ -6,6 +6,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 
 namespace {
 
@@ -152,7 +153,7 @@ TEST(SessionTurns, ASessionWithNothingToSaySleepsFromHeartbeatToHeartbeat)
     LineOptions line;
     line.stepMs = 1;
     line.sleeps = true;
-    SessionPair pair(testsupport::seed(), line);
+    SessionPair pair(rig::seed(), line);
     pair.a.session->setKeepAlive(true);
     ASSERT_TRUE(pair.runUntil([&] { return pair.nowMs >= 10000; }));
     const int before = pair.turns;
@@ -165,7 +166,7 @@ TEST(SessionTurns, ASessionWithNothingToSaySleepsFromHeartbeatToHeartbeat)
 
 TEST(SessionTurns, WhatIsToBeSaidIsToBeSaidNow)
 {
-    SessionPair pair(testsupport::seed());
+    SessionPair pair(rig::seed());
     EXPECT_LE(pair.a.session->nextTurnMs(), pair.nowMs) << "the caller speaks first";
     pair.a.session->setKeepAlive(true);
     ASSERT_TRUE(pair.runUntil([&] { return pair.a.session->nextTurnMs() > pair.nowMs; }));

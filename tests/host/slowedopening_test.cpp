@@ -7,6 +7,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 using Kind = SessionEvent::Kind;
 
 namespace {
@@ -73,7 +74,7 @@ protected:
         EXPECT_EQ(guard().failures(), failures) << "it is not counted among those who failed";
     }
 
-    SessionPair pair{testsupport::seed()};
+    SessionPair pair{rig::seed()};
 
 private:
     qint64 m_answeredMs = -1;
@@ -84,7 +85,7 @@ private:
 
 TEST_F(SlowedOpening, AProvedAbonentGetsInBehindTheLongestDelay)
 {
-    const QByteArray content = randomBytes(3000, testsupport::seed());
+    const QByteArray content = randomBytes(3000, rig::seed());
     callAndDeliver(QStringLiteral("before"), content);
     const qint64 answerMs = this->answerMs();
     const qint64 callMs = this->callMs();
@@ -109,7 +110,7 @@ TEST_F(SlowedOpening, AProvedAbonentGetsInBehindTheLongestDelay)
 // On the other lines of the installation they go on while the abonent's call opens.
 TEST_F(SlowedOpening, StrangersOnOtherLinesPutItOffNoFurther)
 {
-    const QByteArray content = randomBytes(3000, testsupport::seed());
+    const QByteArray content = randomBytes(3000, rig::seed());
     callAndDeliver(QStringLiteral("before"), content);
     const qint64 callMs = this->callMs();
     for (int i = 0; i < 6; ++i)

@@ -2,7 +2,7 @@
 #include "tests/host/programs.h"
 
 using namespace hosttest;
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 
@@ -142,7 +142,7 @@ TEST_F(ProgramStatus, WhatCannotBeReadIsToldAndTheRestIsShown)
 // What a peer or a modem has said of a message that waits.
 TEST_F(ProgramStatus, ReasonsAreSafeOnATerminal)
 {
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/source"), "x");
     ASSERT_EQ(installation.call({QStringLiteral("send"), QStringLiteral("Bob"), source}).status, 0);
     const QString raw = QStringLiteral("told\u001B[2J\u0007\u061Cend");
     writeFile(installation.root + QStringLiteral("/data/0/messages/output/00000001/reason.json"),

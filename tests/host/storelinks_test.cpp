@@ -15,7 +15,7 @@ class StoreLinks : public InboxFixture
 protected:
     StoreLinks()
     {
-        victim = testsupport::installRoot() + QStringLiteral("/victim");
+        victim = rig::installRoot() + QStringLiteral("/victim");
         secret = writeFile(victim + QStringLiteral("/secret"), "precious");
         ::chmod(QFile::encodeName(secret).constData(), 0600);
     }
@@ -41,7 +41,7 @@ protected:
         return QStringLiteral("%1 is a link, and links are not followed here: remove it").arg(path);
     }
 
-    QString source() const { return writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x"); }
+    QString source() const { return writeFile(rig::installRoot() + QStringLiteral("/source"), "x"); }
 
     QString victim;
     QString secret;

@@ -9,6 +9,7 @@
 
 using namespace host;
 using namespace hosttest;
+using namespace rig;
 
 namespace {
 
@@ -82,7 +83,7 @@ TEST(QueueRecord, ATaskSaysWhatIsSentToWhomSinceWhen)
 {
     useUtf8Names();
     const StorePaths paths = pathsIn(QStringLiteral("q"));
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/f.txt"), "content");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/f.txt"), "content");
     OutgoingQueue queue(paths.output, paths.tasks);
     QueuedMessage message;
     const qint64 beforeSecs = QDateTime::currentSecsSinceEpoch();
@@ -137,7 +138,7 @@ TEST(QueueRecord, ATaskOfAnotherProgramIsReadFieldByField)
 // Whatever stands in the place of a record is read no further than 64 KiB.
 TEST(DiskFile, ARecordIsNoLongerThanItsLimit)
 {
-    const QString path = testsupport::installRoot() + QStringLiteral("/record");
+    const QString path = rig::installRoot() + QStringLiteral("/record");
     const auto recordOf = [](int bytes) { return "{\"a\":1" + QByteArray(bytes - 7, ' ') + "}"; };
     writeFile(path, recordOf(64 * 1024));
     EXPECT_EQ(loadRecord(path), (QJsonObject{{"a", 1}}));
@@ -149,7 +150,7 @@ TEST(MessageStore, LeavesNothingOpen)
 {
     useUtf8Names();
     const StorePaths paths = pathsIn(QStringLiteral("s"));
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/f.txt"), "content");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/f.txt"), "content");
     const Peer bob = provedPeer(QStringLiteral("Боб"));
     MessageStore store(paths, InboxLimits());
     const auto useOnce = [&](quint64 id) {
@@ -174,12 +175,12 @@ TEST(MessageStore, LeavesNothingOpen)
 
 TEST(DiskFile, LeavesNothingOpen)
 {
-    const QString path = testsupport::installRoot() + QStringLiteral("/record");
+    const QString path = rig::installRoot() + QStringLiteral("/record");
     const int before = testsupport::openDescriptors();
     EXPECT_EQ(saveRecord(path, {{"a", 1}}), QString());
     EXPECT_EQ(replaceFile(path, "{}"), QString());
     EXPECT_EQ(loadRecord(path), QJsonObject());
-    syncDirectory(QDir(testsupport::installRoot()));
-    EXPECT_NE(replaceFile(testsupport::installRoot() + QStringLiteral("/absent/record"), "{}"), QString());
+    syncDirectory(QDir(rig::installRoot()));
+    EXPECT_NE(replaceFile(rig::installRoot() + QStringLiteral("/absent/record"), "{}"), QString());
     EXPECT_EQ(testsupport::openDescriptors(), before);
 }

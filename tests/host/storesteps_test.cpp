@@ -67,7 +67,7 @@ TEST_F(StoreSteps, Beginning)
 TEST_F(StoreSteps, Queueing)
 {
     OutgoingQueue queue(paths.output, paths.tasks);
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/source"), "x");
     ASSERT_EQ(queue.enqueue(bob.abonent, source), QString());
     SystemCallWatch watch(root());
     ASSERT_EQ(queue.enqueue(bob.abonent, source), QString());
@@ -88,7 +88,7 @@ TEST_F(StoreSteps, Queueing)
 TEST_F(StoreSteps, Removing)
 {
     OutgoingQueue queue(paths.output, paths.tasks);
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/source"), "x");
     ASSERT_EQ(queue.enqueue(bob.abonent, source), QString());
     queue.rescan();
     SystemCallWatch watch(root());
@@ -122,7 +122,7 @@ TEST_F(StoreSteps, Replacing)
 TEST_F(StoreSteps, AFailedStepIsToldAndTakenBack)
 {
     const OfferFrame offer = offerOf(7, QStringLiteral("f"), "content");
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/source"), "x");
     for (const char* name : {"received.list", "incomplete", "/.message.new", "/f"}) {
         SCOPED_TRACE(name);
         const auto store = open();

@@ -92,7 +92,7 @@ TEST_F(StoreThreads, EachMessageIsClaimedOnce)
     constexpr int workers = 3;
     const auto store = open();
     OutgoingQueue& queue = store->queue();
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/source"), "x");
     ManyMessages messages(queue, bob);
     std::vector<std::thread> threads;
     threads.emplace_back([&] { messages.produce(source); });
@@ -114,7 +114,7 @@ TEST_F(StoreThreads, AReasonDoesNotBringAMessageBack)
 {
     const auto store = open();
     OutgoingQueue& queue = store->queue();
-    const QString source = writeFile(testsupport::installRoot() + QStringLiteral("/source"), "x");
+    const QString source = writeFile(rig::installRoot() + QStringLiteral("/source"), "x");
     for (int round = 0; round < 60; ++round) {
         QueuedMessage message;
         ASSERT_EQ(queue.enqueue(bob.abonent, source, &message), QString());

@@ -37,7 +37,7 @@ inline QByteArray sha256(const QByteArray& content)
 // Paths below <root>/<name>/.
 inline host::StorePaths pathsIn(const QString& name)
 {
-    const QDir base(testsupport::installRoot() + QLatin1Char('/') + name);
+    const QDir base(rig::installRoot() + QLatin1Char('/') + name);
     host::StorePaths paths;
     paths.input = QDir(base.absoluteFilePath(QStringLiteral("input")));
     paths.incomplete = QDir(base.absoluteFilePath(QStringLiteral("incomplete")));

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 using namespace hosttest;
-using testsupport::waitFor;
+using rig::waitFor;
 
 // A terminal that does not know its width says 0 columns.
 TEST_F(TwoPrograms, TheLivePictureFitsTheTerminal)

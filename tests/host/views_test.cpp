@@ -221,7 +221,7 @@ TEST(StatusJson, ShowsEverything)
 
 TEST(HostState, IsWrittenWholeAndReadBack)
 {
-    const QString path = testsupport::installRoot() + ownState;
+    const QString path = rig::installRoot() + ownState;
     HostState state;
     state.ports = {{1, 2, QStringLiteral("ttyS0"), QStringLiteral("Свободен"), 2500, 10}};
     state.files = {progress(true, FileProgress::State::Moving, 5), progress(false, FileProgress::State::Moving, 5),
@@ -262,7 +262,7 @@ TEST(HostState, IsWrittenWholeAndReadBack)
 
 TEST(HostState, OfAProcessThatIsGoneIsNone)
 {
-    const QString path = testsupport::installRoot() + ownState;
+    const QString path = rig::installRoot() + ownState;
     EXPECT_EQ(readHostState(path), QJsonObject());
     for (const char* process : {"0", "-1", "2147483647"}) {
         writeFile(path, QByteArray("{\"process\":") + process + ",\"calling\":[]}");
@@ -286,7 +286,7 @@ TEST(HostState, LimitsThatAreNoNumbersAreTheUsualOnes)
 
 TEST(HostState, AFileThatIsGoneIsWrittenAgain)
 {
-    const QString path = testsupport::installRoot() + ownState;
+    const QString path = rig::installRoot() + ownState;
     HostStateFile file(path);
     file.write(HostState());
     ASSERT_TRUE(QFile::remove(path));

@@ -12,9 +12,9 @@ namespace {
 template <typename Work>
 qint64 allocationsOf(Work work)
 {
-    const qint64 before = testsupport::allocationCount();
+    const qint64 before = rig::allocationCount();
     work();
-    return testsupport::allocationCount() - before;
+    return rig::allocationCount() - before;
 }
 
 } // namespace

@@ -16,9 +16,9 @@ namespace linktest {
 
 struct LinePlan
 {
-    soak::Faults faults;
+    rig::Faults faults;
     int bitsPerSecond = 115200;
-    std::int64_t delayNs = soak::nsPerMs;
+    std::int64_t delayNs = rig::nsPerMs;
     int outageEveryMs = 0; // the line takes everything and delivers nothing
     int outageMs = 0;
 };
@@ -37,7 +37,7 @@ public:
     {
         QByteArray bytes(size, '\0');
         for (char& byte : bytes)
-            byte = testsupport::streamByte(m_seed, m_sent++);
+            byte = rig::streamByte(m_seed, m_sent++);
         m_channel.write(bytes);
     }
 
@@ -57,7 +57,7 @@ public:
     bool receive(unsigned peerSeed)
     {
         for (const char byte : m_channel.read(1 << 20)) {
-            if (byte != testsupport::streamByte(peerSeed, m_received))
+            if (byte != rig::streamByte(peerSeed, m_received))
                 return false;
             ++m_received;
         }
@@ -65,12 +65,12 @@ public:
     }
 
     int received() const { return m_received; }
-    testsupport::FakeSerialPort& port() { return m_port; }
+    rig::FakeSerialPort& port() { return m_port; }
 
 private:
     unsigned m_seed;
-    testsupport::FakeSerialPort m_port;
-    testsupport::SilentState m_state;
+    rig::FakeSerialPort m_port;
+    rig::SilentState m_state;
     CComChannel m_channel{&m_port, &m_state, 1};
     int m_sent = 0;
     int m_received = 0;
@@ -94,7 +94,7 @@ enum class Outcome
 class Way
 {
 public:
-    Way(const LinePlan& line, std::uint64_t seed, const testsupport::VirtualClock& clock)
+    Way(const LinePlan& line, std::uint64_t seed, const rig::VirtualClock& clock)
         : m_line(line), m_clock(clock), m_direction(settingsOf(line), seed)
     {
         m_direction.setFaults(line.faults, nowNs());
@@ -105,7 +105,7 @@ public:
         m_direction.send(bytes.constData(), static_cast<std::size_t>(bytes.size()), nowNs());
     }
 
-    void deliverTo(testsupport::FakeSerialPort& port)
+    void deliverTo(rig::FakeSerialPort& port)
     {
         m_direction.setSilent(m_line.outageEveryMs > 0 && m_clock.nowMs() % m_line.outageEveryMs < m_line.outageMs);
         m_direction.advanceTo(nowNs());
@@ -115,26 +115,26 @@ public:
     std::uint64_t faultsMade() const { return m_direction.faultsMade(); }
 
 private:
-    static soak::LineSettings settingsOf(const LinePlan& line)
+    static rig::LineSettings settingsOf(const LinePlan& line)
     {
-        soak::LineSettings settings;
+        rig::LineSettings settings;
         settings.bitsPerSecond = line.bitsPerSecond;
         settings.delayNs = line.delayNs;
         settings.driverDepth = 1 << 20; // the port in memory has taken it already
         return settings;
     }
 
-    std::int64_t nowNs() const { return m_clock.nowMs() * soak::nsPerMs; }
+    std::int64_t nowNs() const { return m_clock.nowMs() * rig::nsPerMs; }
 
     const LinePlan& m_line;
-    const testsupport::VirtualClock& m_clock;
-    soak::Direction m_direction;
+    const rig::VirtualClock& m_clock;
+    rig::Direction m_direction;
 };
 
 // Sends both ways at once until both streams have arrived.
 inline Outcome exchange(const LinePlan& line, const Stream& stream, unsigned seed, qint64 limitMs)
 {
-    testsupport::VirtualClock clock;
+    rig::VirtualClock clock;
     Party parties[2] = {Party(seed), Party(seed + 1)};
     Way ways[2] = {Way(line, seed, clock), Way(line, ~std::uint64_t(seed), clock)};
     for (int i = 0; i < 2; ++i)

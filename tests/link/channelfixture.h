@@ -33,7 +33,7 @@ inline const QString maxBytesToWriteKey = QStringLiteral("Details/transportComMa
 
 inline QString settingsFile()
 {
-    return testsupport::installRoot() + QStringLiteral("/settings/settings.ini");
+    return rig::installRoot() + QStringLiteral("/settings/settings.ini");
 }
 
 // Before the first look at the settings.
@@ -89,8 +89,7 @@ inline QList<CComPacket> cutPackets(QByteArray bytes)
 inline QStringList logLines()
 {
     QStringList lines;
-    QDirIterator files(testsupport::installRoot(), {QStringLiteral("*.log")}, QDir::Files,
-                       QDirIterator::Subdirectories);
+    QDirIterator files(rig::installRoot(), {QStringLiteral("*.log")}, QDir::Files, QDirIterator::Subdirectories);
     while (files.hasNext()) {
         QFile file(files.next());
         EXPECT_TRUE(file.open(QIODevice::ReadOnly));
@@ -179,10 +178,10 @@ protected:
 
     QStringList reports() const { return m_calls.entries(); }
 
-    testsupport::VirtualClock m_clock;
-    testsupport::FakeSerialPort m_port;
-    testsupport::CallLog m_calls;
-    testsupport::RecordingChannelsState m_state{&m_calls};
+    rig::VirtualClock m_clock;
+    rig::FakeSerialPort m_port;
+    rig::CallLog m_calls;
+    rig::RecordingChannelsState m_state{&m_calls};
     CComChannel m_channel{&m_port, &m_state, channelIndex};
 };
 

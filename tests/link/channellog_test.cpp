@@ -81,10 +81,10 @@ TEST_F(ChannelTest, AReadingWithoutInputWritesTheDataKeysDefault)
 TEST(ChannelLog, FullTracingDoesNotSwitchOnTheLinesWithKeysOfTheirOwn)
 {
     setKey(QStringLiteral("Debug/all"), true);
-    const testsupport::VirtualClock clock;
-    testsupport::FakeSerialPort port;
-    testsupport::CallLog calls;
-    testsupport::RecordingChannelsState state(&calls);
+    const rig::VirtualClock clock;
+    rig::FakeSerialPort port;
+    rig::CallLog calls;
+    rig::RecordingChannelsState state(&calls);
     CComChannel channel(&port, &state, 7);
     port.inject(dataWire(1, "Hello") + confirmationWire(fromHex("01")));
     channel.read(100);

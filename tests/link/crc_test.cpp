@@ -10,7 +10,7 @@
 
 #include <random>
 
-using testsupport::drawBytes;
+using rig::drawBytes;
 
 namespace {
 
@@ -22,7 +22,7 @@ quint16 header(const char* hex)
 
 quint32 expectedCrc32(const QByteArray& bytes)
 {
-    return testsupport::payloadCheck(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    return rig::payloadCheck(bytes.constData(), static_cast<std::size_t>(bytes.size()));
 }
 
 // Bit by bit, from the definition of the polynomial: the rig has only the header's own check.
@@ -70,7 +70,7 @@ TEST(Crc16Header, IsTheInitialValueOfNoBytes)
 
 TEST(Crc16Header, AgreesWithTheStandardBelow80)
 {
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (int size = 0; size < 600; ++size) { // past several rounds of the widest stride
         const QByteArray bytes = drawBytes(size, [&] { return random() % 128; });
         ASSERT_EQ(crc16(bytes.constData(), bytes.size()), slowCrc16(bytes)) << bytes.toHex().constData();
@@ -89,7 +89,7 @@ TEST(Crc16Class, IsTheStandardForAllBytes)
     EXPECT_EQ(Crc16::crc("abc", 0), 0xFFFF);
     EXPECT_EQ(Crc16::crc("abc", -1), 0xFFFF);
 
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (int size = 0; size < 600; ++size) { // past several rounds of the widest stride
         const QByteArray bytes = drawBytes(size, random);
         ASSERT_EQ(Crc16::crc(bytes.constData(), bytes.size()), slowCrc16(bytes)) << bytes.toHex().constData();
@@ -140,7 +140,7 @@ TEST(Crc32Payload, IsZeroOfNoBytes)
 // All lengths around the stride and all alignments.
 TEST(Crc32Payload, AgreesWithTheDefinitionForAllLengthsAndAlignments)
 {
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (int size = 0; size < 600; ++size) { // past several rounds of the widest stride
         const QByteArray padded = drawBytes(size + 16, random);
         const int offset = size % 16;
@@ -165,7 +165,7 @@ TEST(Crc32Class, KeepsTheValueBeforeTheFinalInversion)
 
 TEST(Crc32Class, ChainsOverAnySplit)
 {
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     const QByteArray bytes = drawBytes(300, random);
     for (int split = 0; split <= bytes.size(); ++split) {
         Crc32 crc;

@@ -150,8 +150,8 @@ protected:
 
     sim::PtyEndpoint m_endpoint;
     QSerialPort m_port;
-    testsupport::CallLog m_calls;
-    testsupport::RecordingChannelsState m_state{&m_calls};
+    rig::CallLog m_calls;
+    rig::RecordingChannelsState m_state{&m_calls};
     CComChannel m_channel{&m_port, &m_state, 7};
 };
 
@@ -191,7 +191,7 @@ TEST_F(Carrier, CarriesPacketsBothWays)
     m_endpoint.write(dataWire(1, "Hello"));
     m_channel.write("A");
     QByteArray received;
-    EXPECT_TRUE(testsupport::waitFor([&] {
+    EXPECT_TRUE(rig::waitFor([&] {
         received += m_channel.read(100);
         return received == "Hello";
     }));

@@ -24,7 +24,7 @@ protected:
     void expectDelivered(const Stream& stream, int runs)
     {
         for (int run = 0; run < runs; ++run) {
-            const unsigned seed = testsupport::seed() + static_cast<unsigned>(run) * 1000003u;
+            const unsigned seed = rig::seed() + static_cast<unsigned>(run) * 1000003u;
             ASSERT_EQ(exchange(line, stream, seed, limitMs), Outcome::Delivered) << "run " << run << ", seed " << seed;
         }
     }
@@ -63,8 +63,8 @@ TEST_F(BadLine, ThatDamagesDelivers)
 
 TEST_F(BadLine, ThatDelaysDelivers)
 {
-    line.delayNs = 50 * soak::nsPerMs;
-    line.faults.jitterNs = 650 * soak::nsPerMs; // beyond the repeat interval
+    line.delayNs = 50 * rig::nsPerMs;
+    line.faults.jitterNs = 650 * rig::nsPerMs; // beyond the repeat interval
     expectDelivered(smallPackets, 1);
 }
 
@@ -73,16 +73,16 @@ TEST_F(BadLine, WithAllFaultsDelivers)
     line.faults.dropChunk = 0.1;
     line.faults.doubleChunk = 0.1;
     line.faults.bitErrorRate = 7e-4;
-    line.delayNs = 5 * soak::nsPerMs;
-    line.faults.jitterNs = 195 * soak::nsPerMs;
+    line.delayNs = 5 * rig::nsPerMs;
+    line.faults.jitterNs = 195 * rig::nsPerMs;
     expectDelivered(smallPackets, 2);
 }
 
 TEST_F(BadLine, ThatIsOutForAWhileDelivers)
 {
     line.faults.dropChunk = 0.05;
-    line.delayNs = 20 * soak::nsPerMs;
-    line.faults.jitterNs = 100 * soak::nsPerMs;
+    line.delayNs = 20 * rig::nsPerMs;
+    line.faults.jitterNs = 100 * rig::nsPerMs;
     line.outageEveryMs = 3000;
     line.outageMs = 900;
     expectDelivered(smallPackets, 2);
@@ -93,7 +93,7 @@ TEST_F(BadLine, CarriesFullPacketsToo)
     line.bitsPerSecond = 921600; // so that a queue is through within the repeat interval
     line.faults.dropChunk = 0.002; // one packet of ten
     line.faults.bitErrorRate = 6e-6; // one of twenty
-    line.faults.jitterNs = 50 * soak::nsPerMs;
+    line.faults.jitterNs = 50 * rig::nsPerMs;
     expectDelivered({60000, 1024}, 3);
 }
 
@@ -121,7 +121,7 @@ protected:
 
     static constexpr unsigned senderSeed = 1;
     static constexpr unsigned receiverSeed = 2;
-    testsupport::VirtualClock m_clock;
+    rig::VirtualClock m_clock;
     Party m_sender{senderSeed};
     Party m_receiver{receiverSeed};
 };
@@ -178,7 +178,7 @@ protected:
     static constexpr unsigned senderSeed = 1;
     static constexpr unsigned receiverSeed = 2;
     static constexpr int bulk = 1000;
-    testsupport::VirtualClock m_clock;
+    rig::VirtualClock m_clock;
     Party m_sender{senderSeed};
     Party m_receiver{receiverSeed};
     std::set<int> m_lost;

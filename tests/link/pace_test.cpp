@@ -10,9 +10,9 @@
 
 namespace {
 
-using soak::nowNs;
-using soak::nsPerMs;
-using soak::nsPerS;
+using rig::nowNs;
+using rig::nsPerMs;
+using rig::nsPerS;
 
 // One end: a host that reads every 10 ms and writes as much as the channel takes.
 class End
@@ -20,7 +20,7 @@ class End
 public:
     End(int end, int payloadBytes) : m_payload(payloadBytes, 'x'), m_channel(&m_port, &m_state, end)
     {
-        m_port.setPortName(QString::fromStdString(soak::Line::path(end)));
+        m_port.setPortName(QString::fromStdString(rig::Line::path(end)));
         EXPECT_TRUE(m_port.open(QIODevice::ReadWrite));
     }
 
@@ -29,7 +29,7 @@ public:
 
     void turn()
     {
-        soak::readAll(m_channel, 1 << 16, [this](const QByteArray& bytes) { m_receivedBytes += bytes.size(); });
+        rig::readAll(m_channel, 1 << 16, [this](const QByteArray& bytes) { m_receivedBytes += bytes.size(); });
         while (!m_payload.isEmpty() && m_channel.idealBlockSize() > 0)
             m_channel.write(m_payload);
         m_nextTurnNs = nowNs() + 10 * nsPerMs;
@@ -38,7 +38,7 @@ public:
 private:
     QByteArray m_payload; // of each write; empty: writes nothing
     QSerialPort m_port;
-    testsupport::SilentState m_state;
+    rig::SilentState m_state;
     CComChannel m_channel;
     std::int64_t m_nextTurnNs = 0;
     std::int64_t m_receivedBytes = 0;
@@ -65,14 +65,14 @@ TEST_P(LossFreeLine, ARepeatThatCameTooEarlyCostsLittle)
 {
     const SmallPackets& stream = GetParam();
     constexpr int measuredS = 300;
-    soak::beginRunProcess();
-    soak::LineSettings settings;
+    rig::beginRunProcess();
+    rig::LineSettings settings;
     settings.bitsPerSecond = stream.lineBytesPerS * 10;
     settings.delayNs = stream.roundTripMs * nsPerMs / 2;
-    soak::Line line(settings, 1);
+    rig::Line line(settings, 1);
     std::array<End, 2> ends{End(0, stream.payloadBytes), End(1, 0)};
     while (nowNs() < measuredS * nsPerS)
-        soak::awaitNextTurn(ends).turn();
+        rig::awaitNextTurn(ends).turn();
     EXPECT_GE(ends[1].receivedBytes() / measuredS, 0.95 * stream.unlimitedBytesPerS);
 }
 

@@ -386,7 +386,7 @@ protected:
         return found;
     }
 
-    std::mt19937 m_random{testsupport::seed()};
+    std::mt19937 m_random{rig::seed()};
 };
 
 TEST_F(RandomTraffic, IsCutIntoTheSamePacketsHoweverItArrives)

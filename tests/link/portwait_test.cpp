@@ -8,8 +8,8 @@
 #include <QSignalSpy>
 #include <gtest/gtest.h>
 
-using testsupport::FakeSerialPort;
-using testsupport::VirtualClock;
+using rig::FakeSerialPort;
+using rig::VirtualClock;
 
 TEST(WaitForWritten, DoesNotWaitWithNothingPending)
 {

@@ -215,7 +215,7 @@ private:
 TEST(SendWindowLimits, KeepEveryNewPacketWithinThePeersWindow)
 {
     for (unsigned run = 0; run < 100; ++run) {
-        const unsigned seed = testsupport::seed() + run * 1000003u;
+        const unsigned seed = rig::seed() + run * 1000003u;
         ASSERT_EQ(Course(seed).run(20000), "") << "seed " << seed;
     }
 }

@@ -351,7 +351,7 @@ TEST(AbonentComSettings, IgnoresWhatFollows)
 
 TEST(SettingsRecords, TakeAnyBytesWithoutHarm)
 {
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (int round = 0; round < 300; ++round) {
         QByteArray bytes = threePorts();
         bytes.truncate(4 + static_cast<int>(random() % static_cast<unsigned>(bytes.size() - 3)));

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-using namespace soak;
+using namespace rig;
 
 namespace {
 
@@ -46,7 +46,7 @@ QByteArray receivedBy(Direction& direction, std::int64_t until)
 
 QByteArray carried(const Faults& faults, const QByteArray& bytes)
 {
-    Direction direction(bytesOfAMillisecond(), testsupport::seed());
+    Direction direction(bytesOfAMillisecond(), rig::seed());
     direction.setFaults(faults, 0);
     send(direction, bytes, 0);
     return receivedBy(direction, 10 * nsPerS);
@@ -109,7 +109,7 @@ TEST(Direction, WhatNobodyReadsOverrunsTheInput)
 TEST(Direction, JitterDelaysButNothingOvertakes)
 {
     LineSettings settings = bytesOfAMillisecond();
-    Direction direction(settings, testsupport::seed());
+    Direction direction(settings, rig::seed());
     Faults faults;
     faults.jitterNs = 200 * nsPerMs;
     direction.setFaults(faults, 0);

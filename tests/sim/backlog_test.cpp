@@ -36,7 +36,7 @@ TEST(BacklogTest, handsOverInOrderAsTheProgramReads)
     ASSERT_EQ(backlog.add(sent), 0);
     EXPECT_TRUE(backlog.flush(endpoint)); // more than a pty holds
     QByteArray received;
-    EXPECT_TRUE(testsupport::waitFor([&] {
+    EXPECT_TRUE(rig::waitFor([&] {
         char buffer[4096];
         const ssize_t size = read(port, buffer, sizeof(buffer));
         if (size > 0)

@@ -15,8 +15,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+using rig::waitFor;
 using testsupport::PhoneExchangeTest;
-using testsupport::waitFor;
 
 namespace {
 

@@ -17,7 +17,7 @@
 namespace simtest {
 
 using namespace sim;
-using testsupport::waitFor;
+using rig::waitFor;
 
 // A program at a modem: a real serial port and what came from it.
 class Program
@@ -77,7 +77,7 @@ protected:
         ModemSettings settings;
         settings.number = number;
         settings.ringStyle = ringStyle;
-        settings.linkPath = QStringLiteral("%1/modem%2").arg(testsupport::installRoot(), number);
+        settings.linkPath = QStringLiteral("%1/modem%2").arg(rig::installRoot(), number);
         QString error;
         const int modem = exchange->addModem(settings, &error);
         EXPECT_GT(modem, 0) << error.toStdString();

@@ -51,7 +51,7 @@ TEST_P(PaceTest, HoldsToWithinOnePercent)
 TEST_P(PaceTest, HoldsWhenTheLoopIsLateNowAndThen)
 {
     LineDirection direction(LineSettings(), GetParam(), 1);
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     qint64 carried = 0;
     qint64 now = 0;
     direction.wake(now);

@@ -35,7 +35,7 @@ class BitErrorTest : public testing::TestWithParam<double>
 TEST_P(BitErrorTest, FlipsAsManyAsItSays)
 {
     constexpr int size = 250000;
-    Noise noise(GetParam(), {}, 33600, testsupport::seed());
+    Noise noise(GetParam(), {}, 33600, rig::seed());
     QByteArray bytes(size, '\0');
     const qint64 flipped = noise.apply(bytes);
     EXPECT_EQ(flipped, bitsSet(bytes));
@@ -59,7 +59,7 @@ TEST(NoiseTest, DependsOnTheSeedAndNotOnThePieces)
     QByteArray whole(20000, 'x');
     Noise(1e-3, burst, 33600, 7).apply(whole);
     Noise pieces(1e-3, burst, 33600, 7);
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     QByteArray joined;
     while (joined.size() < 20000) {
         QByteArray piece(qMin<int>(1 + static_cast<int>(random() % 300), 20000 - joined.size()), 'x');
@@ -77,7 +77,7 @@ TEST(NoiseTest, BurstsAreAsLongAndAsFarApartAsTheySay)
     // One second at 10000 bit/s between bursts of 200 bits, in which every bit is hit.
     constexpr int size = 2000000;
     QByteArray bytes(size, '\0');
-    Noise noise(0, {1.0, 200, 1.0}, 10000, testsupport::seed());
+    Noise noise(0, {1.0, 200, 1.0}, 10000, rig::seed());
     const qint64 flipped = noise.apply(bytes);
     int bursts = 0;
     int longest = 0;
@@ -101,7 +101,7 @@ TEST(NoiseTest, BurstsAreAsLongAndAsFarApartAsTheySay)
 TEST(NoiseTest, BurstsHitTheShareTheySay)
 {
     QByteArray bytes(1000000, '\0');
-    Noise noise(0, {0.5, 1000, 0.25}, 20000, testsupport::seed());
+    Noise noise(0, {0.5, 1000, 0.25}, 20000, rig::seed());
     const double flipped = static_cast<double>(noise.apply(bytes));
     const double expected = 1e7 / (10000 + 1000) * 1000 * 0.25 * 0.8;
     EXPECT_NEAR(flipped, expected, expected * 0.2);

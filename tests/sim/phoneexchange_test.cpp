@@ -19,8 +19,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+using rig::waitFor;
 using testsupport::PhoneExchangeTest;
-using testsupport::waitFor;
 
 namespace {
 

@@ -15,7 +15,7 @@ class PhoneExchangeTest : public testing::Test
 protected:
     void run(const QStringList& arguments)
     {
-        process.setWorkingDirectory(installRoot());
+        process.setWorkingDirectory(rig::installRoot());
         process.start(QStringLiteral(PHONE_EXCHANGE), arguments);
     }
 
@@ -36,7 +36,7 @@ protected:
         arguments << QStringLiteral("--ready-file") << path("ready") << QStringLiteral("--link-dir") << path("ports");
         run(arguments);
         // Ready may be seen before the news that it has started.
-        ASSERT_TRUE(waitFor([&] {
+        ASSERT_TRUE(rig::waitFor([&] {
             return (QFile::exists(path("ready")) && process.state() != QProcess::Starting) ||
                    process.state() == QProcess::NotRunning;
         }));
@@ -45,13 +45,13 @@ protected:
 
     bool ended()
     {
-        return waitFor([&] { return process.state() == QProcess::NotRunning; }) &&
+        return rig::waitFor([&] { return process.state() == QProcess::NotRunning; }) &&
                process.exitStatus() == QProcess::NormalExit;
     }
 
     bool expectOutput(const QByteArray& text)
     {
-        return waitFor([&] {
+        return rig::waitFor([&] {
             output += process.readAllStandardOutput();
             return output.contains(text);
         });
@@ -66,7 +66,7 @@ protected:
 
     QByteArray errors() { return process.readAllStandardError(); }
 
-    static QString path(const char* name) { return installRoot() + QLatin1Char('/') + QLatin1String(name); }
+    static QString path(const char* name) { return rig::installRoot() + QLatin1Char('/') + QLatin1String(name); }
 
     static QByteArray fileText(const QString& name)
     {

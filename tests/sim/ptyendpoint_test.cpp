@@ -154,7 +154,7 @@ TEST_F(PtyEndpointTest, BytesWrittenBeforeThePortIsConfiguredAreNeitherEchoedNor
     }));
     EXPECT_EQ(seen, QByteArray("AT\r\n\x03"));
     ASSERT_EQ(endpoint.write("\r\nOK\r\n"), 6);
-    ASSERT_EQ(pollFor(fd, POLLIN, testsupport::defaultDeadlineMs), POLLIN);
+    ASSERT_EQ(pollFor(fd, POLLIN, rig::defaultDeadlineMs), POLLIN);
     char buffer[64];
     EXPECT_EQ(::read(fd, buffer, sizeof(buffer)), 6);
     EXPECT_EQ(QByteArray(buffer, 6), QByteArray("\r\nOK\r\n"));
@@ -228,7 +228,7 @@ TEST_F(PtyEndpointTest, AnUnpluggedPortFailsAndComesBackUnderTheSameLink)
 
 TEST_F(PtyEndpointTest, ALinkThatCannotBeMadeIsReported)
 {
-    PtyEndpoint endpoint(testsupport::installRoot() + QStringLiteral("/no/such/place"));
+    PtyEndpoint endpoint(rig::installRoot() + QStringLiteral("/no/such/place"));
     EXPECT_FALSE(endpoint.isOpen());
     EXPECT_TRUE(endpoint.errorString().contains(QStringLiteral("cannot make the link")))
         << endpoint.errorString().toStdString();

@@ -17,8 +17,8 @@
 
 namespace simtest {
 
+using rig::waitFor;
 using sim::PtyEndpoint;
-using testsupport::waitFor;
 
 class PtyEndpointTest : public testing::Test
 {
@@ -42,7 +42,7 @@ protected:
             ::close(m_fd);
     }
 
-    QString linkPath() const { return testsupport::installRoot() + QStringLiteral("/modem1"); }
+    QString linkPath() const { return rig::installRoot() + QStringLiteral("/modem1"); }
 
     int m_fd = -1;
 };

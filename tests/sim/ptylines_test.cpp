@@ -204,7 +204,7 @@ TEST_F(PtyEndpointTest, AFullSlaveStillReportsInput)
     const int fd = openFd(endpoint);
     ASSERT_EQ(::write(fd, "12345678", 8), 8);
     ASSERT_EQ(endpoint.write("in"), 2);
-    EXPECT_EQ(pollFor(fd, POLLIN | POLLOUT, testsupport::defaultDeadlineMs), POLLIN);
+    EXPECT_EQ(pollFor(fd, POLLIN | POLLOUT, rig::defaultDeadlineMs), POLLIN);
 }
 
 TEST_F(PtyEndpointTest, ABlockingWriterWaitsForRoom)
@@ -260,11 +260,11 @@ TEST_F(PtyEndpointTest, WaitForBytesWrittenWaitsForRoom)
     QSerialPort port;
     ASSERT_TRUE(open(port, endpoint));
     ASSERT_EQ(port.write("0123456789"), 10);
-    ASSERT_TRUE(port.waitForBytesWritten(testsupport::defaultDeadlineMs));
+    ASSERT_TRUE(port.waitForBytesWritten(rig::defaultDeadlineMs));
     ASSERT_EQ(port.write("abc"), 3);
     EXPECT_FALSE(port.waitForBytesWritten(20));
     std::thread modem([&] { waitFor([&] { return !endpoint.read(4).isEmpty(); }); });
-    EXPECT_TRUE(port.waitForBytesWritten(testsupport::defaultDeadlineMs));
+    EXPECT_TRUE(port.waitForBytesWritten(rig::defaultDeadlineMs));
     modem.join();
 }
 
@@ -292,7 +292,7 @@ TEST_F(PtyEndpointTest, FlushedInputIsNotRead)
     PtyEndpoint endpoint;
     const int fd = openFd(endpoint);
     ASSERT_EQ(endpoint.write("old"), 3);
-    ASSERT_EQ(pollFor(fd, POLLIN, testsupport::defaultDeadlineMs), POLLIN);
+    ASSERT_EQ(pollFor(fd, POLLIN, rig::defaultDeadlineMs), POLLIN);
     ASSERT_EQ(tcflush(fd, TCIOFLUSH), 0);
     EXPECT_EQ(pollFor(fd, POLLIN, 0), 0);
 }

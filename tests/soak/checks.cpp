@@ -7,6 +7,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 void Checks::violation(const std::string& text)
 {
     if (m_violations.size() >= mostViolations)

@@ -6,6 +6,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 using namespace host;

@@ -19,7 +19,7 @@ class HubCaller
 {
 public:
     // Nothing is owned. Speaks at end 1 of the line.
-    HubCaller(HubLine* line, Rng* rng) : m_line(line), m_rng(rng) {}
+    HubCaller(HubLine* line, rig::Rng* rng) : m_line(line), m_rng(rng) {}
     virtual ~HubCaller() = default;
     HubCaller(const HubCaller&) = delete;
     HubCaller& operator=(const HubCaller&) = delete;
@@ -46,11 +46,11 @@ protected:
     QByteArray state(bool isLast, int ids);
     virtual quint64 anyId() { return m_rng->next() | 1; }
 
-    static constexpr std::int64_t turnNs = 200 * nsPerMs;
+    static constexpr std::int64_t turnNs = 200 * rig::nsPerMs;
 
     HubLine* const m_line;
-    Rng* const m_rng;
-    hosttest::TestDirectory m_directory;
+    rig::Rng* const m_rng;
+    rig::TestDirectory m_directory;
     std::unique_ptr<host::Opening> m_opening; // null once frames come
     host::FrameWriter m_writer;
     host::FrameReader m_reader;

@@ -8,6 +8,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 using namespace host;
@@ -60,7 +62,7 @@ void HubHostile::begin(Manner manner)
 
 void HubHostile::open()
 {
-    if (!shakeHands(hosttest::testKey(100 + static_cast<int>(m_rng->below(3)))))
+    if (!shakeHands(rig::testKey(100 + static_cast<int>(m_rng->below(3)))))
         return;
     HelloFrame hello;
     hello.abonentName = QStringLiteral("Mallory");
@@ -189,7 +191,7 @@ void HubHostile::trickle()
 // Its first message, again and again, or with another byte in it.
 void HubHostile::halfAHandshake()
 {
-    Opening opening(SessionCall{true, QStringLiteral("the victim")}, hosttest::testKey(100), &m_directory, nullptr);
+    Opening opening(SessionCall{true, QStringLiteral("the victim")}, rig::testKey(100), &m_directory, nullptr);
     QByteArray message = opening.takeOutput(nowNs() / nsPerMs);
     if (m_rng->chance(0.3)) {
         const int at = static_cast<int>(m_rng->below(static_cast<std::uint64_t>(message.size())));

@@ -22,7 +22,7 @@ class HubHostile : public HubCaller
 public:
     // Nothing is owned. Speaks at end 1 of the line. isLetIn: the other side takes whoever it
     // does not know, as unproved. tapped: a line of others, of which it has heard all.
-    HubHostile(HubLine* line, HubLine* tapped, HubLedger* ledger, Checks* checks, Rng* rng, bool isLetIn)
+    HubHostile(HubLine* line, HubLine* tapped, HubLedger* ledger, Checks* checks, rig::Rng* rng, bool isLetIn)
         : HubCaller(line, rng), m_tapped(tapped), m_ledger(ledger), m_checks(checks), m_isLetIn(isLetIn)
     {
     }

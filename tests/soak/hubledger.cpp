@@ -16,6 +16,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 QJsonObject recordOf(const QString& path)

@@ -13,6 +13,7 @@
 #include <string>
 
 using namespace soak;
+using namespace rig;
 namespace fs = std::filesystem;
 
 namespace {

@@ -5,6 +5,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 constexpr int mostTapped = 4096;

@@ -30,7 +30,7 @@ public:
     std::uint64_t bytesCarried() const { return m_direction.bytesCarried(); }
 
 private:
-    Direction m_direction;
+    rig::Direction m_direction;
     QByteArray m_said; // in this call, as far as anybody taps it
     QByteArray m_saidEarlier;
 };
@@ -50,7 +50,7 @@ public:
     void hangUp(int end, std::int64_t lateNs);
     // Nothing gets through any more; each end learns it at its time, or never.
     void die(std::int64_t firstLearnsNs, std::int64_t secondLearnsNs);
-    bool isLost(int end) const { return nowNs() >= m_learnsNs[end]; }
+    bool isLost(int end) const { return rig::nowNs() >= m_learnsNs[end]; }
     std::int64_t learnsNs(int end) const { return m_learnsNs[end]; }
     // Whether somebody stands at the other end of that one, and hears it.
     bool isHeard(int end) const { return !m_hungUp[1 - end] && !m_isDead; }
@@ -62,7 +62,7 @@ private:
     bool m_stands = false;
     bool m_isDead = false;
     bool m_hungUp[2] = {true, true};
-    std::int64_t m_learnsNs[2] = {never, never};
+    std::int64_t m_learnsNs[2] = {rig::never, rig::never};
     std::uint64_t m_call = 0;
 };
 

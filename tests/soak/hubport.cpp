@@ -10,6 +10,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 constexpr std::int64_t lookNs = 500 * nsPerMs;
@@ -25,7 +27,7 @@ host::Peer peerOf(const HubSite& site)
 {
     host::Peer peer;
     peer.abonent = site.name();
-    peer.publicKey = hosttest::testKey(site.index())->publicKey();
+    peer.publicKey = rig::testKey(site.index())->publicKey();
     peer.isProved = true;
     return peer;
 }
@@ -47,7 +49,7 @@ void HubCalls::start(Fibers* fibers, HubSite* first, HubSite* second, HubLine* t
     m_checks = checks;
     for (const HubSite* site : m_sites) {
         if (site)
-            m_directory.names[hosttest::testKey(site->index())->publicKey()] = site->name();
+            m_directory.names[rig::testKey(site->index())->publicKey()] = site->name();
     }
     m_directory.acceptsUnknown = m_rng.chance(0.7);
     fibers->start([this] { placeCalls(); });
@@ -56,7 +58,7 @@ void HubCalls::start(Fibers* fibers, HubSite* first, HubSite* second, HubLine* t
             fibers->start([this, end] { servePort(end); }, m_sites[end]->process());
     }
     if (m_line.plan.isRogue)
-        m_directory.names[hosttest::testKey(HubRogue::keyNumber)->publicKey()] = HubLedger::rogueName;
+        m_directory.names[rig::testKey(HubRogue::keyNumber)->publicKey()] = HubLedger::rogueName;
     else if (!second)
         fibers->start([this] { beHostile(); });
 }
@@ -184,7 +186,7 @@ void HubCalls::serveSession(int end)
     site.sessionBegins();
     host::SessionSettings settings;
     settings.abonentName = site.name();
-    settings.identity = hosttest::testKey(site.index());
+    settings.identity = rig::testKey(site.index());
     // Either end calls, in turn; a stranger is never called.
     const bool isOutgoing = m_sites[1 - end] && m_line.call() % 2 == static_cast<std::uint64_t>(end);
     const host::SessionCall call{isOutgoing, isOutgoing ? m_sites[1 - end]->name() : QString()};

@@ -25,7 +25,8 @@ public:
 
     // second: null for a hostile line. tapped: the line of others that a stranger hears.
     // Nothing is owned.
-    void start(Fibers* fibers, HubSite* first, HubSite* second, HubLine* tapped, HubLedger* ledger, Checks* checks);
+    void start(rig::Fibers* fibers, HubSite* first, HubSite* second, HubLine* tapped, HubLedger* ledger,
+               Checks* checks);
     void endFaults() { m_faultsOver = true; }
     void setOver() { m_over = true; }
 
@@ -45,9 +46,9 @@ private:
 
     const HubScenario& m_scenario;
     HubLine m_line;
-    Rng m_rng;
+    rig::Rng m_rng;
     HubSite* m_sites[2] = {nullptr, nullptr}; // not owned
-    hosttest::TestDirectory m_directory; // of both sites
+    rig::TestDirectory m_directory; // of both sites
     HubLine* m_tapped = nullptr; // not owned
     HubLedger* m_ledger = nullptr; // not owned
     Checks* m_checks = nullptr; // not owned

@@ -10,6 +10,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 using namespace host;
@@ -51,7 +53,7 @@ bool HubRogueEnd::open()
     m_standing.clear();
     m_isInOffer = false;
     m_isStopped = false;
-    if (!shakeHands(hosttest::testKey(HubRogue::keyNumber)))
+    if (!shakeHands(rig::testKey(HubRogue::keyNumber)))
         return false;
     HelloFrame hello;
     hello.abonentName = HubLedger::rogueName;

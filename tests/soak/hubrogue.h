@@ -27,7 +27,7 @@ class HubRogueEnd : public HubCaller
 {
 public:
     // own: identifiers that the abonent ever used. Nothing is owned.
-    HubRogueEnd(HubLine* line, int site, HubLedger* ledger, Checks* checks, Rng* rng, std::set<quint64>* own)
+    HubRogueEnd(HubLine* line, int site, HubLedger* ledger, Checks* checks, rig::Rng* rng, std::set<quint64>* own)
         : HubCaller(line, rng), m_site(site), m_ledger(ledger), m_checks(checks), m_own(own)
     {
     }
@@ -107,7 +107,7 @@ private:
 
     HubSite* const m_site; // not owned
     Checks* const m_checks; // not owned
-    Rng m_rng;
+    rig::Rng m_rng;
     std::set<quint64> m_own;
     HubRogueEnd m_first;
     HubRogueEnd m_second;

@@ -16,6 +16,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 constexpr std::int64_t checkNs = 120 * nsPerS;

@@ -11,6 +11,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 constexpr std::int64_t lookNs = nsPerS;

@@ -23,7 +23,7 @@ class HubSite
 {
 public:
     // After so long everybody who asks before each step has noticed that the disk is short.
-    static constexpr std::int64_t noticedNs = 5 * nsPerS;
+    static constexpr std::int64_t noticedNs = 5 * rig::nsPerS;
 
     // Neither checks nor ledger is owned. directory: of the run, for this site's disk.
     HubSite(int index, const HubScenario& scenario, const std::string& directory, HubLedger* ledger, Checks* checks);
@@ -41,7 +41,7 @@ public:
     const int* process() const { return &m_process; }
     int index() const { return m_index; }
     int tickMs() const { return m_plan.tickMs; }
-    SimDisk& disk() { return m_disk; }
+    rig::SimDisk& disk() { return m_disk; }
     host::MessageStore& store() { return *m_store; }
     const QString& name() const { return m_name; }
     const host::InboxLimits& limits() const { return m_limits; }
@@ -79,8 +79,8 @@ private:
     Checks* const m_checks; // not owned
     const QString m_name;
     const std::string m_sources; // files to be queued
-    SimDisk m_disk;
-    Rng m_rng;
+    rig::SimDisk m_disk;
+    rig::Rng m_rng;
     std::unique_ptr<host::MessageStore> m_store;
     host::InboxLimits m_limits; // of this process
     std::map<QByteArray, qint64> m_bytesWhenShort; // that had come of a message when the disk was short

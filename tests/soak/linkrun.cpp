@@ -13,6 +13,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 constexpr std::int64_t heartbeatNs = nsPerS;
@@ -42,7 +44,7 @@ public:
     }
 
     // A packet that reached the other port whole.
-    void arrived(const testsupport::WirePacket& packet)
+    void arrived(const rig::WirePacket& packet)
     {
         if (m_hasOwnBlocks) {
             noteArrival(packet);
@@ -99,7 +101,7 @@ private:
     };
 
     // The nearest place in the stream with this number.
-    void noteArrival(const testsupport::WirePacket& packet)
+    void noteArrival(const rig::WirePacket& packet)
     {
         const auto ahead = static_cast<std::int8_t>(packet.number - static_cast<std::uint8_t>(m_lastArrived));
         const std::int64_t place = m_lastArrived + ahead;
@@ -135,7 +137,7 @@ private:
     std::int64_t m_deliveredAtNs = 0;
 };
 
-class TrafficState : public testsupport::SilentState
+class TrafficState : public rig::SilentState
 {
 public:
     TrafficState(Stream* sending, Stream* receiving) : m_sending(sending), m_receiving(receiving) {}
@@ -236,11 +238,11 @@ private:
 
     void bytesRead(int end, const char* data, std::size_t size) override
     {
-        testsupport::PacketCutter& cutter = m_cutters[end];
+        rig::PacketCutter& cutter = m_cutters[end];
         cutter.append(data, size);
-        testsupport::WirePacket packet;
+        rig::WirePacket packet;
         while (cutter.next(&packet)) {
-            if (packet.type == testsupport::dataType)
+            if (packet.type == rig::dataType)
                 m_streams[1 - end].arrived(packet);
         }
     }
@@ -342,7 +344,7 @@ private:
 
     std::array<Stream, 2> m_streams;
     std::array<End, 2> m_ends;
-    std::array<testsupport::PacketCutter, 2> m_cutters;
+    std::array<rig::PacketCutter, 2> m_cutters;
     std::int64_t m_longestStandstillNs = 0;
 };
 

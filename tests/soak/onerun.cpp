@@ -13,6 +13,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 RunResult run(const Scenario& scenario)
@@ -37,7 +39,7 @@ bool runAndReport(const Scenario& scenario)
     char name[] = "soak";
     char* argv[] = {name, nullptr};
     beginRunProcess();
-    testsupport::seedRandomness(scenario.seed);
+    rig::seedRandomness(scenario.seed);
     QCoreApplication application(argc, argv);
     const RunResult result = run(scenario);
     std::printf("figures %" PRId64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRId64 " %016" PRIx64 "\n",

@@ -10,6 +10,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 constexpr int packetsBeforePause = 110;
@@ -44,11 +46,11 @@ void PlainPeer::write(const QByteArray& data)
 {
     const int block = std::max(1, std::min(m_settings.packetSize, m_settings.maxBytesToWrite) - 10);
     for (int from = 0; from < data.size(); from += block) {
-        testsupport::WirePacket packet;
+        rig::WirePacket packet;
         packet.number = m_nextNumber++;
         packet.payload = data.mid(from, block).toStdString();
         const int size = static_cast<int>(packet.payload.size());
-        m_queue.push_back({packet.number, size, testsupport::packetImage(packet), 0});
+        m_queue.push_back({packet.number, size, rig::packetImage(packet), 0});
         m_queuedBytes += size;
     }
 }
@@ -68,7 +70,7 @@ QByteArray PlainPeer::read(int maxSize)
     m_port->waitForReadyRead(10);
     const QByteArray bytes = m_port->readAll();
     m_cutter.append(bytes.constData(), static_cast<std::size_t>(bytes.size()));
-    testsupport::WirePacket packet;
+    rig::WirePacket packet;
     while (m_cutter.next(&packet))
         receive(packet);
     sendPackets();
@@ -79,13 +81,13 @@ QByteArray PlainPeer::read(int maxSize)
     return result;
 }
 
-void PlainPeer::receive(const testsupport::WirePacket& packet)
+void PlainPeer::receive(const rig::WirePacket& packet)
 {
-    if (packet.type == testsupport::confirmationType) {
+    if (packet.type == rig::confirmationType) {
         confirmedByPeer(packet.payload);
         return;
     }
-    if (packet.type != testsupport::dataType)
+    if (packet.type != rig::dataType)
         return;
     m_toConfirm.insert(packet.number);
     if (packet.number == m_expected) {
@@ -94,7 +96,7 @@ void PlainPeer::receive(const testsupport::WirePacket& packet)
     }
     if (!standsBefore(m_expected, packet.number))
         return;
-    const auto sameNumber = [&](const testsupport::WirePacket& held) { return held.number == packet.number; };
+    const auto sameNumber = [&](const rig::WirePacket& held) { return held.number == packet.number; };
     if (std::none_of(m_held.begin(), m_held.end(), sameNumber)) {
         m_held.push_back(packet);
         for (std::size_t i = m_held.size() - 1; i > 0 && standsBefore(m_held[i].number, m_held[i - 1].number); --i)
@@ -106,7 +108,7 @@ void PlainPeer::receive(const testsupport::WirePacket& packet)
     }
 }
 
-void PlainPeer::deliver(const testsupport::WirePacket& packet)
+void PlainPeer::deliver(const rig::WirePacket& packet)
 {
     m_state->addReceivedBytes(m_index, static_cast<int>(packet.payload.size()));
     m_received += packet.payload;
@@ -150,11 +152,11 @@ void PlainPeer::sendConfirmations()
     const bool late = nowNs() - m_lastConfirmationNs > m_settings.confirmationIntervalMs * nsPerMs;
     if (m_toConfirm.empty() || (!many && !late))
         return;
-    testsupport::WirePacket packet;
-    packet.type = testsupport::confirmationType;
+    rig::WirePacket packet;
+    packet.type = rig::confirmationType;
     for (const std::uint8_t number : m_toConfirm)
         packet.payload += static_cast<char>(number);
-    const std::string image = testsupport::packetImage(packet);
+    const std::string image = rig::packetImage(packet);
     m_port->write(image.data(), static_cast<qint64>(image.size()));
     m_port->flush();
     awaitWritten(10);

@@ -23,7 +23,7 @@ class PlainPeer : public CChannel
 {
 public:
     // Neither pointer is owned.
-    PlainPeer(QSerialPort* port, CAbstractChannelsState* state, int index, const ChannelSettings& settings);
+    PlainPeer(QSerialPort* port, CAbstractChannelsState* state, int index, const rig::ChannelSettings& settings);
 
     void disconnectFromAbonent() override;
     bool isConnected() override;
@@ -40,8 +40,8 @@ private:
         std::int64_t sentMs; // 0: never
     };
 
-    void receive(const testsupport::WirePacket& packet);
-    void deliver(const testsupport::WirePacket& packet);
+    void receive(const rig::WirePacket& packet);
+    void deliver(const rig::WirePacket& packet);
     void confirmedByPeer(const std::string& numbers);
     void sendPackets();
     void sendConfirmations();
@@ -50,12 +50,12 @@ private:
     QSerialPort* m_port;
     CAbstractChannelsState* m_state;
     int m_index;
-    ChannelSettings m_settings;
+    rig::ChannelSettings m_settings;
     bool m_connected = true;
     std::string m_received;
-    testsupport::PacketCutter m_cutter;
+    rig::PacketCutter m_cutter;
     std::deque<Queued> m_queue;
-    std::vector<testsupport::WirePacket> m_held;
+    std::vector<rig::WirePacket> m_held;
     std::uint8_t m_nextNumber = 1;
     std::uint8_t m_expected = 1;
     int m_queuedBytes = 0;

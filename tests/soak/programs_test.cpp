@@ -16,7 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using namespace soak;
+using namespace rig;
 
 namespace fs = std::filesystem;
 
@@ -59,7 +59,7 @@ protected:
     const std::string& directory() const { return m_directory; }
 
 private:
-    std::string m_directory = testsupport::installRoot().toStdString() + "/tmp-XXXXXX";
+    std::string m_directory = rig::installRoot().toStdString() + "/tmp-XXXXXX";
 };
 
 } // namespace

@@ -8,6 +8,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 // How many packets may overtake a late one without its number coming to mean another
@@ -264,22 +266,21 @@ std::string makeContent(Content content, std::size_t size, Rng& rng)
         switch (content) {
         case Content::Random: bytes += static_cast<char>(rng.next()); break;
         case Content::Zeros: bytes += '\0'; break;
-        case Content::StartSymbols: bytes += testsupport::startSymbol; break;
+        case Content::StartSymbols: bytes += rig::startSymbol; break;
         case Content::Escapes:
             bytes += rng.oneOf({"+++", "ATH\r\n", "\r\nOK\r\n", "\x11\x13", "\r\nNO CARRIER\r\n", "\x03\x1A\xFF"});
             break;
         case Content::Headers:
             // Long ones are rare, since each costs a check over all that it claims.
-            bytes +=
-                testsupport::headerImage(static_cast<std::uint8_t>(rng.below(2)), static_cast<std::uint8_t>(rng.next()),
-                                         static_cast<std::uint16_t>(1 + rng.below(rng.chance(0.01) ? 65535 : 300)));
+            bytes += rig::headerImage(static_cast<std::uint8_t>(rng.below(2)), static_cast<std::uint8_t>(rng.next()),
+                                      static_cast<std::uint16_t>(1 + rng.below(rng.chance(0.01) ? 65535 : 300)));
             break;
         case Content::Packets: {
-            testsupport::WirePacket packet;
+            rig::WirePacket packet;
             packet.type = static_cast<std::uint8_t>(rng.below(2));
             packet.number = static_cast<std::uint8_t>(rng.next());
             packet.payload = makeContent(Content::Random, rng.below(40), rng);
-            bytes += testsupport::packetImage(packet);
+            bytes += rig::packetImage(packet);
             break;
         }
         }

@@ -60,11 +60,11 @@ struct EndSettings
 struct Phase
 {
     std::int64_t durationNs = 0;
-    std::array<Faults, 2> faults; // of the direction that starts at that end
+    std::array<rig::Faults, 2> faults; // of the direction that starts at that end
     std::int64_t wallStepMs = 0; // at its beginning
 
     // Sessions only.
-    std::int64_t longestCallNs = never; // then the carrier drops
+    std::int64_t longestCallNs = rig::never; // then the carrier drops
     std::array<std::vector<int>, 2> fileSizes; // queued at its beginning, to be sent from that end
 };
 
@@ -72,8 +72,8 @@ struct Scenario
 {
     std::uint64_t seed = 0;
     Kind kind = Kind::Link;
-    LineSettings line;
-    ChannelSettings channel;
+    rig::LineSettings line;
+    rig::ChannelSettings channel;
     std::array<EndSettings, 2> ends;
     std::array<bool, 2> plainPeer{}; // whether that end is a peer without our safeguards
     std::array<bool, 2> adaptive{}; // whether that end sends adaptively
@@ -81,7 +81,7 @@ struct Scenario
 };
 
 // Payload bytes of a full packet.
-int blockSize(const ChannelSettings& settings);
+int blockSize(const rig::ChannelSettings& settings);
 
 // What of the line's rate a stream can count on at the least, in bytes a second: a window
 // of a queue for each round trip, and on a slow line one packet in many that is no repeat.
@@ -102,6 +102,6 @@ Scenario makeScenario(Kind kind, std::uint64_t seed, Adaptive adaptive = Adaptiv
 std::string describe(const Scenario& scenario);
 
 // The next bytes of a stream or a file of that content.
-std::string makeContent(Content content, std::size_t size, Rng& rng);
+std::string makeContent(Content content, std::size_t size, rig::Rng& rng);
 
 } // namespace soak

@@ -7,6 +7,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 ScenarioEnd::ScenarioEnd(int end, const Scenario& scenario, std::uint64_t drawsFrom, Checks* checks)
     : m_end(end), m_scenario(scenario), m_settings(scenario.ends[end]), m_checks(checks),
       m_rng(scenario.seed * 16 + static_cast<std::uint64_t>(end) + drawsFrom)

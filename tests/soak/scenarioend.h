@@ -38,7 +38,7 @@ protected:
     const Scenario& m_scenario;
     const EndSettings& m_settings;
     Checks* const m_checks; // not owned
-    Rng m_rng;
+    rig::Rng m_rng;
     QSerialPort m_port;
 
 private:

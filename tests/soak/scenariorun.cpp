@@ -4,6 +4,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 constexpr std::int64_t memoryCheckNs = 60 * nsPerS;

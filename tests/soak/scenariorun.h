@@ -37,7 +37,7 @@ protected:
 
     const Scenario& m_scenario;
     Checks m_checks;
-    Line m_line;
+    rig::Line m_line;
 
 private:
     void startPhase(const Phase& phase);

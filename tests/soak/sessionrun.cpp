@@ -14,6 +14,8 @@
 
 namespace soak {
 
+using namespace rig;
+
 namespace {
 
 constexpr std::int64_t hangUpNs = 3 * nsPerS; // from the end of a session to the next call
@@ -36,7 +38,7 @@ public:
     {
     }
 
-    hosttest::MemoryStore store;
+    rig::MemoryStore store;
 
     void setOther(const Site* other) { m_other = other; }
 
@@ -46,7 +48,7 @@ public:
         m_channel = makeChannel(&m_state);
         host::SessionSettings settings;
         settings.abonentName = QString::number(m_end);
-        settings.identity = hosttest::testKey(m_end);
+        settings.identity = rig::testKey(m_end);
         m_directory.everybodyElse = QString::number(1 - m_end);
         const host::SessionCall call{m_end == 0, m_directory.everybodyElse};
         m_session = std::make_unique<host::Session>(
@@ -90,7 +92,7 @@ public:
     void checkInbox()
     {
         for (; m_inboxChecked < store.inbox.size(); ++m_inboxChecked) {
-            const hosttest::InboxEntry& entry = store.inbox[m_inboxChecked];
+            const rig::InboxEntry& entry = store.inbox[m_inboxChecked];
             const auto original = m_originals->find(entry.id);
             if (original == m_originals->end() || original->second != entry.content)
                 m_checks->violation("a file was stored that is not what was sent: " + entry.fileName.toStdString());
@@ -103,7 +105,7 @@ public:
     std::uint64_t bytesStored() const
     {
         std::uint64_t bytes = 0;
-        for (const hosttest::InboxEntry& entry : store.inbox)
+        for (const rig::InboxEntry& entry : store.inbox)
             bytes += static_cast<std::uint64_t>(entry.content.size());
         return bytes;
     }
@@ -117,7 +119,7 @@ private:
             return;
         // The sender has been told that the other side has it whole.
         const auto& inbox = m_other->store.inbox;
-        const auto isIt = [&](const hosttest::InboxEntry& entry) { return entry.id == event.file.messageId; };
+        const auto isIt = [&](const rig::InboxEntry& entry) { return entry.id == event.file.messageId; };
         const auto found = std::find_if(inbox.begin(), inbox.end(), isIt);
         const auto original = m_originals->find(event.file.messageId);
         if (found == inbox.end() || original == m_originals->end() || found->content != original->second)
@@ -127,9 +129,9 @@ private:
 
     const Originals* m_originals; // not owned
     const Site* m_other = nullptr; // not owned
-    testsupport::SilentState m_state;
+    rig::SilentState m_state;
     std::unique_ptr<CChannel> m_channel;
-    hosttest::TestDirectory m_directory;
+    rig::TestDirectory m_directory;
     std::unique_ptr<host::Session> m_session;
     std::size_t m_inboxChecked = 0;
     std::map<quint64, int> m_timesStored;
@@ -239,7 +241,7 @@ private:
         if (m_calling)
             endCall();
         for (const auto& [id, content] : m_originals) {
-            const auto isIt = [&, wanted = id](const hosttest::InboxEntry& entry) { return entry.id == wanted; };
+            const auto isIt = [&, wanted = id](const rig::InboxEntry& entry) { return entry.id == wanted; };
             int stored = 0;
             for (const Site& site : m_sites)
                 stored += static_cast<int>(std::count_if(site.store.inbox.begin(), site.store.inbox.end(), isIt));

@@ -21,6 +21,7 @@
 #include <vector>
 
 using namespace soak;
+using namespace rig;
 namespace fs = std::filesystem;
 
 namespace {

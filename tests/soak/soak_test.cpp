@@ -24,6 +24,7 @@
 #include <unistd.h>
 
 using namespace soak;
+using namespace rig;
 
 namespace {
 

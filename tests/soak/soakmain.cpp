@@ -88,7 +88,7 @@ Kind kindNamed(const std::string& name)
         if (name == soak::kindName(kind))
             return kind;
     }
-    soak::fail("no such kind of run: " + name);
+    rig::fail("no such kind of run: " + name);
 }
 
 soak::Adaptive adaptiveNamed(const std::string& name)
@@ -99,25 +99,25 @@ soak::Adaptive adaptiveNamed(const std::string& name)
                                                       {"drawn", soak::Adaptive::Drawn}};
     const auto found = names.find(name);
     if (found == names.end())
-        soak::fail("--adaptive takes none, one, both or drawn");
+        rig::fail("--adaptive takes none, one, both or drawn");
     return found->second;
 }
 
 Options readOptions(int argc, char** argv)
 {
     Options options;
-    soak::CommandLine line(argc, argv, usageText);
+    rig::CommandLine line(argc, argv, usageText);
     while (line.next()) {
         const std::string& name = line.option();
         if (name == "--hours") {
-            options.hours = soak::number(line.value());
+            options.hours = rig::number(line.value());
         } else if (name == "--seed") {
-            options.seed = soak::wholeNumber(line.value());
+            options.seed = rig::wholeNumber(line.value());
         } else if (name == "--replay") {
             options.replay = line.value();
         } else if (name == "--once") {
             const Kind kind = kindNamed(line.value());
-            options.once.emplace_back(kind, soak::wholeNumber(line.value()));
+            options.once.emplace_back(kind, rig::wholeNumber(line.value()));
         } else if (name == "--adaptive") {
             options.adaptive = line.value();
             adaptiveNamed(options.adaptive);
@@ -127,10 +127,10 @@ Options readOptions(int argc, char** argv)
             options.verbose = true;
         } else if (name == "--kinds") {
             options.kinds.clear();
-            for (const std::string& kind : soak::parts(line.value()))
+            for (const std::string& kind : rig::parts(line.value()))
                 options.kinds.push_back(kindNamed(kind));
             if (options.kinds.empty())
-                soak::fail("--kinds needs a kind of run");
+                rig::fail("--kinds needs a kind of run");
         } else {
             line.unknownOption();
         }
@@ -139,7 +139,7 @@ Options readOptions(int argc, char** argv)
 }
 
 // What the run printed; empty when it took too long, or the program is to stop.
-std::string outputOf(const soak::StartedRun& run, soak::StopRequest& stop)
+std::string outputOf(const rig::StartedRun& run, rig::StopRequest& stop)
 {
     std::string output;
     const auto deadline = Clock::now() + std::chrono::milliseconds(longestRunMs);
@@ -175,8 +175,8 @@ Outcome parseOutcome(const std::string& output, int status)
             double standstillNs = 0;
             words >> ns >> outcome.delivered >> outcome.carried >> outcome.faults >> outcome.connections >>
                 standstillNs >> outcome.digest;
-            outcome.virtualS = ns / soak::nsPerS;
-            outcome.standstillS = standstillNs / soak::nsPerS;
+            outcome.virtualS = ns / rig::nsPerS;
+            outcome.standstillS = standstillNs / rig::nsPerS;
         } else if (first == "violation") {
             outcome.violations.push_back(line.substr(first.size() + 1));
         } else if (first == "end") {
@@ -185,15 +185,15 @@ Outcome parseOutcome(const std::string& output, int status)
     }
     // A process may have told all and yet end badly, as of a sanitizer's findings.
     if (!whole || (outcome.violations.empty() && status != 0))
-        outcome.violations.push_back(soak::describeEnd(status));
+        outcome.violations.push_back(rig::describeEnd(status));
     return outcome;
 }
 
-Outcome runOnce(soak::RunInstallation& installation, Kind kind, std::uint64_t seed, const std::string& adaptive,
-                soak::StopRequest& stop)
+Outcome runOnce(rig::RunInstallation& installation, Kind kind, std::uint64_t seed, const std::string& adaptive,
+                rig::StopRequest& stop)
 {
     installation.prepare(soak::makeScenario(kind, seed).channel);
-    const soak::StartedRun run = installation.start({"--run", soak::kindName(kind), std::to_string(seed), adaptive});
+    const rig::StartedRun run = installation.start({"--run", soak::kindName(kind), std::to_string(seed), adaptive});
     const std::string output = outputOf(run, stop);
     close(run.output);
     int status = 0;
@@ -206,7 +206,7 @@ class Soak
 {
 public:
     // Neither is owned.
-    Soak(const Options& options, soak::StopRequest& stop) : m_options(options), m_stop(stop), m_start(Clock::now()) {}
+    Soak(const Options& options, rig::StopRequest& stop) : m_options(options), m_stop(stop), m_start(Clock::now()) {}
 
     // A run that the program's end breaks off does not count.
     void run(Kind kind, std::uint64_t seed)
@@ -287,8 +287,8 @@ private:
     }
 
     const Options& m_options;
-    soak::StopRequest& m_stop;
-    soak::RunInstallation m_installation;
+    rig::StopRequest& m_stop;
+    rig::RunInstallation m_installation;
     Clock::time_point m_start;
     double m_nextProgressS = progressEveryS;
     Totals m_all;
@@ -299,7 +299,7 @@ void replay(Soak& soakRuns, const std::string& path)
 {
     std::ifstream list(path);
     if (!list)
-        soak::fail("cannot read " + path);
+        rig::fail("cannot read " + path);
     for (std::string line; std::getline(list, line);) {
         std::istringstream words(line.substr(0, line.find('#')));
         std::string kind;
@@ -308,12 +308,12 @@ void replay(Soak& soakRuns, const std::string& path)
         if (!(words >> kind))
             continue;
         if (!(words >> seed) || words >> more)
-            soak::fail("not a run: " + line);
-        soakRuns.run(kindNamed(kind), soak::wholeNumber(seed));
+            rig::fail("not a run: " + line);
+        soakRuns.run(kindNamed(kind), rig::wholeNumber(seed));
     }
 }
 
-bool runAll(const Options& options, soak::StopRequest& stop)
+bool runAll(const Options& options, rig::StopRequest& stop)
 {
     Soak soakRuns(options, stop);
     for (const auto& [kind, seed] : options.once)
@@ -334,12 +334,12 @@ int runProgram(int argc, char** argv)
 {
     if (argc == 5 && std::strcmp(argv[1], "--run") == 0) {
         const soak::Scenario scenario =
-            soak::makeScenario(kindNamed(argv[2]), soak::wholeNumber(argv[3]), adaptiveNamed(argv[4]));
+            soak::makeScenario(kindNamed(argv[2]), rig::wholeNumber(argv[3]), adaptiveNamed(argv[4]));
         return soak::runAndReport(scenario) ? 0 : 1;
     }
     const Options options = readOptions(argc, argv);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    soak::StopRequest stop;
+    rig::StopRequest stop;
     const bool isGood = runAll(options, stop);
     stop.obey();
     return isGood ? 0 : 1;
@@ -349,5 +349,5 @@ int runProgram(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    return soak::exitStatusOf("soak", runProgram, argc, argv);
+    return rig::exitStatusOf("soak", runProgram, argc, argv);
 }

@@ -11,11 +11,11 @@
 #include <functional>
 #include <limits>
 
-using testsupport::currentResources;
-using testsupport::Resources;
-using testsupport::SessionPlan;
-using testsupport::StressBed;
-using testsupport::waitFor;
+using rig::currentResources;
+using rig::Resources;
+using rig::SessionPlan;
+using rig::StressBed;
+using rig::waitFor;
 
 namespace {
 

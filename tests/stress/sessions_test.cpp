@@ -109,13 +109,13 @@ protected:
 
     void queueMessages(int from)
     {
-        std::mt19937 random(testsupport::seed() * 2 + static_cast<unsigned>(from));
+        std::mt19937 random(rig::seed() * 2 + static_cast<unsigned>(from));
         OutgoingQueue queue(sides[from].paths.output, sides[from].paths.tasks); // as another program has one
         for (int i = 0; i < messages; ++i) {
             QByteArray content(static_cast<int>(random() % largestBytes), Qt::Uninitialized);
             std::generate(content.begin(), content.end(), [&] { return static_cast<char>(random()); });
             const QString file = QStringLiteral("%1-%2").arg(sides[from].name).arg(i);
-            const QString path = writeFile(testsupport::installRoot() + QStringLiteral("/sources/") + file, content);
+            const QString path = writeFile(rig::installRoot() + QStringLiteral("/sources/") + file, content);
             sides[from].sent[file] = content;
             ASSERT_EQ(queue.enqueue(sides[1 - from].name, path), QString());
             sides[from].store->queue().rescan();
@@ -126,8 +126,8 @@ protected:
     {
         SessionSettings settings;
         settings.abonentName = sides[end].name;
-        settings.identity = hosttest::testKey(end);
-        hosttest::TestDirectory directory;
+        settings.identity = rig::testKey(end);
+        rig::TestDirectory directory;
         directory.everybodyElse = sides[1 - end].name;
         const SessionCall call{end == 0, end == 0 ? sides[1].name : QString()};
         settings.closingMs = 50;
@@ -157,7 +157,7 @@ protected:
     // Calls on one line, one after another, until all is delivered.
     void runLine(int line)
     {
-        std::mt19937 random(testsupport::seed() * 100 + static_cast<unsigned>(line));
+        std::mt19937 random(rig::seed() * 100 + static_cast<unsigned>(line));
         Way ways[2];
         while (!isDone()) {
             for (Way& way : ways)
@@ -205,7 +205,7 @@ TEST_F(TwoStores, deliverOnceOverSeveralLinesThatBreak)
         threads.emplace_back([this, line] { runLine(line); });
     for (std::thread& thread : threads)
         thread.join();
-    std::printf("seed %u: %d calls in %lld ms\n", testsupport::seed(), m_calls.load(),
+    std::printf("seed %u: %d calls in %lld ms\n", rig::seed(), m_calls.load(),
                 static_cast<long long>(m_clock.elapsed()));
     for (int end = 0; end < 2; ++end)
         expectAllReceived(end);

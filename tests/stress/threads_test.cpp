@@ -19,11 +19,11 @@
 #include <string>
 #include <thread>
 
-using testsupport::currentResources;
-using testsupport::Resources;
-using testsupport::SessionPlan;
-using testsupport::StressBed;
-using testsupport::waitFor;
+using rig::currentResources;
+using rig::Resources;
+using rig::SessionPlan;
+using rig::StressBed;
+using rig::waitFor;
 using testsupport::Watchdog;
 
 namespace {
@@ -44,7 +44,7 @@ int stressSeconds()
 class Dice
 {
 public:
-    explicit Dice(unsigned salt) : m_engine(testsupport::seed() * 1009u + salt) {}
+    explicit Dice(unsigned salt) : m_engine(rig::seed() * 1009u + salt) {}
     int below(int limit) { return static_cast<int>(m_engine() % static_cast<unsigned>(limit)); }
     int between(int least, int most) { return least + below(most - least + 1); }
     bool chance(int percent) { return below(100) < percent; }
@@ -152,9 +152,9 @@ protected:
     // Until the time is over, and there was traffic to watch; both threads are told to the dog.
     void watchTraffic(int seconds, Watchdog::Watched& host, Watchdog::Watched& serverThread);
     void expectPortsComeBack();
-    void printCounts(const testsupport::Account::Figures& figures) const;
+    void printCounts(const rig::Account::Figures& figures) const;
     // Each end is told of once, and nobody is connected that was not.
-    void expectAccountsAgree(const testsupport::Account::Figures& figures);
+    void expectAccountsAgree(const rig::Account::Figures& figures);
     void expectNothingKept(const Resources& before);
 
     SharedDice plans;
@@ -172,7 +172,7 @@ private:
         settings.rateForward = settings.rateBackward = 38400;
         settings.delayMs = 5;
         settings.bitErrorRate = 1e-5;
-        settings.seed = testsupport::seed();
+        settings.seed = rig::seed();
         return settings;
     }
 };
@@ -315,7 +315,7 @@ void Threads::watchTraffic(int seconds, Watchdog::Watched& host, Watchdog::Watch
     const auto answered = std::make_shared<std::atomic<bool>>(true);
     // A short run on a busy machine goes on until there was traffic to watch.
     const auto wasBusy = [&] {
-        const testsupport::Account::Figures figures = bed.account.figures();
+        const rig::Account::Figures figures = bed.account.figures();
         return figures.withPeer > 1 && figures.bytesReceived > 1000;
     };
     (void)waitFor(
@@ -342,7 +342,7 @@ void Threads::expectPortsComeBack()
     EXPECT_TRUE(allFree()) << portLines();
 }
 
-void Threads::printCounts(const testsupport::Account::Figures& figures) const
+void Threads::printCounts(const rig::Account::Figures& figures) const
 {
     std::printf("%d calls asked for, %d sessions, %d of them kept alive, %.2f MiB sent, %.2f MiB received\n"
                 "%d hang-ups, %d keep-alives, %d polls, %d changes of settings, %d restarts (longest stop %lld ms), %d "
@@ -353,7 +353,7 @@ void Threads::printCounts(const testsupport::Account::Figures& figures) const
                 static_cast<long long>(counts.longestStopMs), int(counts.faults));
 }
 
-void Threads::expectAccountsAgree(const testsupport::Account::Figures& figures)
+void Threads::expectAccountsAgree(const rig::Account::Figures& figures)
 {
     EXPECT_GT(figures.withPeer, 1);
     EXPECT_GT(figures.bytesReceived, 1000);
@@ -383,7 +383,7 @@ void Threads::expectNothingKept(const Resources& before)
 TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
 {
     const int seconds = stressSeconds();
-    std::printf("seed %u, %d s\n", testsupport::seed(), seconds);
+    std::printf("seed %u, %d s\n", rig::seed(), seconds);
     const int threadsAlone = currentResources().threads;
     Watchdog::Watched& host = dog.watch("host");
     Watchdog::Watched& serverThread = dog.watch("server's thread");
@@ -408,7 +408,7 @@ TEST_F(Threads, EverythingAtOnceFromSeveralThreads)
     EXPECT_TRUE(bed.stopFromOutside(standstillMs));
     dog.end();
 
-    const testsupport::Account::Figures figures = bed.account.figures();
+    const rig::Account::Figures figures = bed.account.figures();
     printCounts(figures);
     expectAccountsAgree(figures);
     EXPECT_TRUE(waitForThreads(threadsAlone)) << currentResources().threads << " threads, before " << threadsAlone;

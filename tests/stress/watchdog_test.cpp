@@ -7,7 +7,7 @@
 #include <QStringList>
 #include <gtest/gtest.h>
 
-using testsupport::waitFor;
+using rig::waitFor;
 using testsupport::Watchdog;
 
 namespace {

@@ -37,7 +37,7 @@ public:
         constexpr int settledLooks = 20; // a millisecond apart, in which it has not run
         int looks = 0;
         QByteArray before;
-        waitFor([&] {
+        rig::waitFor([&] {
             const QByteArray state = m_id != 0 ? stateOf(m_id) : QByteArray();
             looks = !state.isEmpty() && state == before ? looks + 1 : 0;
             before = state;

@@ -24,7 +24,7 @@ class SeedPrinter : public testing::EmptyTestEventListener
     void OnTestEnd(const testing::TestInfo& info) override
     {
         if (info.result()->Failed())
-            std::printf("repeat with TEST_SEED=%u\n", testsupport::seed());
+            std::printf("repeat with TEST_SEED=%u\n", rig::seed());
     }
 };
 
@@ -33,8 +33,8 @@ class SeedPrinter : public testing::EmptyTestEventListener
 int main(int argc, char** argv)
 {
     const bool listing = onlyLists(argc, argv);
-    if (!listing && !testsupport::isInFreshRoot())
-        return testsupport::runInFreshRoot(argv);
+    if (!listing && !rig::isInFreshRoot())
+        return rig::runInFreshRoot(argv);
     testing::InitGoogleTest(&argc, argv);
     if (listing)
         return RUN_ALL_TESTS();

@@ -165,7 +165,7 @@ TEST(PrivateFiles, TheSecretKeyStandsInItsFileAlone)
     const QString bin = QStringLiteral("/bin/");
     int logs = 0;
     QStringList holders;
-    for (const QString& path : filesBelow(testsupport::installRoot())) {
+    for (const QString& path : filesBelow(rig::installRoot())) {
         if (path.contains(bin))
             continue;
         const QByteArray content = contentOf(path);
@@ -210,7 +210,7 @@ QStringList namesUsedBy(const Installation& host)
 
 struct Outside
 {
-    QString directory = testsupport::installRoot() + QStringLiteral("/outside");
+    QString directory = rig::installRoot() + QStringLiteral("/outside");
     QHash<QString, QByteArray> files; // path, mode and content
 
     QHash<QString, QByteArray> look() const

@@ -16,11 +16,11 @@
 #include <map>
 #include <random>
 
+using rig::waitFor;
 using testsupport::Installation;
 using testsupport::makeFile;
 using testsupport::PhoneExchange;
 using testsupport::randomBytes;
-using testsupport::waitFor;
 
 namespace {
 
@@ -326,8 +326,8 @@ TEST(System, KilledAtRandomMomentsAgainAndAgain)
     constexpr int usualSeconds = 8;
     const int asked = qEnvironmentVariableIntValue("SYSTEM_KILL_SECONDS");
     const int seconds = asked > 0 ? asked : usualSeconds;
-    std::printf("seed %u, %d s\n", testsupport::seed(), seconds);
-    KilledPair pair(testsupport::seed());
+    std::printf("seed %u, %d s\n", rig::seed(), seconds);
+    KilledPair pair(rig::seed());
     QElapsedTimer timer;
     timer.start();
     while (timer.elapsed() < seconds * 1000)

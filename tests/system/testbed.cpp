@@ -31,7 +31,7 @@ QString built(const QString& path)
 QString freshDirectory(const QString& name)
 {
     static int count = 0;
-    const QString path = QStringLiteral("%1/%2-%3").arg(installRoot(), QString::number(++count), name);
+    const QString path = QStringLiteral("%1/%2-%3").arg(rig::installRoot(), QString::number(++count), name);
     QDir().mkpath(path);
     return path;
 }
@@ -66,9 +66,10 @@ PhoneExchange::PhoneExchange(int modems, const QStringList& options)
                                 m_directory, QStringLiteral("--table"), linesTable(), QStringLiteral("--ready-file"),
                                 ready, QStringLiteral("--stats"), m_directory + QStringLiteral("/calls.json"),
                                 QStringLiteral("--ring-interval"), QStringLiteral("2"), QStringLiteral("--seed"),
-                                QString::number(seed() & 0x7FFFFFFF)} +
+                                QString::number(rig::seed() & 0x7FFFFFFF)} +
                         options);
-    if (!waitFor([&] { return QFile::exists(ready) || m_process.state() == QProcess::NotRunning; }, startDeadlineMs) ||
+    if (!rig::waitFor([&] { return QFile::exists(ready) || m_process.state() == QProcess::NotRunning; },
+                      startDeadlineMs) ||
         !QFile::exists(ready))
         ADD_FAILURE() << "the exchange did not start: " << output().toStdString();
 }
@@ -95,7 +96,7 @@ QString PhoneExchange::command(const QString& text)
     const int before = output().size();
     m_process.write(text.toUtf8() + '\n');
     QString answer;
-    const bool answered = waitFor([&] {
+    const bool answered = rig::waitFor([&] {
         for (const QString& line : output().mid(before).split(QLatin1Char('\n'))) {
             if (line.startsWith(QLatin1String("ok")) || line.startsWith(QLatin1String("error")))
                 answer = line;
@@ -205,17 +206,17 @@ void Installation::run(const PhoneExchange& exchange, const QStringList& options
     m_process->setProcessChannelMode(QProcess::MergedChannels);
     m_process->setStandardOutputFile(m_root + QStringLiteral("/output.txt"), QIODevice::Append);
     m_process->setStandardInputFile(QProcess::nullDevice());
-    m_process->start(m_root + QStringLiteral("/bin/transport-host"),
-                     QStringList{QStringLiteral("run"), QStringLiteral("--plain"), QStringLiteral("--retry-seconds"),
-                                 QStringLiteral("0.03"), QStringLiteral("--events"),
-                                 m_root + QStringLiteral("/events.json")} +
-                         (isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) + options);
+    m_process->start(
+        m_root + QStringLiteral("/bin/transport-host"),
+        QStringList{QStringLiteral("run"), QStringLiteral("--plain"), QStringLiteral("--retry-seconds"),
+                    QStringLiteral("0.03"), QStringLiteral("--events"), m_root + QStringLiteral("/events.json")} +
+            (rig::isRootPrivate() ? QStringList() : QStringList{QStringLiteral("--allow-shared")}) + options);
     EXPECT_TRUE(m_process->waitForStarted(startDeadlineMs));
 }
 
 int Installation::waitForEnd(int deadlineMs)
 {
-    if (!waitFor([&] { return !isRunning(); }, deadlineMs) || m_process->exitStatus() != QProcess::NormalExit)
+    if (!rig::waitFor([&] { return !isRunning(); }, deadlineMs) || m_process->exitStatus() != QProcess::NormalExit)
         return -1;
     return m_process->exitCode();
 }
@@ -282,8 +283,8 @@ QString makeFile(const QString& name, const QByteArray& content)
 
 QByteArray randomBytes(int size)
 {
-    static std::mt19937 generator(seed());
-    return drawBytes(size, generator);
+    static std::mt19937 generator(rig::seed());
+    return rig::drawBytes(size, generator);
 }
 
 } // namespace testsupport

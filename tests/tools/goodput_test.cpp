@@ -40,19 +40,20 @@ class RecommendedSettings : public testing::TestWithParam<Case>
 TEST_P(RecommendedSettings, GetWhatTheRulePromises)
 {
     const Case& c = GetParam();
-    measure::Course course;
+    rig::measure::Course course;
     course.line.rate = c.rate;
     course.line.delayMs = c.delayMs;
     course.line.bitErrorRate = c.bitErrorRate;
     course.bytes[0] = std::int64_t(c.seconds) * c.rate / 10;
     course.bytes[1] = c.bothWays ? course.bytes[0] : 0;
     const tune::LinkProfile profile = tune::recommendedProfile(course.line);
-    const QString settingsDir = testsupport::installRoot() + QStringLiteral("/settings");
+    const QString settingsDir = rig::installRoot() + QStringLiteral("/settings");
     ASSERT_TRUE(QDir().mkpath(settingsDir));
-    std::ofstream(settingsDir.toStdString() + "/settings.ini") << soak::settingsText(measure::channelSettings(profile));
+    std::ofstream(settingsDir.toStdString() + "/settings.ini")
+        << rig::settingsText(rig::measure::channelSettings(profile));
 
-    soak::beginRunProcess();
-    const measure::Outcome outcome = measure::run(course, profile);
+    rig::beginRunProcess();
+    const rig::measure::Outcome outcome = rig::measure::run(course, profile);
     EXPECT_EQ(outcome.error, "");
     const tune::Goodput expected = tune::expectedGoodput(course.line);
     EXPECT_GE(outcome.share[0], (c.bothWays ? expected.bothWays : expected.oneWay) - margin);
@@ -64,19 +65,20 @@ TEST_P(RecommendedSettings, GetWhatTheRulePromises)
 // The handshake, the greetings, what each side has got, and the first offer.
 TEST(SessionOpening, IsSoonOverOnTheSlowestLine)
 {
-    measure::Course course;
+    rig::measure::Course course;
     course.line.rate = 1200;
     course.line.delayMs = 300;
     course.bytes[0] = 1; // so that nothing else is on the line
     const tune::LinkProfile profile = tune::recommendedProfile(course.line);
-    const QString settingsDir = testsupport::installRoot() + QStringLiteral("/settings");
+    const QString settingsDir = rig::installRoot() + QStringLiteral("/settings");
     ASSERT_TRUE(QDir().mkpath(settingsDir));
-    std::ofstream(settingsDir.toStdString() + "/settings.ini") << soak::settingsText(measure::channelSettings(profile));
+    std::ofstream(settingsDir.toStdString() + "/settings.ini")
+        << rig::settingsText(rig::measure::channelSettings(profile));
 
-    soak::beginRunProcess();
-    const measure::Outcome outcome = measure::run(course, profile);
+    rig::beginRunProcess();
+    const rig::measure::Outcome outcome = rig::measure::run(course, profile);
     EXPECT_EQ(outcome.error, "");
-    const auto tell = [](const char* what, const measure::Outcome::Moment& moment) {
+    const auto tell = [](const char* what, const rig::measure::Outcome::Moment& moment) {
         std::printf("%s after %.2f s, %lld bytes carried from the caller, %lld from the answerer\n", what,
                     moment.seconds, static_cast<long long>(moment.bytes[0]), static_cast<long long>(moment.bytes[1]));
     };
@@ -92,17 +94,18 @@ TEST(SessionOpening, IsSoonOverOnTheSlowestLine)
 // What is not measured must not be told as if it were.
 TEST(LinkMeasure, refusesAProfileThatIsNotInForce)
 {
-    measure::Course course;
+    rig::measure::Course course;
     course.line.rate = 9600;
     course.bytes[0] = 1000;
     tune::LinkProfile profile;
     profile.maxBytesInQueue = 100; // below the key's range
-    const QString settingsDir = testsupport::installRoot() + QStringLiteral("/settings");
+    const QString settingsDir = rig::installRoot() + QStringLiteral("/settings");
     ASSERT_TRUE(QDir().mkpath(settingsDir));
-    std::ofstream(settingsDir.toStdString() + "/settings.ini") << soak::settingsText(measure::channelSettings(profile));
+    std::ofstream(settingsDir.toStdString() + "/settings.ini")
+        << rig::settingsText(rig::measure::channelSettings(profile));
 
-    soak::beginRunProcess();
-    EXPECT_EQ(measure::run(course, profile).error, "settings that the channel does not take");
+    rig::beginRunProcess();
+    EXPECT_EQ(rig::measure::run(course, profile).error, "settings that the channel does not take");
 }
 
 INSTANTIATE_TEST_SUITE_P(

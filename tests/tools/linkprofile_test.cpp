@@ -102,7 +102,7 @@ public:
     }
 
 private:
-    std::mt19937 m_engine{testsupport::seed()};
+    std::mt19937 m_engine{rig::seed()};
 };
 
 } // namespace

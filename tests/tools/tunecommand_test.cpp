@@ -90,7 +90,7 @@ protected:
         return settings;
     }
 
-    const QString root = testsupport::installRoot() + QStringLiteral("/other");
+    const QString root = rig::installRoot() + QStringLiteral("/other");
 };
 
 // Two ports as a user enters them, one of them never filled in.
@@ -229,7 +229,7 @@ TEST_F(WritingProfiles, SettingsAsTheChannelReadsThem)
 
 TEST_F(WritingProfiles, IntoTheProgramsOwnInstallationUnlessToldOtherwise)
 {
-    QDir().mkpath(testsupport::installRoot() + QStringLiteral("/settings"));
+    QDir().mkpath(rig::installRoot() + QStringLiteral("/settings"));
     const Result result = run({"--rate", "9600", "--write", "--json"});
     EXPECT_EQ(result.status, 0) << result.err.toStdString();
     EXPECT_TRUE(QJsonDocument::fromJson(result.out.toUtf8()).isObject()); // and nothing behind it
@@ -354,7 +354,7 @@ TEST_F(WritingProfiles, TellsWhenOnlyHalfOfItIsWritten)
 
 TEST_F(WritingProfiles, TellsWhenThereIsNoInstallation)
 {
-    const QString nothing = testsupport::installRoot() + QStringLiteral("/nothing");
+    const QString nothing = rig::installRoot() + QStringLiteral("/nothing");
     Result result = run({"--rate", "9600", "--write", "--installation", nothing});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, QStringLiteral("transport-tune: there is no directory %1\n").arg(nothing));

@@ -7,7 +7,7 @@
 
 #include <future>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 
@@ -375,7 +375,7 @@ TEST_F(WorkerCall, EndDoesNotWaitForEverForABusyServer)
     session()->tellName(QStringLiteral("A"));
     session()->finish(true);
     // No events run here meanwhile.
-    while (!log.contains(QStringLiteral("disconnected A 7 1")) && timer.elapsed() < testsupport::defaultDeadlineMs)
+    while (!log.contains(QStringLiteral("disconnected A 7 1")) && timer.elapsed() < rig::defaultDeadlineMs)
         QThread::msleep(1);
     EXPECT_TRUE(log.contains(QStringLiteral("disconnected A 7 1")));
     EXPECT_GE(timer.elapsed(), 500);

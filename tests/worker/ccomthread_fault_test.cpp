@@ -14,7 +14,7 @@
 #include <thread>
 #include <unistd.h>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 
@@ -188,7 +188,7 @@ TEST_F(WorkerFault, ErrorAtTheMomentOfConnectingMakesNoSession)
 TEST_F(WorkerFault, ErrorWhileClosedForcesNothing)
 {
     ComPortSettings settings = usualSettings();
-    settings.portName = testsupport::installRoot() + QStringLiteral("/nothing");
+    settings.portName = rig::installRoot() + QStringLiteral("/nothing");
     start(settings);
     ASSERT_TRUE(waitForEvent(QStringLiteral("journal Ошибка открытия COM порта. No such file or directory")));
     forgetEvents();

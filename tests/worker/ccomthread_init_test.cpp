@@ -9,7 +9,7 @@
 #include <functional>
 #include <future>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 

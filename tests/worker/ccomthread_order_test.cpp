@@ -8,7 +8,7 @@
 #include <QMutex>
 #include <QThread>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 
@@ -18,7 +18,7 @@ namespace {
 class Tracer
 {
 public:
-    Tracer(testsupport::CallLog* log, ModemScript* modem) : m_log(log), m_modem(modem) {}
+    Tracer(rig::CallLog* log, ModemScript* modem) : m_log(log), m_modem(modem) {}
 
     void catchUp()
     {
@@ -33,7 +33,7 @@ public:
         timer.start();
         for (;;) {
             written += m_modem->endpoint().read();
-            if (m_modem->endpoint().bytesFromProgram() == 0 || timer.elapsed() > testsupport::defaultDeadlineMs)
+            if (m_modem->endpoint().bytesFromProgram() == 0 || timer.elapsed() > rig::defaultDeadlineMs)
                 break;
             QThread::msleep(1);
         }
@@ -43,15 +43,15 @@ public:
 
 private:
     QMutex m_mutex;
-    testsupport::CallLog* m_log; // not owned
+    rig::CallLog* m_log; // not owned
     ModemScript* m_modem; // not owned
     int m_shownLines = 0;
 };
 
-class TracedChannelsState : public testsupport::RecordingChannelsState
+class TracedChannelsState : public rig::RecordingChannelsState
 {
 public:
-    TracedChannelsState(testsupport::CallLog* log, Tracer* tracer) : RecordingChannelsState(log), m_tracer(tracer) {}
+    TracedChannelsState(rig::CallLog* log, Tracer* tracer) : RecordingChannelsState(log), m_tracer(tracer) {}
 
     void setState(int id, const QString& text) override
     {
@@ -63,10 +63,10 @@ private:
     Tracer* m_tracer; // not owned
 };
 
-class TracedJournal : public testsupport::RecordingJournal
+class TracedJournal : public rig::RecordingJournal
 {
 public:
-    TracedJournal(testsupport::CallLog* log, Tracer* tracer) : RecordingJournal(log), m_tracer(tracer) {}
+    TracedJournal(rig::CallLog* log, Tracer* tracer) : RecordingJournal(log), m_tracer(tracer) {}
 
     void addRecord(int kind, const QString& source, const QString& text) override
     {
@@ -209,7 +209,7 @@ TEST_F(WorkerOrder, SilentModem)
 TEST_F(WorkerOrder, PortThatCannotBeOpened)
 {
     ComPortSettings settings = usualSettings();
-    settings.portName = testsupport::installRoot() + QStringLiteral("/nothing");
+    settings.portName = rig::installRoot() + QStringLiteral("/nothing");
     start(settings);
     expectTrace(QStringList{QStringLiteral("add Инициализация"), QStringLiteral("state Открытие COM порта")} +
                 loggedAndReported(QStringLiteral("Ошибка открытия COM порта. No such file or directory")));

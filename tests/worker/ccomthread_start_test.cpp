@@ -9,7 +9,7 @@
 
 #include <atomic>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 TEST_F(WorkerStart, ModemThatAnswersBecomesFree)
 {
@@ -121,8 +121,8 @@ TEST_F(WorkerStart, SilentModemIsAskedAfterGrowingPausesSharedByAllPorts)
     second.setDsr(true);
     ComPortSettings settings = usualSettings();
     settings.portName = second.portPath();
-    testsupport::CallLog secondLog;
-    testsupport::RecordingChannelsState secondState(&secondLog);
+    rig::CallLog secondLog;
+    rig::RecordingChannelsState secondState(&secondLog);
     HookedJournal secondJournal(&secondLog);
     QElapsedTimer clock;
     clock.start();
@@ -348,7 +348,7 @@ TEST_F(WorkerStart, StopEndsALongPause)
 {
     writeDetails({QStringLiteral("transportComOpenInterval=60000")});
     ComPortSettings settings = usualSettings();
-    settings.portName = testsupport::installRoot() + QStringLiteral("/nothing");
+    settings.portName = rig::installRoot() + QStringLiteral("/nothing");
     start(settings);
     ASSERT_TRUE(waitForEvent(QStringLiteral("journal Ошибка открытия COM порта. No such file or directory")));
     QElapsedTimer timer;
@@ -360,8 +360,8 @@ TEST_F(WorkerStart, StopEndsALongPause)
 TEST_F(WorkerStart, SettingsListTheirKeys)
 {
     // The group alone: every value is to be the default.
-    QDir().mkpath(testsupport::installRoot() + QStringLiteral("/settings"));
-    QFile empty(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    QDir().mkpath(rig::installRoot() + QStringLiteral("/settings"));
+    QFile empty(rig::installRoot() + QStringLiteral("/settings/settings.ini"));
     ASSERT_TRUE(empty.open(QIODevice::WriteOnly));
     empty.close();
     startFree();
@@ -369,7 +369,7 @@ TEST_F(WorkerStart, SettingsListTheirKeys)
     ASSERT_TRUE(modem.expectWritten("ATA\r"));
     modem.reply("BUSY\r\n");
     ASSERT_TRUE(modem.expectWritten("+++"));
-    QFile file(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    QFile file(rig::installRoot() + QStringLiteral("/settings/settings.ini"));
     ASSERT_TRUE(waitFor([&] { return file.isOpen() || file.open(QIODevice::ReadOnly); }));
     const QByteArray text = file.readAll();
     for (const char* line :

@@ -231,7 +231,7 @@ TEST(ReadModemLine, EverySplitOfTheInputGivesTheSameLines)
 
 TEST(ReadModemLine, RandomBytesAreTakenToTheLastLineEnd)
 {
-    std::mt19937 random(testsupport::seed());
+    std::mt19937 random(rig::seed());
     for (int round = 0; round < 50; ++round) {
         QByteArray bytes;
         const int size = static_cast<int>(random() % 4000);
@@ -295,7 +295,7 @@ TEST(ModemCommands, NumberIsWrittenAsItIs)
 TEST(ModemCommands, ControlSymbolIsReadForEachCommand)
 {
     EXPECT_EQ(checkCommand(), QByteArray("AT\r"));
-    QFile file(testsupport::installRoot() + QStringLiteral("/settings/settings.ini"));
+    QFile file(rig::installRoot() + QStringLiteral("/settings/settings.ini"));
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_TRUE(file.readAll().contains("transportComControlSymbol=\\r\n"));
 
@@ -316,7 +316,7 @@ TEST(ReadModemResponse, LogsEachLineOnceAndKeepsTheLastAnswer)
     QString lastAnswer = QStringLiteral("before");
     EXPECT_EQ(readModemResponse(port, lastAnswer), ResponseNone);
     modem.reply("OK");
-    ASSERT_TRUE(testsupport::waitFor([&] {
+    ASSERT_TRUE(rig::waitFor([&] {
         EXPECT_EQ(readModemResponse(port, lastAnswer), ResponseNone);
         return port.bytesAvailable() == 2;
     }));
@@ -324,15 +324,15 @@ TEST(ReadModemResponse, LogsEachLineOnceAndKeepsTheLastAnswer)
     EXPECT_EQ(joined(logTexts()), "");
 
     modem.reply("\r\n");
-    ASSERT_TRUE(testsupport::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseOk; }));
+    ASSERT_TRUE(rig::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseOk; }));
     EXPECT_EQ(lastAnswer, QStringLiteral("OK"));
     modem.reply("connect 9600\r\n\r\n");
-    ASSERT_TRUE(testsupport::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseConnect; }));
-    ASSERT_TRUE(testsupport::waitFor(
+    ASSERT_TRUE(rig::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseConnect; }));
+    ASSERT_TRUE(rig::waitFor(
         [&] { return readModemResponse(port, lastAnswer) == ResponseNone && port.bytesAvailable() == 0; }));
     EXPECT_EQ(lastAnswer, QStringLiteral("connect 9600"));
     modem.reply("\r\r\n");
-    ASSERT_TRUE(testsupport::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseUnknown; }));
+    ASSERT_TRUE(rig::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseUnknown; }));
     EXPECT_EQ(lastAnswer, QString());
     EXPECT_EQ(joined(logTexts()), "Чтение команды: OK\nЧтение команды: connect 9600\nЧтение команды:");
 }
@@ -344,7 +344,7 @@ TEST(ReadModemResponse, LinesAreLoggedInTheCategoryOfAtCommands)
     OpenedPort port(modem);
     QString lastAnswer;
     modem.reply("OK\r\n");
-    ASSERT_TRUE(testsupport::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseOk; }));
+    ASSERT_TRUE(rig::waitFor([&] { return readModemResponse(port, lastAnswer) == ResponseOk; }));
     EXPECT_EQ(joined(logTexts()), "");
 }
 

@@ -18,7 +18,7 @@ protected:
         EXPECT_TRUE(port.setDataTerminalReady(true));
     }
 
-    const QString link = testsupport::installRoot() + QStringLiteral("/modem1");
+    const QString link = rig::installRoot() + QStringLiteral("/modem1");
     sim::PtyEndpoint endpoint{link};
     QSerialPort port;
 };
@@ -50,7 +50,7 @@ TEST_F(ModemPortTest, ADeviceIsThereAsLongAsItsNameLeadsToIt)
 // A converter that is plugged in again may come back under the name that it had.
 TEST_F(ModemPortTest, ADeviceThatCameBackIsAnotherOne)
 {
-    const sim::PtyEndpoint second(testsupport::installRoot() + QStringLiteral("/modem2"));
+    const sim::PtyEndpoint second(rig::installRoot() + QStringLiteral("/modem2"));
     ASSERT_TRUE(QFile::remove(link));
     ASSERT_TRUE(QFile::link(QFile::symLinkTarget(second.portPath()), link));
     EXPECT_TRUE(deviceHasVanished(port, link));

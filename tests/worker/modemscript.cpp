@@ -3,9 +3,9 @@
 #include "rig/deadline.h"
 #include "rig/testroot.h"
 
-using testsupport::waitFor;
+using rig::waitFor;
 
-ModemScript::ModemScript(const QString& name) : m_endpoint(testsupport::installRoot() + QLatin1Char('/') + name)
+ModemScript::ModemScript(const QString& name) : m_endpoint(rig::installRoot() + QLatin1Char('/') + name)
 {
     EXPECT_TRUE(m_endpoint.isOpen()) << m_endpoint.errorString().toStdString();
 }

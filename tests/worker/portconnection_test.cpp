@@ -40,9 +40,9 @@ protected:
         return factory->protocol();
     }
 
-    testsupport::CallLog log;
-    testsupport::RecordingChannelsState table{&log};
-    testsupport::RecordingJournal journal{&log};
+    rig::CallLog log;
+    rig::RecordingChannelsState table{&log};
+    rig::RecordingJournal journal{&log};
     BareServer server;
     ScriptedFactory* const factory; // owned by the server
     QSerialPort port; // not open: nothing is read from it here

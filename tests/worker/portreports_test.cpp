@@ -15,9 +15,9 @@ protected:
         server.journal = &journal;
     }
 
-    testsupport::CallLog log;
-    testsupport::RecordingChannelsState table{&log};
-    testsupport::RecordingJournal journal{&log};
+    rig::CallLog log;
+    rig::RecordingChannelsState table{&log};
+    rig::RecordingJournal journal{&log};
     BareServer server;
     PortReports reports{&server, port};
 };
@@ -50,8 +50,8 @@ TEST_F(PortReportsTest, TellsTableAndJournalInThisOrder)
 // when its thread is cancelled at last.
 TEST(PortReports, LeavesTheTableWithoutTheServer)
 {
-    testsupport::CallLog log;
-    testsupport::RecordingChannelsState table(&log);
+    rig::CallLog log;
+    rig::RecordingChannelsState table(&log);
     auto server = std::make_unique<BareServer>();
     server->channelsState = &table;
     PortReports reports(server.get(), port);

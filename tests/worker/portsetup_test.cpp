@@ -9,7 +9,7 @@ TEST_F(WorkerStart, PortThatCannotBeOpened)
 {
     writeDetails({QStringLiteral("transportComOpenInterval=30")});
     ComPortSettings settings = usualSettings();
-    settings.portName = testsupport::installRoot() + QStringLiteral("/nothing");
+    settings.portName = rig::installRoot() + QStringLiteral("/nothing");
     start(settings);
     const QString text = QStringLiteral("Ошибка открытия COM порта. No such file or directory");
     ASSERT_TRUE(waitForEvent(QStringLiteral("journal ") + text, 2));

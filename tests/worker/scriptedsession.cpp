@@ -2,7 +2,7 @@
 
 #include <QMetaObject>
 
-ScriptedProtocol::ScriptedProtocol(CChannel* ownedChannel, testsupport::CallLog* log, bool endsOnStop)
+ScriptedProtocol::ScriptedProtocol(CChannel* ownedChannel, rig::CallLog* log, bool endsOnStop)
     : CAbstractProtocol(ownedChannel), m_log(log), m_endsOnStop(endsOnStop)
 {
 }

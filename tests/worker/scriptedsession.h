@@ -17,7 +17,7 @@
 class ScriptedProtocol : public CAbstractProtocol
 {
 public:
-    ScriptedProtocol(CChannel* ownedChannel, testsupport::CallLog* log, bool endsOnStop);
+    ScriptedProtocol(CChannel* ownedChannel, rig::CallLog* log, bool endsOnStop);
     ~ScriptedProtocol() override;
 
     void start() override;
@@ -34,14 +34,14 @@ public:
     std::function<void()> onDelete; // within the destructor
 
 private:
-    testsupport::CallLog* m_log; // not owned
+    rig::CallLog* m_log; // not owned
     const bool m_endsOnStop;
 };
 
 class ScriptedFactory : public CAbstractProtocolFactory
 {
 public:
-    explicit ScriptedFactory(testsupport::CallLog* log) : m_log(log) {}
+    explicit ScriptedFactory(rig::CallLog* log) : m_log(log) {}
 
     CAbstractProtocol* createProtocol(CChannel* channel) override;
 
@@ -56,7 +56,7 @@ public:
     std::function<void(ScriptedProtocol*)> onStart;
 
 private:
-    testsupport::CallLog* m_log; // not owned
+    rig::CallLog* m_log; // not owned
     std::atomic<ScriptedProtocol*> m_protocol{nullptr};
     std::atomic<int> m_created{0};
 };

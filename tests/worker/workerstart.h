@@ -97,7 +97,7 @@ protected:
     // Answers each "AT" until that event is there.
     bool answerUntil(const QString& event, const QByteArray& answer)
     {
-        return testsupport::waitFor([&] {
+        return rig::waitFor([&] {
             if (modem.written().size() >= 3 && !events().contains(event)) {
                 modem.expectWritten("AT\r");
                 modem.reply(answer);
@@ -108,7 +108,7 @@ protected:
     // The pause that comes next takes two seconds, not three or more.
     void expectTwoSeconds()
     {
-        ASSERT_TRUE(testsupport::waitFor([&] { return meter->pause().has_value(); }));
+        ASSERT_TRUE(rig::waitFor([&] { return meter->pause().has_value(); }));
         EXPECT_GE(meter->pause()->ms, 2000);
         EXPECT_LT(meter->pause()->steps, 250);
     }

@@ -8,13 +8,13 @@
 #include <QFile>
 #include <QTime>
 
-using testsupport::waitFor;
+using rig::waitFor;
 
 namespace {
 
 QString settingsPath()
 {
-    return testsupport::installRoot() + QStringLiteral("/settings/settings.ini");
+    return rig::installRoot() + QStringLiteral("/settings/settings.ini");
 }
 
 } // namespace
@@ -241,7 +241,7 @@ void WorkerTest::raiseError(QSerialPort::SerialPortError code)
 QStringList WorkerTest::events() const
 {
     const QString port = worker->portName();
-    const QString id = QString::number(testsupport::RecordingChannelsState::firstId);
+    const QString id = QString::number(rig::RecordingChannelsState::firstId);
     QStringList found;
     for (QString entry : log.entries()) {
         entry.replace(QStringLiteral("journal 0 %1 ").arg(port), QStringLiteral("journal "));

@@ -22,7 +22,7 @@
 void writeDetails(const QStringList& lines);
 
 // A journal that also lets the test act at a certain record, in the thread that writes it.
-class HookedJournal : public testsupport::RecordingJournal
+class HookedJournal : public rig::RecordingJournal
 {
 public:
     using RecordingJournal::RecordingJournal;
@@ -33,7 +33,7 @@ public:
 
 // A channels table that also lets the test act when the port leaves it, in the thread that
 // takes it out.
-class HookedChannelsState : public testsupport::RecordingChannelsState
+class HookedChannelsState : public rig::RecordingChannelsState
 {
 public:
     using RecordingChannelsState::RecordingChannelsState;
@@ -112,7 +112,7 @@ protected:
     void expectEvents(const QStringList& expected);
     bool waitForEvent(const QString& event, int times = 1);
 
-    testsupport::CallLog log;
+    rig::CallLog log;
     HookedChannelsState channelsState{&log};
     HookedJournal journal{&log};
     BareServer server;
