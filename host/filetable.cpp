@@ -42,7 +42,7 @@ const FileProgress& FileTable::update(const SessionReport& report, qint64 nowMs)
         row.text = QStringLiteral("received before");
         break;
     case Kind::FileFailed:
-        row.file.doneBytes = doneBefore; // the last bytes may not have been written
+        row.file.doneBytes = doneBefore; // the last bytes may not be on the disk
         row.state = State::Failed;
         row.text = event.text;
         break;

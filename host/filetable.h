@@ -25,7 +25,7 @@ struct FileProgress
         Waiting,
         Whole,
         Failed
-    } state = State::Moving; // Waiting: for the peer's word
+    } state = State::Moving; // Waiting: for the peer's answer
     QString text;
 
     [[nodiscard]] bool isOver() const { return state == State::Whole || state == State::Failed; }
@@ -35,13 +35,13 @@ struct FileProgress
 class FileTable
 {
 public:
-    // A session tells of a file; the row as it is now.
+    // A session reports about a file. Returns the row as it is now.
     const FileProgress& update(const SessionReport& report, qint64 nowMs);
 
-    // A session has ended: what it had on the way is cut off. The rows that this changed.
+    // A session has ended, and with it the files that it had on the way. Returns the changed rows.
     QVector<FileProgress> cutOff(quint64 call, qint64 nowMs);
 
-    // Forgets what has been over for a while.
+    // Forgets files that have been over for a while.
     void prune(qint64 nowMs);
 
     [[nodiscard]] QVector<FileProgress> rows() const;

@@ -102,7 +102,7 @@ void HostStateFile::write(const HostState& state)
     const QByteArray bytes = QJsonDocument(record).toJson();
     if (bytes == m_written && QFile::exists(m_path))
         return;
-    // Not by QSaveFile, which would sync each second.
+    // Without QSaveFile, which would sync each second.
     const QString newPath = m_path + QStringLiteral(".new");
     const int descriptor = openEmpty(QFile::encodeName(newPath));
     if (descriptor < 0)

@@ -1,5 +1,5 @@
-// What a running host lets other programs see of itself: a small file that it rewrites about
-// each second. Only for show: whole, but not synced.
+// What a running host shows to other programs: a small file that it replaces about each second. The
+// file is always complete, but not synced, since it is only for display.
 #pragma once
 
 #include "host/channel/channelstable.h"
@@ -20,7 +20,7 @@ struct HostState
     QStringList calling; // abonents
     QStringList connected;
     InboxLimits limits;
-    QJsonObject more; // further figures, each under its name
+    QJsonObject more; // other figures, each under its name
 };
 
 // Writes the file when its content has changed.
@@ -39,16 +39,16 @@ private:
 // The record of the host that serves the installation; empty when none runs.
 [[nodiscard]] QJsonObject readHostState(const QString& path);
 
-// Under which limits that host receives; the usual ones when none runs.
+// The limits of that host for what it receives; the default ones when none runs.
 [[nodiscard]] InboxLimits limitsOf(const QJsonObject& state);
 
 // How many handshakes failed since that host's start.
 [[nodiscard]] qint64 failedHandshakesOf(const QJsonObject& state);
 
-// A share as it stands in JSON.
+// A share as JSON.
 [[nodiscard]] QJsonObject shareJson(const Share& share);
 
-// What the running host does about a message: a text for the user, empty when nothing.
+// What the running host is doing with a message: a text for the user, empty if nothing.
 [[nodiscard]] QString activityFor(const QJsonObject& state, quint64 messageId, const QString& abonent);
 
 } // namespace host

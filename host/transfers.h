@@ -1,4 +1,4 @@
-// What the sessions of a running host tell: as events, journal lines and rows of its views.
+// Turns the reports of a running host's sessions into events, journal lines and rows of its views.
 #pragma once
 
 #include "host/channel/sessionprotocol.h"
@@ -25,7 +25,8 @@ public:
 
     void onReport(const SessionReport& report, qint64 nowMs);
 
-    // The port is in no call any more, so that its sessions are over, said or not: their claimants.
+    // The port is not in a call any more, so that its sessions are over, even if they have not said so.
+    // Returns their tokens in the store.
     [[nodiscard]] QVector<const void*> portLeft(const QString& port, qint64 nowMs);
 
     // Forgets files that have been over for a while.
@@ -44,7 +45,7 @@ private:
     RunRecords* const m_records;
     const FileChanged m_fileChanged;
     FileTable m_files;
-    QHash<quint64, SessionReport> m_sessions; // those that run: how each began, by its call
+    QHash<quint64, SessionReport> m_sessions; // running ones: the first report of each, by its call
     int m_receivedCount = 0;
     int m_deliveredCount = 0;
 };

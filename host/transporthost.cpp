@@ -20,12 +20,12 @@ namespace host {
 namespace {
 
 constexpr int pollMs = 100;
-// By so much later a session that sleeps may see a fallen carrier, a new message or the wish to keep
-// the connection.
+// A sleeping session may notice so much later that the carrier fell, that a message was queued, or that
+// the host wants to keep the connection.
 constexpr int longestSessionSleepMs = 100;
 constexpr qint64 queuePollMs = 300;
 constexpr qint64 stateEveryMs = 1000;
-constexpr qint64 stopGraceMs = 5000; // beyond the server's own stop time-out
+constexpr qint64 stopGraceMs = 5000; // in addition to the server's own stop time-out
 
 const QString ownName = QStringLiteral("transport-host");
 
@@ -35,8 +35,8 @@ int secrecyLevel()
     return level;
 }
 
-// The plug-in's rules draw from qrand(), which each thread seeds for itself: two hosts with
-// the same seed would call each other at the same moments for ever.
+// The plug-in's rules use qrand(), which has a seed in each thread. Two hosts with the same seed would
+// call each other at the same moments again and again.
 void seedRandom()
 {
     QT_WARNING_PUSH
@@ -91,7 +91,7 @@ TransportHost::~TransportHost()
         m_serverThread.quit();
         m_serverThread.wait();
     }
-    // The server's destructor needs its thread to be over and its host objects to be there.
+    // When the server is deleted, its thread must have ended and its host objects must still exist.
     m_server.reset();
     m_plugin.reset();
     if (m_lock)
@@ -156,7 +156,7 @@ QString TransportHost::takeLock(HostEnd* end)
     return QStringLiteral("another transport-host (process %1) serves this installation: stop it first").arg(process);
 }
 
-// Both are told from the threads of the ports.
+// Both are called from the threads of the ports.
 void TransportHost::openRecords()
 {
     m_journal = std::make_unique<HostJournal>(journalPath(), [this](const JournalRecord& record) {
@@ -212,7 +212,7 @@ QString TransportHost::openStore()
 
 QString TransportHost::startServer()
 {
-    // One logging record for host and plug-in; never freed, as the last line may come late.
+    // One logging record for host and plug-in. It is never freed, because log lines may come very late.
     auto* debugData = new DebugData;
     LoggerData::initDebug(debugData);
     QString error;
@@ -263,7 +263,7 @@ void TransportHost::makeContext()
 // In the thread of a session.
 SleepRules TransportHost::sleepRules(const QString& channelName) const
 {
-    // Once, as the link itself reads it.
+    // Read once, as the link does.
     static const int confirmationIntervalMs = CSettings().detailsTransportComConfirmationInterval();
     const ChannelsTable* const channels = m_channels.get();
     return {longestSessionSleepMs, confirmationIntervalMs,
@@ -349,8 +349,8 @@ void TransportHost::onStateChanged(const ChannelRow& row)
         m_calls->portGone(row.name, nowMs());
     else
         m_calls->portState(row.name, row.state, nowMs());
-    // A port that is not in a call has no session any more. Where its worker was cut off nobody
-    // has said so, and what the session had claimed would wait for ever.
+    // A port that is not in a call has no session any more. If its worker was terminated, nobody has
+    // said so, and the messages that the session had claimed would wait for ever.
     if (row.isGone || !isStateOfCall(row.state)) {
         for (const void* claimant : m_transfers.portLeft(row.name, nowMs()))
             m_store->queue().releaseAll(claimant);
@@ -364,7 +364,7 @@ void TransportHost::onReport(const SessionReport& report)
     m_transfers.onReport(report, nowMs());
     if (report.kind != SessionReport::Kind::Ended)
         return;
-    // What a stranger's call came to says nothing of the calls that went out through the same port.
+    // How an unknown caller's session ended says nothing about calls that this host placed.
     if (!report.called.isEmpty() || report.isProved)
         m_calls->sessionEnded(report.called.isEmpty() ? report.peer : report.called,
                               report.end == SessionEnd::Agreed ? QString() : report.reason);
@@ -382,7 +382,7 @@ void TransportHost::poll()
     const qint64 now = m_clock.elapsed();
     if (now - m_lastQueuePollMs >= queuePollMs)
         pollQueue();
-    // Before another call is placed that nobody would wait for.
+    // Before another call is placed, which nobody would wait for.
     checkEnd();
     if (m_isStopping)
         return;
@@ -403,7 +403,7 @@ void TransportHost::reloadSettings()
     emit settingsChanged();
 }
 
-// What cannot be read leaves those known that were.
+// If the book cannot be read, the abonents stay as they were.
 void TransportHost::reloadAbonents()
 {
     const QString error = m_book.read(&m_abonents);
@@ -418,7 +418,7 @@ void TransportHost::checkEnd()
     const bool isSent = !m_options.exitWhenSent || m_store->queue().messages().isEmpty();
     const bool isReceived = m_options.exitWhenReceived < 0 || receivedCount() >= m_options.exitWhenReceived;
     const bool isTimeOver = m_deadlineMs >= 0 && m_clock.elapsed() >= m_deadlineMs;
-    // A session that still runs may carry the other side's acknowledgements: let it end.
+    // A session that still runs may have acknowledgements for the other side to send: it may end first.
     if (hasGoal && isSent && isReceived && !m_transfers.hasSessions())
         stop(HostEnd::Done);
     else if (m_options.exitWhenSent && isReceived && !m_transfers.hasSessions() && isWaitingForKeysOnly())

@@ -1,5 +1,5 @@
-// A running host: loads the plug-in, serves its channel, calls abonents for whom messages
-// wait, and keeps the books that the views show.
+// A running host: loads the plug-in, serves its channel, calls abonents for whom messages wait, and
+// keeps what the views show.
 #pragma once
 
 #include "common/global.h"
@@ -33,12 +33,12 @@ namespace host {
 struct HostOptions
 {
     bool exitWhenSent = false; // ends when nothing is left in the queue
-    int exitWhenReceived = -1; // ends when so many messages were received; -1: does not matter
+    int exitWhenReceived = -1; // ends when so many messages were received; -1: never
     qint64 timeoutMs = -1; // gives up after so long; -1: never
     qint64 retryUnitMs = 1000; // the unit in which the plug-in's rules count the pauses between calls
     int silenceMs = SessionSettings().silenceMs; // a connection on which nothing comes for so long is dead
     bool keepConnections = false; // connections stay when nothing is left to send
-    bool acceptUnknown = false; // those with unknown keys may leave messages
+    bool acceptUnknown = false; // callers with unknown keys may leave messages
     bool placeCalls = true;
     InboxLimits limits;
     QString eventsPath; // empty: none
@@ -63,8 +63,8 @@ public:
     explicit TransportHost(const HostOptions& options);
     ~TransportHost() override;
 
-    // Makes everything ready and starts the server; ended() follows later. An error text with
-    // *end set when it cannot run.
+    // Prepares everything and starts the server; ended() follows later. Returns an error text with *end
+    // set when it cannot run.
     QString start(HostEnd* end);
 
     // Asks the server to stop; ended() follows. A second call changes nothing.

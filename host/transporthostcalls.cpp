@@ -9,7 +9,7 @@ namespace host {
 
 namespace {
 
-// The channel says nothing of a call that it cannot place for want of a number that it can read.
+// The channel reports nothing about a call whose number it cannot read, so such a call is not placed.
 bool canBeCalled(const Abonent& abonent)
 {
     AbonentComSettings addressing;
@@ -63,7 +63,7 @@ bool TransportHost::hasKeyTrouble(const QString& abonent) const
     return known >= 0 && m_peers->keyTrouble(m_abonents.abonents.at(known)).has_value();
 }
 
-// Nothing that waits can go before somebody has looked at a key.
+// All waiting messages are for abonents whose changed key somebody has to check first.
 bool TransportHost::isWaitingForKeysOnly() const
 {
     const QVector<QueuedMessage> messages = m_store->queue().messages();
@@ -82,12 +82,12 @@ void TransportHost::placeCalls()
     const int known = m_abonents.find(*abonent);
     if (known < 0)
         return;
-    // One at a time: the next one when the free channel has been looked at again.
+    // One call at a time: the next one after another look at whether a channel is free.
     m_calls->placed(*abonent, nowMs());
     emit connectRequested(m_abonents.abonents.at(known).name, m_abonents.abonents.at(known).channelData);
 }
 
-// Null while something is being done about it.
+// Null while a call or a session is dealing with the abonent's messages.
 std::optional<WaitReason> TransportHost::waitReason(const QString& abonent) const
 {
     using Kind = WaitReason::Kind;
@@ -133,7 +133,7 @@ void TransportHost::updateWaitReasons()
     m_store->queue().updateReasons([this](const QString& abonent) { return waitReason(abonent); });
 }
 
-// What is to be looked into by somebody is told however the run ended.
+// Changed keys are reported whether the run was done or its time ran out.
 HostEnd TransportHost::endWithKeys(HostEnd end) const
 {
     if (end != HostEnd::Done && end != HostEnd::TimedOut)

@@ -12,52 +12,53 @@ namespace tune {
 namespace {
 
 constexpr double bitsPerByteOnLine = 10;
-constexpr double dataBitsPerByte = 8; // of those that noise can damage with effect
+constexpr double dataBitsPerByte = 8; // start and stop bits that noise changes have no effect
 
 constexpr double overheadBytes = packetlayout::maxOverhead;
 constexpr double largestPacket = 4096;
 
-// No line is as clean as it is thought to be.
+// A line is never as clean as its operator thinks.
 constexpr double leastBitErrorRate = 1e-7;
 
-// A packet takes no longer than this on a clean line, unless it is a small one anyway.
+// On a clean line a packet takes no longer than this, unless it has the smallest size.
 constexpr double longestPacketS = 2;
 constexpr double smallPacket = 1024;
 
-// What the two hosts' turns add to each round trip.
+// What the passes of both hosts add to each round trip.
 constexpr double turnsS = 0.03;
 
-constexpr double shortestConfirmationS = 0.05; // as the key's range has it
+constexpr double shortestConfirmationS = 0.05; // the lower limit of the key
 constexpr double packetsPerConfirmation = 2;
 constexpr double longestConfirmationS = 1;
 
 // A round trip should be no more packets than this, or the window is too short for repeats.
 constexpr double packetsPerRoundTrip = 14;
 
-// But above so many wrong bits in each packet the losses cost more than the window's waits.
+// With more wrong bits per packet than this, lost packets cost more than the waits of the window.
 constexpr double mostNoisePerPacket = 0.3;
 
-// The resend interval in times of what may be unconfirmed. With less, repeats of what is
-// still on its way feed themselves, first with both ways busy.
+// The resend interval, as a multiple of the time that the line takes for all that may be unconfirmed.
+// With less, packets are repeated that are still on their way, and such repeats cause more repeats;
+// lines with both ways busy show it first.
 constexpr double resendFactor = 1.8;
-// But where the window stands still much of the time, less is on its way than may be, and a
-// repeat that comes sooner lets it move again.
+// If losses stop the window for much of the time, less is on its way than allowed, and a repeat that
+// comes sooner lets the window move again. So the factor becomes smaller, but not below this.
 constexpr double leastResendFactor = 1.3;
 constexpr double standingThatCounts = 0.05;
-constexpr double standingWeight = 2; // for each share of the time beyond that
-constexpr double cleanResendFactor = 1.25; // of the longest round trip there can be
+constexpr double standingWeight = 2; // how fast the factor falls with the share of time beyond that
+constexpr double cleanResendFactor = 1.25; // times the longest possible round trip
 
-constexpr double leastQueue = 512; // bytes: room for what a session says beside its data
-constexpr double leastToWrite = 512; // bytes: that a port's output does not run dry over one small packet
-constexpr double leastToWriteS = 0.05; // of the line, or a fast one runs dry while a host has its turn
+constexpr double leastQueue = 512; // bytes: room for what a session says besides its data
+constexpr double leastToWrite = 512; // bytes: with one small packet a port's output would run empty
+constexpr double leastToWriteS = 0.05; // time on the line: a fast line would run empty between two passes
 
-// What may be unconfirmed beyond what a round trip takes: one packet on its way in each
-// direction, one that each driver holds, and two for hosts that are late.
+// What may be unconfirmed in addition to the bytes of a round trip: one packet on its way in each
+// direction, one in each driver, and two for hosts that are late.
 constexpr double slackPackets = 6;
 
-// Expected goodput: what the session's frames and opening leave, what
-// confirmations that wait behind data leave with both ways busy, and how many of a
-// window's packets stand for their worst. Fitted to the simulated line.
+// Expected goodput, fitted to the simulated line: what remains beside the session's frames and
+// opening; what remains with both ways busy, where confirmations wait behind data; and how many packets
+// of a window decide how long it stands still.
 constexpr double sessionShare = 0.998;
 constexpr double bothWaysShare = 0.99;
 constexpr double bothWaysLoss = 0.3; // of the share of lost packets
@@ -75,7 +76,7 @@ int inRange(double value, Setting setting)
     return static_cast<int>(bounded(std::ceil(value), key.minimum, key.maximum));
 }
 
-// The facts as numbers to reckon with: bytes and seconds.
+// The facts in bytes and seconds.
 struct Line
 {
     explicit Line(const LineFacts& facts)
@@ -92,14 +93,14 @@ struct Line
     double bufferBytes;
 };
 
-// Of the whole packet on the line; the share that survives times the share that is
-// payload is greatest here.
+// The size of the whole packet on the line at which the share of packets that survive, multiplied by the
+// payload's share of a packet, is greatest.
 double bestPacket(double noise)
 {
     return overheadBytes / 2 + std::sqrt(overheadBytes * overheadBytes / 4 + overheadBytes / noise);
 }
 
-// So that the longest resend interval there is outlasts a round trip of the slowest lines.
+// On the slowest lines a round trip must be shorter than the longest resend interval.
 double packetForResend(const Line& line)
 {
     const double roundTripS = longestConfirmationS + turnsS + 2 * line.delayS;
@@ -110,21 +111,21 @@ double packetForResend(const Line& line)
 double packetFor(const Line& line)
 {
     const double best = std::min(bestPacket(line.noise), std::max(smallPacket, longestPacketS * line.bytesPerS));
-    // A window of few bytes would hold a fast or far line up at each loss.
+    // With a window of few bytes each loss would stop a fast line, or one with a long delay.
     const double confirmationS = std::max(shortestConfirmationS, packetsPerConfirmation * best / line.bytesPerS);
     const double roundTrip = line.bytesPerS * (confirmationS + turnsS + 2 * line.delayS);
     const double forWindow = std::min(roundTrip / packetsPerRoundTrip, mostNoisePerPacket / line.noise);
     return std::round(std::min({std::max(best, forWindow), packetForResend(line), largestPacket}));
 }
 
-// The share of the time in which new packets may go, while packets that were lost keep
-// the window where it is. Some of the packets of a window have their repeats lost too, and
-// the one that needs the most tries counts.
+// The share of the time in which new packets may be sent. The rest of the time a lost packet keeps the
+// window where it is. Repeats get lost, too, and the packet of a window that needs the most tries
+// decides.
 double movingShare(double lost, double resendS, double roundTripS, double packetS)
 {
     const double windowS = 60 * packetS;
     double waitingS = 0;
-    double reached = 1 - std::pow(1 - lost, packetsThatCount); // so many losses of one packet
+    double reached = 1 - std::pow(1 - lost, packetsThatCount); // that a packet is lost so many times
     double power = lost;
     for (int losses = 1; losses < mostLosses; ++losses) {
         power *= lost;
@@ -154,7 +155,7 @@ LinkProfile recommendedProfile(const LineFacts& facts)
     const double roundTripS = confirmationS + turnsS + 2 * line.delayS;
     const double roundTrip = roundTripS * line.bytesPerS;
 
-    // No more than keeps the line busy: the resend interval grows with it, and a packet lost
+    // Just enough to keep the line busy: the resend interval grows with it, and a packet that is lost
     // at the end of a call waits that long.
     const double unconfirmed = std::max(leastQueue + packet, roundTrip + slackPackets * packet);
     const double unconfirmedS = unconfirmed / line.bytesPerS;
@@ -190,7 +191,7 @@ Goodput expectedGoodput(const LineFacts& facts)
     const double repeatedInVain = noise * confirmationBytes; // what a lost confirmation listed
     const double roundTripS = (profile.maxBytesInQueue + profile.packetSize) / line.bytesPerS;
     const double moving = movingShare(1 - arriving, profile.resendIntervalMs / 1000.0, roundTripS, packetS);
-    // So much is in flight at most, however long the line.
+    // At most so much is on its way, however long the delay is.
     const double mostS = (linkrules::maxPacketsInQueue + 1) * packetS;
     const double inFlight = std::min(1.0, mostS / (profile.confirmationIntervalMs / 1000.0 + 2 * line.delayS));
 

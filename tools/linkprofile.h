@@ -1,28 +1,28 @@
-// Which settings of the link get the most out of a line, and how much that is. The rule
-// and its arithmetic stand in docs/tuning-derivation.md.
+// Which settings of the link give the best goodput on a line, and how much that is. The rule and its
+// arithmetic are in docs/tuning-derivation.md.
 #pragma once
 
 #include "com/formats/ccomsettings.h"
 
 namespace tune {
 
-// A line as an operator knows it.
+// What an operator knows about a line.
 struct LineFacts
 {
     int rate = 0; // bit/s; a byte takes ten
     int delayMs = 0; // one way
     double bitErrorRate = 0; // of the bits on the line, 0 to below 1
-    int bufferBytes = 4096; // what driver and modem hold of what was written to the port
+    int bufferBytes = 4096; // written to the port and still in the driver or the modem, at most
 };
 
 constexpr int lowestRate = 300;
 constexpr int highestRate = 10000000;
 constexpr int longestDelayMs = 10000;
-constexpr double highestBitErrorRate = 1e-2; // nothing of use gets through beyond
+constexpr double highestBitErrorRate = 1e-2; // above it nothing useful gets through
 constexpr int largestBufferBytes = 1 << 20;
 
 // The link's settings: the packet size of channelCom.conf, and four keys of settings.ini.
-// maxBytesToWrite is never less than packetSize, or it would cut the packets.
+// maxBytesToWrite is never less than packetSize, because it would cut the packets.
 struct LinkProfile
 {
     int packetSize = ChannelComSettings::defaultPacketSize; // bytes
@@ -41,11 +41,11 @@ struct Goodput
     double bothWays = 0; // each way, with both busy
 };
 
-// Facts outside the limits above count as the nearest within. What comes out lies within
-// the keys' ranges whatever goes in.
+// Facts outside the limits above count as the nearest limit. The result is always within the ranges of
+// the keys.
 LinkProfile recommendedProfile(const LineFacts& line);
 
-// What recommendedProfile() gets out of the line.
+// The goodput with recommendedProfile().
 Goodput expectedGoodput(const LineFacts& line);
 
 } // namespace tune

@@ -13,7 +13,7 @@ namespace tune {
 
 namespace {
 
-// Programs of several users share the file, so it is made for all, as they make it.
+// Programs of several users share the file, so it is made with the same modes as they make it.
 constexpr auto newSettingsPermissions = QFileDevice::Permissions(0x6666);
 
 QString settingsPath(const QString& installation)
@@ -35,7 +35,7 @@ QString readChannelSettings(const QString& path, ChannelComSettings* settings)
     const QString error = settings->fromByteArray(bytes);
     if (!error.isEmpty())
         return QStringLiteral("%1: %2; nothing was changed").arg(path, error);
-    // What this program would not write back must not be lost.
+    // This program would not write back everything, and nothing must be lost.
     if (settings->toByteArray() != bytes)
         return QStringLiteral("%1 holds more than this program knows; nothing was changed").arg(path);
     return QString();
@@ -44,9 +44,9 @@ QString readChannelSettings(const QString& path, ChannelComSettings* settings)
 QString writeKeys(const QString& path, const LinkProfile& profile)
 {
     const bool isNew = !QFile::exists(path);
-    // The programs of the installation may write at the same time: what they wrote stays.
+    // The programs of the installation may write at the same time, and what they write must stay.
     QSettings settings(path, QSettings::IniFormat);
-    settings.allKeys(); // a section is not read before somebody asks for its keys, nor its damage found
+    settings.allKeys(); // sections are parsed, and damage is found, only when somebody asks for keys
     if (settings.status() == QSettings::FormatError) {
         return QStringLiteral("cannot understand %1: a line of it is neither [Group] nor key=value; "
                               "nothing was changed")
@@ -63,7 +63,7 @@ QString writeKeys(const QString& path, const LinkProfile& profile)
     if (settings.status() != QSettings::NoError)
         return QStringLiteral("cannot write %1: check its permissions and the room on the disk").arg(path);
     if (isNew)
-        QFile(path).setPermissions(newSettingsPermissions); // not its owner's to give: then as it is
+        QFile(path).setPermissions(newSettingsPermissions); // fails if the file is another user's: then its modes stay
     return QString();
 }
 

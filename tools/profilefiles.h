@@ -1,4 +1,4 @@
-// Writes a profile into an installation's settings, and reads what stands there.
+// Writes a profile into the settings of an installation, and reads the present one.
 #pragma once
 
 #include "tools/linkprofile.h"
@@ -7,7 +7,7 @@
 
 namespace tune {
 
-// Whether directory is the root of an installation; else what is missing, for the user.
+// Empty if directory is the root of an installation; otherwise what is missing, for the user.
 QString installationError(const QString& directory);
 
 // Puts the profile's values into settings/settings.ini and settings/channelCom.conf of the

@@ -8,14 +8,14 @@ namespace host {
 
 namespace {
 
-// Whether text is pattern with first for %1, and anything from %2 on.
+// Whether text begins with pattern up to its %2, with first in place of %1.
 bool isLike(const QString& text, const QString& pattern, const QString& first)
 {
     const int second = pattern.indexOf(QStringLiteral("%2"));
     return second < 0 ? text == pattern.arg(first) : text.startsWith(pattern.left(second).arg(first));
 }
 
-// By which the channel says who is being called, or that nobody can be just now.
+// The texts by which the channel says whom it calls, or that it cannot call now.
 bool tellsOfCall(const QString& text, const QString& abonent)
 {
     return isLike(text, ComCallTexts::calling(), abonent) || isLike(text, ComCallTexts::noFreePort(), abonent);

@@ -1,5 +1,5 @@
-// The calls and connections of a running host: who is called and when, what became of each call,
-// which connection stands on which port. The time is handed in.
+// The calls and connections of a running host: who is called and when, how each call ended, which
+// connection is on which port. The time is handed in.
 #pragma once
 
 #include "host/calls/callfailures.h"
@@ -32,8 +32,8 @@ public:
     void disconnected(const QString& abonent, int connectionId, bool wasUseful, qint64 nowMs);
     void journalRecord(const QString& source, const QString& text);
 
-    // A port's state text has changed, or the port is gone. Calls and connections that end by it
-    // without a signal are told and counted as lost.
+    // A port's state text has changed, or the port is gone. Calls and connections that have ended by
+    // that without a signal are reported and count as lost.
     void portState(const QString& port, const QString& text, qint64 nowMs);
     void portGone(const QString& port, qint64 nowMs);
 
@@ -44,7 +44,7 @@ public:
     [[nodiscard]] bool isConnectedTo(const QString& abonent) const { return m_scheduler.isConnectedTo(abonent); }
     // Since the last connection.
     [[nodiscard]] int failedCalls(const QString& abonent) const { return m_scheduler.failedCalls(abonent); }
-    // Of the last call, or session; empty when it is not known.
+    // The reason of the last call or session; empty when it is not known.
     [[nodiscard]] QString failure(const QString& abonent) const { return m_failures.reason(abonent); }
 
 private:

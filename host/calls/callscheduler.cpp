@@ -80,7 +80,7 @@ void CallScheduler::failed(State* state, qint64 nowMs)
 void CallScheduler::notConnected(const QString& abonent, qint64 nowMs)
 {
     const auto state = m_states.find(abonentKey(abonent));
-    // Of a call that was given up already, or of one that connected and was counted there.
+    // The call was given up already, or it connected and was counted then.
     if (state != m_states.end() && state->isCalling)
         failed(&*state, nowMs);
 }

@@ -1,4 +1,4 @@
-// Decides whom to call and when: pure rules, with the time handed in.
+// Decides whom to call and when, by rules alone: the time is handed in.
 #pragma once
 
 #include <QHash>
@@ -17,8 +17,8 @@ struct CallRules
     std::function<void(int*)> lengthen;
     std::function<void(int*)> shorten;
     qint64 unitMs = 1000;
-    qint64 outcomeTimeoutMs = 300 * 1000; // a call of which nothing was heard has failed
-    qint64 beginTimeoutMs = 30 * 1000; // so has one that no port has begun
+    qint64 outcomeTimeoutMs = 300 * 1000; // a call about which nothing was heard for so long has failed
+    qint64 beginTimeoutMs = 30 * 1000; // a call that no port has begun within this time has failed
 };
 
 // Used in one thread.
@@ -27,8 +27,8 @@ class CallScheduler
 public:
     explicit CallScheduler(CallRules rules) : m_rules(std::move(rules)) {}
 
-    // Those for whom messages wait, in the order of their oldest message. Who is not named any
-    // more is forgotten, pause and all.
+    // The abonents for whom messages wait, in the order of their oldest message. An abonent that is not
+    // in the list any more is forgotten, also its pause.
     void setWaiting(const QStringList& abonents);
 
     // Whom to call now; null when nobody is due.
@@ -39,21 +39,21 @@ public:
     // A port has begun with the call.
     void callBegun(const QString& abonent);
 
-    // The call's port went down under it, so that nothing was learnt about the abonent: another
-    // port may try at once. A second time in a row counts as a failed call.
+    // The port went down during the call, which says nothing about the abonent: another port may try at
+    // once. If it happens twice in a row, it counts as a failed call.
     void callLost(const QString& abonent, qint64 nowMs);
     void connected(const QString& abonent, int connectionId);
     void notConnected(const QString& abonent, qint64 nowMs);
     void disconnected(const QString& abonent, int connectionId, bool wasUseful, qint64 nowMs);
 
-    // The connection's port went down under it: nothing was learnt about the abonent.
+    // The port went down during the connection, which says nothing about the abonent.
     void connectionLost(int connectionId) { m_connections.remove(connectionId); }
 
     [[nodiscard]] bool isConnectedTo(const QString& abonent) const;
     [[nodiscard]] bool isCalling(const QString& abonent) const;
     [[nodiscard]] bool hasConnections() const { return !m_connections.isEmpty(); }
 
-    // Until the next call, in milliseconds; 0 when it is due, null when none is planned.
+    // The time until the next call, in milliseconds; 0 when it is due, null when none is planned.
     [[nodiscard]] std::optional<qint64> pauseLeftMs(const QString& abonent, qint64 nowMs) const;
     [[nodiscard]] int failedCalls(const QString& abonent) const;
 

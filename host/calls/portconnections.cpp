@@ -6,7 +6,7 @@ namespace host {
 
 namespace {
 
-// Whether text is pattern with anything from %1 on.
+// Whether text begins with pattern up to its %1.
 bool beginsAs(const QString& text, const QString& pattern)
 {
     return text.startsWith(pattern.left(pattern.indexOf(QStringLiteral("%1"))));
@@ -14,7 +14,7 @@ bool beginsAs(const QString& text, const QString& pattern)
 
 } // namespace
 
-// From dialling to the end of the connection, and the one state in which a signal is on its way.
+// The states from dialling to the end of a connection, and the one state in which a signal is on its way.
 bool isStateOfCall(const QString& text)
 {
     return beginsAs(text, ComCallTexts::calling()) || beginsAs(text, ComCallTexts::carrier()) ||

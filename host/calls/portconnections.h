@@ -1,4 +1,4 @@
-// Which connection stands on which port, put together from what a plug-in tells.
+// Which connection is on which port, worked out from what a plug-in tells.
 #pragma once
 
 #include <QHash>
@@ -7,12 +7,12 @@
 
 namespace host {
 
-// Whether a port with this state text has a call under way or connected, or a signal about one.
+// Whether a port with this state text has a call or a connection, or a signal about one is on its way.
 [[nodiscard]] bool isStateOfCall(const QString& text);
 
-// A port whose worker is cut off in a session brings no signal about the end of its connection;
-// only its state text shows that it does something else now, or its row goes. Signals of one
-// port and its states are told here in their order.
+// If the worker of a port is terminated during a session, there is no signal about the end of its
+// connection. Only the port's state text shows that it does something else now, or the port leaves the
+// table. Pass on the signals and states of one port in their order.
 class PortConnections
 {
 public:
@@ -25,8 +25,8 @@ public:
         int connectionId = 0;
     };
 
-    // A port's state text has changed, or the port has left the host's table. Answers the
-    // connections that are over by it without a signal.
+    // A port's state text has changed, or the port has left the host's table. Returns the connections
+    // that have ended by that without a signal.
     [[nodiscard]] QVector<Lost> portState(const QString& port, const QString& text);
     [[nodiscard]] QVector<Lost> portGone(const QString& port);
 
@@ -34,7 +34,7 @@ private:
     struct Connection
     {
         QString abonent;
-        QString port; // empty until its state has told
+        QString port; // empty until its state text shows it
     };
 
     QHash<int, Connection> m_connections; // by their identifiers

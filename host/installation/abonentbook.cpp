@@ -35,7 +35,7 @@ QString damaged()
     return QStringLiteral("the data is damaged: put back a copy, or remove the file and tell the abonents again");
 }
 
-// Another content of the file has another stamp: it is replaced, never written into.
+// The stamp changes with the content: the file is always replaced, never written into.
 QByteArray stampOf(const QString& path)
 {
     struct stat facts = {};
@@ -76,7 +76,7 @@ void readBlockedKeys(QDataStream* stream, AbonentRecords* records)
         stream->setStatus(QDataStream::ReadCorruptData);
 }
 
-// Two records of one abonent, or of one key, would make it a matter of order who is meant.
+// With two records of one abonent, or of one key, the first one found would be taken.
 bool isUnambiguous(const AbonentRecords& records)
 {
     QSet<QString> names;
@@ -198,14 +198,14 @@ QString AbonentBook::refresh()
     if (!error.isEmpty())
         return error;
     m_records = records;
-    m_stamp = stamp; // of before the reading: what came meanwhile is read again
+    m_stamp = stamp; // from before the reading: a change during it is read again
     return QString();
 }
 
 // *records stay as they are when there is no file.
 QString AbonentBook::load(AbonentRecords* records) const
 {
-    // Whether it is missing is part of the same look: another program may make it meanwhile.
+    // Opening tells whether it is missing. Between two looks another program could make it.
     const int descriptor = ::open(QFile::encodeName(m_path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (descriptor < 0 && errno != ENOENT)
         return QStringLiteral("cannot read %1: %2").arg(m_path, qt_error_string(errno));
@@ -230,7 +230,7 @@ QString AbonentBook::change(const Change& change)
     const std::unique_lock<QMutex> changing(m_changing, std::chrono::milliseconds(lockTimeoutMs));
     if (!changing.owns_lock())
         return isHeld;
-    Global::makePath(QFileInfo(m_path).absoluteDir()); // the lock shows whether that went well
+    Global::makePath(QFileInfo(m_path).absoluteDir()); // if that fails, so does the lock
     QLockFile lock(m_path + QStringLiteral(".lock"));
     if (lock.tryLock(static_cast<int>(deadline.remainingTime())))
         return changeLocked(change);
@@ -241,7 +241,7 @@ QString AbonentBook::change(const Change& change)
 
 QString AbonentBook::changeLocked(const Change& change)
 {
-    QString error = Global::recoverSaving(m_path); // of an earlier version, which moved the file away first
+    QString error = Global::recoverSaving(m_path); // an earlier version moved the file away before it wrote
     AbonentRecords records;
     if (error.isEmpty())
         error = load(&records);

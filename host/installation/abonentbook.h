@@ -1,6 +1,6 @@
-// Whom this installation knows: under which number an abonent is called and by which key it
-// proves who it is; and the keys that are let in by no means. abonents.conf in the settings
-// directory, which commands and a running host change side by side.
+// Whom this installation knows: the number under which an abonent is called, the key by which it
+// proves who it is, and keys that are blocked. Kept in abonents.conf in the settings directory, which
+// commands and a running host may change at the same time.
 #pragma once
 
 #include "plugin/api/channeltype.h"
@@ -38,20 +38,19 @@ struct Abonent
 struct AbonentRecords
 {
     QVector<Abonent> abonents;
-    QVector<QByteArray> blockedKeys; // whoever has them
+    QVector<QByteArray> blockedKeys; // whether or not an abonent has them
 
-    // By key of the name (see names.h), and by the pinned key; -1 when there is none.
+    // find() by the name's key (see names.h), findKey() by the pinned key; -1 when there is none.
     [[nodiscard]] int find(const QString& name) const;
     [[nodiscard]] int findKey(const QByteArray& key) const;
 
-    // Pins key to an abonent. An abonent has one key and a key one abonent: a text when
-    // another has it.
+    // Pins key to an abonent. A key belongs to one abonent only: returns a text if another has it.
     [[nodiscard]] QString pin(int index, const QByteArray& key, Abonent::Pinned how);
     void forgetKey(int index);
 };
 
-// The content of the file: version 2, as "abonent add" and a first call leave it; version 1, of
-// hosts that knew no keys, is read as well. Error texts are empty on success.
+// The content of the file. Version 2 is written; version 1, from hosts without keys, is read as well.
+// Error texts are empty on success.
 [[nodiscard]] QByteArray writeAbonents(const AbonentRecords& records);
 [[nodiscard]] QString readAbonents(const QByteArray& bytes, AbonentRecords* records);
 
@@ -61,13 +60,13 @@ class AbonentBook
 public:
     explicit AbonentBook(const QString& path); // Global::abonentsSettingsFilePath()
 
-    // What stands in the file now: it is read again whenever it has changed. On failure an
-    // error text, and the records are those of before.
+    // The content of the file now: it is read again whenever it has changed. On failure returns an
+    // error text, and the records are those that were read before.
     [[nodiscard]] QString read(AbonentRecords* records);
 
-    // Changes the file under its lock, from what stands there at that moment. change may refuse
-    // by an error text: then nothing is written. Waits 5 s for the lock at most; read() does not
-    // wait for it.
+    // Reads the file, lets change alter the records and writes them, all under the file's lock. If
+    // change returns an error text, nothing is written. Waits for the lock at most 5 s; read() does
+    // not wait for it.
     using Change = std::function<QString(AbonentRecords*)>;
     [[nodiscard]] QString change(const Change& change);
 
@@ -79,7 +78,7 @@ private:
     const QString m_path;
     QMutex m_changing; // one change at a time; taken before the file's lock, which may take seconds
     QMutex m_mutex; // guards the rest; never held while waiting for a lock
-    QByteArray m_stamp; // of what was read
+    QByteArray m_stamp; // of the content that was read
     AbonentRecords m_records;
 };
 

@@ -1,5 +1,5 @@
-// The dial-up channel's records as this host reads and tells them: the channel's own format,
-// and this program's words.
+// The records of the dial-up channel: in the channel's own format, with this program's words for what
+// is wrong with them.
 #pragma once
 
 #include "com/formats/ccomsettings.h"

@@ -8,8 +8,8 @@ namespace host {
 
 QString forbidCoreDumps()
 {
-    // The limit alone does not hold where the system pipes them to a collector; the flag alone
-    // does not pass on to the programs that this one starts.
+    // The limit has no effect if the system pipes core dumps to a collector; the flag does not apply to
+    // the programs that this one starts. So both are set.
     rlimit none = {};
     if (::getrlimit(RLIMIT_CORE, &none) == 0)
         none.rlim_cur = 0;

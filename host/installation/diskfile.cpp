@@ -17,7 +17,7 @@ namespace host {
 
 namespace {
 
-QMutex namingMutex; // the functions that name things are for one thread
+QMutex namingMutex; // the functions that make names are not thread-safe
 
 constexpr qint64 maxRecordBytes = 64 * 1024;
 
@@ -27,7 +27,7 @@ QString syncFile(QFile* file)
 {
     if (!file->flush())
         return file->errorString();
-    // A file system that cannot sync says EINVAL; then the content is as safe as it gets.
+    // A file system that cannot sync answers EINVAL; nothing more can be done for the content.
     return ::fsync(file->handle()) == 0 || errno == EINVAL || errno == ENOTSUP ? QString() : qt_error_string(errno);
 }
 

@@ -25,28 +25,27 @@ void syncDirectory(const QDir& dir);
 // removed.
 [[nodiscard]] QString removeDirectory(const QString& path);
 
-// Safe saving, which also others read and recover by its rules.
+// Safe saving by the common library, whose rules other programs know, too.
 [[nodiscard]] QString saveFile(const QString& path, const QByteArray& bytes);
 
-// Replaces a file in one step, so that readers need no lock: its name leads to the whole old or
-// the whole new content at any moment. One program at a time (under a lock of theirs). A link
-// in the way is replaced, never followed.
+// Replaces a file in one step, so that readers need no lock: at any moment the name leads to the whole
+// old or the whole new content. Programs that write must take turns, with a lock of their own. A link
+// under that name is replaced, never followed.
 [[nodiscard]] QString replaceFile(const QString& path, const QByteArray& bytes);
 
-// What safe saving answered, as somebody can understand it: that the disk is full comes from
-// there as a matter of time.
+// The answer of safe saving in words that a user understands: it reports a full disk as a time-out.
 [[nodiscard]] QString savingFailed(const QString& path, const QString& error);
 
-// Safe saving of a record as JSON, and its reading; an unreadable or damaged one and one that
-// is a link read as empty.
+// Saves a record as JSON, safely, and reads one. A record that cannot be read, is damaged or is a link
+// counts as empty.
 [[nodiscard]] QString saveRecord(const QString& path, const QJsonObject& record);
 [[nodiscard]] QJsonObject loadRecord(const QString& path);
 
-// Global's names for messages and tasks, for any thread.
+// Names for messages and tasks, as Global makes them, but for any thread.
 [[nodiscard]] QString nextMessageName(const QDir& dir);
 [[nodiscard]] QString nextTaskName(const QDir& dir);
 
-// Identifiers of messages as they stand in records.
+// The identifier of a message as records have it.
 [[nodiscard]] QString idText(quint64 id);
 [[nodiscard]] quint64 idFromText(const QString& text); // 0 when it is none
 

@@ -1,4 +1,4 @@
-// Machine-readable progress: a file with one JSON object a line.
+// What happens, for programs: a file with one JSON object per line.
 #pragma once
 
 #include <QFile>
@@ -12,9 +12,9 @@ namespace host {
 class EventLog
 {
 public:
-    // An error text, empty on success. The file is appended to. A link in its place is followed,
-    // being the choice of whoever names it, unless another user has made it. A file with a second
-    // name elsewhere is not written.
+    // Returns an error text, empty on success. Appends to the file. A link is followed, because the
+    // user named it, unless another user has made it. A file that has a second name elsewhere is not
+    // written.
     QString open(const QString& path);
     void write(const QString& event, QJsonObject fields);
 

@@ -20,8 +20,8 @@ constexpr qint64 maxIniBytes = 1024 * 1024;
 const QString nameKey = QStringLiteral("Host/name");
 const QString keyFingerprintKey = QStringLiteral("Host/keyFingerprint");
 
-// QSettings passes over what it does not understand: of a file full of zeros it says that all
-// is well and that it holds nothing.
+// QSettings ignores what it does not understand: a file full of zeros reads without an error, as an
+// empty one.
 bool isSoundIni(const QByteArray& bytes)
 {
     QTextCodec::ConverterState state;
@@ -45,7 +45,7 @@ QString damagedIni(const QString& path)
         .arg(path);
 }
 
-// An error text when the file is there and cannot be read as it was written, or is not ours.
+// An error text if the file exists and is damaged, cannot be read, or is not ours.
 QString checkIni(const QString& path)
 {
     if (isForeignLink(QFile::encodeName(path)))
@@ -59,7 +59,7 @@ QString checkIni(const QString& path)
     return isSoundIni(file.read(maxIniBytes)) ? QString() : damagedIni(path);
 }
 
-// The file as far as it could be read and written. The texts of QSettings say neither.
+// Whether the file could be read and written: QSettings itself has no texts for that.
 QString settingsError(QSettings* settings)
 {
     const QString path = settings->fileName();
@@ -74,14 +74,14 @@ QString settingsError(QSettings* settings)
     return QStringLiteral("cannot write %1: check the permissions and the room on the disk").arg(path);
 }
 
-// Writes the changes; the error of that.
+// Writes the changes; returns an error text.
 QString written(QSettings* settings)
 {
     settings->sync();
     return settingsError(settings);
 }
 
-// What a file holds; one that does not exist holds nothing.
+// The content of a file; empty if it does not exist.
 QString readFile(const QString& path, std::optional<QByteArray>* bytes)
 {
     const QString recovery = Global::recoverSaving(path);
@@ -128,7 +128,7 @@ QString loadIdentity(Identity* identity)
     if (!Global::makePath(Global::settingsDir()))
         return QStringLiteral("cannot create %1: check that you may write there")
             .arg(Global::settingsDir().absolutePath());
-    // Nothing may be taken for missing, and so be made anew, that only could not be read.
+    // What cannot be read must not count as missing: it would be made anew.
     const QString damage = checkIni(Global::generalSettingsFilePath());
     if (!damage.isEmpty())
         return damage;

@@ -18,8 +18,8 @@ namespace host {
 
 namespace {
 
-// The whole file, of fixed length: this line, then the two halves as hexadecimal digits. The
-// public one follows from the other and shows whether it is still what it was.
+// The file has a fixed length: this line, then both halves as hexadecimal digits. The public half can
+// be calculated from the secret one, so that damage is noticed.
 constexpr char heading[] = "transport-host identity 1\n";
 constexpr char publicLabel[] = "public ";
 constexpr char secretLabel[] = "secret ";
@@ -61,7 +61,7 @@ QString systemError()
     return qt_error_string(errno);
 }
 
-// Straight into and out of guarded memory: a QFile keeps a copy of what goes through it.
+// Reads and writes guarded memory directly, because a QFile keeps a copy in its buffer.
 int readAll(const Descriptor& file, SecretBytes* bytes)
 {
     int count = 0;
@@ -97,8 +97,8 @@ void putText(SecretBytes* content, int position, const char* text)
     std::copy_n(text, std::strlen(text), content->data() + position);
 }
 
-// Digit by digit in place: what is copied by the block lingers in the processor's wide registers,
-// and these are saved on the stack now and then. Puts a zero behind the digits.
+// Converts digit by digit, in place. Copies of whole blocks would stay in the processor's wide
+// registers, which are saved on the stack now and then. Puts a zero after the digits.
 void putHex(SecretBytes* content, int position, const unsigned char* bytes)
 {
     sodium_bin2hex(reinterpret_cast<char*>(content->data() + position), hexBytes + 1, bytes, secretKeyBytes);
@@ -131,7 +131,7 @@ SecretBytes contentOf(const KeyPair& pair)
     return content;
 }
 
-// Empty when it is not what contentOf() wrote.
+// Empty if the bytes are not what contentOf() wrote.
 KeyPair pairOf(const SecretBytes& content)
 {
     if (!hasText(content, 0, heading) || !hasText(content, sizeof heading - 1, publicLabel) ||
@@ -156,7 +156,7 @@ QString damaged(const QString& path)
         .arg(path);
 }
 
-// Empty when the open file is a plain one of ours that nobody else may read or write.
+// Empty if the open file is a regular file of ours that nobody else may read or write.
 QString whyUnsafe(const Descriptor& file, const QString& path, qint64* size)
 {
     struct stat status = {};
@@ -186,7 +186,7 @@ enum class Reading
 
 Reading readKey(const QString& path, KeyPair* pair, QString* error)
 {
-    // Without waiting for whoever might open the other end of a pipe.
+    // If it is a pipe, this does not wait for its other end.
     const Descriptor file(::open(encoded(path).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file.isOpen()) {
         if (errno == ENOENT)
@@ -214,7 +214,7 @@ Reading readKey(const QString& path, KeyPair* pair, QString* error)
     return pair->isEmpty() ? Reading::Failed : Reading::Read;
 }
 
-// Writes a file that is nobody else's from the beginning.
+// Writes a file to which nobody else has access at any moment.
 QString writeNew(const QString& path, const SecretBytes& content)
 {
     const QByteArray name = encoded(path);
@@ -223,7 +223,7 @@ QString writeNew(const QString& path, const SecretBytes& content)
     const Descriptor file(::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly));
     if (!file.isOpen())
         return QStringLiteral("cannot write %1: %2").arg(path, systemError());
-    // The mode once more: the process may have been told to make files nobody may use.
+    // Set the mode again: the process's umask may have taken away our own access.
     if (::fchmod(file.number(), ownerOnly) == 0 && writeAll(file, content) &&
         (::fsync(file.number()) == 0 || errno == EINVAL || errno == ENOTSUP))
         return QString();
@@ -255,8 +255,8 @@ std::shared_ptr<const KeyPair> loadOrCreateIdentityKey(const QString& path, bool
     Reading reading = readKey(path, &pair, error);
     if (reading == Reading::Missing) {
         const QString directory = QFileInfo(path).absolutePath();
-        Global::makePath(QDir(directory)); // reports for itself; the opening shows whether it matters
-        // Two programs that start at once must end with the same key. The lock goes with its process.
+        Global::makePath(QDir(directory)); // logs its own failure; opening the file fails then
+        // Two programs that start at the same time must get the same key. The lock ends with its process.
         const Descriptor lock(::open(encoded(directory).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (lock.isOpen())
             ::flock(lock.number(), LOCK_EX);

@@ -1,4 +1,4 @@
-// Who can change an installation, as far as owners and modes tell it.
+// Who can change an installation, judged by owners and modes.
 #include "common/global.h"
 #include "host/installation/privacy.h"
 
@@ -30,7 +30,7 @@ QString modeTrouble(const QString& path, const QString& mode, const QString& cur
     return QStringLiteral("others may write in %1: \"chmod %2 %3\" ends that").arg(path, mode, shellWord(cured));
 }
 
-// What others could reach and change below a directory that they may enter.
+// What other users could change below a directory that they may enter.
 QString troubleWithin(const QString& top, gid_t trustedGroup)
 {
     QDirIterator entries(top, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
@@ -41,7 +41,7 @@ QString troubleWithin(const QString& top, gid_t trustedGroup)
         {
         };
         if (::lstat(QFile::encodeName(path).constData(), &status) != 0 || S_ISLNK(status.st_mode))
-            continue; // gone meanwhile; or a link, whose mode means nothing
+            continue; // removed meanwhile, or a link, whose mode says nothing
         const QString owner = ownerTrouble(path, status);
         if (!owner.isEmpty())
             return owner;
@@ -52,7 +52,7 @@ QString troubleWithin(const QString& top, gid_t trustedGroup)
     return QString();
 }
 
-// A tree of settings or data. One with the set-group-ID bit was given to its group on purpose.
+// A tree of settings or data. If it has the set-group-ID bit, it was shared with its group on purpose.
 QString treeTrouble(const QString& path)
 {
     struct stat status
@@ -68,13 +68,13 @@ QString treeTrouble(const QString& path)
     if (status.st_mode & strangers & othersWrite)
         return modeTrouble(path, isGiven ? QStringLiteral("o-rwx") : QStringLiteral("go-rwx"), path);
     if ((status.st_mode & strangers & (S_IXGRP | S_IXOTH)) == 0)
-        return QString(); // nobody gets in, whatever the modes within
+        return QString(); // nobody can enter it, so the modes of its content do not matter
     return troubleWithin(path, isGiven ? status.st_gid : static_cast<gid_t>(-1));
 }
 
-// A file or directory whose content we run or trust, and the directories above it: who can
-// rename one of them can put another in its place. Where a directory has the sticky bit, as
-// /tmp has, only the owner of a thing can take it away.
+// A file or directory whose content we run or trust, and the directories above it: somebody who can
+// rename one of them can put another in its place. In a directory with the sticky bit, like /tmp, only
+// the owner of an entry can rename it.
 void addPathTroubles(const QString& path, bool isAbove, QStringList* troubles)
 {
     const auto add = [troubles](const QString& trouble) {

@@ -14,8 +14,8 @@ const unsigned char* bytesOf(const QByteArray& key)
     return reinterpret_cast<const unsigned char*>(key.constData());
 }
 
-// A coordinate is a number below 2^255 - 19. The curve also takes greater ones for what
-// remains of them, so that one key would have several spellings and be blocked in one only.
+// A coordinate is a number below 2^255 - 19. The curve also accepts greater numbers and takes their
+// remainder. So one key could be written in several ways, and only one of them would be blocked.
 bool isCanonical(const QByteArray& key)
 {
     const unsigned char* const bytes = bytesOf(key);
@@ -35,8 +35,8 @@ bool isUsablePublicKey(const QByteArray& key)
     if (key.size() != publicKeyBytes || !isCanonical(key))
         return false;
     startCryptography();
-    // Any scalar shows it: the library makes each a multiple of the small orders and
-    // refuses a product that is zero.
+    // Any scalar shows whether the point has a small order: the library makes scalars multiples of the
+    // small orders, and refuses a product that is zero.
     const unsigned char scalar[crypto_scalarmult_SCALARBYTES] = {1};
     unsigned char product[crypto_scalarmult_BYTES];
     return crypto_scalarmult(product, scalar, bytesOf(key)) == 0;

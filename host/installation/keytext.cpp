@@ -13,13 +13,13 @@ constexpr int bytesOfGroup = 5;
 constexpr quint64 groupModulus = 100000;
 constexpr int digitsOfGroup = 5;
 
-constexpr int checkBytes = 3; // with the key a whole number of characters
+constexpr int checkBytes = 3; // key and check together make a whole number of characters
 constexpr int bitsOfCharacter = 5;
 constexpr int textCharacters = (publicKeyBytes + checkBytes) * 8 / bitsOfCharacter;
 static_assert((publicKeyBytes + checkBytes) * 8 % bitsOfCharacter == 0);
 constexpr int charactersOfGroup = 8;
 
-// Without I, L, O and U: three look like digits, the fourth makes words.
+// Without I, L and O, which look like digits, and U, so that no rude words come about.
 constexpr char alphabet[] = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
 
 QByteArray sha256(const QByteArray& data)
@@ -36,7 +36,7 @@ QByteArray checkOf(const QByteArray& publicKey)
     return sha256("transport-host key check" + publicKey).left(checkBytes);
 }
 
-// -1: none that may stand in a key.
+// -1: this character cannot be in a key.
 int valueOf(QChar character)
 {
     switch (character.toUpper().unicode()) {
@@ -58,7 +58,7 @@ bool isPassedOver(QChar character)
     return character.isSpace() || character == QLatin1Char('-');
 }
 
-// A fingerprint where a key belongs is a likely mistake.
+// To give a fingerprint in place of a key is a likely mistake.
 bool looksLikeFingerprint(const QString& characters)
 {
     if (characters.size() != fingerprintGroups * digitsOfGroup)
@@ -80,7 +80,7 @@ QString strangeCharacter(QChar character, int position)
         .arg(shown, QString::number(position + 1));
 }
 
-// The characters that count; *error when one cannot be.
+// The characters without separators; sets *error if one of them cannot be in a key.
 QString charactersOf(const QString& text, QString* error)
 {
     QString characters;

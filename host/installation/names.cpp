@@ -7,9 +7,9 @@ namespace host {
 
 namespace {
 
-// Direction marks and all else that is to be obeyed, not seen. Words in Persian and pictures of
-// several parts need the two joiners; the rest that stays are signs of Arabic, Syriac and Kaithi
-// which are drawn.
+// Direction marks and other format characters, which control the text and are not seen themselves.
+// Allowed are the two joiners, which Persian words and composed pictures need, and the signs of Arabic,
+// Syriac and Kaithi that are drawn.
 bool isInvisibleFormat(uint character)
 {
     if (QChar::category(character) != QChar::Other_Format)
@@ -20,8 +20,8 @@ bool isInvisibleFormat(uint character)
     return !isJoiner && !isDrawn;
 }
 
-// Control characters, direction marks, line separators, lone surrogates, non-characters:
-// invisible, or able to make one name look like another.
+// Control characters, direction marks, line separators, lone surrogates, non-characters: they are
+// invisible or can make one name look like another.
 bool isTreacherous(uint character)
 {
     switch (QChar::category(character)) {
@@ -40,7 +40,7 @@ QString fromCharacter(uint character)
     return QString::fromUcs4(&character, 1);
 }
 
-// Cuts between characters.
+// Cuts between two characters, never inside one.
 QString cutToBytes(const QString& text, int maxBytes)
 {
     QString result;
@@ -97,7 +97,7 @@ QString safeFileName(const QString& name)
         extension.clear();
     const QString cut =
         cutToBytes(safe.left(safe.size() - extension.size()), maxSafeNameBytes - extension.toUtf8().size());
-    return (cut + extension).trimmed(); // the cut may leave a blank at the end
+    return (cut + extension).trimmed(); // a blank may be at the end after the cut
 }
 
 QString displayName(const QString& name)

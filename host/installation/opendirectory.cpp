@@ -15,7 +15,7 @@ namespace host {
 namespace {
 
 constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-constexpr int maxDepth = 16; // of a tree that is removed: each step holds a descriptor
+constexpr int maxDepth = 16; // of a tree that is removed: each level needs a descriptor
 
 QString linkText(const QString& path)
 {
@@ -33,7 +33,7 @@ int removeEntry(int directory, const char* name, int depth);
 
 int removeContent(int descriptor, int depth)
 {
-    DIR* const entries = ::fdopendir(descriptor); // takes the descriptor
+    DIR* const entries = ::fdopendir(descriptor); // owns the descriptor from now on
     if (!entries) {
         const int error = errno;
         ::close(descriptor);
@@ -152,7 +152,7 @@ QString OpenDirectory::open(const QString& name, int flags, QFile* file) const
     const QString cannot =
         (isForReading ? QStringLiteral("cannot read %1: %2") : QStringLiteral("cannot write %1: %2")).arg(pathOf(name));
     const QByteArray encoded = QFile::encodeName(name);
-    // Without waiting: a pipe has to be refused.
+    // O_NONBLOCK: a pipe must be refused, not waited for.
     const int descriptor =
         ::openat(m_descriptor, encoded.constData(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
     if (descriptor < 0) {

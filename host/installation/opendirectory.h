@@ -1,5 +1,5 @@
-// A directory of ours, held open. What stands in it is reached from there, and no link is
-// followed: one that somebody planted who may write here leads nowhere.
+// A directory of ours that is held open. Its entries are opened relative to it, and links are not
+// followed, so that a link that somebody planted there has no effect.
 #pragma once
 
 #include <QFile>
@@ -7,7 +7,7 @@
 
 namespace host {
 
-// Operations answer an error text, empty on success. Names are single steps of a path.
+// Operations return an error text, empty on success. Names are names of entries, not paths.
 class OpenDirectory
 {
 public:
@@ -22,25 +22,25 @@ public:
     [[nodiscard]] bool isOpen() const { return m_descriptor >= 0; }
     [[nodiscard]] QString pathOf(const QString& name) const;
 
-    // For the directory's owner and group alone, as far as the process's mask lets.
+    // For the directory's owner and group only, and less if the process's umask says so.
     [[nodiscard]] QString makeDirectory(const QString& name) const;
 
-    // A new file, for writing: whatever stands under the name is in the way.
+    // A new file, for writing. Fails when anything exists under the name.
     [[nodiscard]] QString createFile(const QString& name, QFile* file) const;
 
-    // A regular file that exists. For writing it must have no second name: that may be
-    // somebody else's file.
+    // A regular file that exists. For writing it must not have a second name, which could be somebody
+    // else's file.
     [[nodiscard]] QString openForReading(const QString& name, QFile* file) const;
     [[nodiscard]] QString openForWriting(const QString& name, QFile* file) const;
 
-    // With all that is in it; a link goes itself, not what it leads to. A name under which
-    // nothing stands is removed.
+    // Removes the entry with all that is in it. Links are removed, not what they lead to. It is no
+    // error if there is no such entry.
     [[nodiscard]] QString removeTree(const QString& name) const;
 
-    // Fails when a directory with content or a file stands under the new name.
+    // Fails when a file, or a directory that is not empty, has the new name.
     [[nodiscard]] QString moveDirectory(const QString& name, const OpenDirectory& to, const QString& newName) const;
 
-    // The names in it are on the disk when it returns, as well as its file system can.
+    // Syncs the names in it to the disk, as well as its file system can.
     [[nodiscard]] QString sync() const;
 
 private:

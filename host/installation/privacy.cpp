@@ -40,7 +40,7 @@ QString dataPath()
     return QDir::cleanPath(Global::dataDir().absolutePath());
 }
 
-// Of the name itself, not of what a link leads to.
+// The facts about the entry itself, not about what a link leads to.
 bool statusOf(const QString& path, struct stat* status)
 {
     return ::lstat(QFile::encodeName(path).constData(), status) == 0;
@@ -68,7 +68,7 @@ QString cannotMake(const QString& path)
         .arg(path, reason, userName(), shellWord(settingsPath()), shellWord(dataPath()));
 }
 
-// For the owner, and the group unless it is -1; whatever the umask.
+// For the owner, and for the group unless it is -1, independent of the umask.
 QString makePrivate(const QString& path, gid_t group)
 {
     const QByteArray name = QFile::encodeName(path);
@@ -86,8 +86,8 @@ QString makePrivate(const QString& path, gid_t group)
     return error;
 }
 
-// The directories of the level that a host without others uses: made here, they hand their
-// group on to what is made in them.
+// The directories of the level that a host uses by default. They are made here, so that what is made
+// in them gets their group.
 QString makeDataDirectories(gid_t group)
 {
     for (const QDir& dir : {Global::dataDir(), Global::dataSecrecyDir(0), Global::logDir(0), Global::messagesDir(0),
@@ -100,7 +100,8 @@ QString makeDataDirectories(gid_t group)
     return QString();
 }
 
-// New files deny to others what the directory denies them; nothing is widened for strangers.
+// New files get no rights for others that the directory does not give them. The umask is never made
+// weaker.
 void followMode(mode_t directory)
 {
     const mode_t current = umask(groupAndOthers);
@@ -123,7 +124,7 @@ QString writePermissions(mode_t directory)
                : QStringLiteral("cannot write %1: check that you may write in its directory").arg(settings.fileName());
 }
 
-// Makes what is missing.
+// Makes what does not exist yet.
 QString complete(gid_t group)
 {
     const bool isNew = !exists(settingsPath());
@@ -135,10 +136,10 @@ QString complete(gid_t group)
         return error;
     followMode(status.st_mode);
     if (status.st_mode & S_IRWXO)
-        return QString(); // a shared one: what its owner has decided
+        return QString(); // shared with others: its owner's decision
     if (!exists(dataPath()))
         error = makeDataDirectories(status.st_mode & S_ISGID ? status.st_gid : static_cast<gid_t>(-1));
-    // Not where we may not write: then it is somebody else's, and reading has to do.
+    // Only if we may write there. Otherwise it is somebody else's, and we only read it.
     if (error.isEmpty() && !exists(Global::internalSettingsFilePath()) &&
         ::access(QFile::encodeName(settingsPath()).constData(), W_OK) == 0)
         error = writePermissions(status.st_mode);

@@ -1,5 +1,6 @@
-// Who may change an installation: settings and data lie in directories that the modes of the
-// files in them need not protect, and no host runs what others could have replaced.
+// Who may change an installation. Settings and data are in directories that others cannot enter, so
+// that the modes of single files do not matter, and a host runs nothing that others could have
+// replaced.
 #pragma once
 
 #include <QString>
@@ -7,24 +8,24 @@
 
 namespace host {
 
-// Operations answer an error text, empty on success. One thread, before others are started.
+// Operations return an error text, empty on success. Call them before other threads are started.
 
-// For each command, before it touches the installation. Makes settings/ and data/ where they are
-// missing, for this user alone, and settings.ini, with the modes of all that is made later.
-// An installation that exists is left as it is. New files are from now on as private as
-// settings/ is (the process's umask).
+// Each command calls it before it touches the installation. Makes settings/ and data/ if they are
+// missing, for this user only, and settings.ini, which says the modes of everything made later. An
+// installation that exists is not changed. From now on new files are as private as settings/ (by the
+// process's umask).
 [[nodiscard]] QString prepareInstallation();
 
-// The same for a new installation, which is also for the group where one is named; isNew
-// becomes false, and nothing is changed, where there is one already.
+// The same for a new installation; if a group is named, also for that group. If there is an
+// installation already, nothing is changed and isNew becomes false.
 [[nodiscard]] QString setUpInstallation(const QString& groupName, bool* isNew);
 
-// Why a host should not run: what somebody other than root, this user, and the group that the
-// installation was set up for can change, in settings, data, program and plug-ins. Each says
-// what to do. Empty when there is nothing.
+// Why a host should not run: what others can change in settings, data, program and plug-ins. Others
+// means anybody but root, this user, and the group that the installation was set up for. Each text
+// says what to do. Empty when all is well.
 [[nodiscard]] QStringList installationTroubles();
 
-// A path as it can be typed in a command.
+// A path as one can type it in a command.
 [[nodiscard]] QString shellWord(const QString& path);
 
 } // namespace host

@@ -1,4 +1,4 @@
-// Where the parts of a running host tell what happens.
+// Where the units of a running host report what happens.
 #pragma once
 
 #include <QJsonObject>
@@ -10,10 +10,10 @@ namespace host {
 class RunRecords
 {
 public:
-    // For programs: a line of the event file, where one was asked for.
+    // For programs: a line in the event file, if the user wants one.
     virtual void event(const QString& name, const QJsonObject& fields) = 0;
 
-    // For people: a line of the journal.
+    // For people: a line in the journal.
     virtual void journal(bool isError, const QString& text) = 0;
 
 protected:

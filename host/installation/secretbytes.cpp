@@ -10,7 +10,7 @@ namespace host {
 
 namespace {
 
-// More than any function of the library that is used here takes.
+// More than any function of the library takes that is used here.
 constexpr int wipedStackBytes = 8192;
 
 } // namespace
@@ -59,7 +59,7 @@ SecretBytes& SecretBytes::operator=(SecretBytes&& other) noexcept
 
 void SecretBytes::wipe()
 {
-    sodium_free(m_data); // wipes it, and ends the process when somebody wrote past its end
+    sodium_free(m_data); // wipes it; ends the process if somebody has written past its end
     m_data = nullptr;
     m_size = 0;
 }

@@ -1,17 +1,17 @@
-// Memory for secrets: it is not swapped out where the system's limits allow that, never
-// part of a core dump, and wiped when it is given up.
+// Memory for secrets. It is never part of a core dump, not swapped out if the system's limits allow
+// that, and wiped when it is released.
 #pragma once
 
 namespace host {
 
-// Before anything else of the cryptographic library is called. Any thread, any number of
-// times; ends the process when the library finds no source of randomness.
+// Call it before anything else of the cryptographic library; any thread, any number of times. Ends the
+// process if the library finds no source of randomness.
 void startCryptography();
 
-// Wipes what the cryptographic library left on the part of the stack below the caller.
+// Wipes what the cryptographic library has left on the stack below the caller's frame.
 void wipeStack();
 
-// A secret of fixed size; moving leaves an empty one behind. Printed by nothing.
+// A secret of fixed size. An object that was moved from is empty. Nothing prints it.
 class SecretBytes
 {
 public:

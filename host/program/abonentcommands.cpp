@@ -39,7 +39,7 @@ void notePorts(const QStringList& ports, CommandStreams& io)
     }
 }
 
-// What "abonent add" was told; addressing is null where nothing was said about it.
+// What "abonent add" was told; addressing is null if nothing was said about it.
 struct Told
 {
     QString name;

@@ -1,4 +1,4 @@
-// What all commands share: their streams, what the user has given, how they end.
+// What all commands share: their streams, their options and arguments, how they end.
 #pragma once
 
 #include <QCommandLineParser>
@@ -35,7 +35,7 @@ public:
     [[nodiscard]] QString value(const char* option) const { return m_parser.value(QLatin1String(option)); }
     [[nodiscard]] QStringList values(const char* option) const { return m_parser.values(QLatin1String(option)); }
 
-    // Says what is wrong and how help is had; the exit status of wrong usage.
+    // Says what is wrong and how to get help; returns the exit status of wrong usage.
     int wrongUsage(CommandStreams& io, const QString& text) const;
 
 private:
@@ -45,10 +45,10 @@ private:
     QCommandLineParser m_parser;
 };
 
-// Says what went wrong; the exit status of that.
+// Says what went wrong; returns the exit status of a failure.
 int fail(CommandStreams& io, const QString& text);
 
-// The exit status of a command whose operation answered error (empty: it is done).
+// The exit status of a command whose operation returned error (empty: success).
 int statusOf(CommandStreams& io, const QString& error);
 
 } // namespace host

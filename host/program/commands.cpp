@@ -26,7 +26,8 @@ void printHelp(QTextStream& stream)
     stream.flush();
 }
 
-// The log's echo on the Qt streams is in the log; of what the libraries say only troubles are shown.
+// Lines that the log writes to the Qt streams as well are in the log already. Of the other messages of
+// the libraries only warnings and worse are shown.
 void showTroublesOnly(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
     if (type != QtDebugMsg && type != QtInfoMsg)

@@ -28,7 +28,7 @@ struct CommandArgument
 struct CommandOption
 {
     const char* name;
-    const char* value; // what the help calls it; null: a switch
+    const char* value; // its name in the help; null: the option has no value
     const char* help; // %1 in it: the text that choices gives
     const char* standard = ""; // the value when the option is not given
     QString (*choices)() = nullptr;
@@ -51,7 +51,7 @@ struct Command
     Installation installation = Installation::IsPrepared;
 };
 
-// In the order of the help. A command stands before one whose name it begins with.
+// In the order of the help. A command comes before any whose name is the beginning of its own.
 [[nodiscard]] const std::vector<Command>& commandTable();
 
 } // namespace host

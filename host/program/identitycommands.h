@@ -1,4 +1,4 @@
-// The commands for what the others know this installation by.
+// The command for the name by which others know this installation.
 #pragma once
 
 #include "host/program/commandline.h"

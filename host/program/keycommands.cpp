@@ -12,7 +12,7 @@ namespace host {
 
 namespace {
 
-// Null when what was given is no key; *status then.
+// Null with *status set when the argument is no key.
 QByteArray readKey(const CommandLine& given, CommandStreams& io, int* status)
 {
     QString error;

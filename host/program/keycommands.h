@@ -1,4 +1,4 @@
-// The commands for keys: our own, and those that are let in by no means.
+// The commands for keys: our own, and those that are blocked.
 #pragma once
 
 #include "host/program/commandline.h"

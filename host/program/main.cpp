@@ -7,8 +7,8 @@
 int main(int argc, char** argv)
 {
     host::useUtf8Names();
-    // With no zone named, libc looks at this file's attributes at every conversion to local
-    // time, of which the settings' look-ups make thousands a second.
+    // If TZ is not set, libc looks at this file's attributes at every conversion to local time, and
+    // reading settings causes thousands of those a second.
     if (!qEnvironmentVariableIsSet("TZ"))
         qputenv("TZ", ":/etc/localtime");
     QCoreApplication application(argc, argv);

@@ -50,7 +50,7 @@ bool catchSignals()
 
 TerminalView* messageView = nullptr; // not owned; set while the host runs
 
-// The log's echo on the Qt debug stream stays out of the picture: it is in the log.
+// Lines that the log writes to the Qt debug stream as well are not shown: they are in the log.
 void onQtMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
     if (type == QtDebugMsg || type == QtInfoMsg)
@@ -64,7 +64,7 @@ void onQtMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
         std::fprintf(stderr, "%s\n", displayName(text).toUtf8().constData());
 }
 
-// An option that is a number of at least min; false when it is not.
+// Reads an option that is a number of at least min; false when it is not.
 bool numberOption(const CommandLine& given, const char* name, double min, double* value)
 {
     if (!given.isSet(name))
@@ -77,7 +77,7 @@ bool numberOption(const CommandLine& given, const char* name, double min, double
     return true;
 }
 
-// What is wrong with a size among the options; empty when all is well.
+// What is wrong with an option that is a size; empty when all is well.
 QString readLimits(const CommandLine& given, InboxLimits* limits)
 {
     struct
@@ -105,7 +105,7 @@ QString readLimits(const CommandLine& given, InboxLimits* limits)
     return QString();
 }
 
-// Null and *wrong set to what is wrong.
+// Null with *wrong set when an option is wrong.
 std::optional<HostOptions> readOptions(const CommandLine& given, QString* wrong)
 {
     HostOptions options;
@@ -148,7 +148,7 @@ std::optional<HostOptions> readOptions(const CommandLine& given, QString* wrong)
     return options;
 }
 
-// Whether the installation is safe enough to run, or the user has said that it may be shared.
+// Whether others cannot change the installation, or the user has allowed it to be shared.
 bool isTrusted(const CommandLine& given, CommandStreams& io)
 {
     const QStringList troubles = given.isSet("allow-shared") ? QStringList() : installationTroubles();
@@ -218,7 +218,7 @@ int runHost(const CommandLine& given, CommandStreams& io)
         return static_cast<int>(end);
     }
     QCoreApplication::exec();
-    // Journal records of the last moments.
+    // Shows the last records of the journal.
     QCoreApplication::processEvents();
     qInstallMessageHandler(nullptr);
     view.finish();

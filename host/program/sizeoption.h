@@ -7,7 +7,7 @@
 
 namespace host {
 
-// "1000", "64K", "500M", "8G", "2T" in bytes; a letter stands for 1024 of the one before it.
+// "1000", "64K", "500M", "8G", "2T" in bytes; each letter means 1024 times the one before it.
 // Null for anything else, and for more than a message can have.
 [[nodiscard]] std::optional<qint64> sizeFromText(const QString& text);
 

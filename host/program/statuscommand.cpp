@@ -14,7 +14,7 @@ namespace host {
 
 namespace {
 
-// What cannot be read is told; the rest is shown all the same.
+// What cannot be read is reported; the rest is shown all the same.
 Status gather()
 {
     Status status;

@@ -1,4 +1,4 @@
-// What "status" has found, and its two shapes.
+// What "status" has found, and its two forms: for people and for programs.
 #pragma once
 
 #include "host/installation/hostsettings.h"
@@ -27,7 +27,7 @@ struct Status
 [[nodiscard]] QJsonObject statusJson(const Status& status);
 void printStatus(const Status& status, QTextStream& out);
 
-// What the user is told of a message: what the running host does about it, or why it waits.
+// What the user is told about a message: what the running host is doing with it, or why it waits.
 [[nodiscard]] QString tellWaiting(const QueuedMessage& message, const QJsonObject& running);
 
 } // namespace host

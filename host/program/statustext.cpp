@@ -34,7 +34,7 @@ QString portState(const Status& status, const ComPortSettings& port)
     return status.running.isEmpty() ? QStringLiteral("(no host runs)") : QStringLiteral("(not in use)");
 }
 
-// An unproved sender's name is what it says, and looks like nobody's.
+// The name that an unproved sender gives itself, marked so that it is not taken for an abonent's.
 QString senderOf(const ReceivedMessage& message)
 {
     if (message.isProved)
@@ -53,7 +53,7 @@ QString usedText(const Share& used, const Share& limit)
              QString::number(limit.messages), QString::number(used.inodes), QString::number(limit.inodes));
 }
 
-// Only what is getting near its limit is worth a line.
+// Only a share that is more than half used is shown.
 bool isAboveHalf(const Share& used, const Share& limit)
 {
     return !fits(used + used, limit);

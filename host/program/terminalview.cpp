@@ -147,7 +147,7 @@ void TerminalView::onFile(const FileProgress& row)
         return;
     const QString key = row.peer + (row.file.isOutgoing ? QLatin1Char('>') : QLatin1Char('<')) + row.file.fileName;
     if (row.state == FileProgress::State::Whole || row.state == FileProgress::State::Failed) {
-        m_toldTenths.remove(key); // the journal tells
+        m_toldTenths.remove(key); // the journal has a line about it
         return;
     }
     const int tenth = row.file.sizeBytes > 0 ? static_cast<int>(row.file.doneBytes * 10 / row.file.sizeBytes) : 10;

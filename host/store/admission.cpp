@@ -1,5 +1,4 @@
-// Whether there is room for a message that is offered: the part of the inbox that knows its
-// limits.
+// Whether there is room for an offered message: the inbox's code about its limits.
 #include "host/store/inbox.h"
 
 #include <algorithm>
@@ -8,7 +7,7 @@ namespace host {
 
 namespace {
 
-// A caller that is not proved learns nothing of what is here.
+// A caller that is not proved is told nothing about this installation.
 const QString noRoomForStrangers = QStringLiteral("there is no room for it here");
 
 QString bytesText(const QString& pattern, qint64 first, qint64 second)
@@ -33,7 +32,7 @@ bool Inbox::admits(const Peer& peer, const OfferFrame& offer, qint64 partBytes, 
                                 m_limits.maxMessageBytes));
     const Part* const part = m_parts.find(Parts::idOf(peer, offer.messageId));
     qint64 promised = m_parts.promisedBytes();
-    if (part && !part->holder.expired()) // it gives way to the new session's
+    if (part && !part->holder.expired()) // the new session will take it over
         promised -= qMax<qint64>(0, part->announcedBytes - partBytes);
     QString reason = volumeRefuses(peer, offer.size - partBytes, part == nullptr, qMax<qint64>(0, promised));
     if (reason.isEmpty())
@@ -41,7 +40,7 @@ bool Inbox::admits(const Peer& peer, const OfferFrame& offer, qint64 partBytes, 
     return reason.isEmpty() || refuse(refused, RefusalCode::NoRoom, reason);
 }
 
-// promised: to messages that others are receiving.
+// promised: bytes for messages that other sessions are receiving.
 QString Inbox::volumeRefuses(const Peer& peer, qint64 wanted, bool isNew, qint64 promised) const
 {
     const VolumeRoom room = volumeRoom(m_incompleteDir.absolutePath());
@@ -98,14 +97,14 @@ QString Inbox::sharesRefuse(const Peer& peer, const OfferFrame& offer)
     std::vector<PartId> without{known};
     if (sharesRefuseWithout(countedWithout(without), peer, offer).isEmpty())
         return QString();
-    // The user may have taken something out. To look takes a walk through the whole inbox, under
-    // the lock of all sessions: whoever likes to call must not get one for each offer.
+    // The user may have taken something out. Counting means to look through the whole inbox while all
+    // sessions wait, so that an unknown caller must not cause that with each offer.
     if (peer.isProved || m_inputCount.isOlderThan(m_limits.strangersCountMs))
         m_inputCount.refresh();
     const QString reason = sharesRefuseWithout(countedWithout(without), peer, offer);
     if (reason.isEmpty())
         return reason;
-    // Parts that nobody is receiving give way, the oldest first, if that is enough.
+    // Drop parts that no session holds, the oldest first, if that makes enough room.
     std::vector<PartId> givingWay;
     for (const PartId& id : m_parts.idle(shareKey(peer))) {
         if (id.peerKey == known.peerKey && id.id == known.id)

@@ -69,7 +69,7 @@ QString Inbox::recoverPart(const QString& key)
     if (!OpenDirectory::at(path, &error).isOpen())
         return error;
     const QString recordPath = path + QLatin1Char('/') + messageRecordName;
-    (void)Global::recoverSaving(recordPath); // a missing record is met below
+    (void)Global::recoverSaving(recordPath); // a record that is missing is noticed below
     const MessageRecord record = MessageRecord::fromJson(loadRecord(recordPath));
     Part part;
     part.key = key;
@@ -81,18 +81,18 @@ QString Inbox::recoverPart(const QString& key)
     const QFileInfo content(m_parts.contentPathOf(part));
     const bool isWhole = part.id != noMessageId && !part.contentName.isEmpty() && content.isFile() &&
                          !content.isSymLink() && safeFileName(part.contentName) == part.contentName;
-    const QDateTime touched = content.metadataChangeTime(); // not modified: that time is the sender's
+    const QDateTime touched = content.metadataChangeTime(); // not the modification time, which is the sender's
     const bool isOld = touched.daysTo(QDateTime::currentDateTime()) > m_limits.partDays;
     const PartId id = Parts::idOf(part);
-    // A full disk may have kept the record from being taken back, and more was written since.
+    // The disk may have been so full that the mark could not be taken off, and then more was written.
     if (isWhole && record.isVerified && hasHash(content.filePath(), record.sha256)) {
         QString place;
         error = moveIntoInbox(part, m_incompleteDir, m_inputDir, &m_received, &place);
         if (error.isEmpty())
             return QStringLiteral("received before the last stop: %1").arg(place);
-        // It stays a part, so that it is resumed when it is offered again, and has no double.
+        // It stays a part: when it is offered again, it is resumed, so that there are not two of it.
     } else if (isWhole && m_received.contains(id.peerKey, id.id, part.sha256)) {
-        error = m_received.takeBack(id.peerKey, id.id); // what is still here was not received
+        error = m_received.takeBack(id.peerKey, id.id); // the message is still here, so it was not received
     }
     part.isStoring = m_received.isInDoubt(id.peerKey, id.id);
     if (!part.isStoring && (!isWhole || isOld || m_parts.find(id))) {
@@ -159,14 +159,14 @@ void Inbox::settle(const Peer& peer, const QVector<quint64>& messageIds)
 bool Inbox::isStored(const Peer& peer, quint64 messageId, const QByteArray& sha256)
 {
     QMutexLocker locker(&m_mutex);
-    // What it sent before its key was known here came from the same sender.
+    // What this key sent before it was known here came from the same sender.
     return m_received.contains(peerKey(peer), messageId, sha256) ||
            m_received.contains(unprovedPeerKey(peer.publicKey), messageId, sha256);
 }
 
 // ---- parts ----
 
-// What is whole and is offered again needs none of its bytes once more.
+// A whole message that is offered again needs no more bytes.
 QString Inbox::endDoubt(const PartId& id)
 {
     if (!m_received.isInDoubt(id.peerKey, id.id))
@@ -181,7 +181,7 @@ std::vector<std::unique_ptr<IncomingFile>> Inbox::parts(const Peer& peer)
 {
     QMutexLocker locker(&m_mutex);
     for (const PartId& id : m_parts.storing(peer))
-        (void)endDoubt(id); // else told when it is offered
+        (void)endDoubt(id); // if that fails, it is reported when the message is offered
     std::vector<std::unique_ptr<IncomingFile>> files;
     for (const PartId& id : m_parts.of(peer)) {
         const Part* const part = m_parts.find(id);
@@ -210,7 +210,7 @@ std::unique_ptr<IncomingFile> Inbox::begin(const Peer& peer, const OfferFrame& o
         return nullptr;
     }
     if (m_received.contains(id.peerKey, id.id, offer.sha256)) {
-        // Since the session asked; it must not come twice.
+        // It was stored after the session had asked. It must not be stored twice.
         refuse(refused, RefusalCode::Failed, QStringLiteral("another call has just put it into the inbox"));
         return nullptr;
     }
@@ -225,7 +225,7 @@ std::unique_ptr<IncomingFile> Inbox::begin(const Peer& peer, const OfferFrame& o
     return std::make_unique<PartFile>(this, holding);
 }
 
-// The part of the same message is emptied; one of another message under its identifier is dropped.
+// Empties the part if it is of the same message, and drops it if another message had the identifier.
 QString Inbox::replacePart(const Peer& peer, const OfferFrame& offer, std::shared_ptr<PartHolding>* holding)
 {
     const PartId id = Parts::idOf(peer, offer.messageId);
@@ -251,7 +251,7 @@ std::shared_ptr<PartHolding> Inbox::resume(const PartId& id, const OfferFrame& o
         refuse(refused, RefusalCode::Failed, QStringLiteral("another call is just putting it into the inbox"));
         return nullptr;
     }
-    // As after a wrong hash, the sender begins anew.
+    // The code makes the sender begin again, as after a wrong hash.
     if (!part || part->generation != generation || part->sha256 != offer.sha256 || part->announcedBytes != offer.size ||
         QFileInfo(m_parts.contentPathOf(*part)).size() < offer.offset) {
         refuse(refused, RefusalCode::WrongHash, QStringLiteral("what stood of it has changed meanwhile"));
@@ -309,7 +309,7 @@ QString Inbox::store(PartHolding* holding, const OfferFrame& offer, QString* pla
     if (isDurable)
         markUnverified(*holding, m_incompleteDir, offer);
     else
-        (void)m_parts.drop(id); // what could not be synced once may be lost although a later try succeeds
+        (void)m_parts.drop(id); // after a failed sync, bytes may be lost even if a later sync succeeds
     return error;
 }
 

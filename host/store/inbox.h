@@ -5,12 +5,12 @@
 //   input/00000001/<name>          a whole message, its hash verified
 //   input/00000001/.message        from whom, when, under which name, with which hash
 //
-// A message becomes received in steps that can be cut off anywhere: content synced, record
-// marked verified, entry in the list of received messages, directory moved to the input
-// directory. From the record on, the start after a crash completes them. While they last
-// the part belongs to nobody: no session can resume it. The same holds while the entry is in the
-// list and cannot be taken back, and the directory cannot be moved: the next start would believe
-// the list, and so would the sender. Such a part is kept until one of the two works again.
+// A message is received in steps, and a crash may come between any two of them: sync the content,
+// mark the record as verified, add an entry to the list of received messages, move the directory to
+// the input directory. Once the record is marked, the next start completes the steps. During the
+// steps no session can resume the part. The same holds if the entry is in the list but can be
+// neither completed (the directory cannot be moved) nor taken back: the next start and the sender
+// would believe the list. Such a part is kept until one of the two is possible again.
 #pragma once
 
 #include "host/session/sessionstore.h"
@@ -36,8 +36,8 @@ struct ReceivedMessage
     QString abonent;
     bool isProved = true;
     QByteArray publicKey; // of the sender; empty when it is not known
-    QString claimedName; // as an unproved sender calls itself
-    QString fileName; // as the sender calls it
+    QString claimedName; // what an unproved sender calls itself
+    QString fileName; // the sender's name for it
     QString path; // of the file
     qint64 size = 0;
     QByteArray sha256;
@@ -52,13 +52,13 @@ public:
           const InboxLimits& limits = {});
     ~Inbox() override;
 
-    // Call it once, before anything else: creates the directories, completes what a crash
-    // cut off. Texts tell of what was found (for the journal); *error is set when the inbox
+    // Call it once, before anything else: creates the directories and completes what a crash
+    // interrupted. Returns texts for the journal about what was found; *error is set when the inbox
     // cannot be used.
     QStringList open(QString* error);
 
-    // Whole messages, oldest first, and whose messages and parts take how much. Need no open(); count
-    // afresh.
+    // The whole messages, oldest first, and how much the messages and parts of each peer take. Both
+    // work without open() and look at the disk each time.
     [[nodiscard]] QVector<ReceivedMessage> messages() const;
     [[nodiscard]] InboxUsage usage() const;
 
@@ -78,7 +78,8 @@ private:
 
     QString replacePart(const Peer& peer, const OfferFrame& offer, std::shared_ptr<PartHolding>* holding);
 
-    // False with *refused set. partBytes: of the message that need not come any more.
+    // Whether there is room for the message; otherwise false with *refused set. partBytes: so many
+    // bytes of it are here already.
     bool admits(const Peer& peer, const OfferFrame& offer, qint64 partBytes, RefusedFrame* refused);
     [[nodiscard]] QString volumeRefuses(const Peer& peer, qint64 wanted, bool isNew, qint64 promised) const;
     [[nodiscard]] QString sharesRefuse(const Peer& peer, const OfferFrame& offer);
@@ -98,7 +99,7 @@ private:
     const QDir m_incompleteDir;
     const InboxLimits m_limits;
 
-    QMutex m_mutex; // guards the rest; a holding's own mutex is taken inside it, never around it
+    QMutex m_mutex; // guards the rest; to be taken before the mutex of a holding, never after it
     ReceivedList m_received;
     Parts m_parts;
     DirectoryCount m_inputCount;

@@ -24,7 +24,8 @@ MessageRecord MessageRecord::fromJson(const QJsonObject& json)
     MessageRecord record;
     record.id = idFromText(json[QStringLiteral("id")].toString());
     record.sender.abonent = json[QStringLiteral("from")].toString();
-    record.sender.isProved = json[QStringLiteral("proved")].toBool(true); // not said: written before there were others
+    record.sender.isProved =
+        json[QStringLiteral("proved")].toBool(true); // missing: from a version without unproved peers
     record.sender.publicKey = QByteArray::fromHex(json[QStringLiteral("key")].toString().toLatin1());
     record.sender.claimedName = json[QStringLiteral("called")].toString();
     record.fileName = json[QStringLiteral("name")].toString();

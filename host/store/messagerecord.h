@@ -1,5 +1,5 @@
-// What is written down beside the content of a message that is received: the file
-// ".message" (JSON). No name of a peer's file begins with a point.
+// What is recorded about a message that is received, in a file ".message" (JSON) beside its content.
+// The content's name never begins with a point.
 #pragma once
 
 #include "host/session/peer.h"
@@ -17,12 +17,12 @@ struct MessageRecord
 {
     quint64 id = 0;
     Peer sender;
-    QString fileName; // as the sender calls it
-    QString contentName; // of the file in the directory
+    QString fileName; // the sender's name for it
+    QString contentName; // the file's name in the directory
     qint64 size = 0;
     QByteArray sha256;
     qint64 modifiedSecs = 0;
-    bool isVerified = false; // whole, its hash right, on the disk
+    bool isVerified = false; // whole, with the right hash, and synced to the disk
     QDateTime received; // valid once verified
 
     [[nodiscard]] static MessageRecord of(const Peer& sender, const OfferFrame& offer, const QString& contentName);

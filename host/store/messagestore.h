@@ -8,7 +8,7 @@
 
 namespace host {
 
-// Where everything stands in the data tree of a secrecy level.
+// The paths in the data tree of a secrecy level.
 struct StorePaths
 {
     QDir input;
@@ -26,7 +26,7 @@ class MessageStore
 public:
     explicit MessageStore(const StorePaths& paths, const InboxLimits& limits = {});
 
-    // Call it once, in the one program that serves the installation. Texts for the journal;
+    // Call it once, in the one program that serves the installation. Returns texts for the journal;
     // *error is set when the store cannot be used.
     QStringList open(QString* error);
 

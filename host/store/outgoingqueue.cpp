@@ -24,14 +24,14 @@ namespace {
 
 constexpr int copyBytes = 256 * 1024;
 constexpr int lockTimeoutMs = 30000;
-constexpr qint64 orphanAgeSecs = 600; // an enqueue() between its last two steps is younger
+constexpr qint64 orphanAgeSecs = 600; // a younger one may belong to an enqueue() that is not yet done
 constexpr qint64 postponeMs = 5 * 60 * 1000;
 
 const QString contentName = QStringLiteral("content");
 const QString reasonName = QStringLiteral("reason.json");
 const QString newPrefix = QStringLiteral(".new-");
 
-// ".new-<process>-<random>": whose process has gone is rubbish.
+// ".new-<process>-<random>": can be removed when the process does not exist any more.
 bool isAbandoned(const QString& name)
 {
     const qint64 process = name.mid(newPrefix.size()).section(QLatin1Char('-'), 0, 0).toLongLong();
@@ -101,7 +101,7 @@ QString OutgoingQueue::enqueue(const QString& abonent, const QString& filePath, 
 QString OutgoingQueue::copyIntoQueue(const QString& filePath, const OpenDirectory& directory,
                                      QueuedMessage* message) const
 {
-    // Opened without waiting: a pipe must be refused, not waited for.
+    // Without O_NONBLOCK opening a pipe would wait for its writer; it is refused below.
     const int descriptor = ::open(QFile::encodeName(filePath).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         return QStringLiteral("cannot read %1: %2").arg(filePath, qt_error_string(errno));
@@ -130,13 +130,13 @@ QString OutgoingQueue::copyIntoQueue(const QString& filePath, const OpenDirector
         return QStringLiteral("%1 is too large").arg(filePath);
     message->sha256 = hash.result();
     message->modifiedSecs = source.fileTime(QFileDevice::FileModificationTime).toSecsSinceEpoch();
-    // A file system without modes refuses.
+    // Fails on a file system without modes.
     (void)copy.setPermissions(QFileDevice::Permissions(CSettings().filePermissions()));
     const QString error = syncFile(&copy);
     return error.isEmpty() ? error : QStringLiteral("cannot write %1: %2").arg(directory.pathOf(contentName), error);
 }
 
-// Several programs may give names at once.
+// Several programs may make names at the same time.
 QString OutgoingQueue::commit(const OpenDirectory& output, const QString& newName, QueuedMessage* message) const
 {
     QLockFile lock(m_outputDir.absoluteFilePath(QStringLiteral(".lock")));
@@ -174,7 +174,7 @@ std::optional<OutgoingQueue::Entry> OutgoingQueue::load(const QString& taskPath)
     message.sha256 = QByteArray::fromHex(record[QStringLiteral("sha256")].toString().toLatin1());
     message.modifiedSecs = static_cast<qint64>(record[QStringLiteral("modified")].toDouble());
     message.queued = QDateTime::fromString(record[QStringLiteral("queued")].toString(), Qt::ISODate);
-    // The number becomes a path.
+    // A path is made of it.
     const bool isNumber =
         !message.key.isEmpty() && std::all_of(message.key.cbegin(), message.key.cend(), [](QChar digit) {
             return digit >= QLatin1Char('0') && digit <= QLatin1Char('9');

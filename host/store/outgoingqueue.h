@@ -5,8 +5,8 @@
 //   output/00000001/reason.json    why it has not been delivered yet
 //   tasks/toTransport/00000001.task  which message, to whom, under which name (JSON)
 //
-// The task is the message: it appears last and goes first, so a crash leaves at most a
-// directory that no task names. Several programs may queue at once.
+// A message exists as long as its task does: the task is written last and removed first, so that a
+// crash leaves at most a directory without a task. Several programs may queue at the same time.
 #pragma once
 
 #include "host/installation/opendirectory.h"
@@ -40,18 +40,19 @@ class OutgoingQueue : public OutgoingStore
 public:
     OutgoingQueue(const QDir& outputDir, const QDir& tasksDir);
 
-    // Copies the file into the queue; it is queued whole and for good when this returns an
-    // empty text. An error text says what to do about it.
+    // Copies the file into the queue. When this returns an empty text, the whole copy is safe on the
+    // disk. An error text says what to do about it.
     QString enqueue(const QString& abonent, const QString& filePath, QueuedMessage* queued = nullptr);
 
-    // Takes note of what other programs queued and removed. Texts tell of damaged tasks, once each.
+    // Looks for messages that other programs have queued or removed. Returns a text for each damaged
+    // task, once.
     QStringList rescan();
 
     // As of the last rescan(), oldest first.
     [[nodiscard]] QVector<QueuedMessage> messages() const;
 
-    // Removes what an interrupted enqueue() or remove() left. Only for the program that serves
-    // the queue. Texts tell of links that were left aside.
+    // Removes what an interrupted enqueue() or remove() left. Only for the program that serves the
+    // queue. Returns texts about links that were not followed.
     QStringList cleanUp();
 
     // See OutgoingStore.
@@ -63,7 +64,7 @@ public:
     QString remove(const OutgoingMessage& message) override;
     void notDelivered(const OutgoingMessage& message, const QString& reason, Fault fault) override;
 
-    // Keeps the reason with the message. Cheap when it is the same again.
+    // Stores with the message why it waits. Does nothing if the reason is the same as before.
     void setReason(const OutgoingMessage& message, const WaitReason& reason);
 
     // Sets the reasons of all messages. reasonOf is asked once for each abonent and must not call
@@ -72,10 +73,10 @@ public:
     using ReasonOf = std::function<std::optional<WaitReason>(const QString& abonent)>;
     void updateReasons(const ReasonOf& reasonOf);
 
-    // Those for whom messages wait that no session has claimed, in the order of the oldest.
+    // The abonents for whom unclaimed messages wait, in the order of their oldest message.
     [[nodiscard]] QStringList waitingAbonents() const;
 
-    // Whether the copy still has its hash; an error text if not. Reads it all.
+    // Reads the whole copy and compares its hash; an error text if it differs.
     [[nodiscard]] QString verify(const OutgoingMessage& message) const;
 
 private:
@@ -102,10 +103,10 @@ private:
     const QDir m_tasksDir;
     QElapsedTimer m_clock;
 
-    QMutex m_changes; // of the disk, one at a time; taken before the other, never inside it
+    QMutex m_changes; // one change on the disk at a time; to be taken before m_mutex, never after it
     mutable QMutex m_mutex; // guards the rest
     QVector<Entry> m_entries;
-    QStringList m_damaged; // tasks already told of
+    QStringList m_damaged; // damaged tasks that were already reported
 };
 
 } // namespace host

@@ -65,7 +65,7 @@ QString PartFile::append(const QByteArray& bytes)
         return QStringLiteral("more arrives than was announced");
     m_unaskedBytes += bytes.size();
     if (m_unaskedBytes >= askEveryBytes) {
-        // Others write on the volume, too.
+        // Other programs write on the volume, too.
         const QString full = m_inbox->diskIsFull(bytes.size());
         if (!full.isEmpty())
             return full;

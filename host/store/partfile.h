@@ -34,9 +34,9 @@ private:
     const PartId m_id;
     quint64 m_generation; // of the part, when this object was made or has resumed it
     const qint64 m_partBytes; // when this object was made
-    QFile m_back; // for reading them back
+    QFile m_back; // for readBack()
     qint64 m_backLeft;
-    qint64 m_unaskedBytes = 0; // written since the volume was asked for its room
+    qint64 m_unaskedBytes = 0; // written since the free room on the volume was last asked for
     std::shared_ptr<PartHolding> m_holding; // null until the part is begun or resumed
 };
 

@@ -111,7 +111,7 @@ std::vector<PartId> Parts::idle(const QString& key) const
     return ids;
 }
 
-// A peer that begins message after message must not fill the disk with beginnings.
+// A peer must not fill the disk by beginning one message after another.
 void Parts::dropOldest(const Peer& peer, int keep)
 {
     const QString key = peerKey(peer);
@@ -155,7 +155,7 @@ QString Parts::create(const Peer& sender, const OfferFrame& offer)
     return QString();
 }
 
-// Without syncing: a part that a power failure tears is begun anew.
+// It is not synced: a part that a power failure damages begins again from its first byte.
 QString Parts::fill(const OfferFrame& offer, Part* part)
 {
     QString error;
@@ -165,7 +165,7 @@ QString Parts::fill(const OfferFrame& offer, Part* part)
     QFile content;
     part->contentName = safeFileName(offer.fileName);
     if (!directory.createFile(part->contentName, &content).isEmpty()) {
-        // A name that this file system cannot hold.
+        // The file system may not be able to hold the name.
         part->contentName = plainContentName;
         error = directory.createFile(part->contentName, &content);
         if (!error.isEmpty())

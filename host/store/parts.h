@@ -1,5 +1,5 @@
-// The parts of messages in the incomplete directory: whose they are, who holds them, how often
-// they were resumed.
+// The parts of messages in the incomplete directory: whom they came from, which session holds them,
+// how often they were resumed.
 #pragma once
 
 #include "host/session/peer.h"
@@ -30,12 +30,12 @@ struct Part
     QByteArray sha256;
     qint64 announcedBytes = 0; // of the whole message
     qint64 touchedMs = 0;
-    quint64 generation = 0; // another one each time the part is begun or resumed
-    bool isStoring = false; // being put into the inbox: belongs to nobody
+    quint64 generation = 0; // changes each time the part is begun or resumed
+    bool isStoring = false; // it is being put into the inbox: no session may hold it
     std::weak_ptr<PartHolding> holder;
 };
 
-// One session's hold on a part. Another session may take it away.
+// A session's hold on a part. Another session may take the part over.
 struct PartHolding
 {
     Part part;
@@ -52,7 +52,7 @@ struct PartId
     quint64 id = 0;
 };
 
-// Not locked: the inbox that owns it does that.
+// Not thread-safe: the inbox that owns it locks it.
 class Parts
 {
 public:
@@ -64,29 +64,29 @@ public:
     [[nodiscard]] const Part* find(const PartId& id) const;
     [[nodiscard]] std::vector<PartId> of(const Peer& peer) const; // without those being stored
     [[nodiscard]] std::vector<PartId> storing(const Peer& peer) const;
-    // One that is held counts as it is announced.
+    // A part that is held counts with the size that was announced.
     [[nodiscard]] QVector<Counted> countedWithout(const std::vector<PartId>& without) const;
-    [[nodiscard]] qint64 promisedBytes() const; // that those who hold parts have yet to write
+    [[nodiscard]] qint64 promisedBytes() const; // that sessions have yet to write to the parts they hold
 
     void insert(const Part& part);
     void forget(const PartId& id);
     void setStoring(const PartId& id, bool isStoring);
 
-    // A directory, an empty file and a record of what was announced. An error text, or empty.
+    // Makes a directory, an empty file and a record of what was announced. An error text, or empty.
     QString create(const Peer& sender, const OfferFrame& offer);
 
-    // Takes it from whoever holds it and removes it from the disk.
+    // Takes the part from the session that holds it and removes it from the disk.
     QString drop(const PartId& id);
 
-    // The oldest of those that nobody holds.
+    // The oldest part that no session holds.
     [[nodiscard]] std::vector<PartId> idle(const QString& shareKey) const;
     [[nodiscard]] Share shareOf(const PartId& id) const;
     void dropOldest(const Peer& peer, int keep);
 
-    // The part's file, for writing behind its first length bytes. Fails when it is shorter.
+    // Opens the part's file for writing after its first length bytes. Fails when it is shorter.
     QString hold(const PartId& id, qint64 length, std::shared_ptr<PartHolding>* holding);
 
-    // For reading back, from its beginning.
+    // Opens it for reading, from its beginning.
     QString open(const PartId& id, QFile* file) const;
 
     [[nodiscard]] QString pathOf(const Part& part) const { return m_dir.absoluteFilePath(part.key); }

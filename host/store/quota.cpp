@@ -23,7 +23,7 @@ qint64 changeTimeNs(const struct stat& facts)
     return static_cast<qint64>(facts.st_ctim.tv_sec) * 1000000000 + facts.st_ctim.tv_nsec;
 }
 
-// The files of one directory; what stands below is not ours and not counted.
+// The files of one directory. Directories in it are not ours and are not counted.
 Share shareOf(const QString& path)
 {
     Share share;
@@ -39,7 +39,7 @@ Share shareOf(const QString& path)
             ::fstatat(::dirfd(entries), name.constData(), &facts, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         ++share.inodes;
-        if (S_ISREG(facts.st_mode) && !name.startsWith('.')) // not the record: small, and known to be an inode
+        if (S_ISREG(facts.st_mode) && !name.startsWith('.')) // the small record counts as an inode only
             share.bytes += facts.st_size;
     }
     ::closedir(entries);
@@ -50,7 +50,8 @@ Counted countOf(const QString& path)
 {
     const MessageRecord record = MessageRecord::fromJson(loadRecord(path + QLatin1Char('/') + messageRecordName));
     Counted counted;
-    counted.shareKey = record.id == 0 ? QString() : shareKey(record.sender); // nobody's: counts in all alone
+    counted.shareKey =
+        record.id == 0 ? QString() : shareKey(record.sender); // from an unknown peer: counts only in the total
     counted.abonent = record.sender.abonent;
     counted.used = shareOf(path);
     return counted;
@@ -89,7 +90,8 @@ void DirectoryCount::count(const QString& name, QHash<QString, Entry>* entries) 
         return;
     const qint64 changedNs = changeTimeNs(facts);
     const auto known = m_entries.constFind(name);
-    // File systems tell times in steps: what was counted soon after a change may have changed again.
+    // The times of a file system have a step: a directory that was counted soon after a change may have
+    // changed again with the same time.
     const bool isKnown =
         known != m_entries.constEnd() && known->changedNs == changedNs && known->countedNs - changedNs > clockStepNs;
     entries->insert(name,

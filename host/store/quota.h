@@ -1,6 +1,6 @@
-// How much of the disk messages that arrive may take: for each abonent, for all callers that
-// are not proved together, and in all. Counted is what stands in the inbox and what is being
-// received; what the user takes out of the inbox is free again.
+// How much of the disk arriving messages may take: for each abonent, for all callers that are not
+// proved together, and in total. What is in the inbox and what is being received counts; when the user
+// takes a message out of the inbox, its room is free again.
 #pragma once
 
 #include "host/session/peer.h"
@@ -17,12 +17,12 @@ namespace host {
 
 struct Share
 {
-    qint64 bytes = 0; // of contents
+    qint64 bytes = 0; // of the contents
     qint64 messages = 0;
     qint64 inodes = 0; // files and directories
 };
 
-// What a message adds beside its bytes: directory, content, record.
+// What a message takes besides its bytes: directory, content, record.
 constexpr qint64 inodesOfMessage = 3;
 
 struct InboxLimits
@@ -31,14 +31,14 @@ struct InboxLimits
     qint64 keepFreeBytes = 16 * 1024 * 1024; // of the volume
     qint64 keepFreeInodes = 1000; // of the volume
     Share ofAbonent{Q_INT64_C(8) << 30, 10000, 40000};
-    Share ofUnproved{16 * 1024 * 1024, 50, 200}; // all of them together
+    Share ofUnproved{16 * 1024 * 1024, 50, 200}; // of all callers that are not proved together
     Share ofAll{Q_INT64_C(32) << 30, 50000, 200000};
-    int maxPartsOfAbonent = 16; // of an unproved peer, too; the oldest give way
-    int partDays = 30; // untouched parts are removed at the start
-    int strangersCountMs = 5000; // before a caller that is not proved makes the inbox be counted again
+    int maxPartsOfAbonent = 16; // also of an unproved peer; for a new one the oldest is dropped
+    int partDays = 30; // parts that were not changed for so long are removed at the start
+    int strangersCountMs = 5000; // offers of unproved callers make the inbox be counted at most so often
 };
 
-// For those who are shown it.
+// What users are shown.
 struct InboxUsage
 {
     struct AbonentShare
@@ -54,7 +54,7 @@ struct InboxUsage
     VolumeRoom room;
 };
 
-// Whose share something counts in: an abonent's key, or unprovedPool.
+// The share in which a peer's messages count: an abonent's key, or unprovedPool.
 [[nodiscard]] QString shareKey(const Peer& peer);
 extern const QString unprovedPool;
 
@@ -65,14 +65,14 @@ struct Counted
     Share used;
 };
 
-// What each directory of a directory of messages takes. Counts again only what has changed.
+// What each directory in a directory of messages takes. Counts only changed ones again.
 class DirectoryCount
 {
 public:
     explicit DirectoryCount(const QDir& dir) : m_dir(dir) {}
 
     void refresh();
-    void add(const QString& name); // of one directory that has come
+    void add(const QString& name); // a directory that is new
     [[nodiscard]] bool isOlderThan(int ms) const { return !m_sinceRefresh.isValid() || m_sinceRefresh.hasExpired(ms); }
     [[nodiscard]] QVector<Counted> entries() const;
 

@@ -14,11 +14,11 @@ namespace host {
 
 namespace {
 
-// Settled entries are of no more use unless a sender is set back to an old backup.
+// Settled entries are only needed if a sender returns to an old backup.
 constexpr int keptSettled = 1000; // of each peer; of all that are not proved together
 constexpr int maxNeedlessLines = 10000;
 
-// Those who are not proved have as many keys as they like.
+// An unproved peer can make as many keys as it likes.
 QString sharedBy(const QString& peerKey)
 {
     return peerKey.startsWith(unprovedPool) ? unprovedPool : peerKey;
@@ -185,7 +185,7 @@ void ReceivedList::settle(const QString& peerKey, const QVector<quint64>& ids)
         lines += line('s', peerKey, id);
     }
     if (!lines.isEmpty())
-        (void)append(lines, false); // a lost line is settled again in the next session
+        (void)append(lines, false); // a lost line is written again after the next session
     if (m_linesInFile > m_entries.size() + maxNeedlessLines)
         (void)rewrite();
 }
@@ -198,7 +198,7 @@ QString ReceivedList::openForAppending(QFile* file) const
     return directory.isOpen() ? directory.openForWriting(info.fileName(), file) : error;
 }
 
-// *isLeft: failing, it may stand there all the same.
+// *isLeft: it failed, and yet the entry may be in the file.
 QString ReceivedList::append(const QByteArray& lines, bool sync, bool* isLeft)
 {
     const QFileInfo info(m_path);
@@ -218,7 +218,7 @@ QString ReceivedList::append(const QByteArray& lines, bool sync, bool* isLeft)
     else if (sync)
         error = syncFile(&file);
     if (!error.isEmpty()) {
-        // A torn line would swallow the beginning of the next one.
+        // Otherwise the beginning of the next line would be joined to the cut one.
         const bool isUndone = file.resize(size);
         if (isLeft)
             *isLeft = !isUndone;

@@ -1,12 +1,12 @@
-// Which messages were received: so that one that is sent again, because its acknowledgement
-// was lost, is acknowledged and not stored twice.
+// Which messages were received. A message that is sent again because its acknowledgement was lost is
+// acknowledged again, and not stored twice.
 //
 // A text file that is appended to, one line an entry:
 //   + <id> <sha256> <peer's key>   stored
 //   - <id> <peer's key>            not stored after all
 //   s <id> <peer's key>            the sender knows: it will not come again
-// Without a key (as it was written once): of whatever peer.
-// A line without its end was torn by a crash and does not count.
+// An entry without a key (from an earlier version) counts for any peer. A line without its end was
+// cut off by a crash and does not count.
 #pragma once
 
 #include <QByteArray>
@@ -19,26 +19,27 @@
 
 namespace host {
 
-// Not locked: the store that owns it does that.
+// Not thread-safe: the store that owns it locks it.
 class ReceivedList
 {
 public:
     explicit ReceivedList(const QString& path) : m_path(path) {}
 
-    // Reads the file and writes it anew without what is no longer needed. An error text,
-    // empty on success (a file that does not exist is empty).
+    // Reads the file and rewrites it without entries that are no longer needed. An error text, empty
+    // on success (a file that does not exist counts as empty).
     QString load();
 
     [[nodiscard]] bool contains(const QString& peerKey, quint64 id, const QByteArray& sha256) const;
     [[nodiscard]] QVector<quint64> unsettled(const QString& peerKey) const;
 
-    // On the disk when they return without an error text. Where an entry can neither be kept out of
-    // the file nor be taken back, it is in doubt: it does not count here, and would at the next start.
+    // Synced to the disk when they return no error text. If writing fails and the entry cannot be
+    // removed from the file either, it is in doubt: it does not count in this process, but would count
+    // after the next start.
     QString add(const QString& peerKey, quint64 id, const QByteArray& sha256);
     QString takeBack(const QString& peerKey, quint64 id);
     [[nodiscard]] bool isInDoubt(const QString& peerKey, quint64 id) const { return m_inDoubt.contains({peerKey, id}); }
 
-    // Not synced: what gets lost is settled again.
+    // Not synced: an entry that gets lost is written again after the next session.
     void settle(const QString& peerKey, const QVector<quint64>& ids);
 
 private:

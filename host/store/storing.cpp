@@ -18,7 +18,8 @@ QString syncContent(PartHolding* holding, const OfferFrame& offer)
         return QStringLiteral("another call has taken the message over");
     if (offer.modifiedSecs > 0)
         holding->file.setFileTime(QDateTime::fromSecsSinceEpoch(offer.modifiedSecs), QFileDevice::FileModificationTime);
-    // Of the open file: its name might lead elsewhere by now. A file system without modes refuses.
+    // Through the open file, since its name might lead elsewhere by now. Fails on a file system without
+    // modes.
     (void)holding->file.setPermissions(QFileDevice::Permissions(CSettings().filePermissions()));
     const QString error = syncFile(&holding->file);
     holding->file.close();
@@ -26,7 +27,7 @@ QString syncContent(PartHolding* holding, const OfferFrame& offer)
     return error.isEmpty() ? error : QStringLiteral("cannot write %1: %2").arg(holding->path, error);
 }
 
-// The directory itself was found to be no link.
+// It is known that the directory itself is no link.
 QString saveVerified(const PartHolding& holding, const OpenDirectory& directory, const OfferFrame& offer,
                      bool isVerified)
 {
@@ -58,7 +59,7 @@ void markUnverified(const PartHolding& holding, const QDir& incompleteDir, const
     QString error;
     const OpenDirectory directory = OpenDirectory::at(incompleteDir.absoluteFilePath(holding.part.key), &error);
     if (directory.isOpen())
-        (void)saveVerified(holding, directory, offer, false); // failing, the next start completes it
+        (void)saveVerified(holding, directory, offer, false); // if that fails, the next start stores the message
 }
 
 QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& inputDir, ReceivedList* received,
@@ -77,10 +78,10 @@ QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& i
     if (error.isEmpty())
         error = from.moveDirectory(part.key, to, name);
     if (!error.isEmpty()) {
-        (void)received->takeBack(key, part.id); // also one of an earlier run: the message is not there
+        (void)received->takeBack(key, part.id); // also an entry of an earlier run: the message is not in the inbox
         return error;
     }
-    // Failing, the message is in the inbox all the same, until power fails.
+    // If this fails, the message is in the inbox all the same, unless power fails soon.
     (void)to.sync();
     (void)from.sync();
     *place = to.pathOf(name) + QLatin1Char('/') + part.contentName;

@@ -1,5 +1,5 @@
-// The steps by which a whole part becomes a message of the inbox. Any of them can be the last
-// before a crash; from the record on, the next start completes them.
+// The steps by which a whole part becomes a message of the inbox. A crash may come after any of them;
+// once the record is written, the next start completes the steps.
 #pragma once
 
 #include "host/session/sessionframes.h"
@@ -13,16 +13,16 @@ namespace host {
 
 // Each answers an error text, empty on success.
 
-// Content and record on the disk, the record marked as verified, the names of both and of
-// their directory too. Slow, and touches nothing but the part: call it without locks, with
-// the part being stored, so that nobody else has it.
+// Syncs the content, the record marked as verified, their names and that of their directory. It is slow
+// and touches only the part: call it without locks, with the part marked as being stored, so that no
+// session holds it.
 [[nodiscard]] QString makeDurable(PartHolding* holding, const QDir& incompleteDir, const OfferFrame& offer);
 
-// The opposite for the record: the message was not received after all.
+// Takes the mark off the record: the message was not received after all.
 void markUnverified(const PartHolding& holding, const QDir& incompleteDir, const OfferFrame& offer);
 
-// Entry in the list, directory moved. *place: of the file. Failing, the entry is taken back, or is
-// in doubt.
+// Adds the entry to the list and moves the directory. *place: where the file is. If it fails, the entry
+// is taken back, or is in doubt (see ReceivedList).
 [[nodiscard]] QString moveIntoInbox(const Part& part, const QDir& incompleteDir, const QDir& inputDir,
                                     ReceivedList* received, QString* place);
 

@@ -1,4 +1,4 @@
-// What the file system under a directory has left.
+// How much room is left on the file system of a directory.
 #pragma once
 
 #include <QString>
@@ -11,7 +11,7 @@ struct VolumeRoom
     qint64 freeInodes = -1; // -1: not known, or the file system does not count them
 };
 
-// Cheap: asked again and again while a file is written.
+// Fast: it is called often while a file is written.
 [[nodiscard]] VolumeRoom volumeRoom(const QString& directory);
 
 } // namespace host

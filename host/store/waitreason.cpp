@@ -6,7 +6,7 @@ namespace {
 
 using Kind = WaitReason::Kind;
 
-// As they stand in files: never change one.
+// These words are in files: never change one.
 const struct
 {
     Kind kind;
@@ -23,7 +23,7 @@ const QString callsKey = QStringLiteral("calls");
 const QString textKey = QStringLiteral("text");
 const QString pinnedKey = QStringLiteral("pinned");
 const QString answeredKey = QStringLiteral("answered");
-const QString sentenceKey = QStringLiteral("reason"); // of earlier versions
+const QString sentenceKey = QStringLiteral("reason"); // written by earlier versions
 
 void put(QJsonObject* record, const QString& key, const QString& text)
 {

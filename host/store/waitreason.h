@@ -1,5 +1,5 @@
-// Why a message still waits in the queue: a value, which is stored and compared; it becomes a
-// sentence only where somebody reads it.
+// Why a message still waits in the queue. It is a value that is stored and compared; only for a reader
+// it becomes a sentence.
 #pragma once
 
 #include <QJsonObject>
@@ -11,17 +11,17 @@ struct WaitReason
 {
     enum class Kind
     {
-        NotTried, // or everything is in order and its turn comes
+        NotTried, // not called yet, or it will be sent soon
         NoNumber, // the abonent is not known here
         NumberDamaged, // text: what is wrong with its addressing data
         Blocked, // the abonent is blocked here
         NoCalls, // this host was told to place none
         NoModem,
-        CallsFailed, // calls: in a row; text: the channel's or the session's word for the last one
+        CallsFailed, // calls: how many in a row; text: why the last one failed
         BrokenOff, // text: how the last session ended
         KeyChanged, // pinned, answered: fingerprints
-        Refused, // text: the peer's word
-        CopyAtFault, // text: what is wrong with the copy in the queue
+        Refused, // text: what the peer said
+        CopyAtFault, // text: what is wrong with our copy in the queue
         Other, // text: a sentence
     };
 
@@ -31,16 +31,16 @@ struct WaitReason
     QString pinned;
     QString answered;
 
-    // About this one message, whatever else is known of its abonent.
+    // Whether the reason is about this one message and not about its abonent.
     [[nodiscard]] bool isOfTheMessage() const { return kind == Kind::Refused || kind == Kind::CopyAtFault; }
 
-    // For the user: why, and what can be done about it. May hold what came from the peer.
+    // For the user: the reason, and what to do about it. May contain text from the peer.
     [[nodiscard]] QString sentence(const QString& abonent) const;
 
     // One word that programs can compare.
     [[nodiscard]] QString word() const;
 
-    // As it is kept; what earlier versions kept, a sentence, reads as Other.
+    // As it is stored. Earlier versions stored a sentence, which is read as Other.
     [[nodiscard]] QJsonObject toJson() const;
     [[nodiscard]] static WaitReason fromJson(const QJsonObject& record);
 
