@@ -2,8 +2,9 @@
 #   runtime      bin/channelPlugins/: the plug-in, where hosts in bin/ look for it
 #   programs     the reference host, transport-tune, the telephone exchange, and the library that gives
 #                its ptys modem lines in a program that preloads it
-#   development  headers, the two static libraries that hosts share with the plug-in, and
-#                the CMake package transportCom (find_package(transportCom))
+#   development  headers, the static libraries that hosts share with the plug-in (the interfaces,
+#                the channel's records, the common library), and the CMake package transportCom
+#                (find_package(transportCom))
 
 include(CMakePackageConfigHelpers)
 
@@ -21,7 +22,7 @@ install(TARGETS transport-host transport-tune phone-exchange ptylines-preload
         DESTINATION ${CMAKE_INSTALL_LIBDIR}
         COMPONENT programs)
 
-install(TARGETS channelapi common
+install(TARGETS channelapi comformats common
     EXPORT transportComTargets
     ARCHIVE
         DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -51,6 +52,10 @@ foreach(header IN ITEMS
         DESTINATION ${transport_headers_dir}/plugin
         COMPONENT development)
 endforeach()
+install(DIRECTORY com/formats/
+    DESTINATION ${transport_headers_dir}/com/formats
+    COMPONENT development
+    FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY common/
     DESTINATION ${transport_headers_dir}/common
     COMPONENT development

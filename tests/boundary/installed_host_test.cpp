@@ -55,6 +55,20 @@ QStringList headersIn(const QString& directory)
     return QDir(directory).entryList({QStringLiteral("*.h")}, QDir::Files, QDir::Name);
 }
 
+// One enabled port whose device does not exist; all other fields of a new record.
+const QByteArray settingsOfOnePort = QByteArrayLiteral("00000003"
+                                                       "00000001"
+                                                       "00000400"
+                                                       "01"
+                                                       "00000008"
+                                                       "006e006f006e0065" // "none"
+                                                       "ffffffff"
+                                                       "ffffffff"
+                                                       "ffffffff"
+                                                       "ffffffff"
+                                                       "ffffffff"
+                                                       "ffffffff");
+
 class InstalledHost : public testing::Test
 {
 protected:
@@ -92,29 +106,18 @@ protected:
         const Outcome placed = runCMake({QStringLiteral("--install"), hostBuild, QStringLiteral("--prefix"), prefix});
         ASSERT_EQ(placed.exitCode, 0) << placed.output.toStdString();
 
-        // One enabled port whose device does not exist; all other fields of a new record.
         ASSERT_TRUE(QDir().mkpath(prefix + QStringLiteral("/settings")));
         QFile settings(prefix + QStringLiteral("/settings/channelCom.conf"));
         ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
-        settings.write(QByteArray::fromHex("00000003"
-                                           "00000001"
-                                           "00000400"
-                                           "01"
-                                           "00000008"
-                                           "006E006F006E0065" // "none"
-                                           "FFFFFFFF"
-                                           "FFFFFFFF"
-                                           "FFFFFFFF"
-                                           "FFFFFFFF"
-                                           "FFFFFFFF"
-                                           "FFFFFFFF"));
+        settings.write(QByteArray::fromHex(settingsOfOnePort));
         settings.close();
 
         const Outcome ran = runProgram(prefix + QStringLiteral("/bin/installed-host"), {});
         EXPECT_EQ(ran.exitCode, 0) << ran.output.toStdString();
         const QStringList lines = ran.output.split(QLatin1Char('\n'));
-        // In this order; what the port reports of itself stands between.
-        const QStringList expected{QStringLiteral("version 16"),
+        // In this order; between them are the reports of the port.
+        const QStringList expected{QStringLiteral("settings ") + QString::fromLatin1(settingsOfOnePort),
+                                   QStringLiteral("version 16"),
                                    QStringLiteral("channel 2 Коммутируемый канал"),
                                    QStringLiteral("journal 0 Коммутируемый канал: Запуск"),
                                    QStringLiteral("state 7 Работает"),
@@ -159,10 +162,11 @@ TEST_F(InstalledHost, ProgramsRunWhereTheyAreInstalled)
     }
 }
 
-TEST_F(InstalledHost, DevelopmentHasEveryHeaderOfBothRooms)
+TEST_F(InstalledHost, DevelopmentHasEveryHeaderOfItsRooms)
 {
     ASSERT_NO_FATAL_FAILURE(install(QStringLiteral("development")));
-    for (const QString& room : {QStringLiteral("plugin/api"), QStringLiteral("common")}) {
+    for (const QString& room :
+         {QStringLiteral("plugin/api"), QStringLiteral("com/formats"), QStringLiteral("common")}) {
         const QStringList headers = headersIn(QStringLiteral(SOURCE_DIR "/") + room);
         EXPECT_EQ(filesIn(prefix + QStringLiteral("/include/transportCom/") + room), headers);
         EXPECT_FALSE(headers.isEmpty());

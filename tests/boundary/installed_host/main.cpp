@@ -1,5 +1,7 @@
 // The least a host does with the plug-in: load it, check its version, share the log,
-// start the channel in a thread of its own, stop it and give everything back.
+// start the channel in a thread of its own, stop it and give everything back. It also makes the
+// channel's settings as a host does that lets its user edit them.
+#include "com/formats/ccomsettings.h"
 #include "common/logger.h"
 #ifdef INCLUDES_OF_1_0
 // In the installed tree alone.
@@ -69,6 +71,16 @@ public:
     CAbstractProtocol* createProtocol(CChannel* channel) override { return new CAbstractProtocol(channel); }
 };
 
+QByteArray settingsOfOnePort()
+{
+    ComPortSettings port;
+    port.enabled = true;
+    port.portName = QStringLiteral("none");
+    ChannelComSettings settings;
+    settings.ports.append(port);
+    return settings.toByteArray();
+}
+
 template <typename Function>
 Function resolve(QLibrary& library, const char* name)
 {
@@ -83,6 +95,7 @@ Function resolve(QLibrary& library, const char* name)
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
+    say(QStringLiteral("settings ") + QString::fromLatin1(settingsOfOnePort().toHex()));
     QLibrary library(QCoreApplication::applicationDirPath() + QStringLiteral("/channelPlugins/libtransportCom.so.1"));
     if (!library.load()) {
         say(library.errorString());
