@@ -51,6 +51,12 @@ const char usageText[] =
     "                    (default any)\n"
     "  --pause MS        a host does nothing for so long now and then, as on a busy\n"
     "                    machine (every 10 s on average; default 0: never)\n"
+    "  --modem B         a modem with a buffer of so many bytes behind the port (default 0: none)\n"
+    "  --port-share X    the port's rate, in rates of the line (default 1; with --modem)\n"
+    "  --no-flow-control what is too much for the modem is lost (with --modem)\n"
+    "  --hides           drivers tell nothing of what they have still to send\n"
+    "  --way-back X      the rate of the other way, in rates of the line (default 1)\n"
+    "  --retrain MS      modems carry nothing for so long now and then (every 20 s on average)\n"
     "  --seconds S       length of each transfer on a line without loss (default 60)\n"
     "  --seeds N         runs of each point, from seeds 1 to N; the mean counts (default 1)\n"
     "  --points          read points from the standard input instead, a line each:\n"
@@ -67,11 +73,33 @@ struct Options
     double seconds = 60;
     int pauseMs = 0;
     int adaptiveEnds = 0;
+    measure::Course hazards; // what the line and its modems are like beyond the grid
     int seeds = 1;
     int jobs = 2;
 };
 
 constexpr double mostBytes = 1e9; // of a file, which is held in memory more than once
+
+bool takeHazard(const std::string& name, soak::CommandLine& line, measure::Course* hazards)
+{
+    constexpr int mostModemBytes = 1 << 20;
+    constexpr int mostMs = 600000;
+    if (name == "--modem")
+        hazards->modemBytes = soak::wholeNumber(line.value(), 0, mostModemBytes);
+    else if (name == "--port-share")
+        hazards->portShare = soak::number(line.value());
+    else if (name == "--no-flow-control")
+        hazards->flowControl = false;
+    else if (name == "--hides")
+        hazards->hidesOutput = true;
+    else if (name == "--way-back")
+        hazards->wayBackShare = soak::number(line.value());
+    else if (name == "--retrain")
+        hazards->retrainMs = soak::wholeNumber(line.value(), 0, mostMs);
+    else
+        return false;
+    return true;
+}
 
 Options readOptions(int argc, char** argv)
 {
@@ -79,7 +107,7 @@ Options readOptions(int argc, char** argv)
     rig::CommandLine line(argc, argv, usageText);
     while (line.next()) {
         const std::string& name = line.option();
-        if (options.grid.takeOption(line))
+        if (options.grid.takeOption(line) || takeHazard(name, line, &options.hazards))
             continue;
         if (name == "--points") {
             options.points = true;
@@ -128,8 +156,10 @@ std::string runText(const Point& point, const Options& options, int seed)
     text << point.line.rate << ' ' << point.line.delayMs << ' ' << point.line.bitErrorRate << ' '
          << point.line.bufferBytes << ' ' << p.packetSize << ' ' << p.maxBytesToWrite << ' ' << p.maxBytesInQueue << ' '
          << p.resendIntervalMs << ' ' << p.confirmationIntervalMs << ' ' << point.bothWays << ' '
-         << options.wakesWhenLow << ' ' << options.pauseMs << ' ' << options.adaptiveEnds << ' ' << options.seconds
-         << ' ' << seed;
+         << options.wakesWhenLow << ' ' << options.pauseMs << ' ' << options.adaptiveEnds << ' '
+         << options.hazards.modemBytes << ' ' << options.hazards.portShare << ' ' << options.hazards.flowControl << ' '
+         << options.hazards.hidesOutput << ' ' << options.hazards.wayBackShare << ' ' << options.hazards.retrainMs
+         << ' ' << options.seconds << ' ' << seed;
     return text.str();
 }
 
@@ -144,7 +174,8 @@ int runHere(const std::string& text)
     words >> course.line.rate >> course.line.delayMs >> course.line.bitErrorRate >> course.line.bufferBytes >>
         profile.packetSize >> profile.maxBytesToWrite >> profile.maxBytesInQueue >> profile.resendIntervalMs >>
         profile.confirmationIntervalMs >> bothWays >> course.wakesWhenLow >> course.pauseMs >> adaptiveEnds >>
-        seconds >> course.seed;
+        course.modemBytes >> course.portShare >> course.flowControl >> course.hidesOutput >> course.wayBackShare >>
+        course.retrainMs >> seconds >> course.seed;
     if (!words)
         rig::fail("not a run: " + text);
     course.adaptive = {adaptiveEnds > 0, adaptiveEnds > 1};

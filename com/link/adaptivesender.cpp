@@ -18,7 +18,9 @@ constexpr qint64 passWorkUs = 20 * usPerMs;
 
 constexpr double queueGain = 1.5;
 constexpr int packetsOfQueue = 8; // at the least
-constexpr int packetsUnderWay = 4; // at the least
+
+constexpr int packetsUnderWay = 3; // beyond what rate and round trip make
+constexpr double fasterPort = 1.3; // than the line, if it is no mistake of measuring
 
 constexpr int timeoutsOfLastResort = 4;
 
@@ -124,13 +126,13 @@ AdaptiveSender::Step AdaptiveSender::next(const Queue& queue, qint64 nowUs, qint
     Step step = probe(view, nowUs);
     if (step.kind != Step::Nothing || !hasRoom(pendingBytes))
         return step;
-    step = repeatLost(view, nowUs, pendingBytes);
+    step = repeatLost(view, nowUs);
     if (step.kind == Step::Nothing)
         step = repeatAll(view, nowUs);
     if (step.kind == Step::Nothing)
         step = repeatOverdue(view, nowUs);
     if (step.kind == Step::Nothing)
-        step = sendNew(view, nowUs, pendingBytes);
+        step = sendNew(view, nowUs);
     if (step.kind == Step::Nothing && m_needsFollower && pendingBytes == 0 && view.maySendEmpty())
         step = {Step::SendEmpty, 0, false};
     return step;
@@ -154,7 +156,7 @@ void AdaptiveSender::sent(const Step& step, quint8 number, int wireBytes)
 // last is ahead of what the peer expects, fills in or moves on what it holds, and leaves no copy
 // behind that the peer's stream has passed. Between two batches goes something new, so that the
 // first of the second does not meet what the last of the first has left.
-AdaptiveSender::Step AdaptiveSender::repeatLost(const View& view, qint64 nowUs, qint64 pendingBytes)
+AdaptiveSender::Step AdaptiveSender::repeatLost(const View& view, qint64 nowUs)
 {
     const auto isToRepeat = [this](quint8 number) {
         return m_transmissions.of(number).isOut && m_transmissions.of(number).isLost;
@@ -169,7 +171,7 @@ AdaptiveSender::Step AdaptiveSender::repeatLost(const View& view, qint64 nowUs, 
         }
         begins = !m_lost.isEmpty();
     }
-    if (m_lost.isEmpty() || !mayBeUnderWay(m_transmissions.of(m_lost.last()).wireBytes, nowUs, pendingBytes))
+    if (m_lost.isEmpty() || !mayBeUnderWay(nowUs))
         return {};
     if (begins && m_wasRepeat) {
         if (view.hasUnsent() && view.isWithinLimit(view.nextNew().number))
@@ -206,10 +208,9 @@ AdaptiveSender::Step AdaptiveSender::repeatOverdue(const View& view, qint64 nowU
     return {};
 }
 
-AdaptiveSender::Step AdaptiveSender::sendNew(const View& view, qint64 nowUs, qint64 pendingBytes) const
+AdaptiveSender::Step AdaptiveSender::sendNew(const View& view, qint64 nowUs) const
 {
-    if (!view.hasUnsent() || !view.isWithinLimit(view.nextNew().number) ||
-        !mayBeUnderWay(view.nextNew().bytes.size(), nowUs, pendingBytes))
+    if (!view.hasUnsent() || !view.isWithinLimit(view.nextNew().number) || !mayBeUnderWay(nowUs))
         return {};
     return {Step::SendNew, 0, false};
 }
@@ -248,16 +249,21 @@ bool AdaptiveSender::hasRoom(qint64 pendingBytes) const
     return static_cast<double>(pendingBytes) <= bytesPerS * static_cast<double>(paceUs) / usPerS;
 }
 
-// Whether so many bytes more may be on their way.
-bool AdaptiveSender::mayBeUnderWay(int wireBytes, qint64 nowUs, qint64 pendingBytes) const
+// Whether what has left the port, and is not confirmed, leaves room for more behind it.
+bool AdaptiveSender::mayBeUnderWay(qint64 nowUs) const
 {
-    const qint64 underWay = m_transmissions.underWayBytes() + pendingBytes;
-    if (underWay == 0)
-        return true;
     double most = m_settings.maxBytesInQueue;
-    if (m_delivery.isMeasured())
-        most = m_delivery.mostUnderWay(slackUs(), nowUs) + packetsUnderWay * packetBytes();
-    return static_cast<double>(underWay + wireBytes) <= most;
+    if (m_delivery.isMeasured()) {
+        most = m_delivery.mostUnderWay(slackUs(), hidesQueue(), nowUs) + packetsUnderWay * packetBytes();
+    }
+    return static_cast<double>(m_transmissions.underWayBytes()) <= most;
+}
+
+// Whether a queue may grow where the driver does not show it: in a modem behind a faster port, or in
+// a driver that tells nothing.
+bool AdaptiveSender::hidesQueue() const
+{
+    return !m_drain.isMeasured() || m_drain.fastestBytesPerS() > fasterPort * m_delivery.bytesPerS();
 }
 
 int AdaptiveSender::packetBytes() const

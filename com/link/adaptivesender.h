@@ -76,13 +76,14 @@ private:
 
     void takeSamples(const QVector<Transmissions::Packet>& packets, qint64 nowUs);
     void takeLosses();
-    Step repeatLost(const View& view, qint64 nowUs, qint64 pendingBytes);
+    Step repeatLost(const View& view, qint64 nowUs);
     Step repeatAll(const View& view, qint64 nowUs);
     Step repeatOverdue(const View& view, qint64 nowUs) const;
-    Step sendNew(const View& view, qint64 nowUs, qint64 pendingBytes) const;
+    Step sendNew(const View& view, qint64 nowUs) const;
     Step probe(const View& view, qint64 nowUs);
     bool hasRoom(qint64 pendingBytes) const;
-    bool mayBeUnderWay(int wireBytes, qint64 nowUs, qint64 pendingBytes) const;
+    bool mayBeUnderWay(qint64 nowUs) const;
+    bool hidesQueue() const;
     qint64 slackUs() const;
     qint64 timeoutUs() const;
     double lineBytesPerS() const;

@@ -8,8 +8,18 @@ namespace {
 constexpr double usPerS = 1e6;
 constexpr qint64 never = std::numeric_limits<qint64>::max();
 
-// Twice what the line and the way back need: the rate shows itself only if something waits.
-constexpr double underWayGain = 2;
+// What may be under way, in what the line and the way back need. At first twice as much, so that
+// the rate that shows itself doubles with each round trip. Then, where a modem hides a queue, as
+// little more as still shows it when the line becomes faster. Where the driver shows all that
+// waits, the queue there is short, and this is to end only what nobody has thought of.
+constexpr double growingGain = 2;
+constexpr double hiddenGain = 1.25;
+constexpr double openGain = 8;
+
+// The line is full when so many round trips in a row have not made it faster by a quarter.
+constexpr double growth = 1.25;
+constexpr int roundTripsWithoutGrowth = 3;
+
 constexpr double drainGain = 0.5;
 
 // Confirmations that come this much later than the soonest ones: a queue is in their way.
@@ -35,11 +45,12 @@ void DeliveryRate::confirmed(const Start& packet, qint64 nowUs)
     takeRate(settledBytes * usPerS / static_cast<double>(tookUs), packet.hadMore, nowUs);
 }
 
-double DeliveryRate::mostUnderWay(qint64 slackUs, qint64 nowUs) const
+double DeliveryRate::mostUnderWay(qint64 slackUs, bool isHidden, qint64 nowUs) const
 {
-    if (nowUs < m_drainUntilUs)
+    if (isHidden && nowUs < m_drainUntilUs)
         return drainGain * bytesPerS() * static_cast<double>(m_leastUs) / usPerS;
-    return underWayGain * bytesPerS() * static_cast<double>(m_leastUs + slackUs) / usPerS;
+    const double steadyGain = isHidden ? hiddenGain : openGain;
+    return (m_isFull ? steadyGain : growingGain) * bytesPerS() * static_cast<double>(m_leastUs + slackUs) / usPerS;
 }
 
 void DeliveryRate::takeRate(double bytesPerS, bool hadMore, qint64 nowUs)
@@ -51,6 +62,19 @@ void DeliveryRate::takeRate(double bytesPerS, bool hadMore, qint64 nowUs)
     m_rates.push_back({nowUs, bytesPerS});
     while (m_rates.front().atUs < nowUs - epochUs)
         m_rates.pop_front();
+    if (hadMore && nowUs - m_growthLookedAtUs >= m_leastUs)
+        lookAtGrowth(nowUs);
+}
+
+void DeliveryRate::lookAtGrowth(qint64 nowUs)
+{
+    m_growthLookedAtUs = nowUs;
+    if (bytesPerS() >= growth * m_grownBytesPerS) {
+        m_grownBytesPerS = bytesPerS();
+        m_withoutGrowth = 0;
+    } else if (++m_withoutGrowth >= roundTripsWithoutGrowth) {
+        m_isFull = true;
+    }
 }
 
 // The least of two epochs counts. If all of an epoch was slower, a queue may have grown on the way:

@@ -38,8 +38,9 @@ public:
     qint64 leastRoundTripUs() const { return m_leastUs; }
 
     // How much may be on its way beyond the driver. slackUs: what the host's passes add to a round
-    // trip. Now and then it is little for a moment, so that a queue in the modem shows itself.
-    double mostUnderWay(qint64 slackUs, qint64 nowUs) const;
+    // trip. isHidden: a queue may have grown there; then it is now and then let run off, so that
+    // the round trip without it shows itself.
+    double mostUnderWay(qint64 slackUs, bool isHidden, qint64 nowUs) const;
 
 private:
     struct Rate
@@ -49,6 +50,7 @@ private:
     };
 
     void takeRate(double bytesPerS, bool hadMore, qint64 nowUs);
+    void lookAtGrowth(qint64 nowUs);
     void takeRoundTrip(qint64 roundTripUs, qint64 nowUs);
 
     qint64 m_settledBytes = 0;
@@ -59,4 +61,8 @@ private:
     qint64 m_leastOfEpochUs = 0;
     qint64 m_epochBeganUs = 0;
     qint64 m_drainUntilUs = 0;
+    bool m_isFull = false; // the line, since it does not get faster
+    double m_grownBytesPerS = 0;
+    int m_withoutGrowth = 0; // round trips
+    qint64 m_growthLookedAtUs = 0;
 };

@@ -35,6 +35,7 @@ void DrainRate::finishSample()
         m_bytesPerS = std::max(m_bytesPerS, sample);
     else
         m_bytesPerS += gain * (sample - m_bytesPerS);
+    m_fastest = std::max(m_fastest, sample);
     m_sampledUs = 0;
     m_sampledBytes = 0;
     m_hasRunDry = false;

@@ -15,11 +15,13 @@ public:
 
     bool isMeasured() const { return m_bytesPerS > 0; }
     double bytesPerS() const { return m_bytesPerS; }
+    double fastestBytesPerS() const { return m_fastest; } // of all samples: the port's own rate
 
 private:
     void finishSample();
 
     double m_bytesPerS = 0;
+    double m_fastest = 0;
     qint64 m_lastUs = 0;
     qint64 m_lastWritten = 0;
     qint64 m_lastPending = 0;

@@ -36,7 +36,8 @@ void Direction::Queue::clear()
 }
 
 Direction::Direction(const LineSettings& settings, std::uint64_t seed)
-    : m_settings(settings), m_rng(seed), m_pace(settings.bitsPerSecond)
+    : m_settings(settings), m_rng(seed), m_portPace(std::max(1, settings.portBitsPerSecond)),
+      m_pace(settings.bitsPerSecond)
 {
 }
 
@@ -52,15 +53,14 @@ void Direction::setFaults(const Faults& faults, std::int64_t now)
 void Direction::clear()
 {
     dropOutput();
+    m_modem.clear();
     m_underWay.clear();
     dropInput();
 }
 
 std::int64_t Direction::nextEventNs() const
 {
-    std::int64_t next = m_nextGarbageNs;
-    if (bytesToSend() > 0)
-        next = std::min<std::int64_t>(next, m_pace.throughNs(0));
+    std::int64_t next = std::min({m_nextGarbageNs, nextToModemNs(), nextToLineNs()});
     if (!m_underWay.isEmpty())
         next = std::min<std::int64_t>(next, m_underWay.nextArrivalNs());
     return next;
@@ -68,8 +68,12 @@ std::int64_t Direction::nextEventNs() const
 
 void Direction::advanceTo(std::int64_t now)
 {
-    while (bytesToSend() > 0 && m_pace.throughNs(0) <= now)
-        carryChunk();
+    while (std::min(nextToModemNs(), nextToLineNs()) <= now) {
+        if (nextToModemNs() < nextToLineNs())
+            moveToModem();
+        else
+            carryChunk();
+    }
     while (m_nextGarbageNs <= now) {
         ++m_faultsMade;
         m_underWay.launch(m_nextGarbageNs + m_settings.delayNs, garbage());
@@ -88,8 +92,9 @@ std::size_t Direction::send(const char* data, std::size_t size, std::int64_t now
     advanceTo(now);
     const std::size_t room = roomToSend();
     const std::size_t taken = std::min(room, size);
-    if (taken > 0 && bytesToSend() == 0 && m_pace.throughNs(0) < now)
-        m_pace.begin(now);
+    sim::Pace& pace = hasModem() ? m_portPace : m_pace;
+    if (taken > 0 && bytesToSend() == 0 && pace.throughNs(0) < now)
+        pace.begin(now);
     m_output.append(QByteArray(data, static_cast<int>(taken)));
     return taken;
 }
@@ -120,15 +125,54 @@ std::int64_t Direction::nextArrivalNs() const
 
 std::int64_t Direction::lastArrivalNs() const
 {
-    if (bytesToSend() > 0)
+    if (bytesToSend() > 0) // there is no modem where somebody asks
         return m_pace.throughNs(static_cast<qint64>(bytesToSend())) + m_settings.delayNs;
     return m_underWay.isEmpty() ? never : m_underWay.lastArrivalNs();
 }
 
-// A chunk leaves the driver when the line begins with it.
+void Direction::pauseUntil(std::int64_t ns)
+{
+    if (m_pace.throughNs(0) < ns)
+        m_pace.begin(ns);
+}
+
+std::int64_t Direction::nextToLineNs() const
+{
+    return carried().size() > 0 ? m_pace.throughNs(0) : never;
+}
+
+// With flow control: as soon as there is room.
+std::int64_t Direction::nextToModemNs() const
+{
+    if (!hasModem() || bytesToSend() == 0)
+        return never;
+    const bool isFull = m_modem.size() >= static_cast<std::size_t>(m_settings.modemBytes);
+    return isFull && m_settings.flowControl ? never : m_portPace.throughNs(0);
+}
+
+void Direction::moveToModem()
+{
+    const std::int64_t nowNs = m_portPace.throughNs(0);
+    const std::size_t room = static_cast<std::size_t>(m_settings.modemBytes) - m_modem.size();
+    std::size_t size = std::min(bytesToSend(), static_cast<std::size_t>(m_settings.chunkBytes));
+    if (m_settings.flowControl)
+        size = std::min(size, room);
+    const QByteArray bytes = m_output.take(size);
+    m_portPace.take(bytes.size());
+    if (m_modem.size() == 0 && m_pace.throughNs(0) < nowNs)
+        m_pace.begin(nowNs);
+    m_faultsMade += size > room;
+    m_modem.append(bytes.left(static_cast<int>(std::min(room, size))));
+}
+
+// A chunk leaves its queue when the line begins with it.
 void Direction::carryChunk()
 {
-    QByteArray bytes = m_output.take(std::min(bytesToSend(), static_cast<std::size_t>(m_settings.chunkBytes)));
+    const bool wasFull = hasModem() && m_modem.size() >= static_cast<std::size_t>(m_settings.modemBytes);
+    if (wasFull && m_settings.flowControl && m_portPace.throughNs(0) < m_pace.throughNs(0))
+        m_portPace.begin(m_pace.throughNs(0));
+    Queue& queue = carried();
+    QByteArray bytes = queue.take(std::min(queue.size(), static_cast<std::size_t>(m_settings.chunkBytes)));
     m_pace.take(bytes.size());
     m_bytesCarried += static_cast<std::uint64_t>(bytes.size());
     if (m_faults.silence) {

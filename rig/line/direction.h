@@ -41,6 +41,12 @@ struct LineSettings
     int driverDepth = 4096; // bytes the driver takes from a program
     bool wakesWhenLow = true; // a driver calls itself writable only when nearly empty
     int inputDepth = 65536; // bytes kept for a program that does not read; more is lost
+    bool hidesOutput = false; // a driver that says it has nothing left to send, whatever it has
+
+    // A modem between driver and line that keeps bytes of its own, behind a port of another rate.
+    int modemBytes = 0; // none: the port runs at the line's rate
+    int portBitsPerSecond = 0;
+    bool flowControl = true; // the port waits for room in the modem; without it what is too much is lost
 };
 
 class Direction
@@ -49,6 +55,8 @@ public:
     Direction(const LineSettings& settings, std::uint64_t seed);
 
     void setFaults(const Faults& faults, std::int64_t now);
+    // The modems agree on a rate anew: nothing is carried until then.
+    void pauseUntil(std::int64_t ns);
     // Of the faults, silence alone.
     void setSilent(bool silent) { m_faults.silence = silent; }
     // A hang-up: everything on its way is gone.
@@ -61,6 +69,7 @@ public:
     std::size_t send(const char* data, std::size_t size, std::int64_t now);
     bool takesMore() const;
     std::size_t bytesToSend() const { return m_output.size(); }
+    std::size_t bytesToldToSend() const { return m_settings.hidesOutput ? 0 : bytesToSend(); }
     std::size_t roomToSend() const { return static_cast<std::size_t>(m_settings.driverDepth) - bytesToSend(); }
     void dropOutput() { m_output.clear(); }
 
@@ -93,6 +102,12 @@ private:
         int m_taken = 0; // of them, from the front
     };
 
+    bool hasModem() const { return m_settings.modemBytes > 0; }
+    Queue& carried() { return hasModem() ? m_modem : m_output; }
+    const Queue& carried() const { return hasModem() ? m_modem : m_output; }
+    std::int64_t nextToModemNs() const;
+    std::int64_t nextToLineNs() const;
+    void moveToModem();
     void carryChunk();
     QByteArray garbage();
     void scheduleGarbage(std::int64_t from);
@@ -103,7 +118,9 @@ private:
     Faults m_faults;
     Rng m_rng;
     Queue m_output;
-    sim::Pace m_pace;
+    sim::Pace m_portPace; // from the driver into the modem
+    Queue m_modem;
+    sim::Pace m_pace; // of the line
     std::optional<sim::Noise> m_noise; // none: no bit errors
     sim::UnderWay m_underWay;
     Queue m_input;

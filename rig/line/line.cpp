@@ -6,8 +6,10 @@
 
 namespace rig {
 
-Line::Line(const LineSettings& settings, std::uint64_t seed)
-    : m_directions{Direction(settings, seed), Direction(settings, ~seed)}, m_ports{Port(this, 0), Port(this, 1)}
+Line::Line(const LineSettings& settings, std::uint64_t seed) : Line(std::array{settings, settings}, seed) {}
+
+Line::Line(const std::array<LineSettings, 2>& settings, std::uint64_t seed)
+    : m_directions{Direction(settings[0], seed), Direction(settings[1], ~seed)}, m_ports{Port(this, 0), Port(this, 1)}
 {
     for (int end = 0; end < 2; ++end)
         setDevice(path(end).c_str(), &m_ports[end]);

@@ -15,6 +15,8 @@ class Line : public World
 {
 public:
     Line(const LineSettings& settings, std::uint64_t seed);
+    // The settings of the direction that starts at each end.
+    Line(const std::array<LineSettings, 2>& settings, std::uint64_t seed);
     ~Line() override;
     Line(const Line&) = delete;
     Line& operator=(const Line&) = delete;
@@ -50,7 +52,7 @@ private:
         bool readable() const override { return in().bytesToReceive() > 0; }
         bool writable() const override { return out().takesMore(); }
         std::size_t bytesToRead() const override { return in().bytesToReceive(); }
-        std::size_t bytesToWrite() const override { return out().bytesToSend(); }
+        std::size_t bytesToWrite() const override { return out().bytesToldToSend(); }
         int modemLines() const override;
         void flushInput() override { in().dropInput(); }
         void flushOutput() override { out().dropOutput(); }

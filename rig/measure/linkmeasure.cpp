@@ -19,7 +19,7 @@
 #include <algorithm>
 #include <memory>
 
-namespace rig::measure {
+namespace measure {
 
 namespace {
 
@@ -30,6 +30,8 @@ using rig::nsPerS;
 constexpr int bitsPerByteOnLine = 10;
 
 constexpr std::int64_t meanBetweenPausesNs = 10 * nsPerS;
+
+constexpr std::int64_t meanBetweenRetrainsNs = 20 * nsPerS;
 
 // So slow that it will not end.
 constexpr double leastShare = 0.02;
@@ -105,10 +107,17 @@ private:
     bool m_wasOffered = false;
 };
 
-rig::LineSettings lineSettings(const Course& course)
+// Of the direction that starts at end.
+rig::LineSettings lineSettings(const Course& course, int end)
 {
     rig::LineSettings line;
     line.bitsPerSecond = course.line.rate;
+    if (end == 1)
+        line.bitsPerSecond = static_cast<int>(course.line.rate * course.wayBackShare);
+    line.hidesOutput = course.hidesOutput;
+    line.modemBytes = course.modemBytes;
+    line.portBitsPerSecond = static_cast<int>(line.bitsPerSecond * course.portShare);
+    line.flowControl = course.flowControl;
     line.delayNs = course.line.delayMs * nsPerMs;
     line.chunkBytes = std::max(1, course.line.rate / 10 / 1000); // a millisecond's
     line.driverDepth = course.line.bufferBytes;
@@ -137,8 +146,8 @@ class Run
 {
 public:
     Run(const Course& course, const tune::LinkProfile& profile)
-        : m_course(course),
-          m_line(lineSettings(course), course.seed), m_ends{End(0, course, profile), End(1, course, profile)}
+        : m_course(course), m_line(std::array{lineSettings(course, 0), lineSettings(course, 1)}, course.seed),
+          m_ends{End(0, course, profile), End(1, course, profile)}
     {
         rig::Rng rng(course.seed + 1);
         rig::Faults faults;
@@ -162,6 +171,7 @@ public:
             graceNs + static_cast<std::int64_t>(static_cast<double>(most) / bytesPerS() / leastShare) * nsPerS;
         bool isDone = false;
         while (!isDone) {
+            retrainNowAndThen();
             End& end = rig::awaitNextTurn(m_ends);
             end.turn();
             if (m_ends[0].knowsPeer() && m_ends[1].knowsPeer())
@@ -180,6 +190,17 @@ public:
     }
 
 private:
+    void retrainNowAndThen()
+    {
+        if (m_course.retrainMs == 0 || nowNs() < m_nextRetrainNs)
+            return;
+        if (m_nextRetrainNs > 0) {
+            for (int end = 0; end < 2; ++end)
+                m_line.from(end).pauseUntil(nowNs() + m_course.retrainMs * nsPerMs);
+        }
+        m_nextRetrainNs = nowNs() + static_cast<std::int64_t>(m_rng.below(2 * meanBetweenRetrainsNs));
+    }
+
     double bytesPerS() const { return static_cast<double>(m_course.line.rate) / bitsPerByteOnLine; }
 
     void noteMoment(std::int64_t startNs, Outcome::Moment* moment)
@@ -208,6 +229,8 @@ private:
     }
 
     const Course& m_course;
+    rig::Rng m_rng{m_course.seed + 2};
+    std::int64_t m_nextRetrainNs = 0;
     rig::Line m_line;
     std::array<End, 2> m_ends;
     std::array<QByteArray, 2> m_files;
@@ -232,4 +255,4 @@ Outcome run(const Course& course, const tune::LinkProfile& profile)
     return run.run();
 }
 
-} // namespace rig::measure
+} // namespace measure

@@ -15,6 +15,12 @@ struct Course
 {
     tune::LineFacts line;
     std::array<bool, 2> adaptive{}; // whether that end is
+    double wayBackShare = 1; // of the rate, that the way from end 1 has
+    bool hidesOutput = false; // the drivers tell nothing of what they have still to send
+    int modemBytes = 0; // of a modem's own buffer, behind a port that is portShare times as fast as
+    double portShare = 1; // the line
+    bool flowControl = true;
+    int retrainMs = 0; // now and then nothing is carried for so long
     bool wakesWhenLow = false; // the driver calls itself writable only when nearly empty
     std::array<std::int64_t, 2> bytes{}; // a file of so many from that end; 0: none
     int pauseMs = 0; // now and then a host does nothing for so long, as on a busy machine
