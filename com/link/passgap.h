@@ -14,15 +14,15 @@ public:
     void pass(qint64 nowUs)
     {
         const qint64 sinceUs = m_lastPassUs < 0 ? 0 : nowUs - m_lastPassUs;
-        m_gapUs = std::min(longestUs, std::max(sinceUs, m_gapUs - m_gapUs / decay));
+        m_gapUs = std::min(longestUs, std::max(sinceUs, m_gapUs - m_gapUs * sinceUs / fadingUs));
         m_lastPassUs = nowUs;
     }
 
-    // The longest gap; one that is not seen again fades by a 64th in each pass.
+    // The longest gap; one that is not seen again fades within some seconds.
     qint64 us() const { return m_gapUs; }
 
 private:
-    static constexpr qint64 decay = 64;
+    static constexpr qint64 fadingUs = 8 * 1000 * 1000;
 
     qint64 m_lastPassUs = -1;
     qint64 m_gapUs = 0;
