@@ -14,6 +14,7 @@
 #include <QRandomGenerator>
 
 #include <algorithm>
+#include <limits>
 
 namespace host {
 
@@ -252,7 +253,10 @@ void TransportHost::makeContext()
     m_context->store = m_store->forSessions();
     m_context->directory = m_peers.get();
     m_context->keepsConnections = m_options.keepConnections;
-    m_context->maxBlockBytes = CSettings().detailsTransportComMaxBytesToWrite();
+    // An adaptive link says itself what fits into a packet.
+    m_context->maxBlockBytes = CSettings().detailsTransportComAdaptive() != 0
+                                   ? std::numeric_limits<int>::max()
+                                   : CSettings().detailsTransportComMaxBytesToWrite();
     m_context->sleepRules = [this](const QString& channelName) { return sleepRules(channelName); };
     m_context->report = [this](const SessionReport& report) {
         QMetaObject::invokeMethod(

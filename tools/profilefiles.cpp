@@ -81,6 +81,24 @@ QString installationError(const QString& directory)
     return QString();
 }
 
+bool isAdaptive(const QString& installation)
+{
+    // Not by QSettings: that would keep what it read, and whoever asks next would not be told that
+    // the file is damaged.
+    QFile file(QDir(settingsPath(installation)).absoluteFilePath(QStringLiteral("settings.ini")));
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    QByteArray group;
+    for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
+        line = line.trimmed();
+        if (line.startsWith('[') && line.endsWith(']'))
+            group = line.mid(1, line.size() - 2) + '/';
+        else if (group + line == settingKey(Setting::DetailsTransportComAdaptive).key().toLatin1() + "=1")
+            return true;
+    }
+    return false;
+}
+
 QString writeProfile(const QString& installation, const LinkProfile& profile)
 {
     QString error = installationError(installation);
@@ -92,15 +110,19 @@ QString writeProfile(const QString& installation, const LinkProfile& profile)
     error = readChannelSettings(channelPath, &channel);
     if (!error.isEmpty())
         return error;
-    error = writeKeys(settingsDir.absoluteFilePath(QStringLiteral("settings.ini")), profile);
+    if (!isAdaptive(installation))
+        error = writeKeys(settingsDir.absoluteFilePath(QStringLiteral("settings.ini")), profile);
     if (!error.isEmpty())
         return error;
     channel.packetSize = profile.packetSize;
     error = Global::safeSaving(channelPath, channel.toByteArray());
     if (error.isEmpty())
         return QString();
-    return QStringLiteral("%1: %2; settings.ini has its new values already: mend this and run it again")
-        .arg(channelPath, error);
+    const QString halfDone =
+        isAdaptive(installation)
+            ? QString()
+            : QStringLiteral("; settings.ini has its new values already: mend this and run it again");
+    return QStringLiteral("%1: %2%3").arg(channelPath, error, halfDone);
 }
 
 } // namespace tune

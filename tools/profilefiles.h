@@ -10,7 +10,11 @@ namespace tune {
 // Empty if directory is the root of an installation; otherwise what is missing, for the user.
 QString installationError(const QString& directory);
 
-// Puts the profile's values into settings/settings.ini and settings/channelCom.conf of the
+// Whether the link of the installation measures the line itself. Then of a profile only the packet
+// size is of use: it is the largest that the link chooses.
+bool isAdaptive(const QString& installation);
+
+// Puts the profile's values (if the link is adaptive, its packet size) into settings/settings.ini and settings/channelCom.conf of the
 // installation; all other content of both stays. Files are replaced as a whole, and
 // nothing is changed when one of them cannot be understood. An error text, empty on
 // success.

@@ -127,8 +127,11 @@ struct Value
     const char* unit;
 };
 
-QList<Value> valuesOf(const LinkProfile& profile)
+// Of an adaptive link's settings only the first one is left.
+QList<Value> valuesOf(const LinkProfile& profile, bool isAdaptive)
 {
+    if (isAdaptive)
+        return {{QStringLiteral("packetSize"), profile.packetSize, "bytes"}};
     const auto key = [](Setting setting) { return settingKey(setting).key(); };
     return {
         {QStringLiteral("packetSize"), profile.packetSize, "bytes"},
@@ -139,34 +142,62 @@ QList<Value> valuesOf(const LinkProfile& profile)
     };
 }
 
-void printTable(QTextStream& out, const LineFacts& line, const LinkProfile& profile, const Goodput& goodput)
+struct Advice
+{
+    LinkProfile profile;
+    bool isAdaptive = false;
+    Goodput goodput; // of the profile
+};
+
+Advice adviceFor(const Request& request)
+{
+    // The link makes packets smaller than this where noise asks for it, and knows the rest.
+    constexpr int largestUsefulPacket = 4096;
+    Advice advice{recommendedProfile(request.line), isAdaptive(request.installation), expectedGoodput(request.line)};
+    if (advice.isAdaptive)
+        advice.profile.packetSize = largestUsefulPacket;
+    return advice;
+}
+
+void printTable(QTextStream& out, const LineFacts& line, const Advice& advice)
 {
     out << "line: " << line.rate << " bit/s, delay " << line.delayMs << " ms, bit error rate " << line.bitErrorRate
         << ", buffers of " << line.bufferBytes << " bytes\n\n";
     constexpr int nameWidth = 42;
     constexpr int numberWidth = 8;
-    for (const Value& value : valuesOf(profile)) {
+    for (const Value& value : valuesOf(advice.profile, advice.isAdaptive)) {
         out << value.name.leftJustified(nameWidth) << QString::number(value.value).rightJustified(numberWidth) << ' '
             << value.unit << '\n';
     }
+    if (advice.isAdaptive) {
+        out << "\nThe link of this installation measures the line itself (transportComAdaptive is 1):\n"
+               "there is nothing else to set.\n";
+        return;
+    }
+    const Goodput& goodput = advice.goodput;
     out << "\nexpected goodput: " << share(goodput.oneWay) << " of the line (" << inRate(goodput.oneWay, line.rate)
         << " bytes/s) one way, " << share(goodput.bothWays) << " each way (" << inRate(goodput.bothWays, line.rate)
         << " bytes/s) with both ways busy\n";
 }
 
-void printJson(QTextStream& out, const LineFacts& line, const LinkProfile& profile, const Goodput& goodput)
+void printJson(QTextStream& out, const LineFacts& line, const Advice& advice)
 {
     QJsonObject settings;
-    for (const Value& value : valuesOf(profile))
+    for (const Value& value : valuesOf(advice.profile, advice.isAdaptive))
         settings.insert(value.name, value.value);
-    const QJsonObject object{
+    QJsonObject object{
         {"line", QJsonObject{{"rate", line.rate},
                              {"delayMs", line.delayMs},
                              {"bitErrorRate", line.bitErrorRate},
                              {"bufferBytes", line.bufferBytes}}},
+        {"adaptive", advice.isAdaptive},
         {"settings", settings},
-        {"goodput", QJsonObject{{"oneWay", goodput.oneWay}, {"bothWays", goodput.bothWays}}},
     };
+    if (!advice.isAdaptive) {
+        const Goodput& goodput = advice.goodput;
+        object.insert(QStringLiteral("goodput"),
+                      QJsonObject{{"oneWay", goodput.oneWay}, {"bothWays", goodput.bothWays}});
+    }
     out << QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Indented));
 }
 
@@ -178,19 +209,18 @@ int usageError(QTextStream& err, const QString& text)
 
 int carryOut(const Request& request, QTextStream& out, QTextStream& err)
 {
-    const LinkProfile profile = recommendedProfile(request.line);
+    const Advice advice = adviceFor(request);
     if (request.write) {
-        const QString error = writeProfile(request.installation, profile);
+        const QString error = writeProfile(request.installation, advice.profile);
         if (!error.isEmpty()) {
             err << "transport-tune: " << error << Qt::endl;
             return failed;
         }
     }
-    const Goodput goodput = expectedGoodput(request.line);
     if (request.json)
-        printJson(out, request.line, profile, goodput);
+        printJson(out, request.line, advice);
     else
-        printTable(out, request.line, profile, goodput);
+        printTable(out, request.line, advice);
     if (request.write && !request.json)
         out << "written into " << request.installation << "; hosts that run take it when they are started again\n";
     out.flush();

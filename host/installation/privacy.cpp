@@ -1,6 +1,7 @@
 #include "host/installation/privacy.h"
 
 #include "common/global.h"
+#include "common/settingskeys.h"
 #include "host/installation/hostsettings.h"
 
 #include <QDir>
@@ -109,7 +110,8 @@ void followMode(mode_t directory)
     umask((~directory & groupAndOthers) | kept);
 }
 
-QString writePermissions(mode_t directory)
+// The channel's own default is what other hosts expect of it; ours has the link measure the line.
+QString writeSettings(mode_t directory)
 {
     const bool isShared = directory & S_IWGRP;
     const QString error = settingsBarred(Global::internalSettingsFilePath());
@@ -118,6 +120,7 @@ QString writePermissions(mode_t directory)
     QSettings settings(Global::internalSettingsFilePath(), QSettings::IniFormat);
     settings.setValue(QStringLiteral("Permissions/dirPermissions"), isShared ? groupDirectories : ownerDirectories);
     settings.setValue(QStringLiteral("Permissions/filePermissions"), isShared ? groupFiles : ownerFiles);
+    settings.setValue(settingKey(Setting::DetailsTransportComAdaptive).key(), 1);
     settings.sync();
     return settings.status() == QSettings::NoError
                ? QString()
@@ -142,7 +145,7 @@ QString complete(gid_t group)
     // Only if we may write there. Otherwise it is somebody else's, and we only read it.
     if (error.isEmpty() && !exists(Global::internalSettingsFilePath()) &&
         ::access(QFile::encodeName(settingsPath()).constData(), W_OK) == 0)
-        error = writePermissions(status.st_mode);
+        error = writeSettings(status.st_mode);
     return error;
 }
 

@@ -29,6 +29,8 @@ using rig::nsPerS;
 
 constexpr int bitsPerByteOnLine = 10;
 
+constexpr int mostBlockBytes = 65536; // the channel says what it takes
+
 constexpr std::int64_t meanBetweenPausesNs = 10 * nsPerS;
 
 constexpr std::int64_t meanBetweenRetrainsNs = 20 * nsPerS;
@@ -56,7 +58,7 @@ public:
         m_session = std::make_unique<host::Session>(
             settings, call, &m_directory, store.forSessions(), [this](const host::SessionEvent& event) { note(event); },
             nowMs());
-        m_pass = std::make_unique<host::SessionPass>(m_session.get(), m_channel.get(), profile.maxBytesToWrite, nowMs);
+        m_pass = std::make_unique<host::SessionPass>(m_session.get(), m_channel.get(), course.adaptive[end] ? mostBlockBytes : profile.maxBytesToWrite, nowMs);
     }
 
     rig::MemoryStore store;

@@ -254,6 +254,12 @@ TEST_P(Privacy, SetupOfAnExistingInstallationChangesNothing)
     EXPECT_EQ(modeOf(path("settings")), 0700u);
 }
 
+TEST_P(Privacy, ANewInstallationHasAnAdaptiveLink)
+{
+    ASSERT_EQ(call({QStringLiteral("setup")}), 0) << output.toStdString();
+    EXPECT_TRUE(readAll(path("settings/settings.ini")).contains("[Details]\ntransportComAdaptive=1\n"));
+}
+
 // As versions before left it.
 TEST_P(Privacy, AnOpenInstallationStaysAsItIs)
 {

@@ -227,6 +227,37 @@ TEST_F(WritingProfiles, SettingsAsTheChannelReadsThem)
     EXPECT_EQ(QFile::permissions(path("settings.ini")), QFileDevice::Permissions(0x6666));
 }
 
+// Such a link needs to be told the largest packet, and nothing else.
+TEST_F(WritingProfiles, OfAnAdaptiveLinkThePacketSizeAlone)
+{
+    put("settings.ini", "[Details]\ntransportComAdaptive=1\n");
+    const Result result = write();
+    EXPECT_EQ(result.status, 0) << result.err.toStdString();
+    EXPECT_EQ(result.out, QStringLiteral("line: 33600 bit/s, delay 0 ms, bit error rate 0, buffers of 4096 bytes\n"
+                                         "\n"
+                                         "packetSize                                    4096 bytes\n"
+                                         "\n"
+                                         "The link of this installation measures the line itself (transportComAdaptive "
+                                         "is 1):\n"
+                                         "there is nothing else to set.\n"
+                                         "written into %1; hosts that run take it when they are started again\n")
+                              .arg(root));
+    EXPECT_EQ(content("settings.ini"), QByteArray("[Details]\ntransportComAdaptive=1\n"));
+    EXPECT_EQ(channel().packetSize, 4096);
+    const QJsonObject told = QJsonDocument::fromJson(write({"--json"}).out.toUtf8()).object();
+    EXPECT_EQ(told.keys(), QStringList({"adaptive", "line", "settings"}));
+    EXPECT_TRUE(told["adaptive"].toBool());
+    EXPECT_EQ(told["settings"].toObject(), QJsonObject({{"packetSize", 4096}}));
+}
+
+TEST_F(WritingProfiles, OfALinkThatIsNotAdaptiveAllOfIt)
+{
+    put("settings.ini", "[Details]\ntransportComAdaptive=0\n");
+    EXPECT_EQ(write().status, 0);
+    EXPECT_EQ(key("Details/transportComResendInterval"), tune::recommendedProfile(line(33600)).resendIntervalMs);
+    EXPECT_EQ(channel().packetSize, tune::recommendedProfile(line(33600)).packetSize);
+}
+
 TEST_F(WritingProfiles, IntoTheProgramsOwnInstallationUnlessToldOtherwise)
 {
     QDir().mkpath(rig::installRoot() + QStringLiteral("/settings"));

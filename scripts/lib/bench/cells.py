@@ -11,12 +11,12 @@ RATES = (9600, 33600, 115200, 921600)
 DELAYS_MS = (0, 100)
 BIT_ERROR_RATES = (0.0, 1e-5, 1e-4)
 
-OURS_DEFAULT, OURS_PROFILE = "transportCom", "transportCom, profile"
+OURS_DEFAULT, OURS_PROFILE, OURS_ADAPTIVE = "transportCom", "transportCom, profile", "transportCom, adaptive"
 UUCP_DEFAULT, UUCP_FITTED = "UUCP i", "UUCP i, fitted"
 ZMODEM_DEFAULT, ZMODEM_8K, ZMODEM_WINDOW = "ZMODEM", "ZMODEM 8K", "ZMODEM window"
 KERMIT = "Kermit"
 
-OURS = (OURS_DEFAULT, OURS_PROFILE)
+OURS = (OURS_ADAPTIVE, OURS_DEFAULT, OURS_PROFILE)
 PEERS = (UUCP_DEFAULT, UUCP_FITTED, ZMODEM_DEFAULT, ZMODEM_8K, ZMODEM_WINDOW, KERMIT)
 BOTH_WAYS_PROGRAMS = OURS + (UUCP_DEFAULT, UUCP_FITTED)
 
@@ -102,9 +102,9 @@ def quick_matrix():
         for program in (*OURS, UUCP_DEFAULT, UUCP_FITTED, ZMODEM_DEFAULT, KERMIT):
             cells.append(Cell(condition, program, 0, 10))
     for ber in (0.0, 1e-5):
-        cells += [Cell(Condition(MESSAGES, 115200, 0, ber), program, 0, 10) for program in (OURS_DEFAULT, OURS_PROFILE, UUCP_DEFAULT)]
+        cells += [Cell(Condition(MESSAGES, 115200, 0, ber), program, 0, 10) for program in (*OURS, UUCP_DEFAULT)]
     cells += [Cell(Condition(ONE_WAY, rate, 0, 0.0), program, 0, 10) for rate in (9600, 33600) for program in (*OURS, UUCP_DEFAULT)]
-    cells += [Cell(Condition(ONE_WAY, 921600, 0, 0.0), program, 0, 6) for program in (OURS_PROFILE, UUCP_DEFAULT)]
+    cells += [Cell(Condition(ONE_WAY, 921600, 0, 0.0), program, 0, 6) for program in (OURS_ADAPTIVE, OURS_PROFILE, UUCP_DEFAULT)]
     return cells
 
 

@@ -208,7 +208,7 @@ def measure(arguments, out):
 def exit_status(runs):
     """1 if a run could not be measured or failed with our recommended settings, with a word on each."""
     # With default settings a line far from 56 to 115 kbit/s may well be too slow.
-    bad = [run for run in runs if not run["measured"] or (run["program"] == cells.OURS_PROFILE and not run["ok"])]
+    bad = [run for run in runs if not run["measured"] or (run["program"] in (cells.OURS_PROFILE, cells.OURS_ADAPTIVE) and not run["ok"])]
     for run in bad:
         what = "failed" if run["measured"] else "was not measured"
         print(f"error: {run['program']} {what} at {run['rate']} bit/s, {run['delayMs']} ms, {run['ber']:g} ({run['traffic']}): {run['why']}", file=sys.stderr)

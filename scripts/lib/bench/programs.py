@@ -204,11 +204,21 @@ class Installation:
         self.command("name", self.name)
         self.command("port", "add", self.port, "--baud", min(condition.rate * 2, 4000000))
         self.command("abonent", "add", peer.name, "--number", peer.number)
-        if cell.program == cells.OURS_PROFILE:
+        self.set_adaptive(cell.program == cells.OURS_ADAPTIVE)
+        if cell.program in (cells.OURS_PROFILE, cells.OURS_ADAPTIVE):
             self.command("--rate", condition.rate, "--delay", condition.delay_ms, "--ber", f"{condition.ber:g}", "--write",
                          "--installation", self.root, program="transport-tune")
         if files:
             self.command("send", peer.name, *(self.root / "out" / name for name in sorted(files)))
+
+    def set_adaptive(self, is_adaptive):
+        path = self.root / "settings" / "settings.ini"
+        laid_out = "transportComAdaptive=1"
+        text = path.read_text()
+        if laid_out not in text:
+            raise CellError("the installation was laid out without " + laid_out)
+        if not is_adaptive:
+            path.write_text(text.replace(laid_out, "transportComAdaptive=0"))
 
     def run_arguments(self, expected, limit, *more):
         return [self.program, "run", "--plain", "--events", self.events_path, "--retry-seconds", "0.05", "--exit-when-sent",

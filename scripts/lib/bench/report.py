@@ -7,7 +7,7 @@ from . import cells, summary, tables
 from .machine import machine_lines
 
 COLOURS = {
-    cells.OURS_DEFAULT: "#1f77b4", cells.OURS_PROFILE: "#0b3d91", cells.UUCP_DEFAULT: "#ffbb78", cells.UUCP_FITTED: "#ff7f0e",
+    cells.OURS_ADAPTIVE: "#17becf", cells.OURS_DEFAULT: "#1f77b4", cells.OURS_PROFILE: "#0b3d91", cells.UUCP_DEFAULT: "#ffbb78", cells.UUCP_FITTED: "#ff7f0e",
     cells.ZMODEM_DEFAULT: "#98df8a", cells.ZMODEM_8K: "#2ca02c", cells.ZMODEM_WINDOW: "#8c6d31", cells.KERMIT: "#9467bd",
 }
 STYLE = """body{font:15px/1.45 sans-serif;max-width:75em;margin:2em auto;padding:0 1em;color:#222}

@@ -107,7 +107,21 @@ def targets():
     wanted += [Target(cells.Condition(cells.BOTH_WAYS, t.condition.rate, t.condition.delay_ms, t.condition.ber), t.program, round(t.least - 0.02, 4))
                for t in list(wanted)]
     wanted += [Target(cells.Condition(cells.MESSAGES, 115200, 0, ber), cells.OURS_PROFILE, least) for ber, least in ((0.0, 0.90), (1e-5, 0.80))]
-    return wanted
+    return wanted + adaptive_targets()
+
+
+def adaptive_targets():
+    """Without any tuning: clean, with an error in 100 kbit and in 10 kbit; one way and both ways."""
+    table = {(9600, 0): ((0.980, 0.970), (0.930, 0.905), (0.80, 0.77)),
+             (33600, 0): ((0.990, 0.985), (0.941, 0.925), (0.81, 0.78)),
+             (115200, 0): ((0.995, 0.990), (0.941, 0.925), (0.81, 0.78)),
+             (921600, 0): ((0.994, 0.988), (0.938, 0.920), (0.78, 0.70)),
+             (115200, 100): ((0.988, 0.982), (0.937, 0.920), (0.79, 0.74))}
+    wanted = [Target(cells.Condition(traffic, rate, delay, ber), cells.OURS_ADAPTIVE, least)
+              for (rate, delay), row in table.items() for ber, pair in zip(cells.BIT_ERROR_RATES, row)
+              for traffic, least in zip((cells.ONE_WAY, cells.BOTH_WAYS), pair)]
+    return wanted + [Target(cells.Condition(cells.MESSAGES, 115200, 0, ber), cells.OURS_ADAPTIVE, least)
+                     for ber, least in zip(cells.BIT_ERROR_RATES, (0.95, 0.90, 0.78))]
 
 
 def best_peer(summaries, condition):
