@@ -73,29 +73,29 @@ struct Options
     double seconds = 60;
     int pauseMs = 0;
     int adaptiveEnds = 0;
-    measure::Course hazards; // what the line and its modems are like beyond the grid
+    rig::measure::Course hazards; // what the line and its modems are like beyond the grid
     int seeds = 1;
     int jobs = 2;
 };
 
 constexpr double mostBytes = 1e9; // of a file, which is held in memory more than once
 
-bool takeHazard(const std::string& name, soak::CommandLine& line, measure::Course* hazards)
+bool takeHazard(const std::string& name, rig::CommandLine& line, rig::measure::Course* hazards)
 {
     constexpr int mostModemBytes = 1 << 20;
     constexpr int mostMs = 600000;
     if (name == "--modem")
-        hazards->modemBytes = soak::wholeNumber(line.value(), 0, mostModemBytes);
+        hazards->modemBytes = rig::wholeNumber(line.value(), 0, mostModemBytes);
     else if (name == "--port-share")
-        hazards->portShare = soak::number(line.value());
+        hazards->portShare = rig::number(line.value());
     else if (name == "--no-flow-control")
         hazards->flowControl = false;
     else if (name == "--hides")
         hazards->hidesOutput = true;
     else if (name == "--way-back")
-        hazards->wayBackShare = soak::number(line.value());
+        hazards->wayBackShare = rig::number(line.value());
     else if (name == "--retrain")
-        hazards->retrainMs = soak::wholeNumber(line.value(), 0, mostMs);
+        hazards->retrainMs = rig::wholeNumber(line.value(), 0, mostMs);
     else
         return false;
     return true;

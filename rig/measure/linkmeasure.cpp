@@ -19,7 +19,7 @@
 #include <algorithm>
 #include <memory>
 
-namespace measure {
+namespace rig::measure {
 
 namespace {
 
@@ -58,7 +58,8 @@ public:
         m_session = std::make_unique<host::Session>(
             settings, call, &m_directory, store.forSessions(), [this](const host::SessionEvent& event) { note(event); },
             nowMs());
-        m_pass = std::make_unique<host::SessionPass>(m_session.get(), m_channel.get(), course.adaptive[end] ? mostBlockBytes : profile.maxBytesToWrite, nowMs);
+        m_pass = std::make_unique<host::SessionPass>(
+            m_session.get(), m_channel.get(), course.adaptive[end] ? mostBlockBytes : profile.maxBytesToWrite, nowMs);
     }
 
     rig::MemoryStore store;
@@ -257,4 +258,4 @@ Outcome run(const Course& course, const tune::LinkProfile& profile)
     return run.run();
 }
 
-} // namespace measure
+} // namespace rig::measure
