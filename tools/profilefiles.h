@@ -14,10 +14,10 @@ QString installationError(const QString& directory);
 // size is of use: it is the largest that the link chooses.
 bool isAdaptive(const QString& installation);
 
-// Puts the profile's values (if the link is adaptive, its packet size) into settings/settings.ini and settings/channelCom.conf of the
-// installation; all other content of both stays. Files are replaced as a whole, and
-// nothing is changed when one of them cannot be understood. An error text, empty on
-// success.
+// Puts the profile's values into settings/settings.ini and settings/channelCom.conf of the
+// installation; if its link is adaptive, the packet size alone. All other content of both stays.
+// Files are replaced as a whole, and nothing is changed when one of them cannot be understood. An
+// error text, empty on success.
 [[nodiscard]] QString writeProfile(const QString& installation, const LinkProfile& profile);
 
 } // namespace tune
