@@ -106,9 +106,10 @@ CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int c
     _CFunctionDebug trace(Q_FUNC_INFO);
     type = ChannelType::dialUp;
     m_confirmationTimer.start();
+    if (!isAdaptive)
+        return;
     m_clock.start();
-    if (isAdaptive)
-        m_adaptive = std::make_unique<Adaptive>(adaptiveSettings());
+    m_adaptive = std::make_unique<Adaptive>(adaptiveSettings());
 }
 
 void CComChannel::disconnectFromAbonent()

@@ -97,5 +97,5 @@ private:
         ConfirmationPace confirmations;
     };
     std::unique_ptr<Adaptive> m_adaptive;
-    QElapsedTimer m_clock; // steady; since construction
+    QElapsedTimer m_clock; // of it; steady, since construction
 };
