@@ -95,6 +95,8 @@ TEST_P(Conversation, IsTheRecordedOne)
     linktest::setKey(QStringLiteral("Details/transportComResendInterval"), int(rng.between(300, 3000)));
     linktest::setKey(QStringLiteral("Details/transportComConfirmationInterval"), int(rng.between(50, 800)));
     linktest::setKey(QStringLiteral("Details/transportComMaxBytesToWrite"), int(rng.between(100, 4096)));
+    // Writing a default into the file takes time, too.
+    linktest::setKey(QStringLiteral("Details/transportComAdaptive"), 0);
     rig::LineSettings settings;
     settings.bitsPerSecond = std::array{2400, 9600, 33600, 115200}[rng.below(4)];
     settings.delayNs = rng.between(0, 200) * nsPerMs;
