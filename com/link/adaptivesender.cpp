@@ -18,6 +18,9 @@ constexpr qint64 passWorkUs = 20 * usPerMs;
 
 constexpr double queueGain = 1.5;
 constexpr int packetsOfQueue = 8; // at the least
+// At the most: Linux keeps 64 KiB of what comes in for a program that does not read, and what is
+// more than that is lost.
+constexpr int mostQueuedForPausingPeer = 48 * 1024;
 
 constexpr int packetsUnderWay = 3; // beyond what rate and round trip make
 constexpr double fasterPort = 1.3; // than the line, if it is no mistake of measuring
@@ -280,7 +283,8 @@ int AdaptiveSender::mostQueuedBytes() const
     if (m_delivery.isMeasured())
         bytesPerS = std::min(bytesPerS, 2 * m_delivery.bytesPerS());
     const double roundTripS = static_cast<double>(m_roundTrip.smoothedUs() + slackUs()) / usPerS;
-    return static_cast<int>(queueGain * bytesPerS * roundTripS) + packetsOfQueue * packetBytes();
+    const double most = queueGain * bytesPerS * roundTripS + packetsOfQueue * packetBytes();
+    return static_cast<int>(std::min<double>(most, mostQueuedForPausingPeer));
 }
 
 qint64 AdaptiveSender::slackUs() const
