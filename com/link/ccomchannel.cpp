@@ -188,10 +188,7 @@ int CComChannel::idealBlockSize()
 
 void CComChannel::readPort()
 {
-    if (m_adaptive)
-        m_port->flush(); // what the driver did not take before
-    else
-        waitForWritten(*m_port, readWaitMs);
+    waitForWritten(*m_port, m_adaptive ? 0 : readWaitMs); // adaptive: what the driver takes at once
     if (m_port->bytesAvailable() == 0)
         waitForInput(*m_port, readWaitMs);
     const QByteArray bytes = m_port->readAll();
