@@ -1,5 +1,6 @@
 // What the worker asks a serial port: its modem lines, and whether its device is still there.
 #include "com/port/modemport.h"
+#include "rig/deadline.h"
 #include "rig/testroot.h"
 #include "sim/pty/ptyendpoint.h"
 
@@ -18,7 +19,15 @@ protected:
         EXPECT_TRUE(port.setDataTerminalReady(true));
     }
 
-    const QString link = rig::installRoot() + QStringLiteral("/modem1");
+    // What a test has put there is none of the endpoint's, which leaves it.
+    static QString freeLink()
+    {
+        const QString path = rig::installRoot() + QStringLiteral("/modem1");
+        QFile::remove(path);
+        return path;
+    }
+
+    const QString link = freeLink();
     sim::PtyEndpoint endpoint{link};
     QSerialPort port;
 };
@@ -73,14 +82,40 @@ TEST_F(ModemPortTest, APortThatIsNotOpenHasNoDeviceToLose)
 
 TEST_F(ModemPortTest, ShuttingDropsDtrAndWhatWaits)
 {
-    ASSERT_EQ(port.write("waiting"), 7);
+    ASSERT_EQ(port.write("old"), 3);
+    ASSERT_TRUE(rig::waitFor([&] {
+        port.flush();
+        return endpoint.bytesFromProgram() == 3;
+    })) << "in the driver";
+    ASSERT_EQ(endpoint.write("unread"), 6);
     const unsigned dropsBefore = endpoint.dtrDrops();
     shutPort(port);
     EXPECT_FALSE(port.isOpen());
     EXPECT_EQ(endpoint.dtrDrops(), dropsBefore + 1);
     EXPECT_EQ(endpoint.programSignals() & sim::SignalDtr, 0);
-    EXPECT_EQ(endpoint.read(), QByteArray());
+    // The next call must hear and say nothing of this one.
+    ASSERT_TRUE(port.open(QIODevice::ReadWrite));
+    ASSERT_EQ(port.write("new"), 3);
+    QByteArray heard;
+    ASSERT_TRUE(rig::waitFor([&] {
+        port.flush();
+        heard += endpoint.read();
+        return heard.size() >= 3;
+    }));
+    EXPECT_EQ(heard, QByteArray("new"));
+    ASSERT_EQ(endpoint.write("fresh"), 5);
+    QByteArray received;
+    ASSERT_TRUE(rig::waitFor([&] {
+        received += port.readAll();
+        return received.size() >= 5;
+    }));
+    EXPECT_EQ(received, QByteArray("fresh"));
+}
+
+TEST_F(ModemPortTest, AClosedPortIsLeftAlone)
+{
+    port.close();
     port.clearError();
     shutPort(port);
-    EXPECT_EQ(port.error(), QSerialPort::NoError) << "a closed port is left alone";
+    EXPECT_EQ(port.error(), QSerialPort::NoError);
 }
