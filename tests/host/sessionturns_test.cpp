@@ -34,28 +34,49 @@ void runCourse(SessionPair* pair, const Course& course, bool sleeps)
     EXPECT_TRUE(isOver()) << course.name;
 }
 
-std::vector<Course> courses()
+LineOptions slowLine()
 {
-    const int bytesPerMs = 1;
-    LineOptions slow;
-    slow.bytesPerStep = bytesPerMs;
-    LineOptions cut = slow;
+    LineOptions line;
+    line.bytesPerStep = 1; // a step is a millisecond
+    return line;
+}
+
+void bothSend(SessionPair* pair)
+{
+    pair->a.store.queue(QStringLiteral("f"), randomBytes(60000, 1));
+    pair->b.store.queue(QStringLiteral("g"), randomBytes(3000, 2));
+}
+
+void rareHeartbeats(SessionPair* pair)
+{
+    pair->a.store.queue(QStringLiteral("f"), "content");
+    pair->a.settings.heartbeatMs = pair->b.settings.heartbeatMs = 7700;
+    pair->nowMs += 333; // so that what is done each second is not done when something else is
+}
+
+void silenceAfter9s(SessionPair* pair)
+{
+    pair->a.silent = pair->b.silent = pair->nowMs > 9000;
+}
+
+void stopAt(SessionPair* pair, qint64 ms)
+{
+    if (pair->nowMs == ms)
+        pair->a.session->stop(QStringLiteral("stopped"), pair->nowMs);
+}
+
+void knowNobody(SessionPair* pair)
+{
+    pair->b.directory.names.clear();
+    pair->b.directory.everybodyElse.clear();
+}
+
+std::vector<Course> transfers()
+{
+    LineOptions cut = slowLine();
     cut.cutAfterBytes = 40000;
-    const auto bothSend = [](SessionPair* pair) {
-        pair->a.store.queue(QStringLiteral("f"), randomBytes(60000, 1));
-        pair->b.store.queue(QStringLiteral("g"), randomBytes(3000, 2));
-    };
-    const auto rareHeartbeats = [](SessionPair* pair) {
-        pair->a.store.queue(QStringLiteral("f"), "content");
-        pair->a.settings.heartbeatMs = pair->b.settings.heartbeatMs = 7700;
-        pair->nowMs += 333; // so that what is done each second is not done when something else is
-    };
-    const auto guarded = [](SessionPair* pair) {
-        pair->b.settings.guard = std::make_shared<HandshakeGuard>([] { return qint64(0); });
-        pair->b.settings.guard->failed();
-    };
     return {
-        {"both send", slow, bothSend},
+        {"both send", slowLine(), bothSend},
         {"a fast line", {}, bothSend},
         {"the line breaks", cut, bothSend},
         {"a part is compared",
@@ -65,7 +86,7 @@ std::vector<Course> courses()
              const quint64 id = pair->a.store.queue(QStringLiteral("f"), content);
              pair->b.store.standing[id] = content.left(8950000);
          }},
-        {"kept by one host, then by the other", slow, rareHeartbeats,
+        {"kept by one host, then by the other", slowLine(), rareHeartbeats,
          [](SessionPair* pair) {
              pair->a.session->setKeepAlive(pair->nowMs < 31000);
              if (pair->nowMs == 30000)
@@ -73,40 +94,53 @@ std::vector<Course> courses()
              if (pair->nowMs == 35000)
                  pair->b.session->setKeepAlive(false);
          }},
-        {"the answer is slowed down", slow, guarded},
-        {"nobody is heard any more", slow, bothSend,
-         [](SessionPair* pair) { pair->a.silent = pair->b.silent = pair->nowMs > 9000; }},
-        {"our host stops", slow, bothSend,
+    };
+}
+
+std::vector<Course> earlyEnds()
+{
+    return {
+        {"nobody is heard any more", slowLine(), bothSend, silenceAfter9s},
+        {"our host stops", slowLine(), bothSend, [](SessionPair* pair) { stopAt(pair, 9000); }},
+        {"our host stops on a dead line", slowLine(), bothSend,
          [](SessionPair* pair) {
-             if (pair->nowMs == 9000)
-                 pair->a.session->stop(QStringLiteral("stopped"), pair->nowMs);
+             silenceAfter9s(pair);
+             stopAt(pair, 20000);
          }},
-        {"our host stops on a dead line", slow, bothSend,
+    };
+}
+
+std::vector<Course> strangers()
+{
+    return {
+        {"the answer is slowed down", slowLine(),
          [](SessionPair* pair) {
-             pair->a.silent = pair->b.silent = pair->nowMs > 9000;
-             if (pair->nowMs == 20000)
-                 pair->a.session->stop(QStringLiteral("stopped"), pair->nowMs);
+             pair->b.settings.guard = std::make_shared<HandshakeGuard>([] { return qint64(0); });
+             pair->b.settings.guard->failed();
          }},
-        {"a stranger", slow,
+        {"a stranger", slowLine(),
          [](SessionPair* pair) {
-             pair->b.directory.names.clear();
-             pair->b.directory.everybodyElse.clear();
+             knowNobody(pair);
              pair->b.directory.acceptsUnknown = true;
              pair->b.settings.strangerMs = 20000;
          },
          [](SessionPair* pair) { pair->b.session->setKeepAlive(true); }},
-        {"a stranger who is refused", slow,
-         [](SessionPair* pair) {
-             pair->b.directory.names.clear();
-             pair->b.directory.everybodyElse.clear();
-         }},
-        {"blocked while it is in", slow, rareHeartbeats,
+        {"a stranger who is refused", slowLine(), knowNobody},
+        {"blocked while it is in", slowLine(), rareHeartbeats,
          [](SessionPair* pair) {
              pair->b.session->setKeepAlive(true);
              if (pair->nowMs == 20000)
                  pair->b.directory.blockedKeys.insert(testKey(1)->publicKey());
          }},
     };
+}
+
+std::vector<Course> courses()
+{
+    std::vector<Course> all = transfers();
+    for (const std::vector<Course>& more : {earlyEnds(), strangers()})
+        all.insert(all.end(), more.begin(), more.end());
+    return all;
 }
 
 } // namespace
