@@ -20,7 +20,7 @@ constexpr double queueGain = 1.5;
 constexpr int packetsOfQueue = 8; // at the least
 // At the most: Linux keeps 64 KiB of what comes in for a program that does not read, and what is
 // more than that is lost.
-constexpr int mostQueuedForPausingPeer = 48 * 1024;
+constexpr int mostQueuedForPausingPeer = 30 * 1024;
 
 constexpr int packetsUnderWay = 3; // beyond what rate and round trip make
 constexpr double fasterPort = 1.3; // than the line, if it is no mistake of measuring

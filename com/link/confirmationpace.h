@@ -11,9 +11,10 @@ class ConfirmationPace
 public:
     // Of the peer's data, between two confirmations, while data of ours is under way too.
     static constexpr int bytesBetween = 1500;
-    // Of the previous confirmation, numbers up to this far behind the highest one are said again.
-    // The peer does not use a number again before it is 256 past it.
-    static constexpr int saidAgainBehind = 100;
+    // Of the previous confirmation, numbers up to this far behind the highest one are said again. A
+    // number comes again 256 later, and the peer sends at most 120 beyond what has arrived: twice
+    // this would still do.
+    static constexpr int saidAgainBehind = 60;
 
     // A data packet arrived, wireBytes long. expected: the number due before it was looked at.
     void arrived(quint8 number, quint8 expected, int wireBytes);
