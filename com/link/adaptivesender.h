@@ -25,7 +25,11 @@ public:
         int maxBytesInQueue = 0;
         int resendIntervalMs = 0;
     };
-    explicit AdaptiveSender(const Settings& settings) : m_settings(settings) {}
+    // noise: to begin with.
+    explicit AdaptiveSender(const Settings& settings, const NoiseEstimate& noise = {})
+        : m_settings(settings), m_noise(noise)
+    {
+    }
 
     // The channel's queue as it stands: first what was sent, then what was not.
     struct Queue
@@ -69,7 +73,7 @@ public:
     int packetBytes() const;
     int mostQueuedBytes() const;
 
-    double noisePerByte() const { return m_noise.perByte(); }
+    const NoiseEstimate& noise() const { return m_noise; }
 
 private:
     struct View; // of the queue, taken apart

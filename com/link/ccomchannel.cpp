@@ -2,6 +2,7 @@
 
 #include "com/link/currentcomsettings.h"
 #include "com/link/linkrules.h"
+#include "com/link/rememberednoise.h"
 #include "com/port/pendingoutput.h"
 #include "com/port/portwait.h"
 #include "common/csettings.h"
@@ -109,7 +110,17 @@ CComChannel::CComChannel(QSerialPort* port, CAbstractChannelsState* state, int c
     if (!isAdaptive)
         return;
     m_clock.start();
-    m_adaptive = std::make_unique<Adaptive>(adaptiveSettings());
+    m_adaptive = std::make_unique<Adaptive>(m_port->portName(), adaptiveSettings());
+}
+
+CComChannel::Adaptive::Adaptive(const QString& port, const AdaptiveSender::Settings& settings)
+    : portName(port), sender(settings, rememberedNoise(port))
+{
+}
+
+CComChannel::Adaptive::~Adaptive()
+{
+    rememberNoise(portName, sender.noise());
 }
 
 void CComChannel::disconnectFromAbonent()
@@ -400,7 +411,7 @@ void CComChannel::sendConfirmation()
     QSet<quint8> numbers = m_toConfirm;
     if (m_adaptive) {
         const bool isWayIdle = !hasUnsent() && pendingOutput(*m_port) == 0;
-        numbers = m_adaptive->confirmations.take(m_toConfirm, isWayIdle, m_adaptive->sender.noisePerByte());
+        numbers = m_adaptive->confirmations.take(m_toConfirm, isWayIdle, m_adaptive->sender.noise().perByte());
     }
     packet.data = linkrules::confirmationPayload(numbers);
     packet.makePacket();

@@ -92,7 +92,9 @@ private:
     // With Details/transportComAdaptive only.
     struct Adaptive
     {
-        explicit Adaptive(const AdaptiveSender::Settings& settings) : sender(settings) {}
+        Adaptive(const QString& port, const AdaptiveSender::Settings& settings);
+        ~Adaptive();
+        const QString portName;
         AdaptiveSender sender;
         ConfirmationPace confirmations;
     };

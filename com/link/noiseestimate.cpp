@@ -11,6 +11,9 @@ namespace {
 constexpr double mostLosses = 40;
 constexpr double mostBytes = 4e6;
 
+constexpr double mostLossesRemembered = 2; // from call to call
+constexpr double mostBytesRemembered = 2e5;
+
 constexpr int burstPackets = 4;
 
 constexpr double longestOnLineS = 2; // of one packet, or nothing else gets through
@@ -50,6 +53,15 @@ int NoiseEstimate::packetBytes(double bytesPerS, qint64 roundTripUs) const
     const double least = std::min(roundTripBytes / packetsPerRoundTrip, rareLoss / a);
     const double size = std::min(std::max(best, least), bytesPerS > 0 ? longestOnLineS * bytesPerS : best);
     return static_cast<int>(std::max<double>(smallestPacketBytes, std::min(size, 65535.0)));
+}
+
+NoiseEstimate NoiseEstimate::startOfNextCall() const
+{
+    NoiseEstimate start;
+    start.m_losses = std::min(m_losses, mostLossesRemembered);
+    start.m_bytes = std::min(start.m_losses / perByte(), mostBytesRemembered);
+    start.m_losses = start.m_bytes * perByte();
+    return start;
 }
 
 void NoiseEstimate::forgetOld()

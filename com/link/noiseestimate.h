@@ -22,6 +22,10 @@ public:
     // A packet's size on the wire. bytesPerS: of the line; roundTripUs: until a confirmation comes.
     int packetBytes(double bytesPerS, qint64 roundTripUs) const;
 
+    // The same noise as a first guess: a few packets of the next call, which may be over another
+    // line, weigh as much.
+    NoiseEstimate startOfNextCall() const;
+
 private:
     void forgetOld();
 
