@@ -35,7 +35,7 @@ void SessionPass::readAll()
 
 int SessionPass::sleepMs() const
 {
-    if (m_longestSleepMs <= 0 || !m_link.isAtRest())
+    if (!m_link.isAtRest())
         return 0;
     const qint64 untilTurnMs = std::min<qint64>(m_longestSleepMs, m_session->nextTurnMs() - m_clock());
     return untilTurnMs > pauseMs() ? static_cast<int>(untilTurnMs) : 0;
