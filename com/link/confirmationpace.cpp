@@ -41,7 +41,7 @@ QSet<quint8> ConfirmationPace::take(const QSet<quint8>& numbers, bool isWayIdle,
 qint64 ConfirmationPace::placeOf(quint8 number) const
 {
     const auto expected = static_cast<quint8>(m_expected);
-    if (number == expected || linkrules::numberLessThen(expected, number))
+    if (linkrules::numberLessThen(expected, number))
         return m_expected + linkrules::stepsFrom(expected, number);
     return m_expected - linkrules::stepsFrom(number, expected);
 }

@@ -19,7 +19,7 @@ public:
     // A data packet arrived, wireBytes long. expected: the number due before it was looked at.
     void arrived(quint8 number, quint8 expected, int wireBytes);
 
-    // isIdle: nothing of ours waits to be sent, and the port is empty.
+    // isSending: data of ours waits to be sent; pendingBytes: what the port still holds.
     bool isDue(bool isSending, qint64 pendingBytes) const;
 
     // The numbers of the next confirmation: numbers, and the last one's again if that is worth its
