@@ -28,14 +28,16 @@ void DrainRate::look(qint64 nowUs, qint64 writtenBytes, qint64 pendingBytes)
 // A port that has run dry took at least so much.
 void DrainRate::finishSample()
 {
-    const double sample = static_cast<double>(m_sampledBytes) * usPerS / static_cast<double>(m_sampledUs);
-    if (!isMeasured())
-        m_bytesPerS = sample;
-    else if (m_hasRunDry)
-        m_bytesPerS = std::max(m_bytesPerS, sample);
-    else
-        m_bytesPerS += gain * (sample - m_bytesPerS);
-    m_fastest = std::max(m_fastest, sample);
+    if (m_sampledBytes > 0) { // a modem that stalls says nothing of its rate
+        const double sample = static_cast<double>(m_sampledBytes) * usPerS / static_cast<double>(m_sampledUs);
+        if (!isMeasured())
+            m_bytesPerS = sample;
+        else if (m_hasRunDry)
+            m_bytesPerS = std::max(m_bytesPerS, sample);
+        else
+            m_bytesPerS += gain * (sample - m_bytesPerS);
+        m_fastest = std::max(m_fastest, sample);
+    }
     m_sampledUs = 0;
     m_sampledBytes = 0;
     m_hasRunDry = false;
