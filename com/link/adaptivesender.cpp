@@ -196,7 +196,7 @@ AdaptiveSender::Step AdaptiveSender::repeatAll(const View& view, qint64 nowUs)
     }
     const quint8 number = m_round.takeLast();
     m_silence.repeatedInRound(m_transmissions.of(number).wireBytes, nowUs);
-    return {Step::Repeat, number, false};
+    return {Step::Repeat, number, false, number == view.number(0)};
 }
 
 // Whatever the rules above may have missed goes again, long after it went.
@@ -206,7 +206,7 @@ AdaptiveSender::Step AdaptiveSender::repeatOverdue(const View& view, qint64 nowU
     for (qsizetype i = view.unsent; i > 0; --i) {
         const Transmissions::Packet& packet = m_transmissions.of(view.number(i - 1));
         if (packet.departedUs >= 0 && nowUs - packet.departedUs > longestUs)
-            return {Step::Repeat, view.number(i - 1), packet.isLost};
+            return {Step::Repeat, view.number(i - 1), packet.isLost, i == 1};
     }
     return {};
 }

@@ -283,6 +283,18 @@ TEST_F(AdaptiveRepeats, TheFirstRoundsComeWithTheSecondProbe)
     EXPECT_EQ(bed.pass(4020, {}, 9), "empty 5, again 1, again 5, again 4, again 3, again 2, again 1, again 5, again 4");
 }
 
+// Packets 2 to 4 may be held by the peer, which waits for 1 and delivers it alone.
+TEST_F(AdaptiveRepeats, SomethingFollowsTheOldestPacketOfARoundThatEnded)
+{
+    send(4);
+    bed.limit = 3;
+    bed.pass(2010);
+    bed.pass(2020);
+    EXPECT_EQ(bed.pass(4020, {}, 6), "again 4, again 1, again 4, again 3, again 2, again 1");
+    bed.limit = 4;
+    EXPECT_EQ(bed.pass(4030, {2}), "empty 5");
+}
+
 TEST_F(AdaptiveRepeats, AConfirmationEndsARound)
 {
     send(4);
@@ -326,7 +338,8 @@ TEST_F(AdaptiveRepeats, WhatNoOtherRuleCaughtGoesAgainAfterFourTimeouts)
     for (int number = 2; number <= 9; ++number)
         EXPECT_EQ(bed.pass(2600 + (number - 1) * 3000, {number}), "") << "no silence";
     EXPECT_EQ(bed.pass(300 + 4 * 7350), "");
-    EXPECT_EQ(bed.pass(300 + 4 * 7350 + 300), "again 12, again 11, again 10");
+    EXPECT_EQ(bed.pass(300 + 4 * 7350 + 300), "again 12, again 11, again 10, empty 15")
+        << "10 fills a gap, and is delivered alone";
 }
 
 // Samples
