@@ -206,7 +206,7 @@ AdaptiveSender::Step AdaptiveSender::repeatOverdue(const View& view, qint64 nowU
     for (qsizetype i = view.unsent; i > 0; --i) {
         const Transmissions::Packet& packet = m_transmissions.of(view.number(i - 1));
         if (packet.departedUs >= 0 && nowUs - packet.departedUs > longestUs)
-            return {Step::Repeat, view.number(i - 1), packet.isLost, i == 1};
+            return {Step::Repeat, view.number(i - 1), packet.isLost, true};
     }
     return {};
 }
