@@ -22,6 +22,7 @@ public:
     {
         bool tellsDepth = false; // otherwise it always says that it is empty
         qint64 bytesPerS = 0; // 0: what was written in one pass is gone by the next
+        qint64 hiddenBytes = 0; // in a driver that tells nothing of what it holds
     };
 
     static AdaptiveSender::Settings defaultSettings() { return {1024, 1024, 10240, 2000}; }
@@ -134,7 +135,7 @@ public:
 private:
     static constexpr qint64 usPerS = 1'000'000;
 
-    qint64 toldBytes() const { return port.tellsDepth ? pendingBytes : 0; }
+    qint64 toldBytes() const { return port.tellsDepth ? std::max<qint64>(0, pendingBytes - port.hiddenBytes) : 0; }
 
     void drain(qint64 forUs)
     {
