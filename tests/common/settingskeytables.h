@@ -6,6 +6,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <gtest/gtest.h>
 
 #include <limits>
 

@@ -1,5 +1,6 @@
 #include "host/session/frame.h"
 
+#include <QVector>
 #include <gtest/gtest.h>
 
 #include <utility>
