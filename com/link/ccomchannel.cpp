@@ -250,7 +250,10 @@ void CComChannel::computeData(const CComPacket& packet)
         // Held packets are delivered only with the next packet that arrives ahead.
         deliver(packet);
     } else if (linkrules::numberLessThen(m_expectedNumber, packet.number)) {
-        linkrules::hold(m_held, packet);
+        CComPacket kept;
+        kept.number = packet.number;
+        kept.data = QByteArray(packet.data.constData(), packet.data.size());
+        linkrules::hold(m_held, kept);
         while (!m_held.isEmpty() && m_held.first().number == m_expectedNumber)
             deliver(m_held.takeFirst());
     }
@@ -292,7 +295,7 @@ void CComChannel::computeConfirmation(const CComPacket& packet)
 void CComChannel::deliver(const CComPacket& packet)
 {
     m_channelsState->addReceivedBytes(m_channelIndex, packet.data.size());
-    m_received.append(packet.data);
+    m_received.append(packet.data.constData(), packet.data.size()); // a view as a rule: not to be shared
     ++m_expectedNumber;
 }
 

@@ -55,6 +55,10 @@ bool CComPacket::readPacket(QByteArray* buffer)
 {
     int end = 0;
     const Cut found = cut(buffer->constData(), buffer->size(), &end);
+    if (found == Cut::Packet) {
+        data.detach();
+        bytes.detach();
+    }
     // If a packet is not complete, the bytes before it stay too.
     if (found != Cut::Incomplete && end > 0)
         buffer->remove(0, end);
@@ -76,7 +80,7 @@ CComPacket::Cut CComPacket::cut(const char* buffer, int size, int* end)
         const int length = qFromLittleEndian<quint16>(header + lengthOffset);
         *end = static_cast<int>(header - buffer);
         if (length == 0) {
-            bytes = QByteArray(header, headerSize);
+            bytes = QByteArray::fromRawData(header, headerSize);
             *end += headerSize;
             return Cut::Packet;
         }
@@ -86,8 +90,8 @@ CComPacket::Cut CComPacket::cut(const char* buffer, int size, int* end)
             return Cut::Incomplete;
         const quint32 check = crc32(header, headerSize + length);
         if (check == qFromLittleEndian<quint32>(header + headerSize + length)) {
-            data = QByteArray(header + headerSize, length);
-            bytes = QByteArray(header, wireSize);
+            data = QByteArray::fromRawData(header + headerSize, length);
+            bytes = QByteArray::fromRawData(header, wireSize);
             *end += wireSize;
             return Cut::Packet;
         }

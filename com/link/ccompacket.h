@@ -30,7 +30,8 @@ public:
         Nothing, // the bytes from *end on may be the beginning of a packet
     };
 
-    // The same over bytes that stay where they are.
+    // The same over bytes that stay where they are; then data and bytes are views of them, for as
+    // long as they stay unchanged.
     Cut cut(const char* buffer, int size, int* end);
 
     quint8 type = DataPacket; // a PacketType; other values travel, and are ignored

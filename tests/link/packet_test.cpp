@@ -337,6 +337,26 @@ TEST(Cut, TakesWhatTheBufferWouldLose)
     EXPECT_EQ(end, 0);
 }
 
+TEST(Cut, LeavesThePayloadWhereItIs)
+{
+    const QByteArray bytes = helloWire;
+    CComPacket cut;
+    int end = 0;
+    ASSERT_EQ(cut.cut(bytes.constData(), bytes.size(), &end), CComPacket::Cut::Packet);
+    EXPECT_EQ(static_cast<const void*>(cut.data.constData()), bytes.constData() + 7);
+    EXPECT_EQ(static_cast<const void*>(cut.bytes.constData()), bytes.constData());
+}
+
+TEST(ReadPacket, OwnsWhatItHasRead)
+{
+    QByteArray buffer = helloWire + "more";
+    CComPacket read;
+    ASSERT_TRUE(read.readPacket(&buffer));
+    buffer.fill('x', 100);
+    EXPECT_EQ(read.data, "Hello");
+    EXPECT_TRUE(sameBytes(read.bytes, helloWire));
+}
+
 // Properties over random traffic.
 
 class RandomTraffic : public testing::Test
