@@ -1,12 +1,16 @@
 // What the commands tell the user, whole: a script may look for it, and a half sentence helps nobody.
 #include "common/global.h"
+#include "tests/common/logsupport.h"
 #include "tests/host/calledcommand.h"
 #include "tests/host/storetools.h"
 
 #include <QDate>
 #include <gtest/gtest.h>
 
+#include <pwd.h>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace hosttest;
@@ -222,4 +226,20 @@ TEST_F(CommandTexts, ANewInstallation)
     expectDone({"setup"}, QStringLiteral("made %1 for you alone\n").arg(directories));
     const Called again = callCommand({"setup"});
     EXPECT_EQ(again.out.toStdString(), directories.toStdString() + " are laid out already; nothing was changed\n");
+}
+
+// Whoever may not make the directories learns what somebody who may has to do.
+TEST_F(CommandTexts, AnInstallationThatCannotBeMade)
+{
+    const QString settings = Global::settingsDir().absolutePath();
+    const QString data = Global::dataDir().absolutePath();
+    QDir(settings).removeRecursively();
+    QDir(data).removeRecursively();
+    const QByteArray root = QFile::encodeName(rig::installRoot());
+    ASSERT_EQ(::chmod(root.constData(), 0555), 0);
+    logtest::obeyPermissionBits();
+    expectFailure({"setup"}, QStringLiteral("cannot make %1: Permission denied; have somebody who may do so give the "
+                                            "command \"install -d -m 700 -o %2 %1 %3\"")
+                                 .arg(settings, QString::fromLocal8Bit(::getpwuid(::geteuid())->pw_name), data));
+    ASSERT_EQ(::chmod(root.constData(), 0755), 0);
 }

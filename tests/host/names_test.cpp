@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <set>
 
 using namespace host;
 
@@ -107,5 +108,20 @@ TEST(Names, WhatIsInvisibleIsNotShown)
         const uint characters[] = {'a', character, 'b'};
         const QString name = QString::fromUcs4(characters, 3);
         EXPECT_EQ(host::displayName(name), name) << character;
+    }
+}
+
+// Of all format characters only the joiners are kept, and the marks of Arabic, Syriac and Kaithi that
+// span the digits behind them: those with the property Prepended_Concatenation_Mark in Unicode 13.
+TEST(Names, EveryFormatCharacterIsInvisibleButForTheseFew)
+{
+    const std::set<uint> shown{0x200C, 0x200D, 0x0600, 0x0601, 0x0602,  0x0603, 0x0604,
+                               0x0605, 0x06DD, 0x070F, 0x08E2, 0x110BD, 0x110CD};
+    for (uint character = 0; character <= QChar::LastValidCodePoint; ++character) {
+        if (QChar::category(character) != QChar::Other_Format)
+            continue;
+        const uint characters[] = {'a', character, 'b'}; // alone, one of them would be taken for a byte order mark
+        const QString text = QString::fromUcs4(characters, 3);
+        EXPECT_EQ(host::displayName(text) == text, shown.count(character) > 0) << character;
     }
 }

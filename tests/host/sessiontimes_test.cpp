@@ -113,6 +113,19 @@ TEST_F(Times, Limits)
     EXPECT_EQ(endAt(stranger, 900000), SessionEnd::TimeUsedUp);
 }
 
+// As the table in docs/reference-host.md has them.
+TEST_F(Times, WhatAHostDecidesUnlessItIsTold)
+{
+    const SessionSettings standard;
+    EXPECT_EQ(standard.heartbeatMs, 1000);
+    EXPECT_EQ(standard.aliveMs, 10000);
+    EXPECT_EQ(standard.openingMs, 60000);
+    EXPECT_EQ(standard.silenceMs, 120000);
+    EXPECT_EQ(standard.uselessMs, 300000);
+    EXPECT_EQ(standard.stallMs, 600000);
+    EXPECT_EQ(standard.strangerMs, 900000);
+}
+
 // The user is told the limit that was passed.
 TEST_F(Times, ReasonsNameTheLimit)
 {

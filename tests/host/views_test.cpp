@@ -387,6 +387,18 @@ TEST(LiveView, LeavesTheLastPictureWithTheLatestLinesOfTheJournal)
     EXPECT_EQ(shownBy(out), picture + "\x1B[7A" + picture) << "the second over the first";
 }
 
+TEST(LiveView, DrawsOverAPictureOfOneLine)
+{
+    TransportHost host{HostOptions()};
+    std::FILE* const out = std::tmpfile();
+    ASSERT_NE(out, nullptr);
+    TerminalView view(&host, ViewKind::Live, out);
+    view.finish();
+    view.finish();
+    const std::string picture = "transport-host    TIME  queued 0, delivered 0, received 0\x1B[K\n\x1B[J";
+    EXPECT_EQ(shownBy(out), picture + "\x1B[1A" + picture);
+}
+
 TEST(QuietView, PrintsNothing)
 {
     TransportHost host{HostOptions()};
