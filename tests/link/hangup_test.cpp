@@ -3,6 +3,8 @@
 #include "sim/pty/ptyendpoint.h"
 #include "tests/link/channelfixture.h"
 
+#include <QThread>
+
 using namespace linktest;
 
 namespace {
@@ -69,6 +71,25 @@ TEST_F(HangUpTest, ReplacesATimeoutOutOfRange)
     answerToEscape("OK\r\n");
     m_channel.disconnectFromAbonent();
     EXPECT_EQ(keyInFile(resetTimeoutKey).toInt(), 2000);
+}
+
+// Echoes and noise that come without a pause do not hold up the escape.
+TEST_F(HangUpTest, ALineThatIsNeverSilentIsLeftAllTheSame)
+{
+    int reads = 0;
+    m_port.injectOnWait("x\n");
+    m_port.setAfterRead([&] {
+        if (m_escapeAt >= 0 || ++reads > 1000)
+            return;
+        QThread::msleep(1);
+        m_port.injectOnWait("x\n");
+    });
+    answerToEscape("OK\r\n");
+    m_channel.disconnectFromAbonent();
+    EXPECT_EQ(m_chunks, (QList<QByteArray>{"+++", "ATH\r\n"}));
+    EXPECT_GE(m_escapeAt, 1000);
+    EXPECT_LE(m_escapeAt, 1020);
+    EXPECT_EQ(logLines(), QStringList{command});
 }
 
 TEST_F(HangUpTest, DoesNotTakeAnOkThatWasPending)
