@@ -234,6 +234,20 @@ class TrialsTest(unittest.TestCase):
         for process in map(int, (self.folder / "hangs").read_text().split()):
             self.assertTrue(ends(process), process)
 
+    def test_a_test_that_was_only_slow_is_given_more_time_and_has_not_found_it(self):
+        given = []
+
+        def run(_, __, seconds):
+            given.append(seconds)
+            return ("" if seconds > 50 else f"not over after {seconds} s"), seconds
+
+        with unittest.mock.patch.object(trials.Runner, "run", run):
+            verdict = self.judge(self.shell("slow", "", 1000.0))
+            self.assertIsNone(verdict.found)
+            self.assertEqual(verdict.unsteady, ["slow: not over after 20 s, then passed"])
+            self.judge(self.shell("bounded", "", 30.0))
+        self.assertEqual(given, [20, 80, 20, 30.0])
+
     def test_a_crash_is_a_failure(self):
         self.assertIn("killed by signal 9", self.judge(self.shell("crashes", "kill -KILL $$")).found)
 

@@ -16,6 +16,8 @@ from mutate.workplace import CouldNotRun, end_group, run
 # A test may take so many times as long as without a fault, and at least that long; then it hangs.
 TIMES_AS_LONG = 10
 LEAST_SECONDS = 20
+# And so many times longer when it is asked again: on a machine that has become busy meanwhile it may only be slow.
+PATIENCE = 4
 # What a fault that never ends may take of the machine.
 FILE_BYTES = 1 << 30
 MEMORY_BYTES = 4 << 30
@@ -99,7 +101,7 @@ class Runner:
             failed, waiting, ran = self._until_failure(waiting, taken)
             count += ran
             for test, ended in failed:
-                again, _ = self.run(test, longest(test, taken))
+                again, _ = self.run(test, min(test.seconds, PATIENCE * longest(test, taken)))
                 if again:
                     return Verdict(f"{test.name}: {ended}, then {again}", unsteady, count)
                 unsteady.append(f"{test.name}: {ended}, then passed")
