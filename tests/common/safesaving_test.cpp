@@ -206,6 +206,22 @@ TEST_F(SafeSaving, ShortWritesAreGoneOnWith)
     EXPECT_GE(watch.callsOf({"write"}).size(), 100u);
 }
 
+// Somebody makes room meanwhile: five seconds are left for that.
+TEST_F(SafeSaving, DiskThatIsFullForAMomentIsWaitedFor)
+{
+    int writes = 0;
+    const SystemCallWatch watch(directory.toStdString(), [&writes](SystemCall& call) {
+        if (call.name != "write")
+            return 0;
+        call.bytes = ++writes == 1 ? std::size_t(10) : call.bytes;
+        return writes == 2 ? ENOSPC : 0;
+    });
+    const QByteArray data = patternOf('a', 1000);
+    EXPECT_EQ(save(data), QString());
+    EXPECT_EQ(content(u("target")), data);
+    EXPECT_EQ(writes, 3);
+}
+
 TEST_F(SafeSaving, DiskThatFailsLate)
 {
     put(u("target"), "old");
