@@ -2,6 +2,7 @@
 // has the descriptor 0, and that is as good as any other.
 #include "common/global.h"
 #include "common/logger.h"
+#include "common/plantedlinks.h"
 #include "tests/common/logsupport.h"
 #include "tests/support/systemcalls.h"
 
@@ -54,4 +55,24 @@ TEST(ClosedInput, ALineOfTheLogTakesOneOpening)
     logText("second");
     EXPECT_THAT(watch.callsOf({"open"}), ElementsAre("open "));
     EXPECT_EQ(logTexts(), (QStringList{QStringLiteral("first"), QStringLiteral("second")}));
+}
+
+TEST(ClosedInput, EveryWayToOpenAFileGivesItsDescriptor)
+{
+    const QString path = rootPath(QStringLiteral("files/file"));
+    ASSERT_TRUE(writeFile(path, "old"));
+    const QString device = rootPath(QStringLiteral("files/device"));
+    ASSERT_TRUE(QFile::link(QStringLiteral("/dev/null"), device));
+    for (const auto open : {openForAppending, openOwnForAppending, openExistingForAppending, openEmpty, openNew}) {
+        ::close(STDIN_FILENO);
+        EXPECT_EQ(open(QFile::encodeName(path)), STDIN_FILENO);
+    }
+    for (const auto open : {openForAppending, openOwnForAppending, openEmpty}) {
+        ::close(STDIN_FILENO);
+        EXPECT_EQ(open(QFile::encodeName(device)), STDIN_FILENO) << "behind a link of our own";
+    }
+    ::close(STDIN_FILENO);
+    QString error;
+    EXPECT_TRUE(changePermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner, &error)) << qPrintable(error);
+    EXPECT_EQ(logtest::modeOf(path), 0600);
 }
