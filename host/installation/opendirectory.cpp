@@ -149,15 +149,18 @@ QString OpenDirectory::openForWriting(const QString& name, QFile* file) const
 QString OpenDirectory::open(const QString& name, int flags, QFile* file) const
 {
     const bool isForReading = (flags & O_ACCMODE) == O_RDONLY;
-    const QString cannot =
-        (isForReading ? QStringLiteral("cannot read %1: %2") : QStringLiteral("cannot write %1: %2")).arg(pathOf(name));
+    const auto cannot = [&](const QString& reason) { // both at once: a name may contain "%2"
+        const QString text =
+            isForReading ? QStringLiteral("cannot read %1: %2") : QStringLiteral("cannot write %1: %2");
+        return text.arg(pathOf(name), reason);
+    };
     const QByteArray encoded = QFile::encodeName(name);
     // O_NONBLOCK: a pipe must be refused, not waited for.
     const int descriptor =
         ::openat(m_descriptor, encoded.constData(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
     if (descriptor < 0) {
         const int number = errno;
-        return isLink(m_descriptor, encoded) ? linkText(pathOf(name)) : cannot.arg(qt_error_string(number));
+        return isLink(m_descriptor, encoded) ? linkText(pathOf(name)) : cannot(qt_error_string(number));
     }
     struct stat facts = {};
     QString fault;
@@ -171,7 +174,7 @@ QString OpenDirectory::open(const QString& name, int flags, QFile* file) const
     if (fault.isEmpty() && file->open(descriptor, mode, QFileDevice::AutoCloseHandle))
         return QString();
     ::close(descriptor);
-    return cannot.arg(fault.isEmpty() ? file->errorString() : fault);
+    return cannot(fault.isEmpty() ? file->errorString() : fault);
 }
 
 QString OpenDirectory::removeTree(const QString& name) const

@@ -104,6 +104,13 @@ TEST_F(OpenDirectoryTest, FilesThatCannotBeUsedAreTold)
     EXPECT_EQ(text(directory.openForReading(QStringLiteral("g"), &file)), "") << "reading does it no harm";
 }
 
+// A name is a peer's choice.
+TEST_F(OpenDirectoryTest, ANameWithAMarkerIsToldAsItIs)
+{
+    EXPECT_EQ(text(directory.openForReading(QStringLiteral("a%2b%1"), &file)),
+              "cannot read " + at + "/a%2b%1: No such file or directory");
+}
+
 TEST_F(OpenDirectoryTest, DirectoriesAreMadeMovedAndRemoved)
 {
     ::umask(0);
