@@ -3,7 +3,6 @@
 #include "common/csettings.h"
 #include "common/global.h"
 #include "common/logger.h"
-#include "host/installation/diskfile.h"
 #include "host/installation/names.h"
 #include "plugin/api/channeltype.h"
 #include "plugin/api/journalkind.h"

@@ -51,7 +51,6 @@ public:
     void append(const char* data, std::size_t size) { m_buffer.append(data, size); }
     bool next(WirePacket* packet);
     void clear() { m_buffer.clear(); }
-    std::size_t bytesWaiting() const { return m_buffer.size(); }
 
 private:
     std::string m_buffer;

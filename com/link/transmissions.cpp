@@ -1,7 +1,6 @@
 #include "com/link/transmissions.h"
 
 #include <algorithm>
-#include <utility>
 
 void Transmissions::sent(quint8 number, int wireBytes)
 {

@@ -1,7 +1,5 @@
 #include "host/installation/opendirectory.h"
 
-#include <QFileInfo>
-
 #include <cerrno>
 #include <cstdio>
 #include <dirent.h>

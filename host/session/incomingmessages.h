@@ -37,7 +37,6 @@ public:
     // The peer knows of everything that we have stored.
     void settleAll() { settleFirst(m_toSettle.size()); }
 
-    [[nodiscard]] bool isReceiving() const { return m_receiving.has_value(); }
     [[nodiscard]] bool hasMuchToReceive() const;
     [[nodiscard]] bool nothingLeft() const { return m_toAcknowledge.isEmpty() && !m_receiving; }
     // True when too many answers wait: the peer makes us answer and does not take the answers.

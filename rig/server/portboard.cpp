@@ -100,12 +100,6 @@ int PortBoard::countOf(const QString& text) const
     return count;
 }
 
-int PortBoard::everAdded() const
-{
-    QMutexLocker locker(&m_mutex);
-    return m_added;
-}
-
 qint64 PortBoard::msSinceLastRemoval() const
 {
     QMutexLocker locker(&m_mutex);

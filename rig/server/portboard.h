@@ -31,7 +31,6 @@ public:
     int count() const; // ports registered
     bool isFree(const QString& port) const;
     int countOf(const QString& text) const; // of these, ports that say exactly this
-    int everAdded() const;
     // Since the last port went away; -1 when none ever did.
     qint64 msSinceLastRemoval() const;
     // Ports touched that were not registered, registered twice, and the like.
