@@ -36,7 +36,7 @@ class CellsTest(unittest.TestCase):
                     for program in cells.OURS + cells.PEERS:
                         self.assertIn((cells.Condition(cells.ONE_WAY, rate, delay, ber), program), one_way)
         self.assertIn((cells.Condition(cells.ONE_WAY, 57600, 0, 0.0), cells.UUCP_FITTED), one_way)
-        self.assertEqual(len(one_way), 25 * 8)
+        self.assertEqual(len(one_way), 25 * 9)
 
     def test_main_conditions_run_three_times(self):
         counts = {}
