@@ -199,11 +199,20 @@ class Installation:
     def command(self, *arguments, program="transport-host"):
         run_checked([self.root / "bin" / program, *arguments])
 
+    def lay_out(self):
+        """From here on it has a key, which the other side has to know."""
+        self.command("name", self.name)
+
+    def key(self):
+        status, output = output_of([self.program, "key", "--json"], stderr=subprocess.DEVNULL)  # may say that it made one
+        if status != 0:
+            raise CellError(f"the key of {self.name} cannot be told: status {status}")
+        return json.loads(output)["key"]
+
     def configure(self, cell, peer, files):
         condition = cell.condition
-        self.command("name", self.name)
         self.command("port", "add", self.port, "--baud", min(condition.rate * 2, 4000000))
-        self.command("abonent", "add", peer.name, "--number", peer.number)
+        self.command("abonent", "add", peer.name, "--number", peer.number, "--key", peer.key())
         self.set_adaptive(cell.program == cells.OURS_ADAPTIVE)
         if cell.program in (cells.OURS_PROFILE, cells.OURS_ADAPTIVE):
             self.command("--rate", condition.rate, "--delay", condition.delay_ms, "--ber", f"{condition.ber:g}", "--write",
@@ -277,8 +286,10 @@ def run_ours(cell, setup, directory, data):
              for i, (name, number) in enumerate((("north", "101"), ("south", "102")))]
     limit = cell.time_limit(setup.slowest_share)
     group = Group()
-    for i, side in enumerate(sides):
+    for side in sides:
         shutil.copytree(setup.template(), side.root, dirs_exist_ok=True)
+        side.lay_out()
+    for i, side in enumerate(sides):
         side.configure(cell, sides[1 - i], data[i])
     exchange = Exchange(setup, links, cell)
     try:
