@@ -166,6 +166,8 @@ AdaptiveSender::Step AdaptiveSender::repeatLost(const View& view, qint64 nowUs)
     };
     while (!m_lost.isEmpty() && !isToRepeat(m_lost.last()))
         m_lost.removeLast();
+    if (!mayBeUnderWay(nowUs))
+        return {}; // and no batch begins
     bool begins = false;
     if (m_lost.isEmpty()) {
         for (qsizetype i = 0; i < view.unsent; ++i) {
@@ -174,7 +176,7 @@ AdaptiveSender::Step AdaptiveSender::repeatLost(const View& view, qint64 nowUs)
         }
         begins = !m_lost.isEmpty();
     }
-    if (m_lost.isEmpty() || !mayBeUnderWay(nowUs))
+    if (m_lost.isEmpty())
         return {};
     if (begins && m_wasRepeat) {
         if (view.hasUnsent() && view.isWithinLimit(view.nextNew().number))

@@ -129,6 +129,19 @@ TEST_F(AdaptivePace, RepeatsWaitUntilTheyMayBeUnderWay)
     EXPECT_EQ(small.pass(2110, {4, 5, 6, 7, 8, 9, 10}), "needed 2, empty 13");
 }
 
+// A repeat went last, so something new goes before the next one, however long both had to wait.
+TEST_F(AdaptivePace, ABatchThatWaitsHasNotBegun)
+{
+    SenderBed small({1024, 1024, 300, 2000});
+    small.write(10, of100Bytes);
+    small.pass(0);
+    small.pass(10);
+    small.write(1, of100Bytes);
+    EXPECT_EQ(small.pass(2010), "again 10, again 1");
+    EXPECT_EQ(small.pass(2100, {3}), "") << "2 is lost, but 800 bytes are under way, of 300";
+    EXPECT_EQ(small.pass(2110, {4, 5, 6, 7, 8, 9, 10}), "new 11, needed 2, empty 12");
+}
+
 // 300 bytes in 2 s: 150 bytes/s; SRTT 1235.6 ms; 1.5 losses in 3190 bytes, so packets of 157. The
 // queue is 1.5 * 150 bytes/s * (1235.6 + 40 ms) and eight of these.
 TEST_F(AdaptivePace, ALostPacketCountsOnceWithWhatLeftTheLine)
